@@ -1,0 +1,23 @@
+// Lines to agents: one message goes out whole, bounded in time.
+//
+// Limits    A message has 2 s in all; one that meets them counts as broken: the sender shuts the socket
+//           down, and the listener's hang-up road closes it. Later senders then fail at once.
+// Errors    0, or -1 when the agent has no control connection or the message did not go out.
+// Threads   Any; the record's sendMutex orders the senders. Never under the decode lock. The listener reads
+//           the same socket meanwhile: its time-out and mode are left alone.
+#pragma once
+
+#include <cstddef>
+
+#include "commonlibc/context/vx_application.h"
+
+namespace vx {
+
+// Sends `length` bytes as they are.
+int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length);
+// Sends newline, line, newline in one buffer.
+int vxRelayLine(processInfo_t& process, const char* line);
+// Relays to every process of the current instance that has a control connection; the number reached.
+int vxRelayToAll(const char* line);
+
+}  // namespace vx

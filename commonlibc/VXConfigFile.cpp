@@ -1,0 +1,64 @@
+#include "commonlibc/VXConfigFile.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "commonlibc/VXSys.h"
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/vxlb_guard.h"
+
+namespace vx {
+
+namespace {
+
+constexpr const char* kConfigFolder = "config";
+
+bool isComment(const std::string& line) {
+    return line.empty() || std::strchr("\t\n\r #", line[0]) != nullptr;  // a zero byte too
+}
+
+// Reads up to the line's end and keeps at most `maxLength` bytes. False at the end of the file.
+bool readLine(std::FILE* file, std::size_t maxLength, std::string& line, bool& tooLong) {
+    line.clear();
+    tooLong = false;
+    int byte = std::fgetc(file);
+    if (byte == EOF) return false;
+    for (; byte != EOF && byte != '\n'; byte = std::fgetc(file)) {
+        if (line.size() < maxLength) {
+            line.push_back(static_cast<char>(byte));
+        } else if (byte != '\r') {
+            tooLong = true;
+        }
+    }
+    return true;
+}
+
+void cutEnd(std::string& line) {
+    const std::size_t end = line.find('\r');
+    if (end != std::string::npos) line.resize(end);
+    line.resize(line.find_last_not_of(" \t") + 1);
+}
+
+}  // namespace
+
+void vxConfigPath(char* path, std::size_t size, const char* name) {
+    char folder[kConfigPathSize];
+    vx_path_join(folder, sizeof(folder), getVXHome(), kConfigFolder);
+    vx_path_join(path, size, folder, name);
+}
+
+bool vxWalkConfigLines(const char* path, std::size_t maxLength, const VXConfigVisitor& visit) {
+    const VXFile file(std::fopen(path, "re"));
+    if (!file) return false;
+    std::string line;
+    bool tooLong = false;
+    for (int number = 1; readLine(file.get(), maxLength, line, tooLong); ++number) {
+        if (isComment(line)) continue;
+        cutEnd(line);
+        visit({number, line.c_str(), tooLong});
+    }
+    return std::ferror(file.get()) == 0;
+}
+
+}  // namespace vx

@@ -1,0 +1,31 @@
+// Data connection of an instance: connecting, announcing, closing, and the records behind an announcement.
+//
+// One transport is in use, chosen by lws_active: a TCP socket (data.dataSocket) or a libwebsockets
+// connection (data.dataWsi).
+//
+// Limits    A connect takes at most 10 s. A send waits at most 1 s; then it counts as "took no bytes".
+// Lifetime  Each connect attempt has a pool of its own, destroyed with the attempt or its connection.
+// Threads   The data thread. Other threads may test data.dataSocket for null and shut it down.
+#pragma once
+
+#include "commonlibc/context/vx_application.h"
+
+namespace vx {
+
+// Connects to the collector of the control connection. False, with the reason traced, when no connection
+// results.
+bool openDataConnection(vxApplication& app);
+// Closes what is open, drops the instance's share of the flowpath reset queue.
+void close_data_connection();
+// Sends the connect line. False on success, true on failure.
+bool send_data_con_req_msg_to_vxc();
+// Notes both ends of the TCP connection, for traces.
+void get_data_ip_and_port();
+// Everything behind a successful connect line: 99 record, metadata (on the first connection of a thread, or
+// when doNotDumpMetaData asks for it), 110 and 111 records.
+void announceDataConnection(vxApplication& app);
+void dumpNewConnectionRecord();  // 99; from here on isTenRecordDump is 1
+void tag_record();               // 110; nothing without tags
+void attr_record();              // 111; nothing without attributes or for "{}"
+
+}  // namespace vx

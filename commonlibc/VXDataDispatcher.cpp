@@ -1,0 +1,252 @@
+#include "commonlibc/VXDataDispatcher.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_word.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::uint32_t kDropsPerLine = 1000;
+constexpr std::size_t kAllocationNameSize = 48;
+
+// A counter that only the holder of dumpMutex writes needs no locked add.
+void countOne(std::atomic<std::uint64_t>& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+int refuse(int code) {
+    if (vxApplication* app = vxCurrent()) app->VXSys.dataDropCount.fetch_add(1, std::memory_order_relaxed);
+    return code;
+}
+
+void appendBytes(VXBufferNode& node, const char* data, std::int64_t length) {
+    std::memcpy(node.buffer + node.use_len, data, static_cast<std::size_t>(length));
+    node.use_len += static_cast<std::int32_t>(length);
+}
+
+bool hasNodeBehind(VXBufferChain& chain, const VXBufferNode& node) {
+    VXGuard lock(chain.listMutex);
+    return node.next != nullptr;
+}
+
+// Second half of a record that straddles two nodes; the first node has left the write list.
+int addRest(VXBufferChain& chain, const char* rest, std::int64_t length) {
+    VXBufferNode& node = *chain.VXBCIAgentBB.load(std::memory_order_acquire);
+    if (length <= node.buff_size - node.use_len) {
+        appendBytes(node, rest, length);
+        return 0;
+    }
+    if (node.use_len < node.buff_size) appendBytes(node, "\n", 1);  // the cut record ends as a short line
+    return refuse(kChainCut);
+}
+
+void traceDrop(VXBufferChain& chain, std::uint32_t drops, int code) {
+    if (drops % kDropsPerLine != kDropsPerLine - 1) return;
+    VXGuard lock(chain.listMutex);
+    VX_TRACE(1, kControlThread, kError,
+             "VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not initialized "
+             "for sending data to VXCollector. Return = %d, writeListSize = %d readListSize = %d",
+             code, chain.writeListSize, chain.readListSize);
+}
+
+void appendNode(VXBufferNode*& head, VXBufferNode*& tail, VXBufferNode* node) {
+    node->next = nullptr;
+    if (tail) {
+        tail->next = node;
+    } else {
+        head = node;
+    }
+    tail = node;
+}
+
+// Null without memory or for a chunk size below 1.
+VXBufferNode* makeNode(std::int32_t chunkSize, int index) {
+    if (chunkSize < 1) return nullptr;
+    char name[kAllocationNameSize];
+    std::snprintf(name, sizeof(name), "Date buffer node : %d", index);
+    auto* node = static_cast<VXBufferNode*>(VXLB_MALLOC_AND_MEMSET(sizeof(VXBufferNode), name, index));
+    if (!node) return nullptr;
+    std::snprintf(name, sizeof(name), "Date buffer chunk : %d", index);
+    node->buffer = static_cast<char*>(VXLB_MALLOC(static_cast<std::size_t>(chunkSize), name, index));
+    if (!node->buffer) {
+        VXLB_FREE(node, "Date buffer node", index);
+        return nullptr;
+    }
+    node->buff_size = chunkSize;
+    return node;
+}
+
+void emptyNode(VXBufferNode& node) {
+    node.use_len = 0;
+    node.offset = 0;
+    node.buffer[0] = '\0';
+}
+
+void emptyChain(VXBufferChain& chain) {
+    for (VXBufferNode* node = chain.writeListHead; node; node = node->next) emptyNode(*node);
+    while (chain.readListHead) {
+        emptyNode(*chain.readListHead);
+        moveToWriteList(chain);
+    }
+}
+
+void freeNodes(VXBufferNode* node) {
+    while (node) {
+        VXBufferNode* next = node->next;
+        VXLB_FREE(node->buffer, "Date buffer chunk", -1);
+        VXLB_FREE(node, "Date buffer node", -1);
+        node = next;
+    }
+}
+
+}  // namespace
+
+void dumpData(const char* buffer, std::int64_t length) {
+    vxApplication* app = vxCurrent();
+    if (!app) return;
+    if (!app->Server.testRunRunning.load(std::memory_order_acquire) &&
+        !app->Server.draining.load(std::memory_order_acquire)) {
+        VX_TRACE(4, kControlThread, kInfo, "test is not running");
+        return;
+    }
+    if (!buffer || length <= 0) {
+        VX_TRACE(4, kControlThread, kInfo, "data is null or zero length");
+        return;
+    }
+    VXDataState_t& data = app->data;
+    VXGuard lock(data.chain.dumpMutex);
+    const int code = addDataInSendBuffer(data.chain, buffer, length);
+    if (code >= 0) {
+        countOne(data.recordsAccepted);
+        return;
+    }
+    countOne(data.recordsDropped);
+    traceDrop(data.chain, app->VXSys.dataDropCount.load(std::memory_order_relaxed), code);
+}
+
+int addDataInSendBuffer(VXBufferChain& chain, const char* buffer, std::int64_t length) {
+    VXBufferNode* node = chain.VXBCIAgentBB.load(std::memory_order_acquire);
+    if (!node) {
+        return refuse(chain.VXCollectorBB.load(std::memory_order_relaxed) ? kChainAllWaiting
+                                                                          : kChainNoBuffers);
+    }
+    const std::int32_t remaining = node->buff_size - node->use_len;
+    if (length <= remaining) {
+        appendBytes(*node, buffer, length);
+        if (node->use_len == node->buff_size) moveToReadList(chain);
+        return 0;
+    }
+    if (!hasNodeBehind(chain, *node)) return refuse(kChainDropped);
+    if (remaining < 0) {
+        VX_TRACE(1, kControlThread, kError,
+                 "Data calculation is failed for writeList. remainSize:%d buff_size:%d use_len:%d", remaining,
+                 node->buff_size, node->use_len);
+        return refuse(kChainDropped);
+    }
+    appendBytes(*node, buffer, remaining);
+    moveToReadList(chain);
+    return addRest(chain, buffer + remaining, length - remaining);
+}
+
+void moveToReadList(VXBufferChain& chain) {
+    VXGuard lock(chain.listMutex);
+    VXBufferNode* node = chain.writeListHead;
+    if (!node) return;
+    chain.writeListHead = node->next;
+    chain.VXBCIAgentBB.store(node->next, std::memory_order_release);
+    if (!chain.writeListHead) chain.writeListTail = nullptr;
+    appendNode(chain.readListHead, chain.readListTail, node);
+    if (!chain.VXCollectorBB.load(std::memory_order_relaxed))
+        chain.VXCollectorBB.store(chain.readListHead, std::memory_order_release);
+    ++chain.readListSize;
+    --chain.writeListSize;
+}
+
+void moveToWriteList(VXBufferChain& chain) {
+    VXGuard lock(chain.listMutex);
+    VXBufferNode* node = chain.readListHead;
+    if (!node) return;
+    chain.readListHead = node->next;
+    chain.VXCollectorBB.store(node->next, std::memory_order_release);
+    if (!chain.readListHead) chain.readListTail = nullptr;
+    appendNode(chain.writeListHead, chain.writeListTail, node);
+    if (!chain.VXBCIAgentBB.load(std::memory_order_relaxed))
+        chain.VXBCIAgentBB.store(chain.writeListHead, std::memory_order_release);
+    ++chain.writeListSize;
+    --chain.readListSize;
+}
+
+void movePartialToReadList(VXBufferChain& chain) {
+    VXGuard lock(chain.dumpMutex);
+    const VXBufferNode* node = chain.VXBCIAgentBB.load(std::memory_order_acquire);
+    if (node && node->use_len >= 1) moveToReadList(chain);
+}
+
+void movePartialToReadList() {
+    if (vxApplication* app = vxCurrent()) movePartialToReadList(app->data.chain);
+}
+
+void handleHeartBeat(int flushPartial) {
+    vxApplication* app = vxCurrent();
+    if (!app) return;
+    const std::int64_t now = vxRelativeMs(*app, vxlb_now_us());
+    std::atomic<std::int64_t>& last = app->data.lastDataHeartbeatTime;
+    if (last.load(std::memory_order_relaxed) == 0) last.store(now, std::memory_order_relaxed);
+    // The base, and with it both times, may be any value: the difference wraps.
+    const auto passed = static_cast<std::int64_t>(
+        static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(last.load(std::memory_order_relaxed)));
+    if (passed / 1000 < vx_word_get(app->VXSys.dataHeartbeatInterval)) return;
+    dumpData("\n", 1);
+    if (flushPartial == 1) movePartialToReadList(app->data.chain);
+    last.store(now, std::memory_order_relaxed);
+}
+
+int buff_list_init() {
+    vxApplication* app = vxCurrent();
+    if (!app) return 1;
+    VXBufferChain& chain = app->data.chain;
+    const std::int32_t wanted = vx_word_get(app->VXSys.bciDataBufferMaxCount);
+    const std::int32_t chunkSize = vx_word_get(app->VXSys.bciDataBufferMaxSize);
+    VXGuard producers(chain.dumpMutex);
+    VXGuard links(chain.listMutex);
+    const std::int32_t present = chain.writeListSize + chain.readListSize;
+    if (wanted > present && vxGrowChain(chain, wanted - present, chunkSize)) return 1;
+    emptyChain(chain);
+    return 0;
+}
+
+int vxGrowChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize) {
+    VXBufferNode* last = chain.writeListHead;
+    for (std::int32_t i = 0; i < count; ++i) {
+        VXBufferNode* node = makeNode(chunkSize, i);
+        if (!node) return 1;
+        if (last) {
+            last->next = node;
+        } else {
+            chain.writeListHead = node;
+            chain.VXBCIAgentBB.store(node, std::memory_order_release);
+        }
+        chain.writeListTail = node;
+        ++chain.writeListSize;
+        last = node;
+    }
+    return 0;
+}
+
+void vxFreeChain(VXBufferChain& chain) {
+    freeNodes(chain.writeListHead);
+    freeNodes(chain.readListHead);
+    chain.writeListHead = chain.writeListTail = chain.readListHead = chain.readListTail = nullptr;
+    chain.VXBCIAgentBB.store(nullptr);
+    chain.VXCollectorBB.store(nullptr);
+    chain.readListSize = chain.writeListSize = 0;
+}
+
+}  // namespace vx

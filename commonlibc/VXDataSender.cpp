@@ -1,0 +1,169 @@
+#include "commonlibc/VXDataSender.h"
+
+#include <apr_errno.h>
+#include <apr_network_io.h>
+
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+constexpr int kFlushRounds = 100;
+constexpr std::int64_t kFlushTimeUs = 5000000;
+constexpr std::int64_t kServiceStopTimeUs = 2000000;
+constexpr std::int64_t kServiceStopPauseUs = 10000;
+
+bool runFlagsSet(const vxApplication& app) {
+    return app.Server.testRunRunning.load(std::memory_order_acquire) &&
+           app.Server.bciDataRunning.load(std::memory_order_acquire);
+}
+
+VXBufferNode* nodeToSend(const vxApplication& app) {
+    return app.data.chain.VXCollectorBB.load(std::memory_order_acquire);
+}
+
+void giveBack(vxApplication& app, VXBufferNode& node) {
+    node.use_len = 0;
+    node.offset = 0;
+    moveToWriteList(app.data.chain);
+}
+
+// One send of what is left of a node. kSendDone when bytes were taken.
+int sendSome(apr_socket_t* socket, VXBufferNode& node) {
+    apr_size_t count = static_cast<apr_size_t>(node.use_len - node.offset);
+    const apr_status_t status = apr_socket_send(socket, node.buffer + node.offset, &count);
+    if (status != APR_SUCCESS && vx_platform_connection_lost(status)) {
+        char error[kSockErrorSize];
+        VX_TRACE(1, kControlThread, kError, "Error = %s, dataLen = %d",
+                 apr_strerror(status, error, sizeof(error)), node.use_len - node.offset);
+        node.offset += static_cast<std::int32_t>(count);
+        return kSendLost;
+    }
+    if (count == 0) return kSendNoBytes;
+    node.offset += static_cast<std::int32_t>(count);
+    return kSendDone;
+}
+
+bool controlLinkGone(const vxApplication& app) {
+    return app.control.controlConnClosed.load(std::memory_order_acquire) ||
+           app.control.closeCtrlConFlag.load(std::memory_order_acquire);
+}
+
+// kThreadEnds when the control link has gone behind a send over libwebsockets, or the run ends.
+int checkBehindLwsSend(const vxApplication& app) {
+    if (controlLinkGone(app)) {
+        flushCommonData();
+        VX_TRACE(1, kControlThread, kInfo,
+                 "dataConnectionBreak Control connecton already closed. Going to closing data thread");
+    }
+    return checkAndStopThread();
+}
+
+bool serviceStops() {
+    return proxyStopFlag.load(std::memory_order_acquire) != 0;
+}
+
+// A plain stop of the service: what the chain holds, no 10 record.
+void drainForServiceStop(vxApplication& app) {
+    if (proxyCleaningFlag.load(std::memory_order_acquire) || app.data.flushing) return;
+    app.data.flushing = 1;
+    movePartialToReadList(app.data.chain);
+    const std::int64_t deadline = vxlb_now_us() + kServiceStopTimeUs;
+    while (dataConnService(0) == kSendNoBytes && vxlb_now_us() < deadline) vxlb_sleep_us(kServiceStopPauseUs);
+    app.data.flushing = 0;
+}
+
+// Records of the run's end. `draining` lets them in when the link was lost while nobody had ended the run.
+void writeEndOfRun(vxApplication& app) {
+    Server_t& server = app.Server;
+    const bool endMissing = !server.tenRecordWritten.load(std::memory_order_acquire);
+    if (endMissing) server.draining.store(1, std::memory_order_release);
+    VX_UPCALL(dumpFpFromBusyList);
+    if (!server.tenRecordWritten.load(std::memory_order_acquire)) VX_UPCALL(dumpNdDataOverRecord);
+    flushCommonData();
+    server.draining.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+int dataConnService(int checkStop) {
+    const vxApplication& app = *vxCurrent();
+    return app.control.lws_active.load(std::memory_order_acquire) == 1 ? processDataLws(checkStop)
+                                                                       : processData(checkStop);
+}
+
+int processData(int checkStop) {
+    vxApplication& app = *vxCurrent();
+    apr_socket_t* socket = app.data.dataSocket.get();
+    if (!socket) return kSendLost;
+    while (VXBufferNode* node = nodeToSend(app)) {
+        while (node->use_len - node->offset > 0) {
+            if (const int result = sendSome(socket, *node)) return result;
+            // Between two sends of one node, so that a stop need not wait for a slow peer.
+            if (checkStop && checkAndStopThread()) return kThreadEnds;
+        }
+        giveBack(app, *node);
+    }
+    return kSendDone;
+}
+
+int processDataLws([[maybe_unused]] int checkStop) {
+    vxApplication& app = *vxCurrent();
+    if (!app.data.dataWsi.load(std::memory_order_acquire)) return kSendLost;
+    while (VXBufferNode* node = nodeToSend(app)) {
+        const std::int32_t length = node->use_len - node->offset;
+        if (length > 0) {
+            const int failed = VX_UPCALL(send_data_via_lws_socket, node->buffer + node->offset, length);
+            node->offset += length;
+            if (failed) return kSendLost;
+        }
+        giveBack(app, *node);
+        if (!app.data.flushing && checkBehindLwsSend(app)) return kThreadEnds;
+    }
+    return kSendDone;
+}
+
+void flushCommonData() {
+    vxApplication* app = vxCurrent();
+    if (!app) return;
+    VXDataState_t& data = app->data;
+    if (data.dataThreadOsId.load(std::memory_order_relaxed) != vx_platform_thread_id()) return;
+    if (data.flushing || (!data.dataSocket.get() && !data.dataWsi.load(std::memory_order_acquire))) return;
+    data.flushing = 1;
+    movePartialToReadList(data.chain);
+    const std::int64_t deadline = data.flushDeadlineUs ? data.flushDeadlineUs : vxlb_now_us() + kFlushTimeUs;
+    for (int round = 0; round < kFlushRounds; ++round) {
+        if (dataConnService(0) != kSendNoBytes) break;
+        if (dataStopSeen(*app) && vxlb_now_us() >= deadline) break;
+    }
+    data.flushing = 0;
+}
+
+int checkAndStopThread() {
+    vxApplication& app = *vxCurrent();
+    if (serviceStops()) {
+        drainForServiceStop(app);
+        return kThreadEnds;
+    }
+    if (runFlagsSet(app) && !app.control.closeCtrlConFlag.load(std::memory_order_acquire)) return 0;
+    VX_TRACE(3, kControlThread, kError, "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
+             app.Server.isTenRecordDump.load(std::memory_order_relaxed));
+    if (!app.data.flushDeadlineUs) app.data.flushDeadlineUs = vxlb_now_us() + kFlushTimeUs;
+    // Settings go back to their defaults at the next start: the listener still reads them here.
+    writeEndOfRun(app);
+    VX_TRACE(1, kControlThread, kInfo, "dataConnectionBreak,so going to closing data thread");
+    return kThreadEnds;
+}
+
+bool dataStopSeen(const vxApplication& app) {
+    return serviceStops() || controlLinkGone(app) ||
+           app.control.proxyStopRequested.load(std::memory_order_acquire) || !runFlagsSet(app);
+}
+
+}  // namespace vx

@@ -1,0 +1,118 @@
+#include "commonlibc/agent_thread.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "commonlibc/VXDataThread.h"
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/proxyServer/vx_proxy_registry.h"
+#include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::int64_t kStepUs = 10000;
+constexpr int kDrainSteps = 200;           // 2 s
+constexpr std::int64_t kEndUs = 3000000;   // the program's own end has this long
+constexpr std::int64_t kInstanceUs = 200;  // between the stop words of two instances
+constexpr std::int64_t kGoodByeUs = 1000;
+constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGUSR1};
+
+void (*onStop)() = nullptr;
+
+sigset_t stopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : kStopSignals) sigaddset(&set, signal);
+    return set;
+}
+
+// Calls visit for each instance in use, current meanwhile.
+void eachInstance(void (*visit)(vxApplication& app)) {
+    if (!VXProxyInstance.load(std::memory_order_acquire)) return;
+    const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
+    for (std::int32_t i = 0; i < count; ++i) {
+        vxApplication* app = instanceAt(i);
+        if (!app) continue;
+        vxSetCurrent(app);
+        visit(*app);
+    }
+}
+
+void orderStop(vxApplication& app) {
+    app.control.proxyStopRequested.store(1, std::memory_order_release);
+    app.control.closeCtrlConFlag.store(1, std::memory_order_release);
+    vxlb_sleep_us(kInstanceUs);
+}
+
+void shutDownConnections(vxApplication& app) {
+    const std::int32_t count = app.identity.numProcess.load(std::memory_order_acquire);
+    for (std::int32_t i = 0; i < count; ++i) {
+        processInfo_t& process = *processAt(app, i);
+        for (VXSharedSocket* handle : {&process.control, &process.data, &process.autoSensor})
+            vxlb_shared_shutdown(*handle);
+    }
+    for (VXSharedSocket* handle :
+         {&app.control.controlSocket, &app.data.dataSocket, &app.autoSensor.asSocket})
+        vxlb_shared_shutdown(*handle);
+}
+
+void* waitForSignals(void*) {
+    const sigset_t set = stopSignals();
+    int signal = 0;
+    while (sigwait(&set, &signal) != 0) continue;
+    // Told apart before the program's main thread can come to its end.
+    if (signal != SIGTERM) proxyCleaningFlag.store(1, std::memory_order_release);
+    onStop();
+    if (signal != SIGTERM) resetAndCleanProxy(signal);
+    vxlb_sleep_us(kEndUs);  // the program gets to its end before
+    _exit(0);
+}
+
+}  // namespace
+
+bool vxStartSignalThread(void (*stopControl)()) {
+    onStop = stopControl;
+    const sigset_t set = stopSignals();
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return false;
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, waitForSignals, nullptr) != 0) return false;
+    pthread_detach(thread);
+    return true;
+}
+
+void vxStopService() {
+    proxyStopFlag.store(1, std::memory_order_release);
+    vxWakeListener();
+    if (proxyCleaningFlag.load(std::memory_order_acquire)) vxlb_sleep_us(kEndUs);
+    for (int step = 0; step < kDrainSteps && !vxDataThreadsDrained(); ++step) vxlb_sleep_us(kStepUs);
+    _exit(0);
+}
+
+void resetAndCleanProxy(int sig) {
+    proxyCleaningFlag.store(1, std::memory_order_release);
+    proxyStopFlag.store(1, std::memory_order_release);
+    vxApplication* root = VXProxyInstance.load(std::memory_order_acquire) ? instanceAt(0) : nullptr;
+    vxSetCurrent(root);
+    VX_TRACE(1, kControlThread, kInfo, "Received (kill -%d) request to stop Proxy. Closing the connections",
+             sig);
+    vxWakeListener();
+    eachInstance(orderStop);
+    eachInstance(shutDownConnections);
+    vxSetCurrent(root);
+    VX_TRACE(1, kControlThread, kInfo, "All connections closed successfully.");
+    // The listener compares the identity strings until its loop has ended; what it holds goes with the
+    // process.
+    if (!VXProxy.listenerRunning.load(std::memory_order_acquire)) proxyMemClean();
+    vxlb_sleep_us(kGoodByeUs);
+    VX_TRACE(1, kControlThread, kInfo, "Exiting Proxy. GoodBye!!!");
+    _exit(0);
+}
+
+}  // namespace vx

@@ -1,0 +1,79 @@
+// Buffer chains and sender threads of an instance: the data channel and the auto-sensor channel.
+//
+// The write list is filled by producers, the read list emptied by the sender; a node moves whole.
+//
+//     producers -> [writeListHead == VXBCIAgentBB] -> next -> ... -> writeListTail
+//     sender    <- [readListHead == VXCollectorBB] -> next -> ... -> readListTail
+//
+// Guards    dumpMutex: use_len of the node being written; listMutex: links, heads, tails, sizes. Order:
+//           dumpMutex, then listMutex. A node in the read list belongs to the sender alone. The two BB
+//           pointers are stored under listMutex and read by their side without it.
+#pragma once
+
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+#include <apr_thread_proc.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "commonlibc/context/VXSharedSocket.h"
+
+namespace vx {
+
+struct VXBufferNode {
+    char* buffer;
+    std::int32_t use_len;    // bytes written by producers
+    std::int32_t offset;     // bytes sent; never above use_len
+    std::int32_t buff_size;  // capacity
+    VXBufferNode* next;
+};
+
+struct VXBufferChain {
+    std::atomic<VXBufferNode*> VXCollectorBB;  // node being sent: head of the read list, or null
+    std::atomic<VXBufferNode*> VXBCIAgentBB;   // node being written: head of the write list, or null
+    VXBufferNode* writeListHead;
+    VXBufferNode* writeListTail;
+    VXBufferNode* readListHead;
+    VXBufferNode* readListTail;
+    std::int32_t readListSize, writeListSize;
+    apr_thread_mutex_t* dumpMutex;
+    apr_thread_mutex_t* listMutex;
+};
+
+struct VXDataState_t {
+    VXBufferChain chain;
+    apr_pool_t* dataPool;        // made once
+    apr_pool_t* threadPool;      // the data thread's start; remade by the next start (control thread)
+    apr_thread_t* dataThread;    // joined by the next start (control thread)
+    apr_pool_t* connectionPool;  // one connect attempt and its connection (data thread)
+    std::atomic<std::uint8_t> data_thread_running;
+    std::atomic<std::uint8_t> controlCommunicationBusyFlag;
+    VXSharedSocket dataSocket;                      // data thread puts and closes
+    std::atomic<void*> dataWsi;                     // libwebsockets connection, or null
+    char dataConnSourceIP[16], dataConnDestIP[16];  // data thread only, for trace
+    std::int32_t dataConnSourcePort, dataConnDestPort;
+    std::atomic<std::int32_t> dataConnFailCount;
+    std::atomic<std::int64_t> lastDataHeartbeatTime;  // ms in the instance's base; 0 before the first
+    std::atomic<std::int64_t> dataThreadOsId;         // system id of the data thread, 0 when none
+    std::atomic<std::uint64_t> recordsDropped, recordsAccepted;  // since process start
+    // Data thread only.
+    std::uint8_t flushing;         // flushCommonData is running
+    std::uint8_t replayedThisRun;  // metadata went out behind a 99 record since the thread's start
+    std::int64_t flushDeadlineUs;  // Unix microseconds: 5 s after the thread first saw its stop; 0 before
+};
+
+struct VXAutoSensorState_t {
+    VXBufferChain chain;
+    apr_pool_t* pool;
+    std::atomic<std::uint8_t> autoSensor_thread_running;
+    std::atomic<std::uint8_t> asStopFlag;
+    std::atomic<std::uint8_t> breakFlag;
+    VXSharedSocket asSocket;
+    char sourceIP[16], destIP[16];
+    std::int32_t sourcePort, destPort;
+    std::int32_t curBuffers;
+    std::atomic<std::uint64_t> dropped;
+};
+
+}  // namespace vx

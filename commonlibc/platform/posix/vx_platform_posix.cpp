@@ -1,0 +1,53 @@
+#include <apr_errno.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include "commonlibc/platform/vx_platform.h"
+
+namespace vx {
+
+std::size_t vx_path_join(char* out, std::size_t size, const char* folder, const char* name) {
+    if (size == 0) return 0;
+    const int whole = std::snprintf(out, size, "%s%c%s", folder, kPathSeparator, name);
+    if (whole < 0) {
+        *out = '\0';
+        return 0;
+    }
+    const auto length = static_cast<std::size_t>(whole);
+    return length < size ? length : size - 1;
+}
+
+std::int64_t vx_platform_process_id() {
+    return ::getpid();
+}
+
+std::int64_t vx_platform_thread_id() {
+    return ::syscall(SYS_gettid);
+}
+
+std::int64_t vx_platform_total_memory_mb() {
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    if (pages <= 0 || pageSize <= 0) return 0;
+    return static_cast<std::int64_t>(pages) * pageSize / std::int64_t{1048576};
+}
+
+bool vx_platform_connection_lost(int aprStatus) {
+    return APR_STATUS_IS_EOF(aprStatus) || APR_STATUS_IS_EPIPE(aprStatus) ||
+           APR_STATUS_IS_ECONNRESET(aprStatus) || APR_STATUS_IS_ECONNABORTED(aprStatus) ||
+           APR_STATUS_IS_ETIMEDOUT(aprStatus) || aprStatus == ENOTCONN;
+}
+
+bool vx_platform_local_time(std::int64_t epochUs, VXCalendar* out) {
+    const auto seconds = static_cast<std::time_t>(epochUs / 1000000);
+    std::tm local{};
+    if (!::localtime_r(&seconds, &local)) return false;
+    *out = {local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec};
+    return true;
+}
+
+}  // namespace vx

@@ -1,0 +1,163 @@
+#include "commonlibc/proxyServer/vx_proxy_events.h"
+
+#include "commonlibc/proxyServer/vx_proxy_poll.h"
+#include "commonlibc/proxyServer/vx_proxy_read.h"
+#include "commonlibc/proxyServer/vx_proxy_registry.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+// A connection that has an event.
+struct Served {
+    apr_socket_t* socket;
+    epollPtr_t* address;
+    vxApplication& app;
+    processInfo_t& process;
+    VXConnection kind;
+    VXPeer peer{socket};
+
+    int tracedPid() const { return static_cast<int>(process.pid.load(std::memory_order_relaxed)); }
+};
+
+int readLines(const Served& from, VXReadBuffer& buffer) {
+    epollPtr_t* address = from.address;
+    return readMessageFromSocket(from.socket, buffer, &address);
+}
+
+int readControlLines(const Served& from) {
+    return readLines(from, VXProxy.controlBuf);
+}
+
+int readDiscoveryLines(const Served& from) {
+    return readLines(from, VXProxy.discoveryBuf);
+}
+
+int readRecords(const Served& from) {
+    return readDataFromSocket(from.socket, VXProxy.dataBuf, from.address->appIndex, from.address->procIndex);
+}
+
+struct ConnectionRow {
+    VXConnection kind;
+    const char* name;
+    const char* tag;
+    int (*read)(const Served& from);
+    int failureLevel;
+};
+constexpr ConnectionRow kConnectionRows[] = {
+    {VXConnection::kControl, "Control", "CLIENT->CTRL_PROCESS", readControlLines, 1},
+    {VXConnection::kData, "Data", "CLIENT->DATA_PROCESS", readRecords, 1},
+    {VXConnection::kAutoSensor, "AS", "CLIENT->AS_PROCESS", readControlLines, 1},
+    {VXConnection::kDiscovery, "DISCOVERY", "CLIENT->Temp_Connection", readDiscoveryLines, 3},
+};
+
+const ConnectionRow& rowOf(VXConnection kind) {
+    return kConnectionRows[static_cast<std::size_t>(kind)];
+}
+
+void closeServed(Served& from) {
+    if (from.kind == VXConnection::kControl) {
+        closeAllConnectionsOfProcess(from.address->appIndex, from.address->procIndex);
+        from.app.identity.activeProcesses.fetch_sub(1, std::memory_order_relaxed);
+        return;
+    }
+    vxCloseConnection(from.process, from.kind, true);
+    if (!from.process.control.get() && !from.process.data.get() && !from.process.autoSensor.get())
+        from.process.pid.store(kFreePid, std::memory_order_release);
+}
+
+// Such processes come and go by the request.
+bool isSilent(const Served& from) {
+    return from.kind != VXConnection::kDiscovery &&
+           from.app.VXBCISetting.agentTypeCode.load(std::memory_order_relaxed) == kAgentPhp;
+}
+
+void hangUp(Served& from) {
+    if (from.kind == VXConnection::kDiscovery)
+        VX_TRACE(1, kControlThread, kInfo, "Received HANGUP event on unknown fd. Ignoring...");
+    else if (!isSilent(from))
+        VX_TRACE(1, kControlThread, kInfo, "HANGUP received. (%s) [pid = %d] ['%s':'%d']",
+                 rowOf(from.kind).name, from.tracedPid(), from.peer.ip(), from.peer.port());
+    closeServed(from);
+}
+
+void readServed(Served& from) {
+    const ConnectionRow& row = rowOf(from.kind);
+    VX_TRACE(3, kControlThread, kInfo, "%s '%s:%d'", row.tag, from.peer.ip(), from.peer.port());
+    if (row.read(from) >= 0 || vxSocketClosed(from.socket)) return;
+    if (!isSilent(from))
+        VX_TRACE(row.failureLevel, kControlThread, kError,
+                 "Read Failed (%s) [pid = %d] ['%s':'%d']. Closing connection.", row.name, from.tracedPid(),
+                 from.peer.ip(), from.peer.port());
+    closeServed(from);
+}
+
+// True when the pair names a record that exists.
+bool isValid(const epollPtr_t& address, int index, int events) {
+    const bool appFits = address.appIndex >= 0 && address.appIndex < VXProxy.instanceTableSize;
+    const vxApplication* app = appFits ? instanceAt(address.appIndex) : nullptr;
+    const std::int32_t count = app ? app->identity.numProcess.load(std::memory_order_relaxed) : 0;
+    if (app && address.procIndex >= 0 && address.procIndex < count) return true;
+    VX_TRACE(1, kControlThread, kError,
+             "Invalid epoll context data, appIndex = %d, procIndex = %d (numInstance = %d, numProcess = %d) "
+             "i = %d, num = %d",
+             address.appIndex, address.procIndex, VXProxy.numInstance.load(), count, index, events);
+    return false;
+}
+
+void closeEntry(const apr_pollfd_t& event) {
+    apr_socket_t* socket = event.desc.s;
+    cleanAndRemoveSocket(socket, true);
+}
+
+void serve(const apr_pollfd_t& event, Served& from) {
+    const bool ended = event.rtnevents & (APR_POLLHUP | APR_POLLERR);
+    if (event.rtnevents & APR_POLLHUP)
+        VX_TRACE(2, kControlThread, kInfo, "Received POLLHUP event");
+    else if (ended)
+        VX_TRACE(2, kControlThread, kInfo, "Received POLLERR event");
+    if (!ended && !(event.rtnevents & APR_POLLIN)) {
+        VX_TRACE(1, kControlThread, kWarning, "Received unknown event on socket, '%s:%d'", from.peer.ip(),
+                 from.peer.port());
+        return;
+    }
+    if (from.kind == VXConnection::kCount) {
+        VX_TRACE(1, kControlThread, kWarning, "%s",
+                 ended ? "Received HANGUP event on unknown fd. Ignoring..."
+                       : "Received EPOLLIN event on unknown fd. Ignoring...");
+        closeEntry(event);
+    } else if (ended) {
+        hangUp(from);
+    } else {
+        readServed(from);
+    }
+}
+
+}  // namespace
+
+void vxServeConnection(const apr_pollfd_t& event, int index, int count) {
+    auto* address = static_cast<epollPtr_t*>(event.client_data);
+    if (!isValid(*address, index, count)) {
+        closeEntry(event);
+        return;
+    }
+    vxApplication& app = *instanceAt(address->appIndex);
+    if (VXProxy.threadOps.opCount.load(std::memory_order_acquire) > 0)
+        VX_UPCALL(processThreadOps, &VXProxy.threadOps);
+    vxSetCurrent(&app);  // behind the operations, which change it
+    processInfo_t& process = *processAt(app, address->procIndex);
+    Served from{event.desc.s, address, app, process, vxConnectionOf(process, event.desc.s)};
+    if (event.rtnevents & APR_POLLNVAL) {
+        VX_TRACE(1, kControlThread, kError, "Invalid descriptor. Closing socket.");
+        if (from.kind == VXConnection::kCount)
+            closeEntry(event);
+        else
+            closeServed(from);
+        return;
+    }
+    serve(event, from);
+}
+
+}  // namespace vx

@@ -1,0 +1,202 @@
+#include "commonlibc/proxyServer/vx_proxy_read.h"
+
+#include <apr_errno.h>
+
+#include <cstring>
+
+#include "commonlibc/proxyServer/vx_proxy_poll.h"
+#include "commonlibc/proxyServer/vx_proxy_registry.h"
+#include "commonlibc/proxyServer/vx_proxy_relay.h"
+#include "commonlibc/vxlb_decode.h"
+#include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+constexpr char kRecordStart = '^';
+constexpr std::int32_t kMaxMessage = kReadBufSize - 1;
+
+// One read at most up to `limit` bytes in the buffer, terminated. The count, or a code.
+int receive(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t limit) {
+    auto count = static_cast<apr_size_t>(limit - buffer.writeOffset);
+    if (count == 0) return kReadFailed;
+    apr_socket_timeout_set(socket, 0);  // readiness may be false: a read never waits
+    const apr_status_t status = apr_socket_recv(socket, buffer.buffer + buffer.writeOffset, &count);
+    if (APR_STATUS_IS_EAGAIN(status) || APR_STATUS_IS_EINTR(status)) return 0;
+    if (APR_STATUS_IS_EOF(status)) return kReadClosed;
+    if (status != APR_SUCCESS) return kReadFailed;
+    buffer.buffer[buffer.writeOffset + static_cast<std::int32_t>(count)] = '\0';
+    return static_cast<int>(count);
+}
+
+processInfo_t* processOf(const epollPtr_t* address) {
+    return address ? processAt(*instanceAt(address->appIndex), address->procIndex) : nullptr;
+}
+
+// The process whose discovery connection this is, else null.
+processInfo_t* discoveryProcess(const apr_socket_t* socket, const epollPtr_t* address) {
+    processInfo_t* process = processOf(address);
+    return process && process->discovery.get() == socket ? process : nullptr;
+}
+
+void putTailInFront(const processInfo_t& process, VXReadBuffer& buffer) {
+    if (!process.discoveryTail) return;
+    std::memcpy(buffer.buffer, process.discoveryTail, static_cast<std::size_t>(process.discoveryTailLength));
+    buffer.writeOffset = buffer.remaining = process.discoveryTailLength;
+}
+
+void keepTail(processInfo_t& process, const VXReadBuffer& buffer) {
+    VXLB_FREE(process.discoveryTail, "discovery tail", -1);
+    process.discoveryTail = nullptr;
+    process.discoveryTailLength = 0;
+    if (buffer.remaining == 0) return;
+    const auto length = static_cast<std::size_t>(buffer.remaining);
+    process.discoveryTail = static_cast<char*>(VXLB_MALLOC(length, "discovery tail", -1));
+    if (!process.discoveryTail) return;
+    std::memcpy(process.discoveryTail, buffer.buffer + buffer.readOffset, length);
+    process.discoveryTailLength = buffer.remaining;
+}
+
+void traceClosed(int result, const epollPtr_t* address) {
+    if (address)
+        VX_TRACE(1, kControlThread, kInfo, "Connection closed, rv = %d (appIndex = %d, procIndex = %d).",
+                 result, address->appIndex, address->procIndex);
+    else
+        VX_TRACE(1, kControlThread, kInfo, "Connection closed, rv = %d.", result);
+}
+
+char* nextNewline(const VXReadBuffer& buffer) {
+    return static_cast<char*>(
+        std::memchr(buffer.buffer + buffer.readOffset, '\n', static_cast<std::size_t>(buffer.remaining)));
+}
+
+void consume(VXReadBuffer& buffer, std::int32_t count) {
+    buffer.readOffset += count;
+    buffer.remaining -= count;
+}
+
+void moveRestToStart(VXReadBuffer& buffer) {
+    if (buffer.readOffset == 0) return;
+    std::memmove(buffer.buffer, buffer.buffer + buffer.readOffset,
+                 static_cast<std::size_t>(buffer.remaining));
+    buffer.readOffset = 0;
+    buffer.writeOffset = buffer.remaining;
+    buffer.buffer[buffer.writeOffset] = '\0';
+}
+
+void decodeRest(VXReadBuffer& buffer, const epollPtr_t& address) {
+    vxSetCurrent(instanceAt(address.appIndex));
+    decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
+    setResetSocketBuffer(buffer);
+}
+
+// Somebody at the far end takes data of this instance. Over libwebsockets no control handle stands here.
+bool collectorTakesData(const vxApplication& app) {
+    const bool overLws = app.control.lws_active.load(std::memory_order_acquire) == 1;
+    const bool control = !overLws && app.control.controlSocket.get();
+    const bool data = overLws ? app.data.dataWsi.load(std::memory_order_acquire) != nullptr
+                              : app.data.dataSocket.get() != nullptr;
+    if (control && data) return true;
+    VX_TRACE(1, kControlThread, kWarning, "%s",
+             data || overLws ? "Data connection with VXC is closed. Ignoring the data."
+                             : "Data connection with VXC is not created hence ignoring the data.");
+    return false;
+}
+
+// The tail that the instance keeps, at the buffer's start. The decode lock is held.
+void putCarryOverInFront(const VXDecoderState_t& decoder, VXReadBuffer& buffer) {
+    std::memcpy(buffer.buffer, decoder.partialBuffer, static_cast<std::size_t>(decoder.partialLength));
+    buffer.writeOffset = decoder.partialLength;
+}
+
+}  // namespace
+
+bool setResetSocketBuffer(VXReadBuffer& buffer) {
+    buffer.size = kReadBufSize;
+    buffer.readOffset = buffer.writeOffset = buffer.remaining = 0;
+    if (!buffer.buffer)
+        buffer.buffer =
+            static_cast<char*>(VXLB_MALLOC(kReadBufSize + 1, "control buffer read_socket_buf", -1));
+    if (!buffer.buffer) return false;
+    *buffer.buffer = '\0';
+    return true;
+}
+
+int readMessageFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot) {
+    if (!setResetSocketBuffer(buffer)) return kReadFailed;
+    processInfo_t* discovery = discoveryProcess(socket, *epollPtrSlot);
+    if (discovery) putTailInFront(*discovery, buffer);
+    const int count = receive(socket, buffer, kMaxMessage);
+    if (count == 0) return kReadNothing;
+    if (count == kReadClosed) {
+        traceClosed(count, *epollPtrSlot);
+        return kReadClosed;
+    }
+    if (count > 0) {
+        buffer.remaining += count;
+        buffer.writeOffset += count;
+    }
+    const bool waitsForNewline = discovery && count > 0 && buffer.writeOffset < kMaxMessage;
+    if (!(waitsForNewline && !nextNewline(buffer))) {
+        const int result = processdatamsg(socket, buffer, epollPtrSlot);
+        if (result != kReadDone) return result;
+    }
+    if (discovery && !vxSocketClosed(socket)) {
+        VX_TRACE(3, kControlThread, kInfo, "Method Called for AD ");
+        keepTail(*discovery, buffer);
+    }
+    return kReadDone;
+}
+
+int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot) {
+    char* newline = nextNewline(buffer);
+    if (!newline) {
+        VX_TRACE(1, kControlThread, kError,
+                 "Invalid Message format(Message not terminiated with newline). Closing the connection.");
+        return kReadClosed;
+    }
+    for (; newline; newline = nextNewline(buffer)) {
+        char* line = buffer.buffer + buffer.readOffset;
+        const auto length = static_cast<std::int32_t>(newline - line);
+        const bool recordsFollow = buffer.remaining > length + 1 && newline[1] == kRecordStart;
+        *newline = '\0';
+        consume(buffer, length + 1);
+        if (length == 0) continue;
+        processReceivedMsg(socket, line, epollPtrSlot);
+        if (vxSocketClosed(socket)) return kReadDone;
+        if (recordsFollow && *epollPtrSlot) {
+            decodeRest(buffer, **epollPtrSlot);
+            return kReadDone;
+        }
+    }
+    moveRestToStart(buffer);
+    return kReadDone;
+}
+
+int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t appIndex,
+                       std::int32_t procIndex) {
+    vxApplication& app = *vxCurrent();
+    if (!setResetSocketBuffer(buffer)) return kReadFailed;
+    const VXGuard lock(app.decoder.decodeMutex);
+    putCarryOverInFront(app.decoder, buffer);
+    const int count = receive(socket, buffer, kReadBufSize);
+    if (count == 0) return kReadNothing;
+    app.decoder.partialLength = 0;
+    app.decoder.partialBuffer[0] = '\0';
+    if (!collectorTakesData(app)) return kReadClosed;
+    if (count == kReadFailed)
+        VX_TRACE(1, kControlThread, kError,
+                 "Read partial message '%d', rv = %d (appIndex = %d, procIndex = %d)", buffer.writeOffset,
+                 count, appIndex, procIndex);
+    if (count == kReadClosed)
+        VX_TRACE(1, kControlThread, kInfo, "Data Connection Closed, rv = %d (appIndex = %d, procIndex = %d)",
+                 count, appIndex, procIndex);
+    if (count < 0) return count;
+    decodeMessage(buffer.buffer, buffer.writeOffset + count, procIndex, 0, nullptr);
+    return kReadDone;
+}
+
+}  // namespace vx

@@ -1,0 +1,256 @@
+#include "commonlibc/proxyServer/vx_proxy_server.h"
+
+#include <apr_errno.h>
+#include <apr_general.h>
+#include <apr_signal.h>
+
+#include <csignal>
+#include <mutex>
+#include <utility>
+
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/proxyServer/vx_proxy_events.h"
+#include "commonlibc/proxyServer/vx_proxy_pending.h"
+#include "commonlibc/proxyServer/vx_proxy_poll.h"
+#include "commonlibc/proxyServer/vx_proxy_read.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_thread.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+VXListenerReport vxListenerReport{};
+
+namespace {
+
+constexpr std::int64_t kPollUs = 10000000;
+constexpr std::int64_t kBindRetryUs = 10000000;
+constexpr std::int64_t kAcceptPauseUs = 1000000;
+constexpr std::int64_t kMinTotalMB = 1025, kMaxTotalMB = 1024999;
+constexpr std::uint16_t kThreadOpsStart = 10;
+
+std::mutex wakeMutex;
+apr_pollset_t* wakeTarget = nullptr;  // wakeMutex
+
+std::atomic<int> brokenPipes{0};  // signals that the loop has not traced yet
+
+// When accepting goes on after the system ran out of descriptors, 0 while it does.
+std::int64_t acceptAgainUs = 0;
+
+bool stopOrdered() {
+    return proxyStopFlag.load(std::memory_order_acquire) != 0;
+}
+
+void setWakeTarget(apr_pollset_t* pollset) {
+    const std::lock_guard lock(wakeMutex);
+    wakeTarget = pollset;
+}
+
+bool makeThreadOperations() {
+    VXThreadOpsQueue& queue = VXProxy.threadOps;
+    queue.arrThreadOp = static_cast<VXThreadOp*>(
+        VXLB_MALLOC_AND_MEMSET(kThreadOpsStart * sizeof(VXThreadOp), "arrThreadOp", -1));
+    if (!queue.arrThreadOp || !vxlb_make_mutex(queue.mutex, VXProxy.listenerPool)) return false;
+    queue.arrSize = kThreadOpsStart;
+    return true;
+}
+
+bool makeBuffers() {
+    return setResetSocketBuffer(VXProxy.controlBuf) && setResetSocketBuffer(VXProxy.dataBuf) &&
+           setResetSocketBuffer(VXProxy.discoveryBuf);
+}
+
+void learnTotalMemory() {
+    const std::int64_t total = vx_platform_total_memory_mb();
+    if (total >= kMinTotalMB && total <= kMaxTotalMB) {
+        VXProxy.TotalSystemMemory = static_cast<std::int32_t>(total);
+        VX_TRACE(1, kControlThread, kInfo,
+                 "MemoryThresholds: memThresholdCheckModes=%d, memUsageThresholdPct=%d, "
+                 "memUsageThresholdSizeMB = %d, TotalSystemMemory=%d(MB)",
+                 VXProxy.memThresholdCheckModes, VXProxy.memUsageThresholdPct,
+                 VXProxy.memUsageThresholdSizeMB, VXProxy.TotalSystemMemory);
+    }
+    if (VXProxy.TotalSystemMemory != 0) return;
+    VX_TRACE(1, kControlThread, kError,
+             "MemoryThresholds: failed to get total system memory. Memory Check is disabled. totalMemoryInMB "
+             "%d",
+             static_cast<int>(total));
+    VXProxy.memThresholdCheckModes = 0;
+}
+
+// False when a stop came before the port could be bound.
+bool bindPort() {
+    char error[kSockErrorSize] = "";
+    bool reported = false;
+    while (!stopOrdered()) {
+        VXProxy.listenSocket = create_socket_and_bind(VXProxy.proxyPort, VXProxy.listenerPool, error);
+        if (VXProxy.listenSocket) return true;
+        VX_TRACE(1, kControlThread, kError, "Proxy Server Failed to listen on port %d. Error: '%s'",
+                 VXProxy.proxyPort, error);
+        VX_TRACE(1, kControlThread, kInfo, "Retry in 10 seconds.");
+        if (!reported && vxListenerReport.bindFailed) vxListenerReport.bindFailed(VXProxy.proxyPort, error);
+        reported = true;
+        vxlb_sleep_watching(kBindRetryUs, stopOrdered);
+    }
+    return false;
+}
+
+void noteBoundAddress() {
+    int port = 0;
+    if (get_src_addr(VXProxy.listenSocket, VXProxy.proxyHost, sizeof(VXProxy.proxyHost), &port) == 0)
+        VXProxy.proxyPort = port;
+    apr_socket_timeout_set(VXProxy.listenSocket, 0);  // accepting never waits
+    VX_TRACE(1, kControlThread, kInfo, "Proxy Started at '%s:%d'", VXProxy.proxyHost, VXProxy.proxyPort);
+}
+
+bool makePollset() {
+    const apr_status_t status = vxMakePollset();
+    if (status == APR_SUCCESS && addSocketInEpoll(VXProxy.listenSocket, nullptr)) return true;
+    char error[kSockErrorSize];
+    VX_TRACE(1, kControlThread, kError, "Error in creating poll. Error: %s\n",
+             apr_strerror(status, error, sizeof(error)));
+    return false;
+}
+
+void countBrokenPipe(int) {
+    brokenPipes.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool makeListener() {
+    apr_signal_init(VXProxy.listenerPool);
+    apr_signal(SIGPIPE, countBrokenPipe);
+    if (!makeThreadOperations() || !makeBuffers()) return false;
+    tlWorkerIndex = 0;
+    if (VXProxy.proxyPort > 0) VX_UPCALL(proxy_udp_handler, vxCurrent());
+    learnTotalMemory();
+    if (!bindPort()) return false;
+    noteBoundAddress();
+    return makePollset();
+}
+
+// What was made goes again: the next attempt starts from nothing, on the same port.
+void abandonListener() {
+    for (VXReadBuffer* buffer : {&VXProxy.controlBuf, &VXProxy.dataBuf, &VXProxy.discoveryBuf})
+        VXLB_FREE(std::exchange(buffer->buffer, nullptr), "control buffer read_socket_buf", -1);
+    VXLB_FREE(std::exchange(VXProxy.threadOps.arrThreadOp, nullptr), "arrThreadOp", -1);
+    VXProxy.threadOps.mutex = nullptr;
+    VXProxy.pollset = nullptr;
+    VXProxy.listenSocket = nullptr;
+    apr_pool_destroy(std::exchange(VXProxy.listenerPool, nullptr));
+}
+
+bool startListener() {
+    apr_initialize();
+    if (apr_pool_create(&VXProxy.listenerPool, nullptr) != APR_SUCCESS) return false;
+    if (makeListener()) return true;
+    abandonListener();
+    return false;
+}
+
+// Out of descriptors: the listening socket leaves the pollset for a while, or it would wake every round.
+void pauseAccepting() {
+    vxRemoveFromPoll(VXProxy.listenSocket);
+    acceptAgainUs = vxlb_now_us() + kAcceptPauseUs;
+}
+
+void resumeAccepting() {
+    if (acceptAgainUs == 0 || vxlb_now_us() < acceptAgainUs) return;
+    if (addSocketInEpoll(VXProxy.listenSocket, nullptr)) acceptAgainUs = 0;
+}
+
+void acceptFailed(apr_status_t status) {
+    if (APR_STATUS_IS_EAGAIN(status) || APR_STATUS_IS_EINTR(status)) return;
+    char error[kSockErrorSize];
+    VX_TRACE(1, kControlThread, kError, "Error in accepting connection : rv = %d , Error msg - '%s'", status,
+             apr_strerror(status, error, sizeof(error)));
+    if (!APR_STATUS_IS_ECONNABORTED(status)) pauseAccepting();
+}
+
+void acceptNewConnection() {
+    apr_pool_t* pool = nullptr;
+    if (apr_pool_create(&pool, VXProxy.listenerPool) != APR_SUCCESS) return;
+    apr_socket_t* socket = nullptr;
+    const apr_status_t status = apr_socket_accept(&socket, VXProxy.listenSocket, pool);
+    if (status != APR_SUCCESS) {
+        apr_pool_destroy(pool);
+        acceptFailed(status);
+        return;
+    }
+    const VXPeer peer(socket);
+    VX_TRACE(3, kControlThread, kInfo, "Connection received from '%s:%d' ", peer.ip(), peer.port());
+    vxPendingAccepted(socket);
+}
+
+// Its first line, or its end without one.
+void serveSilent(const apr_pollfd_t& event) {
+    if (event.rtnevents & APR_POLLIN) {
+        vxPendingReadable(event.desc.s);
+        return;
+    }
+    const VXPeer peer(event.desc.s);
+    VX_TRACE(2, kControlThread, kInfo, "Received event on, '%s:%d'. Closed the connection.", peer.ip(),
+             peer.port());
+    vxPendingGone(event.desc.s);
+}
+
+// The number of events; a time-out, a wake-up and an error have none.
+int waitForEvents(const apr_pollfd_t*& events) {
+    apr_int32_t count = 0;
+    VX_TRACE(3, kControlThread, kInfo, "Epoll set with 10 sec timeout.");
+    const apr_status_t status =
+        apr_pollset_poll(VXProxy.pollset, acceptAgainUs ? kAcceptPauseUs : kPollUs, &count, &events);
+    VX_TRACE(3, kControlThread, kInfo, "Returned epoll events = %d", count);
+    if (status == APR_SUCCESS && count > 0) return count;
+    char error[kSockErrorSize];
+    VX_TRACE(3, kControlThread, kInfo, "Agent select/epoll_wait. Error = %s\n",
+             apr_strerror(status, error, sizeof(error)));
+    return 0;
+}
+
+void dispatch(const apr_pollfd_t* events, int count) {
+    for (int i = 0; i < count; ++i) {
+        const apr_pollfd_t& event = events[i];
+        if (vxSocketClosed(event.desc.s)) continue;  // by an earlier event of this round
+        if (event.desc.s == VXProxy.listenSocket)
+            acceptNewConnection();
+        else if (event.client_data == &vxUnidentified)
+            serveSilent(event);
+        else
+            vxServeConnection(event, i, count);
+    }
+}
+
+void traceBrokenPipes() {
+    if (brokenPipes.exchange(0, std::memory_order_relaxed) > 0)
+        VX_TRACE(1, kControlThread, kInfo, "SIGPIPE received, ignoring... sig value = %d", SIGPIPE);
+}
+
+}  // namespace
+
+void vxProxyInit() {
+    if (!startListener()) return;
+    setWakeTarget(VXProxy.pollset);
+    VXProxy.listenerRunning.store(1, std::memory_order_release);
+    if (vxListenerReport.listening) vxListenerReport.listening(VXProxy.proxyHost, VXProxy.proxyPort);
+    while (!stopOrdered()) {
+        const apr_pollfd_t* events = nullptr;
+        const int count = waitForEvents(events);
+        dispatch(events, count);
+        vxPendingLook();
+        vxEndPollRound();  // behind everything that may name a socket of this round
+        resumeAccepting();
+        traceBrokenPipes();
+    }
+    setWakeTarget(nullptr);
+    VXProxy.listenerRunning.store(0, std::memory_order_release);
+}
+
+void vxWakeListener() {
+    const std::lock_guard lock(wakeMutex);
+    if (wakeTarget) apr_pollset_wakeup(wakeTarget);
+}
+
+}  // namespace vx

@@ -1,0 +1,186 @@
+#include "commonlibc/vx_agent.h"
+
+#include <apr_atomic.h>
+#include <apr_general.h>
+#include <apr_signal.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "commonlibc/Server.h"
+#include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXKeywords.h"
+#include "commonlibc/VXMetadataReplay.h"
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/VXProxySettings.h"
+#include "commonlibc/VXSettingsFile.h"
+#include "commonlibc/VXSys.h"
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/control_thread.h"
+#include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/proxyServer/vx_proxy_registry.h"
+#include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_mem_pool.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "commonlibc/vxlb_word.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::size_t kAgentLogSize = 131072;
+constexpr std::int32_t kInstanceTableAgentSide = 2;
+constexpr const char* kLoopback = "127.0.0.1";
+constexpr const char* kAgentVersion = "v1.0.0";
+
+constexpr std::int32_t kSlowMs = 3000, kVerySlowMs = 5000;
+constexpr std::int32_t kAutoSensorBufferSize = 262144;
+
+bool inService() {
+    return proxyServerFlag.load(std::memory_order_relaxed) != 0;
+}
+
+void startApr() {
+    apr_initialize();
+    static const int registered = std::atexit(apr_terminate);
+    static_cast<void>(registered);
+}
+
+void setProxyDefaults() {
+    std::destroy_at(&VXProxy);
+    std::construct_at(&VXProxy);
+    vxlb_copy_text(VXProxy.proxyHost, sizeof(VXProxy.proxyHost), kLoopback);
+    VXProxy.proxyPort = 1111;
+    VXProxy.numUDPThreads = 10;
+    VXProxy.udpTableSize = 32;
+    VXProxy.instanceTableSize = inService() ? kInstanceTableStart : kInstanceTableAgentSide;
+    VXProxy.memThresholdCheckModes = 1;
+    VXProxy.memUsageThresholdPct = 20;
+    VXProxy.memUsageThresholdSizeMB = 2048;
+}
+
+// The root context, current, in slot 0. Null without memory.
+vxApplication* makeRoot() {
+    if (!vxMakeInstanceTables()) return nullptr;
+    vxApplication* root = vxNewApplication();
+    if (!root || apr_pool_create(&root->pool, nullptr) != APR_SUCCESS) return nullptr;
+    vxSetCurrent(root);
+    vxMakeContextMutexes(*root);
+    root->agentLogBuffer = static_cast<char*>(VXLB_MALLOC(kAgentLogSize, "agent log buffer", 0));
+    if (root->agentLogBuffer) *root->agentLogBuffer = '\0';
+    root->agentLogBufferFree = 1;
+    if (inService()) root->ruckusMap = create_hashmap(root->pool);
+    VXProxyInstance.load()[0].store(root, std::memory_order_release);
+    VXProxy.numInstance.store(1, std::memory_order_release);
+    return root;
+}
+
+void replaceText(char*& text, const char* value) {
+    VXLB_FREE(text, "text copy", -1);
+    text = vxlb_strdup(value);
+}
+
+void startTrace(const char* agentType) {
+    VXSysInit(agentType);
+    VXTraceInit(gProcessName, gPool);
+}
+
+void readProxySettings() {
+    if (!inService()) {
+        initializeVXApplicationGlobal();
+        return;
+    }
+    vxlb_copy_text(VXProxy.proxyHost, sizeof(VXProxy.proxyHost), kLoopback);
+    VXProxy.proxyMode = 1;
+    setProxyVXHome();
+    readVXProxyConfig();
+}
+
+void nameRoot(vxApplication& root, const char* poolName, const char* agentType) {
+    root.identity.agentName = vxlb_strdup(poolName);
+    setAppName(poolName);
+    setAgentType(agentType);
+    setAgentVersion(kAgentVersion);
+}
+
+void readAgentSettings() {
+    const bool environment = read_env_var() == 0;
+    if (read_conf_file() != 0 || !environment)
+        VX_TRACE(1, kControlThread, kInfo, "configuration reading form starting");
+}
+
+void makeFlowpathTables(vxApplication& root) {
+    if (!root.identity.isProxyInstance) {
+        VX_TRACE(1, kControlThread, kInfo, "Going to create hashMap of flowpath instance to TLS");
+        root.flowpath.fpi_tls_map = create_hashmap(root.pool);
+        if (!VXProxy.proxyMode) create_tls_pool(0);
+        initVXManageTIdToTLocal();
+    }
+    apr_atomic_init(root.pool);
+    root.Server.flowpathCounter.store(0, std::memory_order_relaxed);
+    root.VXSys.processId = static_cast<std::int32_t>(vxlb_get_pid());
+}
+
+void enterLoop(vxApplication& root) {
+    if (VXProxy.proxyMode) {
+        VX_TRACE(1, kControlThread, kInfo, "Proxy is running ...");
+        vxProxyInit();
+        return;
+    }
+    VX_TRACE(1, kControlThread, kInfo, "Going to start control thread ...");
+    vxStartControlThread(&root);
+}
+
+}  // namespace
+
+void agent_init(const char* poolName, int /*poolNameType*/, const char* processName, const char* agentType,
+                int /*flags*/) {
+    vxFillUpcalls();
+    startApr();
+    setProxyDefaults();
+    vxApplication* root = makeRoot();
+    if (!root) return;
+    replaceText(gPool, poolName);
+    replaceText(gProcessName, processName);
+    startTrace(agentType);
+    VXBCISettingInit();
+    for (std::uint32_t& counter : root->method.idCounters) counter = 1;
+    readProxySettings();
+    nameRoot(*root, poolName, agentType);
+    readAgentSettings();
+    VX_UPCALL(vx_check_log_file);
+    root->VXSys.proxyMode = VXProxy.proxyMode;
+    apr_signal_init(root->pool);
+    apr_signal(SIGPIPE, SIG_IGN);
+    makeFlowpathTables(*root);
+    enterLoop(*root);
+}
+
+void initializeVXApplicationGlobal() {
+    vxApplication& app = *vxCurrent();
+    app.identity.isProxyInstance = 1;
+    vx_word_set(app.VXSys.ASDataBufferSize, kAutoSensorBufferSize);
+    app.bt.allSlowThreshold.store(kSlowMs, std::memory_order_relaxed);
+    app.bt.allVerySlowThreshold.store(kVerySlowMs, std::memory_order_relaxed);
+    app.control.retryInterval.store(kDefaultRetryIntervalUs, std::memory_order_relaxed);
+}
+
+void vxFillUpcalls() {
+    vxUpcalls.controlSockBufInit = controlSockBufInit;
+    vxUpcalls.dumpFpFromBusyList = dumpFpFromBusyList;
+    vxUpcalls.dumpNdDataOverRecord = dumpNdDataOverRecord;
+    vxUpcalls.setdefaultValues = setdefaultValues;
+    vxUpcalls.ResetMonitorData = ResetMonitorData;
+    vxUpcalls.freeTagStructures = freeTagStructures;
+    vxUpcalls.clearBtMetaDataFlags = clearBtMetaDataFlags;
+    vxUpcalls.replayMetaData = replayMetaData;
+    vxUpcalls.initializeVXApplicationGlobal = initializeVXApplicationGlobal;
+}
+
+}  // namespace vx

@@ -1,0 +1,18 @@
+// Start-up in order: from the defaults to the listener loop.
+//
+// Threads   agent_init: the service's worker, which becomes the listener. initializeVXApplicationGlobal: the
+//           thread that sets an instance up. vxFillUpcalls: before other threads exist.
+#pragma once
+
+namespace vx {
+
+// Builds the root context, reads the settings, starts the trace log, enters the listener loop; returns
+// when the loop returns. A second call starts from the beginning; what the first one made is not released.
+void agent_init(const char* poolName, int poolNameType, const char* processName, const char* agentType,
+                int flags);
+// Per-instance defaults on the current context.
+void initializeVXApplicationGlobal();
+// The one place where lower floors learn of upper ones.
+void vxFillUpcalls();
+
+}  // namespace vx

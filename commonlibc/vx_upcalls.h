@@ -1,0 +1,136 @@
+// Calls upward: the one visible table of function pointers from lower floors to upper ones.
+//
+// A lower floor never includes an upper one; where it must call upward (a data thread that flushes
+// flowpaths, a decoder whose handler is not there) it goes through this table, which start-up fills in one
+// place (vxFillUpcalls in vx_agent). An empty entry traces its name once at level 1 and answers the zero
+// value of its type.
+//
+// Threads   Filled before other threads start; read by any.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "commonlibc/context/vx_application.h"
+
+namespace vx {
+
+// X(name, type of function). Order is free.
+#define VX_UPCALL_LIST(X)                                                                               \
+    /* from the general settings */                                                                     \
+    X(controlSockBufInit, void(vxApplication & app))                                                    \
+    X(initVXHttpReqRespCaptureSettings, void(int ofResponse))                                           \
+    /* from the data channel */                                                                         \
+    X(dumpFpFromBusyList, void())                                                                       \
+    X(dumpNdDataOverRecord, void())                                                                     \
+    X(setdefaultValues, void())                                                                         \
+    X(initVXDynamicSettings, void())                                                                    \
+    X(ResetMonitorData, void())                                                                         \
+    X(freeTagStructures, void())                                                                        \
+    X(dropResetQueueOfInstance, void(vxApplication*))                                                   \
+    X(clearBtMetaDataFlags, void())                                                                     \
+    X(replayMetaData, void())                                                                           \
+    X(create_lws_data_connection, bool(const char* host, int port))                                     \
+    X(send_data_via_lws_socket, int(const char* data, std::int32_t length))                             \
+    X(kill_lws_data_connection, void(void* wsi))                                                        \
+    /* from business transactions, methods and monitors */                                              \
+    X(vxbt_read_rule_file, int(const char* pathOrText))                                                 \
+    X(vxbt_read_threshold_file, int(const char* pathOrText))                                            \
+    X(vxbt_execute_custom_rule, char*(const char* url, char* out))                                      \
+    X(searchUrlMachine, std::int32_t(const char* url, const char* query, const char* method))           \
+    X(getBTHeader, std::int32_t(char* headerValue, std::int32_t id))                                    \
+    X(parse_global_tags, void(const char* text))                                                        \
+    X(resolveTransactionTag, void(vxTD * slot))                                                         \
+    X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
+    X(digestAddBackend, void(VXBackendMonitorDataCounters * slot, std::int64_t duration))               \
+    /* from the engine and the decoder */                                                               \
+    X(dbMethodEntry, void(vxTD * slot, std::int64_t timeMs, const char* query))                         \
+    X(dumpRecord91, void(vxTD * slot, char** fields, int count))                                        \
+    X(addMethodInHash, void(const char* methodName))                                                    \
+    X(updateMethodInHash, void(const char* methodName, std::int64_t wallTime))                          \
+    X(handleExceptionParameters,                                                                        \
+      void(vxTD * slot, std::int64_t time, const char* className, const char* message,                  \
+           const char* throwingClass, const char* throwingMethod, const char* cause, std::int32_t kind, \
+           const char* stackTrace, std::int64_t thread))                                                \
+    X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
+    X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
+    X(vxMethodExitException, void(vxTD * slot, const char* methodName, std::int64_t cpuTime,            \
+                                  std::int32_t status, const char* backendName, std::int64_t wallTime,  \
+                                  std::int64_t threadId, std::int32_t exitType, std::int64_t endTime))  \
+    /* from the collector link */                                                                       \
+    X(ASNioInit, void())                                                                                \
+    X(create_autoSensor_thread, int())                                                                  \
+    X(setToStopThread, void(int stop))                                                                  \
+    X(check_captureAppLog_thread, int())                                                                \
+    X(VXThreadMonitorInit, void())                                                                      \
+    X(VXExceptionMonitorInit, void())                                                                   \
+    X(createVectorPrefixException, void())                                                              \
+    X(freeTagHashLists, void())                                                                         \
+    X(resetAppLogSettings, void())                                                                      \
+    X(makeInstrProfTableFree, void())                                                                   \
+    X(setFileBasedKeywd, void(char* value, const char* keyword, int index))                             \
+    X(setInstProfile, void(char* value, const char* keyword, int index))                                \
+    X(parseReRouteMessage, void(char* line))                                                            \
+    X(handleMetaDataRequest, void(char* line))                                                          \
+    X(handleDiscoveryRequest, void(char* line))                                                         \
+    X(handleThreadDumpRequest, void(char* line))                                                        \
+    X(handleUploadDownload, void(char* line))                                                           \
+    X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
+    X(parseDDClientMsgAndSendResp, void(char* line))                                                    \
+    X(HandleVexalineMessage, void(char* line))                                                          \
+    X(SendMessageOnUDPSocket, void(const char* keyword, const char* value))                             \
+    X(freeUDPConnections, void(vxApplication * app))                                                    \
+    X(create_lws_control_connection, bool(const char* host, int port))                                  \
+    X(start_control_connection_service, int())                                                          \
+    X(send_control_data_via_lws_socket, int(const char* data, std::int32_t length))                     \
+    X(rec_control_con_response_lws, int())                                                              \
+    /* from the agent side */                                                                           \
+    X(initializeVXApplicationGlobal, void())                                                            \
+    X(proxy_udp_handler, int(vxApplication * app))                                                      \
+    X(vxProxyInitLws, void())                                                                           \
+    X(processThreadOps, void(VXThreadOpsQueue * queue))                                                 \
+    X(statAndSendFileContent, void(char* name, epollPtr_t* address, int isProfile))                     \
+    X(openDiscovery, void())                                                                            \
+    X(forwardDiscoveryLine, bool(const char* line))                                                     \
+    X(dumpAndSendDataToVXC, bool(const char* data, std::int32_t length))                                \
+    X(sendThreadDataToVXC, void(char* text))                                                            \
+    X(vx_check_log_file, void())                                                                        \
+    X(startMemoryWatch, void())
+
+enum class VXUpcallName : std::size_t {
+#define VX_UPCALL_ENUM(name, ...) name,
+    VX_UPCALL_LIST(VX_UPCALL_ENUM)
+#undef VX_UPCALL_ENUM
+        kCount
+};
+
+template <class Function>
+using VXUpcallPointer = Function*;
+
+struct VXUpcalls {
+#define VX_UPCALL_MEMBER(name, ...) VXUpcallPointer<__VA_ARGS__> name = nullptr;
+    VX_UPCALL_LIST(VX_UPCALL_MEMBER)
+#undef VX_UPCALL_MEMBER
+};
+extern VXUpcalls vxUpcalls;
+
+// Name of an entry, for traces and tests.
+const char* vxUpcallText(VXUpcallName name);
+// True when the entry of that name is empty.
+bool vxUpcallEmpty(VXUpcallName name);
+// Traces the name of an empty entry, once per process.
+void vxUpcallMissing(VXUpcallName name);
+
+template <class R, class... P, class... A>
+R vxUpcall(R (*function)(P...), VXUpcallName name, A&&... arguments) {
+    if (function) return function(static_cast<P>(arguments)...);
+    vxUpcallMissing(name);
+    return R();
+}
+
+}  // namespace vx
+
+// VX_UPCALL(name, arguments...): calls the entry, or traces its name once.
+#define VX_UPCALL(name, ...) \
+    ::vx::vxUpcall(::vx::vxUpcalls.name, ::vx::VXUpcallName::name __VA_OPT__(, ) __VA_ARGS__)

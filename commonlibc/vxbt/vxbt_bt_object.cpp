@@ -1,0 +1,308 @@
+#include "commonlibc/vxbt/vxbt_bt_object.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/VXSys.h"
+#include "commonlibc/bt/VXBTMonitor.h"
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_rule_parser.h"
+#include "commonlibc/vxbt/vxbt_utils.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "commonlibc/vxlb_word.h"
+#include "commonlibc/vxlb_writer.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::size_t kRecordMax = 1023;
+constexpr std::size_t kPathSize = 1024;
+constexpr std::int32_t kDefaultMaxBtCount = 256;
+constexpr std::int32_t kDefaultSlowMs = 3000, kDefaultVerySlowMs = 5000;
+constexpr std::int32_t kUndeclaredId = -1;
+constexpr std::int64_t kUsPerSecond = 1000000;
+constexpr const char* kDefaultTags[] = {"Host=localhost", "OS=Linux", "application=Common", "Technology=Php"};
+
+BTObject* findByName(const char* name, const VXMap* map) {
+    const std::size_t length = strnlen(name, kBtNameSize - 1);
+    return static_cast<BTObject*>(search_hashmap_len(name, static_cast<std::int64_t>(length), map));
+}
+
+void announceOnce(BTObject& object) {
+    if (object.metaDataDumped.load(std::memory_order_relaxed)) return;
+    if (object.metaDataDumped.exchange(1, std::memory_order_relaxed)) return;
+    dumpBtMetaData(object.btName, object.btId.load(std::memory_order_relaxed));
+}
+
+// While diagnostics are on, they are armed on each BT that a transaction meets.
+void armDiagnostics(const VXBTState_t& bt, BTObject& object) {
+    if (bt.ddState.load(std::memory_order_relaxed) != 1) return;
+    const std::int64_t start = vxlb_now_us() / kUsPerSecond;
+    const std::int64_t duration = bt.ddDuration.load(std::memory_order_relaxed);
+    object.ddStartTime.store(start, std::memory_order_relaxed);
+    object.ddDuration.store(duration, std::memory_order_relaxed);
+    object.ddEndTime.store(vxSum(start, duration), std::memory_order_relaxed);
+    object.ddActive.store(1, std::memory_order_relaxed);
+}
+
+// The id of a new BT: ids that a rule has given already are stepped over. "Others" at the ceiling.
+std::int32_t takeBtId(VXBTState_t& bt) {
+    const std::int32_t ceiling = std::min(vx_word_get(bt.max_bt_count), kAggCapacity - 1);
+    std::int32_t candidate = bt.total_bt_count;
+    const VXBTMonitorDataCounters* slot = nullptr;
+    do {
+        slot = ++candidate <= ceiling ? vxAggSlot(bt.aggDataArr, candidate) : nullptr;
+    } while (slot && slot->btObj.load(std::memory_order_relaxed));
+
+    if (candidate > ceiling) {
+        VX_TRACE(3, kBtMon, kInfo, "max_bt_count '%d' reached, assiging id '%d' to Others", ceiling,
+                 candidate);
+        return kBtIdOthers;
+    }
+    bt.total_bt_count = candidate;
+    return candidate;
+}
+
+BTObject* addToManagerMap(VXBTState_t& bt, const char* name, std::int32_t id) {
+    BTObject* object = make_new_bt_obj(name, id, bt.allSlowThreshold.load(std::memory_order_relaxed),
+                                       bt.allVerySlowThreshold.load(std::memory_order_relaxed));
+    if (!object) return nullptr;
+    insert_in_hasmap(name, object, bt.managerMap);
+    VX_TRACE(2, kBtMon, kInfo, "Adding BT in manager map, name = %s, id = %d", object->btName, id);
+    announceOnce(*object);
+    return object;
+}
+
+// A name met for the first time. btMapMutex held.
+BTObject* createBt(VXBTState_t& bt, const char* name, std::int32_t id) {
+    BTObject* declared = find_bt_obj_in_config_map(name, kUndeclaredId, bt.allSlowThreshold.load(),
+                                                   bt.allVerySlowThreshold.load(), -1, -1);
+    if (!declared) return nullptr;
+    BTObject* object = declared;
+    if (!declared->metaDataDumped.load(std::memory_order_relaxed)) {
+        declared->btId.store(id, std::memory_order_relaxed);
+        object = addToManagerMap(bt, name, id);
+        if (findByName(name, bt.configMap) != declared) VXLB_FREE(declared, "BTObject", -1);
+    }
+    checkAndIncrementAggrBTDataArray(object);
+    return object;
+}
+
+bool isConnected(const vxApplication& app) {
+    return app.Server.instrumentationStarted.load(std::memory_order_relaxed) == 1 &&
+           app.data.data_thread_running.load(std::memory_order_relaxed) == 1;
+}
+
+// A rule's BT changes its id, or appears, while the collector listens: it has to learn the name again.
+void announceDeclared(const vxApplication& app, BTObject& object, std::int32_t id) {
+    if (app.bt.applicableRule.load(std::memory_order_relaxed) != kPatternRule) return;
+    if (app.Server.runtimeChange.load(std::memory_order_relaxed)) return;
+    object.metaDataDumped.store(1, std::memory_order_relaxed);
+    dumpBtMetaData(object.btName, id);
+}
+
+void updateDeclared(vxApplication& app, BTObject& object, std::int32_t id, std::int32_t slow,
+                    std::int32_t verySlow) {
+    object.slowThreshold.store(slow, std::memory_order_relaxed);
+    object.verySlowThreshold.store(verySlow, std::memory_order_relaxed);
+    app.bt.allSlowThreshold.store(slow, std::memory_order_relaxed);
+    app.bt.allVerySlowThreshold.store(verySlow, std::memory_order_relaxed);
+    if (id >= 0) {
+        if (id != object.btId.load(std::memory_order_relaxed)) announceDeclared(app, object, id);
+        object.btId.store(id, std::memory_order_relaxed);
+    }
+    VX_TRACE(2, kBtMon, kInfo, "Value update for category slw is:%d,very slw:%d", slow, verySlow);
+}
+
+template <class Visit>
+void forEachBt(VXMap* map, Visit visit) {
+    vxlb_map_each(
+        map,
+        [](const char*, void* object, void* argument) {
+            (*static_cast<Visit*>(argument))(*static_cast<BTObject*>(object));
+            return true;
+        },
+        &visit);
+}
+
+void addDefaultTags(VXBTState_t& bt) {
+    VXGuard guard(bt.tagSequenceMutex);
+    for (const char* tag : kDefaultTags) vxTagSequence(bt.tagSequenceMap, tag);
+}
+
+// What is made once in the life of an instance.
+void makeStore(vxApplication& app) {
+    VXBTState_t& bt = app.bt;
+    {
+        VXGuard guard(bt.btMapMutex);
+        if (vx_word_get(bt.max_bt_count) == 0) vx_word_set(bt.max_bt_count, kDefaultMaxBtCount);
+        if (bt.total_bt_count == 0) bt.total_bt_count = kBtIdOthers;
+        if (!bt.managerMap) bt.managerMap = create_hashmap(app.pool);
+        if (!bt.configMap) bt.configMap = create_hashmap(app.pool);
+        if (!bt.settingsMade) {
+            bt.allSlowThreshold.store(kDefaultSlowMs, std::memory_order_relaxed);
+            bt.allVerySlowThreshold.store(kDefaultVerySlowMs, std::memory_order_relaxed);
+            bt.settingsMade = 1;
+        }
+    }
+    {
+        VXGuard guard(bt.tagSequenceMutex);
+        if (!bt.tagSequenceMap) bt.tagSequenceMap = create_hashmap(app.pool);
+    }
+    addDefaultTags(bt);
+    VXGuard guard(bt.btTagMutex);
+    if (!bt.btTagMap) bt.btTagMap = create_hashmap(app.pool);
+}
+
+void configPath(char (&path)[kPathSize], const char* fileName) {
+    char folder[kPathSize];
+    vx_path_join(folder, sizeof(folder), getVXHome(), "config");
+    vx_path_join(path, sizeof(path), folder, fileName);
+}
+
+void applyDefaultRule() {
+    char rule[kRuleLineSize];
+    vxlb_copy_text(rule, sizeof(rule), kDefaultGlobalRule);
+    VX_TRACE(1, kBtMon, kInfo, "Setting defult BT rule = %s", rule);
+    parse_global_rule(rule);
+}
+
+}  // namespace
+
+void VXBTConfigModelInit() {
+    vxApplication& app = *vxCurrent();
+    char ruleFile[kPathSize];
+    char thresholdFile[kPathSize];
+
+    makeStore(app);
+    VXBTMonitorInit();
+    configPath(ruleFile, "BTRuleFile.txt");
+    configPath(thresholdFile, "BTThresholdFile.txt");
+    VX_UPCALL(vxbt_read_threshold_file, thresholdFile);  // thresholds are in place before rules make objects
+    VX_UPCALL(vxbt_read_rule_file, ruleFile);
+    if (app.bt.applicableRule.load(std::memory_order_relaxed) == kNoRule) applyDefaultRule();
+    VX_TRACE(1, kBtMon, kInfo, "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
+             vx_word_get(app.bt.max_bt_count), app.bt.total_bt_count, ruleFile);
+}
+
+BTObject* updateBTObject(char* name) {
+    if (!name || !*name) return nullptr;
+    VXBTState_t& bt = vxCurrent()->bt;
+    VXGuard guard(bt.btMapMutex);
+    if (!bt.managerMap) return nullptr;
+    std::int32_t id = kBtIdOthers;
+    BTObject* known = findByName(name, bt.managerMap);
+    if (!known && std::strcmp(name, kOthersName) != 0) {
+        id = takeBtId(bt);
+        if (id == kBtIdOthers) {
+            std::memcpy(name, kOthersName, std::strlen(kOthersName) + 1);
+            known = findByName(name, bt.managerMap);
+        }
+    }
+    if (!known) return createBt(bt, name, id);
+    armDiagnostics(bt, *known);
+    guard.unlock();
+    announceOnce(*known);
+    return known;
+}
+
+BTObject* make_new_bt_obj(const char* name, std::int32_t id, std::int32_t slow, std::int32_t verySlow) {
+    void* block = VXLB_MALLOC_AND_MEMSET(sizeof(BTObject), "BTObject", -1);
+    if (!block) return nullptr;
+    auto* object = new (block) BTObject{};
+    vxlb_copy_text(object->btName, sizeof(object->btName), name);
+    if (id > 0) object->btId.store(id, std::memory_order_relaxed);
+    object->slowThreshold.store(slow, std::memory_order_relaxed);
+    object->verySlowThreshold.store(verySlow, std::memory_order_relaxed);
+    object->selfId = object->parentId = -1;
+    return object;
+}
+
+BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int32_t slow,
+                                    std::int32_t verySlow, std::int32_t selfId, std::int32_t parentId) {
+    vxApplication& app = *vxCurrent();
+    VXBTState_t& bt = app.bt;
+    BTObject* object = findByName(name, bt.configMap);
+    const bool isNew = object == nullptr;
+    if (isNew) {
+        object = make_new_bt_obj(name, id, slow, verySlow);
+        if (!object) return nullptr;
+        if (id >= 1 && isConnected(app)) announceDeclared(app, *object, id);
+        if (id >= 0) insert_in_hasmap(name, object, bt.configMap);
+    } else if (isConnected(app)) {
+        updateDeclared(app, *object, id, slow, verySlow);
+    }
+    if (id < 1) return object;
+
+    object->btId.store(id, std::memory_order_relaxed);
+    VX_TRACE(2, kBtMon, kInfo, "Insert in map with updated btid:%d ", id);
+    if (isNew && id > kBtIdOthers) {
+        ++bt.total_bt_count;
+        VX_TRACE(2, kBtMon, kInfo, "Enter in config map of config value:%d", id);
+    }
+    object->selfId = selfId;
+    object->parentId = parentId;
+    insert_in_hasmap(name, object, bt.managerMap);
+    return object;
+}
+
+BTObject* find_bt_obj_in_manager_map(const char* name) {
+    return findByName(name, vxCurrent()->bt.managerMap);
+}
+
+void insert_in_hasmap(const char*, BTObject* object, VXMap* map) {
+    modify_hashmap(object->btName, object, map);  // the map keeps the key: the object's own name
+}
+
+void dumpBtMetaData(const char* name, std::int32_t id) {
+    char record[kRecordMax];
+    VXWriter out(record, sizeof(record));
+    out.text("7,").number(id).put(',').recordText(name).endLine();
+    dumpData(record, static_cast<std::int64_t>(out.length()));
+}
+
+void reset_BTObjMap(std::uint32_t staleValue) {
+    forEachBt(vxCurrent()->bt.managerMap, [staleValue](BTObject& object) {
+        object.isStale.store(staleValue, std::memory_order_relaxed);
+        object.metaDataDumped.store(0, std::memory_order_relaxed);
+    });
+}
+
+void clearBtMetaDataFlags() {
+    VXBTState_t& bt = vxCurrent()->bt;
+    VXGuard guard(bt.btMapMutex);
+    forEachBt(bt.managerMap,
+              [](BTObject& object) { object.metaDataDumped.store(0, std::memory_order_relaxed); });
+}
+
+void parseMaxBTCount(const char* value) {
+    VXBTState_t& bt = vxCurrent()->bt;
+    const std::int32_t count = vxbt_int(value);
+    if (count < 1) {
+        VX_TRACE(
+            1, kBtMon, kError,
+            "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d Specified "
+            "BTMaxCount value %s",
+            vx_word_get(bt.maxBTCount), value ? value : "(null)");
+        return;
+    }
+    setMaxBTCount(count);
+    VX_TRACE(1, kBtMon, kInfo, "parseMaxBTCount method - maxBTCount after updated - value  : %d", count);
+}
+
+void setMaxBTCount(std::int32_t value) {
+    VXBTState_t& bt = vxCurrent()->bt;
+    vx_word_set(bt.maxBTCount, value);
+    vx_word_set(bt.max_bt_count, value);
+}
+
+}  // namespace vx

@@ -1,0 +1,62 @@
+#include "commonlibc/vxlb_mem.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+// The traces print sizes as 32-bit numbers.
+int shown(std::size_t size) noexcept {
+    return static_cast<int>(size);
+}
+
+void* outOfMemory(std::size_t size, const char* what, int index) {
+    VX_TRACE(1, kMemory, kNone, "Out of Memory (size = %d): %s for index %d\n", shown(size), what, index);
+    return nullptr;
+}
+
+}  // namespace
+
+void* vxlb_malloc(std::size_t size, const char* what, int index) {
+    void* block = std::malloc(size);
+    if (!block) return outOfMemory(size, what, index);
+    VX_TRACE(1, kMemory, kNone, "VXLB_MALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, block,
+             shown(size), index);
+    return block;
+}
+
+void* vxlb_malloc_and_memset(std::size_t size, const char* what, int index) {
+    void* block = std::calloc(1, size);
+    if (!block) return outOfMemory(size, what, index);
+    VX_TRACE(1, kMemory, kNone, "VXLB_MALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, block,
+             shown(size), index);
+    VX_TRACE(1, kMemory, kNone, "VXLB_MEMSET'ed (%s) done. ptr = $%p$, size = %d for index %d", what, block,
+             shown(size), index);
+    return block;
+}
+
+void* vxlb_realloc(void* block, std::size_t size, const char* what, int index) {
+    if (size == 0 || size > static_cast<std::size_t>(INT64_MAX)) {
+        VX_TRACE(1, kMemory, kNone, "Trying to realloc a negative or 0 size (%d) for index  %d\n",
+                 shown(size), index);
+        return nullptr;
+    }
+    void* grown = std::realloc(block, size);
+    if (!grown) return outOfMemory(size, what, index);
+    VX_TRACE(1, kMemory, kNone, "VXLB_REALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, grown,
+             shown(size), index);
+    return grown;
+}
+
+void vxlb_free(void* block, const char* what, int index) noexcept {
+    if (!block) return;
+    VX_TRACE(1, kMemory, kNone, "VXLB_FREE'ed (%s) done. Freeing ptr = $%p$ for index %d", what, block,
+             index);
+    std::free(block);
+}
+
+}  // namespace vx

@@ -1,0 +1,374 @@
+#include "commonlibc/vxlb_messages.h"
+
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <cstring>
+
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/flowpath/VXFlowpathGenerator.h"
+#include "commonlibc/flowpath/VXFlowpathTime.h"
+#include "commonlibc/flowpath/VXManageTierCallOut.h"
+#include "commonlibc/flowpath/VXMethodTrace.h"
+#include "commonlibc/flowpath/VXPerThreadData.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_message_body.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "commonlibc/vxlb_word.h"
+
+namespace vx {
+namespace {
+
+constexpr std::int64_t kAgeLimitSeconds = 300;
+constexpr std::int32_t kExceptionStatus = 503;
+
+// One message on its way to the engine.
+struct Message {
+    vxApplication& app;
+    VXMessageBody body;
+    std::int64_t flowpathInstance;
+    bool singleRecord;
+    const char* key;  // text of the flowpath in fpi_tls_map, terminated
+    std::size_t keyLength;
+
+    std::int32_t i32(std::size_t offset) const { return body.fixed.i32At(offset); }
+    std::int64_t i64(std::size_t offset) const { return body.fixed.i64At(offset); }
+    char* text(std::size_t index) const { return body.text[index]; }
+    const char* shown(std::size_t index) const { return body.text[index] ? body.text[index] : ""; }
+    long long instance() const { return flowpathInstance; }
+};
+
+// The slot of the message's flowpath, which has been active now; null when it is not there.
+vxTD* findSlot(const Message& message) {
+    vxTD* slot = vxFindSlot(message.key, message.keyLength);
+    if (slot)
+        slot->lastActivityTime.store(vxBaseMs(message.app, message.app.decoder.readTimeUs),
+                                     std::memory_order_relaxed);
+    return slot;
+}
+
+bool autoInstrumentationOn(const vxApplication& app) {
+    return app.VXAutoInstrumentation.sessionOn.load(std::memory_order_relaxed) &&
+           app.VXBCISetting.agentTypeCode.load(std::memory_order_relaxed) == kAgentPhp;
+}
+
+void giveBack(vxTD* slot) {
+    vxUnfileSlot(slot);
+    reset(slot);
+}
+
+void onMethodEntry(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 0  pfpi = %lld ", in.instance());
+        VX_TRACE(2, kFlowpath, kInfo, "NOT FOUND FPI = %lld Method Entry = '%s'", in.instance(), in.shown(0));
+        return;
+    }
+    if (in.text(0) && autoInstrumentationOn(in.app)) VX_UPCALL(addMethodInHash, in.text(0));
+    VXMethodEntryArguments entry{};
+    entry.methodName = in.text(0);
+    entry.methodNameLength = in.body.length[0];
+    entry.url = in.text(1);
+    entry.urlParameter = in.text(2);
+    entry.queryParameter = in.text(3);
+    entry.threadId = in.i64(12);
+    entry.time = in.i64(20);
+    vxMethodEntry(slot, entry);
+}
+
+void onMethodExit(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "NOT FOUND FPI = %lld Method Exit = '%s'", in.instance(), in.shown(0));
+        return;
+    }
+    VXMethodExitArguments exit{};
+    exit.methodName = in.text(0);
+    exit.methodNameLength = in.body.length[0];
+    exit.backendName = in.text(1);
+    exit.phase = in.text(2);
+    exit.status = in.i32(0);
+    exit.calloutDone = in.i32(12);
+    exit.threadId = in.i64(16);
+    exit.methodWallTime = in.i64(24);
+    exit.fpCPUTime = in.i64(40);
+    exit.endTime = in.i64(68);
+    if (in.text(0) && autoInstrumentationOn(in.app))
+        VX_UPCALL(updateMethodInHash, in.text(0), exit.methodWallTime);
+    slot->calloutSeq = in.singleRecord ? slot->seqNo : in.i64(60);
+    vxMethodExit(slot, exit);
+}
+
+// What takes the place of the correlation header that functions written in go do not send.
+const char* correlationOfFunction(const Message& in) {
+    const char* name = in.app.VXSys.correlationIDHeader.get();
+    if (!vx_word_get(in.app.VXSys.correlationIDEnabled)) return name;
+    return in.text(2) && name ? getBtBaseOnHeader1(in.text(2), name) : nullptr;
+}
+
+void onTransactionStart(Message& in) {
+    char number[24] = {};
+    std::to_chars(number, number + sizeof(number) - 1, in.flowpathInstance);
+    const bool goFunction = in.singleRecord && in.app.VXBCISetting.agentTypeCode.load() == kAgentGo;
+    VXStartArguments start{};
+    start.fpstr = number;
+    start.url = in.text(1);
+    start.btHeaderValue = in.text(2);
+    start.vxCookie = in.text(3);
+    start.kwCookie = in.text(4);
+    start.correlationHeader = goFunction ? correlationOfFunction(in) : in.text(5);
+    start.startArgument = in.i64(32);
+    start.startTime = in.i64(40);
+    start.threadId = in.i64(48);
+    vxTD* slot = startFP(start);
+    if (!slot) {
+        VX_TRACE(1, kFlowpath, kInfo, "NOT FOUND FPI - %lld START", in.instance());
+        return;
+    }
+    if (in.text(0) && std::strchr(in.text(0), '_')) setTierCallOut(slot, in.text(0));
+    vxFileSlot(slot, in.singleRecord ? in.key : slot->flowpathInstanceStr);
+}
+
+void onTransactionEnd(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "NOT FOUND FPI = %lld END", in.instance());
+        return;
+    }
+    endFP(slot, in.i32(0), in.i64(12), in.i64(20), in.i32(28));
+    giveBack(slot);
+}
+
+// Resets bring the age sweep along, at most once in five minutes and before their own work.
+void onTransactionReset(Message& in) {
+    const std::int64_t nowUs = in.app.decoder.readTimeUs;
+    if (nowUs / 1000000 - in.app.Server.lastSweepTimeMs / 1000 > kAgeLimitSeconds) {
+        VX_TRACE(1, kFlowpath, kInfo, "Five minutes expired now resseting");
+        in.app.Server.lastSweepTimeMs = nowUs / 1000;
+        resetFPafterThreshold(nowUs);
+    }
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 4  pfpi = %lld ", in.instance());
+        return;
+    }
+    giveBack(slot);
+}
+
+void onException(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 5  pfpi = %lld ", in.instance());
+        return;
+    }
+    VX_UPCALL(handleExceptionParameters, slot, in.i64(36), in.text(0), in.text(1), in.text(2), in.text(3),
+              in.text(4), in.i32(0), in.text(5), in.i64(44));
+}
+
+void replaceText(char*& held, const char* text, const char* what) {
+    if (!text) return;
+    VXLB_FREE(held, what, -1);
+    held = vxlb_strdup(text);
+}
+
+void onHttpHeaders(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 6  pfpi = %lld ", in.instance());
+        return;
+    }
+    const bool request = in.text(1) && std::strcmp(in.text(1), "req") == 0;
+    if (request) {
+        replaceText(slot->OTL_tracestate, in.text(4), "OTL_tracestate");
+        replaceText(slot->OTL_traceID, in.text(2), "OTL_traceID");
+        replaceText(slot->OTL_parentID, in.text(3), "OTL_parentID");
+        slot->traceFlag = in.body.fixed.u8At(12);
+        slot->traceState = in.i32(16);
+    }
+    if (slot->flowpathInstance.load(std::memory_order_relaxed) == 0) return;
+    if (request) {
+        VX_UPCALL(sendHttpHdrReq, slot, in.text(0), in.text(1), in.i32(0));
+    } else {
+        VX_UPCALL(sendHttpHdrRep, slot, in.text(0), in.text(1), in.i32(0));
+    }
+}
+
+void onExitByException(Message& in) {
+    vxTD* slot = findSlot(in);
+    if (!slot) {
+        VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 7  pfpi = %lld ", in.instance());
+        return;
+    }
+    VX_UPCALL(vxMethodExitException, slot, in.text(0), in.i64(36), kExceptionStatus, in.text(1), in.i64(28),
+              in.i64(20), in.i32(0), in.i64(44));
+}
+
+struct MessageRow {
+    std::int32_t number;
+    VXMessageShape shape;
+    std::size_t instanceAt;     // where the flowpath's number stands
+    const char* negativeWords;  // traced with a refusal; null: refused in silence
+    const char* shortWords;
+    TraceSeverity severity;
+    void (*handle)(Message&);
+};
+
+// The strings of an exception stand in another order than their lengths.
+constexpr auto kMessageRows = std::to_array<MessageRow>({
+    {0,
+     {44, 4, 4, 0b1111, {28, 32, 36, 40}, true},
+     4,
+     "Invalid(Negative) values received at Method Entry. Returning.",
+     "Invalid(Negative) values received length -Ve at MethodEntry. Returning.",
+     TraceSeverity::kInfo,
+     onMethodEntry},
+    {1,
+     {76, 3, 3, 0b010, {48, 52, 56}, true},
+     32,
+     "Invalid(Negative) values received at MethodExit. Returning.",
+     "Invalid(Negative) values for length received at MethodExit. Returning.",
+     TraceSeverity::kInfo,
+     onMethodExit},
+    {2,
+     {56, 6, 6, 0, {0, 4, 8, 12, 16, 20}, true},
+     24,
+     "Invalid(Negative) values received at transactionStart. Returning.",
+     "Invalid(Negative) values received at transactionStart. Returning.",
+     TraceSeverity::kInfo,
+     onTransactionStart},
+    {3,
+     {32, 0, 0, 0, {}, false},
+     4,
+     nullptr,
+     "Invalid(Negative) values received at transactionEnd. Returning.",
+     TraceSeverity::kInfo,
+     onTransactionEnd},
+    {4,
+     {8, 0, 0, 0, {}, false},
+     0,
+     nullptr,
+     "Invalid(Negative) values received at transactionReset. Returning.",
+     TraceSeverity::kInfo,
+     onTransactionReset},
+    {5,
+     {52, 6, 6, 0, {4, 16, 8, 12, 20, 24}, false},
+     28,
+     nullptr,
+     nullptr,
+     TraceSeverity::kNone,
+     onException},
+    {6, {40, 5, 2, 0, {4, 8, 20, 24, 28}, false}, 32, nullptr, nullptr, TraceSeverity::kNone, onHttpHeaders},
+    {7,
+     {52, 2, 2, 0, {4, 8}, false},
+     12,
+     nullptr,
+     "len condition failed, threfore returning",
+     TraceSeverity::kError,
+     onExitByException},
+});
+
+consteval bool rowsFollowNumbers() {
+    for (std::size_t i = 0; i < kMessageRows.size(); ++i) {
+        const MessageRow& row = kMessageRows[i];
+        if (row.number != static_cast<std::int32_t>(i) || !row.handle) return false;
+        if (row.shape.textCount > kMessageTexts || row.shape.checkedTexts > row.shape.textCount) return false;
+    }
+    return true;
+}
+static_assert(kMessageRows.size() == 8 && rowsFollowNumbers(), "row i describes message type i");
+
+void traceRefusal(const MessageRow& row, BodyResult result) {
+    const char* words = result == BodyResult::kNegative ? row.negativeWords : row.shortWords;
+    if (!words || result == BodyResult::kTorn || result == BodyResult::kNoMemory) return;
+    if (row.severity == TraceSeverity::kError) {
+        VX_TRACE(1, kFlowpath, kError, "%s", words);
+    } else {
+        VX_TRACE(1, kFlowpath, kInfo, "%s", words);
+    }
+}
+
+std::atomic<std::int32_t> resetsOfProcess{0};
+
+// Slots that a sweep has found too old; a full batch is emptied and the walk begins again.
+struct AgedSlots {
+    std::int64_t nowUs;
+    std::size_t count;
+    std::array<vxTD*, 64> slots;
+};
+
+bool collectAged(const char*, void* value, void* argument) {
+    auto& aged = *static_cast<AgedSlots*>(argument);
+    auto* slot = static_cast<vxTD*>(value);
+    if (slot->startTimeUs > 0 && (aged.nowUs - slot->startTimeUs) / 1000000 > kAgeLimitSeconds)
+        aged.slots[aged.count++] = slot;
+    return aged.count < aged.slots.size();
+}
+
+}  // namespace
+
+int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t messageType, int singleRecord,
+                    const char* fpKey) {
+    if (bodyLength < 1) return kMessageCorrupt;
+    if (messageType < 0 || static_cast<std::size_t>(messageType) >= kMessageRows.size()) {
+        VX_TRACE(1, kFlowpath, kInfo, "M Type unknown");
+        return kMessageCorrupt;
+    }
+    const MessageRow& row = kMessageRows[static_cast<std::size_t>(messageType)];
+    Message message{*vxCurrent(), {}, 0, singleRecord != 0, fpKey ? fpKey : "", 0};
+    const VXByteView bytes(body, static_cast<std::size_t>(bodyLength));
+    if (const BodyResult result = vxlb_take_body(row.shape, bytes, message.body);
+        result != BodyResult::kTaken) {
+        traceRefusal(row, result);
+        return kMessageConsumed;
+    }
+    if (!message.app.flowpath.fpi_tls_map) return kMessageNoMap;
+    message.flowpathInstance = message.i64(row.instanceAt);
+    char number[24];
+    if (message.singleRecord) {
+        message.keyLength = std::strlen(message.key);
+    } else {
+        char* end = std::to_chars(number, number + sizeof(number) - 1, message.flowpathInstance).ptr;
+        *end = '\0';
+        message.key = number;
+        message.keyLength = static_cast<std::size_t>(end - number);
+    }
+    row.handle(message);
+    return kMessageConsumed;
+}
+
+char* getBtBaseOnHeader1(char* haystack, const char* needle) {
+    char* pair = haystack && needle && *needle ? std::strstr(haystack, needle) : nullptr;
+    char* pairEnd = pair ? std::strchr(pair, '&') : nullptr;
+    char* value = pair ? std::strchr(pair, '=') : nullptr;
+    if (!pairEnd || !value || value > pairEnd) return nullptr;
+    *pairEnd = '\0';
+    return value + 1;
+}
+
+void resetFPafterThreshold(std::int64_t nowUs) {
+    VXMap* map = vxCurrent()->flowpath.fpi_tls_map;
+    if (vxlb_map_count(map) == 0) {
+        VX_TRACE(1, kFlowpath, kInfo, "print No memory needed to be freed");
+        return;
+    }
+    std::int32_t resets = 0;
+    AgedSlots aged{nowUs, 0, {}};
+    unsigned before = 0;
+    do {
+        before = vxlb_map_count(map);
+        aged.count = 0;
+        vxlb_map_each(map, collectAged, &aged);
+        for (std::size_t i = 0; i < aged.count; ++i) giveBack(aged.slots[i]);
+        resets += static_cast<std::int32_t>(aged.count);
+    } while (aged.count == aged.slots.size() && vxlb_map_count(map) < before);
+    const std::int32_t overAll = resetsOfProcess.fetch_add(resets) + resets;
+    VX_TRACE(1, kFlowpath, kInfo,
+             "Counter for Number of Reset Called in current Iteration = [%d] and Over all Counter for Number "
+             "of Reset Called = [%d] ",
+             resets, overAll);
+}
+
+}  // namespace vx

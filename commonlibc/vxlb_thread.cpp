@@ -1,0 +1,20 @@
+#include "commonlibc/vxlb_thread.h"
+
+namespace vx {
+
+apr_status_t vxlb_thread_create(apr_thread_t** threadOut, apr_threadattr_t* attributes,
+                                apr_thread_start_t function, void* argument, apr_pool_t* pool) {
+    if (!attributes) {
+        apr_status_t status = apr_threadattr_create(&attributes, pool);
+        if (status == APR_SUCCESS) status = apr_threadattr_detach_set(attributes, 1);
+        if (status != APR_SUCCESS) return status;
+    }
+    return apr_thread_create(threadOut, attributes, function, argument, pool);
+}
+
+bool vxlb_make_mutex(apr_thread_mutex_t*& mutex, apr_pool_t* pool) {
+    if (mutex) return true;
+    return apr_thread_mutex_create(&mutex, APR_THREAD_MUTEX_NESTED, pool) == APR_SUCCESS;
+}
+
+}  // namespace vx
