@@ -1,0 +1,80 @@
+#include <pthread.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "commonlibc/agent_thread.h"
+#include "dotnetagent/agent/vx_service_system.h"
+
+namespace vx {
+
+namespace {
+
+constexpr rlim_t kWantedDescriptors = 8192;  // agents' and collectors' sockets, unknown ones, files
+
+void (*controlHandler)(int control) = nullptr;
+
+void stopControl() {
+    controlHandler(kServiceControlStop);
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWantedDescriptors) return;
+    limit.rlim_cur = std::min(limit.rlim_max, kWantedDescriptors);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+struct Worker {
+    void (*body)(void* argument);
+    void* argument;
+};
+
+void* runBody(void* given) {
+    const Worker& worker = *static_cast<Worker*>(given);
+    worker.body(worker.argument);
+    return nullptr;
+}
+
+const char* nameOf(VXServiceState state) {
+    switch (state) {
+        case VXServiceState::kStopped:
+            return "stopped";
+        case VXServiceState::kStartPending:
+            return "start pending";
+        case VXServiceState::kStopPending:
+            return "stop pending";
+        case VXServiceState::kRunning:
+            return "running";
+    }
+    return "unknown";
+}
+
+}  // namespace
+
+bool vx_service_register(void (*handler)(int control)) {
+    controlHandler = handler;
+    raiseDescriptorLimit();
+    return vxStartSignalThread(stopControl);
+}
+
+void vx_service_report(const VXServiceStatus& status) {
+    char line[128];
+    std::snprintf(line, sizeof(line), "VXProxyService: ServiceStatus: %s, exit code %d, check point %d",
+                  nameOf(status.state), status.exitCode, status.checkPoint);
+    vx_service_debug(line);
+}
+
+bool vx_service_run_worker(void (*body)(void* argument), void* argument) {
+    Worker worker{body, argument};
+    pthread_t thread;
+    return pthread_create(&thread, nullptr, runBody, &worker) == 0 && pthread_join(thread, nullptr) == 0;
+}
+
+void vx_service_debug(const char* line) {
+    if (std::getenv("VX_SERVICE_DEBUG")) std::fprintf(stderr, "%s\n", line);
+}
+
+}  // namespace vx
