@@ -1,0 +1,123 @@
+#include <cstdio>
+
+#include "commonlibc/vxlb_clock.h"
+#include "tools/agent/cli_modes.h"
+#include "tools/agent/vxagent_follow.h"
+#include "tools/agent/vxagent_log_line.h"
+
+namespace vx::agent {
+namespace {
+
+constexpr std::int64_t kPollUs = 50000;
+constexpr int kLingerMs = 5000;
+constexpr std::size_t kLinesBetweenLooks = 64;
+
+struct AccessLogOptions {
+    CommonOptions common;
+    std::string file, label = "nginx";
+    bool follow = false, once = false, fromStart = false;
+};
+
+struct Counts {
+    std::uint64_t lines = 0, broken = 0, transactions = 0, skipped = 0;
+};
+
+// A request is one method that holds another, named by the request's method: "nginx.request", "nginx.GET".
+void report(vxagent* agent, const LogLine& line, const std::string& label, Counts& counts) {
+    const std::int64_t end = endOf(line, vxlb_now_us()), start = end - line.durationUs;
+    const std::string url(line.url), method(line.method);
+    const std::string names[] = {label + ".request", methodNameOf(line, label)};
+    vxagent_transaction transaction{};
+    transaction.url = url.c_str();
+    transaction.method = method.c_str();
+    transaction.start_us = start;
+    const std::int64_t number = vxagent_begin(agent, &transaction);
+    ++(number ? counts.transactions : counts.skipped);
+    for (const std::string& name : names) vxagent_enter(agent, number, name.c_str(), start);
+    for (int i = 1; i >= 0; --i) {
+        vxagent_method left{};
+        left.name = names[i].c_str();
+        left.status = line.status;
+        left.wall_us = line.durationUs;
+        left.end_us = end;
+        vxagent_leave(agent, number, &left);
+    }
+    vxagent_end(agent, number, line.status, end, 0);
+}
+
+void reportLines(vxagent* agent, LineFollower& follower, const AccessLogOptions& options, Counts& counts) {
+    std::string text;
+    while (!stopRequested() && follower.next(text)) {
+        LogLine line;
+        if (++counts.lines % kLinesBetweenLooks == 0) waitForRoom(agent);
+        if (parseLogLine(text, line)) {
+            report(agent, line, options.label, counts);
+        } else {
+            ++counts.broken;
+        }
+    }
+}
+
+void printCounts(const vxagent* agent, const Counts& counts) {
+    vxagent_statistics now;
+    vxagent_get_statistics(agent, &now);
+    std::printf(
+        "lines=%llu transactions=%llu skipped=%llu broken=%llu records=%llu bytes=%llu dropped=%llu "
+        "reconnects=%llu\n",
+        static_cast<unsigned long long>(counts.lines), static_cast<unsigned long long>(counts.transactions),
+        static_cast<unsigned long long>(counts.skipped), static_cast<unsigned long long>(counts.broken),
+        static_cast<unsigned long long>(now.sent_records), static_cast<unsigned long long>(now.sent_bytes),
+        static_cast<unsigned long long>(now.dropped), static_cast<unsigned long long>(now.reconnects));
+}
+
+int followLog(vxagent* agent, const AccessLogOptions& options) {
+    const bool all = options.once || options.fromStart;
+    LineFollower follower(options.file, all ? LineFollower::From::kStart : LineFollower::From::kEnd);
+    if (options.once && !follower.opened()) {
+        std::fprintf(stderr, "vxagent access-log: cannot read '%s'\n", options.file.c_str());
+        return kExitFailed;
+    }
+    // What is written while the proxy does not ask yet waits in the file.
+    if (!waitUntilSending(agent, options.once ? options.common.waitSeconds : 0)) {
+        std::fputs("vxagent access-log: the proxy did not ask for records\n", stderr);
+        return options.once ? kExitFailed : kExitOk;
+    }
+    Counts counts;
+    do {
+        reportLines(agent, follower, options, counts);
+        if (!options.once) vxlb_sleep_us(kPollUs);
+    } while (!options.once && !stopRequested());
+    vxagent_flush(agent, kLingerMs);
+    printCounts(agent, counts);
+    return kExitOk;
+}
+
+}  // namespace
+
+int runAccessLog(int argc, char** argv) {
+    AccessLogOptions given;
+    given.common.agent = "nginx";
+    std::vector<Option> options = {
+        {"--file", "FILE", "the log: combined format with the request's seconds as last field",
+         OptionKind::kText, &given.file, true},
+        {"--follow", nullptr, "reports what is written from now on, until a signal", OptionKind::kFlag,
+         &given.follow},
+        {"--once", nullptr, "reports what the file holds and ends (without --follow the default)",
+         OptionKind::kFlag, &given.once},
+        {"--from-start", nullptr, "follows from the file's beginning", OptionKind::kFlag, &given.fromStart},
+        {"--label", "NAME", "first part of the method names (nginx)", OptionKind::kText, &given.label},
+    };
+    for (const Option& option : commonOptions(given.common)) options.push_back(option);
+    int code = kExitOk;
+    if (!readOptions("access-log", options, argc, argv, code)) return code;
+    if (!checkNames("access-log", given.common)) return kExitUsage;
+    given.once = given.once || !given.follow;
+    catchSignals();
+    vxagent* agent = openAgent(given.common);
+    if (!agent) return kExitFailed;
+    code = followLog(agent, given);
+    vxagent_close(agent, kLingerMs);
+    return code;
+}
+
+}  // namespace vx::agent

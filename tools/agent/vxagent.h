@@ -1,0 +1,127 @@
+/*
+ * Agent library: reports the transactions of a process to the proxy on its host.
+ *
+ *     vxagent_options options;
+ *     vxagent_options_init(&options);
+ *     options.port = 1111;
+ *     options.application = "shop"; options.tier = "web"; options.server = "host1"; options.agent = "nginx";
+ *     vxagent* agent = vxagent_open(&options);
+ *
+ *     int64_t tx = vxagent_begin(agent, &(vxagent_transaction){.url = "/cart", .method = "GET"});
+ *     vxagent_enter(agent, tx, "Cart.show", 0);
+ *     vxagent_leave(agent, tx, &(vxagent_method){.name = "Cart.show", .status = 200, .wall_us = 1500});
+ *     vxagent_end(agent, tx, 200, 0, 0);
+ *
+ *     vxagent_close(agent, 1000);
+ *
+ * The host is never held up: records go into a bounded queue, and one thread of the library's own does all
+ * that concerns sockets. A full queue drops records, which are counted. The proxy says when it wants
+ * records (instrumentation); until then vxagent_begin() answers 0 and every call with 0 does nothing.
+ *
+ * The library connects again by itself, after 100 ms at first and twice as long each time up to a ceiling,
+ * with some jitter: when the proxy goes away, and when it closes the data connection because no collector
+ * takes data. What was on its way then is lost.
+ *
+ * Units     Times are microseconds since the Unix epoch, durations microseconds; 0 means now.
+ * Limits    A record is at most 10,000 bytes; one that is longer counts as dropped.
+ * Errors    vxagent_open() answers null; no other call fails. A null agent is passed over.
+ * Lifetime  A process opens its agents after fork(), not before. Texts are copied.
+ * Threads   Any thread may report; vxagent_close() comes last.
+ */
+#ifndef VXAGENT_H
+#define VXAGENT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct vxagent vxagent;
+
+typedef struct vxagent_options {
+    const char* host; /* of the proxy; null: "127.0.0.1" */
+    int port;
+    /* Who reports. Each must have a text without ";" and newlines, of at most 1023 bytes. */
+    const char* application;
+    const char* tier;
+    const char* server;
+    const char* agent;
+    const char* agent_type; /* "Java", "Python", "php", "Dotnet" or "go"; null: "Java" */
+    int64_t pid;            /* 0: that of the process */
+    size_t queue_bytes;     /* room for records not sent yet; 0: 4 MiB */
+    int retry_max_ms;       /* longest pause between attempts to connect; 0: 10,000 */
+} vxagent_options;
+
+typedef struct vxagent_transaction {
+    const char* url;             /* with its query, as in "/cart?id=1" */
+    const char* method;          /* of the request, as in "GET"; may be null */
+    const char* headers;         /* for rules on headers, as in "name=value&name=value"; may be null */
+    const char* caller;          /* chain that the calling tier has sent; may be null */
+    const char* session_cookie;  /* may be null */
+    const char* key_word_cookie; /* may be null */
+    const char* correlation;     /* may be null */
+    int64_t start_us;
+    int64_t thread_id; /* 0: that of the calling thread */
+} vxagent_transaction;
+
+typedef struct vxagent_method {
+    const char* name;
+    int status;          /* as of HTTP: 500 is an error; 0: 200 */
+    const char* backend; /* what was called, as in "db:5432"; may be null */
+    int64_t wall_us;
+    int64_t cpu_us;
+    int64_t end_us;
+} vxagent_method;
+
+enum vxagent_state {
+    VXAGENT_OFFLINE = 0,    /* no proxy */
+    VXAGENT_CONNECTED = 1,  /* registered; the proxy does not want records */
+    VXAGENT_CONNECTING = 2, /* the proxy wants records; they wait for a data connection */
+    VXAGENT_SENDING = 3
+};
+
+typedef struct vxagent_statistics {
+    int state;        /* enum vxagent_state */
+    int proc_index;   /* the process's number at the proxy; -1 before the first reply */
+    uint64_t begun;   /* transactions begun */
+    uint64_t refused; /* transactions not begun because the queue was full */
+    uint64_t sent_records;
+    uint64_t sent_bytes;
+    uint64_t dropped;    /* records that were never sent */
+    uint64_t reconnects; /* connections lost, of both kinds */
+    uint64_t starts;     /* start lines taken */
+    size_t queued_bytes;
+    size_t queue_bytes;
+} vxagent_statistics;
+
+void vxagent_options_init(vxagent_options* options);
+
+/* Starts the I/O thread; connecting goes on in the background. Null for bad options or without memory. */
+vxagent* vxagent_open(const vxagent_options* options);
+
+/* 1 while the proxy wants records. */
+int vxagent_instrumenting(const vxagent* agent);
+
+/* A number for the transaction, 0 when it is not reported. */
+int64_t vxagent_begin(vxagent* agent, const vxagent_transaction* transaction);
+/* Entry into a method, named as in "Class.method". */
+void vxagent_enter(vxagent* agent, int64_t transaction, const char* name, int64_t time_us);
+void vxagent_leave(vxagent* agent, int64_t transaction, const vxagent_method* method);
+/* Ends the transaction; its number is not used again. */
+void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us);
+
+/* Waits until what was reported so far has been sent. 1, or 0 when `timeout_ms` was not enough. */
+int vxagent_flush(vxagent* agent, int timeout_ms);
+
+void vxagent_get_statistics(const vxagent* agent, vxagent_statistics* out);
+
+/* Sends what it can within `linger_ms`, ends the connections and the thread, and frees the agent. */
+void vxagent_close(vxagent* agent, int linger_ms);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,207 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_encode.h"
+#include "commonlibc/vxlb_writer.h"
+#include "tools/agent/vxagent.h"
+#include "tools/agent/vxagent_session.h"
+
+using vx::VXWireText;
+using vx::agent::Identity;
+using vx::agent::isFieldText;
+using vx::agent::PutResult;
+using vx::agent::RecordQueue;
+using vx::agent::Session;
+using vx::agent::Urgency;
+
+// A transaction's number: who the process is at the proxy, and a sequence that begins at the time of the
+// start in microseconds. A process that takes the place of another so goes on above its numbers.
+struct vxagent {
+    vxagent(Identity identity, const vxagent_options& options)
+        : pid(identity.pid),
+          session(std::move(identity), options.queue_bytes, options.retry_max_ms),
+          sequence(static_cast<std::uint64_t>(vx::vxlb_now_us())) {}
+
+    const std::int64_t pid;
+    Session session;
+    std::atomic<std::uint64_t> sequence;
+    std::atomic<std::uint64_t> begun{0}, refused{0};
+};
+
+namespace {
+
+constexpr std::size_t kQueueDefault = 4 << 20, kQueueMin = 64 << 10;
+constexpr int kRetryMaxDefaultMs = 10000;
+constexpr int kStatusOk = 200;
+constexpr int kSequenceBits = 46;
+constexpr std::uint64_t kSequenceMask = (std::uint64_t{1} << kSequenceBits) - 1;
+constexpr std::uint64_t kProcessMask = 0xFFFF, kProcessBase = 0x10000;
+constexpr std::size_t kUrlMax = 4096;
+
+VXWireText wire(const char* text) {
+    return {text, text ? std::strlen(text) : 0};
+}
+std::int64_t timeOr(std::int64_t timeUs) {
+    return timeUs > 0 ? timeUs : vx::vxlb_now_us();
+}
+bool reports(const vxagent* agent, std::int64_t transaction) {
+    return agent && transaction && agent->session.instrumenting();
+}
+
+template <class Encode>
+bool put(vxagent& agent, Urgency urgency, Encode&& encode) {
+    const PutResult result = agent.session.queue().put(urgency, encode);
+    if (result == PutResult::kTakenWake) agent.session.wake();
+    if (result == PutResult::kDropped) agent.session.counters().dropped.fetch_add(1);
+    return result != PutResult::kDropped;
+}
+
+std::int64_t nextNumber(vxagent& agent) {
+    const std::int32_t known = agent.session.procIndex();
+    const auto process = static_cast<std::uint64_t>(known >= 0 ? known : agent.pid) & kProcessMask;
+    const std::uint64_t sequence = agent.sequence.fetch_add(1, std::memory_order_relaxed) & kSequenceMask;
+    return static_cast<std::int64_t>(((process + kProcessBase) << kSequenceBits) + sequence);
+}
+
+// The URL with the request's method behind a bar; bars of the URL's own are escaped.
+VXWireText urlWithMethod(const vxagent_transaction& transaction, char* out, std::size_t size) {
+    vx::VXWriter text(out, size);
+    for (const char* at = transaction.url ? transaction.url : ""; *at; ++at) {
+        if (*at == '|') {
+            text.text("%7C");
+        } else {
+            text.put(*at);
+        }
+    }
+    if (transaction.method && *transaction.method) text.put('|').text(transaction.method);
+    return {out, text.length()};
+}
+
+bool validOptions(const vxagent_options& options) {
+    const char* const names[] = {options.application, options.tier, options.server, options.agent,
+                                 options.agent_type};
+    const bool named = std::all_of(std::begin(names), std::end(names),
+                                   [](const char* name) { return name && isFieldText(name); });
+    return named && options.host && *options.host && options.port > 0 && options.port <= 65535 &&
+           options.pid > 0 && options.retry_max_ms > 0;
+}
+
+void fillDefaults(vxagent_options& options) {
+    if (!options.host) options.host = "127.0.0.1";
+    if (!options.agent_type) options.agent_type = "Java";
+    if (!options.pid) options.pid = getpid();
+    if (!options.queue_bytes) options.queue_bytes = kQueueDefault;
+    if (!options.retry_max_ms) options.retry_max_ms = kRetryMaxDefaultMs;
+    options.queue_bytes = std::max(options.queue_bytes, kQueueMin);
+}
+
+}  // namespace
+
+void vxagent_options_init(vxagent_options* options) {
+    if (options) *options = vxagent_options{};
+}
+
+vxagent* vxagent_open(const vxagent_options* given) {
+    if (!given) return nullptr;
+    vxagent_options options = *given;
+    fillDefaults(options);
+    if (!validOptions(options)) return nullptr;
+    Identity identity{options.host,       options.port,   options.application,
+                      options.tier,       options.server, options.agent,
+                      options.agent_type, options.pid,    vx::vxlb_now_ms()};
+    std::unique_ptr<vxagent> agent(new (std::nothrow) vxagent(std::move(identity), options));
+    if (!agent || !agent->session.start()) return nullptr;
+    return agent.release();
+}
+
+int vxagent_instrumenting(const vxagent* agent) {
+    return agent && agent->session.instrumenting();
+}
+
+int64_t vxagent_begin(vxagent* agent, const vxagent_transaction* transaction) {
+    if (!agent || !transaction || !agent->session.instrumenting()) return 0;
+    char url[kUrlMax];
+    vx::VXTransactionStart start{};
+    start.flowpathInstance = nextNumber(*agent);
+    start.startTime = timeOr(transaction->start_us);
+    start.threadId = transaction->thread_id ? transaction->thread_id : gettid();
+    start.url = urlWithMethod(*transaction, url, sizeof(url));
+    start.fp_header = wire(transaction->caller);
+    start.btHeaderValue = wire(transaction->headers);
+    start.vxCookieSet = wire(transaction->session_cookie);
+    start.kwCookieSet = wire(transaction->key_word_cookie);
+    start.correlationHeader = wire(transaction->correlation);
+    const bool taken = put(*agent, Urgency::kOrdinary, [&start](char* out, std::size_t size) {
+        return vx::transactionStartEncode(out, size, start);
+    });
+    (taken ? agent->begun : agent->refused).fetch_add(1);
+    return taken ? start.flowpathInstance : 0;
+}
+
+void vxagent_enter(vxagent* agent, int64_t transaction, const char* name, int64_t time_us) {
+    if (!reports(agent, transaction)) return;
+    vx::VXMethodEntryRecord entry{};
+    entry.flowpathInstance = transaction;
+    entry.methodName = wire(name);
+    entry.time = timeOr(time_us);
+    put(*agent, Urgency::kOrdinary,
+        [&entry](char* out, std::size_t size) { return vx::MethodEntryEncode(out, size, entry); });
+}
+
+void vxagent_leave(vxagent* agent, int64_t transaction, const vxagent_method* method) {
+    if (!reports(agent, transaction) || !method) return;
+    vx::VXMethodExitRecord exit{};
+    exit.flowpathInstance = transaction;
+    exit.methodName = wire(method->name);
+    exit.backend_header = wire(method->backend);
+    exit.status = method->status ? method->status : kStatusOk;
+    exit.methodWallTime = method->wall_us;
+    exit.fpCPUTime = method->cpu_us;
+    exit.endTime = timeOr(method->end_us);
+    put(*agent, Urgency::kOrdinary,
+        [&exit](char* out, std::size_t size) { return vx::MethodExitEncode(out, size, exit); });
+}
+
+void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us) {
+    if (!reports(agent, transaction)) return;
+    vx::VXTransactionEnd end{};
+    end.flowpathInstance = transaction;
+    end.status = status ? status : kStatusOk;
+    end.endTime = timeOr(end_us);
+    end.fpCPUTime = cpu_us;
+    put(*agent, Urgency::kEnding,
+        [&end](char* out, std::size_t size) { return vx::transactionEndEncode(out, size, end); });
+}
+
+int vxagent_flush(vxagent* agent, int timeout_ms) {
+    return agent ? agent->session.flush(timeout_ms) : 1;
+}
+
+void vxagent_get_statistics(const vxagent* agent, vxagent_statistics* out) {
+    if (!out) return;
+    *out = vxagent_statistics{};
+    if (!agent) return;
+    const Session& session = agent->session;
+    out->state = session.state();
+    out->proc_index = session.procIndex();
+    out->begun = agent->begun.load();
+    out->refused = agent->refused.load();
+    out->sent_records = session.counters().sentRecords.load();
+    out->sent_bytes = session.counters().sentBytes.load();
+    out->dropped = session.counters().dropped.load();
+    out->reconnects = session.counters().reconnects.load();
+    out->starts = session.counters().starts.load();
+    out->queued_bytes = session.queue().filled();
+    out->queue_bytes = session.queue().capacity();
+}
+
+void vxagent_close(vxagent* agent, int linger_ms) {
+    if (!agent) return;
+    agent->session.stop(linger_ms);
+    delete agent;
+}

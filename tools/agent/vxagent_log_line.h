@@ -1,0 +1,37 @@
+// One line of an access log, as nginx and Apache write it: combined format, then the request's duration in
+// seconds as the last field.
+//
+//     10.0.0.1 - bob [21/Nov/2026:09:05:06 +0100] "GET /cart?id=1 HTTP/1.1" 200 512 "-" "curl/7" 0.125
+//
+// With nginx:   log_format timed '$remote_addr - $remote_user [$time_local] "$request" $status '
+//                                '$body_bytes_sent "$http_referer" "$http_user_agent" $request_time';
+//
+// What stands between the size and the duration is not looked at, so the common format serves too.
+//
+// Lifetime  The texts borrow from the line.
+// Threads   Any; no state.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace vx::agent {
+
+struct LogLine {
+    std::string_view method;  // empty when the request line could not be read as one
+    std::string_view url;
+    int status = 0;
+    std::int64_t endUs = 0;  // the logged second, Unix microseconds
+    std::int64_t durationUs = 0;
+};
+
+// False for a line of another form; `out` is then unchanged.
+bool parseLogLine(std::string_view line, LogLine& out);
+// The request's end: logs count in seconds, so the time of reading is taken where it lies in the logged one,
+// and the nearest end of that second where it does not.
+std::int64_t endOf(const LogLine& line, std::int64_t readUs);
+// "<label>.<method>" with a method of HTTP, or "<label>.OTHER": a log cannot fill the method table.
+std::string methodNameOf(const LogLine& line, std::string_view label);
+
+}  // namespace vx::agent

@@ -1,0 +1,113 @@
+// Session of an agent with the proxy: one thread that registers, follows the proxy's orders and sends what
+// the host has reported.
+//
+//     control   registers as soon as the proxy is there; start and stop of instrumentation come on it
+//     data      stands only while instrumentation runs:
+//
+//         kNone --start--> kConnecting --line sent--> kSettling --kept open--> kSending
+//           ^  stop, control lost     ^------ closed by the proxy, back-off ------|
+//
+// The proxy takes no notice of a data line, and it closes a data connection when it reads from one while no
+// collector takes data. A new connection therefore first sends a newline, and records follow when it is
+// still open a moment later.
+//
+// Threads   The I/O thread runs it; the host's threads read the atomic members and put records.
+#pragma once
+
+#include <netinet/in.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "tools/agent/vxagent_lines.h"
+#include "tools/agent/vxagent_link.h"
+#include "tools/agent/vxagent_queue.h"
+
+namespace vx::agent {
+
+inline constexpr std::int64_t kProbeMs = 20;    // from the data line to the newline behind it
+inline constexpr std::int64_t kSettleMs = 100;  // from there to the first record
+inline constexpr std::int64_t kLingerMs = 5;    // records gather for so long before they are sent
+inline constexpr std::size_t kSendMax = 32768;  // of one send; one segment on loopback
+
+enum class DataState : std::uint8_t { kNone, kConnecting, kProbing, kSettling, kSending };
+
+struct SessionCounters {
+    std::atomic<std::uint64_t> sentRecords{0}, sentBytes{0}, dropped{0}, reconnects{0}, starts{0};
+};
+
+class Session {
+public:
+    Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    bool start();  // false when the thread cannot be made
+    // Ends the thread, after at most `lingerMs` of sending what is queued.
+    void stop(std::int64_t lingerMs);
+
+    bool instrumenting() const { return instrumenting_.load(std::memory_order_relaxed); }
+    int state() const;
+    std::int32_t procIndex() const { return procIndex_.load(std::memory_order_relaxed); }
+    RecordQueue& queue() { return queue_; }
+    const RecordQueue& queue() const { return queue_; }
+    SessionCounters& counters() { return counters_; }
+    const SessionCounters& counters() const { return counters_; }
+    void wake();
+    // Waits until all records put so far are sent or given up. False when the time was not enough.
+    bool flush(std::int64_t timeoutMs);
+
+private:
+    static void* threadBody(void* session);
+    void run();
+    void waitForEvents();
+    std::int64_t nextDeadline() const;
+    bool ending() const;
+
+    void stepControl();
+    void onControlLine(const std::string& line);
+    void onStart(const std::string& line);
+    void onStop();
+    void loseControl();
+
+    void stepData();
+    void advanceData();
+    void openData();
+    void sendRecords();
+    IoResult sendFrames();
+    void loseData();
+    void closeData();
+    void dropRecords();
+    void finish();
+    void setInstrumenting(bool on);
+    void noteProgress();
+
+    const Identity identity_;
+    sockaddr_in address_{};
+    RecordQueue queue_;
+    Batch batch_;
+    Link control_, data_;
+    StartIds ids_;
+    std::int64_t nowMs_ = 0;
+    std::int64_t dataDueMs_ = 0;  // when the data connection's present state has lasted long enough
+    std::int64_t takeAtMs_ = 0;   // when the queue is looked at; 0: when it is woken
+    int wakeFd_ = -1;
+    short controlEvents_ = 0, dataEvents_ = 0;
+    bool threadMade_ = false;
+    pthread_t thread_{};
+
+    std::atomic<DataState> dataState_{DataState::kNone};
+    std::atomic<bool> controlUp_{false}, instrumenting_{false}, flushing_{false};
+    std::atomic<std::int32_t> procIndex_{-1};
+    std::atomic<std::int64_t> stopByMs_{0};  // 0: not asked to stop
+    SessionCounters counters_;
+    std::atomic<std::uint64_t> finished_{0};  // records sent or given up, of those that were put
+    std::mutex progressMutex_;
+    std::condition_variable progress_;
+};
+
+}  // namespace vx::agent

@@ -1,0 +1,109 @@
+#include "tools/collector/collector_options.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace vx::collector {
+
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: vxcollector --listen PORT [options]\n"
+    "\n"
+    "A collector for one machine: accepts the control, data and auto-sensor connections of VXProxyService,\n"
+    "starts and stops instrumentation, keeps the streams and prints what they tell.\n"
+    "\n"
+    "  --listen PORT       TCP port (0: any free port)\n"
+    "  --host ADDRESS      address to listen on (default 0.0.0.0)\n"
+    "  --keywords FILE     keywords of the start line, one key=value a line, in place of the default ones\n"
+    "  --out DIR           writes every stream to a file in DIR\n"
+    "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
+    "  --port-file FILE    writes the port in use to FILE\n"
+    "  --interval SECONDS  pause between tables on a terminal (default 5)\n"
+    "  --heartbeat SECONDS pause between heartbeats (default 10)\n"
+    "  --seconds N         ends after N seconds\n"
+    "  --no-start          waits for the command 'start' in place of starting by itself\n"
+    "  --help, --version\n"
+    "\n"
+    "Commands on standard input: start, stop, table, modify KEY=VALUE[;KEY=VALUE...], quit\n";
+
+struct NumberRow {
+    const char* name;
+    double Options::*member;
+};
+constexpr auto kNumbers = std::to_array<NumberRow>({
+    {"--interval", &Options::tableSeconds},
+    {"--heartbeat", &Options::heartbeatSeconds},
+    {"--seconds", &Options::runSeconds},
+});
+struct TextRow {
+    const char* name;
+    std::string Options::*member;
+};
+constexpr auto kTexts = std::to_array<TextRow>({
+    {"--host", &Options::listenHost},
+    {"--keywords", &Options::keywordsFile},
+    {"--out", &Options::outDir},
+    {"--retry-policy", &Options::retryPolicy},
+    {"--port-file", &Options::portFile},
+});
+
+OptionsResult bad(const char* text, const char* value) {
+    std::fprintf(stderr, "vxcollector: %s '%s' (--help tells the options)\n", text, value);
+    return OptionsResult::kExitBad;
+}
+
+bool readNumber(const char* text, double& out) {
+    char* end = nullptr;
+    const double value = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !(value >= 0)) return false;
+    out = value;
+    return true;
+}
+
+// 1 taken, 0 not an option with a value, -1 a bad value.
+int takeValue(const char* name, const char* value, Options& out) {
+    for (const TextRow& row : kTexts)
+        if (!std::strcmp(name, row.name)) {
+            out.*row.member = value;
+            return 1;
+        }
+    for (const NumberRow& row : kNumbers)
+        if (!std::strcmp(name, row.name)) return readNumber(value, out.*row.member) ? 1 : -1;
+    if (std::strcmp(name, "--listen") != 0) return 0;
+    double port = 0;
+    if (!readNumber(value, port) || port > 65535 || port != static_cast<int>(port)) return -1;
+    out.listenPort = static_cast<int>(port);
+    return 1;
+}
+
+}  // namespace
+
+OptionsResult readOptions(int argc, char** argv, Options& out) {
+    for (int i = 1; i < argc; ++i) {
+        const char* name = argv[i];
+        if (!std::strcmp(name, "--help")) {
+            std::printf(kHelp);  // NOLINT: the text doubles its percent signs
+            return OptionsResult::kExitOk;
+        }
+        if (!std::strcmp(name, "--version")) {
+            std::printf("vxcollector %s\n", VX_VERSION);
+            return OptionsResult::kExitOk;
+        }
+        if (!std::strcmp(name, "--no-start")) {
+            out.autoStart = false;
+            continue;
+        }
+        if (i + 1 >= argc) return bad("unknown option, or one without its value,", name);
+        const int taken = takeValue(name, argv[i + 1], out);
+        if (taken == 0) return bad("unknown option", name);
+        if (taken < 0) return bad("bad value", argv[i + 1]);
+        ++i;
+    }
+    if (out.listenPort < 0) return bad("an option is missing:", "--listen PORT");
+    return OptionsResult::kRun;
+}
+
+}  // namespace vx::collector

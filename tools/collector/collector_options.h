@@ -1,0 +1,26 @@
+// Command line of vxcollector.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vx::collector {
+
+struct Options {
+    int listenPort = -1;  // 0: a port of the system's choice, printed at start
+    std::string listenHost = "0.0.0.0";
+    std::string keywordsFile;               // one key=value a line; replaces the default keywords
+    std::string outDir;                     // streams are written here when given
+    std::string retryPolicy = "3%5%10%60";  // attempts % seconds % heartbeats missed % heartbeat period
+    std::string portFile;                   // the bound port is written here when given
+    double tableSeconds = 5;                // pause between tables on a terminal
+    double heartbeatSeconds = 10;
+    double runSeconds = 0;  // ends by itself after this; 0: never
+    bool autoStart = true;  // starts instrumentation as soon as an instance connects
+};
+
+enum class OptionsResult { kRun, kExitOk, kExitBad };
+// Reads argv; prints help, version or the error itself.
+OptionsResult readOptions(int argc, char** argv, Options& out);
+
+}  // namespace vx::collector

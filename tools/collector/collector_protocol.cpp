@@ -1,0 +1,123 @@
+#include "tools/collector/collector_protocol.h"
+
+#include <array>
+#include <fstream>
+
+namespace vx::collector {
+
+namespace {
+
+struct KindRow {
+    std::string_view prefix;
+    StreamKind kind;
+};
+constexpr auto kKinds = std::to_array<KindRow>({
+    {"vx_ctrl_msg_req:", StreamKind::kControl},
+    {"vx_data_msg_req:", StreamKind::kData},
+    {"auto_sensor_thread_hotspot_data_req:", StreamKind::kAutoSensor},
+});
+
+// Start of 2014 UTC in seconds: the epoch base of the default start line.
+constexpr std::int64_t kEpochDiffSeconds = 1388534400;
+
+int idOf(std::map<std::string, int, std::less<>>& ids, const std::string& name) {
+    return ids.try_emplace(name, static_cast<int>(ids.size()) + 1).first->second;
+}
+
+}  // namespace
+
+StreamKind kindOf(std::string_view firstLine) {
+    for (const KindRow& row : kKinds)
+        if (firstLine.starts_with(row.prefix)) return row.kind;
+    return StreamKind::kUnknown;
+}
+
+std::string_view fieldOf(std::string_view line, std::string_view key) {
+    for (const KindRow& row : kKinds)
+        if (line.starts_with(row.prefix)) line.remove_prefix(row.prefix.size());
+    while (!line.empty()) {
+        const std::size_t end = line.find(';');
+        const std::string_view field = line.substr(0, end);
+        if (field.size() > key.size() && field.starts_with(key) && field[key.size()] == '=')
+            return field.substr(key.size() + 1);
+        if (end == std::string_view::npos) break;
+        line.remove_prefix(end + 1);
+    }
+    return {};
+}
+
+Identity identityOf(std::string_view line) {
+    return {std::string(fieldOf(line, "tierName")), std::string(fieldOf(line, "vxAppServerHost")),
+            std::string(fieldOf(line, "appName")), std::string(fieldOf(line, "agentName"))};
+}
+
+GivenIds idsOf(Identities& identities, const Identity& identity) {
+    return {idOf(identities.tiers, identity.tier),
+            idOf(identities.servers, identity.tier + "/" + identity.server),
+            idOf(identities.apps, identity.tier + "/" + identity.server + "/" + identity.app),
+            idOf(identities.instances, identity.text())};
+}
+
+std::string connectReply(std::string_view connectLine, const Options& options, int instance) {
+    std::string reply =
+        "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=" + options.retryPolicy +
+        ";ProtoVersion=1";
+    const std::string_view protocols = fieldOf(connectLine, "supportedProtocols");
+    if (!protocols.empty()) reply.append(";supportedProtocols=").append(protocols);
+    return reply + ";procIndex=" + std::to_string(instance) + "\n";
+}
+
+std::string startLine(const std::string& keywords, const GivenIds& ids, int testIdx) {
+    std::string line = "vx_control_req:action=start_instrumentation;";
+    line += "tierID=" + std::to_string(ids.tierID) + ";vxAppServerID=" + std::to_string(ids.vxAppServerID) +
+            ";appID=" + std::to_string(ids.appID) + ";testIdx=" + std::to_string(testIdx) + ";";
+    if (keywords.empty()) {
+        line += "zorEpochDiff=" + std::to_string(kEpochDiffSeconds) + ";bciInstrSessionPct=100;";
+    } else {
+        line += keywords + ";";
+    }
+    return line + "\n";
+}
+
+std::string stopLine() {
+    return "vx_control_req:action=stop_instrumentation;status=stopping;\n";
+}
+
+std::string modifyLine(std::string_view keywords) {
+    return "vx_control_req:action=modify;" + std::string(keywords) + ";\n";
+}
+
+std::string heartbeatLine(int number) {
+    return "vx_control_req:action=reconnect;heartBeat " + std::to_string(number) +
+           ";dataConnState=1;AutosensorConnState=1;\n";
+}
+
+bool readKeywords(const std::string& path, std::string& keywords, std::string& error) {
+    std::ifstream file(path);
+    if (!file) {
+        error = "cannot read the keywords file '" + path + "'";
+        return false;
+    }
+    keywords.clear();
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == ';'))
+            line.pop_back();
+        if (line.empty() || line.front() == '#') continue;
+        if (line.find('=') == std::string::npos || line.find('=') == 0) {
+            error = path;
+            error.append(":")
+                .append(std::to_string(number))
+                .append(": not key=value: '")
+                .append(line)
+                .append("'");
+            return false;
+        }
+        if (!keywords.empty()) keywords += ';';
+        keywords += line;
+    }
+    if (keywords.empty()) error = "no keyword in '" + path + "'";
+    return !keywords.empty();
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,49 @@
+// Control protocol: the lines a collector reads and writes, as texts.
+//
+// Threads   One; no state but Identities.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "tools/collector/collector_options.h"
+
+namespace vx::collector {
+
+enum class StreamKind { kUnknown, kControl, kData, kAutoSensor };
+// Kind of a connection by its first line.
+StreamKind kindOf(std::string_view firstLine);
+
+// Value of `key` in a ";"-separated line of key=value fields; empty when absent.
+std::string_view fieldOf(std::string_view line, std::string_view key);
+
+// Who a connect line announces.
+struct Identity {
+    std::string tier, server, app, agent;
+    std::string text() const { return tier + "/" + server + "/" + app + (agent.empty() ? "" : "/" + agent); }
+};
+Identity identityOf(std::string_view connectLine);
+
+// Ids are given out in order, one per name, and stay for the life of the collector.
+struct Identities {
+    std::map<std::string, int, std::less<>> tiers, servers, apps, instances;
+};
+struct GivenIds {
+    int tierID, vxAppServerID, appID, instance;
+};
+GivenIds idsOf(Identities& identities, const Identity& identity);
+
+// The reply to a connect line. Names state, retryPolicy and ProtoVersion within its first five fields, and
+// the protocol, with the very port, that the agent says it has.
+std::string connectReply(std::string_view connectLine, const Options& options, int instance);
+// The start line: `keywords` is "key=value;key=value" or empty for the default ones.
+std::string startLine(const std::string& keywords, const GivenIds& ids, int testIdx);
+std::string stopLine();
+std::string modifyLine(std::string_view keywords);
+std::string heartbeatLine(int number);
+// Reads a keywords file into "key=value;key=value"; '#' starts a comment line. False with `error` set.
+bool readKeywords(const std::string& path, std::string& keywords, std::string& error);
+
+}  // namespace vx::collector

@@ -1,0 +1,42 @@
+// vxcollector: a collector to run the proxy against, on one machine.
+#include <csignal>
+#include <cstdio>
+
+#include "tools/collector/collector_options.h"
+#include "tools/collector/collector_server.h"
+
+namespace {
+
+volatile int stopRequested = 0;
+
+void requestStop(int) {
+    stopRequested = 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vx::collector::Options options;
+    switch (vx::collector::readOptions(argc, argv, options)) {
+        case vx::collector::OptionsResult::kExitOk:
+            return 0;
+        case vx::collector::OptionsResult::kExitBad:
+            return 2;
+        case vx::collector::OptionsResult::kRun:
+            break;
+    }
+    std::signal(SIGINT, requestStop);
+    std::signal(SIGTERM, requestStop);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    vx::collector::CollectorServer server(options);
+    std::string error;
+    if (!server.open(error)) {
+        std::fprintf(stderr, "vxcollector: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("vxcollector %s listening on %s:%d\n", VX_VERSION, options.listenHost.c_str(), server.port());
+    std::fflush(stdout);
+    server.run(stopRequested);
+    return 0;
+}
