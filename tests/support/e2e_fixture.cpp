@@ -1,0 +1,98 @@
+#include "tests/support/e2e_fixture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+
+#include "tools/collector/collector_records.h"
+
+namespace vx::test {
+
+namespace {
+
+// Paths of a folder whose names hold `part`, in order of their names.
+std::vector<std::string> filesOf(const std::string& folder, const std::string& part) {
+    std::vector<std::string> out;
+    if (!std::filesystem::is_directory(folder)) return out;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (entry.path().filename().string().find(part) != std::string::npos)
+            out.push_back(entry.path().string());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+}  // namespace
+
+void EndToEnd::startCollector(std::vector<std::string> more) {
+    Program::Setup setup;
+    setup.arguments = {programPath("vxcollector"),
+                       "--listen",
+                       std::to_string(collectorPort),
+                       "--host",
+                       "127.0.0.1",
+                       "--out",
+                       streamsDir(),
+                       "--retry-policy",
+                       "3%1%10%60",
+                       "--heartbeat",
+                       "1"};
+    setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
+    setup.outputFile = dir.path() + "/collector" + std::to_string(++collectors) + ".log";
+    collector = std::make_unique<Program>(setup);
+    ASSERT_TRUE(collector->outputHolds("listening on")) << collector->output();
+}
+
+void EndToEnd::startService(const std::string& moreSettings) {
+    const std::string config = dir.path() + "/proxy/config";
+    std::filesystem::create_directories(config);
+    std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n";
+    std::ofstream(config + "/vxsettings.conf")
+        << "vxcHost=127.0.0.1\nvxcPort=" << collectorPort << "\nVXC_COMM_PROTOCOL=TCP:" << collectorPort
+        << "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n"
+        << moreSettings;
+    Program::Setup setup;
+    setup.arguments = {programPath("VXProxyService")};
+    setup.environment = {"VXHOME=" + dir.path()};
+    setup.outputFile = dir.path() + "/service.log";
+    service = std::make_unique<Program>(setup);
+    ASSERT_TRUE(service->outputHolds("listening")) << service->output();
+}
+
+std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments, const std::string& name) {
+    Program::Setup setup;
+    setup.arguments = {programPath("vxagent"), "load", "--proxy", "127.0.0.1:" + std::to_string(proxyPort)};
+    setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+    setup.outputFile = dir.path() + "/" + name + ".log";
+    return std::make_unique<Program>(setup);
+}
+
+std::string EndToEnd::streams(const std::string& kind) const {
+    std::string out;
+    for (const std::string& path : filesOf(streamsDir(), kind + "_")) out += fileText(path);
+    return out;
+}
+
+collector::Summary EndToEnd::summaryOfStreams() const {
+    collector::Summary summary;
+    for (const std::string& path : filesOf(streamsDir(), "data_")) {
+        collector::InstanceNames names;
+        const std::string text = fileText(path);
+        std::string_view rest = text;
+        rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1));  // the connect line
+        while (!rest.empty()) {
+            const std::size_t end = rest.find('\n');
+            collector::takeRecord(rest.substr(0, end), names, summary);
+            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        }
+    }
+    return summary;
+}
+
+std::string EndToEnd::traceText() const {
+    std::string out;
+    for (const std::string& path : filesOf(dir.path() + "/proxy/logs", "vx_trace_")) out += fileText(path);
+    return out;
+}
+
+}  // namespace vx::test

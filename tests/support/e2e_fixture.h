@@ -1,0 +1,39 @@
+// Fixture of the end-to-end tests: a temporary home, and the three programs with ports of their own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/program.h"
+#include "tests/support/temp_dir.h"
+#include "tools/collector/collector_summary.h"
+
+namespace vx::test {
+
+class EndToEnd : public testing::Test {
+protected:
+    // Starts a collector (its streams go to streamsDir()); more arguments as on the command line.
+    void startCollector(std::vector<std::string> more = {});
+    // Writes both settings files and starts the service; waits until it listens.
+    void startService(const std::string& moreSettings = "");
+    // `vxagent load` with the arguments given, towards the service.
+    std::unique_ptr<Program> startLoad(std::vector<std::string> arguments, const std::string& name = "load");
+
+    std::string streamsDir() const { return dir.path() + "/streams"; }
+    // Text of all streams of one kind ("data", "control").
+    std::string streams(const std::string& kind) const;
+    // What the data streams add up to.
+    collector::Summary summaryOfStreams() const;
+    std::string traceText() const;  // of all trace files of the service
+
+    TempDir dir;
+    int collectorPort = freePort();
+    int proxyPort = freePort();
+    int collectors = 0;  // started so far
+    std::unique_ptr<Program> collector, service;
+};
+
+}  // namespace vx::test

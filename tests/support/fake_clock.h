@@ -1,0 +1,56 @@
+// A scripted clock: time stands still until the code sleeps or the test moves it.
+//
+//     FakeClock clock(1700000000000);  // Unix ms
+//     clock.advanceMs(5000);
+//     ... code that sleeps 10 s returns at once, 10 s later ...
+//     EXPECT_EQ(clock.sleptMs(), 10000);
+//
+// Threads   Any may read and sleep. One FakeClock lives at a time; its end gives the system's clock back.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "commonlibc/vxlb_clock.h"
+
+namespace vx::test {
+
+class FakeClock {
+public:
+    explicit FakeClock(std::int64_t startMs = 1700000000000) {
+        now_ = startMs * 1000;
+        slept_ = 0;
+        random_ = 0;
+        onSleep_ = nullptr;
+        vxlb_set_clock_hooks({readNow, sleep, drawByte});
+    }
+    ~FakeClock() { vxlb_set_clock_hooks({}); }
+    FakeClock(const FakeClock&) = delete;
+    FakeClock& operator=(const FakeClock&) = delete;
+
+    void setMs(std::int64_t ms) { now_ = ms * 1000; }
+    void advanceMs(std::int64_t ms) { now_ += ms * 1000; }
+    std::int64_t nowMs() const { return now_ / 1000; }
+    std::int64_t sleptMs() const { return slept_ / 1000; }
+    // What every draw answers from here on.
+    void setRandomByte(std::uint8_t byte) { random_ = byte; }
+    // Called in each sleep, after the time has passed: where a script sets a stop word.
+    void atSleep(void (*call)()) { onSleep_ = call; }
+
+private:
+    static std::int64_t readNow() { return now_; }
+    static void sleep(std::int64_t us) {
+        now_ += us;
+        slept_ += us;
+        if (const auto call = onSleep_.load()) call();
+        std::this_thread::yield();  // a loop that waits for another thread lets it run
+    }
+    static std::uint8_t drawByte() { return random_; }
+
+    inline static std::atomic<std::int64_t> now_{0}, slept_{0};  // microseconds
+    inline static std::atomic<std::uint8_t> random_{0};
+    inline static std::atomic<void (*)()> onSleep_{nullptr};
+};
+
+}  // namespace vx::test

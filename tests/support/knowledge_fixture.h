@@ -1,0 +1,95 @@
+// Fixture: a context whose business transactions, methods and monitors stand as after a start, with a data
+// channel whose records can be read. Everything is given back at the end.
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXMethodManager.h"
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/backend/VXBackendMonitor.h"
+#include "commonlibc/mm/VXMethodMonitor.h"
+#include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxbt/vxbt_rule_parser.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "tests/support/app_fixture.h"
+#include "tests/support/dumped_records.h"
+
+namespace vx::test {
+
+template <class Slot>
+void freeAggregateArray(VXAggregateArray<Slot>& array) {
+    for (auto& block : array.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
+    array.size = 0;
+}
+
+template <class T>
+std::set<T*> valuesOf(VXMap* map) {
+    std::set<T*> values;
+    vxlb_map_each(
+        map,
+        [](const char*, void* value, void* all) {
+            static_cast<std::set<T*>*>(all)->insert(static_cast<T*>(value));
+            return true;
+        },
+        &values);
+    return values;
+}
+
+inline void freeBusinessTransactions(VXBTState_t& bt) {
+    std::set<BTObject*> objects = valuesOf<BTObject>(bt.managerMap);
+    objects.merge(valuesOf<BTObject>(bt.configMap));
+    for (BTObject* object : objects) VXLB_FREE(object, "BTObject", -1);
+    VXLB_FREE(bt.global_rule.exchange(nullptr), "VXBTGlobalRule", -1);
+    freeTagStructures();
+    freeAggregateArray(bt.aggDataArr);
+}
+
+inline void freeMethodTable(VXMethodState_t& method) {
+    freeAggregateArray(method.backendArr);
+    freeAggregateArray(method.methodArr);
+    methodHashMapNode_t* table = method.methodHashMapNode.exchange(nullptr);
+    if (!table) return;
+    for (mPP* record : valuesOf<mPP>(table->map)) {
+        VXLB_FREE(record->methodName, "text copy", -1);
+        VXLB_FREE(record->aliasMethodName, "text copy", -1);
+        VXLB_FREE(record, "methodPropProperties", -1);
+    }
+    VXLB_FREE(table, "methodHashMapNode", -1);
+}
+
+class KnowledgeFixture : public AppFixture {
+protected:
+    void SetUp() override {
+        AppFixture::SetUp();
+        VXBCISettingInit();
+        VXBTConfigModelInit();
+        VXBackendMonitorInit();
+        VXMethodMonitorInit();
+        openDumping(*app);
+    }
+    void TearDown() override {
+        closeDumping(*app);
+        freeBusinessTransactions(app->bt);
+        freeMethodTable(app->method);
+        AppFixture::TearDown();
+    }
+
+    // Puts the global rule of a line in place.
+    void setRule(const std::string& text) {
+        char line[kRuleLineSize];
+        vxlb_copy_text(line, sizeof(line), text.c_str());
+        parse_global_rule(line);
+    }
+    // The BT of a name, as rule execution asks for it.
+    BTObject* btOf(const std::string& name) {
+        char buffer[kBtNameBufferSize];
+        vxlb_copy_text(buffer, sizeof(buffer), name.c_str());
+        return updateBTObject(buffer);
+    }
+};
+
+}  // namespace vx::test

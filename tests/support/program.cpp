@@ -1,0 +1,116 @@
+#include "tests/support/program.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace vx::test {
+
+namespace {
+
+int exitCode(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int occurrences(const std::string& text, const std::string& wanted) {
+    int count = 0;
+    for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) ++count;
+    return count;
+}
+
+}  // namespace
+
+Program::Program(const Setup& setup) : outputFile_(setup.outputFile) {
+    int pipeEnds[2] = {-1, -1};
+    if (::pipe2(pipeEnds, O_CLOEXEC) != 0) return;
+    std::vector<char*> arguments;
+    for (const std::string& argument : setup.arguments)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        for (const std::string& entry : setup.environment) ::putenv(const_cast<char*>(entry.c_str()));
+        const int out = ::open(outputFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        ::dup2(pipeEnds[0], STDIN_FILENO);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        ::execv(arguments[0], arguments.data());
+        ::_exit(127);
+    }
+    ::close(pipeEnds[0]);
+    stdin_ = pipeEnds[1];
+}
+
+Program::~Program() {
+    if (running()) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status_, 0);
+    }
+    if (stdin_ >= 0) ::close(stdin_);
+}
+
+void Program::signal(int number) const {
+    if (pid_ > 0) ::kill(pid_, number);
+}
+
+void Program::say(const std::string& line) const {
+    const std::string text = line + "\n";
+    [[maybe_unused]] const ssize_t written = ::write(stdin_, text.data(), text.size());
+}
+
+bool Program::running() {
+    if (pid_ < 0) return false;
+    if (::waitpid(pid_, &status_, WNOHANG) != pid_) return true;
+    pid_ = -1;
+    return false;
+}
+
+int Program::wait(double seconds) {
+    return eventually([this] { return !running(); }, seconds) ? exitCode(status_) : -1;
+}
+
+std::string Program::output() const {
+    return fileText(outputFile_);
+}
+
+bool Program::outputHolds(const std::string& text, int count, double seconds) const {
+    return eventually([&] { return occurrences(output(), text) >= count; }, seconds);
+}
+
+std::string programPath(const std::string& name) {
+    return std::string(VX_BIN_DIR) + "/" + name;
+}
+
+int freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+void pause10ms() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+std::string fileText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+}  // namespace vx::test

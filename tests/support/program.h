@@ -1,0 +1,63 @@
+// One of the built programs, running: for end-to-end tests.
+//
+// Its output (both streams) goes to a file that the test can wait on; the destructor kills what still runs.
+// Waits poll every 10 ms and fail the test when they meet their limit.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace vx::test {
+
+class Program {
+public:
+    struct Setup {
+        std::vector<std::string> arguments;    // the program's path first
+        std::vector<std::string> environment;  // "NAME=value", beside the test's own
+        std::string outputFile;
+    };
+    explicit Program(const Setup& setup);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    void signal(int number) const;
+    // Writes a line to the program's standard input.
+    void say(const std::string& line) const;
+    // Exit code, 128 + signal, or -1 when it still runs after the limit.
+    int wait(double seconds = 10);
+    bool running();
+    std::string output() const;
+    // True once the output holds `text` at least `count` times.
+    bool outputHolds(const std::string& text, int count = 1, double seconds = 20) const;
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+    int stdin_ = -1;
+    int status_ = -1;
+    std::string outputFile_;
+};
+
+// Path of a built program.
+std::string programPath(const std::string& name);
+// A TCP port on loopback that was free a moment ago.
+int freePort();
+// Waits until condition() answers true; false when the limit passes.
+template <class Condition>
+bool eventually(Condition condition, double seconds = 20);
+void pause10ms();
+
+template <class Condition>
+bool eventually(Condition condition, double seconds) {
+    for (int round = 0; round < static_cast<int>(seconds * 100); ++round) {
+        if (condition()) return true;
+        pause10ms();
+    }
+    return condition();
+}
+std::string fileText(const std::string& path);
+
+}  // namespace vx::test

@@ -1,0 +1,30 @@
+// Gives back the shared texts and the collector records of a context at the end of a test.
+#pragma once
+
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/vxlb_mem.h"
+
+namespace vx::test {
+
+inline void freeSharedTexts(vxApplication& app) {
+    VXSys_t& sys = app.VXSys;
+    VXBCISetting_t& setting = app.VXBCISetting;
+    for (VXSharedText* text : {&sys.vxHomePath,          &sys.sessionCookieName,
+                               &sys.correlationIDHeader, &sys.vxBuild,
+                               &setting.agentType,       &setting.agentVersion,
+                               &setting.agentAppName,    &setting.tierName,
+                               &setting.vxAppServerHost, &setting.appName,
+                               &setting.encodedTierName, &setting.encodedServerName,
+                               &setting.encodedAppName,  &setting.vxcHost,
+                               &setting.attributes,      &setting.tags,
+                               &setting.tierAttr,        &setting.endPointPrefix,
+                               &setting.SaasHost,        &setting.projectKey,
+                               &setting.authtoken,       &setting.criticalFiles})
+        setSharedText(app.retired, *text, nullptr);
+    freeRetiredTexts(app.retired);
+    VXLB_FREE(app.collectors.vxc_server_arr, "vxc_server_arr", -1);
+    app.collectors.vxc_server_arr = nullptr;
+    app.collectors.vxc_server_list_size = 0;
+}
+
+}  // namespace vx::test

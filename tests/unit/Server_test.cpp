@@ -1,0 +1,277 @@
+#include "commonlibc/Server.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "commonlibc/VXBCISettings.h"
+#include "tests/support/by_name.h"
+#include "tests/support/dumped_records.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/link_fixture.h"
+
+namespace vx::test {
+namespace {
+
+const std::string kStart =
+    "vx_control_req:action=start_instrumentation;status=running;bciDataBufferMaxCount=4;"
+    "bciDataBufferMaxSize=4096;";
+const std::string kStop = "vx_control_req:action=stop_instrumentation;status=";
+const std::string kStarted = "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;";
+const std::string kStopped = "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;";
+const std::string kRefused =
+    "vx_control_rep:result=Error:<Unable to process modify message because of stop instrument recieved or "
+    "startInstrument not recieved.";
+
+class Server : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        connect();
+    }
+    // Accepts the data connection of a start and reads up to its 99 record.
+    FakePeer acceptData() {
+        FakePeer data = collector.accept();
+        EXPECT_EQ(data.readLinesUpTo("99,").back(), "99,NewConnection,FPGVersion:1.0");
+        return data;
+    }
+};
+
+struct DispatchRow {
+    const char* name;
+    const char* line;
+    const char* reached;  // name of the handler, empty: nobody
+};
+class ServerDispatch : public Server, public testing::WithParamInterface<DispatchRow> {
+protected:
+    static void note(const char* handler) { reached += handler; }
+    inline static std::string reached;
+};
+
+TEST_P(ServerDispatch, TheFirstRowThatFitsTakesTheLine) {
+    reached.clear();
+    vxUpcalls.handleMetaDataRequest = [](char*) { note("metadata"); };
+    vxUpcalls.handleDiscoveryRequest = [](char*) { note("discovery"); };
+    vxUpcalls.parseReRouteMessage = [](char*) { note("reroute"); };
+    vxUpcalls.handleUploadDownload = [](char*) { note("file"); };
+    vxUpcalls.parseAutoInstrClientMsgAndSendResp = [](char*) { note("auto"); };
+    vxUpcalls.parseDDClientMsgAndSendResp = [](char*) { note("dynamic"); };
+    vxUpcalls.handleThreadDumpRequest = [](char*) { note("dump"); };
+    vxUpcalls.HandleVexalineMessage = [](char*) { note("envelope"); };
+    app->control.heartBeatSent = 4;
+    app->control.lastHeartBeatTime = 0;
+    handle(GetParam().line);
+    EXPECT_EQ(reached, GetParam().reached);
+    EXPECT_EQ(app->control.heartBeatSent, 0);  // any line is a sign of life
+    EXPECT_NE(app->control.lastHeartBeatTime, 0);
+}
+INSTANTIATE_TEST_SUITE_P(Lines, ServerDispatch,
+                         testing::ValuesIn<DispatchRow>({
+                             {"metadata", "vx_meta_data_req:action=send_meta_data;x", "metadata"},
+                             {"metadata_needs_its_semicolon", "vx_meta_data_req:action=send_meta_data", ""},
+                             {"discovery", "vxc_req:action=discover_loaded_classes;1", "discovery"},
+                             {"reroute", "vx_control_req:action=reroute_ctrl_con;vxcHost=a", "reroute"},
+                             {"heartbeat_before_reroute",
+                              "vx_control_req:action=reconnect;vx_control_req:action=reroute_ctrl_con", ""},
+                             {"download", "download_file_req;a", "file"},
+                             {"upload", "upload_file_req;a", "file"},
+                             {"auto_instrumentation", "vx_meta_data_req:action=auto_instr_status;", "auto"},
+                             {"dynamic", "Dynamic_Diagnostics_req:action=ai_status;", "dynamic"},
+                             {"thread_dump", "vx_meta_data_req:action=get_thread_dump;", "dump"},
+                             {"envelope", "VexalineMessage 2.0;x", "envelope"},
+                             {"case_matters", "Download_file_req", ""},
+                             {"not_at_the_start", " download_file_req", ""},
+                             {"empty", "", ""},
+                         }),
+                         byName);
+
+TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
+    app->VXSys.dataConnState = app->VXSys.autosensorConnState = 1;
+    handle("vx_control_req:action=reconnect;heartBeat 3;dataConnState=0;AutosensorConnState=0;");
+    EXPECT_EQ(toAgent(),
+              "vx_control_req:action=reconnect;heartBeat 3;dataConnState=0;AutosensorConnState=0;");
+    EXPECT_EQ(app->VXSys.dataConnState, 0);
+    EXPECT_EQ(app->VXSys.autosensorConnState, 0);
+    handle("vx_control_req:action=reconnect;dataConnState=1");  // too few fields for states
+    EXPECT_EQ(app->VXSys.dataConnState, 0);
+}
+
+TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {
+    for (int run = 1; run <= 2; ++run) {
+        handle(kStart + "zorEpochDiff=1600000000;TimeStampDiff=500;tierID=7;testIdx=4;");
+        EXPECT_EQ(peer.readLine(), kStarted);
+        EXPECT_EQ(toAgent(), stored());
+        EXPECT_EQ(app->Server.zorEpochDiff, 1600000000000 - 500);
+        EXPECT_EQ(app->Server.originalZorEpochDiff, 1600000000000 - 500);
+        EXPECT_EQ(getTierID(), 7);
+        EXPECT_EQ(app->Server.instrumentationStarted, 1);
+        EXPECT_EQ(app->Server.numRunning, 1);
+        FakePeer data = acceptData();
+        app->Server.warnings[0] = '\0';
+
+        handle(kStop + "stopping;");
+        EXPECT_EQ(peer.readLine(), kStopped);
+        EXPECT_EQ(toAgent(), kStop + "stopping;");
+        EXPECT_TRUE(data.readToEnd().ends_with("10,\n")) << run;
+        EXPECT_EQ(stored(), "(none)");
+        EXPECT_EQ(app->Server.instrumentationStarted, 0);
+        EXPECT_EQ(app->Server.testRunRunning, 0);
+        EXPECT_EQ(app->Server.numRunning, 0);
+    }
+}
+
+TEST_F(Server, WithoutAnEpochBaseTheFormerOneIsShifted) {
+    handle(kStart + "TimeStampDiff=1000;");
+    EXPECT_EQ(app->Server.zorEpochDiff, kOriginalZorEpochDiff - 1000);
+    EXPECT_EQ(app->Server.originalZorEpochDiff, kOriginalZorEpochDiff);
+}
+
+TEST_F(Server, AStopWithAnotherStatusOnlyAnswers) {
+    handle(kStart);
+    FakePeer data = acceptData();
+    EXPECT_EQ(peer.readLine(), kStarted);
+    handle(kStop + "stopped;");
+    EXPECT_EQ(peer.readLine(), kStopped);
+    EXPECT_EQ(app->Server.testRunRunning, 1);
+    EXPECT_EQ(app->Server.tenRecordWritten, 0);
+    handle(kStop + "RUNNING;");
+    EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
+}
+
+TEST_F(Server, WarningsOfAStartAreASecondLineThatKeepsItsNewline) {
+    vxUpcalls.setFileBasedKeywd = [](char*, const char*, int) {
+        std::memset(vxCurrent()->Server.warnings, 'w', kWarningsSize - 1);
+    };
+    handle(kStart + "BTRuleConfig=a|1|1;");
+    EXPECT_EQ(peer.readLine(), kStarted);
+    EXPECT_EQ(peer.readLine(), std::string(1023 - kStarted.size() - 2, 'w'));
+    EXPECT_STREQ(app->Server.warnings, "");
+}
+
+TEST_F(Server, AStartOverARunEndsTheFormerThreadFirst) {
+    handle(kStart);
+    FakePeer first = acceptData();
+    handle(kStart);
+    EXPECT_TRUE(first.readToEnd().ends_with("10,\n"));
+    acceptData();
+}
+
+TEST_F(Server, AStartIsGivenUpWhenAThreadOfTheFormerRunWillNotEnd) {
+    FakeClock clock;
+    app->data.data_thread_running = 1;  // a thread that never ends
+    handle(kStart);
+    EXPECT_EQ(clock.sleptMs(), 15000);
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(app->Server.instrumentationStarted, 0);
+    EXPECT_EQ(app->Server.numRunning, 0);
+    app->data.data_thread_running = 0;
+}
+
+TEST_F(Server, ARepeatedStartIsIgnoredWhileAllThreadsAndConnectionsStand) {
+    app->data.data_thread_running = app->autoSensor.autoSensor_thread_running = 1;
+    app->Server.testRunRunning = 1;
+    vxlb_shared_put(app->data.dataSocket, connectTo(collector));
+    vxlb_shared_put(app->autoSensor.asSocket, connectTo(collector));
+    handle(kStart);
+    EXPECT_EQ(stored(), "(none)");
+    EXPECT_EQ(app->Server.testRunRunning, 1);
+    app->data.data_thread_running = app->autoSensor.autoSensor_thread_running = 0;
+    vxlb_shared_close(app->data.dataSocket);
+    vxlb_shared_close(app->autoSensor.asSocket);
+}
+
+TEST_F(Server, AKeywordThatOrdersTheLinkClosedEndsTheStart) {
+    vxUpcalls.setFileBasedKeywd = [](char*, const char*, int) { vxCurrent()->control.closeCtrlConFlag = 1; };
+    handle(kStart + "VXEntryPointsFile=a|1|1;");
+    EXPECT_EQ(app->Server.instrumentationStarted, 0);
+    EXPECT_EQ(app->data.data_thread_running, 0);
+    EXPECT_EQ(peer.readLine(0.05), kNoLine);
+}
+
+TEST_F(Server, AModifyBeforeAStartIsRelayedAndRefused) {
+    handle("vx_control_req:action=modify;tierID=9;");
+    EXPECT_EQ(toAgent(), "vx_control_req:action=modify;tierID=9;");
+    EXPECT_EQ(peer.readLine(), kRefused);
+    EXPECT_EQ(getTierID(), 0);
+    EXPECT_EQ(stored(), "(none)");
+}
+
+TEST_F(Server, AnAnswerThatCannotBeSentOrdersTheLinkClosed) {
+    vxlb_shared_shutdown(app->control.controlSocket);
+    handle("vx_control_req:action=modify;tierID=9;");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+}
+
+TEST_F(Server, AModifyIsAppliedAnsweredAndMergedForLateJoiners) {
+    handle(kStart + "tierID=7;");
+    EXPECT_EQ(peer.readLine(), kStarted);
+    handle("vx_control_req:action=modify;tierID=9;");
+    EXPECT_EQ(peer.readLine(), "vx_control_rep:action=modify;result=Ok;");
+    EXPECT_EQ(getTierID(), 9);
+    EXPECT_EQ(stored(), kStart + "tierID=9;");
+    EXPECT_EQ(app->Server.isRuntimeApplied, 1);
+    handle("vx_control_req:action=modify;enableAutoInstrSession=1;tierID=8;");  // of a session: not merged
+    EXPECT_EQ(getTierID(), 8);
+    EXPECT_EQ(stored(), kStart + "tierID=9;");
+}
+
+struct MergeRow {
+    const char *name, *stored, *change, *merged;
+};
+class ServerMerge : public Server, public testing::WithParamInterface<MergeRow> {};
+
+TEST_P(ServerMerge, TakesTheValuesOfTheChange) {
+    app->identity.startInstrumentation = vxlb_strdup(GetParam().stored);
+    update_instrument_profile(GetParam().change);
+    EXPECT_EQ(stored(), GetParam().merged);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Fields, ServerMerge,
+    testing::ValuesIn<MergeRow>({
+        {"one_value", "act;a=1;b=2;", "action=modify;b=3;", "act;a=1;b=3;"},
+        {"a_new_field_stands_behind", "act;a=1;", "action=modify;c=3", "act;a=1;c=3;"},
+        {"the_last_of_two_values", "act;a=1;", "action=modify;a=2;a=3;", "act;a=3;"},
+        {"an_empty_value", "act;a=1;", "action=modify;a=;", "act;a=;"},
+        {"a_key_is_no_prefix", "act;ab=1;", "action=modify;a=2;", "act;ab=1;a=2;"},
+        {"fields_without_equals_stay", "act;word;a=1", "action=modify;other;a=2", "act;word;a=2;"},
+        {"the_profile_block_is_replaced_whole",
+         "act;numInstrProfile=2;instrProfile=p;lmd=1;size=2;instrProfile=q;lmd=3;size=4;z=1;",
+         "action=modify;numInstrProfile=1;instrProfile=r;lmd=5;size=6;z=2;",
+         "act;numInstrProfile=1;instrProfile=r;lmd=5;size=6;z=2;"},
+        {"the_profile_block_stays", "act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=1;",
+         "action=modify;z=2;", "act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=2;"},
+        {"a_first_profile_block", "act;z=1;", "action=modify;numInstrProfile=1;instrProfile=r;lmd=5;size=6;",
+         "act;z=1;numInstrProfile=1;instrProfile=r;lmd=5;size=6;"},
+        {"nothing", "act;a=1;", "action=modify;", "act;a=1;"},
+        {"too_short", "act;a=1;", "action=", "act;a=1;"},
+    }),
+    byName);
+
+TEST_F(Server, AMergeThatWouldGrowWithoutEndIsRefused) {
+    std::string doubled = "act;";
+    for (int i = 0; i < 400; ++i) doubled += "a=1;";  // each of them would take the long value
+    app->identity.startInstrumentation = vxlb_strdup(doubled.c_str());
+    update_instrument_profile(("action=modify;a=" + std::string(1000, 'x')).c_str());
+    EXPECT_EQ(stored(), doubled);
+}
+
+TEST_F(Server, ErrorRulesMarkRangesOfStatuses) {
+    const auto marks = [&] {
+        std::string text;
+        for (const auto& mark : app->VXBCISetting.btErrorArray) text += mark;
+        return text;
+    };
+    const std::string before = marks();
+    parseBtError("0|0|fine|500|502|-\n0|1|wrong|598|600|x\n0|1|short|1\n0|1|late|0|99|-\n");
+    std::string expected = before;
+    expected.replace(500, 3, "TTT").replace(598, 2, "FF");
+    EXPECT_EQ(marks(), expected);
+    parseBtError("1|1|not acting|0|9|-\n0|1|below|-1|9|-\n0|1|late|0|99|-");
+    parseBtError("0|1|above|0|601|-\n");
+    parseBtError("0|1|reversed|9|0|-\n");
+    parseBtError(nullptr);
+    EXPECT_EQ(marks(), expected);
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,174 @@
+#include "commonlibc/VXConnectMessages.h"
+
+#include <gtest/gtest.h>
+
+#include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXProtocol.h"
+#include "commonlibc/VXSys.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/home_fixture.h"
+
+namespace vx {
+namespace {
+
+// An instance with a value of its own in each field that a line carries.
+class ConnectMessages : public test::HomeFixture {
+protected:
+    void SetUp() override {
+        HomeFixture::SetUp();
+        VXSysInit("proxy");
+        setAppName("in_1");
+        setAppServerName("srv_2");
+        setTierName("tier_3");
+        setAgentType("Dotnet");
+        setVXCHost("collector.example");
+        app->identity.agentName = agentName_;
+        app->identity.processInfo = processes_;
+        app->identity.numProcess = 1;
+        process_.pid = 4711;
+        app->VXBCISetting.appID = 7;
+        app->VXBCISetting.vxAppServerID = 8;
+        app->VXBCISetting.tierID = 9;
+        app->VXBCISetting.testRunIndex = 10;
+        app->control.requestType = 2;
+        app->control.lastConnectionTimeStamp = 1699999999000;
+        app->control.connDuration = 5;
+        vxlb_copy_text(app->control.connDestination, sizeof(app->control.connDestination), "old:1");
+        upDateAgentSupportedProtocolData("TCP:7000,WSS:443");
+        setActiveProtocolIndex(kProtocolTCP);
+        getServerIP(serverIp_, sizeof(serverIp_));
+    }
+
+    static std::string ownPid() { return std::to_string(vxlb_get_pid()); }
+    VXBCISetting_t& setting() { return app->VXBCISetting; }
+    std::string control() {
+        setControlConnectionReqMessage();
+        EXPECT_EQ(setting().controlMessageLen, static_cast<int>(strlen(setting().controlMessage)));
+        return setting().controlMessage;
+    }
+
+    test::FakeClock clock_{1700000000123};
+    char agentName_[8] = "agent_4";
+    char serverIp_[256];
+    processInfo_t process_{};
+    processInfo_t* processes_[1] = {&process_};
+};
+
+TEST_F(ConnectMessages, ControlLine) {
+    EXPECT_EQ(
+        control(),
+        "vx_ctrl_msg_req:appName=in_1;vxAppServerHost=srv_2;tierName=tier_3;bciVersion=VXProxy " VX_VERSION
+        ";"
+        "bciStartTime=1700000000123;vxHome=" +
+            home() + ";pid=4711;proxyPid=" + ownPid() +
+            ";BCITimeStamp=1700000000123;agentType=Dotnet;serverIp=" + serverIp_ +
+            ";hostName=srv_2;isAgentLess=N;jvmType=Dotnet;javaVersion=1.0;javaHome=/apps/java;"
+            "machineType=Windows;requestType=2;lastConnectionTimeStamp=1699999999000;connDuration=5;"
+            "connDestination=old:1;agentName=agent_4;supportedProtocols=TCP:7000,WSS:443;authtoken=NA;"
+            "tags={};attributes={};protoVer=0; \n");
+}
+
+TEST_F(ConnectMessages, ControlLineWithTagsTokenAndNoProcess) {
+    setJson_tag("{\"a\":\"b\"}");
+    setJson_attr("c=d");
+    setAuthtoken("secret");
+    app->control.lws_active = 1;
+    app->identity.numProcess = 0;
+    const std::string line = control();
+    EXPECT_NE(line.find(";authtoken=secret;tags={\"a\":\"b\"};attributes={\"c\":\"d\"};protoVer=1; \n"),
+              std::string::npos)
+        << line;
+    EXPECT_NE(line.find(";pid=0;"), std::string::npos) << line;
+}
+
+TEST_F(ConnectMessages, SaasLineWhileTheFirstRecordIsTheSaasEndpoint) {
+    setSaasHostPort("saas.example:8443");
+    setProjKey("key");
+    setting().saasMode = 1;
+    vxSetCollectorSaas(0, 1, "saas.example");
+    EXPECT_EQ(
+        control(),
+        "zor_saas_auth_agent_msg_req:appName=in_1;agentVersion=4.3.0;agentStartTime=1700000000123;vxHome=" +
+            home() + ";pid=4711;proxyPid=" + ownPid() +
+            ";isAgentLess=N;jvmType=Dotnet;javaVersion=1.0;javaHome=/apps/java;machineType=Windows;"
+            "requestType=2;lastConnectionTimeStamp=1699999999000;connDuration=5;connDestination=old:1;"
+            "projectKey=key;protoVer=1;agentType=Dotnet;supportedProtocols=TCP:7000,WSS:443;"
+            "agentIp=saas.example;tags={};attributes={};agentHostName=agent_4; \n");
+    vxSetCollectorSaas(0, 0, "collector.example");
+    EXPECT_EQ(control().rfind("vx_ctrl_msg_req:", 0), 0U) << "a named collector gets the control line";
+}
+
+TEST_F(ConnectMessages, DataAndAutoSensorLines) {
+    setControlDataReqMessage();
+    EXPECT_EQ(setting().dataMessage,
+              "vx_data_msg_req:appName=in_1;appID=7;vxAppServerID=8;vxAppServerHost=srv_2;tierName=tier_3;"
+              "tierID=9;VXCollectorIP=collector.example;VXCollectorPort=7000;testIdx=10;pid=" +
+                  ownPid() + ";agentName=agent_4\n");
+    setActiveProtocolIndex(kProtocolWSS);
+    setControlAutoSensorReqMessage();
+    EXPECT_EQ(
+        setting().autoSensorMessage,
+        "auto_sensor_thread_hotspot_data_req:appName=in_1;appID=7;vxAppServerID=8;vxAppServerHost=srv_2;"
+        "tierName=tier_3;tierID=9;VXCollectorIP=collector.example;VXCollectorPort=443,testIdx=10;pid=" +
+            ownPid() + ";agentName=agent_4\n");
+    EXPECT_EQ(setting().autoSensorMessageLen, static_cast<int>(strlen(setting().autoSensorMessage)));
+}
+
+TEST_F(ConnectMessages, ALongLineIsCutAndKeepsItsNewline) {
+    setTierName(std::string(3000, 't').c_str());
+    const std::string line = control();
+    EXPECT_EQ(line.size(), 2047U);
+    EXPECT_EQ(line.substr(2045), "t\n");
+    setControlDataReqMessage();
+    EXPECT_EQ(setting().dataMessageLen, 2047);
+}
+
+TEST_F(ConnectMessages, ALineBreakInANameDoesNotEndTheLine) {
+    setAppName("a\r\nvx_ctrl_msg_req:b");
+    const std::string line = control();
+    EXPECT_EQ(line.rfind("vx_ctrl_msg_req:appName=a  vx_ctrl_msg_req:b;", 0), 0U) << line;
+    EXPECT_EQ(line.find('\n'), line.size() - 1);
+}
+
+TEST_F(ConnectMessages, AnOfferOfTheFormerCollectorIsForgotten) {
+    setSupportedProtocolVXCArray(kProtocolWS);
+    control();
+    EXPECT_EQ(app->collectors.supportedProtocolVXCArray[0], 0);
+}
+
+TEST_F(ConnectMessages, ASaasReplyHandsOverToTheCollectorItNames) {
+    vxSetCollectorSaas(0, 1, "saas.example");
+    char reply[] =
+        "zor_saas_auth_agent_msg_rep:status=OK;HOST=named.collector.example;port=7892;authtoken=tok;"
+        "protoVer=1;unknown=1\n";
+    EXPECT_EQ(parseSAASClientMsg(reply), 0);
+    const VXCollectorRecord first = vxCollectorAt(0);
+    EXPECT_STREQ(first.host, "named.collector.example");
+    EXPECT_EQ(first.port, 7892);
+    EXPECT_EQ(first.isSaas, 0);
+    EXPECT_STREQ(setting().authtoken.get(), "tok");
+    EXPECT_EQ(setting().protoVer, 1);
+    EXPECT_STREQ(app->control.destinationIP, "named.collector");
+    EXPECT_EQ(app->control.destinationPort, 7892);
+}
+
+TEST_F(ConnectMessages, ASaasReplyWithoutAUsableHostLeavesTheEndpoint) {
+    vxSetCollectorSaas(0, 1, "saas.example");
+    vxSetCollectorPort(0, 8443);
+    char noHost[] = "zor_saas_auth_agent_msg_rep:status=OK;host=;port=99999";
+    char badHost[] = "zor_saas_auth_agent_msg_rep:status=OK;host=a b";
+    EXPECT_EQ(parseSAASClientMsg(noHost), 0);
+    EXPECT_EQ(parseSAASClientMsg(badHost), 0);
+    EXPECT_EQ(vxCollectorAt(0).isSaas, 1);
+    EXPECT_STREQ(vxCollectorAt(0).host, "saas.example");
+    EXPECT_EQ(vxCollectorAt(0).port, 8443);
+
+    char empty[] = "", separators[] = ";;";
+    EXPECT_EQ(parseSAASClientMsg(empty), 1);
+    EXPECT_EQ(parseSAASClientMsg(separators), 1);
+    EXPECT_EQ(parseSAASClientMsg(nullptr), 1);
+}
+
+}  // namespace
+}  // namespace vx

@@ -1,0 +1,227 @@
+#include "commonlibc/VXDataDispatcher.h"
+
+#include <atomic>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/app_fixture.h"
+#include "tests/support/by_name.h"
+#include "tests/support/dumped_records.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/trace_file.h"
+
+namespace vx::test {
+namespace {
+
+class DataDispatcher : public AppFixture {
+protected:
+    void TearDown() override {
+        closeDumping(*app);
+        AppFixture::TearDown();
+    }
+    static std::string listText(const VXBufferNode* node) {
+        std::string text;
+        for (; node; node = node->next)
+            text.append(node->buffer, static_cast<std::size_t>(node->use_len)).append("|");
+        return text;
+    }
+    void add(const std::string& record) { dumpData(record.data(), static_cast<std::int64_t>(record.size())); }
+    // What the sender does with a node that has gone.
+    void giveBackOne() {
+        VXBufferNode* node = app->data.chain.VXCollectorBB;
+        node->use_len = node->offset = 0;
+        moveToWriteList(app->data.chain);
+    }
+};
+
+// Each row adds its records to a fresh chain and looks at the last answer and at both lists ("|" ends a
+// node).
+struct Row {
+    const char* name;
+    int chunks, size;
+    std::vector<std::string> records;
+    int code;
+    const char* readList;
+    const char* writeList;
+};
+class ChainOf : public DataDispatcher, public testing::WithParamInterface<Row> {};
+
+TEST_P(ChainOf, TakesSplitsCutsOrRefuses) {
+    const Row& row = GetParam();
+    openDumping(*app, row.chunks, row.size);
+    VXBufferChain& chain = app->data.chain;
+    int code = 0;
+    for (const std::string& record : row.records)
+        code = addDataInSendBuffer(chain, record.data(), static_cast<std::int64_t>(record.size()));
+    EXPECT_EQ(code, row.code);
+    EXPECT_EQ(listText(chain.readListHead), row.readList);
+    EXPECT_EQ(listText(chain.writeListHead), row.writeList);
+    EXPECT_EQ(app->VXSys.dataDropCount, row.code < 0 ? 1u : 0u);
+    EXPECT_EQ(chain.VXBCIAgentBB, chain.writeListHead);
+    EXPECT_EQ(chain.VXCollectorBB, chain.readListHead);
+    EXPECT_EQ(chain.readListSize + chain.writeListSize, row.chunks);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Nodes, ChainOf,
+    testing::ValuesIn<Row>({
+        {"two_records_in_one_node", 2, 8, {"ab\n", "cd\n"}, 0, "", "ab\ncd\n||"},
+        {"an_exact_fit_moves_the_node", 2, 8, {"ab\n", "cdef\n"}, 0, "ab\ncdef\n|", "|"},
+        {"an_exact_fit_of_the_last_leaves_none", 1, 3, {"ab\n"}, 0, "ab\n|", ""},
+        {"a_record_straddles_two_nodes", 3, 4, {"ab\n", "cde\n"}, 0, "ab\nc|", "de\n||"},
+        {"a_full_rest_stays_in_its_node", 2, 4, {"ab\n", "cdef\n"}, 0, "ab\nc|", "def\n|"},
+        {"behind_a_full_rest_the_next_node_is_taken",
+         3,
+         4,
+         {"ab\n", "cdef\n", "g\n"},
+         0,
+         "ab\nc|def\n|",
+         "g\n|"},
+        {"no_node_behind_drops_it_whole", 1, 8, {"ab\n", "cdefgh\n"}, kChainDropped, "", "ab\n|"},
+        {"longer_than_a_node_is_cut", 3, 4, {"ab\n", "0123456789\n"}, kChainCut, "ab\n0|", "\n||"},
+        {"every_node_waits", 1, 3, {"ab\n", "c\n"}, kChainAllWaiting, "ab\n|", ""},
+        {"no_nodes_at_all", 0, 4, {"ab\n"}, kChainNoBuffers, "", ""},
+    }),
+    byName);
+
+TEST_F(DataDispatcher, DiscardsOutsideARunAndWithoutBytes) {
+    openDumping(*app, 2, 16);
+    dumpData(nullptr, 3);
+    dumpData("abc", 0);
+    dumpData("abc", -1);
+    app->Server.testRunRunning = 0;
+    add("late\n");
+    EXPECT_EQ(dumpedText(*app), "");
+    EXPECT_EQ(app->VXSys.dataDropCount, 0u);
+    app->Server.draining = 1;
+    add("10,\n");
+    EXPECT_EQ(dumpedText(*app), "10,\n");
+}
+
+TEST_F(DataDispatcher, TracesOneDropInAThousand) {
+    const TraceFile trace(*app, 1);
+    openDumping(*app, 1, 4);
+    add("abcd");  // the only node waits from here on
+    app->VXSys.dataDropCount = 997;
+    add("998th");
+    EXPECT_FALSE(trace.says("dumpData"));
+    add("999th");
+    add("1000th");
+    const std::string text = trace.text();
+    const std::string line =
+        "|Error|VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
+        "initialized "
+        "for sending data to VXCollector. Return = -2, writeListSize = 0 readListSize = 1";
+    const std::size_t at = text.find(line);
+    EXPECT_NE(at, std::string::npos) << text;
+    EXPECT_EQ(text.find(line, at + 1), std::string::npos);
+}
+
+TEST_F(DataDispatcher, OneNodeComesBackWhenItWasSent) {
+    openDumping(*app, 1, 8);
+    movePartialToReadList();  // nothing written: the node stays
+    EXPECT_EQ(app->data.chain.readListSize, 0);
+    add("ab\n");
+    movePartialToReadList();
+    add("c\n");
+    EXPECT_EQ(app->data.recordsDropped, 1u);
+    giveBackOne();
+    add("d\n");
+    EXPECT_EQ(dumpedText(*app), "d\n");
+}
+
+TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
+    openDumping(*app, 3, 4);
+    add("ab\n");
+    movePartialToReadList();
+    app->data.chain.readListHead->offset = 2;
+    add("cd\n");
+    vx_word_set(app->VXSys.bciDataBufferMaxCount, 1);  // a smaller count gives nothing back
+    ASSERT_EQ(buff_list_init(), 0);
+    const VXBufferChain& chain = app->data.chain;
+    EXPECT_EQ(listText(chain.writeListHead), "|||");
+    EXPECT_EQ(chain.VXCollectorBB, nullptr);
+    EXPECT_EQ(chain.readListTail, nullptr);
+    EXPECT_EQ(chain.writeListTail->offset, 0);
+    EXPECT_EQ(chain.writeListSize, 3);
+}
+
+TEST_F(DataDispatcher, NewNodesGoBehindTheHead) {
+    openDumping(*app, 1, 4);
+    vx_word_set(app->VXSys.bciDataBufferMaxCount, 3);
+    vx_word_set(app->VXSys.bciDataBufferMaxSize, 16);  // existing chunks keep their size
+    ASSERT_EQ(buff_list_init(), 0);
+    const VXBufferNode* head = app->data.chain.writeListHead;
+    EXPECT_EQ(head->buff_size, 4);
+    EXPECT_EQ(head->next->buff_size, 16);
+    EXPECT_EQ(head->next->next, app->data.chain.writeListTail);
+    EXPECT_EQ(app->data.chain.writeListTail->next, nullptr);
+}
+
+TEST_F(DataDispatcher, WritesAHeartbeatWhenTheIntervalHasPassed) {
+    FakeClock clock(1000);
+    openDumping(*app, 2, 8);
+    vx_word_set(app->VXSys.dataHeartbeatInterval, 10);
+    app->Server.zorEpochDiff = -500;
+    handleHeartBeat(0);  // only notes the time
+    EXPECT_EQ(app->data.lastDataHeartbeatTime, 1500);
+    clock.advanceMs(9999);
+    handleHeartBeat(0);
+    EXPECT_EQ(dumpedText(*app), "");
+    clock.advanceMs(1);
+    handleHeartBeat(0);
+    EXPECT_EQ(listText(app->data.chain.writeListHead), "\n||");
+    clock.advanceMs(10000);
+    handleHeartBeat(1);  // hands the node over
+    EXPECT_EQ(listText(app->data.chain.readListHead), "\n\n|");
+}
+
+TEST_F(DataDispatcher, AnyEpochBaseAndAnyCountAreTaken) {
+    openDumping(*app, 2, 8);
+    vx_word_set(app->VXSys.bciDataBufferMaxCount, std::numeric_limits<std::int32_t>::min());
+    EXPECT_EQ(buff_list_init(), 0);
+    EXPECT_EQ(app->data.chain.writeListSize, 2);
+    for (const std::int64_t base :
+         {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()}) {
+        app->Server.zorEpochDiff = base;
+        handleHeartBeat(0);  // neither sum overflows
+    }
+}
+
+TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
+    constexpr int kProducers = 3, kRecords = 2000;
+    openDumping(*app, 4, 64);
+    std::atomic<bool> done{false};
+    std::size_t sentBytes = 0;
+    const auto sendAll = [&] {
+        while (const VXBufferNode* node = app->data.chain.VXCollectorBB) {
+            sentBytes += static_cast<std::size_t>(node->use_len);
+            giveBackOne();
+        }
+    };
+    std::thread sender([&] {
+        vxSetCurrent(app);
+        while (!done) {
+            sendAll();
+            movePartialToReadList();
+        }
+    });
+    std::vector<std::thread> producers;
+    for (int i = 0; i < kProducers; ++i)
+        producers.emplace_back([&] {
+            vxSetCurrent(app);
+            for (int n = 0; n < kRecords; ++n) add("1234567\n");
+        });
+    for (std::thread& producer : producers) producer.join();
+    done = true;
+    sender.join();
+    movePartialToReadList();
+    sendAll();
+    EXPECT_EQ(sentBytes, app->data.recordsAccepted * 8);
+    EXPECT_EQ(app->data.recordsAccepted + app->data.recordsDropped, std::uint64_t{kProducers * kRecords});
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,77 @@
+#include "commonlibc/VXMetadataReplay.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/support/knowledge_fixture.h"
+
+namespace vx::test {
+namespace {
+
+using Records = std::vector<std::string>;
+
+class MetadataReplay : public KnowledgeFixture {
+protected:
+    void SetUp() override {
+        KnowledgeFixture::SetUp();
+        hashMapForAgent();
+    }
+    mPP* method(const char* name, std::uint8_t type = kTypePlain, std::uint8_t subtype = 0,
+                int updateFlag = 0) {
+        return searchAndUpdateMethodHashMap(name, app->method.methodHashMapNode, updateFlag, type, subtype);
+    }
+    // Records of a kind lie in the order of a hash table.
+    Records sortedRecords() {
+        Records records = dumpedRecords(*app);
+        std::sort(records.begin(), records.end());
+        return records;
+    }
+};
+
+TEST_F(MetadataReplay, WritesMethodsInUseAndThenLiveBts) {
+    markMethodUsed(method("used"));
+    method("not used");
+    method("asked for once", kTypeHttp, 3, 1);
+    btOf("/a");
+    btOf("/stale")->isStale = 1;
+    btOf("/no id yet")->btId = 0;
+    clearDumped(*app);
+
+    replayMetaData();
+    const Records records = dumpedRecords(*app);
+    ASSERT_EQ(records.size(), 5U);
+    EXPECT_EQ(records.back(), "7,2,/a");
+    EXPECT_EQ(sortedRecords(), (Records{"5,DB_SQLDB,2", "5,HTTP_asked for once,5",
+                                        "5,Profiler.Zorvanek.BeginRequest,1", "5,used,3", "7,2,/a"}));
+}
+
+TEST_F(MetadataReplay, TellsABtOnceUntilTheNextConnection) {
+    btOf("/a");
+    clearBtMetaDataFlags();
+    clearDumped(*app);
+    collectAndSendOnlyCached7Records(0, 1);
+    btOf("/a");
+    EXPECT_EQ(dumpedText(*app), "7,2,/a\n");
+}
+
+TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
+    app->VXSys.maxIPCount = 1;
+    app->data.data_thread_running = 1;
+    method("one", kTypeHttp, 3, 1);
+    method("two", kTypeHttp, 3, 1);
+    clearDumped(*app);
+    collectAndSendOnlyCached5Records(0, 1);
+    EXPECT_EQ(sortedRecords(),
+              (Records{"5,DB_SQLDB,2", "5,HTTP_one,3", "5,Others,4", "5,Profiler.Zorvanek.BeginRequest,1"}));
+}
+
+TEST_F(AppFixture, AReplayBeforeAnythingExistsWritesNothing) {
+    openDumping(*app);
+    replayMetaData();
+    EXPECT_EQ(dumpedText(*app), "");
+    closeDumping(*app);
+}
+
+}  // namespace
+}  // namespace vx::test

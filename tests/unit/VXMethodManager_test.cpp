@@ -1,0 +1,191 @@
+#include "commonlibc/VXMethodManager.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "tests/support/knowledge_fixture.h"
+
+namespace vx::test {
+namespace {
+
+class MethodTable : public KnowledgeFixture {
+protected:
+    void SetUp() override {
+        KnowledgeFixture::SetUp();
+        hashMapForAgent();
+        table = app->method.methodHashMapNode;
+        app->data.data_thread_running = 1;
+    }
+    mPP* report(const std::string& name) { return vxFindOrAddMethod(table, name.c_str(), name.size()); }
+    mPP* backend(const char* name, std::uint8_t type, std::uint8_t subtype, int updateFlag = 1) {
+        return searchAndUpdateMethodHashMap(name, table, updateFlag, type, subtype);
+    }
+    methodHashMapNode_t* table = nullptr;
+};
+
+TEST_F(MethodTable, TheFixedMethodsComeFirstAndAreMadeOnce) {
+    hashMapForAgent();
+    const mPP* begin = app->method.beginRequest;
+    const mPP* database = app->method.dbSqlDb;
+    EXPECT_EQ(begin, getMethodPropFromMethodName("Profiler.Zorvanek.BeginRequest"));
+    EXPECT_EQ(begin->methodId, 1U);
+    EXPECT_EQ(begin->isEntryPointPtr, kMethodEntryPoint);
+    EXPECT_EQ(database->methodId, 2U);
+    EXPECT_EQ(database->type, kTypeDb);
+    EXPECT_EQ(database->subtype, 10);
+    EXPECT_EQ(database->isEntryPointPtr, kMethodBackend);
+    EXPECT_EQ(vxAggSlot(app->method.backendArr, 2)->mpp, database);
+    EXPECT_TRUE(begin->usedFlag && database->usedFlag && table->ready);
+    EXPECT_EQ(app->method.methodHashMapNode, table);
+    EXPECT_EQ(dumpedText(*app), "") << "they wait for the replay";
+}
+
+TEST_F(MethodTable, ANewNameGetsTheNextIdAndOneRecord) {
+    mPP* method = report("com.example.Shop.buy");
+    EXPECT_EQ(method->methodId, 3U);
+    EXPECT_EQ(method->subtype, 1);
+    EXPECT_EQ(report("com.example.Shop.buy"), method);
+    EXPECT_EQ(getMethodPropFromMethodName("com.example.Shop.buy"), method);
+    EXPECT_EQ(backend("com.example.Shop.buy", kTypePlain, 0, 0), method);
+    markMethodUsed(method);
+    EXPECT_EQ(dumpedText(*app), "5,com.example.Shop.buy,3\n");
+}
+
+TEST_F(MethodTable, AForgottenMethodIsDescribedAgainWithItsFirstUse) {
+    mPP* method = report("m");
+    {
+        VXMethodLock lock;
+        resetmethodHashMapNode(table, 1);
+    }
+    clearDumped(*app);
+    markMethodUsed(report("m"));
+    EXPECT_EQ(dumpedText(*app), "5,m,3\n");
+    EXPECT_EQ(method->subtype, 0);
+    app->Server.isTenRecordDump = 1;
+    report("m");
+    EXPECT_EQ(method->subtype, 1);
+}
+
+TEST_F(MethodTable, OnlyTheLengthGivenIsTheName) {
+    mPP* method = report("abc");
+    EXPECT_EQ(vxFindMethod("abcdef", 3), method);
+    EXPECT_EQ(vxFindMethod("abcdef", 6), nullptr);
+    EXPECT_EQ(report(""), nullptr);
+    EXPECT_EQ(getMethodPropFromMethodName(nullptr), nullptr);
+    EXPECT_EQ(vxFindOrAddMethod(nullptr, "x", 1), nullptr);
+}
+
+TEST_F(MethodTable, ALongNameOrALineBreakLeavesOneLine) {
+    report(std::string(3000, 'n'));
+    report("a\nb");
+    const auto records = dumpedRecords(*app);
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0], "5," + std::string(1020, 'n'));
+    EXPECT_EQ(records[1], "5,a b,4");
+}
+
+TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
+    struct Row {
+        const char* name;
+        int type, subtype;
+        const char* key;  // null: no record
+    };
+    for (const Row& row : {Row{"h", 1, 3, "HTTP_h"}, Row{nullptr, 1, 3, nullptr}, Row{"", 1, 3, nullptr},
+                           Row{"c", 6, 8, "CUSTOM_c"}, Row{nullptr, 6, 8, nullptr}, Row{"q", 13, 13, "MQ_q"},
+                           Row{nullptr, 13, 13, "MQ_RABBIT"}, Row{"q", 13, 1, "q"}, Row{"d", 2, 10, "DB_d"},
+                           Row{nullptr, 2, 10, "DB_SQLDB"}, Row{nullptr, 2, 28, "DB_ORACLE"},
+                           Row{"d", 2, 33, "DB2_d"}, Row{"d", 2, 99, "d"}, Row{nullptr, 2, 99, nullptr}}) {
+        const mPP* method =
+            backend(row.name, static_cast<std::uint8_t>(row.type), static_cast<std::uint8_t>(row.subtype));
+        EXPECT_STREQ(method ? method->methodName : nullptr, row.key);
+    }
+}
+
+TEST_F(MethodTable, ABackendIsFoundAgainAndTakesTheSubtypeOfTheCall) {
+    mPP* http = backend("h", kTypeHttp, 3);
+    EXPECT_EQ(http->type, kTypeHttp);
+    EXPECT_STREQ(http->aliasMethodName, "HTTP_h");
+    EXPECT_EQ(backend("h", kTypeHttp, 4), http);
+    EXPECT_EQ(http->subtype, 4);
+    EXPECT_EQ(vxAggSlot(app->method.backendArr, http->methodId)->mpp, http);
+    EXPECT_EQ(app->method.backendCounter, 1);
+    EXPECT_EQ(dumpedText(*app), "5,HTTP_h,3\n");
+}
+
+TEST_F(MethodTable, BackendsBeyondTheLimitAreOthers) {
+    app->VXSys.maxIPCount = 2;
+    backend("one", kTypeHttp, 3);
+    backend("two", kTypeHttp, 3);
+    mPP* others = backend("three", kTypeHttp, 3);
+    EXPECT_STREQ(others->methodName, "Others");
+    EXPECT_EQ(backend("three", kTypeHttp, 3), others) << "filed under the key that came first";
+    EXPECT_EQ(backend("four", kTypeHttp, 3), others);
+    EXPECT_EQ(backend("d", kTypeDb, 10), others);
+    EXPECT_STREQ(backend("one", kTypeHttp, 3)->methodName, "HTTP_one");
+    EXPECT_STREQ(backend("x", kTypeDb, 10, 0)->methodName, "DB_x") << "only named back-ends are limited";
+    EXPECT_EQ(dumpedText(*app), "5,HTTP_one,3\n5,HTTP_two,4\n5,Others,5\n5,DB_x,6\n");
+}
+
+TEST_F(MethodTable, ACustomBackendTakesTheIdBehindItsOwnAndNobodyElseGetsIt) {
+    EXPECT_EQ(backend("c", kTypeCustom, 8)->methodId, 4U);
+    EXPECT_EQ(report("next")->methodId, 5U);
+}
+
+TEST_F(MethodTable, AFlowpathCountsOnItsTableOnce) {
+    auto slot = std::make_unique<vxTD>();
+    takeMethodTable(slot.get());
+    takeMethodTable(slot.get());
+    EXPECT_EQ(slot->tlMethodTable, table);
+    EXPECT_EQ(table->flowpathCount, 1);
+    releaseMethodTable(slot.get());
+    releaseMethodTable(slot.get());
+    EXPECT_EQ(table->flowpathCount, 0);
+}
+
+TEST_F(MethodTable, ACalloutTextSetsTypeSubtypeAndBackendFlag) {
+    struct Row {
+        const char* text;
+        int type, subtype;
+        std::uint32_t flags;
+        std::int32_t logLevel;
+    };
+    for (const Row& row :
+         {Row{"CUSTOM_CALLOUTX", 6, 8, kMethodBackend, 0}, Row{"HTTP_CALLOUTX", 0, 0, 0, 0},
+          Row{"HTTP_CALLOUT", 1, 3, kMethodBackend, 0}, Row{"ORACLE", 2, 28, kMethodBackend, 0},
+          Row{"CUSTOM_LOG", 83, 83, 0, 7}, Row{"HTTP_ENTRY", 0, 35, 0, 0}}) {
+        mPP method{};
+        EXPECT_EQ(updateEntryMap(&method, row.text, 7), 0);
+        EXPECT_EQ(method.type, row.type) << row.text;
+        EXPECT_EQ(method.subtype, row.subtype) << row.text;
+        EXPECT_EQ(method.isEntryPointPtr, row.flags) << row.text;
+        EXPECT_EQ(method.logLevel, row.logLevel) << row.text;
+    }
+}
+
+TEST_F(MethodTable, AResetTouchesOnlyMethodsOfItsKind) {
+    struct Row {
+        std::uint8_t type;
+        int kind;
+        std::uint32_t used, flags;
+    };
+    constexpr std::uint32_t kAll = kMethodEntryPoint | kMethodBackend | kMethodMonitored;
+    for (const Row& row :
+         {Row{kTypePlain, 1, 0, kAll}, Row{kTypePlain, 2, 1, kAll}, Row{kTypePlain, 3, 1, kAll},
+          Row{kTypeMonitored, 1, 1, kAll}, Row{kTypeMonitored, 2, 0, kMethodEntryPoint | kMethodBackend},
+          Row{kTypeMonitored, 3, 1, kAll}, Row{kTypeHttp, 1, 1, kAll}, Row{kTypeHttp, 2, 1, kAll},
+          Row{kTypeHttp, 3, 0, kMethodEntryPoint | kMethodMonitored}}) {
+        mPP* method = report("m");
+        method->type = row.type;
+        method->usedFlag = 1;
+        method->isEntryPointPtr = kAll;
+        VXMethodLock lock;
+        resetmethodHashMapNode(table, row.kind);
+        EXPECT_EQ(method->usedFlag, row.used) << int{row.type} << ' ' << row.kind;
+        EXPECT_EQ(method->isEntryPointPtr, row.flags) << int{row.type} << ' ' << row.kind;
+    }
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,255 @@
+#include "commonlibc/VXSettingsFile.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXProtocol.h"
+#include "commonlibc/vxlb_utiles.h"
+#include "tests/support/home_fixture.h"
+#include "tests/support/trace_file.h"
+
+namespace vx {
+namespace {
+
+class SettingsFile : public test::HomeFixture {
+protected:
+    // A settings pass with this file; the reader's answer.
+    int pass(const std::string& file) {
+        write("vxsettings.conf", file);
+        return read_env_var() == 0 ? 0 : read_conf_file();
+    }
+    VXBCISetting_t& setting() { return app->VXBCISetting; }
+    static std::string record(int index) {
+        const VXCollectorRecord held = vxCollectorAt(index);
+        return std::string(held.host) + ":" + std::to_string(held.port);
+    }
+};
+
+TEST_F(SettingsFile, EveryKeyArrives) {
+    EXPECT_EQ(pass("# settings\r\n"
+                   "endPointPrefix=prefix\r\n"
+                   "tier=T_1\r\n"
+                   "server=S\r\n"
+                   "instance=I\r\n"
+                   "tags=a=b,c=d\r\n"
+                   "attributes={\"e\": \"f\"}\r\n"
+                   "instrumentMoveNext=1\r\n"
+                   "VX_LOG_RETENTION_DAYS=3\r\n"
+                   "CONNECTION_RETRY_TIME_INTERVAL=5\r\n"
+                   "vxcHost=collector.example\r\n"
+                   "vxcPort=7892\r\n"
+                   "stackSize=1024\r\n"
+                   "VXC_COMM_PROTOCOL=TCP:7893,WS:7894\r\n"
+                   "backupVxcHostName=backup.example\r\n"
+                   "backupVxcPort=7895\r\n"
+                   "autoScalingMode=1\r\n"
+                   "agentTraceLevel=3\r\n"
+                   "agentPCTraceLevel=2\r\n"
+                   "instrumentSleep=250\r\n"
+                   "proxyMode=1\r\n"
+                   "proxyConType=2\r\n"
+                   "proxyIP=10.0.0.1\r\n"
+                   "proxyPort=3128\r\n"
+                   "vxAgentDebugLogging=4\r\n"
+                   "vxProjectKey=key\r\n"),
+              0);
+    EXPECT_STREQ(setting().endPointPrefix.get(), "prefix");
+    EXPECT_STREQ(getTierName(), "T_1");
+    EXPECT_STREQ(setting().encodedTierName.get(), "T&#95;1");
+    EXPECT_STREQ(getAppServerName(), "S");
+    EXPECT_STREQ(getAppName(), "I");
+    EXPECT_STREQ(setting().tags.get(), "{\"a\":\"b\",\"c\":\"d\"}");
+    EXPECT_STREQ(setting().attributes.get(), "{\"e\":\"f\"}");
+    EXPECT_EQ(setting().logRetentionDays, 3);
+    EXPECT_EQ(app->control.retryInterval, 5000000);
+    EXPECT_STREQ(setting().vxcHost.get(), "collector.example");
+    EXPECT_EQ(setting().vxcPort, 7893) << "the protocol list's TCP port outweighs vxcPort";
+    EXPECT_EQ(setting().stackSize, 1024);
+    EXPECT_EQ(setting().wsPort, 7894);
+    EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolTCP);
+    EXPECT_EQ(app->control.lws_active, 0);
+    EXPECT_EQ(record(0), "collector.example:7893");
+    EXPECT_EQ(record(1), "backup.example:7895");
+    EXPECT_EQ(app->collectors.num_vxc_config, 2);
+    EXPECT_EQ(app->collectors.dr_enabled, 1);
+    EXPECT_EQ(setting().autoScalingMode, 1);
+    const VXSys_t& sys = app->VXSys;
+    for (const std::int32_t level :
+         {sys.AgentTraceLevel, sys.ControlThreadTraceLevel, sys.enableFPTrace, sys.enableBTMonitorTrace,
+          sys.enableBackendMonTrace, sys.vxMethodMonTraceLevel, sys.captureExceptionTraceLevel,
+          sys.enableThreadMonTraceLevel})
+        EXPECT_EQ(level, 3);
+    EXPECT_EQ(sys.AgentPCTraceLevel, 2);
+    EXPECT_EQ(sys.instrumentMoveNext, 1);
+    EXPECT_EQ(sys.instrumentSleepMs, 250);
+    EXPECT_EQ(sys.proxyMode, 1);
+    EXPECT_EQ(sys.proxyConType, 2);
+    EXPECT_STREQ(sys.proxyHost, "10.0.0.1");
+    EXPECT_EQ(sys.proxyPort, 3128);
+    EXPECT_EQ(sys.agentDebugLogging, 4);
+    EXPECT_STREQ(setting().projectKey.get(), "key");
+}
+
+TEST_F(SettingsFile, AnEmptyFileGivesTheDefaults) {
+    EXPECT_EQ(pass("vxcHost=h\n"), 0);
+    char host[256] = "";
+    gethostname(host, sizeof(host));
+    EXPECT_STREQ(getTierName(), "Default");
+    EXPECT_STREQ(getAppServerName(), host);
+    EXPECT_STREQ(setting().endPointPrefix.get(), "collector");
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
+    EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolWSS);
+    EXPECT_EQ(app->control.lws_active, 1);
+    EXPECT_EQ(record(0), "h:443");
+    EXPECT_EQ(app->collectors.dr_enabled, 0);
+}
+
+TEST_F(SettingsFile, ValuesThatAreNoneLeaveTheDefaults) {
+    EXPECT_EQ(pass("tier=\nstackSize=300\nvxcPort=70000\nvxcHost=\nvxcHost=a b\nbackupVxcPort=0\n"
+                   "CONNECTION_RETRY_TIME_INTERVAL=0\nagentTraceLevel=5\nVXC_COMM_PROTOCOL=tcp\n"
+                   "vxSaasURL=:1\ninstrumentSleep=-1\ntags=neither\n" +
+                   std::string("instance=") + std::string(3000, 'x') + "\nvxcHost=h\n"),
+              0);
+    EXPECT_STREQ(getTierName(), "Default");
+    EXPECT_EQ(setting().stackSize, 512);
+    EXPECT_EQ(record(0), "h:443");
+    EXPECT_EQ(record(1), ":0");
+    EXPECT_EQ(app->control.retryInterval, 0);
+    EXPECT_EQ(app->VXSys.AgentTraceLevel, 0);
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
+    EXPECT_EQ(setting().saasMode, 0);
+    EXPECT_EQ(app->VXSys.instrumentSleepMs, 0);
+    EXPECT_STREQ(getAppName(), "") << "a line above the limit is passed over whole";
+}
+
+TEST_F(SettingsFile, OfSeveralLinesTheLastValidOneStands) {
+    EXPECT_EQ(pass("vxcHost=first\nvxcHost=h\nvxcHost=a b\nVXC_COMM_PROTOCOL=TCP:7000\nVXC_COMM_PROTOCOL=x\n"
+                   "agentTraceLevel=2\nagentTraceLevel=9\n"),
+              0);
+    EXPECT_EQ(record(0), "h:7000");
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "TCP:7000");
+    EXPECT_EQ(app->VXSys.AgentTraceLevel, 2);
+}
+
+TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
+    setenv("ZOR_APP_AGENT_TIER", "envTier", 1);
+    setenv("ZOR_APP_AGENT_VXC_COMM_PROTOCOL", "WS:81", 1);
+    setenv("ZOR_APP_AGENT_VXCPORT", "99999", 1);
+    setenv("ZOR_APP_AGENT_INSTANCE", "", 1);
+    EXPECT_EQ(read_env_var(), 1) << "without a host the file is needed";
+    EXPECT_EQ(pass("tier=T\ninstance=I\nvxcHost=h\nvxcPort=82\nVXC_COMM_PROTOCOL=TCP:80\n"), 0);
+    EXPECT_STREQ(getTierName(), "envTier");
+    EXPECT_STREQ(getAppName(), "I") << "an empty variable is none";
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WS:81");
+    EXPECT_EQ(setting().vxcPort, 82) << "an invalid variable is none";
+    EXPECT_EQ(record(0), "h:81");
+    EXPECT_EQ(setting().envConfigured, 0);
+}
+
+TEST_F(SettingsFile, AHostOfTheEnvironmentMakesTheFileUnused) {
+    setenv("ZOR_APP_AGENT_VXCHOST", "env.example", 1);
+    write("vxsettings.conf", "vxcHost=h\ntier=T\n");
+    EXPECT_EQ(read_env_var(), 0);
+    EXPECT_EQ(read_conf_file(), 0);
+    EXPECT_EQ(setting().envConfigured, 1);
+    EXPECT_EQ(record(0), "env.example:443");
+    EXPECT_STREQ(getTierName(), "Default");
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
+
+    unsetenv("ZOR_APP_AGENT_VXCHOST");
+    EXPECT_EQ(pass("vxcHost=h\n"), 0);
+    EXPECT_EQ(record(0), "h:443");
+}
+
+TEST_F(SettingsFile, TheInstanceNameIsTheTierName) {
+    struct {
+        const char *envTier, *value, *tier;
+    } rows[] = {{nullptr, "y", "I"}, {nullptr, "1", "I"}, {nullptr, "n", "T"}, {"envTier", "y", "envTier"}};
+    for (const auto& row : rows) {
+        row.envTier ? setenv("ZOR_APP_AGENT_TIER", row.envTier, 1) : unsetenv("ZOR_APP_AGENT_TIER");
+        pass(std::string("tier=T\ninstance=I\nvxcHost=h\nZOR_INSTANCE_AS_TIER=") + row.value + "\n");
+        EXPECT_STREQ(getTierName(), row.tier) << row.value;
+    }
+}
+
+TEST_F(SettingsFile, AnInstanceThatIsSetUpTakesTheCollectorsSideOnly) {
+    setTierName("registered");
+    setAppName("registered");
+    app->identity.isProxyInstance = 1;
+    EXPECT_EQ(pass("tier=T\ninstance=I\nserver=S\nstackSize=1024\nproxyMode=1\n"
+                   "vxcHost=h\nvxcPort=7000\nagentTraceLevel=1\n"),
+              0);
+    EXPECT_STREQ(getTierName(), "registered");
+    EXPECT_STREQ(getAppName(), "registered");
+    EXPECT_STREQ(getAppServerName(), "");
+    EXPECT_EQ(setting().stackSize, 512);
+    EXPECT_EQ(app->VXSys.proxyMode, 0);
+    EXPECT_EQ(record(0), "h:7000");
+    EXPECT_EQ(app->VXSys.ControlThreadTraceLevel, 1);
+}
+
+TEST_F(SettingsFile, ALaterPassReplacesWhatTheFileNoLongerNames) {
+    pass(
+        "vxcHost=h\nvxcPort=1\nVXC_COMM_PROTOCOL=TCP:2\nbackupVxcHostName=b\nbackupVxcPort=3\n"
+        "vxSaasURL=saas.example:4\n");
+    EXPECT_EQ(record(0), "saas.example:4");
+    EXPECT_EQ(vxCollectorAt(0).isSaas, 1);
+    EXPECT_EQ(pass("vxcHost=h2\n"), 0);
+    EXPECT_EQ(record(0), "h2:443");
+    EXPECT_EQ(vxCollectorAt(0).isSaas, 0);
+    EXPECT_EQ(record(1), ":0");
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
+    EXPECT_EQ(app->collectors.dr_enabled, 0);
+}
+
+TEST_F(SettingsFile, TheServicesOwnSettingsServeWhereNothingNamesAHost) {
+    VXProxy.vxcHost = vxlb_strdup("fallback.example");
+    VXProxy.vxcPort = 7892;
+    EXPECT_EQ(read_env_var(), 1);
+    EXPECT_EQ(read_conf_file(), 0) << "there is no file, but a host";
+    EXPECT_EQ(record(0), "fallback.example:7892");
+    EXPECT_EQ(pass("vxcPort=7000\n"), 0);
+    EXPECT_EQ(record(0), "fallback.example:7000");
+    EXPECT_EQ(pass("vxcHost=h\n"), 0);
+    EXPECT_EQ(record(0), "h:443");
+}
+
+TEST_F(SettingsFile, AnswersFailureWithoutAFileOrWithoutAHostWhereOneIsNeeded) {
+    EXPECT_EQ(read_env_var(), 1);
+    EXPECT_EQ(read_conf_file(), 1) << "no file";
+    EXPECT_EQ(pass("tier=T\n"), 0) << "the root context needs no host";
+    VXProxy.proxyMode = 1;
+    app->identity.isProxyInstance = 1;
+    EXPECT_EQ(pass("tier=T\n"), 1);
+    EXPECT_EQ(pass("vxSaasURL=saas.example\n"), 0);
+}
+
+TEST_F(SettingsFile, AChangedFileIsSeenOnceAndAnEmptyOneNever) {
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0) << "missing";
+    pass("vxcHost=h\n");
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
+    write("vxsettings.conf", "vxcHost=h2\n");
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 1);
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 1) << "until it is read";
+    read_conf_file();
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
+    write("vxsettings.conf", "");
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
+}
+
+TEST_F(SettingsFile, EachLineThatIsNotUnderstoodIsTracedWithItsNumber) {
+    const test::TraceFile trace(*app);
+    trace.home().write("config/vxsettings.conf",
+                       "# fine\nnonsense\nvxcHost=h\r\n" + std::string(2049, 'x') + "\nvxcPort=none\n");
+    EXPECT_EQ(read_conf_file(), 0);
+    for (const char* text : {"vxsettings.conf: line 2 is not understood, ignored: 'nonsense'",
+                             "vxsettings.conf: line 4 has more than 2048 characters, ignored",
+                             "Value 'none' of 'vxcPort' is not valid, ignored"})
+        EXPECT_TRUE(trace.says(text)) << text;
+    EXPECT_FALSE(trace.says("line 1 "));
+    EXPECT_FALSE(trace.says("line 3 "));
+}
+
+}  // namespace
+}  // namespace vx

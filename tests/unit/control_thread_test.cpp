@@ -1,0 +1,353 @@
+#include "commonlibc/control_thread.h"
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/by_name.h"
+#include "tests/support/link_fixture.h"
+
+namespace vx::test {
+namespace {
+
+const std::string kReply =
+    "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%1%2%10;ProtoVersion=1;"
+    "supportedProtocols=TCP:";
+const std::string kHeartbeat =
+    "vx_control_req:action=reconnect;heartBeat 1;dataConnState=1;AutosensorConnState=1;";
+
+// Lines and replies on the test's own thread.
+class ControlLines : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        lines.clear();
+        vxUpcalls.handleUploadDownload = [](char* line) { lines.emplace_back(line); };
+        app->collectors.supportedProtocolArray[0] = kProtocolTCP;
+        app->collectors.supportedProtocolArray[1] = kProtocolWS;
+        app->VXBCISetting.vxcPort = collector.port();
+        app->control.ActiveAgentProtocolIndex = kProtocolTCP;
+    }
+    ctrlBufInfo_t& info() { return app->control.ctrlBufInfo; }
+    // Bytes as a read leaves them; as many as fit.
+    std::size_t receive(const std::string& bytes) {
+        const auto room = static_cast<std::size_t>(kControlBufSize - info().writeOffset);
+        const std::size_t count = std::min(room, bytes.size());
+        std::memcpy(info().read_socket_buf + info().writeOffset, bytes.data(), count);
+        info().writeOffset += static_cast<std::int32_t>(count);
+        info().readBytes += static_cast<std::int32_t>(count);
+        info().read_socket_buf[info().writeOffset] = '\0';
+        return count;
+    }
+    void split(const std::string& bytes) {
+        for (std::size_t at = 0; at < bytes.size();) {
+            at += receive(bytes.substr(at));
+            processControlConnectionMessage(&info());
+        }
+    }
+    std::string reply(const std::string& more = "") const {
+        return kReply + std::to_string(collector.port()) + more + "\n";
+    }
+
+    inline static std::vector<std::string> lines;
+};
+
+const std::string kTwoLines = "download_file_req one\ndownload_file_req two\n";
+const std::vector<std::string> kBoth = {"download_file_req one", "download_file_req two"};
+
+TEST_F(ControlLines, AreTheSameAtEveryCut) {
+    for (std::size_t cut = 0; cut <= kTwoLines.size(); ++cut) {
+        lines.clear();
+        split(kTwoLines.substr(0, cut));
+        split(kTwoLines.substr(cut));
+        EXPECT_EQ(lines, kBoth) << "cut after " << cut;
+        EXPECT_EQ(info().readBytes + info().readOffset + info().writeOffset, 0);
+    }
+}
+
+TEST_F(ControlLines, ZeroBytesBetweenThemAreSkipped) {
+    split(std::string(3, '\0') + "download_file_req one\n" + std::string(2, '\0') +
+          "\ndownload_file_req two\n");
+    EXPECT_EQ(lines, kBoth);
+}
+
+TEST_F(ControlLines, OneThatFillsTheBufferIsPassedOverUpToItsEnd) {
+    const std::string longest = "download_file_req " + std::string(kControlBufSize - 19, 'x');
+    split(longest + "\n");
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].size(), longest.size());
+    lines.clear();
+    split(std::string(kControlBufSize * 2 + 7, 'y') + "\n" + kTwoLines);
+    EXPECT_EQ(lines, kBoth);
+}
+
+TEST_F(ControlLines, AHeartbeatThatCannotBeSentClosesTheConnection) {
+    connect();
+    app->control.heartBeatSent = 6;
+    send_control_conn_heartbeat_to_vxc();
+    EXPECT_EQ(peer.readLine(), "vx_control_req:action=reconnect;heartBeat 6;");
+    EXPECT_EQ(app->control.heartBeatSent, 7);
+    vxlb_shared_shutdown(app->control.controlSocket);
+    app->Server.testRunRunning = 1;
+    send_control_conn_heartbeat_to_vxc();
+    EXPECT_EQ(app->control.controlSocket.get(), nullptr);
+    EXPECT_EQ(app->Server.testRunRunning, 0);
+}
+
+struct ReplyRow {
+    const char* name;
+    const char* received;
+    int verdict;
+    bool open;          // the connection stands
+    bool replied;       // who registers from now on is told by the registration
+    const char* agent;  // line that the agent got first
+};
+const char* const kRefusedReply = "vx_ctrl_msg_rep:result=Error;";
+class ControlReply : public ControlLines, public testing::WithParamInterface<ReplyRow> {};
+
+TEST_P(ControlReply, IsJudgedAndPassedOn) {
+    connect();
+    receive(GetParam().received);
+    EXPECT_EQ(handle_vxc_con_res_msg(&info()), GetParam().verdict);
+    EXPECT_EQ(app->control.controlSocket.get() != nullptr, GetParam().open);
+    EXPECT_EQ(app->Server.replyReceived, GetParam().replied ? 1 : 0);
+    EXPECT_EQ(toAgent(0.05), GetParam().agent);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Buffers, ControlReply,
+    testing::ValuesIn<ReplyRow>({
+        {"refused", "vx_ctrl_msg_rep:result=Error;x=1\n", kReplyRefused, false, false,
+         "vx_ctrl_msg_rep:result=Error;x=1;procIndex=0"},
+        {"state_zero", "vx_ctrl_msg_rep:result=Ok;state=0;\n", kReplyRefused, false, false,
+         "vx_ctrl_msg_rep:result=Ok;state=0;;procIndex=0"},
+        {"no_protocol_named", "vx_ctrl_msg_rep:result=Ok;state=1;\n", kReplyChangeProtocol, false, false,
+         "vx_ctrl_msg_rep:result=Ok;state=1;;procIndex=0"},
+        {"another_protocol", "vx_ctrl_msg_rep:result=Ok;state=1;supportedProtocols=WS:1\n",
+         kReplyChangeProtocol, false, false,
+         "vx_ctrl_msg_rep:result=Ok;state=1;supportedProtocols=WS:1;procIndex=0"},
+        {"a_port_of_the_same_protocol", "vx_ctrl_msg_rep:result=Ok;state=1;supportedProtocols=TCP:1\n",
+         kReplyGoOn, true, true, "vx_ctrl_msg_rep:result=Ok;state=1;supportedProtocols=TCP:1;procIndex=0"},
+        {"no_reply", "hello\n", kReplyGoOn, false, false, "(none)"},
+        {"only_a_heartbeat",
+         "vx_control_req:action=reconnect;heartBeat 1;dataConnState=0;\nvx_ctrl_msg_rep:result=O", kReplyGoOn,
+         true, false, "vx_control_req:action=reconnect;heartBeat 1;dataConnState=0;"},
+        {"a_heartbeat_of_two_fields", "vx_control_req:action=reconnect;heartBeat\n", kReplyGoOn, false, false,
+         "vx_control_req:action=reconnect;heartBeat"},
+        {"an_error_of_the_sign_on_service", "zor_saas_auth_agent_msg_rep:status=ERROR;x\n", kReplyGoOn, false,
+         false, "(none)"},
+    }),
+    byName);
+
+TEST_F(ControlLines, AGoodReplyNumbersTheInstanceAndTellsEveryProcess) {
+    connect();
+    app->Server.bciDataRunning = app->Server.asDataRunning = 1;
+    const std::string line =
+        kReply + std::to_string(collector.port()) + ";procIndex=65539;" + std::string(700, 'x');
+    receive(line + "\n");
+    EXPECT_EQ(handle_vxc_con_res_msg(&info()), kReplyGoOn);
+    EXPECT_EQ(toAgent(), line + ";procIndex=0");
+    EXPECT_EQ(app->Server.replyReceived, 1);
+    EXPECT_EQ(app->Server.flowPathInstanceInitialID, std::int64_t{3 + 65536} << 46);
+    EXPECT_EQ(app->Server.bciDataRunning, 0);
+    EXPECT_EQ(app->Server.asDataRunning, 0);
+    control_connection_cleanup();
+    EXPECT_EQ(app->Server.replyReceived, 0);
+}
+
+TEST_F(ControlLines, AReplyBehindAHeartbeatIsTakenWhereverTheReadEnded) {
+    const std::string bytes = kHeartbeat + "\n" + reply() + kTwoLines;
+    for (std::size_t cut = kHeartbeat.size() + 1; cut <= bytes.size(); cut += 5) {
+        connect();
+        lines.clear();
+        controlSockBufReset(*app);
+        receive(bytes.substr(0, cut));
+        ASSERT_EQ(handle_vxc_con_res_msg(&info()), kReplyGoOn) << cut;
+        processControlConnectionMessage(&info());
+        split(bytes.substr(cut));
+        EXPECT_EQ(app->control.lateVerdict, 0);
+        EXPECT_EQ(app->Server.replyReceived, 1) << cut;
+        EXPECT_EQ(lines, kBoth);
+        EXPECT_EQ(toAgent(), kHeartbeat);  // once, though it stood in the first buffer
+        EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:result=Ok;"));
+        control_connection_cleanup();
+    }
+}
+
+TEST_F(ControlLines, ALateReplyThatIsRefusedStopsTheSplitter) {
+    connect();
+    split(kHeartbeat + "\n" + kRefusedReply + "\n" + kTwoLines);
+    EXPECT_EQ(app->control.lateVerdict, kReplyRefused);
+    EXPECT_TRUE(lines.empty());
+    EXPECT_EQ(app->control.controlSocket.get(), nullptr);
+}
+
+TEST_F(ControlLines, TheFirstReplyIsReceivedUpToItsNewline) {
+    connect();
+    peer.send("\n\nvx_ctrl_msg_rep:res");
+    std::thread rest([&] {
+        ::usleep(20000);
+        peer.send(reply().substr(19));
+    });
+    EXPECT_EQ(rec_control_con_rep_msg_from_vxc(&info()), kReplyGoOn);
+    rest.join();
+    EXPECT_EQ(app->Server.replyReceived, 1);
+}
+
+TEST_F(ControlLines, AReplyThatBreaksOffClosesTheConnection) {
+    connect();
+    peer.send("vx_ctrl_msg_rep:res");
+    peer.close();
+    EXPECT_EQ(rec_control_con_rep_msg_from_vxc(&info()), kReplyGoOn);
+    EXPECT_EQ(app->control.controlSocket.get(), nullptr);
+    EXPECT_EQ(info().readBytes, 0);
+    EXPECT_EQ(handle_msg_from_vxc(&info()), 1);  // the read loop finds no connection
+
+    connect();
+    vx_word_set(app->VXSys.fileReadTimeout, 1000);
+    EXPECT_EQ(rec_control_con_rep_msg_from_vxc(&info()), kReplyGoOn);
+    EXPECT_EQ(app->control.controlSocket.get(), nullptr);
+}
+
+// A control thread against a collector on loopback. Its settings come from a file.
+class ControlThread : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        writeSettings(collector.port());
+        app->control.pollTimeUs = 2000;
+        app->VXSys.dataConnState = 1;
+    }
+    void TearDown() override {
+        app->control.proxyStopRequested = 1;
+        vxlb_shared_shutdown(app->control.controlSocket);
+        vxJoinControlThread(*app);
+        EXPECT_EQ(app->control.controlThreadId, 0);
+        LinkFixture::TearDown();
+    }
+    void writeSettings(int port, const std::string& more = "") {
+        write("vxsettings.conf",
+              "vxcHost=127.0.0.1\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=TCP:" +
+                  std::to_string(port) + "\n" + more);
+    }
+    // Accepts a control connection, takes the connect line and answers it.
+    FakePeer acceptControl(const std::string& more = "") {
+        FakePeer control = collector.accept();
+        EXPECT_TRUE(control.readLine().starts_with("vx_ctrl_msg_req:appName="));
+        EXPECT_TRUE(control.send(kReply + std::to_string(collector.port()) + more + ";procIndex=5;\n"));
+        return control;
+    }
+    bool threadEnds() {
+        return eventually([&] { return app->control.controlThreadId == 0; });
+    }
+};
+
+TEST_F(ControlThread, ConnectsRunsLosesTheLinkAndComesBack) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    for (int connection = 0; connection < 3; ++connection) {
+        FakePeer control = acceptControl();
+        EXPECT_TRUE(toAgent().ends_with(";procIndex=5;;procIndex=0"));
+        control.send(kHeartbeat +
+                     "\nvx_control_req:action=start_instrumentation;bciDataBufferMaxCount=4;tierID=7;\n");
+        EXPECT_EQ(toAgent(), kHeartbeat);
+        FakePeer data = collector.accept();
+        EXPECT_EQ(control.readLine(),
+                  "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
+        EXPECT_TRUE(toAgent().starts_with("vx_control_req:action=start_instrumentation;"));
+        EXPECT_EQ(data.readLinesUpTo("99,").back(), "99,NewConnection,FPGVersion:1.0");
+        if (connection == 1) {
+            control.send("vx_control_req:action=stop_instrumentation;status=stopping;\n");
+            EXPECT_EQ(control.readLine(),
+                      "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;");
+            EXPECT_TRUE(toAgent().starts_with("vx_control_req:action=stop_instrumentation;"));
+            EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
+        }
+        control.close();
+        EXPECT_TRUE(data.ended());
+        EXPECT_EQ(app->control.retryInterval, 1000000);  // the reply's policy
+    }
+}
+
+TEST_F(ControlThread, ASilentCollectorGetsHeartbeatsAndIsThenLeft) {
+    writeSettings(collector.port(),
+                  "backupVxcHostName=127.0.0.1\nbackupVxcPort=" + std::to_string(collector.port()) + "\n");
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = acceptControl();
+    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 0;");
+    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 1;");
+    EXPECT_EQ(control.readLine(), kNoLine);  // two stayed unanswered: the policy's limit
+    EXPECT_TRUE(acceptControl());
+}
+
+TEST_F(ControlThread, SilenceBeyondTheThresholdEndsTheConnection) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = acceptControl();
+    EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:"));
+    vx_word_set(app->VXSys.vxcHeartBeatThreshold, 50);
+    EXPECT_TRUE(control.ended());
+    EXPECT_TRUE(acceptControl());
+}
+
+TEST_F(ControlThread, AnOrderToCloseEndsTheConnectionWithinASecond) {
+    app->control.pollTimeUs = 0;
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = acceptControl();
+    EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:"));
+    app->control.closeCtrlConFlag = 1;
+    EXPECT_TRUE(control.ended(2));
+    acceptControl();
+    EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:"));
+    app->control.proxyStopRequested = 1;
+    EXPECT_TRUE(threadEnds());
+    EXPECT_EQ(app->control.proxyStopRequested, 0);
+}
+
+TEST_F(ControlThread, ARefusedReplyLeadsToAnotherAttempt) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer refused = collector.accept();
+    refused.readLine();
+    refused.send("vx_ctrl_msg_rep:result=Error;\n");
+    EXPECT_TRUE(refused.ended());
+    FakePeer late = collector.accept();
+    late.readLine();
+    late.send(kHeartbeat + "\n");
+    late.send("vx_ctrl_msg_rep:result=Ok;status=RUNNING;state=0;\n");
+    EXPECT_TRUE(late.ended());
+    EXPECT_TRUE(acceptControl());
+}
+
+TEST_F(ControlThread, FailedAttemptsAreCountedAndAChangedFileIsRead) {
+    FakeCollector other;
+    const int gone = other.port();
+    other.stopListening();
+    writeSettings(gone);
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    ASSERT_TRUE(eventually([&] { return app->control.closeCtrlConFlag == 1; }));  // set by a failed attempt
+    writeSettings(collector.port(), "# changed\n");
+    EXPECT_TRUE(acceptControl());
+}
+
+TEST_F(ControlThread, WithoutSettingsItEndsAndMayBeStartedAgain) {
+    std::filesystem::remove(home() + "/config/vxsettings.conf");
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    EXPECT_TRUE(threadEnds());
+    writeSettings(collector.port());
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    EXPECT_TRUE(acceptControl());
+}
+
+TEST_F(ControlThread, SilentUDPAgentsEndTheLink) {
+    static std::atomic<int> freed;
+    freed = 0;
+    vxUpcalls.freeUDPConnections = [](vxApplication*) { ++freed; };
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = acceptControl();
+    app->identity.udpTimeoutFlag = 1;
+    EXPECT_TRUE(threadEnds());
+    EXPECT_TRUE(control.ended());
+    EXPECT_EQ(freed, 1);
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,192 @@
+#include "commonlibc/proxyServer/vx_proxy_read.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/by_name.h"
+#include "tests/support/proxy_fixture.h"
+
+namespace vx::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Reads of a registered process; the lines that reach the dispatcher are seen through thread dumps.
+class ReadTest : public ProxyFixture {
+protected:
+    void SetUp() override {
+        ProxyFixture::SetUp();
+        seen.clear();
+        vxUpcalls.sendThreadDataToVXC = [](char* text) { seen.push_back(text); };
+        agent = process(100);
+        decoder = &instance().decoder;
+    }
+    int readLines(Agent& from) {
+        return readMessageFromSocket(from.socket, VXProxy.controlBuf, &from.address);
+    }
+    int readRecords(Agent& from) {
+        vxSetCurrent(&instance());
+        return readDataFromSocket(from.socket, VXProxy.dataBuf, 1, 0);
+    }
+    Agent further(int type) {
+        Agent more = connect();
+        registerAgent(more, type, dataFields(100));
+        return more;
+    }
+    std::string carried() const {
+        return std::string(decoder->partialBuffer, static_cast<std::size_t>(decoder->partialLength));
+    }
+    // Both links to the collector stand.
+    void linkUp() {
+        link = connect();
+        instance().control.lws_active = 0;
+        instance().control.controlSocket.socket = link.socket;
+        instance().data.dataSocket.socket = link.socket;
+    }
+    void carry(const std::string& bytes) {
+        bytes.copy(decoder->partialBuffer, bytes.size());
+        decoder->partialLength = static_cast<std::int32_t>(bytes.size());
+    }
+
+    inline static Lines seen;
+    Agent agent, link;
+    VXDecoderState_t* decoder = nullptr;
+};
+
+struct SplitCase {
+    const char* name;
+    std::string sent;
+    Lines lines;
+    int result;
+};
+class LineSplitter : public ReadTest, public testing::WithParamInterface<SplitCase> {};
+
+TEST_P(LineSplitter, HandsOverWholeLines) {
+    agent.peer.send(GetParam().sent);
+    EXPECT_EQ(readLines(agent), GetParam().result);
+    EXPECT_EQ(seen, GetParam().lines);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Reads, LineSplitter,
+    testing::ValuesIn<SplitCase>({
+        {"one", "thread_dump:a\n", {"a"}, kReadDone},
+        {"two_in_order", "thread_dump:a\nthread_dump:b\n", {"a", "b"}, kReadDone},
+        {"keep_alives_are_passed_over", "\n\nthread_dump:a\n\n", {"a"}, kReadDone},
+        {"each_dollar_is_a_newline", "thread_dump:a$b$\n", {"a\nb\n"}, kReadDone},
+        {"a_cut_line_is_lost", "thread_dump:a\nthread_du", {"a"}, kReadDone},
+        {"a_read_without_newline_closes", "thread_dump:a", {}, kReadClosed},
+        {"a_registration_of_a_known_connection_is_a_log_line", "vx_ctrl_msg_req:pid=7\n", {}, kReadDone},
+        {"unknown_requests_do_no_harm",
+         "vx_control_req:action=send_file;keyword=a;\nvx_control_req:action=send_instrumentation_profile;\n"
+         "auto_sensor_GCDump:\nvx_ctrl_msg_rep:result\n",
+         {},
+         kReadDone},
+    }),
+    byName);
+
+TEST_F(ReadTest, NothingThereIsNoEnd) {
+    EXPECT_EQ(readLines(agent), kReadNothing);
+    agent.peer.close();
+    EXPECT_EQ(readLines(agent), kReadClosed);
+}
+
+TEST_F(ReadTest, TheLongestLineHas131071BytesWithItsNewline) {
+    const int room = 4 * kReadBufSize;
+    ::setsockopt(agent.peer.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    const std::string prefix = "thread_dump:";
+    const std::string longest(static_cast<std::size_t>(kReadBufSize) - 2 - prefix.size(), 'x');
+    ASSERT_TRUE(agent.peer.send(prefix + longest + "\n"));
+    EXPECT_EQ(readLines(agent), kReadDone);
+    EXPECT_EQ(seen, Lines{longest});
+    ASSERT_TRUE(agent.peer.send(prefix + longest + "x\n"));
+    EXPECT_EQ(readLines(agent), kReadClosed);
+}
+
+TEST_F(ReadTest, AGarbageDumpGoesOutWithItsNewline) {
+    static std::string sent;
+    vxUpcalls.dumpAndSendDataToVXC = [](const char* data, std::int32_t length) {
+        sent.assign(data, static_cast<std::size_t>(length));
+        return true;
+    };
+    agent.peer.send("auto_sensor_GCDump:heap=5\n");
+    readLines(agent);
+    EXPECT_EQ(sent, "heap=5\n");
+}
+
+TEST_F(ReadTest, FileRequestsNameTheFile) {
+    static std::vector<std::pair<std::string, int>> asked;
+    vxUpcalls.statAndSendFileContent = [](char* name, epollPtr_t*, int isProfile) {
+        asked.push_back({name, isProfile});
+    };
+    agent.peer.send(
+        "vx_control_req:action=send_file;keyword=BTRuleFile;size=1;\n"
+        "vx_control_req:action=send_instrumentation_profile;instrProfile=a\\b;c\n");
+    readLines(agent);
+    EXPECT_EQ(asked, (std::vector<std::pair<std::string, int>>{{"BTRuleFile", 0}, {"a\\b;c", 1}}));
+}
+
+TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegisters) {
+    Agent data = connect();
+    vxSetCurrent(app);
+    data.peer.send("vx_data_msg_req:" + dataFields(100) + "\n^\x0c");
+    EXPECT_EQ(readLines(data), kReadDone);
+    EXPECT_EQ(carried(), "^\x0c") << "the decoder of that instance got them";
+}
+
+TEST_F(ReadTest, RecordsBehindARefusedLineAreNotDecoded) {
+    Agent data = connect();
+    data.peer.send("vx_data_msg_req:" + dataFields(999) + "\n^\x0c\nvx_ctrl_msg_req:pid=1\n");
+    EXPECT_EQ(readLines(data), kReadDone);
+    EXPECT_TRUE(data.refused());
+    EXPECT_EQ(carried(), "");
+    EXPECT_EQ(VXProxy.numInstance, 2) << "nothing more registers over a closed connection";
+}
+
+TEST_F(ReadTest, ADiscoveryConnectionMayCutItsLinesAnywhere) {
+    const std::string text = "thread_dump:first\nthread_dump:second\n";
+    for (std::size_t cut = 1; cut < text.size(); ++cut) {
+        Agent discovery = further(kConTypeDiscovery);
+        seen.clear();
+        discovery.peer.send(text.substr(0, cut));
+        EXPECT_EQ(readLines(discovery), kReadDone);
+        EXPECT_EQ(readLines(discovery), kReadNothing) << "an event is one read";
+        discovery.peer.send(text.substr(cut));
+        EXPECT_EQ(readLines(discovery), kReadDone);
+        EXPECT_EQ(seen, (Lines{"first", "second"})) << "cut at " << cut;
+    }
+}
+
+TEST_F(ReadTest, WhatTheDecoderKeptStandsInFrontOfTheNextRead) {
+    Agent data = further(kConTypeData);
+    linkUp();
+    carry("^\x0c");
+    data.peer.send(std::string("\0\0\0", 3));
+    EXPECT_EQ(readRecords(data), kReadDone);
+    EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5));
+    EXPECT_EQ(readRecords(data), kReadNothing);
+    EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5)) << "a read of nothing leaves it";
+    data.peer.close();
+    EXPECT_EQ(readRecords(data), kReadClosed);
+    EXPECT_EQ(carried(), "");
+}
+
+TEST_F(ReadTest, DataIsTakenAndRefusedWhileNoCollectorTakesIt) {
+    Agent data = further(kConTypeData);
+    instance().control.lws_active = 0;
+    link = connect();
+    instance().data.dataSocket.socket = link.socket;
+    carry("^");
+    data.peer.send("^\x0c");
+    EXPECT_EQ(readRecords(data), kReadClosed) << "the control link is missing";
+    EXPECT_EQ(carried(), "");
+    instance().data.dataSocket.socket = nullptr;
+    instance().control.controlSocket.socket = link.socket;
+    data.peer.send("^\x0c");
+    EXPECT_EQ(readRecords(data), kReadClosed) << "the data link is missing";
+    EXPECT_EQ(readRecords(data), kReadNothing) << "the bytes were consumed";
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,112 @@
+#include "tools/collector/collector_records.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/by_name.h"
+#include "tools/collector/collector_protocol.h"
+
+namespace vx::collector {
+namespace {
+
+struct ItemCase {
+    const char* name;
+    const char* blob;
+    BlobItem::Kind kind;
+    std::int64_t methodId, ms;
+    const char* rest;
+};
+class TakeBlobItem : public testing::TestWithParam<ItemCase> {};
+
+TEST_P(TakeBlobItem, ReadsOneItemAndLeavesTheRest) {
+    std::string_view blob = GetParam().blob;
+    BlobItem item{};
+    ASSERT_TRUE(takeBlobItem(blob, item));
+    EXPECT_EQ(item.kind, GetParam().kind);
+    EXPECT_EQ(item.methodId, GetParam().methodId);
+    EXPECT_EQ(item.ms, GetParam().ms);
+    EXPECT_EQ(blob, GetParam().rest);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, TakeBlobItem,
+    testing::ValuesIn<ItemCase>({
+        {"entry", "5:77_0_12__9:1_0_1__", BlobItem::Kind::kEntry, 5, 12, "9:1_0_1__"},
+        {"entry_with_url", "5:77:1:/a_b?x=1,2_0_12__9:1_0_1__", BlobItem::Kind::kEntry, 5, 12, "9:1_0_1__"},
+        {"exit_without_cpu", "5:77_1_30____9:1_0_1__", BlobItem::Kind::kExit, 5, 30, "9:1_0_1__"},
+        {"exit_with_cpu", "5:77_1_30_4___9:1_0_1__", BlobItem::Kind::kExit, 5, 30, "9:1_0_1__"},
+        {"exit_with_sequence", "5:77_1:8_30_4___", BlobItem::Kind::kExit, 5, 30, ""},
+        {"callout", "T4:7:1.500:1:-:3::::200_5:1_1_2____", BlobItem::Kind::kCallout, 0, 0, "5:1_1_2____"},
+        {"exception", "e12_5:1_1_2____", BlobItem::Kind::kException, 0, 0, "5:1_1_2____"},
+    }),
+    vx::test::byName);
+
+TEST(TakeBlobItemCuts, NeverReadsAnItemOutOfACutOneItCannotFinish) {
+    const std::string whole = "5:77_1_30_4___";
+    for (std::size_t n = 0; n < whole.size(); ++n) {
+        std::string_view cut = std::string_view(whole).substr(0, n);
+        BlobItem item{};
+        EXPECT_TRUE(!takeBlobItem(cut, item) || item.methodId == 5) << n;
+    }
+}
+
+class TakeRecord : public testing::Test {
+protected:
+    void take(const char* line) { takeRecord(line, names, summary); }
+    InstanceNames names;
+    Summary summary;
+};
+
+TEST_F(TakeRecord, AddsTransactionsUpByTheNamesOfTheStream) {
+    take("99,NewConnection,FPGVersion:1.0");
+    take("7,2,/shop,cart");
+    take("5,a.b(c,d),7");
+    take("2,100,1,5,5.1,2,/shop/cart,,0,0,0,,0,-1,,,,5");
+    take("4,100,200,10,0,40,2,0,,0,7:5_0_1__7:5_1_30____");
+    take("4,101F,500,13,0,60,2,0,,0,");
+    take("");
+    const BtRow& row = summary.bts.at("/shop,cart");
+    EXPECT_EQ(row.count, 2u);
+    EXPECT_EQ(row.normal, 1u);
+    EXPECT_EQ(row.error, 1u);
+    EXPECT_EQ(row.totalMs, 100);
+    EXPECT_EQ(row.minMs, 40);
+    EXPECT_EQ(row.maxMs, 60);
+    EXPECT_EQ(summary.methods.at("a.b(c,d)").exits, 1u);
+    EXPECT_EQ(summary.methods.at("a.b(c,d)").totalMs, 30);
+    EXPECT_EQ(summary.unreadable, 0u);
+}
+
+TEST_F(TakeRecord, ReadsTheBlobBehindATagId) {
+    take("4,100,200,10,0,40,2,0,,0,-1,7:5:1:/u,v_0_1__7:5_1_30____");
+    EXPECT_EQ(summary.methods.at("method 7").exits, 1u);
+    EXPECT_EQ(summary.methods.at("method 7").entries, 1u);
+}
+
+TEST_F(TakeRecord, LeavesOutWhatTheSenderTookBack) {
+    take("4,100,-99,10,0,40,2,0,,0,");
+    EXPECT_EQ(summary.transactions, 0u);
+    EXPECT_EQ(summary.bts.at("BT 2").discarded, 1u);
+}
+
+TEST_F(TakeRecord, CountsLinesThatAreNoRecordAndGoesOn) {
+    for (const char* line :
+         {"x", "4,1", "4,a,200,10,0,1,2,0,,0,", "7,x,y", "5,name", "99999999999999999999,"})
+        take(line);
+    EXPECT_EQ(summary.unreadable, 6u);
+    EXPECT_EQ(summary.records, 0u);
+}
+
+TEST(CollectorProtocol, ReplyNamesThePolicyWithinFiveFieldsAndTheAgentsOwnPorts) {
+    Options options;
+    const std::string line =
+        "vx_ctrl_msg_req:appName=a;vxAppServerHost=s;tierName=t_1;agentName=g;supportedProtocols=TCP:7000,"
+        "WSS:443; ";
+    EXPECT_EQ(connectReply(line, options, 3),
+              "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%5%10%60;ProtoVersion=1;"
+              "supportedProtocols=TCP:7000,WSS:443;procIndex=3\n");
+    EXPECT_EQ(identityOf(line).text(), "t_1/s/a/g");
+    EXPECT_EQ(kindOf("vx_data_msg_req:x"), StreamKind::kData);
+}
+
+}  // namespace
+}  // namespace vx::collector

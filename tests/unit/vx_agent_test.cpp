@@ -1,0 +1,100 @@
+#include "commonlibc/vx_agent.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "commonlibc/vx_upcalls.h"
+#include "tests/support/home_fixture.h"
+
+namespace vx::test {
+namespace {
+
+// Calls upward that no unit serves yet; a unit that is added takes its names off this list.
+const std::set<std::string> kStillEmpty = {
+    "ASNioInit",
+    "HandleVexalineMessage",
+    "SendMessageOnUDPSocket",
+    "VXExceptionMonitorInit",
+    "VXThreadMonitorInit",
+    "addMethodInHash",
+    "check_captureAppLog_thread",
+    "createVectorPrefixException",
+    "create_autoSensor_thread",
+    "create_lws_control_connection",
+    "create_lws_data_connection",
+    "dbMethodEntry",
+    "digestAddBackend",
+    "digestAddBt",
+    "dropResetQueueOfInstance",
+    "dumpAndSendDataToVXC",
+    "dumpRecord91",
+    "forwardDiscoveryLine",
+    "freeTagHashLists",
+    "freeUDPConnections",
+    "getBTHeader",
+    "handleDiscoveryRequest",
+    "handleExceptionParameters",
+    "handleMetaDataRequest",
+    "handleThreadDumpRequest",
+    "handleUploadDownload",
+    "initVXDynamicSettings",
+    "initVXHttpReqRespCaptureSettings",
+    "kill_lws_data_connection",
+    "makeInstrProfTableFree",
+    "openDiscovery",
+    "parseAutoInstrClientMsgAndSendResp",
+    "parseDDClientMsgAndSendResp",
+    "parseReRouteMessage",
+    "parse_global_tags",
+    "processThreadOps",
+    "proxy_udp_handler",
+    "rec_control_con_response_lws",
+    "resetAppLogSettings",
+    "resolveTransactionTag",
+    "searchUrlMachine",
+    "sendHttpHdrRep",
+    "sendHttpHdrReq",
+    "sendThreadDataToVXC",
+    "send_control_data_via_lws_socket",
+    "send_data_via_lws_socket",
+    "setFileBasedKeywd",
+    "setInstProfile",
+    "setToStopThread",
+    "startMemoryWatch",
+    "start_control_connection_service",
+    "statAndSendFileContent",
+    "updateMethodInHash",
+    "vxMethodExitException",
+    "vxProxyInitLws",
+    "vx_check_log_file",
+    "vxbt_execute_custom_rule",
+    "vxbt_read_rule_file",
+    "vxbt_read_threshold_file",
+};
+
+TEST(Upcalls, WhatIsStillEmptyIsWrittenDown) {
+    vxFillUpcalls();
+    std::set<std::string> empty;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(VXUpcallName::kCount); ++i) {
+        const auto name = static_cast<VXUpcallName>(i);
+        if (vxUpcallEmpty(name)) empty.insert(vxUpcallText(name));
+    }
+    EXPECT_EQ(empty, kStillEmpty);
+    vxUpcalls = VXUpcalls{};
+}
+
+class InstanceDefaults : public HomeFixture {};
+
+TEST_F(InstanceDefaults, MarkTheContextAndSetWhatEveryInstanceStartsWith) {
+    initializeVXApplicationGlobal();
+    EXPECT_EQ(app->identity.isProxyInstance, 1);
+    EXPECT_EQ(app->VXSys.ASDataBufferSize, 262144);
+    EXPECT_EQ(app->bt.allSlowThreshold, 3000);
+    EXPECT_EQ(app->bt.allVerySlowThreshold, 5000);
+    EXPECT_EQ(app->control.retryInterval, 60000000);
+}
+
+}  // namespace
+}  // namespace vx::test

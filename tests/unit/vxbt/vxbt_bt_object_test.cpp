@@ -1,0 +1,192 @@
+#include "commonlibc/vxbt/vxbt_bt_object.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/bt/VXBTMonitor.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/knowledge_fixture.h"
+
+namespace vx::test {
+namespace {
+
+class BtObject : public KnowledgeFixture {
+protected:
+    BTObject* declare(const char* name, std::int32_t id, std::int32_t slow = 100,
+                      std::int32_t verySlow = 200) {
+        BTObject* object = find_bt_obj_in_config_map(name, id, slow, verySlow, -1, -1);
+        checkAndIncrementAggrBTDataArray(object);
+        return object;
+    }
+    BTObject* inManager(const char* name) { return find_bt_obj_in_manager_map(name); }
+    BTObject* inConfig(const char* name) {
+        return static_cast<BTObject*>(search_hashmap(name, app->bt.configMap));
+    }
+    void connect() {
+        app->Server.instrumentationStarted = 1;
+        app->data.data_thread_running = 1;
+    }
+};
+
+TEST_F(BtObject, NewNamesTakeTheIdsFromTwoAndAreAnnouncedOnce) {
+    EXPECT_EQ(btOf("/a")->btId, 2);
+    EXPECT_EQ(btOf("/b")->btId, 3);
+    EXPECT_EQ(btOf("/a"), inManager("/a"));
+    EXPECT_EQ(btOf("/a")->slowThreshold, 3000);
+    EXPECT_EQ(btOf("/a")->verySlowThreshold, 5000);
+    EXPECT_EQ(dumpedText(*app), "7,2,/a\n7,3,/b\n");
+    EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 3)->btObj, inManager("/b"));
+}
+
+TEST_F(BtObject, NamesBeyondTheCeilingAreOthers) {
+    setMaxBTCount(3);
+    btOf("/a");
+    btOf("/b");
+    char name[kBtNameBufferSize] = "/c";
+    BTObject* others = updateBTObject(name);
+    EXPECT_STREQ(name, "Others");
+    EXPECT_EQ(others->btId, kBtIdOthers);
+    EXPECT_EQ(btOf("/d"), others);
+    EXPECT_EQ(app->bt.total_bt_count, 3);
+    EXPECT_EQ(dumpedText(*app), "7,2,/a\n7,3,/b\n7,1,Others\n");
+    EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, kBtIdOthers)->btObj, others);
+}
+
+TEST_F(BtObject, OthersAnEmptyNameAndADeclaredIdTakeNoneOfTheIdsOfNewNames) {
+    char empty[8] = "";
+    EXPECT_EQ(updateBTObject(empty), nullptr);
+    EXPECT_EQ(updateBTObject(nullptr), nullptr);
+    EXPECT_EQ(btOf("Others")->btId, kBtIdOthers);
+    EXPECT_EQ(app->bt.total_bt_count, 1);
+    declare("declared", 3);
+    EXPECT_EQ(btOf("/a")->btId, 4);
+    EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 3)->btObj, inManager("declared"));
+}
+
+TEST_F(BtObject, ALongNameCountsWithItsFirst256CharactersAndLeavesOneLine) {
+    const std::string name = "a\r\n" + std::string(300, 'x');
+    BTObject* object = btOf(name);
+    EXPECT_EQ(std::string(object->btName), name.substr(0, 256));
+    EXPECT_EQ(btOf(name), object);
+    EXPECT_EQ(dumpedText(*app), "7,2,a  " + std::string(253, 'x') + "\n") << "one line";
+}
+
+TEST_F(BtObject, ANewConnectionAndARuleChangeAnnounceAgain) {
+    BTObject* object = btOf("/a");
+    {
+        VXGuard guard(app->bt.btMapMutex);
+        reset_BTObjMap(1);
+    }
+    clearDumped(*app);
+    btOf("/a");
+    EXPECT_EQ(dumpedText(*app), "7,2,/a\n");
+
+    clearBtMetaDataFlags();
+    EXPECT_EQ(object->isStale, 1U);
+    clearDumped(*app);
+    btOf("/a");
+    EXPECT_EQ(dumpedText(*app), "7,2,/a\n");
+}
+
+TEST_F(BtObject, ADeclaredIdDecidesWhichMapsHoldTheObject) {
+    BTObject* undeclared = declare("none", -1);
+    EXPECT_FALSE(inConfig("none") || inManager("none"));
+    VXLB_FREE(undeclared, "BTObject", -1);
+
+    declare("zero", 0);
+    EXPECT_TRUE(inConfig("zero") && !inManager("zero"));
+    BTObject* declared = declare("nine", 9);
+    EXPECT_TRUE(inConfig("nine") == declared && inManager("nine") == declared);
+    EXPECT_EQ(btOf("nine"), declared);
+}
+
+TEST_F(BtObject, ADeclaredObjectChangesOnlyWhileConnected) {
+    BTObject* object = declare("nine", 9, 100, 200);
+    declare("nine", -1, 1, 2);
+    EXPECT_EQ(object->slowThreshold, 100);
+
+    connect();
+    declare("nine", -1, 1, 2);
+    EXPECT_EQ(object->slowThreshold, 1);
+    EXPECT_EQ(object->verySlowThreshold, 2);
+    EXPECT_EQ(app->bt.allSlowThreshold, 1);
+    EXPECT_EQ(object->btId, 9) << "a negative id declares nothing";
+}
+
+TEST_F(BtObject, APatternRuleThatComesWhileConnectedIsAnnounced) {
+    connect();
+    app->bt.applicableRule = kPatternRule;
+    declare("nine", 9);
+    declare("nine", 9);
+    declare("nine", 10);
+    app->Server.runtimeChange = 1;
+    declare("nine", 11);
+    EXPECT_EQ(dumpedText(*app), "7,9,nine\n7,10,nine\n");
+}
+
+TEST_F(BtObject, DiagnosticsAreArmedOnAKnownBtWhenItIsMetAgain) {
+    const FakeClock clock(1700000000999);
+    const BTObject* object = btOf("/a");
+    EXPECT_EQ(btOf("/a")->ddActive, 0);
+    app->bt.ddState = 1;
+    app->bt.ddDuration = 60;
+    btOf("/a");
+    EXPECT_EQ(object->ddStartTime, 1700000000);
+    EXPECT_EQ(object->ddEndTime, 1700000060);
+    EXPECT_TRUE(object->ddDuration == 60 && object->ddActive == 1);
+}
+
+TEST_F(BtObject, FlagsOfASlotAreClearedOnlyWhenItsObjectChanges) {
+    BTObject* object = btOf("/a");
+    VXBTMonitorDataCounters* slot = vxAggSlot(app->bt.aggDataArr, 2);
+    slot->isDirty = slot->tagSent = 1;
+    checkAndIncrementAggrBTDataArray(object);
+    EXPECT_TRUE(slot->isDirty && slot->tagSent);
+    declare("/b", 2);
+    EXPECT_FALSE(slot->isDirty || slot->tagSent);
+}
+
+TEST_F(BtObject, TheSameNameOnManyThreadsIsOneObject) {
+    std::vector<BTObject*> found(4);
+    std::vector<std::thread> threads;
+    for (BTObject*& object : found)
+        threads.emplace_back([this, &object] {
+            vxSetCurrent(app);
+            for (int i = 0; i < 50; ++i) object = btOf("/" + std::to_string(i));
+        });
+    for (std::thread& thread : threads) thread.join();
+    for (BTObject* object : found) EXPECT_EQ(object, found.front());
+    EXPECT_EQ(app->bt.total_bt_count, 51);
+    EXPECT_EQ(dumpedRecords(*app).size(), 50U);
+}
+
+TEST_F(BtObject, ABadCeilingKeepsTheFormerOne) {
+    parseMaxBTCount("17");
+    for (const char* text : {"0", "abc", "-4", ""}) parseMaxBTCount(text);
+    EXPECT_EQ(app->bt.max_bt_count, 17);
+    EXPECT_EQ(app->bt.maxBTCount, 17);
+    parseMaxBTCount("99999999999");
+    EXPECT_EQ(app->bt.max_bt_count, 2147483647);
+}
+
+TEST_F(BtObject, ASecondSetUpKeepsTheStoreAndNumbersTheDefaultTagsAgain) {
+    BTObject* object = btOf("/a");
+    setMaxBTCount(99);
+    freeTagStructures();
+    VXBTConfigModelInit();
+    EXPECT_EQ(btOf("/a"), object);
+    EXPECT_EQ(app->bt.total_bt_count, 2);
+    EXPECT_EQ(app->bt.max_bt_count, 99);
+    std::int32_t next = 0;
+    for (const char* name : {"Host=localhost", "OS=Linux", "application=Common", "Technology=Php"}) {
+        const auto* tag = static_cast<VXTagSequence*>(search_hashmap(name, app->bt.tagSequenceMap));
+        ASSERT_NE(tag, nullptr);
+        EXPECT_EQ(tag->sequence, next++);
+    }
+}
+
+}  // namespace
+}  // namespace vx::test

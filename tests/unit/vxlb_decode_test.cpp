@@ -1,0 +1,196 @@
+#include "commonlibc/vxlb_decode.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/flowpath/VXPerThreadData.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem_pool.h"
+#include "tests/support/app_fixture.h"
+#include "tests/support/by_name.h"
+#include "tests/support/record_stream.h"
+
+namespace vx {
+namespace {
+
+using namespace test;
+using Names = std::vector<std::string>;
+
+Names accepted;  // method names of the records that came through
+
+void rememberThrown(vxTD*, const char* methodName, std::int64_t, std::int32_t, const char*, std::int64_t,
+                    std::int64_t, std::int32_t, std::int64_t) {
+    accepted.emplace_back(methodName ? methodName : "(none)");
+}
+
+// One flowpath, 77, whose exits by exception are remembered.
+class DecodeStream : public AppFixture {
+protected:
+    void SetUp() override {
+        AppFixture::SetUp();
+        app->flowpath.fpi_tls_map = create_hashmap(app->pool);
+        app->Server.testRunRunning = 1;
+        vxFileSlot(get_free_tls_slot(), "77");
+        vxUpcalls.vxMethodExitException = rememberThrown;
+        accepted.clear();
+    }
+    void TearDown() override {
+        vxUpcalls.vxMethodExitException = nullptr;
+        vxDropBusyList();
+        vxFreeSlotPools(*app);
+        AppFixture::TearDown();
+    }
+    std::string carried() const {
+        return {app->decoder.partialBuffer, static_cast<std::size_t>(app->decoder.partialLength)};
+    }
+};
+
+const std::string kGood = thrownFrame(77, "good");
+const std::string kOther = thrownFrame(77, "other");
+
+std::string withoutEndMark(std::string frame) {
+    frame.back() = 'x';
+    return frame;
+}
+std::string firstOf(const std::string& bytes, std::size_t count) {
+    return bytes.substr(0, count);
+}
+
+struct Case {
+    const char* name;
+    std::string read;
+    Names records;
+    std::string carried;
+};
+class DecodeRead : public DecodeStream, public testing::WithParamInterface<Case> {};
+
+TEST_P(DecodeRead, BringsRecordsAndCarriesTheRest) {
+    readBytes(*app, GetParam().read);
+    EXPECT_EQ(accepted, GetParam().records);
+    EXPECT_EQ(carried(), GetParam().carried);
+}
+
+const Names kNone, kOneGood{"good"}, kBoth{"good", "other"};
+
+INSTANTIATE_TEST_SUITE_P(TakesWholeRecords, DecodeRead,
+                         testing::ValuesIn<Case>({
+                             {"two_behind_each_other", kGood + kOther, kBoth, ""},
+                             {"only_newlines", "\n\n\n\n", kNone, ""},
+                             {"behind_a_keep_alive", "10,\n" + kGood, kOneGood, ""},
+                             {"behind_noise", "noise 10,10," + kGood + "!" + kOther, kBoth, ""},
+                             {"an_unfinished_keep_alive_is_noise", "10," + kGood, kOneGood, ""},
+                         }),
+                         byName);
+
+INSTANTIATE_TEST_SUITE_P(
+    SkipsCorruptFrames, DecodeRead,
+    testing::ValuesIn<Case>({
+        // A wrong header length costs exactly two bytes, so that the next mark is found.
+        {"header_length_13", "^\x0d" + kGood, kOneGood, ""},
+        {"header_length_13_in_full", rawFrame(13, 20, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total_length_9", rawFrame(12, 9, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total_length_negative", rawFrame(12, INT32_MIN, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total_length_10_ends_in_its_type", rawFrame(12, 10, 10, "") + "." + kGood, kOneGood, ""},
+        {"total_length_14_has_no_body", firstOf(rawFrame(12, 14, 7, ""), 13) + "\n." + kGood, kOneGood, ""},
+        {"no_end_mark", withoutEndMark(kGood) + kOther, {"other"}, ""},
+        {"type_8", rawFrame(12, 20, 8, "abcde\n") + kGood, kOneGood, ""},
+        {"type_below_0", rawFrame(12, 20, -1, "abcde\n") + kGood, kOneGood, ""},
+    }),
+    byName);
+
+// A corrupt frame takes 15 bytes and counts 14: what is claimed beyond the end is neither read nor kept.
+INSTANTIATE_TEST_SUITE_P(
+    StaysInsideItsBytes, DecodeRead,
+    testing::ValuesIn<Case>({
+        {"corrupt_frame_is_all", rawFrame(12, 15, 7, "x"), kNone, ""},
+        {"corrupt_frame_of_14_bytes", rawFrame(12, 10, 10, ""), kNone, ""},
+        {"a_mark_follows", rawFrame(12, 15, 7, "x") + "^", kNone, "^"},
+        {"13_bytes_follow", rawFrame(12, 15, 7, "x") + firstOf(kGood, 13), kNone, firstOf(kGood, 13)},
+        {"all_but_one_byte_follows", rawFrame(12, 15, 7, "x") + firstOf(kGood, kGood.size() - 1), kNone,
+         firstOf(kGood, kGood.size() - 1)},
+        {"total_length_at_its_maximum", rawFrame(12, INT32_MAX, 7, "a\n"), kNone,
+         rawFrame(12, INT32_MAX, 7, "a\n")},
+    }),
+    byName);
+
+// The stream of every kind of thing that a connection carries, cut in two at every byte.
+TEST_F(DecodeStream, GivesTheSameRecordsWhereverItIsCut) {
+    const std::string stream =
+        "\n10,\n" + kGood + "noise" + kOther + "^\x0d" + withoutEndMark(kOther) + "\n\n" + kGood + "10,\n";
+    readBytes(*app, stream);
+    const Names whole = accepted;
+    EXPECT_EQ(whole, (Names{"good", "other", "good"}));
+    for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+        accepted.clear();
+        readBytes(*app, firstOf(stream, cut));
+        readBytes(*app, stream.substr(cut));
+        EXPECT_EQ(accepted, whole) << "cut after " << cut;
+        EXPECT_EQ(carried(), "") << "cut after " << cut;
+    }
+    accepted.clear();
+    for (const char byte : stream) readBytes(*app, std::string(1, byte));
+    EXPECT_EQ(accepted, whole);
+}
+
+TEST_F(DecodeStream, ClearsTheCarryOverWhenThereIsNothingToRead) {
+    for (const std::int32_t count : {0, -1, INT32_MIN}) {
+        readBytes(*app, "^");
+        ASSERT_EQ(carried(), "^");
+        decodeMessage("^^", count, 0, 0, nullptr);
+        EXPECT_EQ(carried(), "") << count;
+    }
+    readBytes(*app, "^");
+    decodeMessage(nullptr, 5, 0, 0, nullptr);
+    EXPECT_EQ(carried(), "");
+}
+
+TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
+    const std::string longName(20000, 'n');
+    const std::string record = thrownFrame(77, longName.c_str());
+    readBytes(*app, firstOf(record, 10239));
+    EXPECT_EQ(carried(), firstOf(record, 10239));
+    readBytes(*app, record.substr(10239));
+    EXPECT_EQ(accepted, Names{longName});
+
+    readBytes(*app, firstOf(record, 10240));
+    EXPECT_EQ(carried(), "");
+    readBytes(*app, record.substr(10240) + kGood);  // the rest is noise
+    EXPECT_EQ(accepted, (Names{longName, "good"}));
+}
+
+TEST_F(DecodeStream, TakesOneRecordOfADatagramAndLeavesTheCarryOver) {
+    readBytes(*app, "^");
+    vxFileSlot(get_free_tls_slot(), "request-1");
+    const std::string datagram = "\n" + kGood + kOther;
+    decodeMessage(datagram.data(), static_cast<std::int32_t>(datagram.size()), 0, 1, "request-1");
+    EXPECT_EQ(accepted, kOneGood);
+    decodeMessage(kGood.data(), 20, 0, 1, "request-1");
+    EXPECT_EQ(carried(), "^");
+    decodeMessage(kGood.data(), static_cast<std::int32_t>(kGood.size()), 0, 1, "request-2");
+    decodeMessage(kGood.data(), static_cast<std::int32_t>(kGood.size()), 0, 1, nullptr);
+    EXPECT_EQ(accepted, kOneGood);
+}
+
+TEST_F(DecodeStream, ClearsTheFirstWordOfTheSender) {
+    processInfo_t records[2]{};
+    processInfo_t* table[2] = {&records[0], &records[1]};
+    app->identity.processInfo = table;
+    app->identity.numProcess = 2;
+    records[0].firstWord = records[1].firstWord = 5;
+    readBytes(*app, "\nnoise", 1);
+    EXPECT_EQ(records[1].firstWord, 5U);
+    readBytes(*app, kGood, 1);
+    EXPECT_EQ(records[1].firstWord, 0U);
+    EXPECT_EQ(records[0].firstWord, 5U);
+    readBytes(*app, kGood, 2);  // no such process
+    readBytes(*app, kGood, -1);
+    EXPECT_EQ(records[0].firstWord, 5U);
+    app->identity.processInfo = nullptr;
+}
+
+}  // namespace
+}  // namespace vx

@@ -1,0 +1,91 @@
+#include "commonlibc/vxlb_hashMapMethod.h"
+
+#include <apr_general.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace vx {
+namespace {
+
+class Map : public testing::Test {
+protected:
+    void SetUp() override {
+        apr_initialize();
+        map = create_hashmap(nullptr);
+    }
+    void TearDown() override {
+        destroy_hashmap(map);
+        apr_terminate();
+    }
+
+    VXMap* map = nullptr;
+    int one = 1, two = 2;
+};
+
+TEST_F(Map, StoresReplacesAndRemoves) {
+    modify_hashmap("key", &one, map);
+    EXPECT_EQ(search_hashmap("key", map), &one);
+    modify_hashmap("key", &two, map);
+    EXPECT_EQ(search_hashmap("key", map), &two);
+    EXPECT_EQ(vxlb_map_count(map), 1u);
+    modify_hashmap("key", nullptr, map);
+    EXPECT_EQ(search_hashmap("key", map), nullptr);
+    modify_hashmap("never there", nullptr, map);
+    EXPECT_EQ(vxlb_map_count(map), 0u);
+}
+
+TEST_F(Map, AReplacedEntryForgetsItsFormerKey) {
+    char former[] = "key", present[] = "key";
+    modify_hashmap(former, &one, map);
+    modify_hashmap(present, &two, map);
+    std::strcpy(former, "xxx");  // its owner is gone
+    EXPECT_EQ(search_hashmap("key", map), &two);
+    vxlb_map_each(
+        map,
+        [](const char* key, void*, void* argument) {
+            EXPECT_EQ(key, argument);
+            return true;
+        },
+        present);
+}
+
+TEST_F(Map, FindsAKeyWithoutTerminator) {
+    modify_hashmap("key", &one, map);
+    EXPECT_EQ(search_hashmap_len("keyword", 3, map), &one);
+    EXPECT_EQ(search_hashmap_len("keyword", 4, map), nullptr);
+    EXPECT_EQ(search_hashmap_len("keyword", -1, map), nullptr);
+}
+
+TEST_F(Map, TakesNumbersOf16BitsAsKeys) {
+    const std::uint16_t key = 0x0061, same = 0x0061, other = 0x6100;
+    modify_uint16_hashmap(&key, &one, map);
+    EXPECT_EQ(search_uint16_hashmap(&same, map), &one);
+    EXPECT_EQ(search_uint16_hashmap(&other, map), nullptr);
+    modify_uint16_hashmap(&same, nullptr, map);
+    EXPECT_EQ(search_uint16_hashmap(&key, map), nullptr);
+}
+
+TEST_F(Map, WalksUntilToldToEndAndAllowsRemovalOnTheWay) {
+    const char* const keys[] = {"a", "b", "c", "d", "e"};
+    for (const char* key : keys) modify_hashmap(key, map, map);
+    const auto removeThree = [](const char* key, void* value, void*) {
+        auto* owner = static_cast<VXMap*>(value);
+        modify_hashmap(key, nullptr, owner);
+        return vxlb_map_count(owner) > 2;
+    };
+    vxlb_map_each(map, removeThree, nullptr);
+    EXPECT_EQ(vxlb_map_count(map), 2u);
+    iterate_hashtable_and_free_hashmap(map);
+    EXPECT_EQ(vxlb_map_count(map), 0u);
+}
+
+TEST_F(Map, ANullMapFindsNothing) {
+    modify_hashmap("key", &one, nullptr);
+    iterate_hashtable_and_free_hashmap(nullptr);
+    EXPECT_EQ(search_hashmap("key", nullptr), nullptr);
+    EXPECT_EQ(vxlb_map_count(nullptr), 0u);
+}
+
+}  // namespace
+}  // namespace vx

@@ -1,0 +1,339 @@
+#include "commonlibc/vxlb_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "commonlibc/VXMethodManager.h"
+#include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/flowpath/VXPerThreadData.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem_pool.h"
+#include "tests/support/by_name.h"
+#include "tests/support/knowledge_fixture.h"
+#include "tests/support/record_stream.h"
+
+namespace vx {
+namespace {
+
+using namespace test;
+
+constexpr std::int64_t kNowUs = 1700000000000000;
+constexpr std::int64_t kSecond = 1000000;
+std::vector<std::string> calls;  // what reached the upcalls
+
+std::string shown(const char* text) {
+    return text ? text : "(null)";
+}
+void rememberThrown(vxTD*, const char* methodName, std::int64_t cpuTime, std::int32_t status,
+                    const char* backendName, std::int64_t wallTime, std::int64_t threadId,
+                    std::int32_t exitType, std::int64_t endTime) {
+    calls.push_back("thrown " + shown(methodName) + " " + std::to_string(cpuTime) + " " +
+                    std::to_string(status) + " " + shown(backendName) + " " + std::to_string(wallTime) + " " +
+                    std::to_string(threadId) + " " + std::to_string(exitType) + " " +
+                    std::to_string(endTime));
+}
+void rememberException(vxTD*, std::int64_t time, const char* className, const char* message,
+                       const char* throwingClass, const char* throwingMethod, const char* cause,
+                       std::int32_t kind, const char* stackTrace, std::int64_t thread) {
+    calls.push_back("exception " + std::to_string(time) + " " + shown(className) + " " + shown(message) +
+                    " " + shown(throwingClass) + " " + shown(throwingMethod) + " " + shown(cause) + " " +
+                    std::to_string(kind) + " " + shown(stackTrace) + " " + std::to_string(thread));
+}
+void rememberRequest(vxTD*, const char* buffer, const char* type, std::int32_t status) {
+    calls.push_back("request " + shown(buffer) + " " + shown(type) + " " + std::to_string(status));
+}
+void rememberResponse(vxTD*, const char* buffer, const char* type, std::int32_t status) {
+    calls.push_back("response " + shown(buffer) + " " + shown(type) + " " + std::to_string(status));
+}
+void rememberMethod(const char* methodName) {
+    calls.push_back("session " + shown(methodName));
+}
+
+// A run in progress with a filed slot, 77, at a fixed time.
+class Messages : public KnowledgeFixture {
+protected:
+    void SetUp() override {
+        KnowledgeFixture::SetUp();
+        vxlb_set_clock_hooks({[] { return kNowUs; }, nullptr, nullptr});
+        app->flowpath.fpi_tls_map = create_hashmap(app->pool);
+        hashMapForAgent();
+        vx_word_set(app->VXSys.bciInstrSessionPct, 100);
+        slot = fileSlot("77", kNowUs);
+        vxUpcalls.vxMethodExitException = rememberThrown;
+        vxUpcalls.handleExceptionParameters = rememberException;
+        vxUpcalls.sendHttpHdrReq = rememberRequest;
+        vxUpcalls.sendHttpHdrRep = rememberResponse;
+        vxUpcalls.addMethodInHash = rememberMethod;
+        calls.clear();
+    }
+    void TearDown() override {
+        vxUpcalls = {};
+        vxlb_set_clock_hooks({});
+        vxDropBusyList();
+        vxFreeSlotPools(*app);
+        KnowledgeFixture::TearDown();
+    }
+    vxTD* fileSlot(const char* key, std::int64_t startTimeUs) {
+        vxTD* taken = get_free_tls_slot();
+        resetAllThreadLocals(taken);
+        taken->flowpathInstance = std::atoll(key);
+        taken->startTimeUs = startTimeUs;
+        vxFileSlot(taken, key);
+        return taken;
+    }
+    vxTD* find(const char* key) const { return vxFindSlot(key, std::strlen(key)); }
+    unsigned filed() const { return vxlb_map_count(app->flowpath.fpi_tls_map); }
+    // True when the message reached the slot: its activity is that of the read.
+    bool reaches(const std::string& frame) {
+        slot->lastActivityTime = 0;
+        readBytes(*app, frame);
+        return slot->lastActivityTime.load() != 0;
+    }
+
+    vxTD* slot = nullptr;
+};
+
+std::string fullEntry() {
+    return frameOf(MethodEntryEncode,
+                   VXMethodEntryRecord{0, 77, 0, 0, wire("m"), wire("/u"), wire("x=1"), wire("q")});
+}
+std::string fullExit() {
+    return frameOf(MethodExitEncode,
+                   VXMethodExitRecord{0, 0, 0, 0, 0, 0, 77, 0, 0, 0, wire("m"), wire("be"), wire("p")});
+}
+std::string fullException() {
+    return frameOf(ExceptionEncode, VXExceptionRecord{4, 77, 5, 6, wire("C"), wire("mess"), wire("Th"),
+                                                      wire("me"), wire("ca"), wire("st")});
+}
+std::string httpFrame(const char* type) {
+    return frameOf(transactionEncodeHttp, VXHttpRecord{201, 3, 9, 77, wire("A: b"), wire(type), wire("id"),
+                                                       wire("parent"), wire("k=v")});
+}
+// A NUL in place of the byte at `offset` of the body.
+std::string torn(std::string frame, std::size_t offset) {
+    frame[14 + offset] = '\0';
+    return frame;
+}
+std::string shortFrame(std::int32_t type, std::size_t bodyLength) {
+    const auto total = static_cast<std::int32_t>(14 + bodyLength);
+    return rawFrame(12, total, type, std::string(bodyLength - 1, 'M') + "\n");
+}
+
+struct Case {
+    const char* name;
+    std::string frame;
+    bool reaches;
+};
+class MessageLengths : public Messages, public testing::WithParamInterface<Case> {};
+
+TEST_P(MessageLengths, DecideWhetherItIsTaken) {
+    EXPECT_EQ(reaches(GetParam().frame), GetParam().reaches);
+    EXPECT_EQ(app->decoder.partialLength, 0);
+}
+
+// Offsets are those of the length fields in the body; the newline counts as a byte that may be claimed.
+INSTANTIATE_TEST_SUITE_P(Entries, MessageLengths,
+                         testing::ValuesIn<Case>({
+                             {"entry", fullEntry(), true},
+                             {"entry_with_the_newline_claimed", patched(fullEntry(), 40, 2), true},
+                             {"entry_one_byte_too_long", patched(fullEntry(), 40, 3), false},
+                             {"entry_with_a_negative_name", patched(fullEntry(), 28, -1), false},
+                             {"entry_with_a_negative_parameter", patched(fullEntry(), 40, INT32_MIN), false},
+                             {"entry_with_a_sum_beyond_32_bits",
+                              patched(patched(fullEntry(), 28, INT32_MAX), 32, INT32_MAX), false},
+                             {"entry_without_its_fixed_part", shortFrame(0, 43), false},
+                             {"entry_torn_in_its_url", torn(fullEntry(), 46), false},
+                             {"entry_torn_in_its_last_string", torn(fullEntry(), 50), false},
+                         }),
+                         byName);
+INSTANTIATE_TEST_SUITE_P(Exits, MessageLengths,
+                         testing::ValuesIn<Case>({
+                             {"exit", fullExit(), true},
+                             {"exit_one_byte_too_long", patched(fullExit(), 56, 3), false},
+                             {"exit_with_a_negative_phase", patched(fullExit(), 56, -1), false},
+                             {"exit_torn_in_its_backend", torn(fullExit(), 78), false},
+                             {"exit_torn_in_its_name", torn(fullExit(), 76), true},
+                             {"exit_torn_in_its_phase", torn(fullExit(), 79), true},
+                             {"exit_without_its_fixed_part", shortFrame(1, 75), false},
+                         }),
+                         byName);
+INSTANTIATE_TEST_SUITE_P(
+    Others, MessageLengths,
+    testing::ValuesIn<Case>({
+        {"end_without_its_fixed_part", shortFrame(3, 31), false},
+        {"reset_without_its_fixed_part", shortFrame(4, 7), false},
+        {"exception_one_byte_too_long", patched(fullException(), 24, 4), false},
+        {"exception_with_a_negative_cause", patched(fullException(), 20, -7), true},
+        {"exception_without_its_fixed_part", shortFrame(5, 51), false},
+        {"headers_one_byte_too_long", patched(httpFrame("req"), 4, 4 + 3 + 12 + 2), false},
+        {"headers_with_a_negative_type", patched(httpFrame("req"), 8, -1), true},
+        {"headers_with_a_trace_state_too_long", patched(httpFrame("req"), 28, INT32_MAX), true},
+        {"headers_without_their_fixed_part", shortFrame(6, 39), false},
+        {"thrown_one_byte_too_long", patched(thrownFrame(77, "m"), 8, 2), false},
+        {"thrown_with_a_negative_backend", patched(thrownFrame(77, "m"), 8, -2), true},
+        {"thrown_without_its_fixed_part", shortFrame(7, 51), false},
+    }),
+    byName);
+
+TEST_F(Messages, AStartIsRefusedByItsLengthsAlone) {
+    const std::string start = startFrame(78, "/url", kNowUs);
+    readBytes(*app, patched(start, 4, -1) + patched(start, 20, 2) + shortFrame(2, 55));
+    EXPECT_EQ(filed(), 1U);
+    readBytes(*app, torn(start, 57));  // a NUL is allowed: the URL ends there
+    ASSERT_TRUE(find("78"));
+    EXPECT_STREQ(find("78")->tlURl, "/");
+}
+
+TEST_F(Messages, BodiesBeyondEveryReadAreRefused) {
+    const std::string name(static_cast<std::size_t>(131072 - 52 - 1), 'n');
+    const std::string body = std::string(52, '\0') + name + "\n";
+    const auto total = static_cast<std::int32_t>(14 + body.size());
+    const auto length = static_cast<std::int32_t>(name.size());
+    const std::string frame = patched(patched(rawFrame(12, total, 7, body), 4, length), 12, 77);
+    EXPECT_TRUE(reaches(frame));
+    EXPECT_FALSE(reaches(patched(rawFrame(12, total + 1, 7, "x" + body), 12, 77)));
+}
+
+TEST_F(Messages, WithoutAFlowpathMapNothingIsTouched) {
+    app->flowpath.fpi_tls_map = nullptr;
+    const std::string frame = fullEntry();
+    EXPECT_EQ(readDataMessage(frame.data() + 14, static_cast<std::int64_t>(frame.size()) - 14, 0, 0, nullptr),
+              kMessageNoMap);
+    const std::string start = startFrame(78, "/", kNowUs);
+    EXPECT_EQ(readDataMessage(start.data() + 14, static_cast<std::int64_t>(start.size()) - 14, 2, 0, nullptr),
+              kMessageNoMap);
+    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
+    EXPECT_EQ(readDataMessage(frame.data(), 0, 0, 0, nullptr), kMessageCorrupt);
+}
+
+TEST_F(Messages, ExceptionsAndExitsByExceptionReachTheirHandlers) {
+    const VXExceptionExitRecord exit{3, 77, 4, 5, 6, 7, wire("C.m"), wire("db")};
+    readBytes(*app, frameOf(ExceptionMethodExitEncode, exit) + fullException());
+    EXPECT_EQ(calls, (std::vector<std::string>{"thrown C.m 6 503 db 5 4 3 7",
+                                               "exception 5 C mess Th me ca 4 st 6"}));
+}
+
+TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
+    readBytes(*app, httpFrame("res"));
+    EXPECT_EQ(slot->OTL_traceID, nullptr);
+    EXPECT_EQ(slot->traceState, 0);
+    readBytes(*app, httpFrame("req") + httpFrame("req"));
+    EXPECT_STREQ(slot->OTL_traceID, "id");
+    EXPECT_STREQ(slot->OTL_parentID, "parent");
+    EXPECT_STREQ(slot->OTL_tracestate, "k=v");
+    EXPECT_EQ(slot->traceFlag, 3);
+    EXPECT_EQ(slot->traceState, 9);
+    // The last string claims more than there is: it ends before the newline.
+    readBytes(*app, patched(httpFrame("req"), 28, 500));
+    EXPECT_STREQ(slot->OTL_tracestate, "k=v");
+    // Missing ones leave what is there.
+    readBytes(*app, patched(patched(httpFrame("req"), 20, 0), 28, -3));
+    EXPECT_STREQ(slot->OTL_traceID, "id");
+    slot->flowpathInstance = 0;
+    readBytes(*app, httpFrame("req") + httpFrame("rep"));
+    const std::string request = "request A: b req 201";
+    EXPECT_EQ(calls, (std::vector<std::string>{"response A: b res 201", request, request, request, request}));
+}
+
+TEST_F(Messages, AnExitSetsTheCalloutSequence) {
+    VXMethodExitRecord exit{};
+    exit.flowpathInstance = 77;
+    exit.calloutSeq = 12;
+    const std::string frame = frameOf(MethodExitEncode, exit);
+    readBytes(*app, frame);
+    EXPECT_EQ(slot->calloutSeq, 12);
+    slot->seqNo = 3;
+    decodeMessage(frame.data(), static_cast<std::int32_t>(frame.size()), 0, 1, "77");
+    EXPECT_EQ(slot->calloutSeq, 3);
+}
+
+TEST_F(Messages, AnInstrumentationSessionSeesTheMethodsOfPhpAgents) {
+    app->VXAutoInstrumentation.sessionOn = 1;
+    app->VXBCISetting.agentTypeCode = kAgentDotnet;
+    readBytes(*app, fullEntry());
+    app->VXBCISetting.agentTypeCode = kAgentPhp;
+    readBytes(*app, fullEntry() + patched(fullEntry(), 28, 0));
+    EXPECT_EQ(calls, std::vector<std::string>{"session m"});
+}
+
+// 300 seconds are not too old, 301 are; the sweep runs at most once in that time.
+TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
+    app->Server.lastSweepTimeMs = (kNowUs - 300 * kSecond) / 1000;
+    for (int i = 0; i < 200; ++i) fileSlot(std::to_string(1000 + i).c_str(), kNowUs - 301 * kSecond);
+    fileSlot("50", kNowUs - 300 * kSecond);
+    fileSlot("51", 0);
+    readBytes(*app, resetFrame(77));
+    EXPECT_EQ(filed(), 202U);
+    EXPECT_FALSE(find("77"));
+    app->Server.lastSweepTimeMs = (kNowUs - 301 * kSecond) / 1000;
+    readBytes(*app, resetFrame(1000));
+    EXPECT_EQ(filed(), 2U);
+    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 2);
+    EXPECT_EQ(app->Server.lastSweepTimeMs, kNowUs / 1000);
+    EXPECT_EQ(dumpedText(*app), "");
+}
+
+TEST_F(Messages, AStartOfAGoFunctionTakesItsCorrelationFromTheHeader) {
+    VXTransactionStart start{};
+    start.flowpathInstance = 99;
+    start.btHeaderValue = wire("h=1&corr=abc&x=2");
+    start.correlationHeader = wire("sent");
+    const std::string frame = frameOf(transactionStartEncode, start);
+    const auto correlationOf = [&](const char* key) {
+        decodeMessage(frame.data(), static_cast<std::int32_t>(frame.size()), 0, 1, key);
+        return std::string(find(key) ? find(key)->correlationHeader : "not filed");
+    };
+    setSharedText(app->retired, app->VXSys.correlationIDHeader, "corr");
+    EXPECT_EQ(correlationOf("a"), "sent");
+    app->VXBCISetting.agentTypeCode = kAgentGo;
+    EXPECT_EQ(correlationOf("b"), "corr");
+    vx_word_set(app->VXSys.correlationIDEnabled, 1);
+    EXPECT_EQ(correlationOf("c"), "abc");
+}
+
+TEST(GetBtBaseOnHeader1, NeedsBothTheEqualSignAndTheAmpersand) {
+    struct Row {
+        const char *text, *needle, *value;
+    };
+    for (const Row& row : {Row{"a=1&b=2&c", "b", "2"}, Row{"a=1&b=2", "b", nullptr},
+                           Row{"a=1&b&c=2&", "b", nullptr}, Row{"b=&", "b", ""}, Row{"a=1&", "z", nullptr},
+                           Row{"a=1&", "", nullptr}, Row{"a=1&", nullptr, nullptr}}) {
+        std::string text = row.text;
+        const char* value = getBtBaseOnHeader1(text.data(), row.needle);
+        EXPECT_EQ(shown(value), shown(row.value)) << row.text;
+        if (!row.value) {
+            EXPECT_EQ(text, row.text);
+        }
+    }
+    EXPECT_EQ(getBtBaseOnHeader1(nullptr, "a"), nullptr);
+}
+
+// From the encoder through the engine to the records that go out, whole and cut at every byte.
+TEST_F(Messages, ATransactionBecomesItsRecords) {
+    const std::int64_t flowpath = 4611686018427387904;
+    const std::string stream = startFrame(flowpath, "/shop/cart?id=1|GET", kNowUs) +
+                               entryFrame(flowpath, "Shop.Cart.show", kNowUs + 2000) +
+                               exitFrame(flowpath, "Shop.Cart.show", 30000, kNowUs + 32000) +
+                               endFrame(flowpath, 200, kNowUs + 40000);
+    const std::vector<std::string> records = {
+        "2,4611686018427387904,1700000000,1,1.1,2,/shop/cart?id=1,,4611686018427387904,0,0,,0,0,,,,"
+        "1700000000000",
+        "4,4611686018427387904,200,10,0,40,2,0,,0,1:0_0_0__3:1_0_2__3:1_1_30_0___1:0_1_40_0___"};
+    readBytes(*app, stream);
+    ASSERT_EQ(dumpedRecords(*app), (std::vector<std::string>{"7,2,/shop/cart", records[0], records[1]}));
+    EXPECT_FALSE(find("4611686018427387904"));
+    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
+    for (std::size_t cut = 1; cut < stream.size(); ++cut) {
+        clearDumped(*app);
+        readBytes(*app, stream.substr(0, cut));
+        readBytes(*app, stream.substr(cut));
+        ASSERT_EQ(dumpedRecords(*app), records) << "cut after " << cut;
+    }
+}
+
+}  // namespace
+}  // namespace vx

@@ -1,0 +1,71 @@
+#include "commonlibc/vxlb_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <string>
+
+namespace vx {
+namespace {
+
+constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+
+TEST(WriterNumbers, PrintAsPrintfDoes) {
+    for (const std::int64_t value :
+         {kLowest, std::int64_t{-1001}, std::int64_t{-1000}, std::int64_t{-999}, std::int64_t{-1},
+          std::int64_t{0}, std::int64_t{1}, std::int64_t{9}, std::int64_t{10}, std::int64_t{1005},
+          std::int64_t{123456789}, kHighest}) {
+        char expected[128], buffer[128];
+        std::snprintf(expected, sizeof(expected), "%" PRId64 " %" PRIx64, value,
+                      static_cast<std::uint64_t>(value));
+        VXWriter out(buffer, sizeof(buffer));
+        out.number(value).put(' ').hex(static_cast<std::uint64_t>(value)).terminate();
+        EXPECT_STREQ(buffer, expected);
+        if (value == kLowest || value == kHighest) continue;  // beyond what a double holds exactly
+        std::snprintf(expected, sizeof(expected), "%.3lf", static_cast<double>(value) / 1000);
+        VXWriter thousandths(buffer, sizeof(buffer));
+        thousandths.thousandths(value).terminate();
+        EXPECT_STREQ(buffer, expected);
+    }
+}
+
+TEST(WriterNumbers, PrintThousandthsOfTheExtremes) {
+    char buffer[64];
+    VXWriter out(buffer, sizeof(buffer));
+    out.thousandths(kLowest).put(' ').thousandths(kHighest).terminate();
+    EXPECT_STREQ(buffer, "-9223372036854775.808 9223372036854775.807");
+}
+
+TEST(WriterCuts, EndsAtEverySizeWithAWholeLineAndNothingBehind) {
+    const std::string whole = "7,-12,a b,ff\n";
+    for (std::size_t size = 0; size <= whole.size() + 1; ++size) {
+        char buffer[32];
+        std::memset(buffer, '#', sizeof(buffer));
+        VXWriter out(buffer, size);
+        out.text("7,").number(-12).put(',').recordText("a\nb").put(',').hex(255).endLine();
+        std::string expected = whole.substr(0, size);
+        if (!expected.empty()) expected.back() = '\n';
+        EXPECT_EQ(std::string(buffer, out.length()), expected) << size;
+        EXPECT_EQ(out.cut(), size < whole.size()) << size;
+        EXPECT_EQ(buffer[size], '#') << size;
+    }
+}
+
+TEST(WriterCuts, TerminateTakesTheLastByteOfAFullBuffer) {
+    char buffer[4];
+    VXWriter full(buffer, sizeof(buffer));
+    EXPECT_EQ(full.text("abcd").terminate().length(), 3u);
+    EXPECT_STREQ(buffer, "abc");
+    VXWriter roomy(buffer, sizeof(buffer));
+    EXPECT_EQ(roomy.text("xy").text(nullptr).recordText(nullptr).terminate().length(), 2u);
+    EXPECT_STREQ(buffer, "xy");
+    EXPECT_EQ(roomy.put('z').terminate().length(), 3u) << "goes on over the terminator";
+    EXPECT_STREQ(buffer, "xyz");
+}
+
+}  // namespace
+}  // namespace vx
