@@ -105,12 +105,8 @@ bool readKeywords(const std::string& path, std::string& keywords, std::string& e
             line.pop_back();
         if (line.empty() || line.front() == '#') continue;
         if (line.find('=') == std::string::npos || line.find('=') == 0) {
-            error = path;
-            error.append(":")
-                .append(std::to_string(number))
-                .append(": not key=value: '")
-                .append(line)
-                .append("'");
+            error = path + ":" + std::to_string(number);
+            error += ": not key=value: '" + line + "'";
             return false;
         }
         if (!keywords.empty()) keywords += ';';
