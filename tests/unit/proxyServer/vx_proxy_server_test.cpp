@@ -177,8 +177,13 @@ TEST_F(Listener, GoesOnWhenTheSystemIsOutOfDescriptors) {
     const rlimit few{100, former.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
     std::vector<FakePeer> holders;
+    // Again and again, since the instance's control thread gives a descriptor back when its connect fails.
     // Not copies of the standard input: a test may run without one.
-    for (int held = 0; (held = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) holders.emplace_back(held);
+    for (int quietRounds = 0; quietRounds < 40; ++quietRounds) {
+        for (int held = 0; (held = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0; quietRounds = 0)
+            holders.emplace_back(held);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     connectTo(waiting);
     waiting.send(line("vx_ctrl_msg_req:", 5));
     EXPECT_EQ(waiting.readLine(0.2), kNoLine);
