@@ -219,6 +219,10 @@ bool vxMakeContextMutexes(vxApplication& app) {
         &app.bt.btTagMutex,
         &app.bt.monitorMutex,
         &app.method.mapMutex,
+        &app.http.headerMutex,
+        &app.control.outbox.mutex,
+        &app.discovery.socket.closeMutex,
+        &app.losses.mutex,
     };
     bool allMade = true;
     for (apr_thread_mutex_t** mutex : mutexes) allMade = vxlb_make_mutex(*mutex, app.pool) && allMade;

@@ -3,6 +3,7 @@
 // Writer    The control thread, except where a member says otherwise.
 #pragma once
 
+#include <apr_poll.h>
 #include <apr_pools.h>
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
@@ -16,6 +17,7 @@
 namespace vx {
 
 inline constexpr std::int32_t kControlBufSize = 0x20000;
+inline constexpr std::int32_t kOutboxSize = 0x100000;
 inline constexpr std::int64_t kControlPollUs = 10000000;
 inline constexpr std::int64_t kDefaultRetryIntervalUs = 60000000;
 
@@ -27,8 +29,20 @@ struct ctrlBufInfo_t {
     std::uint8_t skipToNewline;  // a line longer than the buffer is being passed over
 };
 
+// Texts for the collector that other threads leave: the control thread, which owns the connection, sends
+// them. `poll` is that of the connection's read loop, to be woken; null while there is none.
+// Guards    mutex (a leaf): everything.
+struct VXOutbox_t {
+    apr_thread_mutex_t* mutex;
+    char* text;  // kOutboxSize bytes, made with the first text
+    std::int32_t length;
+    apr_pollset_t* poll;
+    std::uint64_t dropped;  // texts that found no room
+};
+
 struct VXControlState_t {
     ctrlBufInfo_t ctrlBufInfo;
+    VXOutbox_t outbox;
     VXSharedSocket controlSocket;
     std::atomic<std::uint8_t> lws_active;                // 1: the links run over libwebsockets
     std::atomic<std::int32_t> ActiveAgentProtocolIndex;  // 1 TCP, 2 WS, 3 WSS

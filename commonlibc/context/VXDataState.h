@@ -65,15 +65,33 @@ struct VXDataState_t {
 
 struct VXAutoSensorState_t {
     VXBufferChain chain;
-    apr_pool_t* pool;
+    apr_pool_t* pool;            // made once
+    apr_pool_t* threadPool;      // the thread's start; remade by the next start (control thread)
+    apr_thread_t* thread;        // joined by the next start (control thread)
+    apr_pool_t* connectionPool;  // one connect attempt and its connection (auto-sensor thread)
     std::atomic<std::uint8_t> autoSensor_thread_running;
     std::atomic<std::uint8_t> asStopFlag;
     std::atomic<std::uint8_t> breakFlag;
-    VXSharedSocket asSocket;
-    char sourceIP[16], destIP[16];
+    VXSharedSocket asSocket;        // auto-sensor thread puts and closes
+    std::atomic<void*> asWsi;       // libwebsockets connection, or null
+    char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;
-    std::int32_t curBuffers;
+    std::int32_t curBuffers;  // nodes of the chain; dumpMutex
     std::atomic<std::uint64_t> dropped;
+    char hotspotPrefix[1024], hotspotPrefixID[64];  // set by the thread at its start
+};
+
+// What the loss trace has told already.
+// Owner     Whoever holds `mutex` (a leaf).
+struct VXLossState_t {
+    apr_thread_mutex_t* mutex;
+    std::uint64_t records, starts, messages;
+};
+
+// The connection on which the collector receives a class list. Listener only.
+struct VXDiscoveryState_t {
+    VXSharedSocket socket;
+    apr_pool_t* pool;  // of one connection
 };
 
 }  // namespace vx

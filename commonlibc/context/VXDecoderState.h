@@ -7,6 +7,7 @@
 
 #include <apr_thread_mutex.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,9 +17,10 @@ inline constexpr std::int32_t kPartialSize = 10240;
 
 struct VXDecoderState_t {
     apr_thread_mutex_t* decodeMutex;
-    char partialBuffer[kPartialSize];  // tail of the last read, terminated
-    std::int32_t partialLength;        // 0 to 10239
-    std::int64_t readTimeUs;           // time of the read being decoded, Unix microseconds
+    char partialBuffer[kPartialSize];            // tail of the last read, terminated
+    std::int32_t partialLength;                  // 0 to 10239
+    std::atomic<std::uint64_t> messagesRefused;  // messages of no use to anybody, since process start
+    std::int64_t readTimeUs;                     // time of the read being decoded, Unix microseconds
 };
 
 }  // namespace vx

@@ -79,10 +79,12 @@ struct VXMethodState_t {
     apr_pool_t* pool;  // the slots' mutexes; mapMutex
     apr_thread_mutex_t* mapMutex;
     std::atomic<methodHashMapNode_t*> methodHashMapNode;
-    std::uint32_t methodIdCounter;   // next id; starts at 1; mapMutex
-    std::atomic<mPP*> beginRequest;  // the entry of kBeginRequestName
-    std::atomic<mPP*> dbSqlDb;       // the entry of "DB_SQLDB"
-    std::int32_t backendCounter;     // named back-ends; mapMutex
+    std::uint32_t methodIdCounter;            // next id; starts at 1; mapMutex
+    std::atomic<mPP*> beginRequest;           // the entry of kBeginRequestName
+    std::atomic<mPP*> dbSqlDb;                // the entry of "DB_SQLDB"
+    std::int32_t backendCounter;              // named back-ends; mapMutex
+    std::uint8_t ceilingTraced;               // the full table was traced in this run; mapMutex
+    std::uint8_t keepsFiles, keepsFilesHere;  // both set: the texts that are parsed are written to the home
     VXAggregateArray<VXBackendMonitorDataCounters> backendArr;
     VXAggregateArray<VXMethodMonitorDataCounters> methodArr;
     std::atomic<std::int32_t> enableBackendMonitor, enableMethodMonitor;

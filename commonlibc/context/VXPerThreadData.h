@@ -129,10 +129,12 @@ struct VXFlowpathState_t {
     std::int32_t gBusyTLSCnt;
     std::int32_t g_tlsidx;  // next index, never reused
     apr_thread_mutex_t* poolMutex;
-    apr_pool_t* pool;                        // the slots' mutexes
-    VXSlotBlock* blocks;                     // all of them, newest first
-    VXMap* fpi_tls_map;                      // text of the flowpath (filedKey) to slot; decode lock
-    std::atomic<std::int64_t> resetCounter;  // slots reset for their age
+    apr_pool_t* pool;                          // the slots' mutexes
+    VXSlotBlock* blocks;                       // all of them, newest first
+    VXMap* fpi_tls_map;                        // text of the flowpath (filedKey) to slot; decode lock
+    std::atomic<std::int64_t> resetCounter;    // slots reset for their age
+    std::atomic<std::uint64_t> startsRefused;  // startFP found no slot, since process start
+    std::uint8_t ceilingTraced;                // maxSlots was met in this run; poolMutex
 };
 
 }  // namespace vx

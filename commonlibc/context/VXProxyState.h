@@ -41,6 +41,17 @@ struct VXThreadOpsQueue {
     std::uint32_t totalQueued, totalProcessed, processedNow, ignored;
 };
 
+// What tables may grow to; keys of proxysetting.conf.
+struct VXCeilings {
+    std::int32_t maxMethods = 100000;       // per instance
+    std::int32_t maxCallers = 4096;         // per instance
+    std::int32_t maxHeaderNames = 4096;     // per instance
+    std::int32_t maxExceptionRows = 65536;  // per table of an instance
+    std::int32_t maxProcesses = 16384;      // per instance
+    std::int32_t maxSlots = 16384;          // transactions in flight, all instances together
+    std::int32_t maxInstances = 1024;
+};
+
 struct VXProxy_t {
     std::uint8_t proxyMode;               // 1 once agent_init has assigned the proxy host
     std::uint8_t memThresholdCheckModes;  // default 1
@@ -57,6 +68,7 @@ struct VXProxy_t {
     std::int32_t instanceTableSize;        // default 32
     std::int32_t memUsageThresholdSizeMB;  // default 2048
     std::int32_t TotalSystemMemory;        // MB
+    VXCeilings ceilings;
     std::atomic<std::int32_t> numInstance;
     std::int32_t numUDPFunctions, numUDPAttached;
     apr_pool_t* listenerPool;  // listener alone

@@ -45,6 +45,9 @@ struct Server_t {
     // Control thread only.
     std::uint8_t fileUpdatedAtRuntime, noInstrProfile, sameFlag;
     std::int32_t askedProfileCount;
+    std::uint8_t isModifiedInstrProf;  // a modify has brought a profile
+    char* instrProfFileData;           // heap: content of all profiles of the line; null: none
+    std::int64_t instrProfBytesWritten;
     char warnings[kWarningsSize];  // second line of the start reply
     std::int64_t lastSweepTimeMs;  // decode lock: last age sweep by a reset message
 };

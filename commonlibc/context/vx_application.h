@@ -9,7 +9,8 @@
 // Locks     Order, first to last: reset-queue mutex, decode lock, method table lock (nested), slot tag
 //           mutex, slot blob mutex, BT map mutex, id-table and header-map locks, monitor slot mutex,
 //           dumpMutex, listMutex (those of the auto-sensor channel rank alike). Leaves: pool mutex, map
-//           mutexes, trace mutex, keyword-text mutex, settings-file mutex, a handle's closeMutex. The message
+//           mutexes, trace mutex, keyword-text mutex, settings-file mutex, collectors' mutex, outbox mutex,
+//           loss mutex, a handle's closeMutex. The message
 //           mutex comes before a process's send mutex; neither is taken under the decode lock.
 #pragma once
 
@@ -24,6 +25,7 @@
 #include "commonlibc/context/VXControlState.h"
 #include "commonlibc/context/VXDataState.h"
 #include "commonlibc/context/VXDecoderState.h"
+#include "commonlibc/context/VXFileState.h"
 #include "commonlibc/context/VXIdentity.h"
 #include "commonlibc/context/VXKeywordState.h"
 #include "commonlibc/context/VXMethodState.h"
@@ -31,6 +33,7 @@
 #include "commonlibc/context/VXProxyState.h"
 #include "commonlibc/context/VXServer.h"
 #include "commonlibc/context/VXSys.h"
+#include "commonlibc/context/VXTierState.h"
 #include "commonlibc/vxlb_text.h"
 
 namespace vx {
@@ -49,6 +52,11 @@ struct vxApplication {
     VXBTState_t bt;
     VXMethodState_t method;
     VXKeywordState_t keywords;
+    VXFileState_t files;
+    VXTierState_t tiers;
+    VXHttpState_t http;
+    VXDiscoveryState_t discovery;
+    VXLossState_t losses;
     vxAppLogStruct_t vxAppLogStruct;
     VXAutoInstrumentation_t VXAutoInstrumentation;
     VXFlowpathGenerator_t VXFlowpathGenerator;
