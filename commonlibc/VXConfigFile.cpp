@@ -14,8 +14,16 @@ namespace {
 
 constexpr const char* kConfigFolder = "config";
 
+// Empty lines and those with "#" as the first byte that is no blank.
 bool isComment(const std::string& line) {
-    return line.empty() || std::strchr("\t\n\r #", line[0]) != nullptr;  // a zero byte too
+    const std::size_t first = line.find_first_not_of(" \t");
+    return first == std::string::npos || line[first] == '#' || line[first] == '\r';
+}
+
+VXConfigFault faultOf(const std::string& line, bool tooLong) {
+    if (line[0] == ' ' || line[0] == '\t') return VXConfigFault::kIndented;
+    if (tooLong) return VXConfigFault::kTooLong;
+    return line.find('\0') == std::string::npos ? VXConfigFault::kNone : VXConfigFault::kZeroByte;
 }
 
 // Reads up to the line's end and keeps at most `maxLength` bytes. False at the end of the file.
@@ -56,7 +64,7 @@ bool vxWalkConfigLines(const char* path, std::size_t maxLength, const VXConfigVi
     for (int number = 1; readLine(file.get(), maxLength, line, tooLong); ++number) {
         if (isComment(line)) continue;
         cutEnd(line);
-        visit({number, line.c_str(), tooLong});
+        visit({number, line.c_str(), faultOf(line, tooLong)});
     }
     return std::ferror(file.get()) == 0;
 }

@@ -1,7 +1,9 @@
 // Text files of the home's config folder: where they lie, and a walk over their lines.
 //
 // A line whose first byte is a tab, line feed, carriage return, blank or "#" is a comment. The rest of a
-// line after the first carriage return or line feed, and blanks and tabs at its end, are cut off.
+// line after the first carriage return or line feed, and blanks and tabs at its end, are cut off. A comment
+// that looks like a line with a purpose (indented, without "#") is handed over marked, so that an operator
+// can be told; it has no effect.
 //
 // Limits    A line above `maxLength` bytes is handed over cut and marked; its rest is passed over.
 // Errors    vxWalkConfigLines() answers false, without a visit, when the file cannot be read.
@@ -15,11 +17,14 @@ namespace vx {
 
 inline constexpr std::size_t kConfigPathSize = 4096;
 
-// One line that is no comment. `text` is good during the visit.
+// Why a line is not to be looked at.
+enum class VXConfigFault { kNone, kTooLong, kIndented, kZeroByte };
+
+// One line that is no plain comment. `text` is good during the visit.
 struct VXConfigLine {
     int number;  // from 1
     const char* text;
-    bool tooLong;
+    VXConfigFault fault;
 };
 using VXConfigVisitor = std::function<void(const VXConfigLine&)>;
 

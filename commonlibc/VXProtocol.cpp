@@ -137,7 +137,7 @@ int matchProtocols(const VXCollectors_t& collectors) {
 
 }  // namespace
 
-bool upDateAgentSupportedProtocolData(const char* list) {
+bool upDateAgentSupportedProtocolData(const char* list, bool* whole) {
     char copy[kListSize];
     vxlb_copy_text(copy, sizeof(copy), list);
     char* items[kMaxItems];
@@ -148,6 +148,7 @@ bool upDateAgentSupportedProtocolData(const char* list) {
         if (!item.row || item.port == 0) {
             VX_TRACE(1, kControlThread, kError, "Protocol '%s' needs a known name and a port, ignored",
                      items[i]);
+            if (whole) *whole = false;
             continue;
         }
         if (!replaced) vxClearAgentProtocols();

@@ -15,8 +15,8 @@
 namespace vx {
 
 // Replaces the agent's array and supportedProtocolsString by those of "TCP:7000,WSS:443" and sets the ports.
-// False, with nothing changed, when no item is valid.
-bool upDateAgentSupportedProtocolData(const char* list);
+// False, with nothing changed, when no item is valid; `whole` (may be null) becomes false when one was not.
+bool upDateAgentSupportedProtocolData(const char* list, bool* whole = nullptr);
 // The same with one protocol only (the default is 3, WSS), with port 443 where none is set.
 void updateANYAgentSupportedProtocolData(int protocol);
 // Empties the agent's array and the string.

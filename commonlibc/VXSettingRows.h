@@ -2,12 +2,16 @@
 // what it does.
 //
 // Order     Rows act in the order of the table, whatever the order of the lines.
-// Errors    take() answers false for a value it does not accept; nothing has changed then.
+// Errors    take() answers kInvalid for a value it does not accept, kUnused for one that something else goes
+//           before; nothing has changed then.
 // Threads   take() runs on the thread of the settings pass, on the current context.
 #pragma once
 
 #include <cstddef>
 #include <span>
+#include <string>
+
+#include "commonlibc/VXSettingReport.h"
 
 namespace vx {
 
@@ -18,8 +22,9 @@ struct VXSettingRow {
     const char* key;       // in the file; null: environment only
     const char* variable;  // in the environment; null: file only
     VXSettingSide side;
-    bool (*take)(const char* value, bool fromFile);
-    const char* help;
+    VXSettingVerdict (*take)(const char* value, bool fromFile);
+    std::string (*show)();  // what is in force, "" for nothing
+    const char* help;       // ends with the default in brackets, where there is one
 };
 
 std::span<const VXSettingRow> vxSettingRows();

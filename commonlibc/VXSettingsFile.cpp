@@ -9,6 +9,7 @@
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXConfigFile.h"
 #include "commonlibc/VXProtocol.h"
+#include "commonlibc/VXSettingReport.h"
 #include "commonlibc/VXSettingRows.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -19,8 +20,7 @@ constinit std::mutex vxSettingsFileMutex;
 
 namespace {
 
-constexpr const char* kFileName = "vxsettings.conf";
-constexpr std::size_t kMaxLine = 2048;
+constexpr int kMaxLine = 2048;
 constexpr std::size_t kVariableSize = 4096;
 constexpr int kDefaultPort = 443;
 constexpr const char* kDefaultTier = "Default";
@@ -41,11 +41,21 @@ bool acts(const vxApplication& app, const VXSettingRow& row) {
     return row.side == VXSettingSide::kCollector || takesIdentity(app);
 }
 
-bool takeValue(const VXSettingRow& row, const char* value, bool fromFile) {
-    if (row.take(value, fromFile)) return true;
-    VX_TRACE(1, kControlThread, kError, "Value '%s' of '%s' is not valid, ignored", value,
-             fromFile ? row.key : row.variable);
-    return false;
+// A value and the line that gave it; line 0: a variable.
+struct GivenValue {
+    int line;
+    std::string value;
+};
+
+bool takeValue(const VXSettingRow& row, const GivenValue& given) {
+    const bool fromFile = given.line > 0;
+    const VXSettingVerdict verdict = row.take(given.value.c_str(), fromFile);
+    if (verdict == VXSettingVerdict::kInvalid)
+        VX_TRACE(1, kControlThread, kError, "Value '%s' of '%s' is not valid, ignored", given.value.c_str(),
+                 fromFile ? row.key : row.variable);
+    vxReportSetting({fromFile ? kSettingsFileName : row.variable, given.line,
+                     fromFile ? row.key : row.variable, given.value.c_str(), verdict});
+    return verdict == VXSettingVerdict::kTaken || verdict == VXSettingVerdict::kTakenInPart;
 }
 
 void beginPass(vxApplication& app) {
@@ -67,7 +77,7 @@ std::uint64_t takeVariables(const vxApplication& app) {
         char value[kVariableSize];
         if (!row.variable || !acts(app, row)) continue;
         if (vxlb_get_env_var_value(row.variable, value, sizeof(value)) != 0 || !*value) continue;
-        if (takeValue(row, value, false)) taken |= bitOf(index);
+        if (takeValue(row, {0, value})) taken |= bitOf(index);
     }
     return taken;
 }
@@ -78,22 +88,26 @@ void nameServerAfterHost(vxApplication& app) {
     if (apr_gethostname(name, sizeof(name), app.pool) == APR_SUCCESS && *name) setAppServerName(name);
 }
 
-using FileValues = std::vector<std::vector<std::string>>;  // of each row, in the order of the lines
+using FileValues = std::vector<std::vector<GivenValue>>;  // of each row, in the order of the lines
 
 void keepLine(FileValues& values, const VXConfigLine& line) {
-    if (line.tooLong) {
-        VX_TRACE(1, kControlThread, kError, "%s: line %d has more than %d characters, ignored", kFileName,
-                 line.number, static_cast<int>(kMaxLine));
-        return;
-    }
+    if (vxReportLineFault(kSettingsFileName, line, kMaxLine)) return;
     const char* value = nullptr;
     const int row = vxSettingRowOf(line.text, &value);
     if (row < 0) {
-        VX_TRACE(1, kControlThread, kWarning, "%s: line %d is not understood, ignored: '%s'", kFileName,
-                 line.number, line.text);
+        VX_TRACE(1, kControlThread, kWarning, "%s: line %d is not understood, ignored: '%s'",
+                 kSettingsFileName, line.number, line.text);
+        vxReportSetting({kSettingsFileName, line.number, nullptr, line.text, vxVerdictOfUnknown(line.text)});
         return;
     }
-    values[static_cast<std::size_t>(row)].emplace_back(value);
+    values[static_cast<std::size_t>(row)].push_back({line.number, value});
+}
+
+// Lines of a setting that a variable gave.
+void reportUnused(const VXSettingRow& row, const std::vector<GivenValue>& values) {
+    for (const GivenValue& given : values)
+        vxReportSetting(
+            {kSettingsFileName, given.line, row.key, given.value.c_str(), VXSettingVerdict::kUnused});
 }
 
 // Reads the file and takes its size and date as held. False when it cannot be read.
@@ -115,9 +129,13 @@ std::uint64_t takeLines(const vxApplication& app, const FileValues& values) {
     int index = -1;
     for (const VXSettingRow& row : vxSettingRows()) {
         ++index;
-        if (!acts(app, row) || (app.VXBCISetting.envRows & bitOf(index))) continue;
-        for (const std::string& value : values[static_cast<std::size_t>(index)])
-            if (takeValue(row, value.c_str(), true)) taken |= bitOf(index);
+        const std::vector<GivenValue>& lines = values[static_cast<std::size_t>(index)];
+        if (!acts(app, row) || (app.VXBCISetting.envRows & bitOf(index))) {
+            reportUnused(row, lines);
+            continue;
+        }
+        for (const GivenValue& given : lines)
+            if (takeValue(row, given)) taken |= bitOf(index);
     }
     return taken;
 }
@@ -193,7 +211,7 @@ int read_conf_file() {
         return 0;
     }
     char path[kConfigPathSize];
-    vxConfigPath(path, sizeof(path), kFileName);
+    vxConfigPath(path, sizeof(path), kSettingsFileName);
     FileValues values(vxSettingRows().size());
     const bool wasRead = readFile(setting, path, values);
     if (!wasRead) VX_TRACE(1, kControlThread, kError, "%s cannot be read, so returning.", path);
@@ -213,7 +231,7 @@ int check_file_size_of_vxsetting_files(int flag) {
     VXBCISetting_t& setting = vxCurrent()->VXBCISetting;
     if (setting.envConfigured) return 0;  // the file is not used
     char path[kConfigPathSize];
-    vxConfigPath(path, sizeof(path), kFileName);
+    vxConfigPath(path, sizeof(path), kSettingsFileName);
     apr_finfo_t info{};
     if (vx_stat(path, &info) != 0 || info.size == 0) {
         VX_TRACE(1, kControlThread, kError, "%s was of 0 size", path);

@@ -19,6 +19,8 @@
 
 namespace vx {
 
+inline constexpr const char* kSettingsFileName = "vxsettings.conf";
+
 extern std::mutex vxSettingsFileMutex;
 
 // 0 when the collector host was given and the settings are complete, 1 when the file is still needed.

@@ -45,6 +45,10 @@ INSTANTIATE_TEST_SUITE_P(
          "port 1111 vxcPort 7892 udp 0/10 mem 1/20/2048"},
         {"connection_type_1_behind_port", "vxcPort=7892\nproxyConType=1\n",
          "port 1111 vxcPort 0 udp 0/10 mem 1/20/2048"},
+        {"no_numbers",
+         "proxyPort=x\nproxyPort=2000x\nproxyPort=70000\nvxcPort=-1\nproxyudpTimeout=1 s\nnumUDPThreads=ten\n"
+         "memUsageThresholdPct=\xff\n",
+         "port 1111 vxcPort 0 udp 0/10 mem 1/20/2048"},
         {"case_is_ignored", "PROXYPORT=2000\n", "port 2000 vxcPort 0 udp 0/10 mem 1/20/2048"},
         {"a_longer_word_is_taken", "proxyPortal=2000\n", "port 2000 vxcPort 0 udp 0/10 mem 1/20/2048"},
         {"an_empty_value_is_not", "proxyPort=\nproxyPort\n", "port 1111 vxcPort 0 udp 0/10 mem 1/20/2048"},
@@ -82,6 +86,27 @@ TEST_F(ProxySettingsFile, TheCollectorHostGoesIntoTheFirstRecordAndAnInvalidOneN
     EXPECT_EQ(first.port, 443) << "the context's port, not the one just read";
     EXPECT_EQ(first.state, 1);
     EXPECT_EQ(app->collectors.num_vxc_config, 1);
+}
+
+TEST_F(ProxySettingsFile, CeilingsKeepToTheirBounds) {
+    std::string good, bad;
+    for (const VXProxyRow& row : vxProxyRows()) {
+        if (!row.ceiling) continue;
+        good += std::string(row.key) + "=" + std::to_string(row.max) + "\n";
+        bad += std::string(row.key) + "=" + std::to_string(row.min - 1) + "\n" + row.key + "=" +
+               std::to_string(row.max + 1) + "\n" + row.key + "=1k\n";
+    }
+    const VXCeilings defaults = VXProxy.ceilings = {};
+    for (const std::string& file : {bad, good + bad}) {
+        write("proxysetting.conf", file);
+        readVXProxyConfig();
+        for (const VXProxyRow& row : vxProxyRows()) {
+            if (!row.ceiling) continue;
+            EXPECT_EQ(VXProxy.ceilings.*row.ceiling, file == bad ? defaults.*row.ceiling : row.max)
+                << row.key;
+        }
+    }
+    VXProxy.ceilings = {};
 }
 
 TEST_F(ProxySettingsFile, TheMemoryParserKnowsItsLines) {
