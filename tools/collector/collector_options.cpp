@@ -18,6 +18,7 @@ constexpr const char* kHelp =
     "  --listen PORT       TCP port (0: any free port)\n"
     "  --host ADDRESS      address to listen on (default 0.0.0.0)\n"
     "  --keywords FILE     keywords of the start line, one key=value a line, in place of the default ones\n"
+    "  --files DIR         hands out the files of DIR (below)\n"
     "  --out DIR           writes every stream to a file in DIR\n"
     "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
     "  --port-file FILE    writes the port in use to FILE\n"
@@ -27,7 +28,21 @@ constexpr const char* kHelp =
     "  --no-start          waits for the command 'start' in place of starting by itself\n"
     "  --help, --version\n"
     "\n"
-    "Commands on standard input: start, stop, table, modify KEY=VALUE[;KEY=VALUE...], quit\n";
+    "Files: each file of DIR is named by its keyword (DIR/VXEntryPointsFile, DIR/BTRuleConfig,\n"
+    "DIR/vxMethodMonFile, ...), each instrumentation profile is DIR/instrProfile/NAME. The start line names\n"
+    "them with size and date, instances ask for those that are new to them, and a changed, new or removed "
+    "file\n"
+    "is told to every started instance within a second. A file has at most 64 MB. Files whose names begin "
+    "with\n"
+    "a dot are passed over; write a new version beside the old one and rename it.\n"
+    "\n"
+    "Commands on standard input (N: only the instance of that number, as printed when it connects):\n"
+    "  start, stop                       starts and stops instrumentation on all instances\n"
+    "  modify KEY=VALUE[;KEY=VALUE...]   changes keywords of all instances\n"
+    "  thread-dump [N], discover [N]     asks for a thread dump, or for the loaded classes\n"
+    "  metadata [N]                      asks for names and ids again\n"
+    "  reroute HOST PORT [N]             hands instances to another collector\n"
+    "  table, files, quit                prints the table, or the files handed out; ends\n";
 
 struct NumberRow {
     const char* name;
@@ -45,6 +60,7 @@ struct TextRow {
 constexpr auto kTexts = std::to_array<TextRow>({
     {"--host", &Options::listenHost},
     {"--keywords", &Options::keywordsFile},
+    {"--files", &Options::filesDir},
     {"--out", &Options::outDir},
     {"--retry-policy", &Options::retryPolicy},
     {"--port-file", &Options::portFile},

@@ -10,6 +10,7 @@ struct Options {
     int listenPort = -1;  // 0: a port of the system's choice, printed at start
     std::string listenHost = "0.0.0.0";
     std::string keywordsFile;               // one key=value a line; replaces the default keywords
+    std::string filesDir;                   // files to hand out; empty: none
     std::string outDir;                     // streams are written here when given
     std::string retryPolicy = "3%5%10%60";  // attempts % seconds % heartbeats missed % heartbeat period
     std::string portFile;                   // the bound port is written here when given

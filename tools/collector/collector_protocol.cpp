@@ -15,6 +15,7 @@ constexpr auto kKinds = std::to_array<KindRow>({
     {"vx_ctrl_msg_req:", StreamKind::kControl},
     {"vx_data_msg_req:", StreamKind::kData},
     {"auto_sensor_thread_hotspot_data_req:", StreamKind::kAutoSensor},
+    {"agent_post_data_req:", StreamKind::kDiscovery},
 });
 
 // Start of 2014 UTC in seconds: the epoch base of the default start line.
@@ -47,6 +48,9 @@ std::string_view fieldOf(std::string_view line, std::string_view key) {
 }
 
 Identity identityOf(std::string_view line) {
+    if (kindOf(line) == StreamKind::kDiscovery)
+        return {std::string(fieldOf(line, "Tier")), std::string(fieldOf(line, "Server")),
+                std::string(fieldOf(line, "Instance")), ""};
     return {std::string(fieldOf(line, "tierName")), std::string(fieldOf(line, "vxAppServerHost")),
             std::string(fieldOf(line, "appName")), std::string(fieldOf(line, "agentName"))};
 }
@@ -67,7 +71,8 @@ std::string connectReply(std::string_view connectLine, const Options& options, i
     return reply + ";procIndex=" + std::to_string(instance) + "\n";
 }
 
-std::string startLine(const std::string& keywords, const GivenIds& ids, int testIdx) {
+std::string startLine(const std::string& keywords, const std::string& fields, const GivenIds& ids,
+                      int testIdx) {
     std::string line = "vx_control_req:action=start_instrumentation;";
     line += "tierID=" + std::to_string(ids.tierID) + ";vxAppServerID=" + std::to_string(ids.vxAppServerID) +
             ";appID=" + std::to_string(ids.appID) + ";testIdx=" + std::to_string(testIdx) + ";";
@@ -76,7 +81,7 @@ std::string startLine(const std::string& keywords, const GivenIds& ids, int test
     } else {
         line += keywords + ";";
     }
-    return line + "\n";
+    return line + fields + "\n";
 }
 
 std::string stopLine() {
@@ -84,12 +89,45 @@ std::string stopLine() {
 }
 
 std::string modifyLine(std::string_view keywords) {
+    while (keywords.ends_with(';')) keywords.remove_suffix(1);
     return "vx_control_req:action=modify;" + std::string(keywords) + ";\n";
 }
 
 std::string heartbeatLine(int number) {
     return "vx_control_req:action=reconnect;heartBeat " + std::to_string(number) +
            ";dataConnState=1;AutosensorConnState=1;\n";
+}
+
+std::string threadDumpLine() {
+    return "vx_meta_data_req:action=get_thread_dump;\n";
+}
+
+std::string discoverLine(int testIdx) {
+    return "vxc_req:action=discover_loaded_classes;Id=" + std::to_string(testIdx) + ";\n";
+}
+
+std::string metadataLine() {
+    return "vx_meta_data_req:action=send_meta_data;\n";
+}
+
+std::string rerouteLine(std::string_view host, int port) {
+    return "vx_control_req:action=reroute_ctrl_con;vxcHost=" + std::string(host) +
+           ";vxcPort=" + std::to_string(port) + ";tier=ALL;server=ALL;instance=ALL;clusterMode=0;\n";
+}
+
+bool readFileRequest(std::string_view line, FileRequest& request) {
+    constexpr std::string_view kFile = "vx_control_req:action=send_file;";
+    constexpr std::string_view kProfile = "vx_control_req:action=send_instrumentation_profile;";
+    constexpr std::string_view kProfileField = "instrProfile=";
+    if (line.starts_with(kFile)) {
+        request = {FileKind::kKeyword, fieldOf(line.substr(kFile.size()), "keyword")};
+        return true;
+    }
+    if (!line.starts_with(kProfile)) return false;
+    const std::size_t at = line.find(kProfileField, kProfile.size());
+    request = {FileKind::kProfile,
+               at == std::string_view::npos ? std::string_view() : line.substr(at + kProfileField.size())};
+    return true;
 }
 
 bool readKeywords(const std::string& path, std::string& keywords, std::string& error) {

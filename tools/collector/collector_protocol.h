@@ -8,11 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "tools/collector/collector_files.h"
 #include "tools/collector/collector_options.h"
 
 namespace vx::collector {
 
-enum class StreamKind { kUnknown, kControl, kData, kAutoSensor };
+enum class StreamKind { kUnknown, kControl, kData, kAutoSensor, kDiscovery };
 // Kind of a connection by its first line.
 StreamKind kindOf(std::string_view firstLine);
 
@@ -38,11 +39,23 @@ GivenIds idsOf(Identities& identities, const Identity& identity);
 // The reply to a connect line. Names state, retryPolicy and ProtoVersion within its first five fields, and
 // the protocol, with the very port, that the agent says it has.
 std::string connectReply(std::string_view connectLine, const Options& options, int instance);
-// The start line: `keywords` is "key=value;key=value" or empty for the default ones.
-std::string startLine(const std::string& keywords, const GivenIds& ids, int testIdx);
+// The start line: `keywords` is "key=value;key=value" or empty for the default ones, `fields` what
+// startFields() says of the files.
+std::string startLine(const std::string& keywords, const std::string& fields, const GivenIds& ids,
+                      int testIdx);
 std::string stopLine();
 std::string modifyLine(std::string_view keywords);
 std::string heartbeatLine(int number);
+std::string threadDumpLine();
+std::string discoverLine(int testIdx);
+std::string metadataLine();
+std::string rerouteLine(std::string_view host, int port);
+// An instance's request for a file; `name` borrows from the line.
+struct FileRequest {
+    FileKind kind;
+    std::string_view name;
+};
+bool readFileRequest(std::string_view line, FileRequest& request);
 // Reads a keywords file into "key=value;key=value"; '#' starts a comment line. False with `error` set.
 bool readKeywords(const std::string& path, std::string& keywords, std::string& error);
 

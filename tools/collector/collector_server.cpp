@@ -14,6 +14,8 @@
 #include <ctime>
 #include <vector>
 
+#include "tools/collector/collector_commands.h"
+
 namespace vx::collector {
 
 namespace {
@@ -21,6 +23,8 @@ namespace {
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr std::size_t kTableRows = 20;
 constexpr int kReadsPerTurn = 16;  // one busy stream must not starve the others
+constexpr std::size_t kShownLineMax = 400;
+constexpr auto kLookEvery = std::chrono::milliseconds(250);
 
 std::chrono::steady_clock::duration secondsOf(double seconds) {
     return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -50,6 +54,8 @@ const char* kindText(StreamKind kind) {
             return "data";
         case StreamKind::kAutoSensor:
             return "auto-sensor";
+        case StreamKind::kDiscovery:
+            return "discovery";
         default:
             return "unknown";
     }
@@ -57,7 +63,8 @@ const char* kindText(StreamKind kind) {
 
 }  // namespace
 
-CollectorServer::CollectorServer(const Options& options) : options_(options), wanted_(options.autoStart) {
+CollectorServer::CollectorServer(const Options& options)
+    : options_(options), wanted_(options.autoStart), files_(options.filesDir) {
     if (wanted_) testIdx_ = 1;
 }
 
@@ -69,6 +76,7 @@ CollectorServer::~CollectorServer() {
 bool CollectorServer::open(std::string& error) {
     if (!options_.keywordsFile.empty() && !readKeywords(options_.keywordsFile, keywords_, error))
         return false;
+    if (!files_.open(error)) return false;
     if (!options_.outDir.empty() && ::mkdir(options_.outDir.c_str(), 0755) != 0 && errno != EEXIST) {
         error = systemError(options_.outDir.c_str());
         return false;
@@ -110,6 +118,12 @@ void CollectorServer::run(const volatile int& stopRequested) {
             heartbeatAll();
             nextHeartbeat_ = now + secondsOf(std::max(0.1, options_.heartbeatSeconds));
         }
+        if (now >= nextLook_) {
+            files_.look();
+            nextLook_ = now + kLookEvery;
+        }
+        for (Connection& connection : connections_)
+            if (connection.kind == StreamKind::kControl) advance(connection, now);
         if (terminal && now >= nextTable_) {
             printTable("so far");
             nextTable_ = now + secondsOf(std::max(0.2, options_.tableSeconds));
@@ -212,6 +226,7 @@ void CollectorServer::takeLine(Connection& connection, std::string_view line) {
             takeRecord(line, names_[connection.identity.text()], summary_);
             break;
         case StreamKind::kAutoSensor:
+        case StreamKind::kDiscovery:
             break;
     }
 }
@@ -234,9 +249,15 @@ void CollectorServer::takeFirstLine(Connection& connection, std::string_view lin
     if (wanted_) start(connection);
 }
 
+// Everything but the pulse of an instance is shown: answers, errors, thread dumps.
 void CollectorServer::takeControlLine(Connection& connection, std::string_view line) {
-    if (line.starts_with("vx_control_rep:")) {
-        std::printf("%s %s\n", connection.identity.text().c_str(), std::string(line).c_str());
+    connection.orders.heard(line, Clock::now());
+    FileRequest request{};
+    if (readFileRequest(line, request)) {
+        sendFile(connection, request);
+    } else if (!line.empty() && !line.starts_with("vx_control_req:action=reconnect;")) {
+        std::printf("%s %s\n", connection.identity.text().c_str(),
+                    std::string(line.substr(0, kShownLineMax)).c_str());
         std::fflush(stdout);
     }
 }
@@ -255,32 +276,52 @@ void CollectorServer::keepLine(Connection& connection, std::string_view line) {
     std::fputc('\n', connection.file.get());
 }
 
-void CollectorServer::send(Connection& connection, const std::string& text) {
-    if (connection.out.size() + text.size() > kMaxOut) {
-        std::fprintf(stderr, "vxcollector: %s does not read, connection closed\n", connection.peer.c_str());
-        connection.closing = true;
-        return;
-    }
-    connection.out += text;
+void CollectorServer::sendFile(Connection& connection, const FileRequest& request) {
+    const auto answer = files_.answer(request.kind, request.name);
+    const std::string_view head = std::string_view(*answer).substr(0, answer->find('\n'));
+    std::printf("%s asks for a file: %s\n", connection.identity.text().c_str(), std::string(head).c_str());
+    std::fflush(stdout);
+    if (!connection.out.addFile(answer)) return closeDeaf(connection);
     flush(connection);
 }
 
-void CollectorServer::flush(Connection& connection) {
-    while (!connection.out.empty() && !connection.closing) {
-        const ssize_t sent =
-            ::send(connection.fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
-        if (sent > 0) {
-            connection.out.erase(0, static_cast<std::size_t>(sent));
-            continue;
-        }
-        if (errno == EAGAIN || errno == EINTR) return;
-        connection.closing = true;
-    }
+void CollectorServer::send(Connection& connection, std::string text) {
+    if (!connection.out.addLine(std::move(text))) return closeDeaf(connection);
+    flush(connection);
 }
 
+void CollectorServer::closeDeaf(Connection& connection) {
+    std::fprintf(stderr, "vxcollector: %s does not read, connection closed\n", connection.peer.c_str());
+    connection.closing = true;
+}
+
+void CollectorServer::flush(Connection& connection) {
+    if (connection.closing) return;
+    if (!connection.out.flush(connection.fd)) connection.closing = true;
+    if (!connection.out.empty()) connection.orders.stillSending(Clock::now());
+}
+
+void CollectorServer::order(Connection& connection, const std::string& line, bool hasAnswer) {
+    if (!connection.orders.add(line, hasAnswer)) return closeDeaf(connection);
+    advance(connection, Clock::now());
+}
+
+// A start of what runs already is ignored at the other end, answer included.
 void CollectorServer::start(Connection& connection) {
+    if (!connection.started) connection.told = files_.present();
+    const std::string line = startLine(keywords_, startFields(files_.present()), connection.ids, testIdx_);
+    order(connection, line, !connection.started);
     connection.started = true;
-    send(connection, startLine(keywords_, connection.ids, testIdx_));
+}
+
+// Sends the orders whose turn it is, and behind them what has changed among the files.
+void CollectorServer::advance(Connection& connection, Clock::time_point now) {
+    if (connection.started && connection.orders.idle() && connection.told != files_.present()) {
+        connection.orders.add(modifyLine(changedFields(connection.told, files_.present())), true);
+        connection.told = files_.present();
+    }
+    std::string line;
+    while (!connection.closing && connection.orders.next(line, now)) send(connection, std::move(line));
 }
 
 void CollectorServer::startAll() {
@@ -295,13 +336,14 @@ void CollectorServer::stopAll() {
     for (Connection& connection : connections_)
         if (connection.kind == StreamKind::kControl && connection.started) {
             connection.started = false;
-            send(connection, stopLine());
+            order(connection, stopLine(), true);
         }
 }
 
-void CollectorServer::modifyAll(const std::string& keywords) {
+void CollectorServer::orderAll(const std::string& line, bool hasAnswer, int instance) {
     for (Connection& connection : connections_)
-        if (connection.kind == StreamKind::kControl) send(connection, modifyLine(keywords));
+        if (connection.kind == StreamKind::kControl && (!instance || connection.ids.instance == instance))
+            order(connection, line, hasAnswer);
 }
 
 void CollectorServer::heartbeatAll() {
@@ -318,30 +360,10 @@ void CollectorServer::readCommands() {
     }
     commandText_.append(bytes, static_cast<std::size_t>(got));
     for (std::size_t end = 0; (end = commandText_.find('\n')) != std::string::npos;) {
-        command(commandText_.substr(0, end));
+        runCommand(commandText_.substr(0, end), *this);
         commandText_.erase(0, end + 1);
     }
     if (commandText_.size() > kMaxLine) commandText_.clear();
-}
-
-bool CollectorServer::command(const std::string& line) {
-    if (line == "start") {
-        startAll();
-    } else if (line == "stop") {
-        stopAll();
-    } else if (line == "table") {
-        printTable("so far");
-    } else if (line == "quit") {
-        quit_ = true;
-    } else if (line.starts_with("modify ")) {
-        modifyAll(line.substr(7));
-    } else if (!line.empty()) {
-        std::fprintf(stderr,
-                     "vxcollector: unknown command '%s' (start, stop, table, modify KEY=VALUE, quit)\n",
-                     line.c_str());
-        return false;
-    }
-    return true;
 }
 
 void CollectorServer::dropClosed() {
@@ -364,13 +386,27 @@ void CollectorServer::printTable(const char* title) {
     printSummary(summary_, stdout, kTableRows);
 }
 
+void CollectorServer::printFiles() {
+    const auto print = [](const char* kind, const FileMarks& marks) {
+        for (const auto& [name, mark] : marks)
+            std::printf("%s %s: %lld bytes, date %lld\n", kind, name.c_str(),
+                        static_cast<long long>(mark.size), static_cast<long long>(mark.lmd));
+    };
+    print("file", files_.present().keywords);
+    print("instrumentation profile", files_.present().profiles);
+    for (const std::string& text : files_.passedOver()) std::printf("not handed out: %s\n", text.c_str());
+    std::printf("%zu files, %zu instrumentation profiles\n", files_.present().keywords.size(),
+                files_.present().profiles.size());
+    std::fflush(stdout);
+}
+
 void CollectorServer::announce(const char* what, const Connection& connection) {
     const std::time_t now = std::time(nullptr);
     char time[16] = "";
     std::tm broken{};
     if (::localtime_r(&now, &broken)) std::strftime(time, sizeof(time), "%H:%M:%S", &broken);
-    std::printf("%s %s connection of %s %s (%s)\n", time, kindText(connection.kind),
-                connection.identity.text().c_str(), what, connection.peer.c_str());
+    std::printf("%s %s connection of %s (instance %d) %s (%s)\n", time, kindText(connection.kind),
+                connection.identity.text().c_str(), connection.ids.instance, what, connection.peer.c_str());
     std::fflush(stdout);
 }
 

@@ -3,11 +3,13 @@
 //     control connection   connect line -> reply, start line, heartbeats; stop and modify on command
 //     data, auto-sensor    lines to a file and, for data, to the summary
 //
-// A slow or silent peer never holds up the others: reads are as they come, replies wait in a bounded
-// outgoing text per connection.
+//     discovery            lines to a file
 //
-// Limits    A line of at most kMaxLine bytes (a longer one closes its connection), kMaxOut bytes waiting
-//           to go out, kMaxConnections connections.
+// A slow or silent peer never holds up the others: reads are as they come, and what goes out waits in a
+// bounded queue per connection.
+//
+// Limits    A line of at most kMaxLine bytes (a longer one closes its connection), kMaxConnections
+//           connections.
 // Threads   One.
 #pragma once
 
@@ -19,7 +21,10 @@
 #include <memory>
 #include <string>
 
+#include "tools/collector/collector_files.h"
 #include "tools/collector/collector_options.h"
+#include "tools/collector/collector_orders.h"
+#include "tools/collector/collector_out.h"
 #include "tools/collector/collector_protocol.h"
 #include "tools/collector/collector_records.h"
 #include "tools/collector/collector_summary.h"
@@ -27,7 +32,6 @@
 namespace vx::collector {
 
 inline constexpr std::size_t kMaxLine = 256 * 1024;
-inline constexpr std::size_t kMaxOut = 1024 * 1024;
 inline constexpr std::size_t kMaxConnections = 4096;
 
 struct FileCloser {
@@ -40,10 +44,13 @@ struct Connection {
     std::string peer;
     Identity identity;
     GivenIds ids{};
-    std::string in;   // bytes of a line that has not ended
-    std::string out;  // bytes waiting to go out
+    std::string in;  // bytes of a line that has not ended
+    OutQueue out;
     bool closing = false;
-    bool started = false;  // control: a start line has gone out and no stop since
+    // Control connections:
+    Orders orders;
+    bool started = false;  // a start was ordered and no stop since
+    FileSet told;          // the files that the instance knows of
     int heartbeats = 0;
     std::unique_ptr<std::FILE, FileCloser> file;
 };
@@ -60,9 +67,18 @@ public:
     int port() const { return port_; }
     // Runs until quit, the run time is over, or stopRequested. Prints tables as the options say.
     void run(const volatile int& stopRequested);
-    // One command line as on standard input; false for an unknown one (the reason is printed).
-    bool command(const std::string& line);
     const Summary& summary() const { return summary_; }
+    const FileStore& files() const { return files_; }
+
+    // Orders of the commands.
+    void startAll();
+    void stopAll();
+    // To every instance, or to the one of that number.
+    void orderAll(const std::string& line, bool hasAnswer, int instance = 0);
+    int testRun() const { return testIdx_; }
+    void printTable(const char* title);
+    void printFiles();
+    void quit() { quit_ = true; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -77,16 +93,16 @@ private:
     void takeControlLine(Connection& connection, std::string_view line);
     void openStreamFile(Connection& connection);
     void keepLine(Connection& connection, std::string_view line);  // in the stream's file
-    void send(Connection& connection, const std::string& text);
+    void sendFile(Connection& connection, const FileRequest& request);
+    void send(Connection& connection, std::string text);
     void flush(Connection& connection);
+    void closeDeaf(Connection& connection);
+    void order(Connection& connection, const std::string& line, bool hasAnswer);
     void start(Connection& connection);
-    void startAll();
-    void stopAll();
-    void modifyAll(const std::string& keywords);
+    void advance(Connection& connection, Clock::time_point now);
     void heartbeatAll();
     void readCommands();
     void dropClosed();
-    void printTable(const char* title);
     void announce(const char* what, const Connection& connection);
 
     Options options_;
@@ -100,10 +116,11 @@ private:
     int streams_ = 0;
     Connections connections_;
     Identities identities_;
+    FileStore files_;
     std::map<std::string, InstanceNames> names_;  // by identity text
     Summary summary_;
     std::string commandText_;
-    Clock::time_point nextTable_, nextHeartbeat_;
+    Clock::time_point nextTable_, nextHeartbeat_, nextLook_;
 };
 
 }  // namespace vx::collector
