@@ -43,6 +43,45 @@ std::string nameOf(const std::unordered_map<std::int64_t, std::string>& names, s
     return found != names.end() ? found->second : std::string(kind) + " " + std::to_string(id);
 }
 
+// A name as the agent gave it: "&#46;" and the like are undone.
+std::string unescaped(const std::string& name) {
+    std::string out;
+    for (std::size_t at = 0; at < name.size(); ++at) {
+        std::string_view rest = std::string_view(name).substr(at);
+        std::int64_t code = 0;
+        if (rest.starts_with("&#") && (rest.remove_prefix(2), takeNumber(rest, code)) &&
+            takeChar(rest, ';') && code >= ' ' && code < 127) {
+            out += static_cast<char>(code);
+            at = name.size() - rest.size() - 1;
+        } else {
+            out += name[at];
+        }
+    }
+    return out;
+}
+
+const char* targetText(std::int64_t target) {
+    switch (target) {
+        case 1:
+            return "HTTP";
+        case 8:
+            return "custom";
+        case 13:
+            return "MQ";
+        default:
+            return "DB";
+    }
+}
+
+void takeCallout(const BlobItem& item, const InstanceNames& names, Summary& summary) {
+    BackendRow& row = backendRow(summary, unescaped(nameOf(names.methods, item.methodId, "back-end")));
+    row.target = targetText(item.target);
+    ++row.count;
+    if (item.failed) ++row.errors;
+    row.totalUs += item.us;
+    row.maxUs = std::max(row.maxUs, item.us);
+}
+
 void takeBlob(std::string_view blob, const InstanceNames& names, Summary& summary) {
     BlobItem item;
     while (takeBlobItem(blob, item)) {
@@ -53,6 +92,8 @@ void takeBlob(std::string_view blob, const InstanceNames& names, Summary& summar
             ++row.exits;
             row.totalMs += item.ms;
             row.maxMs = std::max(row.maxMs, item.ms);
+        } else if (item.kind == BlobItem::Kind::kCallout) {
+            takeCallout(item, names, summary);
         }
     }
 }
@@ -102,6 +143,21 @@ bool takeEnd(std::string_view rest, InstanceNames& names, Summary& summary) {
     return true;
 }
 
+// "91,id,tier,own tier,instance,server,own server,own instance,NA": who calls, as its chain says.
+bool takeCaller(std::string_view rest, InstanceNames&, Summary& summary) {
+    enum { kId, kTier, kOwnTier, kInstance, kServer, kFields };
+    std::array<std::string_view, kFields> field;
+    for (std::string_view& text : field) {
+        if (rest.empty()) return false;
+        text = takeUntil(rest, ',');
+    }
+    std::string name(field[kTier]);
+    name.append("/").append(field[kServer]).append("/").append(field[kInstance]).append(" (");
+    name.append(field[kId]).append(") -> ").append(field[kOwnTier]);
+    ++callerRow(summary, name).announced;
+    return true;
+}
+
 struct RecordRow {
     int number;
     bool (*take)(std::string_view rest, InstanceNames& names, Summary& summary);
@@ -111,7 +167,20 @@ constexpr auto kRecords = std::to_array<RecordRow>({
     {4, takeEnd},
     {5, takeMethodName},
     {7, takeBtName},
+    {91, takeCaller},
 });
+
+// "T4:7:1.500:10:-:3::::200_" behind its letter: number, back-end, milliseconds with three decimals, target.
+bool takeCalloutItem(std::string_view& rest, BlobItem& item) {
+    std::string_view text = takeUntil(rest, '_');
+    std::int64_t number = 0, ms = 0, fraction = 0;
+    if (!takeNumber(text, number) || !takeChar(text, ':') || !takeNumber(text, item.methodId) ||
+        !takeChar(text, ':') || !takeNumber(text, ms) || !takeChar(text, '.') ||
+        !takeNumber(text, fraction) || !takeChar(text, ':') || !takeNumber(text, item.target))
+        return false;
+    item.us = ms * 1000 + fraction;
+    return true;
+}
 
 }  // namespace
 
@@ -119,14 +188,20 @@ bool takeBlobItem(std::string_view& blob, BlobItem& item) {
     std::string_view rest = blob;
     if (rest.empty()) return false;
     const char first = rest.front();
+    item = {};
     if (first == 'T' || first == 'E' || first == 'e') {
-        item = {first == 'e' ? BlobItem::Kind::kException : BlobItem::Kind::kCallout, 0, 0};
-        takeUntil(rest, '_');
+        item.kind = first == 'e' ? BlobItem::Kind::kException : BlobItem::Kind::kCallout;
+        item.failed = first == 'E';
+        rest.remove_prefix(1);
+        if (first == 'e') {
+            takeUntil(rest, '_');
+        } else if (!takeCalloutItem(rest, item)) {
+            return false;
+        }
         blob = rest;
         return true;
     }
     std::int64_t thread = 0, direction = 0, sequence = 0, cpu = 0;
-    item = {};
     if (!takeNumber(rest, item.methodId) || !takeChar(rest, ':') || !takeNumber(rest, thread)) return false;
     if (takeChar(rest, ':')) {  // "1:url": the item's own fields stand behind the text's last "_0_"
         const std::size_t end = rest.find("_0_");

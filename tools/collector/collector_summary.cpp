@@ -62,6 +62,30 @@ void printMethods(const Summary& summary, std::FILE* out, std::size_t most) {
     if (rows.size() > most) std::fprintf(out, "... and %zu more\n", rows.size() - most);
 }
 
+void printBackends(const Summary& summary, std::FILE* out, std::size_t most) {
+    if (summary.backends.empty()) return;
+    std::fprintf(out, "\n%-53s %6s %10s %10s %10s %8s\n", "BACK-END", "kind", "callouts", "errors", "avg ms",
+                 "max ms");
+    auto rows = sorted(summary.backends, [](const BackendRow& row) { return row.count; });
+    for (std::size_t i = 0; i < rows.size() && i < most; ++i) {
+        const BackendRow& row = *rows[i].second;
+        std::fprintf(out, "%-53.53s %6s %10llu %10llu %10.1f %8.1f\n", std::string(rows[i].first).c_str(),
+                     row.target, wide(row.count), wide(row.errors), average(row.totalUs, row.count) / 1000,
+                     static_cast<double>(row.maxUs) / 1000);
+    }
+    if (rows.size() > most) std::fprintf(out, "... and %zu more\n", rows.size() - most);
+}
+
+void printCallers(const Summary& summary, std::FILE* out, std::size_t most) {
+    if (summary.callers.empty()) return;
+    std::fprintf(out, "\n%-60s %10s\n", "CALLER", "announced");
+    auto rows = sorted(summary.callers, [](const CallerRow& row) { return row.announced; });
+    for (std::size_t i = 0; i < rows.size() && i < most; ++i)
+        std::fprintf(out, "%-60.60s %10llu\n", std::string(rows[i].first).c_str(),
+                     wide(rows[i].second->announced));
+    if (rows.size() > most) std::fprintf(out, "... and %zu more\n", rows.size() - most);
+}
+
 }  // namespace
 
 BtRow& btRow(Summary& summary, std::string_view name) {
@@ -69,6 +93,13 @@ BtRow& btRow(Summary& summary, std::string_view name) {
 }
 MethodRow& methodRow(Summary& summary, std::string_view name) {
     return rowOf(summary.methods, name);
+}
+
+BackendRow& backendRow(Summary& summary, std::string_view name) {
+    return rowOf(summary.backends, name);
+}
+CallerRow& callerRow(Summary& summary, std::string_view name) {
+    return rowOf(summary.callers, name);
 }
 
 void addTransaction(Summary& summary, BtRow& row, int category, std::int64_t durationMs) {
@@ -99,12 +130,17 @@ void printSummary(const Summary& summary, std::FILE* out, std::size_t most) {
     printBts(summary, out, most);
     std::fputc('\n', out);
     printMethods(summary, out, most);
+    printBackends(summary, out, most);
+    printCallers(summary, out, most);
     std::uint64_t discarded = 0;
     for (const auto& [name, row] : summary.bts) discarded += row.discarded;
     std::fprintf(out,
                  "\ntransactions %llu, discarded by sender %llu, records %llu, unreadable %llu, bytes %llu\n",
                  wide(summary.transactions), wide(discarded), wide(summary.records), wide(summary.unreadable),
                  wide(summary.bytes));
+    std::fputs("records by number:", out);
+    for (const auto& [number, count] : summary.byNumber) std::fprintf(out, " %d=%llu", number, wide(count));
+    std::fputc('\n', out);
     std::fflush(out);
 }
 

@@ -35,7 +35,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"exit_without_cpu", "5:77_1_30____9:1_0_1__", BlobItem::Kind::kExit, 5, 30, "9:1_0_1__"},
         {"exit_with_cpu", "5:77_1_30_4___9:1_0_1__", BlobItem::Kind::kExit, 5, 30, "9:1_0_1__"},
         {"exit_with_sequence", "5:77_1:8_30_4___", BlobItem::Kind::kExit, 5, 30, ""},
-        {"callout", "T4:7:1.500:1:-:3::::200_5:1_1_2____", BlobItem::Kind::kCallout, 0, 0, "5:1_1_2____"},
+        {"callout", "T4:7:1.500:1:-:3::::200_5:1_1_2____", BlobItem::Kind::kCallout, 7, 0, "5:1_1_2____"},
         {"exception", "e12_5:1_1_2____", BlobItem::Kind::kException, 0, 0, "5:1_1_2____"},
     }),
     vx::test::byName);
@@ -76,6 +76,25 @@ TEST_F(TakeRecord, AddsTransactionsUpByTheNamesOfTheStream) {
     EXPECT_EQ(summary.unreadable, 0u);
 }
 
+TEST_F(TakeRecord, AddsCalloutsUpByTheNamesOfTheirBackEnds) {
+    take("5,HTTP_10&#46;0&#46;0&#46;1&#58;80,8");
+    take("5,DB_orders,9");
+    take(
+        "4,1,200,10,0,40,2,0,,0,T4:8:1.500:1:-:3::::200_E5:8:2.007:1:-:3:502:::_5:1_1_2____T6:9:0.250:10:0:3:"
+        ":::200:_");
+    const BackendRow& web = summary.backends.at("HTTP_10.0.0.1:80");
+    EXPECT_STREQ(web.target, "HTTP");
+    EXPECT_EQ(web.count, 2u);
+    EXPECT_EQ(web.errors, 1u);
+    EXPECT_EQ(web.totalUs, 3507);
+    EXPECT_EQ(web.maxUs, 2007);
+    EXPECT_STREQ(summary.backends.at("DB_orders").target, "DB");
+    EXPECT_EQ(summary.methods.at("method 5").exits, 1u);
+    take("91,7,Front,Back,shop1,host1,host2,shop2,NA");
+    EXPECT_EQ(summary.callers.at("Front/host1/shop1 (7) -> Back").announced, 1u);
+    EXPECT_EQ(summary.unreadable, 0u);
+}
+
 TEST_F(TakeRecord, ReadsTheBlobBehindATagId) {
     take("4,100,200,10,0,40,2,0,,0,-1,7:5:1:/u,v_0_1__7:5_1_30____");
     EXPECT_EQ(summary.methods.at("method 7").exits, 1u);
@@ -90,9 +109,9 @@ TEST_F(TakeRecord, LeavesOutWhatTheSenderTookBack) {
 
 TEST_F(TakeRecord, CountsLinesThatAreNoRecordAndGoesOn) {
     for (const char* line :
-         {"x", "4,1", "4,a,200,10,0,1,2,0,,0,", "7,x,y", "5,name", "99999999999999999999,"})
+         {"x", "4,1", "4,a,200,10,0,1,2,0,,0,", "7,x,y", "5,name", "99999999999999999999,", "91,7,Front"})
         take(line);
-    EXPECT_EQ(summary.unreadable, 6u);
+    EXPECT_EQ(summary.unreadable, 7u);
     EXPECT_EQ(summary.records, 0u);
 }
 
