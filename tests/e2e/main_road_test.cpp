@@ -11,17 +11,6 @@ namespace {
 
 using collector::Summary;
 
-// Value of `key` in a line of key=value pairs, summed over all lines that begin with `line`.
-long long reported(const std::string& output, const std::string& line, const std::string& key) {
-    long long sum = 0;
-    for (std::size_t at = output.find(line); at != std::string::npos; at = output.find(line, at + 1)) {
-        const std::size_t end = output.find('\n', at);
-        const std::size_t found = output.find(" " + key + "=", at);
-        if (found < end) sum += std::stoll(output.substr(found + key.size() + 2));
-    }
-    return sum;
-}
-
 class MainRoad : public EndToEnd {
 protected:
     // Runs a load to its end and answers how many transactions it says it sent.

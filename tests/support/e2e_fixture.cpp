@@ -47,8 +47,9 @@ void EndToEnd::startService(const std::string& moreSettings) {
     const std::string config = dir.path() + "/proxy/config";
     std::filesystem::create_directories(config);
     std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n";
+    const int told = collectorRelayPort ? collectorRelayPort : collectorPort;
     std::ofstream(config + "/vxsettings.conf")
-        << "vxcHost=127.0.0.1\nvxcPort=" << collectorPort << "\nVXC_COMM_PROTOCOL=TCP:" << collectorPort
+        << "vxcHost=127.0.0.1\nvxcPort=" << told << "\nVXC_COMM_PROTOCOL=TCP:" << told
         << "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n"
         << moreSettings;
     Program::Setup setup;
@@ -61,7 +62,8 @@ void EndToEnd::startService(const std::string& moreSettings) {
 
 std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments, const std::string& name) {
     Program::Setup setup;
-    setup.arguments = {programPath("vxagent"), "load", "--proxy", "127.0.0.1:" + std::to_string(proxyPort)};
+    setup.arguments = {programPath("vxagent"), "load", "--proxy",
+                       "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort)};
     setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
     setup.outputFile = dir.path() + "/" + name + ".log";
     return std::make_unique<Program>(setup);
@@ -93,6 +95,16 @@ std::string EndToEnd::traceText() const {
     std::string out;
     for (const std::string& path : filesOf(dir.path() + "/proxy/logs", "vx_trace_")) out += fileText(path);
     return out;
+}
+
+long long reported(const std::string& output, const std::string& line, const std::string& key) {
+    long long sum = 0;
+    for (std::size_t at = output.find(line); at != std::string::npos; at = output.find(line, at + 1)) {
+        const std::size_t end = output.find('\n', at);
+        const std::size_t found = output.find(" " + key + "=", at);
+        if (found < end) sum += std::stoll(output.substr(found + key.size() + 2));
+    }
+    return sum;
 }
 
 }  // namespace vx::test

@@ -32,8 +32,14 @@ protected:
     TempDir dir;
     int collectorPort = freePort();
     int proxyPort = freePort();
+    // Ports of relays in between: what the service is told of the collector, what agents are told of it; 0:
+    // none.
+    int collectorRelayPort = 0, proxyRelayPort = 0;
     int collectors = 0;  // started so far
     std::unique_ptr<Program> collector, service;
 };
+
+// Value of `key` in the lines of key=value pairs that begin with `line`, summed.
+long long reported(const std::string& output, const std::string& line, const std::string& key);
 
 }  // namespace vx::test

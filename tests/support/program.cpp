@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -111,6 +113,21 @@ std::string fileText(const std::string& path) {
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
+}
+
+long residentKb(pid_t pid) {
+    const std::string status = fileText("/proc/" + std::to_string(pid) + "/status");
+    const std::size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : std::strtol(status.c_str() + at + 6, nullptr, 10);
+}
+
+int descriptorsOf(pid_t pid) {
+    std::error_code gone;
+    int count = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone))
+        count += entry.path().empty() ? 0 : 1;
+    return gone ? -1 : count;
 }
 
 }  // namespace vx::test

@@ -1,0 +1,172 @@
+// Connections that are lost at every stage, on both sides of the service.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+
+#include "tests/support/by_name.h"
+#include "tests/support/e2e_fixture.h"
+#include "tests/support/raw_agent.h"
+#include "tests/support/record_stream.h"
+#include "tests/support/tcp_relay.h"
+
+namespace vx::test {
+namespace {
+
+using Kind = Fault::Kind;
+
+constexpr long kMaxGrowthKb = 2048;
+
+class Loss : public EndToEnd {
+protected:
+    std::uint64_t arrived() const { return summaryOfStreams().transactions; }
+    // True once so many transactions have come that some must have been sent after the call.
+    bool deliversAgain() {
+        const std::uint64_t before = arrived();
+        return eventually([&] { return arrived() > before + 60; }, 30);
+    }
+    bool restsAt(int descriptors) {
+        return eventually([&] { return descriptorsOf(service->pid()) == descriptors; });
+    }
+};
+
+struct Stage {
+    const char* name;
+    std::vector<Fault> faults;  // one connection each, one after the other
+};
+class LossOfTheCollector : public Loss, public testing::WithParamInterface<Stage> {};
+
+// Whatever is lost and whenever, the collector gets whole records, and the service holds no more than before.
+TEST_P(LossOfTheCollector, IsFollowedByAConnectionThatDelivers) {
+    startCollector();
+    TcpRelay relay(collectorPort);
+    collectorRelayPort = relay.port();
+    startService();
+    const auto agent = startLoad({"--rate", "300", "--duration", "60"});
+    ASSERT_TRUE(deliversAgain()) << traceText();
+    const int descriptors = descriptorsOf(service->pid());
+    for (std::size_t i = 0; i < GetParam().faults.size(); ++i) {
+        const int struck = relay.struck();
+        relay.add(GetParam().faults[i]);
+        relay.endAll(i % 2 == 0);
+        ASSERT_TRUE(eventually([&] { return relay.struck() > struck; }, 30)) << "fault " << i << traceText();
+        EXPECT_TRUE(deliversAgain()) << "fault " << i << "\n" << traceText();
+    }
+    EXPECT_TRUE(service->running());
+    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
+    EXPECT_TRUE(restsAt(descriptors)) << descriptors << " before, " << descriptorsOf(service->pid());
+}
+
+const std::string kControl = "vx_ctrl_msg_req:", kData = "vx_data_msg_req:";
+const std::string kStart = "action=start_instrumentation";
+INSTANTIATE_TEST_SUITE_P(
+    At, LossOfTheCollector,
+    testing::ValuesIn<Stage>({
+        {"connect",
+         {{.kind = Kind::kCut, .times = 2},
+          {.kind = Kind::kReset},
+          {.kind = Kind::kCut, .connection = kControl, .bytes = 40}}},
+        {"the_reply",
+         {{.kind = Kind::kReset, .way = Way::kDown, .connection = kControl},
+          {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .bytes = 30},
+          {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .behind = "state=1"}}},
+        {"the_start_line",
+         {{.kind = Kind::kReset, .way = Way::kDown, .connection = kControl, .behind = kStart},
+          {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .behind = kStart, .bytes = 20},
+          {.kind = Kind::kCut, .way = Way::kUp, .connection = kControl, .behind = kStart, .bytes = 5}}},
+        {"a_heartbeat",
+         {{.kind = Kind::kReset, .way = Way::kDown, .connection = kControl, .behind = "heartBeat 2"},
+          {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .behind = "heartBeat 2"}}},
+        {"the_data_line",
+         {{.kind = Kind::kCut, .connection = kData},
+          {.kind = Kind::kReset, .connection = kData, .bytes = 20}}},
+        {"replay", {{.kind = Kind::kReset, .connection = kData, .behind = "\n5,", .bytes = 3}}},
+    }),
+    byName);
+
+class LossOfAgents : public Loss {};
+
+TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
+    startCollector();
+    startService();
+    TcpRelay relay(proxyPort);
+    proxyRelayPort = relay.port();
+    const auto agent = startLoad({"--rate", "300", "--duration", "60"});
+    ASSERT_TRUE(deliversAgain()) << traceText();
+    const int descriptors = descriptorsOf(service->pid());
+    const Fault faults[] = {
+        {.kind = Kind::kCut},
+        {.kind = Kind::kReset, .connection = kControl, .bytes = 40},
+        {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .bytes = 10},
+        {.kind = Kind::kReset, .way = Way::kDown, .connection = kControl, .behind = kStart, .bytes = 9},
+        {.kind = Kind::kCut, .connection = kData},
+        {.kind = Kind::kReset, .connection = kData, .bytes = 50},
+        {.kind = Kind::kCut, .connection = kData, .behind = "\n^", .bytes = 9},
+        {.kind = Kind::kReset, .connection = kData, .bytes = 100000},
+        {.kind = Kind::kSlow, .connection = kControl, .piece = 1, .pauseUs = 1},
+        {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 7, .pauseUs = 1000},
+    };
+    for (std::size_t i = 0; i < std::size(faults); ++i) {
+        const int struck = relay.struck();
+        relay.add(faults[i]);
+        relay.endAll(i % 2 == 0);
+        ASSERT_TRUE(eventually([&] { return relay.struck() > struck; })) << "fault " << i;
+        EXPECT_TRUE(deliversAgain()) << "fault " << i << "\n" << traceText();
+    }
+    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
+    EXPECT_TRUE(restsAt(descriptors)) << descriptors << " before, " << descriptorsOf(service->pid());
+}
+
+// Reads that end anywhere in a record, even in its header, cost nothing.
+TEST_F(LossOfAgents, DataInPiecesOfAnySizeLosesNothing) {
+    startCollector();
+    startService();
+    TcpRelay relay(proxyPort);
+    proxyRelayPort = relay.port();
+    relay.add({.kind = Kind::kSlow, .connection = kData, .behind = "\n^", .piece = 997, .pauseUs = 1});
+    const auto agent = startLoad({"--rate", "300", "--duration", "2"});
+    ASSERT_EQ(agent->wait(60), 0) << agent->output();
+    EXPECT_EQ(relay.struck(), 1);
+    const auto sent = static_cast<std::uint64_t>(reported(agent->output(), "total", "transactions"));
+    EXPECT_TRUE(eventually([&] { return arrived() >= sent; })) << sent << " sent, " << arrived();
+    EXPECT_EQ(arrived(), sent);
+    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
+}
+
+// Processes of the same application come and go, each with a pid of its own.
+TEST_F(LossOfAgents, ThousandsOfShortProcessesLeaveNothingBehind) {
+    startCollector();
+    startService();
+    constexpr int kRounds = 4, kPerRound = 1500;
+    std::int64_t pid = 100000, flowpath = std::int64_t{65536} << 46;
+    int highest = 0, descriptors = 0;
+    long resident = 0;
+    RawAgent first(proxyPort, "shop", 1);
+    ASSERT_TRUE(first.start());
+    for (int round = 0; round < kRounds; ++round) {
+        for (int i = 0; i < kPerRound; ++i) {
+            RawAgent agent(proxyPort, "shop", ++pid);
+            ASSERT_TRUE(agent.start()) << "process " << i << " of round " << round << "\n" << traceText();
+            highest = std::max(highest, agent.procIndex());
+            ++flowpath;
+            const std::string start = startFrame(flowpath, "/a", 1);
+            const std::string torn = start.substr(0, static_cast<std::size_t>(i) % start.size());
+            agent.openData().send("\n" + start + entryFrame(flowpath, "A.b", 2) + endFrame(flowpath, 200, 5) +
+                                  torn);
+            if (i % 3 == 0) agent.data().reset();  // the others end in order
+        }
+        ASSERT_TRUE(service->running());
+        if (round == 0) {
+            descriptors = descriptorsOf(service->pid());
+            resident = residentKb(service->pid());
+        }
+    }
+    EXPECT_LT(highest, 100) << "records of processes that have gone are not used again";
+    EXPECT_LT(residentKb(service->pid()) - resident, kMaxGrowthKb);
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors + 2; }))
+        << descriptors << " then, " << descriptorsOf(service->pid());
+    EXPECT_TRUE(eventually([&] { return arrived() > 0; }));
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,72 @@
+// An agent's connections by hand: for tests that send what no agent would, or come and go by the thousand.
+//
+//     RawAgent agent(proxyPort, "shop", 4711);
+//     ASSERT_TRUE(agent.start());                    // registered, and told to start
+//     agent.openData().send(startFrame(...));
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "tests/support/fake_collector.h"
+#include "tools/agent/vxagent_lines.h"
+
+namespace vx::test {
+
+// A connection to a port of loopback; false as a condition when it was refused.
+inline FakePeer connectTo(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return FakePeer(fd);
+    ::close(fd);
+    return FakePeer();
+}
+
+class RawAgent {
+public:
+    RawAgent(int proxyPort, const std::string& application, std::int64_t pid) {
+        identity_.host = "127.0.0.1";
+        identity_.port = proxyPort;
+        identity_.application = application;
+        identity_.tier = "Tier";
+        identity_.server = "host7";
+        identity_.agent = "raw";
+        identity_.agentType = "Dotnet";
+        identity_.pid = pid;
+    }
+    agent::Identity& identity() { return identity_; }
+
+    // Registers and waits for the start line.
+    bool start(double seconds = 20) {
+        control_ = connectTo(identity_.port);
+        if (!control_ || !control_.send(agent::controlLine(identity_, 0))) return false;
+        const auto lines = control_.readLinesUpTo("vx_control_req:action=start_instrumentation", seconds);
+        for (const std::string& line : lines) procIndex_ = agent::lastNumber(line, "procIndex", procIndex_);
+        ids_ = agent::startIds(lines.back());
+        return lines.back() != kNoLine;
+    }
+    const FakePeer& openData() {
+        data_ = connectTo(identity_.port);
+        data_.send(agent::dataLine(identity_, ids_));
+        return data_;
+    }
+    FakePeer& control() { return control_; }
+    FakePeer& data() { return data_; }
+    int procIndex() const { return procIndex_; }  // given by the proxy, -1 before
+
+private:
+    agent::Identity identity_;
+    agent::StartIds ids_;
+    FakePeer control_, data_;
+    int procIndex_ = -1;
+};
+
+}  // namespace vx::test
