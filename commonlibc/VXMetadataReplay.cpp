@@ -1,52 +1,68 @@
 #include "commonlibc/VXMetadataReplay.h"
 
-#include <cstring>
-
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
-#include "commonlibc/vxlb_hashMapMethod.h"
-#include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_writer.h"
 
 namespace vx {
 
 namespace {
 
-// Addresses noted under a table's lock.
-template <class T>
-class Noted {
-public:
-    explicit Noted(std::size_t room)
-        : items_(room ? static_cast<T**>(VXLB_MALLOC(room * sizeof(T*), "metadata replay", -1)) : nullptr),
-          room_(items_ ? room : 0) {}
-    ~Noted() { VXLB_FREE(items_, "metadata replay", -1); }
-    Noted(const Noted&) = delete;
-    Noted& operator=(const Noted&) = delete;
+constexpr int kPortion = 256;  // records looked at per turn of a table's lock
+constexpr std::int64_t kPauseUs = 50;
 
-    // False when there is no more room.
-    bool add(T* item) {
-        if (count_ < room_) items_[count_++] = item;
-        return count_ < room_;
-    }
-    T** begin() const { return items_; }
-    T** end() const { return items_ + count_; }
-
-private:
-    T** items_;
-    std::size_t room_;
-    std::size_t count_ = 0;
+// What is to be told. Names of methods and BTs never change and are never freed.
+struct Named {
+    const char* name;
+    std::int64_t id;
 };
 
-// A record may be filed under a second key: it counts under its own name only.
-bool noteMethod(const char* key, void* value, void* noted) {
-    auto* method = static_cast<mPP*>(value);
-    return key != method->methodName || static_cast<Noted<mPP>*>(noted)->add(method);
+const char* nameOf(const mPP& method) {
+    return method.methodName;
+}
+const char* nameOf(const BTObject& object) {
+    return object.btName;
 }
 
-bool noteBt(const char*, void* value, void* noted) {
-    return static_cast<Noted<BTObject>*>(noted)->add(static_cast<BTObject*>(value));
+// The id of a method in use, 0 of any other.
+std::int64_t idToTell(const mPP& method) {
+    if (method.usedFlag.load(std::memory_order_relaxed) != 1) return 0;
+    return method.methodId.load(std::memory_order_relaxed);
+}
+
+// The id of a BT that the manager map holds and no rule has left behind, 0 of any other; it counts as told.
+std::int64_t idToTell(BTObject& object) {
+    const std::int32_t id = object.btId.load(std::memory_order_relaxed);
+    if (id < kBtIdOthers || object.isStale.load(std::memory_order_relaxed)) return 0;
+    if (find_bt_obj_in_manager_map(object.btName) != &object) return 0;
+    object.metaDataDumped.store(1, std::memory_order_relaxed);
+    return id;
+}
+
+// Tells a list of records portion by portion, each noted under the table's lock and written without it. The
+// list only grows, and at its end: the place where a portion ended stays good, and what is added meanwhile
+// is met there.
+template <class T>
+void tellAll(apr_thread_mutex_t* mutex, T* const& first, T* T::*next, void (*tell)(const Named&)) {
+    const T* last = nullptr;
+    for (bool more = true; more;) {
+        Named noted[kPortion];
+        int count = 0;
+        {
+            VXGuard lock(mutex);
+            T* at = last ? last->*next : first;
+            for (int seen = 0; at && seen < kPortion; ++seen, at = at->*next) {
+                if (const std::int64_t id = idToTell(*at)) noted[count++] = {nameOf(*at), id};
+                last = at;
+            }
+            more = at != nullptr;
+        }
+        for (int i = 0; i < count; ++i) tell(noted[i]);
+        if (more) vxlb_sleep_us(kPauseUs);  // lets in who waits for the lock
+    }
 }
 
 struct ReplayRow {
@@ -63,30 +79,15 @@ constexpr ReplayRow kReplayRows[] = {
 
 void collectAndSendOnlyCached5Records(int, int) {
     VXMethodState_t& state = vxCurrent()->method;
-    VXGuard lock(state.mapMutex);
-    const methodHashMapNode_t* table = state.methodHashMapNode.load(std::memory_order_acquire);
-    if (!table) return;
-    Noted<mPP> methods(vxlb_map_count(table->map));
-    vxlb_map_each(table->map, noteMethod, &methods);
-    lock.unlock();
-
-    for (const mPP* method : methods)
-        if (method->usedFlag.load(std::memory_order_relaxed) == 1) dumpMetataFor5Record(method);
+    tellAll(state.mapMutex, state.firstMethod, &mPP::next, [](const Named& method) {
+        dumpMetataFor5Record(method.name, static_cast<std::uint32_t>(method.id));
+    });
 }
 
 void collectAndSendOnlyCached7Records(int, int) {
     VXBTState_t& bt = vxCurrent()->bt;
-    VXGuard lock(bt.btMapMutex);
-    Noted<BTObject> objects(vxlb_map_count(bt.managerMap));
-    vxlb_map_each(bt.managerMap, noteBt, &objects);
-    lock.unlock();
-
-    for (BTObject* object : objects) {
-        const std::int32_t id = object->btId.load(std::memory_order_relaxed);
-        if (id < kBtIdOthers || object->isStale.load(std::memory_order_relaxed)) continue;
-        object->metaDataDumped.store(1, std::memory_order_relaxed);
-        dumpBtMetaData(object->btName, id);
-    }
+    tellAll(bt.btMapMutex, bt.firstManaged, &BTObject::nextManaged,
+            [](const Named& object) { dumpBtMetaData(object.name, static_cast<std::int32_t>(object.id)); });
 }
 
 void dump11Record(int recordNumber) {

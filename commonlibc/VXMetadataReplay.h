@@ -1,7 +1,7 @@
 // Metadata replay: what a new data connection has to learn again.
 //
-// Each collector first notes what there is, under the lock of its table, and then writes outside it; what is
-// noted is never freed while the instance lives.
+// Each collector notes names and ids under the lock of its table, 256 records at a time, and writes them
+// without it. What is added while it runs is told too.
 //
 // Threads   The data thread behind a 99 record, the control thread at a run-time change. Current context.
 #pragma once

@@ -1,9 +1,12 @@
 #include "commonlibc/VXMethodManager.h"
 
+#include <apr_strings.h>
+
 #include <cstring>
 #include <new>
 
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXMethodClasses.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem.h"
@@ -20,11 +23,8 @@ constexpr std::size_t kRecordMax = 1023;
 constexpr std::size_t kKeySize = 1100;
 constexpr std::uint32_t kUnassignedId = 0xFFFFFFFF;
 constexpr std::uint8_t kSubtypeAnnounced = 1;
-constexpr std::int32_t kPropUnclassified = 3;
 constexpr const char* kOthersName = "Others";
 constexpr const char* kSqlDbName = "DB_SQLDB";
-constexpr const char* kSqlCallout = "SQL_CALLOUT";
-enum ResetKind { kProfile = 1, kMonitor = 2, kEntryPoints = 3 };
 
 struct BackendKind {
     std::uint8_t type;
@@ -44,37 +44,9 @@ constexpr BackendKind kBackendKinds[] = {
     {kTypeDb, 6, "COUCHBASE", "DB_COUCHBASE"}, {kTypeDb, 33, "DB2", "DB_DB2"},
 };
 
-struct CalloutRow {
-    const char* text;
-    std::uint16_t value;  // type in the low byte, subtype in the high one
-    bool isBackend;
-};
-constexpr CalloutRow kCallouts[] = {
-    {"CUSTOM_CALLOUT", 2054, true},  // by prefix, all others by the whole text
-    {"HTTP_CALLOUT", 769, true},       {kSqlCallout, 2562, true},
-    {"RABBITMQ_CALLOUT", 3341, true},  {"REDIS", 4098, true},
-    {"MONGO_DB", 3842, true},          {"ORACLE", 7170, true},
-    {"MYSQL_CALLOUT", 7426, true},     {"PG", 5122, true},
-    {"MEMCACHED", 1282, true},         {"ODBC", 7938, true},
-    {"CASSANDRA", 2306, true},         {"SQLITE", 8194, true},
-    {"DB2_CALLOUT", 8450, true},       {"FIREBIRD", 8706, true},
-    {"COUCHBASE_DB", 1538, true},      {"CUSTOM_LOG", 21331, false},
-    {"EXCEPTION_CALLOUT", 1799, true}, {"HTTP_ENTRY", 8960, false},
-    {"TX_EXIT", 1028, false},          {"ASYNC_CALL", 1284, false},
-    {"CUSTOM_ENTRY", 1542, false},
-};
-constexpr std::uint16_t kCustomLogValue = 21331;
-
 const BackendKind* findKind(std::uint8_t type, std::uint8_t subtype) {
     for (const BackendKind& kind : kBackendKinds)
         if (kind.type == type && (kind.subtype == kAnySubtype || kind.subtype == subtype)) return &kind;
-    return nullptr;
-}
-
-const CalloutRow* findCallout(const char* text) {
-    if (std::strncmp(text, kCallouts[0].text, std::strlen(kCallouts[0].text)) == 0) return &kCallouts[0];
-    for (const CalloutRow& row : kCallouts)
-        if (std::strcmp(text, row.text) == 0) return &row;
     return nullptr;
 }
 
@@ -90,6 +62,14 @@ mPP* search(const char* name, std::size_t length, const methodHashMapNode_t* tab
 }
 mPP* search(const char* name, const methodHashMapNode_t* table) {
     return search(name, std::strlen(name), table);
+}
+
+// A name as it was reported: what stands behind a terminator inside it does not count.
+mPP* searchReported(const char* name, std::size_t length, const methodHashMapNode_t* table) {
+    mPP* known = search(name, length, table);
+    if (known) return known;
+    const std::size_t real = strnlen(name, length);
+    return real < length ? search(name, real, table) : nullptr;
 }
 
 methodHashMapNode_t* currentTable(const vxApplication& app) {
@@ -116,25 +96,57 @@ mPP* reuseMethod(vxApplication& app, mPP* method) {
 mPP* reuseBackend(mPP* method, std::uint8_t subtype) {
     method->subtype.store(subtype, std::memory_order_relaxed);
     markMethodUsed(method);
+    checkAndIncrementAggrBackendDataArray(method);
     return method;
 }
 
+// A back-end's record under its own name; under the key too where that differs (the name is "Others").
 mPP* createBackend(vxApplication& app, methodHashMapNode_t* table, const char* name, const char* key,
                    std::uint8_t type, std::uint8_t subtype) {
     mPP* method = updateMethodHashMap(name, type, table->map, subtype);
-    if (!method) return nullptr;
-    if (type == kTypeCustom) takeMethodId(app.method);  // it has the id behind its own: nobody else may
-    if (type != kTypeHttp) return method;
-    method->aliasMethodName = vxlb_strdup(key);
-    if (method->aliasMethodName && std::strcmp(key, name) != 0)
-        modify_hashmap(method->aliasMethodName, method, table->map);
+    if (!method || type != kTypeHttp) return method;
+    setSharedText(app.retired, method->aliasMethodName, name);
+    if (std::strcmp(key, name) != 0) modify_hashmap(apr_pstrdup(table->map->pool, key), method, table->map);
+    return method;
+}
+
+// A record beyond the ceiling is not made. Lock held.
+bool isFull(vxApplication& app, const char* name) {
+    const std::int32_t ceiling = VXProxy.ceilings.maxMethods;
+    if (app.method.methodCount < static_cast<std::uint32_t>(ceiling < 0 ? 0 : ceiling)) return false;
+    if (!app.method.ceilingTraced)
+        VX_TRACE(1, kControlThread, kError, "maxMethods = %d methods are known, '%s' and others are ignored",
+                 ceiling, name);
+    app.method.ceilingTraced = 1;
+    return true;
+}
+
+// Whatever the ceiling. Lock held.
+mPP* makeRecord(vxApplication& app, const char* name, std::uint8_t type, std::uint8_t subtype) {
+    void* block = VXLB_MALLOC_AND_MEMSET(sizeof(mPP), "methodPropProperties", -1);
+    if (!block) return nullptr;
+    auto* method = new (block) mPP{};
+    method->methodName = vxlb_strdup(name);
+    if (!method->methodName) {
+        VXLB_FREE(block, "methodPropProperties", -1);
+        return nullptr;
+    }
+    std::uint32_t id = takeMethodId(app.method);
+    if (type == kTypeCustom) id = takeMethodId(app.method);
+    method->methodId.store(id, std::memory_order_relaxed);
+    method->type.store(type, std::memory_order_relaxed);
+    method->subtype.store(subtype, std::memory_order_relaxed);
+    method->delivery = app.method.delivery;
+    ++app.method.methodCount;
     return method;
 }
 
 // Finds or makes the record of a fixed name. Lock held.
-mPP* fixedMethod(methodHashMapNode_t* table, const char* name) {
-    mPP* method = search(name, table);
-    return method ? method : updateMethodHashMap(name, kTypePlain, table->map, kSubtypeAnnounced);
+mPP* fixedMethod(vxApplication& app, methodHashMapNode_t* table, const char* name) {
+    if (mPP* known = search(name, table)) return known;
+    mPP* method = makeRecord(app, name, kTypePlain, kSubtypeAnnounced);
+    if (method) vxFileMethod(method, table->map);
+    return method;
 }
 
 methodHashMapNode_t* makeTable(vxApplication& app) {
@@ -147,46 +159,51 @@ methodHashMapNode_t* makeTable(vxApplication& app) {
     return nullptr;
 }
 
-void resetMethod(mPP& method, int kind) {
-    const std::uint8_t type = method.type.load(std::memory_order_relaxed);
-    if (kind == kProfile && type == kTypePlain) {
-        method.usedFlag.store(0, std::memory_order_relaxed);
-        if (method.isEntryPointPtr.load(std::memory_order_relaxed) == 0 && method.subtype.load() < 1)
-            method.instrumentationProp = kPropUnclassified;
-        method.subtype.store(0, std::memory_order_relaxed);
-        method.instrumentationStatus = 0;
-    } else if (kind == kMonitor && type == kTypeMonitored) {
-        method.usedFlag.store(0, std::memory_order_relaxed);
-        method.isEntryPointPtr.fetch_and(~kMethodMonitored, std::memory_order_relaxed);
-    } else if (kind == kEntryPoints && type != kTypePlain && type != kTypeMonitored) {
-        method.usedFlag.store(0, std::memory_order_relaxed);
-        method.isEntryPointPtr.fetch_and(~kMethodBackend, std::memory_order_relaxed);
-        method.subtype.store(0, std::memory_order_relaxed);
-    }
+// What "Others" stands for beyond the limit of named back-ends; null where the limit is not met.
+const char* nameBeyondLimit(const vxApplication& app, int updateFlag) {
+    const bool met = updateFlag == 1 && app.method.backendCounter >= vx_word_get(app.VXSys.maxIPCount);
+    return met ? kOthersName : nullptr;
 }
 
 }  // namespace
 
 void hashMapForAgent() {
-    vxApplication& app = *vxCurrent();
     VXMethodLock lock;
-    methodHashMapNode_t* table = currentTable(app);
-    if (!table) table = makeTable(app);
+    methodHashMapNode_t* table = vxMethodTable();
     if (!table) return;
-
-    if (mPP* begin = fixedMethod(table, kBeginRequestName)) {
-        begin->isEntryPointPtr.fetch_or(kMethodEntryPoint, std::memory_order_relaxed);
-        markMethodUsed(begin);
-        app.method.beginRequest.store(begin, std::memory_order_release);
-    }
-    if (mPP* database = fixedMethod(table, kSqlDbName)) {
+    if (mPP* begin = vxFixBeginRequest(table)) markMethodUsed(begin);
+    if (mPP* database = vxFixSqlDb(table)) {
         updateEntryMap(database, kSqlCallout, 0);
         markMethodUsed(database);
-        checkAndIncrementAggrBackendDataArray(database);
-        app.method.dbSqlDb.store(database, std::memory_order_release);
     }
     table->ready.store(1, std::memory_order_relaxed);
+}
+
+methodHashMapNode_t* vxMethodTable() {
+    vxApplication& app = *vxCurrent();
+    methodHashMapNode_t* table = currentTable(app);
+    if (table) return table;
+    table = makeTable(app);
     app.method.methodHashMapNode.store(table, std::memory_order_release);
+    return table;
+}
+
+mPP* vxFixBeginRequest(methodHashMapNode_t* table) {
+    vxApplication& app = *vxCurrent();
+    mPP* begin = fixedMethod(app, table, kBeginRequestName);
+    if (!begin) return nullptr;
+    begin->isEntryPointPtr.fetch_or(kMethodEntryPoint, std::memory_order_relaxed);
+    app.method.beginRequest.store(begin, std::memory_order_release);
+    return begin;
+}
+
+mPP* vxFixSqlDb(methodHashMapNode_t* table) {
+    vxApplication& app = *vxCurrent();
+    mPP* database = fixedMethod(app, table, kSqlDbName);
+    if (!database) return nullptr;
+    checkAndIncrementAggrBackendDataArray(database);
+    app.method.dbSqlDb.store(database, std::memory_order_release);
+    return database;
 }
 
 mPP* getMethodPropFromMethodName(const char* name) {
@@ -197,39 +214,43 @@ mPP* vxFindMethod(const char* name, std::size_t length) {
     const vxApplication& app = *vxCurrent();
     VXGuard lock(app.method.mapMutex);
     const methodHashMapNode_t* table = currentTable(app);
-    return table ? search(name, length, table) : nullptr;
+    return table ? searchReported(name, length, table) : nullptr;
+}
+
+mPP* vxSearchMethod(const methodHashMapNode_t* table, const char* name) {
+    return search(name, table);
 }
 
 mPP* vxFindOrAddMethod(methodHashMapNode_t* table, const char* name, std::size_t length) {
-    if (!table || !name || length == 0) return nullptr;
+    if (!table || !name || length == 0 || !*name) return nullptr;
     vxApplication& app = *vxCurrent();
     VXGuard lock(app.method.mapMutex);
-    if (mPP* known = search(name, length, table)) return reuseMethod(app, known);
+    if (mPP* known = searchReported(name, length, table)) return reuseMethod(app, known);
     return updateMethodHashMap(name, kTypePlain, table->map, kSubtypeAnnounced);
 }
 
-mPP* createAndDumpMethodHashMap(const char* name, std::uint8_t type, std::uint8_t subtype) {
+mPP* vxNewMethod(const char* name, std::uint8_t type, std::uint8_t subtype) {
     vxApplication& app = *vxCurrent();
-    void* block = VXLB_MALLOC_AND_MEMSET(sizeof(mPP), "methodPropProperties", -1);
-    if (!block) return nullptr;
-    auto* method = new (block) mPP{};
-    method->methodName = vxlb_strdup(name);
-    if (!method->methodName) {
-        VXLB_FREE(block, "methodPropProperties", -1);
-        return nullptr;
-    }
-    std::uint32_t id = takeMethodId(app.method);
-    if (type == kTypeCustom) id = app.method.methodIdCounter;
-    method->methodId.store(id, std::memory_order_relaxed);
-    method->type.store(type, std::memory_order_relaxed);
-    method->subtype.store(subtype, std::memory_order_relaxed);
-    if (app.data.data_thread_running.load(std::memory_order_relaxed)) announceMethod(method);
+    return isFull(app, name) ? nullptr : makeRecord(app, name, type, subtype);
+}
+
+void vxFileMethod(mPP* method, VXMap* map) {
+    VXMethodState_t& state = vxCurrent()->method;
+    modify_hashmap(method->methodName, method, map);
+    (state.lastMethod ? state.lastMethod->next : state.firstMethod) = method;
+    state.lastMethod = method;
+}
+
+mPP* createAndDumpMethodHashMap(const char* name, std::uint8_t type, std::uint8_t subtype) {
+    mPP* method = vxNewMethod(name, type, subtype);
+    if (method && vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed))
+        announceMethod(method);
     return method;
 }
 
 mPP* updateMethodHashMap(const char* name, std::uint8_t type, VXMap* map, std::uint8_t subtype) {
     mPP* method = createAndDumpMethodHashMap(name, type, subtype);
-    if (method) modify_hashmap(method->methodName, method, map);
+    if (method) vxFileMethod(method, map);
     return method;
 }
 
@@ -244,35 +265,28 @@ mPP* searchAndUpdateMethodHashMap(const char* name, methodHashMapNode_t* table, 
 
     VXGuard lock(app.method.mapMutex);
     if (mPP* known = search(key, table)) return kind ? reuseBackend(known, subtype) : reuseMethod(app, known);
-    const char* newName = key;
-    if (updateFlag == 1 && app.method.backendCounter >= vx_word_get(app.VXSys.maxIPCount)) {
-        newName = kOthersName;
-        if (mPP* others = search(newName, table)) {
-            markMethodUsed(others);
-            return others;
-        }
-    }
-    mPP* method =
-        createBackend(app, table, newName, key, type, type == kTypePlain ? kSubtypeAnnounced : subtype);
+    const char* others = nameBeyondLimit(app, updateFlag);
+    if (mPP* known = others ? search(others, table) : nullptr)
+        return reuseBackend(known, known->subtype.load(std::memory_order_relaxed));
+    mPP* method = createBackend(app, table, others ? others : key, key, type,
+                                type == kTypePlain ? kSubtypeAnnounced : subtype);
     if (!method) return nullptr;
     if (kind) markMethodUsed(method);  // the replay has to name it, even if it is never asked for again
-    if (updateFlag) {
-        ++app.method.backendCounter;
-        checkAndIncrementAggrBackendDataArray(method);
-    }
+    if (updateFlag) ++app.method.backendCounter;
+    if (updateFlag || kind) checkAndIncrementAggrBackendDataArray(method);
     return method;
 }
 
 void announceMethod(mPP* method) {
     if (method->usedFlag.exchange(1, std::memory_order_relaxed)) return;
-    if (vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed)) dumpMetataFor5Record(method);
+    if (vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed))
+        dumpMetataFor5Record(method->methodName, method->methodId.load(std::memory_order_relaxed));
 }
 
-void dumpMetataFor5Record(const mPP* method) {
+void dumpMetataFor5Record(const char* name, std::uint32_t methodId) {
     char record[kRecordMax];
     VXWriter out(record, sizeof(record));
-    out.text("5,").recordText(method->methodName).put(',');
-    out.number(method->methodId.load(std::memory_order_relaxed)).endLine();
+    out.text("5,").recordText(name).put(',').number(methodId).endLine();
     dumpData(record, static_cast<std::int64_t>(out.length()));
 }
 
@@ -290,27 +304,6 @@ void releaseMethodTable(vxTD* slot) {
     if (!slot->methodTableHeld) return;
     slot->methodTableHeld = 0;
     if (slot->tlMethodTable) slot->tlMethodTable->flowpathCount.fetch_sub(1, std::memory_order_relaxed);
-}
-
-int updateEntryMap(mPP* method, const char* calloutText, int value) {
-    const CalloutRow* row = method && calloutText ? findCallout(calloutText) : nullptr;
-    if (!row) return 0;
-    method->type.store(static_cast<std::uint8_t>(row->value & 0xFF), std::memory_order_relaxed);
-    method->subtype.store(static_cast<std::uint8_t>(row->value >> 8), std::memory_order_relaxed);
-    if (row->isBackend) method->isEntryPointPtr.fetch_or(kMethodBackend, std::memory_order_relaxed);
-    if (row->value == kCustomLogValue) method->logLevel = value;
-    return 0;
-}
-
-void resetmethodHashMapNode(methodHashMapNode_t* node, int kind) {
-    if (!node) return;
-    vxlb_map_each(
-        node->map,
-        [](const char*, void* value, void* ofKind) {
-            resetMethod(*static_cast<mPP*>(value), *static_cast<int*>(ofKind));
-            return true;
-        },
-        &kind);
 }
 
 }  // namespace vx

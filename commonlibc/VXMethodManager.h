@@ -5,7 +5,8 @@
 // is described to the collector by its 5 record when it is first used while a data thread runs; what was
 // written before the stream stands is repeated by the replay.
 //
-// Limits    Named back-ends: maxIPCount, then "Others" takes the rest.
+// Limits    Named back-ends: maxIPCount, then "Others" takes the rest. Records: maxMethods; beyond it none is
+//           made, traced once in a run. The fixed records are made all the same.
 // Errors    Null where no record can be had; a failed allocation leaves the map as it was.
 // Threads   Method table lock (VXMethodLock) around every access to the map; functions take it unless
 //           "held" is said. See VXMethodState.h. All on the current context.
@@ -29,19 +30,32 @@ private:
 
 // Makes node and map if absent, the pseudo-method and "DB_SQLDB"; sets the ready flag.
 void hashMapForAgent();
+// The node, made if absent; null without memory. Lock held.
+methodHashMapNode_t* vxMethodTable();
+// The pseudo-method at the start of every transaction, and the entry of database calls without a name:
+// found or made, and described. Lock held.
+mPP* vxFixBeginRequest(methodHashMapNode_t* table);
+mPP* vxFixSqlDb(methodHashMapNode_t* table);
 // The record or null. vxFindMethod knows the length and is the one for the path of a record.
 mPP* getMethodPropFromMethodName(const char* name);
 mPP* vxFindMethod(const char* name, std::size_t length);
+// The same in a table. Lock held.
+mPP* vxSearchMethod(const methodHashMapNode_t* table, const char* name);
 // The record of a reported method, made if the name is new (searchAndUpdateMethodHashMap of type 0): for the
 // path of a record. `name` is terminated.
 mPP* vxFindOrAddMethod(methodHashMapNode_t* table, const char* name, std::size_t length);
-// A new record with the next id; its 5 record goes out when a data thread runs. Lock held. Type 6 takes the
-// id behind that one, and the caller raises the counter past it.
+// A new record with the next id (type 6: the id behind that one), not yet in the map; null beyond the
+// ceiling. Lock held.
+mPP* vxNewMethod(const char* name, std::uint8_t type, std::uint8_t subtype);
+// Puts a new record into the map, under its name. Lock held.
+void vxFileMethod(mPP* method, VXMap* map);
+// A new record whose 5 record goes out when a data thread runs; not yet in the map. Lock held.
 mPP* createAndDumpMethodHashMap(const char* name, std::uint8_t type, std::uint8_t subtype);
 // The same, and inserted under its name.
 mPP* updateMethodHashMap(const char* name, std::uint8_t type, VXMap* map, std::uint8_t subtype);
-// Back-end half of the method table: finds or creates by (type, subtype, name); null where type 1 has no
-// name. updateFlag 1 counts a new back-end against maxIPCount.
+// Back-end half of the method table: finds or creates by (type, subtype, name); null where its kind needs a
+// name and has none. updateFlag 1 counts a new back-end against maxIPCount. Every back-end it answers has a
+// slot in the back-end monitor.
 mPP* searchAndUpdateMethodHashMap(const char* name, methodHashMapNode_t* table, int updateFlag,
                                   std::uint8_t type, std::uint8_t subtype);
 // usedFlag := 1; the change from 0 writes the 5 record while a data thread runs.
@@ -49,14 +63,9 @@ void announceMethod(mPP* method);
 inline void markMethodUsed(mPP* method) {
     if (method->usedFlag.load(std::memory_order_relaxed) == 0) announceMethod(method);
 }
-void dumpMetataFor5Record(const mPP* method);
+void dumpMetataFor5Record(const char* name, std::uint32_t methodId);
 // References of flowpaths on the table.
 void takeMethodTable(vxTD* slot);
 void releaseMethodTable(vxTD* slot);
-// Callout table: sets type, subtype and flag bits by the text of an entry line; an unknown text changes
-// nothing. `value` is the log level of "CUSTOM_LOG". Always 0.
-int updateEntryMap(mPP* method, const char* calloutText, int value);
-// Before a text is read again, by kind of text: 1 profile, 2 method monitor, 3 entry points. Lock held.
-void resetmethodHashMapNode(methodHashMapNode_t* node, int kind);
 
 }  // namespace vx

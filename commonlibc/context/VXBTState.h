@@ -31,6 +31,7 @@ struct BTObject {
     std::atomic<std::uint32_t> isStale;
     std::atomic<std::int32_t> slowThreshold, verySlowThreshold;  // ms
     std::int32_t selfId, parentId;                               // -1: none
+    BTObject* nextManaged;                                       // list of what the manager map has held
 };
 
 // Values of rule_mode, include_uri_in_name_order and seg_type.
@@ -111,6 +112,8 @@ struct VXBTState_t {
     std::int32_t total_bt_count;  // last id handed out; btMapMutex
     VXMap* managerMap;
     VXMap* configMap;
+    BTObject* firstManaged;  // every object that the manager map has held, in that order; btMapMutex
+    BTObject* lastManaged;
     apr_thread_mutex_t* btMapMutex;
     std::atomic<VXBTGlobalRule*> global_rule;  // swapped under the decode lock
     std::atomic<std::int32_t> applicableRule;  // 0 none, 1 global, 7 pattern

@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "commonlibc/context/VXBTState.h"
+#include "commonlibc/vxlb_text.h"
 
 namespace vx {
 
@@ -27,26 +28,24 @@ inline constexpr std::uint8_t kTypePlain = 0, kTypeHttp = 1, kTypeDb = 2, kTypeM
                               kTypeMq = 13;
 inline constexpr const char* kBeginRequestName = "Profiler.Zorvanek.BeginRequest";
 
-struct VXTextList {
-    char* text;
-    VXTextList* next;
-};
-
 struct methodPropProperties {
     std::atomic<std::uint8_t> type, subtype;
     std::uint8_t isSkippedByProfile, skipFlag2;  // the two bytes of the php method filter
     char* moduleName;
-    char* methodName;  // the map's key
-    char* aliasMethodName;
-    char* calloutText;
+    char* methodName;                            // the map's key; never changes
+    VXSharedText aliasMethodName;                // display name; the back-end's name for type 1; null: none
+    char* calloutText;                           // behind ":" of the callout field; null: none
     std::atomic<std::uint32_t> methodId;         // UINT32_MAX (-1): not assigned
     std::atomic<std::uint32_t> isEntryPointPtr;  // flag word
     std::atomic<std::uint32_t> usedFlag;         // 1: in use and described to the collector
     std::atomic<std::uint32_t> urlFlag;          // an entry item of this method carries the URL
     std::int32_t instrumentationProp, instrumentationStatus, logLevel;
-    methodPropProperties* customBackend;  // the second record
-    VXTextList* arguments;
+    std::atomic<methodPropProperties*> customBackend;  // the second record
+    char* arguments;                                   // argumentCount terminated texts, one behind another
+    std::uint32_t argumentCount;
     char* returnType;
+    std::uint32_t delivery;      // the last delivery of a text that classified it, or in which it was made
+    methodPropProperties* next;  // in the order of their making
     char calloutKey[32];
     std::int64_t keyTime;
 };
@@ -79,7 +78,11 @@ struct VXMethodState_t {
     apr_pool_t* pool;  // the slots' mutexes; mapMutex
     apr_thread_mutex_t* mapMutex;
     std::atomic<methodHashMapNode_t*> methodHashMapNode;
-    std::uint32_t methodIdCounter;            // next id; starts at 1; mapMutex
+    std::uint32_t methodIdCounter;  // next id, above every id given out; starts at 1; mapMutex
+    mPP* firstMethod;               // every record, in the order of their making; mapMutex
+    mPP* lastMethod;
+    std::uint32_t methodCount;                // records; mapMutex
+    std::uint32_t delivery;                   // number of the present delivery of a text; mapMutex
     std::atomic<mPP*> beginRequest;           // the entry of kBeginRequestName
     std::atomic<mPP*> dbSqlDb;                // the entry of "DB_SQLDB"
     std::int32_t backendCounter;              // named back-ends; mapMutex

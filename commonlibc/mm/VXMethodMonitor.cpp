@@ -44,6 +44,7 @@ void VXMethodMonitorInit() {
     {
         VXGuard guard(app.method.mapMutex);
         vxAggStart(array, slotMaker(app));
+        app.method.ceilingTraced = 0;
     }
     vxAggEach(array, 0, [](VXMethodMonitorDataCounters& slot) {
         VXGuard guard(slot.mutex);

@@ -260,7 +260,12 @@ BTObject* find_bt_obj_in_manager_map(const char* name) {
 }
 
 void insert_in_hasmap(const char*, BTObject* object, VXMap* map) {
+    VXBTState_t& bt = vxCurrent()->bt;
     modify_hashmap(object->btName, object, map);  // the map keeps the key: the object's own name
+    const bool listed = object->nextManaged || bt.lastManaged == object;
+    if (map != bt.managerMap || listed) return;
+    (bt.lastManaged ? bt.lastManaged->nextManaged : bt.firstManaged) = object;
+    bt.lastManaged = object;
 }
 
 void dumpBtMetaData(const char* name, std::int32_t id) {

@@ -54,8 +54,9 @@ inline void freeMethodTable(VXMethodState_t& method) {
     methodHashMapNode_t* table = method.methodHashMapNode.exchange(nullptr);
     if (!table) return;
     for (mPP* record : valuesOf<mPP>(table->map)) {
-        VXLB_FREE(record->methodName, "text copy", -1);
-        VXLB_FREE(record->aliasMethodName, "text copy", -1);
+        for (char* text : {record->methodName, record->moduleName, record->calloutText, record->returnType,
+                           record->arguments, const_cast<char*>(record->aliasMethodName.get())})
+            VXLB_FREE(text, "text copy", -1);
         VXLB_FREE(record, "methodPropProperties", -1);
     }
     VXLB_FREE(table, "methodHashMapNode", -1);

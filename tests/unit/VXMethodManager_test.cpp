@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "commonlibc/VXMethodClasses.h"
 #include "tests/support/knowledge_fixture.h"
 
 namespace vx::test {
@@ -55,10 +56,7 @@ TEST_F(MethodTable, ANewNameGetsTheNextIdAndOneRecord) {
 
 TEST_F(MethodTable, AForgottenMethodIsDescribedAgainWithItsFirstUse) {
     mPP* method = report("m");
-    {
-        VXMethodLock lock;
-        resetmethodHashMapNode(table, 1);
-    }
+    resetmethodHashMapNode(table, 1);
     clearDumped(*app);
     markMethodUsed(report("m"));
     EXPECT_EQ(dumpedText(*app), "5,m,3\n");
@@ -106,7 +104,7 @@ TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
 TEST_F(MethodTable, ABackendIsFoundAgainAndTakesTheSubtypeOfTheCall) {
     mPP* http = backend("h", kTypeHttp, 3);
     EXPECT_EQ(http->type, kTypeHttp);
-    EXPECT_STREQ(http->aliasMethodName, "HTTP_h");
+    EXPECT_STREQ(http->aliasMethodName.get(), "HTTP_h");
     EXPECT_EQ(backend("h", kTypeHttp, 4), http);
     EXPECT_EQ(http->subtype, 4);
     EXPECT_EQ(vxAggSlot(app->method.backendArr, http->methodId)->mpp, http);
@@ -144,26 +142,6 @@ TEST_F(MethodTable, AFlowpathCountsOnItsTableOnce) {
     EXPECT_EQ(table->flowpathCount, 0);
 }
 
-TEST_F(MethodTable, ACalloutTextSetsTypeSubtypeAndBackendFlag) {
-    struct Row {
-        const char* text;
-        int type, subtype;
-        std::uint32_t flags;
-        std::int32_t logLevel;
-    };
-    for (const Row& row :
-         {Row{"CUSTOM_CALLOUTX", 6, 8, kMethodBackend, 0}, Row{"HTTP_CALLOUTX", 0, 0, 0, 0},
-          Row{"HTTP_CALLOUT", 1, 3, kMethodBackend, 0}, Row{"ORACLE", 2, 28, kMethodBackend, 0},
-          Row{"CUSTOM_LOG", 83, 83, 0, 7}, Row{"HTTP_ENTRY", 0, 35, 0, 0}}) {
-        mPP method{};
-        EXPECT_EQ(updateEntryMap(&method, row.text, 7), 0);
-        EXPECT_EQ(method.type, row.type) << row.text;
-        EXPECT_EQ(method.subtype, row.subtype) << row.text;
-        EXPECT_EQ(method.isEntryPointPtr, row.flags) << row.text;
-        EXPECT_EQ(method.logLevel, row.logLevel) << row.text;
-    }
-}
-
 TEST_F(MethodTable, AResetTouchesOnlyMethodsOfItsKind) {
     struct Row {
         std::uint8_t type;
@@ -180,7 +158,6 @@ TEST_F(MethodTable, AResetTouchesOnlyMethodsOfItsKind) {
         method->type = row.type;
         method->usedFlag = 1;
         method->isEntryPointPtr = kAll;
-        VXMethodLock lock;
         resetmethodHashMapNode(table, row.kind);
         EXPECT_EQ(method->usedFlag, row.used) << int{row.type} << ' ' << row.kind;
         EXPECT_EQ(method->isEntryPointPtr, row.flags) << int{row.type} << ' ' << row.kind;
