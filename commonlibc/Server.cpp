@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/ServerHeartbeat.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vx_upcalls.h"
@@ -22,7 +23,7 @@ constexpr auto kLineRows = std::to_array<LineRow>({
     {kStartPrefix, handleStartInstrumentation},
     {kHeartbeatPrefix, handleHeartbeat},
     {"vx_meta_data_req:action=send_meta_data;", [](char* line) { VX_UPCALL(handleMetaDataRequest, line); }},
-    {"vxc_req:action=discover_loaded_classes", [](char* line) { VX_UPCALL(handleDiscoveryRequest, line); }},
+    {"vxc_req:action=discover_loaded_classes", handleDiscoveryRequest},
     {"vx_control_req:action=stop_instrumentation", handleStopInstrumentation},
     {kModifyPrefix, handleModify},
     {"vx_control_req:action=reroute_ctrl_con", [](char* line) { VX_UPCALL(parseReRouteMessage, line); }},
@@ -32,8 +33,7 @@ constexpr auto kLineRows = std::to_array<LineRow>({
      [](char* line) { VX_UPCALL(parseAutoInstrClientMsgAndSendResp, line); }},
     {"Dynamic_Diagnostics_req:action=ai_status;",
      [](char* line) { VX_UPCALL(parseDDClientMsgAndSendResp, line); }},
-    {"vx_meta_data_req:action=get_thread_dump;",
-     [](char* line) { VX_UPCALL(handleThreadDumpRequest, line); }},
+    {"vx_meta_data_req:action=get_thread_dump;", handleThreadDumpRequest},
     {"VexalineMessage 2.0;", [](char* line) { VX_UPCALL(HandleVexalineMessage, line); }},
 });
 

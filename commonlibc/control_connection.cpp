@@ -5,6 +5,7 @@
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXConnectMessages.h"
 #include "commonlibc/VXProtocol.h"
+#include "commonlibc/control_outbox.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -106,7 +107,8 @@ void send_control_conn_heartbeat_to_vxc() {
         return;
     }
     char error[kSockErrorSize] = "";
-    if (vxlb_send_n_bytes(control.controlSocket.get(), line, length, error) < 0) giveUpHeartbeat(error);
+    if (!vxOutboxFinish(app) || vxlb_send_n_bytes(control.controlSocket.get(), line, length, error) < 0)
+        giveUpHeartbeat(error);
 }
 
 void get_ip_and_port() {

@@ -4,12 +4,14 @@
 #include <apr_poll.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "commonlibc/ServerStop.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/control_lines.h"
+#include "commonlibc/control_outbox.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -21,47 +23,81 @@ namespace vx {
 
 namespace {
 
-constexpr std::int64_t kPollStepUs = 1000000;
+constexpr std::chrono::microseconds kPollStep{1000000};
 constexpr std::int64_t kErrorPauseUs = 10000;
 constexpr apr_int16_t kWatched = APR_POLLIN | APR_POLLERR | APR_POLLHUP | APR_POLLNVAL;
+
+using WaitClock = std::chrono::steady_clock;
 
 const char* errorText(apr_status_t status, char (&buffer)[kSockErrorSize]) {
     return apr_strerror(status, buffer, sizeof(buffer));
 }
 
-// One socket, watched in a pool of this connection.
+// The connection's socket, watched in a pool of this connection. Other threads may wake the wait as long as
+// the outbox names its pollset.
 class SocketWatch {
 public:
+    explicit SocketWatch(vxApplication& app) : app_(app) {}
+    ~SocketWatch() {
+        if (set_) vxOutboxClose(app_);
+    }
+    SocketWatch(const SocketWatch&) = delete;
+    SocketWatch& operator=(const SocketWatch&) = delete;
+
     // False when it could not be made (traced).
     bool open(apr_socket_t* socket) {
         char error[kSockErrorSize];
-        apr_status_t status = apr_pollset_create(&set_, 1, pool_.get(), 0);
+        apr_pollset_t* set = nullptr;
+        apr_status_t status = apr_pollset_create(&set, 1, pool_.get(), APR_POLLSET_WAKEABLE);
         if (status != APR_SUCCESS) {
             VX_TRACE(1, kControlThread, kError,
                      "handle_msg_from_vxc check: Error in creating poll. Error: %s\n",
                      errorText(status, error));
             return false;
         }
-        apr_pollfd_t descriptor{};
-        descriptor.desc_type = APR_POLL_SOCKET;
-        descriptor.reqevents = kWatched;
-        descriptor.desc.s = socket;
-        status = apr_pollset_add(set_, &descriptor);
-        if (status == APR_SUCCESS) return true;
-        VX_TRACE(1, kControlThread, kError, "handle_msg_from_vxc check:Could not add fd to poll. Error: %s\n",
-                 errorText(status, error));
-        return false;
+        entry_.desc_type = APR_POLL_SOCKET;
+        entry_.reqevents = kWatched;
+        entry_.desc.s = socket;
+        status = apr_pollset_add(set, &entry_);
+        if (status != APR_SUCCESS) {
+            VX_TRACE(1, kControlThread, kError,
+                     "handle_msg_from_vxc check:Could not add fd to poll. Error: %s\n",
+                     errorText(status, error));
+            return false;
+        }
+        set_ = set;
+        vxOutboxOpen(app_, set_);
+        return true;
     }
-    // APR_SUCCESS when the socket signals, APR_TIMEUP, or the poll's error.
-    apr_status_t wait(std::int64_t us) {
+    // APR_SUCCESS when the socket has something to be read, or is at its end. APR_TIMEUP. APR_EINTR when it
+    // was woken, or has room for what waits in the outbox. The poll's error.
+    apr_status_t wait(std::chrono::microseconds time) {
         apr_int32_t count = 0;
         const apr_pollfd_t* signalled = nullptr;
-        const apr_status_t status = apr_pollset_poll(set_, us, &count, &signalled);
-        return status == APR_SUCCESS && count == 0 ? APR_TIMEUP : status;
+        const apr_status_t status = apr_pollset_poll(set_, time.count(), &count, &signalled);
+        if (status != APR_SUCCESS) return status;
+        if (count == 0) return APR_TIMEUP;
+        return signalled->rtnevents == APR_POLLOUT ? APR_EINTR : APR_SUCCESS;
+    }
+    // Sends what the outbox holds, as far as the socket takes it; for the rest the wait ends when there is
+    // room. False when the connection is gone.
+    bool sendOutbox() {
+        const VXOutboxState state = vxOutboxSend(app_);
+        return state != VXOutboxState::kBroken && watchRoom(state == VXOutboxState::kWaits);
     }
 
 private:
+    bool watchRoom(bool wanted) {
+        const auto events = static_cast<apr_int16_t>(wanted ? kWatched | APR_POLLOUT : kWatched);
+        if (entry_.reqevents == events) return true;
+        apr_pollset_remove(set_, &entry_);
+        entry_.reqevents = events;
+        return apr_pollset_add(set_, &entry_) == APR_SUCCESS;
+    }
+
+    vxApplication& app_;
     VXPool pool_{nullptr};
+    apr_pollfd_t entry_{};
     apr_pollset_t* set_ = nullptr;  // ends with the pool
 };
 
@@ -71,13 +107,17 @@ bool loopMustEnd(const vxApplication& app) {
     return linkStopAsked(app) || app.identity.udpTimeoutFlag;
 }
 
-// The whole poll time in steps; ends early with an event, an error or an order.
+// The whole poll time in steps; ends early with bytes, an error or an order. What other threads leave for the
+// collector goes out meanwhile and does not count as a sign of life.
 apr_status_t waitForBytes(const vxApplication& app, SocketWatch& watch) {
-    const std::int64_t pollTime = app.control.pollTimeUs ? app.control.pollTimeUs : kControlPollUs;
-    const std::int64_t step = std::min(kPollStepUs, pollTime);
-    for (std::int64_t waited = 0; waited < pollTime; waited += step) {
-        const apr_status_t status = watch.wait(step);
-        if (!APR_STATUS_IS_TIMEUP(status)) return status;
+    const std::chrono::microseconds pollTime(app.control.pollTimeUs ? app.control.pollTimeUs
+                                                                    : kControlPollUs);
+    const auto end = WaitClock::now() + pollTime;
+    for (auto left = pollTime; left.count() > 0;
+         left = std::chrono::duration_cast<std::chrono::microseconds>(end - WaitClock::now())) {
+        if (!watch.sendOutbox()) return APR_SUCCESS;  // the read finds the end
+        const apr_status_t status = watch.wait(std::min(kPollStep, left));
+        if (!APR_STATUS_IS_TIMEUP(status) && !APR_STATUS_IS_EINTR(status)) return status;
         if (loopMustEnd(app) || app.control.closeCtrlConFlag) return APR_EINTR;
     }
     return APR_TIMEUP;
@@ -151,7 +191,7 @@ int handle_msg_from_vxc_lws(ctrlBufInfo_t* info) {
 int handle_msg_from_vxc(ctrlBufInfo_t* info) {
     vxApplication& app = *vxCurrent();
     apr_socket_t* socket = app.control.controlSocket.get();
-    SocketWatch watch;
+    SocketWatch watch(app);
     if (!socket || !watch.open(socket)) return 1;
     refreshBuild();
     processControlConnectionMessage(info);  // what arrived with the reply

@@ -73,8 +73,6 @@ namespace vx {
     X(setInstProfile, void(char* value, const char* keyword, int index))                                \
     X(parseReRouteMessage, void(char* line))                                                            \
     X(handleMetaDataRequest, void(char* line))                                                          \
-    X(handleDiscoveryRequest, void(char* line))                                                         \
-    X(handleThreadDumpRequest, void(char* line))                                                        \
     X(handleUploadDownload, void(char* line))                                                           \
     X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
     X(parseDDClientMsgAndSendResp, void(char* line))                                                    \
@@ -94,7 +92,6 @@ namespace vx {
     X(openDiscovery, void())                                                                            \
     X(forwardDiscoveryLine, bool(const char* line))                                                     \
     X(dumpAndSendDataToVXC, bool(const char* data, std::int32_t length))                                \
-    X(sendThreadDataToVXC, void(char* text))                                                            \
     X(vx_check_log_file, void())                                                                        \
     X(startMemoryWatch, void())
 

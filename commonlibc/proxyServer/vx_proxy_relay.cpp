@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registration.h"
 #include "commonlibc/vx_upcalls.h"
@@ -70,7 +71,7 @@ bool takeGCDump(AgentLine& line) {
 
 bool takeThreadDump(AgentLine& line) {
     std::replace(line.text, line.text + std::strlen(line.text), '$', '\n');
-    VX_UPCALL(sendThreadDataToVXC, line.behindPrefix());
+    sendThreadDataToVXC(nullptr, line.behindPrefix(), nullptr, kThreadDumpSize);
     return true;
 }
 

@@ -51,12 +51,10 @@ protected:
 TEST_P(ServerDispatch, TheFirstRowThatFitsTakesTheLine) {
     reached.clear();
     vxUpcalls.handleMetaDataRequest = [](char*) { note("metadata"); };
-    vxUpcalls.handleDiscoveryRequest = [](char*) { note("discovery"); };
     vxUpcalls.parseReRouteMessage = [](char*) { note("reroute"); };
     vxUpcalls.handleUploadDownload = [](char*) { note("file"); };
     vxUpcalls.parseAutoInstrClientMsgAndSendResp = [](char*) { note("auto"); };
     vxUpcalls.parseDDClientMsgAndSendResp = [](char*) { note("dynamic"); };
-    vxUpcalls.handleThreadDumpRequest = [](char*) { note("dump"); };
     vxUpcalls.HandleVexalineMessage = [](char*) { note("envelope"); };
     app->control.heartBeatSent = 4;
     app->control.lastHeartBeatTime = 0;
@@ -69,7 +67,6 @@ INSTANTIATE_TEST_SUITE_P(Lines, ServerDispatch,
                          testing::ValuesIn<DispatchRow>({
                              {"metadata", "vx_meta_data_req:action=send_meta_data;x", "metadata"},
                              {"metadata_needs_its_semicolon", "vx_meta_data_req:action=send_meta_data", ""},
-                             {"discovery", "vxc_req:action=discover_loaded_classes;1", "discovery"},
                              {"reroute", "vx_control_req:action=reroute_ctrl_con;vxcHost=a", "reroute"},
                              {"heartbeat_before_reroute",
                               "vx_control_req:action=reconnect;vx_control_req:action=reroute_ctrl_con", ""},
@@ -77,7 +74,6 @@ INSTANTIATE_TEST_SUITE_P(Lines, ServerDispatch,
                              {"upload", "upload_file_req;a", "file"},
                              {"auto_instrumentation", "vx_meta_data_req:action=auto_instr_status;", "auto"},
                              {"dynamic", "Dynamic_Diagnostics_req:action=ai_status;", "dynamic"},
-                             {"thread_dump", "vx_meta_data_req:action=get_thread_dump;", "dump"},
                              {"envelope", "VexalineMessage 2.0;x", "envelope"},
                              {"case_matters", "Download_file_req", ""},
                              {"not_at_the_start", " download_file_req", ""},
@@ -94,6 +90,22 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->VXSys.autosensorConnState, 0);
     handle("vx_control_req:action=reconnect;dataConnState=1");  // too few fields for states
     EXPECT_EQ(app->VXSys.dataConnState, 0);
+}
+
+TEST_F(Server, DiagnosticOrdersGoToTheFirstProcess) {
+    FakeCollector secondListener;
+    vxlb_shared_put(processes[1].control, connectTo(secondListener));
+    FakePeer second = secondListener.accept();
+    handle("vxc_req:action=discover_loaded_classes;ConnId=0;");
+    handle("vxc_req:action=discover_loaded_classes;ConnId=12;");
+    EXPECT_EQ(app->VXBCISetting.discoveryConnectionId, 12);
+    EXPECT_EQ(toAgent(), "vxc_req:action=discover_loaded_classes;ConnId=12;");
+    handle("vx_meta_data_req:action=get_thread_dump;");
+    EXPECT_EQ(toAgent(), "vx_meta_data_req:action=get_thread_dump;");
+    vxlb_shared_close(processes[0].control);
+    handle("vx_meta_data_req:action=get_thread_dump;");
+    EXPECT_EQ(second.readLine(0), kNoLine);
+    vxlb_shared_close(processes[1].control);
 }
 
 TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {

@@ -16,6 +16,7 @@
 #include "commonlibc/proxyServer/vx_proxy_instance_link.h"
 #include "commonlibc/vx_agent.h"
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_guard.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_collector.h"
 #include "tests/support/temp_dir.h"
@@ -165,12 +166,14 @@ TEST_F(Listener, DataThatNobodyTakesEndsTheDataConnectionAlone) {
 }
 
 TEST_F(Listener, GoesOnWhenTheSystemIsOutOfDescriptors) {
-    static std::atomic<int> lines{0};
     startListening();
     const FakePeer first = agent(1);
     ASSERT_TRUE(serves());
-    lines = 0;
-    vxUpcalls.sendThreadDataToVXC = [](char*) { ++lines; };
+    VXOutbox_t& outbox = instanceAt(1)->control.outbox;
+    const auto dumps = [&outbox] {  // with nobody to send them they are counted as lost
+        const VXGuard lock(outbox.mutex);
+        return outbox.dropped;
+    };
     FakePeer waiting(::socket(AF_INET, SOCK_STREAM, 0));
     rlimit former{};
     getrlimit(RLIMIT_NOFILE, &former);
@@ -187,12 +190,12 @@ TEST_F(Listener, GoesOnWhenTheSystemIsOutOfDescriptors) {
     connectTo(waiting);
     waiting.send(line("vx_ctrl_msg_req:", 5));
     EXPECT_EQ(waiting.readLine(0.2), kNoLine);
-    for (int sent = 1; sent <= 3; ++sent) {
+    for (std::uint64_t sent = 1; sent <= 3; ++sent) {
         first.send("thread_dump:x\n");
-        for (int i = 0; i < 1000 && lines < sent; ++i)
+        for (int i = 0; i < 1000 && dumps() < sent; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(lines, 3) << "who is there is served meanwhile";
+    EXPECT_EQ(dumps(), 3u) << "who is there is served meanwhile";
     holders.clear();
     setrlimit(RLIMIT_NOFILE, &former);
     EXPECT_TRUE(waiting.readLine().starts_with("vx_ctrl_msg_rep:"));
