@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 
 #include "commonlibc/vxlb_clock.h"
@@ -19,29 +20,60 @@ struct AccessLogOptions {
 };
 
 struct Counts {
-    std::uint64_t lines = 0, broken = 0, transactions = 0, skipped = 0;
+    std::uint64_t lines = 0, broken = 0, transactions = 0, skipped = 0, callouts = 0;
 };
 
+void leave(vxagent* agent, std::int64_t number, const std::string& name, int status, std::int64_t wallUs,
+           std::int64_t endUs) {
+    vxagent_method left{};
+    left.name = name.c_str();
+    left.status = status;
+    left.wall_us = wallUs;
+    left.end_us = endUs;
+    vxagent_leave(agent, number, &left);
+}
+
+// The servers that were asked, one after the other; the last answered when the request ended.
+void reportUpstreams(vxagent* agent, std::int64_t number, const LogLine& line, const std::string& label,
+                     std::int64_t start, std::int64_t end) {
+    const std::string name = label + ".upstream";
+    std::int64_t at = end;
+    for (std::size_t i = 0; i < line.upstreamCount; ++i) at -= line.upstreams[i].durationUs;
+    for (std::size_t i = 0; i < line.upstreamCount; ++i) {
+        const Upstream& upstream = line.upstreams[i];
+        const std::string backend(upstream.address);
+        vxagent_enter(agent, number, name.c_str(), std::max(at, start));
+        at += upstream.durationUs;
+        vxagent_method left{};
+        left.name = name.c_str();
+        left.status = upstream.status;
+        left.backend = backend.c_str();
+        left.wall_us = upstream.durationUs;
+        left.end_us = std::max(at, start);
+        left.callout = 1;
+        vxagent_leave(agent, number, &left);
+    }
+}
+
 // A request is one method that holds another, named by the request's method: "nginx.request", "nginx.GET".
+// What was asked of other servers stands inside: "nginx.upstream".
 void report(vxagent* agent, const LogLine& line, const std::string& label, Counts& counts) {
     const std::int64_t end = endOf(line, vxlb_now_us()), start = end - line.durationUs;
     const std::string url(line.url), method(line.method);
-    const std::string names[] = {label + ".request", methodNameOf(line, label)};
+    const std::string outer = label + ".request", inner = methodNameOf(line, label);
     vxagent_transaction transaction{};
     transaction.url = url.c_str();
     transaction.method = method.c_str();
     transaction.start_us = start;
     const std::int64_t number = vxagent_begin(agent, &transaction);
     ++(number ? counts.transactions : counts.skipped);
-    for (const std::string& name : names) vxagent_enter(agent, number, name.c_str(), start);
-    for (int i = 1; i >= 0; --i) {
-        vxagent_method left{};
-        left.name = names[i].c_str();
-        left.status = line.status;
-        left.wall_us = line.durationUs;
-        left.end_us = end;
-        vxagent_leave(agent, number, &left);
-    }
+    if (!number) return;
+    counts.callouts += line.upstreamCount;
+    vxagent_enter(agent, number, outer.c_str(), start);
+    vxagent_enter(agent, number, inner.c_str(), start);
+    reportUpstreams(agent, number, line, label, start, end);
+    leave(agent, number, inner, line.status, line.durationUs, end);
+    leave(agent, number, outer, line.status, line.durationUs, end);
     vxagent_end(agent, number, line.status, end, 0);
 }
 
@@ -62,12 +94,14 @@ void printCounts(const vxagent* agent, const Counts& counts) {
     vxagent_statistics now;
     vxagent_get_statistics(agent, &now);
     std::printf(
-        "lines=%llu transactions=%llu skipped=%llu broken=%llu records=%llu bytes=%llu dropped=%llu "
+        "lines=%llu transactions=%llu callouts=%llu skipped=%llu broken=%llu records=%llu bytes=%llu "
+        "dropped=%llu "
         "reconnects=%llu\n",
         static_cast<unsigned long long>(counts.lines), static_cast<unsigned long long>(counts.transactions),
-        static_cast<unsigned long long>(counts.skipped), static_cast<unsigned long long>(counts.broken),
-        static_cast<unsigned long long>(now.sent_records), static_cast<unsigned long long>(now.sent_bytes),
-        static_cast<unsigned long long>(now.dropped), static_cast<unsigned long long>(now.reconnects));
+        static_cast<unsigned long long>(counts.callouts), static_cast<unsigned long long>(counts.skipped),
+        static_cast<unsigned long long>(counts.broken), static_cast<unsigned long long>(now.sent_records),
+        static_cast<unsigned long long>(now.sent_bytes), static_cast<unsigned long long>(now.dropped),
+        static_cast<unsigned long long>(now.reconnects));
 }
 
 int followLog(vxagent* agent, const AccessLogOptions& options) {
@@ -98,7 +132,10 @@ int runAccessLog(int argc, char** argv) {
     AccessLogOptions given;
     given.common.agent = "nginx";
     std::vector<Option> options = {
-        {"--file", "FILE", "the log: combined format with the request's seconds as last field",
+        {"--file", "FILE",
+         "the log: combined format with the request's seconds as last field; fields like "
+         "upstream_addr=\"..\" in "
+         "front of them (also upstream_status, upstream_response_time) make callouts",
          OptionKind::kText, &given.file, true},
         {"--follow", nullptr, "reports what is written from now on, until a signal", OptionKind::kFlag,
          &given.follow},

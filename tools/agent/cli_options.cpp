@@ -94,7 +94,7 @@ void printOptions(std::span<const Option> options) {
     for (const Option& option : options) {
         const std::string left =
             option.argument ? std::string(option.name) + " " + option.argument : option.name;
-        std::printf("  %-22s %s\n", left.c_str(), option.help);
+        std::printf("  %-26s %s\n", left.c_str(), option.help);
     }
 }
 

@@ -14,7 +14,8 @@ constexpr double kSlowFromMs = 3000, kSlowToMs = 8000;
 
 }  // namespace
 
-Traffic::Traffic(const TrafficShape& shape, unsigned seed) : shape_(shape), lot_(seed) {
+Traffic::Traffic(const TrafficShape& shape, unsigned seed)
+    : shape_(shape), lot_(seed), kinds_(shape.mix.begin(), shape.mix.end()) {
     for (std::size_t i = 0; i < static_cast<std::size_t>(shape.methods); ++i)
         methods_.push_back("com.example." + std::string(kAreas[i % kAreas.size()]) + "." +
                            kClasses[i % kClasses.size()] + ".method" + std::to_string(i));
@@ -23,7 +24,7 @@ Traffic::Traffic(const TrafficShape& shape, unsigned seed) : shape_(shape), lot_
 }
 
 bool Traffic::happens(double percent) {
-    return std::uniform_real_distribution<double>(0, 100)(lot_) < percent;
+    return percent > 0 && std::uniform_real_distribution<double>(0, 100)(lot_) < percent;
 }
 
 std::int64_t Traffic::drawDurationUs() {
@@ -33,7 +34,16 @@ std::int64_t Traffic::drawDurationUs() {
     return static_cast<std::int64_t>(ms * 1000);
 }
 
-bool Traffic::report(vxagent* agent) {
+// The chain that a caller sends along: its transaction, time and sequence, its id, two fields of its own, and
+// its tier, instance and server.
+std::string Traffic::drawChain(std::int64_t startUs) {
+    const std::string caller = std::to_string(1 + lot_() % static_cast<unsigned>(shape_.callers));
+    return std::to_string(1 + lot_()) + "_" + std::to_string(startUs / 1000) + "_" +
+           std::to_string(1 + lot_() % 100) + "_" + caller + "_0_0_Front_front" + caller + "_fronthost" +
+           caller;
+}
+
+void Traffic::report(vxagent* agent) {
     const std::int64_t durationUs = drawDurationUs(), endUs = vxlb_now_us();
     const int status = happens(shape_.errorPct) ? kStatusError : kStatusOk;
     const std::string url = draw(urls_) + "?id=" + std::to_string(lot_() % 1000);
@@ -41,38 +51,78 @@ bool Traffic::report(vxagent* agent) {
     transaction.url = url.c_str();
     transaction.method = lot_() % 4 ? "GET" : "POST";
     transaction.start_us = endUs - durationUs;
+    const std::string chain = happens(shape_.chainPct) ? drawChain(transaction.start_us) : "";
+    if (!chain.empty()) transaction.caller = chain.c_str();
     const std::int64_t number = vxagent_begin(agent, &transaction);
-    if (!number) return false;
+    if (!number) return;
+    ++counts_.transactions;
+    counts_.chained += !chain.empty();
     reportCalls(agent, number, transaction.start_us, durationUs);
     vxagent_end(agent, number, status, endUs, durationUs / 4);
-    return true;
 }
 
 // Opens a method at each step, and closes the innermost one where `depth` is reached.
 void Traffic::reportCalls(vxagent* agent, std::int64_t transaction, std::int64_t startUs,
                           std::int64_t durationUs) {
-    const auto calls = static_cast<std::int64_t>(shape_.calls);
-    const std::int64_t stepUs = durationUs / (2 * calls + 2);
-    std::int64_t nowUs = startUs;
-    const auto close = [&] {
-        nowUs += stepUs;
-        vxagent_method method{};
-        method.name = open_.back()->c_str();
-        method.wall_us = nowUs - openedUs_.back();
-        method.cpu_us = method.wall_us / 4;
-        method.end_us = nowUs;
-        vxagent_leave(agent, transaction, &method);
-        open_.pop_back();
-        openedUs_.pop_back();
-    };
-    for (std::int64_t i = 0; i < calls; ++i) {
-        nowUs += stepUs;
-        open_.push_back(&draw(methods_));
-        openedUs_.push_back(nowUs);
-        vxagent_enter(agent, transaction, open_.back()->c_str(), nowUs);
-        if (open_.size() >= static_cast<std::size_t>(shape_.depth)) close();
+    const auto calls = static_cast<std::int64_t>(shape_.calls),
+               callouts = static_cast<std::int64_t>(shape_.callouts), all = calls + callouts;
+    Clock clock{startUs, durationUs / (2 * all + 2)};
+    for (std::int64_t i = 0; i < all; ++i) {
+        if ((i + 1) * callouts / all > i * callouts / all) {
+            reportCallout(agent, transaction, clock);
+            continue;
+        }
+        openMethod(agent, transaction, clock);
+        if (open_.size() >= static_cast<std::size_t>(shape_.depth)) closeMethod(agent, transaction, clock);
     }
-    while (!open_.empty()) close();
+    while (!open_.empty()) closeMethod(agent, transaction, clock);
+}
+
+void Traffic::openMethod(vxagent* agent, std::int64_t transaction, Clock& clock) {
+    clock.nowUs += clock.stepUs;
+    open_.push_back(&draw(methods_));
+    openedUs_.push_back(clock.nowUs);
+    vxagent_enter(agent, transaction, open_.back()->c_str(), clock.nowUs);
+}
+
+void Traffic::closeMethod(vxagent* agent, std::int64_t transaction, Clock& clock) {
+    clock.nowUs += clock.stepUs;
+    vxagent_method method{};
+    method.name = open_.back()->c_str();
+    method.wall_us = clock.nowUs - openedUs_.back();
+    method.end_us = clock.nowUs;
+    leave(agent, transaction, method);
+    open_.pop_back();
+    openedUs_.pop_back();
+}
+
+void Traffic::reportCallout(vxagent* agent, std::int64_t transaction, Clock& clock) {
+    const CalloutKind& kind = kCalloutKinds[kinds_(lot_)];
+    const std::string backend =
+        std::string(kind.backend) + std::to_string(1 + lot_() % static_cast<unsigned>(shape_.backends));
+    clock.nowUs += clock.stepUs;
+    vxagent_enter(agent, transaction, kind.method, clock.nowUs);
+    clock.nowUs += clock.stepUs;
+    vxagent_method method{};
+    method.name = kind.method;
+    method.backend = backend.c_str();
+    method.status = happens(shape_.calloutErrorPct) ? kStatusError : kStatusOk;
+    method.wall_us = clock.stepUs;
+    method.end_us = clock.nowUs;
+    method.callout = 1;
+    ++counts_.callouts;
+    leave(agent, transaction, method);
+}
+
+void Traffic::leave(vxagent* agent, std::int64_t transaction, const vxagent_method& method) {
+    vxagent_method left = method;
+    left.cpu_us = method.wall_us / 4;
+    if (happens(shape_.exceptionPct)) {
+        ++counts_.exceptions;
+        vxagent_leave_by_exception(agent, transaction, &left);
+    } else {
+        vxagent_leave(agent, transaction, &left);
+    }
 }
 
 }  // namespace vx::agent

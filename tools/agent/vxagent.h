@@ -9,7 +9,9 @@
  *
  *     int64_t tx = vxagent_begin(agent, &(vxagent_transaction){.url = "/cart", .method = "GET"});
  *     vxagent_enter(agent, tx, "Cart.show", 0);
- *     vxagent_leave(agent, tx, &(vxagent_method){.name = "Cart.show", .status = 200, .wall_us = 1500});
+ *     vxagent_enter(agent, tx, "Db.query", 0);
+ *     vxagent_leave(agent, tx, &(vxagent_method){.name = "Db.query", .backend = "orders:5432", .wall_us =
+ * 900}); vxagent_leave(agent, tx, &(vxagent_method){.name = "Cart.show", .status = 200, .wall_us = 1500});
  *     vxagent_end(agent, tx, 200, 0, 0);
  *
  *     vxagent_close(agent, 1000);
@@ -73,6 +75,8 @@ typedef struct vxagent_method {
     int64_t wall_us;
     int64_t cpu_us;
     int64_t end_us;
+    int callout;              /* 1: a call to another process, whose chain carries the number below */
+    int64_t callout_sequence; /* 0: one of the library's own */
 } vxagent_method;
 
 enum vxagent_state {
@@ -89,9 +93,10 @@ typedef struct vxagent_statistics {
     uint64_t refused; /* transactions not begun because the queue was full */
     uint64_t sent_records;
     uint64_t sent_bytes;
-    uint64_t dropped;    /* records that were never sent */
-    uint64_t reconnects; /* connections lost, of both kinds */
-    uint64_t starts;     /* start lines taken */
+    uint64_t dropped;        /* records that were never sent */
+    uint64_t reconnects;     /* connections lost, of both kinds */
+    uint64_t starts;         /* start lines taken */
+    uint64_t queued_records; /* not sent yet */
     size_t queued_bytes;
     size_t queue_bytes;
 } vxagent_statistics;
@@ -109,6 +114,8 @@ int64_t vxagent_begin(vxagent* agent, const vxagent_transaction* transaction);
 /* Entry into a method, named as in "Class.method". */
 void vxagent_enter(vxagent* agent, int64_t transaction, const char* name, int64_t time_us);
 void vxagent_leave(vxagent* agent, int64_t transaction, const vxagent_method* method);
+/* Leaves a method that an exception ends, which counts as status 503. */
+void vxagent_leave_by_exception(vxagent* agent, int64_t transaction, const vxagent_method* method);
 /* Ends the transaction; its number is not used again. */
 void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us);
 

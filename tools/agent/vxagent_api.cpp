@@ -31,6 +31,7 @@ struct vxagent {
     Session session;
     std::atomic<std::uint64_t> sequence;
     std::atomic<std::uint64_t> begun{0}, refused{0};
+    std::atomic<std::int64_t> callouts{0};
 };
 
 namespace {
@@ -38,6 +39,7 @@ namespace {
 constexpr std::size_t kQueueDefault = 4 << 20, kQueueMin = 64 << 10;
 constexpr int kRetryMaxDefaultMs = 10000;
 constexpr int kStatusOk = 200;
+constexpr int kExitByException = 3;  // of the two kinds of such exits, which are written alike
 constexpr int kSequenceBits = 46;
 constexpr std::uint64_t kSequenceMask = (std::uint64_t{1} << kSequenceBits) - 1;
 constexpr std::uint64_t kProcessMask = 0xFFFF, kProcessBase = 0x10000;
@@ -163,8 +165,27 @@ void vxagent_leave(vxagent* agent, int64_t transaction, const vxagent_method* me
     exit.methodWallTime = method->wall_us;
     exit.fpCPUTime = method->cpu_us;
     exit.endTime = timeOr(method->end_us);
+    if (method->callout) {
+        exit.calloutDone = 1;
+        exit.calloutSeq =
+            method->callout_sequence ? method->callout_sequence : agent->callouts.fetch_add(1) + 1;
+    }
     put(*agent, Urgency::kOrdinary,
         [&exit](char* out, std::size_t size) { return vx::MethodExitEncode(out, size, exit); });
+}
+
+void vxagent_leave_by_exception(vxagent* agent, int64_t transaction, const vxagent_method* method) {
+    if (!reports(agent, transaction) || !method) return;
+    vx::VXExceptionExitRecord exit{};
+    exit.exitType = kExitByException;
+    exit.flowpathInstance = transaction;
+    exit.methodName = wire(method->name);
+    exit.backendName = wire(method->backend);
+    exit.methodWallTime = method->wall_us;
+    exit.fpCPUTime = method->cpu_us;
+    exit.endTime = timeOr(method->end_us);
+    put(*agent, Urgency::kOrdinary,
+        [&exit](char* out, std::size_t size) { return vx::ExceptionMethodExitEncode(out, size, exit); });
 }
 
 void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us) {
@@ -196,6 +217,7 @@ void vxagent_get_statistics(const vxagent* agent, vxagent_statistics* out) {
     out->dropped = session.counters().dropped.load();
     out->reconnects = session.counters().reconnects.load();
     out->starts = session.counters().starts.load();
+    out->queued_records = session.pending();
     out->queued_bytes = session.queue().filled();
     out->queue_bytes = session.queue().capacity();
 }

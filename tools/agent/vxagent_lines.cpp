@@ -19,6 +19,7 @@ constexpr auto kKindRows = std::to_array<KindRow>({
     {"vx_ctrl_msg_rep:result=Ok", LineKind::kReply},
     {"vx_control_req:action=start_instrumentation", LineKind::kStart},
     {"vx_control_req:action=stop_instrumentation", LineKind::kStop},
+    {"vx_meta_data_req:action=get_thread_dump;", LineKind::kThreadDump},
 });
 
 class LineBuilder {

@@ -29,7 +29,7 @@ struct StartIds {
     bool operator==(const StartIds&) const = default;
 };
 
-enum class LineKind : std::uint8_t { kOther, kReply, kStart, kStop };
+enum class LineKind : std::uint8_t { kOther, kReply, kStart, kStop, kThreadDump };
 
 // True when a value can stand in a field: not empty, at most 1,023 bytes, no ";" and no control characters.
 bool isFieldText(std::string_view value);

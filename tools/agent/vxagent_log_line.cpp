@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::int64_t kSecondUs = 1000000;
 constexpr std::int64_t kLongestSeconds = 1000000;
+constexpr int kStatusNoAnswer = 502;
 constexpr auto kMonths = std::to_array<std::string_view>(
     {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"});
 constexpr auto kMethods = std::to_array<std::string_view>(
@@ -46,17 +47,20 @@ bool takeQuoted(std::string_view& text, std::string_view& out) {
     return false;
 }
 
-// The last of at least two fields, each behind a blank and some of them quoted.
-bool takeLastField(std::string_view& text, std::string_view& out) {
-    int fields = 0;
-    for (; !text.empty(); ++fields) {
-        if (!takeByte(text, ' ')) return false;
-        if (takeQuoted(text, out)) continue;
-        out = text.substr(0, text.find(' '));
-        if (out.empty() || out.front() == '"') return false;
-        text.remove_prefix(out.size());
+// A field behind a blank: a value, perhaps in quotes, perhaps behind "name=".
+bool takeField(std::string_view& text, std::string_view& name, std::string_view& value) {
+    if (!takeByte(text, ' ')) return false;
+    const std::size_t named = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_");
+    name = {};
+    if (named != std::string_view::npos && named > 0 && text[named] == '=') {
+        name = text.substr(0, named);
+        text.remove_prefix(named + 1);
     }
-    return fields >= 2;
+    if (takeQuoted(text, value)) return true;
+    value = text.substr(0, text.find(' '));
+    if (value.empty() || value.front() == '"') return false;
+    text.remove_prefix(value.size());
+    return true;
 }
 
 bool takeMonth(std::string_view& text, unsigned& month) {
@@ -108,6 +112,37 @@ bool parseDuration(std::string_view text, std::int64_t& out) {
     return true;
 }
 
+// Takes the value of one server off a list; false at its end.
+bool takeListed(std::string_view& list, std::string_view& value) {
+    if (list.empty()) return false;
+    const std::size_t end = std::min({list.find(", "), list.find(" : "), list.size()});
+    value = list.substr(0, end);
+    list.remove_prefix(std::min(list.size(), end + (end < list.size() && list[end] == ',' ? 2 : 3)));
+    return true;
+}
+
+struct UpstreamLists {
+    std::string_view addresses, statuses, durations;
+};
+
+void keepUpstreamField(std::string_view name, std::string_view value, UpstreamLists& lists) {
+    if (name == "upstream_addr") lists.addresses = value;
+    if (name == "upstream_status") lists.statuses = value;
+    if (name == "upstream_response_time") lists.durations = value;
+}
+
+void splitUpstreams(UpstreamLists lists, LogLine& out) {
+    std::string_view address;
+    while (out.upstreamCount < kUpstreamsMax && takeListed(lists.addresses, address)) {
+        Upstream upstream{address, kStatusNoAnswer, 0};
+        std::string_view text;
+        if (takeListed(lists.statuses, text)) takeNumber(text, 3, upstream.status);
+        if (takeListed(lists.durations, text) && !parseDuration(text, upstream.durationUs))
+            upstream.durationUs = 0;
+        if (!address.empty() && address != "-") out.upstreams[out.upstreamCount++] = upstream;
+    }
+}
+
 void splitRequest(std::string_view request, LogLine& out) {
     const std::size_t first = request.find(' ');
     out.method = {};
@@ -132,8 +167,15 @@ bool parseLogLine(std::string_view line, LogLine& out) {
     std::string_view request;
     if (!takeQuoted(line, request) || !takeByte(line, ' ') || !takeNumber(line, 3, parsed.status))
         return false;
-    std::string_view last;
-    if (!takeLastField(line, last) || !parseDuration(last, parsed.durationUs)) return false;
+    std::string_view name, value;
+    UpstreamLists upstreams;
+    int fields = 0;
+    for (; !line.empty(); ++fields) {
+        if (!takeField(line, name, value)) return false;
+        keepUpstreamField(name, value, upstreams);
+    }
+    if (fields < 2 || !parseDuration(value, parsed.durationUs)) return false;
+    splitUpstreams(upstreams, parsed);
     splitRequest(request, parsed);
     out = parsed;
     return true;

@@ -6,17 +6,33 @@
 // With nginx:   log_format timed '$remote_addr - $remote_user [$time_local] "$request" $status '
 //                                '$body_bytes_sent "$http_referer" "$http_user_agent" $request_time';
 //
-// What stands between the size and the duration is not looked at, so the common format serves too.
+// What stands between the size and the duration is not looked at, so the common format serves too, but for
+// fields with the names of nginx's variables, in any order:
+//
+//     upstream_addr="$upstream_addr" upstream_status="$upstream_status"
+//     upstream_response_time="$upstream_response_time"
+//
+// Each holds one value per server that was asked, separated by ", " or " : ".
 //
 // Lifetime  The texts borrow from the line.
 // Threads   Any; no state.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace vx::agent {
+
+inline constexpr std::size_t kUpstreamsMax = 8;  // later ones of a request are left out
+
+struct Upstream {
+    std::string_view address;  // as in "10.0.0.1:80" or "unix:/run/app"
+    int status = 0;            // 502 when the server gave none
+    std::int64_t durationUs = 0;
+};
 
 struct LogLine {
     std::string_view method;  // empty when the request line could not be read as one
@@ -24,6 +40,8 @@ struct LogLine {
     int status = 0;
     std::int64_t endUs = 0;  // the logged second, Unix microseconds
     std::int64_t durationUs = 0;
+    std::array<Upstream, kUpstreamsMax> upstreams;  // in the order they were asked
+    std::size_t upstreamCount = 0;
 };
 
 // False for a line of another form; `out` is then unchanged.

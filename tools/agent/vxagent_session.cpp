@@ -14,6 +14,7 @@
 
 #include "commonlibc/vxlb_clock.h"
 #include "tools/agent/vxagent.h"
+#include "tools/agent/vxagent_threads.h"
 
 namespace vx::agent {
 namespace {
@@ -184,6 +185,9 @@ void Session::onControlLine(const std::string& line) {
             return;
         case LineKind::kStop:
             onStop();
+            return;
+        case LineKind::kThreadDump:
+            if (control_.out.size() < kThreadDumpMax) control_.out += threadDumpLine();
             return;
         case LineKind::kOther:
             return;

@@ -58,6 +58,8 @@ public:
     SessionCounters& counters() { return counters_; }
     const SessionCounters& counters() const { return counters_; }
     void wake();
+    // Records that were put and are neither sent nor given up.
+    std::uint64_t pending() const { return queue_.accepted() - finished_.load(); }
     // Waits until all records put so far are sent or given up. False when the time was not enough.
     bool flush(std::int64_t timeoutMs);
 

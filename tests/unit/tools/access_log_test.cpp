@@ -94,6 +94,47 @@ TEST(BrokenLine, IsRefusedAndChangesNothing) {
     }
 }
 
+struct UpstreamCase {
+    const char* name;
+    const char* fields;
+    std::vector<std::string> servers;  // address status microseconds
+};
+class UpstreamFields : public testing::TestWithParam<UpstreamCase> {};
+
+TEST_P(UpstreamFields, GiveTheServersThatWereAsked) {
+    LogLine line;
+    ASSERT_TRUE(parseLogLine(logLine("21/Nov/2026:09:05:06 +0100", "\"GET / HTTP/1.1\"",
+                                     (std::string(" 200 512 \"-\" ") + GetParam().fields + " 0.125").c_str()),
+                             line));
+    EXPECT_EQ(line.durationUs, 125000);
+    std::vector<std::string> servers;
+    for (std::size_t i = 0; i < line.upstreamCount; ++i)
+        servers.push_back(std::string(line.upstreams[i].address) + " " +
+                          std::to_string(line.upstreams[i].status) + " " +
+                          std::to_string(line.upstreams[i].durationUs));
+    EXPECT_EQ(servers, GetParam().servers);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Logs, UpstreamFields,
+    testing::ValuesIn<UpstreamCase>({
+        {"one",
+         "upstream_addr=\"10.0.0.1:80\" upstream_status=\"200\" upstream_response_time=\"0.120\"",
+         {"10.0.0.1:80 200 120000"}},
+        {"retried_and_redirected",
+         "upstream_response_time=\"0.001, 0.020 : 0.003\" upstream_status=\"502, 200 : 404\" "
+         "upstream_addr=\"a:1, unix:/run/b : [::1]:80\"",
+         {"a:1 502 1000", "unix:/run/b 200 20000", "[::1]:80 404 3000"}},
+        {"none", "upstream_addr=\"-\" upstream_status=\"-\" upstream_response_time=\"-\"", {}},
+        {"without_answer", "upstream_addr=a:1 upstream_status=- upstream_response_time=-", {"a:1 502 0"}},
+        {"address_only", "upstream_addr=\"a:1, b:2\"", {"a:1 502 0", "b:2 502 0"}},
+        {"no_address", "upstream_status=\"200\" other=\"x\" =y", {}},
+        {"more_than_there_is_room_for",
+         "upstream_addr=\"a, a, a, a, a, a, a, a, a\" upstream_status=\"200, 200\"",
+         {"a 200 0", "a 200 0", "a 502 0", "a 502 0", "a 502 0", "a 502 0", "a 502 0", "a 502 0"}},
+    }),
+    byName);
+
 TEST(LogLine, EndsAtTheTimeOfReadingWithinItsSecond) {
     LogLine line;
     line.endUs = 5000000;

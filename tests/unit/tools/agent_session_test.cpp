@@ -140,6 +140,43 @@ TEST_F(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
     EXPECT_EQ(statistics().state, VXAGENT_SENDING);
 }
 
+TEST_F(AgentSession, MarksCalloutsAndExceptionsAndAnswersThreadDumps) {
+    openUntilSending();
+    vxagent_transaction transaction{};
+    transaction.url = "/";
+    transaction.caller = "9_8_7_6_0_0_Front_f1_h1";
+    const std::int64_t number = vxagent_begin(agent, &transaction);
+    vxagent_method method{};
+    method.name = "Web.send";
+    method.backend = "pay:80";
+    vxagent_leave(agent, number, &method);
+    method.callout = 1;
+    vxagent_leave(agent, number, &method);
+    vxagent_leave_by_exception(agent, number, &method);
+    EXPECT_NE(frameFrom(data).bytes.find(transaction.caller), std::string::npos);
+    struct Expected {
+        std::int32_t done;
+        bool numbered;
+    };
+    for (const Expected& expected : {Expected{0, false}, Expected{1, true}}) {
+        const std::string exit = frameFrom(data).bytes;
+        const VXByteView view(exit.data() + 14, exit.size() - 14);
+        EXPECT_EQ(view.i32At(12), expected.done);
+        EXPECT_EQ(view.i64At(60) != 0, expected.numbered);
+        EXPECT_TRUE(exit.ends_with("Web.sendpay:80\n"));
+    }
+    const std::string thrown = data.frame();
+    const VXByteView view(thrown.data(), thrown.size());
+    EXPECT_EQ(view.i32At(9), 7);
+    EXPECT_EQ(view.i32At(14), 3);
+    EXPECT_EQ(view.i64At(14 + 12), number);
+    EXPECT_TRUE(thrown.ends_with("Web.sendpay:80\n"));
+    control.say("\nvx_meta_data_req:action=get_thread_dump;\n\n");
+    const std::string dump = control.line();
+    EXPECT_TRUE(dump.starts_with("thread_dump:Threads of process ")) << dump;
+    EXPECT_NE(dump.find("$\"vxagent\" tid="), std::string::npos) << dump;
+}
+
 TEST_F(AgentSession, ReportsNothingWithoutInstrumentation) {
     open();
     EXPECT_EQ(report(), 0);
