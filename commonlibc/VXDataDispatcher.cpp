@@ -1,7 +1,9 @@
 #include "commonlibc/VXDataDispatcher.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -16,14 +18,19 @@ namespace {
 constexpr std::uint32_t kDropsPerLine = 1000;
 constexpr std::size_t kAllocationNameSize = 48;
 
-// A counter that only the holder of dumpMutex writes needs no locked add.
-void countOne(std::atomic<std::uint64_t>& counter) {
-    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+std::uint64_t linesIn(const char* data, std::size_t length) {
+    std::uint64_t lines = 0;
+    const char* const end = data + length;
+    while ((data = static_cast<const char*>(std::memchr(data, '\n', static_cast<std::size_t>(end - data))))) {
+        ++lines;
+        if (++data == end) break;
+    }
+    return lines;
 }
 
-int refuse(int code) {
-    if (vxApplication* app = vxCurrent()) app->VXSys.dataDropCount.fetch_add(1, std::memory_order_relaxed);
-    return code;
+// A call brings at least one record, whether it ends it or not.
+std::uint64_t recordsIn(const char* data, std::int64_t length) {
+    return std::max<std::uint64_t>(linesIn(data, static_cast<std::size_t>(length)), 1);
 }
 
 void appendBytes(VXBufferNode& node, const char* data, std::int64_t length) {
@@ -44,7 +51,7 @@ int addRest(VXBufferChain& chain, const char* rest, std::int64_t length) {
         return 0;
     }
     if (node.use_len < node.buff_size) appendBytes(node, "\n", 1);  // the cut record ends as a short line
-    return refuse(kChainCut);
+    return kChainCut;
 }
 
 void traceDrop(VXBufferChain& chain, std::uint32_t drops, int code) {
@@ -85,8 +92,16 @@ VXBufferNode* makeNode(std::int32_t chunkSize, int index) {
 
 void emptyNode(VXBufferNode& node) {
     node.use_len = 0;
-    node.offset = 0;
+    node.offset = node.sentFrom = 0;
     node.buffer[0] = '\0';
+}
+
+std::uint64_t unsentIn(const VXBufferNode* node) {
+    std::uint64_t records = 0;
+    for (; node; node = node->next)
+        records +=
+            linesIn(node->buffer + node->offset, static_cast<std::size_t>(node->use_len - node->offset));
+    return records;
 }
 
 void emptyChain(VXBufferChain& chain) {
@@ -95,6 +110,15 @@ void emptyChain(VXBufferChain& chain) {
         emptyNode(*chain.readListHead);
         moveToWriteList(chain);
     }
+    chain.heldBytes = 0;
+    chain.headIsTorn = chain.passOver = 0;
+}
+
+// Both mutexes held, no connection.
+std::uint64_t countUnsent(VXBufferChain& chain) {
+    const std::uint64_t records = unsentIn(chain.readListHead) + unsentIn(chain.writeListHead);
+    if (records) chain.recordsDropped.fetch_add(records, std::memory_order_relaxed);
+    return records;
 }
 
 void freeNodes(VXBufferNode* node) {
@@ -120,39 +144,56 @@ void dumpData(const char* buffer, std::int64_t length) {
         VX_TRACE(4, kControlThread, kInfo, "data is null or zero length");
         return;
     }
-    VXDataState_t& data = app->data;
-    VXGuard lock(data.chain.dumpMutex);
-    const int code = addDataInSendBuffer(data.chain, buffer, length);
+    VXBufferChain& chain = app->data.chain;
+    VXGuard lock(chain.dumpMutex);
+    const int code = addDataInSendBuffer(chain, buffer, length);
     if (code >= 0) {
-        countOne(data.recordsAccepted);
+        vxCountAccepted(chain, buffer, length);
         return;
     }
-    countOne(data.recordsDropped);
-    traceDrop(data.chain, app->VXSys.dataDropCount.load(std::memory_order_relaxed), code);
+    vxCountRefused(chain, buffer, length);
+    traceDrop(chain, app->VXSys.dataDropCount.load(std::memory_order_relaxed), code);
 }
 
 int addDataInSendBuffer(VXBufferChain& chain, const char* buffer, std::int64_t length) {
+    const int code = vxAppendToChain(chain, buffer, length);
+    vxApplication* app = vxCurrent();
+    if (code < 0 && app) app->VXSys.dataDropCount.fetch_add(1, std::memory_order_relaxed);
+    return code;
+}
+
+void vxCountAccepted(VXBufferChain& chain, const char* data, std::int64_t length) {
+    // Only the holder of dumpMutex writes it: no locked add is needed.
+    chain.recordsAccepted.store(
+        chain.recordsAccepted.load(std::memory_order_relaxed) + recordsIn(data, length),
+        std::memory_order_relaxed);
+}
+
+void vxCountRefused(VXBufferChain& chain, const char* data, std::int64_t length) {
+    chain.recordsDropped.fetch_add(recordsIn(data, length), std::memory_order_relaxed);
+}
+
+int vxAppendToChain(VXBufferChain& chain, const char* data, std::int64_t length) {
     VXBufferNode* node = chain.VXBCIAgentBB.load(std::memory_order_acquire);
     if (!node) {
-        return refuse(chain.VXCollectorBB.load(std::memory_order_relaxed) ? kChainAllWaiting
-                                                                          : kChainNoBuffers);
+        return chain.VXCollectorBB.load(std::memory_order_relaxed) ? kChainAllWaiting : kChainNoBuffers;
     }
     const std::int32_t remaining = node->buff_size - node->use_len;
     if (length <= remaining) {
-        appendBytes(*node, buffer, length);
+        appendBytes(*node, data, length);
         if (node->use_len == node->buff_size) moveToReadList(chain);
         return 0;
     }
-    if (!hasNodeBehind(chain, *node)) return refuse(kChainDropped);
+    if (!hasNodeBehind(chain, *node)) return kChainDropped;
     if (remaining < 0) {
         VX_TRACE(1, kControlThread, kError,
                  "Data calculation is failed for writeList. remainSize:%d buff_size:%d use_len:%d", remaining,
                  node->buff_size, node->use_len);
-        return refuse(kChainDropped);
+        return kChainDropped;
     }
-    appendBytes(*node, buffer, remaining);
+    appendBytes(*node, data, remaining);
     moveToReadList(chain);
-    return addRest(chain, buffer + remaining, length - remaining);
+    return addRest(chain, data + remaining, length - remaining);
 }
 
 void moveToReadList(VXBufferChain& chain) {
@@ -217,13 +258,15 @@ int buff_list_init() {
     VXGuard producers(chain.dumpMutex);
     VXGuard links(chain.listMutex);
     const std::int32_t present = chain.writeListSize + chain.readListSize;
-    if (wanted > present && vxGrowChain(chain, wanted - present, chunkSize)) return 1;
+    countUnsent(chain);  // before growing, which may take nodes out
+    const int failed = wanted > present ? vxGrowChain(chain, wanted - present, chunkSize) : 0;
     emptyChain(chain);
-    return 0;
+    return failed;
 }
 
 int vxGrowChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize) {
     VXBufferNode* last = chain.writeListHead;
+    if (last) freeNodes(std::exchange(last->next, nullptr));
     for (std::int32_t i = 0; i < count; ++i) {
         VXBufferNode* node = makeNode(chunkSize, i);
         if (!node) return 1;
@@ -238,6 +281,27 @@ int vxGrowChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize
         last = node;
     }
     return 0;
+}
+
+std::int32_t vxExtendChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize) {
+    std::int32_t added = 0;
+    for (; added < count; ++added) {
+        VXBufferNode* node = makeNode(chunkSize, added);
+        if (!node) break;
+        appendNode(chain.writeListHead, chain.writeListTail, node);
+        if (!chain.VXBCIAgentBB.load(std::memory_order_relaxed))
+            chain.VXBCIAgentBB.store(node, std::memory_order_release);
+        ++chain.writeListSize;
+    }
+    return added;
+}
+
+std::uint64_t vxDiscardChain(VXBufferChain& chain) {
+    VXGuard producers(chain.dumpMutex);
+    VXGuard links(chain.listMutex);
+    const std::uint64_t records = countUnsent(chain);
+    emptyChain(chain);
+    return records;
 }
 
 void vxFreeChain(VXBufferChain& chain) {

@@ -8,7 +8,9 @@
 // Limits    bciDataBufferMaxCount nodes of bciDataBufferMaxSize bytes, allocated when a data thread starts.
 //           A record longer than what is left of one node and a whole second one is cut and closed by a
 //           newline.
-// Errors    The codes below; each but success adds one to VXSys.dataDropCount.
+// Losses    Each line is a record. Every record that dumpData takes is counted once: as accepted, and as
+//           dropped when it was refused or when it left the chain unsent.
+// Errors    The codes below; each refused call adds one to VXSys.dataDropCount.
 // Lifetime  The chain outlives its threads: nodes are made once and used again, never given back.
 // Threads   dumpData any; the moves as their locks say (see VXDataState.h). Functions that take a chain
 //           serve every channel of that shape; the others work on the current context's data channel.
@@ -27,10 +29,15 @@ inline constexpr int kChainCut = -3;         // longer than a node: its beginnin
 inline constexpr int kChainNoBuffers = -99;  // the chain has no nodes
 
 // The one entry for producers: takes any bytes; callers format whole records ending in a newline. Discards
-// everything while neither testRunRunning nor draining is set. Counts data.recordsAccepted, recordsDropped.
+// everything, uncounted, while neither testRunRunning nor draining is set.
 void dumpData(const char* buffer, std::int64_t length);
 // Copies a record of at least 1 byte; dumpMutex held. 0 or a code above.
 int addDataInSendBuffer(VXBufferChain& chain, const char* buffer, std::int64_t length);
+// The same without any count.
+int vxAppendToChain(VXBufferChain& chain, const char* data, std::int64_t length);
+// Counts what one call brought, once it is known whether the chain took it (dumpMutex held).
+void vxCountAccepted(VXBufferChain& chain, const char* data, std::int64_t length);
+void vxCountRefused(VXBufferChain& chain, const char* data, std::int64_t length);
 // Moves the node being written behind the nodes that wait to be sent (producers' side, dumpMutex held).
 void moveToReadList(VXBufferChain& chain);
 // Moves the node being sent behind the free nodes (sender's side); the caller has emptied it.
@@ -41,12 +48,17 @@ void movePartialToReadList();
 // Writes the one-byte heartbeat record when dataHeartbeatInterval has passed; `flushPartial` 1 hands it to
 // the sender at once. The first call only notes the time.
 void handleHeartBeat(int flushPartial);
-// Adds nodes up to bciDataBufferMaxCount and empties what is there: data of a former run is not sent. 0, or 1
-// when memory failed or the chunk size is below 1 (nodes made before stay). Existing nodes keep their size.
+// Adds nodes up to bciDataBufferMaxCount and empties what is there: data of a former run is not sent, and
+// counted as dropped. 0, or 1 when memory failed or the chunk size is below 1 (nodes made before stay).
+// Existing nodes keep their size.
 int buff_list_init();
-// Adds `count` nodes of `chunkSize` bytes; both mutexes held. The first goes behind the write list's head
-// (or becomes it): nodes that stood there leave the chain. 0, or 1 as above.
+// Adds `count` nodes of `chunkSize` bytes; both mutexes held, every node empty. The first goes behind the
+// write list's head (or becomes it): nodes that stood there are given back. 0, or 1 as above.
 int vxGrowChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize);
+// The same behind the write list's tail; nodes may hold data, and every node stays. How many were added.
+std::int32_t vxExtendChain(VXBufferChain& chain, std::int32_t count, std::int32_t chunkSize);
+// Counts what the chain holds as dropped and empties it (no sender, no connection). How many records.
+std::uint64_t vxDiscardChain(VXBufferChain& chain);
 // Frees all nodes (tests only).
 void vxFreeChain(VXBufferChain& chain);
 

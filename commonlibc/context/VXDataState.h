@@ -5,6 +5,9 @@
 //     producers -> [writeListHead == VXBCIAgentBB] -> next -> ... -> writeListTail
 //     sender    <- [readListHead == VXCollectorBB] -> next -> ... -> readListTail
 //
+// A node stays in the read list until the collector's host has acknowledged its bytes: when a connection
+// dies, what it had not acknowledged is still there.
+//
 // Guards    dumpMutex: use_len of the node being written; listMutex: links, heads, tails, sizes. Order:
 //           dumpMutex, then listMutex. A node in the read list belongs to the sender alone. The two BB
 //           pointers are stored under listMutex and read by their side without it.
@@ -25,6 +28,7 @@ struct VXBufferNode {
     char* buffer;
     std::int32_t use_len;    // bytes written by producers
     std::int32_t offset;     // bytes sent; never above use_len
+    std::int32_t sentFrom;   // where the present connection began in it (sender)
     std::int32_t buff_size;  // capacity
     VXBufferNode* next;
 };
@@ -39,6 +43,13 @@ struct VXBufferChain {
     std::int32_t readListSize, writeListSize;
     apr_thread_mutex_t* dumpMutex;
     apr_thread_mutex_t* listMutex;
+    // Records (lines) since process start. `accepted` is written under dumpMutex.
+    std::atomic<std::uint64_t> recordsAccepted;
+    std::atomic<std::uint64_t> recordsDropped;  // refused, or accepted and not sent: gone either way
+    // Sender only.
+    std::int64_t heldBytes;   // handed to the present connection out of nodes of the read list
+    std::uint8_t headIsTorn;  // the head goes on with a record whose beginning was given back
+    std::uint8_t passOver;    // the rest of that record is not sent: its beginning is lost
 };
 
 struct VXDataState_t {
@@ -56,7 +67,6 @@ struct VXDataState_t {
     std::atomic<std::int32_t> dataConnFailCount;
     std::atomic<std::int64_t> lastDataHeartbeatTime;  // ms in the instance's base; 0 before the first
     std::atomic<std::int64_t> dataThreadOsId;         // system id of the data thread, 0 when none
-    std::atomic<std::uint64_t> recordsDropped, recordsAccepted;  // since process start
     // Data thread only.
     std::uint8_t flushing;         // flushCommonData is running
     std::uint8_t replayedThisRun;  // metadata went out behind a 99 record since the thread's start
@@ -76,8 +86,7 @@ struct VXAutoSensorState_t {
     std::atomic<void*> asWsi;       // libwebsockets connection, or null
     char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;
-    std::int32_t curBuffers;  // nodes of the chain; dumpMutex
-    std::atomic<std::uint64_t> dropped;
+    std::int32_t curBuffers;                        // nodes of the chain; dumpMutex
     char hotspotPrefix[1024], hotspotPrefixID[64];  // set by the thread at its start
 };
 

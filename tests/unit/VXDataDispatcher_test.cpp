@@ -126,7 +126,7 @@ TEST_F(DataDispatcher, OneNodeComesBackWhenItWasSent) {
     add("ab\n");
     movePartialToReadList();
     add("c\n");
-    EXPECT_EQ(app->data.recordsDropped, 1u);
+    EXPECT_EQ(app->data.chain.recordsDropped, 1u);
     giveBackOne();
     add("d\n");
     EXPECT_EQ(dumpedText(*app), "d\n");
@@ -146,6 +146,7 @@ TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     EXPECT_EQ(chain.readListTail, nullptr);
     EXPECT_EQ(chain.writeListTail->offset, 0);
     EXPECT_EQ(chain.writeListSize, 3);
+    EXPECT_EQ(chain.recordsDropped, 2u);  // what nobody gets is counted
 }
 
 TEST_F(DataDispatcher, NewNodesGoBehindTheHead) {
@@ -219,8 +220,9 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
     sender.join();
     movePartialToReadList();
     sendAll();
-    EXPECT_EQ(sentBytes, app->data.recordsAccepted * 8);
-    EXPECT_EQ(app->data.recordsAccepted + app->data.recordsDropped, std::uint64_t{kProducers * kRecords});
+    EXPECT_EQ(sentBytes, app->data.chain.recordsAccepted * 8);
+    EXPECT_EQ(app->data.chain.recordsAccepted + app->data.chain.recordsDropped,
+              std::uint64_t{kProducers * kRecords});
 }
 
 }  // namespace
