@@ -1,6 +1,7 @@
 #include "commonlibc/vxlb_hashMapMethod.h"
 
 #include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_hash.h"
 #include "commonlibc/vxlb_thread.h"
 #include "commonlibc/vxlb_trace.h"
 
@@ -23,11 +24,12 @@ void setEntry(const void* key, apr_ssize_t length, void* value, VXMap& map) {
 
 VXMap* create_hashmap(apr_pool_t* parent) {
     VX_TRACE(4, kControlThread, kInfo, "Method called,  num of slots = %d\n", kStartSlots);
+    vxlb_hash_init();
     VXPool pool(parent);
     if (!pool.get()) return nullptr;
     auto* map = static_cast<VXMap*>(apr_pcalloc(pool.get(), sizeof(VXMap)));
     if (!map || !vxlb_make_mutex(map->mutex, pool.get())) return nullptr;
-    map->hash = apr_hash_make(pool.get());
+    map->hash = apr_hash_make_custom(pool.get(), vxlb_hash);
     if (!map->hash) return nullptr;
     map->pool = pool.release();
     return map;

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <atomic>
-#include <charconv>
 #include <cstring>
 
 #include "commonlibc/context/vx_application.h"
@@ -12,6 +11,7 @@
 #include "commonlibc/flowpath/VXMethodTrace.h"
 #include "commonlibc/flowpath/VXPerThreadData.h"
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_decimal.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_message_body.h"
@@ -111,7 +111,7 @@ const char* correlationOfFunction(const Message& in) {
 
 void onTransactionStart(Message& in) {
     char number[24] = {};
-    std::to_chars(number, number + sizeof(number) - 1, in.flowpathInstance);
+    vxlb_put_decimal(number, in.flowpathInstance);
     const bool goFunction = in.singleRecord && in.app.VXBCISetting.agentTypeCode.load() == kAgentGo;
     VXStartArguments start{};
     start.fpstr = number;
@@ -330,7 +330,7 @@ int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t mess
     if (message.singleRecord) {
         message.keyLength = std::strlen(message.key);
     } else {
-        char* end = std::to_chars(number, number + sizeof(number) - 1, message.flowpathInstance).ptr;
+        char* end = vxlb_put_decimal(number, message.flowpathInstance);
         *end = '\0';
         message.key = number;
         message.keyLength = static_cast<std::size_t>(end - number);

@@ -1,7 +1,7 @@
 // Bounded text: one writer over a caller's buffer, for records and blob items.
 //
-// The writer never passes the end of its buffer and remembers that it cut. Integers go through
-// std::to_chars: the hot path formats without snprintf and without a heap block.
+// The writer never passes the end of its buffer and remembers that it cut. The hot path formats without
+// snprintf and without a heap block.
 //
 //     char line[64];
 //     VXWriter out(line, sizeof(line));
@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <cstring>
 #include <system_error>
+
+#include "commonlibc/vxlb_decimal.h"
 
 namespace vx {
 
@@ -53,7 +55,11 @@ public:
             if (*from == '\n' || *from == '\r') *from = ' ';
         return *this;
     }
-    VXWriter& number(std::int64_t value) noexcept { return digits(value, 10); }
+    VXWriter& number(std::int64_t value) noexcept {
+        if (static_cast<std::size_t>(end_ - at_) < kDecimalMax) return digits(value, 10);
+        at_ = vxlb_put_decimal(at_, value);
+        return *this;
+    }
     VXWriter& hex(std::uint64_t value) noexcept { return digits(value, 16); }
     // `value` / 1000 with three decimals, as "%.3lf" of a number of thousandths prints it.
     VXWriter& thousandths(std::int64_t value) noexcept;

@@ -4,6 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+#include <vector>
+
+#include "commonlibc/vxlb_hash.h"
 
 namespace vx {
 namespace {
@@ -78,6 +82,23 @@ TEST_F(Map, WalksUntilToldToEndAndAllowsRemovalOnTheWay) {
     EXPECT_EQ(vxlb_map_count(map), 2u);
     iterate_hashtable_and_free_hashmap(map);
     EXPECT_EQ(vxlb_map_count(map), 0u);
+}
+
+// Each key stands in a block of its own size, so that a sanitizer sees a read beside it.
+TEST_F(Map, EveryByteOfAKeyCountsAndNoOtherIsRead) {
+    for (apr_ssize_t length = 0; length < 70; ++length) {
+        std::vector<char> key(static_cast<std::size_t>(length), 'k');
+        apr_ssize_t given = length, ofText = APR_HASH_KEY_STRING;
+        const unsigned whole = vxlb_hash(key.data(), &given);
+        const std::string shifted = " " + std::string(key.begin(), key.end());
+        EXPECT_EQ(vxlb_hash(shifted.c_str() + 1, &ofText), whole);
+        EXPECT_EQ(ofText, length);
+        for (char& byte : key) {
+            byte ^= 1;
+            EXPECT_NE(vxlb_hash(key.data(), &given), whole) << length;
+            byte ^= 1;
+        }
+    }
 }
 
 TEST_F(Map, ANullMapFindsNothing) {

@@ -33,6 +33,19 @@ TEST(WriterNumbers, PrintAsPrintfDoes) {
     }
 }
 
+TEST(WriterNumbers, PrintEveryNumberOfDigits) {
+    std::uint64_t bound = 1;
+    for (int digits = 1; digits <= 19; ++digits, bound *= 10)
+        for (const std::uint64_t value : {bound - 1, bound, bound + 1, bound * 7 + 3}) {
+            char text[kDecimalMax + 1];
+            *vxlb_put_unsigned(text, value) = '\0';
+            EXPECT_EQ(text, std::to_string(value));
+            const auto negative = -static_cast<std::int64_t>(value);
+            *vxlb_put_decimal(text, negative) = '\0';
+            EXPECT_EQ(text, std::to_string(negative));
+        }
+}
+
 TEST(WriterNumbers, PrintThousandthsOfTheExtremes) {
     char buffer[64];
     VXWriter out(buffer, sizeof(buffer));
