@@ -5,6 +5,8 @@
 
 #include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/ServerHeartbeat.h"
+#include "commonlibc/ServerMetadata.h"
+#include "commonlibc/ServerReroute.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
@@ -22,11 +24,11 @@ struct LineRow {
 constexpr auto kLineRows = std::to_array<LineRow>({
     {kStartPrefix, handleStartInstrumentation},
     {kHeartbeatPrefix, handleHeartbeat},
-    {"vx_meta_data_req:action=send_meta_data;", [](char* line) { VX_UPCALL(handleMetaDataRequest, line); }},
+    {"vx_meta_data_req:action=send_meta_data;", handleMetaDataRequest},
     {"vxc_req:action=discover_loaded_classes", handleDiscoveryRequest},
     {"vx_control_req:action=stop_instrumentation", handleStopInstrumentation},
     {kModifyPrefix, handleModify},
-    {"vx_control_req:action=reroute_ctrl_con", [](char* line) { VX_UPCALL(parseReRouteMessage, line); }},
+    {"vx_control_req:action=reroute_ctrl_con", handleReroute},
     {"download_file_req", [](char* line) { VX_UPCALL(handleUploadDownload, line); }},
     {"upload_file_req", [](char* line) { VX_UPCALL(handleUploadDownload, line); }},
     {"vx_meta_data_req:action=auto_instr_status;",

@@ -3,34 +3,44 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
 
-#include "commonlibc/platform/vx_platform_send.h"
-#include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
-#include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
 
 namespace {
 
-// The wait is for the system's poll, so its end is read from the clock that poll goes by.
-using WaitClock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds kMessageTime{2000};
-constexpr int kWaitStepMs = 100;
+constexpr std::chrono::milliseconds kTurnStep{1};
 
-// True when every byte was taken before the deadline; one attempt is made even behind it.
-bool sendWhole(int descriptor, const char* data, std::size_t length, WaitClock::time_point deadline) {
-    while (length > 0) {
-        const std::int64_t taken = vx_platform_send_now(descriptor, data, length);
-        if (taken < 0) return false;
-        data += taken;
-        length -= static_cast<std::size_t>(taken);
-        if (length > 0 && WaitClock::now() >= deadline) return false;
-        if (taken == 0) vx_platform_wait_writable(descriptor, kWaitStepMs);
+// The turn to send to a process. Other senders are waited for, too: a slow agent holds nobody longer than
+// one message's time.
+class SendTurn {
+public:
+    SendTurn(apr_thread_mutex_t* mutex, VXSendLimit& limit) : mutex_(mutex), taken_(!mutex || take()) {
+        const auto before = VXSendLimit::Clock::now();
+        while (!taken_ && !limit.over()) {
+            std::this_thread::sleep_for(kTurnStep);
+            const auto waited = VXSendLimit::Clock::now() - before;
+            taken_ = take();
+            if (taken_) limit.waits -= std::chrono::duration_cast<std::chrono::microseconds>(waited);
+        }
     }
-    return true;
-}
+    ~SendTurn() {
+        if (mutex_ && taken_) apr_thread_mutex_unlock(mutex_);
+    }
+    SendTurn(const SendTurn&) = delete;
+    SendTurn& operator=(const SendTurn&) = delete;
+
+    bool taken() const { return taken_; }
+
+private:
+    bool take() const { return apr_thread_mutex_trylock(mutex_) == APR_SUCCESS; }
+
+    apr_thread_mutex_t* mutex_;
+    bool taken_;
+};
 
 struct TextFree {
     void operator()(char* text) const noexcept { VXLB_FREE(text, "relay line", -1); }
@@ -53,12 +63,17 @@ struct FramedLine {
 }  // namespace
 
 int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length) {
-    // The wait for other senders counts, so that a slow agent holds nobody longer than one message's time.
-    const auto deadline = WaitClock::now() + kMessageTime;
-    VXGuard lock(process.sendMutex);
-    apr_socket_t* socket = process.control.get();
-    if (!socket) return -1;
-    if (sendWhole(vxlb_socket_fd(socket), data, length, deadline)) return 0;
+    VXSendLimit limit(kMessageTime);
+    return vxSendToAgent(process, data, length, limit);
+}
+
+int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length, VXSendLimit& limit) {
+    {
+        const SendTurn turn(process.sendMutex, limit);
+        apr_socket_t* socket = process.control.get();
+        if (!socket) return -1;
+        if (turn.taken() && vxlb_send_within(vxlb_socket_fd(socket), data, length, limit)) return 0;
+    }
     VX_TRACE(1, kControlThread, kWarning,
              "Message of %zu bytes to agent process %lld was not taken in time, connection given up", length,
              static_cast<long long>(process.pid.load(std::memory_order_relaxed)));

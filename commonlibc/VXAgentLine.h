@@ -7,14 +7,19 @@
 //           the same socket meanwhile: its time-out and mode are left alone.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/vxlb_sock.h"
 
 namespace vx {
 
-// Sends `length` bytes as they are.
+inline constexpr std::chrono::milliseconds kMessageTime{2000};
+
+// Sends `length` bytes as they are; a caller with a limit of its own learns what is left of it.
 int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length);
+int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length, VXSendLimit& limit);
 // Sends newline, line, newline in one buffer.
 int vxRelayLine(processInfo_t& process, const char* line);
 // Relays to every process of the current instance that has a control connection; the number reached.

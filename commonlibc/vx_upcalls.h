@@ -71,8 +71,6 @@ namespace vx {
     X(makeInstrProfTableFree, void())                                                                   \
     X(setFileBasedKeywd, void(char* value, const char* keyword, int index))                             \
     X(setInstProfile, void(char* value, const char* keyword, int index))                                \
-    X(parseReRouteMessage, void(char* line))                                                            \
-    X(handleMetaDataRequest, void(char* line))                                                          \
     X(handleUploadDownload, void(char* line))                                                           \
     X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
     X(parseDDClientMsgAndSendResp, void(char* line))                                                    \
@@ -88,9 +86,6 @@ namespace vx {
     X(proxy_udp_handler, int(vxApplication * app))                                                      \
     X(vxProxyInitLws, void())                                                                           \
     X(processThreadOps, void(VXThreadOpsQueue * queue))                                                 \
-    X(statAndSendFileContent, void(char* name, epollPtr_t* address, int isProfile))                     \
-    X(openDiscovery, void())                                                                            \
-    X(forwardDiscoveryLine, bool(const char* line))                                                     \
     X(dumpAndSendDataToVXC, bool(const char* data, std::int32_t length))                                \
     X(vx_check_log_file, void())                                                                        \
     X(startMemoryWatch, void())

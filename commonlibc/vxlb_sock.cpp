@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/platform/vx_platform_send.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -20,6 +21,7 @@ namespace {
 
 constexpr std::int64_t kConnectTimeUs = 10000000;  // bounds a connect whose caller names no time
 constexpr int kUnsupportedProxyConType = 1;
+constexpr int kWaitStepMs = 100;
 constexpr int kBacklog = INT_MAX;  // the system takes its own maximum
 
 void errorText(char* error, apr_status_t status) {
@@ -208,6 +210,22 @@ std::int64_t vxlb_sendto_n_bytes(apr_socket_t* socket, apr_sockaddr_t* address, 
     return sendAll(data, length, error, [socket, address](const char* part, apr_size_t* size) {
         return apr_socket_sendto(socket, address, 0, part, size);
     });
+}
+
+bool vxlb_send_within(int descriptor, const char* data, std::size_t length, VXSendLimit& limit) {
+    while (length > 0) {
+        const std::int64_t taken = vx_platform_send_now(descriptor, data, length);
+        if (taken < 0) return false;
+        data += taken;
+        length -= static_cast<std::size_t>(taken);
+        if (length > 0 && limit.over()) return false;
+        if (taken > 0) continue;
+        const auto before = VXSendLimit::Clock::now();
+        vx_platform_wait_writable(descriptor, kWaitStepMs);
+        limit.waits -=
+            std::chrono::duration_cast<std::chrono::microseconds>(VXSendLimit::Clock::now() - before);
+    }
+    return true;
 }
 
 int get_ip_port(apr_socket_t* socket, char* ipBuffer, std::size_t ipSize, int* portOut, VXSocketEnd which) {

@@ -11,6 +11,7 @@
 
 #include <apr_network_io.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -42,6 +43,20 @@ int vxlb_read_bytes(apr_socket_t* socket, char* buffer, int size, char* error);
 std::int64_t vxlb_send_n_bytes(apr_socket_t* socket, const char* data, std::int64_t length, char* error);
 std::int64_t vxlb_sendto_n_bytes(apr_socket_t* socket, apr_sockaddr_t* address, const char* data,
                                  std::int64_t length, char* error);
+
+// How long one message may take. Waits are for the system's poll, so they go by its clock.
+struct VXSendLimit {
+    using Clock = std::chrono::steady_clock;
+
+    Clock::time_point deadline;
+    std::chrono::microseconds waits;  // that may pass in waiting for the peer; what is left, afterwards
+
+    explicit VXSendLimit(std::chrono::microseconds time) : deadline(Clock::now() + time), waits(time) {}
+    bool over() const { return waits.count() <= 0 || Clock::now() >= deadline; }
+};
+// Sends everything on a socket whose time-out and mode belong to somebody else. False when not all was taken
+// within the limit; one attempt is made even behind it.
+bool vxlb_send_within(int descriptor, const char* data, std::size_t length, VXSendLimit& limit);
 
 enum class VXSocketEnd { kLocal, kRemote };
 // Address and port of one end. 0, or -1 with the reason traced.

@@ -1,5 +1,6 @@
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 
+#include "commonlibc/proxyServer/vx_proxy_discovery.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
@@ -64,6 +65,7 @@ void closeServed(Served& from) {
         return;
     }
     vxCloseConnection(from.process, from.kind, true);
+    if (from.kind == VXConnection::kDiscovery) vxDiscoveryConnectionGone(from.app);
     if (!from.process.control.get() && !from.process.data.get() && !from.process.autoSensor.get())
         from.process.pid.store(kFreePid, std::memory_order_release);
 }

@@ -4,11 +4,11 @@
 #include <cstring>
 #include <memory>
 
-#include "commonlibc/VXAgentLine.h"
 #include "commonlibc/proxyServer/vx_proxy_instance_link.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registration_line.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
+#include "commonlibc/proxyServer/vx_proxy_send.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
@@ -66,7 +66,7 @@ bool sendReply(processInfo_t& process, std::int32_t procIndex, std::int64_t pid,
     char reply[kReplySize];
     const int length =
         std::snprintf(reply, sizeof(reply), "vx_ctrl_msg_rep:result=Ok;procIndex=%d\n", procIndex);
-    if (vxSendToAgent(process, reply, static_cast<std::size_t>(length)) != 0) {
+    if (vxListenerSend(process, reply, static_cast<std::size_t>(length)) != 0) {
         VX_TRACE(1, kControlThread, kError, "Connection Broken. Unable to send '%s' for pid = %d, '%s:%d'",
                  reply, static_cast<int>(pid), peer.ip(), peer.port());
         return false;
@@ -87,7 +87,7 @@ bool sendStartLine(processInfo_t& process, const char* line, std::int32_t appInd
     if (!whole) return true;
     std::memcpy(whole.get(), line, length);
     whole.get()[length] = '\n';
-    if (vxSendToAgent(process, whole.get(), length + 1) != 0) {
+    if (vxListenerSend(process, whole.get(), length + 1) != 0) {
         VX_TRACE(1, kControlThread, kError,
                  "Connection Broken. Unable to send 'START_INSTRUMENTATION' for pid = %d, '%s:%d'",
                  static_cast<int>(pid), peer.ip(), peer.port());
@@ -126,6 +126,16 @@ int giveUpRecord(processInfo_t& process, epollPtr_t** slot) {
     return -1;
 }
 
+// False, with the reason traced, when as many stand as may.
+bool hasRoom(const char* what, std::int32_t count, std::int32_t most, const Registration& from) {
+    if (count < most) return true;
+    VX_TRACE(
+        1, kControlThread, kError,
+        "Registration refused, all %d %s are there (see the ceilings of the settings), pId = %d, '%s:%d'",
+        most, what, from.tracedPid(), from.peer.ip(), from.peer.port());
+    return false;
+}
+
 // The record's place for a pid: its own, the first free one, or a new one at the end (`isNew`). -1 without
 // memory.
 std::int32_t placeOf(vxApplication& app, const Registration& from, bool& isNew) {
@@ -143,8 +153,10 @@ std::int32_t placeOf(vxApplication& app, const Registration& from, bool& isNew) 
     place = vxFindProcess(app, kFreePid);
     if (place >= 0) return place;
     isNew = true;
-    if (!vxGrowProcessTable(app)) return -1;
     place = app.identity.numProcess.load(std::memory_order_relaxed);
+    if (!hasRoom("processes of the instance", place, VXProxy.ceilings.maxProcesses, from) ||
+        !vxGrowProcessTable(app))
+        return -1;
     VX_TRACE(3, kControlThread, kInfo, "Control connection received, pId = %d, '%s:%d'", from.tracedPid(),
              from.peer.ip(), from.peer.port());
     return vxProcessRecord(app, place) ? place : -1;
@@ -193,7 +205,10 @@ vxApplication* newInstance(std::int32_t index, const kwLocalStruct& line) {
 // The first process of a new identity. It is answered once the collector has answered. The instance is
 // published when it is complete.
 void foundInstance(Registration& from) {
-    const std::int32_t index = vxFreeInstanceSlot();
+    const std::int32_t standing =
+        VXProxy.numInstance.load(std::memory_order_relaxed) - 1;  // without the root
+    const bool fits = hasRoom("instances", standing, VXProxy.ceilings.maxInstances, from);
+    const std::int32_t index = fits ? vxFreeInstanceSlot() : -1;
     vxApplication* app = newInstance(index, from.line);
     if (!app) {
         from.refuse();

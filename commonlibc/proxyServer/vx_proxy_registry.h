@@ -10,7 +10,8 @@
 // again before a new one. Records are made when they are first used.
 //
 // Limits    32 instances, then 16 more each time; 500 processes an instance, grown ten before they are full
-//           (at 490, 990, ... records by 510 more than are used).
+//           (at 490, 990, ... records by 510 more than are used). The ceilings maxInstances and maxProcesses
+//           are the registration's to keep.
 // Lifetime  A table that is replaced stays allocated: other threads may still read it.
 // Threads   Written by the listener alone. Others read published tables (see vx_application.h).
 #pragma once

@@ -4,8 +4,11 @@
 #include <cstring>
 
 #include "commonlibc/ServerDiagnostics.h"
+#include "commonlibc/proxyServer/vx_proxy_discovery.h"
+#include "commonlibc/proxyServer/vx_proxy_files.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registration.h"
+#include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_trace.h"
 
@@ -17,15 +20,17 @@ namespace {
 struct AgentLine {
     char* text;
     const char* prefix;
+    apr_socket_t* socket;
     epollPtr_t* address;
-    std::int64_t pid;
-    VXPeer peer;
+    vxApplication& app;
+    processInfo_t& process;
+    VXPeer peer{socket};
 
     char* behindPrefix() const { return text + std::strlen(prefix); }
 };
 
 int tracedPid(const AgentLine& line) {
-    return static_cast<int>(line.pid);
+    return static_cast<int>(line.process.pid.load(std::memory_order_relaxed));
 }
 
 // What follows `key`, cut before the first of `ends`; null without the key.
@@ -44,20 +49,24 @@ bool takeAcknowledgement(AgentLine& line) {
 }
 
 bool takeFileRequest(AgentLine& line) {
-    if (char* name = textBehind(line.text, "keyword=", ";"))
-        VX_UPCALL(statAndSendFileContent, name, line.address, 0);
+    if (char* name = textBehind(line.text, "keyword=", ";")) statAndSendFileContent(name, line.address, 0);
     return true;
 }
 
 bool takeProfileRequest(AgentLine& line) {
     if (char* name = textBehind(line.text, "instrProfile=", "\n"))
-        VX_UPCALL(statAndSendFileContent, name, line.address, 1);
+        statAndSendFileContent(name, line.address, 1);
     return true;
 }
 
-// A piece of a class list, while the collector waits for one.
+// A piece of a class list, while the collector waits for one. When it does no longer, the agent learns it by
+// the end of its discovery connection.
 bool takeDiscoveryLine(AgentLine& line) {
-    return VXProxy.proxyMode && VX_UPCALL(forwardDiscoveryLine, line.text);
+    if (!VXProxy.proxyMode) return false;
+    const VXForwarded result = vxForwardDiscoveryLine(line.app, line.text);
+    if (result == VXForwarded::kLost && line.process.discovery.get() == line.socket)
+        vxCloseConnection(line.process, VXConnection::kDiscovery, true);
+    return result != VXForwarded::kNotTaken;
 }
 
 bool takeGCDump(AgentLine& line) {
@@ -124,7 +133,7 @@ void registerConnection(apr_socket_t* socket, char* line, epollPtr_t** slot) {
         if (!beginsWith(line, row.prefix)) continue;
         traceRegistration(row, line, VXPeer(socket));
         parseProxyMsgReq(socket, line + std::strlen(row.prefix), slot, row.type);
-        if (row.type == kConTypeDiscovery && *slot) VX_UPCALL(openDiscovery);
+        if (row.type == kConTypeDiscovery && *slot) vxOpenDiscovery(*instanceAt((*slot)->appIndex));
         return;
     }
 }
@@ -136,11 +145,10 @@ void processReceivedMsg(apr_socket_t* socket, char* line, epollPtr_t** epollPtrS
         registerConnection(socket, line, epollPtrSlot);
         return;
     }
-    vxApplication* app = instanceAt((*epollPtrSlot)->appIndex);
-    vxSetCurrent(app);
-    AgentLine agentLine{line, "", *epollPtrSlot,
-                        processAt(*app, (*epollPtrSlot)->procIndex)->pid.load(std::memory_order_relaxed),
-                        VXPeer(socket)};
+    vxApplication& app = *instanceAt((*epollPtrSlot)->appIndex);
+    vxSetCurrent(&app);
+    processInfo_t& process = *processAt(app, (*epollPtrSlot)->procIndex);
+    AgentLine agentLine{line, "", socket, *epollPtrSlot, app, process};
     for (const LineRow& row : kLineRows) {
         if (!beginsWith(line, row.prefix)) continue;
         agentLine.prefix = row.prefix;

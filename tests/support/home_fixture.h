@@ -33,6 +33,8 @@ protected:
     void write(const std::string& name, const std::string& text) const {
         root_.write("proxy/config/" + name, text);
     }
+    // What such a file holds.
+    std::string read(const std::string& name) const { return root_.read("proxy/config/" + name); }
 
 private:
     static void clearProxy() {

@@ -50,8 +50,6 @@ protected:
 
 TEST_P(ServerDispatch, TheFirstRowThatFitsTakesTheLine) {
     reached.clear();
-    vxUpcalls.handleMetaDataRequest = [](char*) { note("metadata"); };
-    vxUpcalls.parseReRouteMessage = [](char*) { note("reroute"); };
     vxUpcalls.handleUploadDownload = [](char*) { note("file"); };
     vxUpcalls.parseAutoInstrClientMsgAndSendResp = [](char*) { note("auto"); };
     vxUpcalls.parseDDClientMsgAndSendResp = [](char*) { note("dynamic"); };
@@ -65,11 +63,6 @@ TEST_P(ServerDispatch, TheFirstRowThatFitsTakesTheLine) {
 }
 INSTANTIATE_TEST_SUITE_P(Lines, ServerDispatch,
                          testing::ValuesIn<DispatchRow>({
-                             {"metadata", "vx_meta_data_req:action=send_meta_data;x", "metadata"},
-                             {"metadata_needs_its_semicolon", "vx_meta_data_req:action=send_meta_data", ""},
-                             {"reroute", "vx_control_req:action=reroute_ctrl_con;vxcHost=a", "reroute"},
-                             {"heartbeat_before_reroute",
-                              "vx_control_req:action=reconnect;vx_control_req:action=reroute_ctrl_con", ""},
                              {"download", "download_file_req;a", "file"},
                              {"upload", "upload_file_req;a", "file"},
                              {"auto_instrumentation", "vx_meta_data_req:action=auto_instr_status;", "auto"},
@@ -106,6 +99,36 @@ TEST_F(Server, DiagnosticOrdersGoToTheFirstProcess) {
     handle("vx_meta_data_req:action=get_thread_dump;");
     EXPECT_EQ(second.readLine(0), kNoLine);
     vxlb_shared_close(processes[1].control);
+}
+
+TEST_F(Server, AMetadataRequestRepeatsWhatItNames) {
+    const std::string prefix = "vx_meta_data_req:action=send_meta_data;";
+    handle(prefix);
+    EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>");
+    hashMapForAgent();
+    for (const char* method : {"Profiler.Zorvanek.BeginRequest", "DB_SQLDB"})
+        searchAndUpdateMethodHashMap(method, app->method.methodHashMapNode, 1, 0, 0);
+    openDumping(*app);
+    VXBTConfigModelInit();
+    char bt[kBtNameBufferSize] = "/a";
+    updateBTObject(bt);
+    clearDumped(*app);
+    struct {
+        const char* fields;
+        bool methods, bts;
+    } const cases[] = {{"", true, true},
+                       {"recordType=7,7;", false, true},
+                       {"5;112", true, false},
+                       {"types=112", false, false}};
+    for (const auto& each : cases) {
+        handle(prefix + each.fields);
+        EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:status=complete;");
+        const std::string text = dumpedText(*app);
+        EXPECT_EQ(text.find("5,") != std::string::npos, each.methods) << each.fields;
+        EXPECT_EQ(text.find("7,2,/a\n") != std::string::npos, each.bts) << each.fields;
+        clearDumped(*app);
+    }
+    closeDumping(*app);
 }
 
 TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {

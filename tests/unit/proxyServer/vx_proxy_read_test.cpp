@@ -120,18 +120,6 @@ TEST_F(ReadTest, AGarbageDumpGoesOutWithItsNewline) {
     EXPECT_EQ(sent, "heap=5\n");
 }
 
-TEST_F(ReadTest, FileRequestsNameTheFile) {
-    static std::vector<std::pair<std::string, int>> asked;
-    vxUpcalls.statAndSendFileContent = [](char* name, epollPtr_t*, int isProfile) {
-        asked.push_back({name, isProfile});
-    };
-    agent.peer.send(
-        "vx_control_req:action=send_file;keyword=BTRuleFile;size=1;\n"
-        "vx_control_req:action=send_instrumentation_profile;instrProfile=a\\b;c\n");
-    readLines(agent);
-    EXPECT_EQ(asked, (std::vector<std::pair<std::string, int>>{{"BTRuleFile", 0}, {"a\\b;c", 1}}));
-}
-
 TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegisters) {
     Agent data = connect();
     vxSetCurrent(app);

@@ -144,6 +144,22 @@ TEST_F(RegistrationTest, The491stProcessFindsRoomForAThousand) {
     EXPECT_EQ(pidOf(489), 1489);
 }
 
+TEST_F(RegistrationTest, CeilingsRefuseWhatIsNewAndNobodyElse) {
+    VXProxy.ceilings = {.maxProcesses = 2, .maxInstances = 2};
+    const Agent first = process(100), second = process(101), other = process(100, "other");
+    EXPECT_TRUE(process(102).refused());
+    EXPECT_TRUE(process(100, "third").refused());
+    EXPECT_EQ(process(101).address->procIndex, 1) << "who is known comes again";
+    for (int pid = 1000; pid < 3000; ++pid) {
+        closeAllConnectionsOfProcess(1, 1);
+        vxEndPollRound();
+        ASSERT_EQ(process(pid).address->procIndex, 1) << "one after the other";
+    }
+    EXPECT_EQ(instance().identity.numProcess, 2);
+    EXPECT_EQ(VXProxy.numInstance, 3);
+    VXProxy.ceilings = {};
+}
+
 TEST_F(RegistrationTest, NamesAreComparedExactly) {
     process(100, "nginx");
     EXPECT_EQ(process(100, "Nginx").address->appIndex, 2);

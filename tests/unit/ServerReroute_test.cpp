@@ -1,0 +1,117 @@
+#include "commonlibc/ServerReroute.h"
+
+#include <string>
+
+#include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXSettingsFile.h"
+#include "commonlibc/VXSettingsRewrite.h"
+#include "tests/support/by_name.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/link_fixture.h"
+
+namespace vx::test {
+namespace {
+
+struct RewriteCase {
+    const char* name;
+    std::string former, later;
+    VXSettingsChange change = {"Web", "h9", "new.example", 4433};
+};
+class SettingsRewrite : public HomeFixture, public testing::WithParamInterface<RewriteCase> {};
+
+TEST_P(SettingsRewrite, ReplacesWhatChanges) {
+    write("vxsettings.conf", GetParam().former);
+    EXPECT_EQ(updateVXSettingFile(GetParam().change), 0);
+    EXPECT_EQ(read("vxsettings.conf"), GetParam().later);
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0) << "the context has the values";
+}
+const std::string kLong(900, 'x');
+INSTANTIATE_TEST_SUITE_P(
+    Files, SettingsRewrite,
+    testing::ValuesIn<RewriteCase>({
+        {"all_four", "tier=a\nserver = b\nVXCHOST=c\nvxcPort=1\n",
+         "tier=Web\nserver=h9\nvxcHost=new.example\nvxcPort=4433\n"},
+        {"what_was_not_given_stays",
+         "tier=a\nserver=b\nvxcHost=c\nvxcPort=1\n",
+         "tier=a\nserver=b\nvxcHost=d\nvxcPort=1\n",
+         {nullptr, nullptr, "d", 0}},
+        {"nothing_else_is_touched", "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast",
+         "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast"},
+        {"a_last_line_without_newline", "tags=x\nvxcHost=c", "tags=x\nvxcHost=new.example"},
+        {"what_lies_behind_1024_bytes_stays_whole",
+         "tags=" + kLong + "\nvxcHost=c\n#" + kLong + "\nvxcPort=1\n",
+         "tags=" + kLong + "\nvxcHost=new.example\n#" + kLong + "\nvxcPort=1\n"},
+    }),
+    byName);
+
+class Reroute : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        write("vxsettings.conf", "vxcHost=old\nvxcPort=7892\ntags=a\n");
+        setVXCHost("old");
+        setVXCPort(7892);
+        app->control.requestType = 0;
+    }
+    static std::string master() { return hostAndPort(0); }
+    static std::string hostAndPort(int index) {
+        const VXCollectorRecord record = vxCollectorAt(index);
+        return record.host + (":" + std::to_string(record.port));
+    }
+    std::string held() const {
+        return app->VXBCISetting.vxcHost.getOr("") + (":" + std::to_string(app->VXBCISetting.vxcPort));
+    }
+    static constexpr const char* kOrder = "vx_control_req:action=reroute_ctrl_con;";
+};
+
+TEST_F(Reroute, MakesTheTargetTheMasterEndsTheRunAndTheConnection) {
+    FakeClock clock;
+    app->control.lastConnectionTimeStamp = clock.nowMs() - 5000;
+    app->Server.instrumentationStarted = app->Server.testRunRunning = 1;
+    app->Server.numRunning = 1;
+    app->collectors.activeVXCIndex = 1;
+    handle(std::string(kOrder) +
+           "vxcHost=new.example;vxcPort=4433;tier=Web;server=h9;instance=i2;clusterMode=0");
+    EXPECT_EQ(master(), "new.example:4433");
+    EXPECT_EQ(app->collectors.activeVXCIndex, 0);
+    EXPECT_EQ(held(), "new.example:4433");
+    EXPECT_EQ(read("vxsettings.conf"), "vxcHost=new.example\nvxcPort=4433\ntags=a\n");
+    EXPECT_STREQ(getTierName(), "Web");
+    EXPECT_STREQ(getAppServerName(), "h9");
+    EXPECT_STREQ(getAppName(), "i2");
+    EXPECT_EQ(app->control.requestType, 2);
+    EXPECT_STREQ(app->control.connDestination, "old:7892");
+    EXPECT_EQ(app->control.connDuration, 5000);
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(app->Server.tenRecordWritten, 1);
+    EXPECT_EQ(app->Server.testRunRunning + app->Server.instrumentationStarted + app->Server.numRunning, 0);
+}
+
+TEST_F(Reroute, LeavesWhatTheLineDoesNotChange) {
+    const std::string before = master();
+    for (const char* fields :
+         {"vxcHost=ALL;vxcPort=all;tier=ALL;clusterMode=0", "vxcHost=bad host;vxcPort=0"}) {
+        handle(std::string(kOrder) + fields);
+        EXPECT_EQ(master(), before);
+        EXPECT_EQ(held(), "old:7892");
+        EXPECT_EQ(read("vxsettings.conf"), "vxcHost=old\nvxcPort=7892\ntags=a\n");
+        EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    }
+    handle(std::string(kOrder) + "vxcHost=new.example");
+    EXPECT_EQ(master(), "new.example:443") << "a host without its port";
+
+    app->control.closeCtrlConFlag = 0;
+    handle("vx_control_req:action=reroute_ctrl_con");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 0) << "an order without fields is none";
+}
+
+TEST_F(Reroute, OfAClusterGoesToTheSecondRecordAndLeavesTheFile) {
+    const std::string before = master();
+    handle(std::string(kOrder) + "clusterMode=1;vxcHost=node7;vxcPort=81");
+    EXPECT_EQ(master(), before);
+    EXPECT_EQ(hostAndPort(1), "node7:81");
+    EXPECT_EQ(read("vxsettings.conf"), "vxcHost=old\nvxcPort=7892\ntags=a\n");
+}
+
+}  // namespace
+}  // namespace vx::test
