@@ -1,5 +1,6 @@
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/vxlb_clock.h"
 #include "dotnetagent/agent/vx_service.h"
 #include "dotnetagent/agent/vx_service_system.h"
 
@@ -13,6 +14,7 @@ constexpr const char* kPoolName = "DotNetAgent";
 constexpr int kPoolNameType = 3;
 constexpr const char* kProcessName = "ProxyName";
 constexpr const char* kAgentType = "proxy";
+constexpr std::int64_t kRestartPauseUs = 1000000;  // what failed at once would fail again at once
 
 std::atomic<VXServiceState> serviceState{VXServiceState::kStopped};
 
@@ -38,6 +40,7 @@ void vxServiceWorker(const VXStopEvent& stop, VXAgentInit agentInit) {
     while (!stop.isSet()) {
         proxyServerFlag.store(1, std::memory_order_release);
         agentInit(kPoolName, kPoolNameType, kProcessName, kAgentType, 0);
+        if (!stop.isSet()) vxlb_sleep_us(kRestartPauseUs);
     }
 }
 

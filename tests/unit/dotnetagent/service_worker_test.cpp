@@ -2,6 +2,7 @@
 
 #include "commonlibc/context/vx_application.h"
 #include "dotnetagent/agent/vx_service.h"
+#include "tests/support/fake_clock.h"
 
 namespace vx::test {
 namespace {
@@ -27,7 +28,8 @@ TEST_F(ServiceWorker, DoesNotStartWhenTheStopCameFirst) {
     EXPECT_EQ(calls, 0);
 }
 
-TEST_F(ServiceWorker, StartsAgainAfterEveryReturnUntilTheStop) {
+TEST_F(ServiceWorker, StartsAgainASecondAfterEveryReturnUntilTheStop) {
+    const FakeClock clock;
     vxServiceWorker(g_ServiceStopEvent,
                     [](const char* pool, int type, const char* process, const char* agent, int flags) {
                         EXPECT_STREQ(pool, "DotNetAgent");
@@ -39,9 +41,11 @@ TEST_F(ServiceWorker, StartsAgainAfterEveryReturnUntilTheStop) {
                         if (++calls == 3) g_ServiceStopEvent.set();
                     });
     EXPECT_EQ(calls, 3);
+    EXPECT_EQ(clock.sleptMs(), 2000);
 }
 
 TEST_F(ServiceWorker, OnlyAStopControlWhileRunningStops) {
+    const FakeClock clock;
     vxServiceControl(kServiceControlStop);
     EXPECT_FALSE(g_ServiceStopEvent.isSet()) << "not running yet";
     const int code = vxServiceMain([](const char*, int, const char*, const char*, int) {
