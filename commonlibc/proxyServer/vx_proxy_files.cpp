@@ -153,6 +153,7 @@ void statAndSendFileContent(const char* name, epollPtr_t* address, int isProfile
                     app,
                     *processAt(app, address->procIndex),
                     ""};
+    if (!request.process.control.get()) return;  // asked over another connection, which outlived it
     Answer answer;
     if (findPath(request, isProfile != 0) && isThere(request) && readAnswer(request, answer))
         sendFile(request, answer);

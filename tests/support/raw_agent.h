@@ -55,9 +55,11 @@ public:
     }
     const FakePeer& openData() {
         data_ = connectTo(identity_.port);
-        data_.send(agent::dataLine(identity_, ids_));
+        data_.send(openDataLine());
         return data_;
     }
+    // The line that announces a data connection.
+    std::string openDataLine() const { return agent::dataLine(identity_, ids_); }
     FakePeer& control() { return control_; }
     FakePeer& data() { return data_; }
     int procIndex() const { return procIndex_; }  // given by the proxy, -1 before
