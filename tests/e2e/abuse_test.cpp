@@ -1,0 +1,191 @@
+// Peers that do not keep to any protocol, beside an agent that does.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/by_name.h"
+#include "tests/support/e2e_fixture.h"
+#include "tests/support/raw_agent.h"
+#include "tests/support/record_stream.h"
+
+namespace vx::test {
+namespace {
+
+constexpr long kMaxGrowthKb = 4096;
+constexpr std::size_t kReadBuffer = 131072;
+
+// The same bytes in each run; every sixth or so means something to a parser of ours.
+std::string noise(std::size_t size, unsigned seed) {
+    static constexpr char kMeaningful[] = "\n^;=:|,%\0\xFF";
+    std::mt19937 lot(seed);
+    std::string out(size, '\0');
+    for (char& byte : out) {
+        const auto drawn = static_cast<std::uint32_t>(lot());
+        byte =
+            drawn % 6 ? static_cast<char>(drawn >> 8) : kMeaningful[(drawn >> 8) % (sizeof(kMeaningful) - 1)];
+    }
+    return out;
+}
+
+// What a peer gets to see until it is left alone.
+void sendAndLeave(FakePeer& peer, const std::string& bytes) {
+    peer.send(bytes);
+    if (bytes.size() % 2) peer.reset();
+    peer.close();
+}
+
+const char* const kFirstLines[] = {"", "vx_ctrl_msg_req:", "vx_data_msg_req:",
+                                   "auto_sensor_thread_hotspot_data_req:", "agent_post_data_req:"};
+
+void noiseOnFreshConnections(int port) {
+    for (unsigned i = 0; i < 300; ++i) {
+        FakePeer peer = connectTo(port);
+        sendAndLeave(peer, kFirstLines[i % std::size(kFirstLines)] + noise(1 + i * 37, i));
+    }
+}
+
+// The application is one of its own: processes of one application share what a read leaves over.
+void noiseBehindARegistration(int port) {
+    for (unsigned i = 0; i < 40; ++i) {
+        RawAgent agent(port, "noise", 5000 + i % 7);
+        ASSERT_TRUE(agent.start());
+        agent.openData();
+        agent.data().send("\n" + noise(40000, i));
+        FakePeer autoSensor = connectTo(port);
+        std::string line = agent::dataLine(agent.identity(), {});
+        autoSensor.send("auto_sensor_thread_hotspot_data_req:" + line.substr(line.find(':') + 1));
+        autoSensor.send(noise(5000, i + 1000));
+        agent.control().send(noise(5000, i + 2000));
+        sendAndLeave(agent.control(), "vx_control_req:action=send_file;keyword=\n" + noise(i, i));
+    }
+}
+
+void lengthsThatLie(int port) {
+    RawAgent agent(port, "noise", 6000);
+    ASSERT_TRUE(agent.start());
+    const FakePeer& data = agent.openData();
+    const std::string good = entryFrame(7, "A.b", 1);
+    std::string bytes = "\n";
+    for (const std::int32_t value : {-1, INT32_MIN, INT32_MAX, 65536, 1 << 30}) {
+        for (std::size_t offset = 0; offset + 15 <= good.size(); offset += 4)
+            bytes += patched(good, offset, value);
+        for (const std::int32_t type : {-1, 0, 2, 7, 8, INT32_MAX}) {
+            bytes += rawFrame(12, value, type, std::string(60, 'x') + "\n");
+            bytes += rawFrame(value, 75, type, std::string(60, 'x') + "\n");
+        }
+    }
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(data.send(bytes));
+}
+
+void linesWithoutEnd(int port) {
+    for (const char* first : kFirstLines) {
+        FakePeer endless = connectTo(port);
+        endless.send(first + std::string(3 * kReadBuffer, 'a'));
+        FakePeer longest = connectTo(port);
+        longest.send(first + std::string(kReadBuffer - 200, ';') + "\n");
+        FakePeer fields = connectTo(port);
+        std::string line = first;
+        for (int i = 0; i < 8000; ++i) line += "appName=" + std::to_string(i) + ";";
+        fields.send(line + "\n");
+    }
+}
+
+// Names as long as a line may be.
+void namesTooLong(int port) {
+    const std::string wide(1000, 'n');
+    for (int i = 0; i < 20; ++i) {
+        RawAgent agent(port, wide + std::to_string(i % 2), 7000 + i);
+        agent.identity().tier = agent.identity().server = wide;
+        FakePeer control = connectTo(port);
+        control.send(agent::controlLine(agent.identity(), 0));
+    }
+}
+
+struct Abuse {
+    const char* name;
+    void (*commit)(int port);
+};
+class Abused : public EndToEnd, public testing::WithParamInterface<Abuse> {
+protected:
+    std::uint64_t arrived() const { return summaryOfStreams().transactions; }
+    // Resident memory once it has not changed for a while.
+    long settledKb() const {
+        long now = residentKb(service->pid()), before = -1;
+        for (int round = 0; round < 40 && now != before; ++round) {
+            before = now;
+            eventually([] { return false; }, 0.3);
+            now = residentKb(service->pid());
+        }
+        return now;
+    }
+};
+
+TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
+    // A short chain, whose nodes have all been used before memory is looked at.
+    startCollector({"--keywords", dir.write("keywords",
+                                            "zorEpochDiff=1388534400\nbciInstrSessionPct=100\n"
+                                            "bciDataBufferMaxCount=20\n")});
+    startService();
+    const auto good = startLoad({"--app", "good", "--rate", "300", "--duration", "4"});
+    ASSERT_TRUE(eventually([&] { return arrived() > 30; })) << traceText();
+    GetParam().commit(proxyPort);  // what is made once is made now
+    ASSERT_TRUE(service->running()) << service->output();
+    const long resident = settledKb();
+    const int descriptors = descriptorsOf(service->pid());
+    for (int round = 0; round < 3; ++round) GetParam().commit(proxyPort);
+
+    ASSERT_EQ(good->wait(60), 0) << good->output();
+    const auto sent = static_cast<std::uint64_t>(reported(good->output(), "total", "transactions"));
+    EXPECT_GT(sent, 1000u);
+    EXPECT_EQ(reported(good->output(), "total", "dropped"), 0);
+    EXPECT_EQ(reported(good->output(), "total", "reconnects"), 0);
+    EXPECT_TRUE(eventually([&] { return arrived() >= sent; }))
+        << sent << " sent, " << arrived() << " arrived";
+    EXPECT_EQ(arrived(), sent);
+    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
+    ASSERT_TRUE(service->running()) << service->output();
+    EXPECT_LT(settledKb() - resident, kMaxGrowthKb);
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors + 4; }))
+        << descriptors << " then, " << descriptorsOf(service->pid());
+}
+INSTANTIATE_TEST_SUITE_P(By, Abused,
+                         testing::ValuesIn<Abuse>({{"noise_on_fresh_connections", noiseOnFreshConnections},
+                                                   {"noise_behind_a_registration", noiseBehindARegistration},
+                                                   {"lengths_that_lie", lengthsThatLie},
+                                                   {"lines_without_end", linesWithoutEnd},
+                                                   {"names_too_long", namesTooLong}}),
+                         byName);
+
+class AbusedWhile : public EndToEnd {};
+
+// Hundreds that say nothing, or say it a byte at a time, while an agent registers and delivers.
+TEST_F(AbusedWhile, SilentAndSlowPeersHoldUpNobody) {
+    startCollector();
+    startService();
+    std::vector<FakePeer> silent, slow;
+    for (int i = 0; i < 800; ++i) silent.push_back(connectTo(proxyPort));
+    for (int i = 0; i < 100; ++i) slow.push_back(connectTo(proxyPort));
+    for (const FakePeer& peer : slow) peer.send("v");
+    RawAgent halted(proxyPort, "halted", 4711);  // registered, its records stop in the middle
+    ASSERT_TRUE(halted.start());
+    const std::string frame = entryFrame(9, "A.b", 1);
+    for (const char byte : "\n" + frame.substr(0, 20)) {
+        if (!halted.data()) halted.openData();
+        halted.data().send(std::string(1, byte));
+    }
+    const auto good = startLoad({"--app", "good", "--rate", "300", "--duration", "2"});
+    ASSERT_EQ(good->wait(60), 0) << good->output();
+    const auto sent = static_cast<std::uint64_t>(reported(good->output(), "total", "transactions"));
+    EXPECT_GT(sent, 500u);
+    EXPECT_TRUE(eventually([&] { return summaryOfStreams().transactions >= sent; }));
+    for (FakePeer& peer : slow) EXPECT_TRUE(peer.ended(20)) << "a line that is not whole ends its connection";
+    EXPECT_FALSE(silent.front().ended(0));
+}
+
+}  // namespace
+}  // namespace vx::test
