@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "commonlibc/vxlb_encode.h"
@@ -40,6 +41,17 @@ public:
             open.pop_back();
         }
         return {std::move(bytes_), std::int64_t{transactions} * kRecordsPerTransaction};
+    }
+
+    OpenStream buildOpen(int transactions) {
+        std::vector<Transaction> open;
+        for (int i = 0; i < transactions; ++i) open.push_back({kFirstInstance + i, 0});
+        for (int step = 0; step < kRecordsPerTransaction - 1; ++step)
+            for (Transaction& each : open) addRecord(each);
+        OpenStream stream{std::exchange(bytes_, {}), {}};
+        for (Transaction& each : open) addRecord(each);
+        stream.ends = std::move(bytes_);
+        return stream;
     }
 
 private:
@@ -116,6 +128,10 @@ private:
 
 Stream makeStream(int transactions, unsigned seed) {
     return Builder(seed).build(transactions);
+}
+
+OpenStream makeOpenStream(int transactions, unsigned seed) {
+    return Builder(seed).buildOpen(transactions);
 }
 
 }  // namespace vx::bench

@@ -22,4 +22,10 @@ struct Stream {
 };
 Stream makeStream(int transactions, unsigned seed);
 
+// Transactions that stand open with all their records but the last, and those last ones.
+struct OpenStream {
+    std::string begun, ends;
+};
+OpenStream makeOpenStream(int transactions, unsigned seed);
+
 }  // namespace vx::bench

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "bench/bench_allocations.h"
+#include "bench/bench_frames.h"
 #include "bench/bench_instance.h"
 #include "bench/bench_stream.h"
-#include "commonlibc/vxlb_bytes.h"
 #include "commonlibc/vxlb_decode.h"
 
 namespace vx::bench {
@@ -20,8 +20,6 @@ namespace {
 
 constexpr unsigned kSeed = 20140101;
 constexpr int kTransactions = 4000;
-constexpr std::size_t kReadSize = 131071;
-constexpr std::size_t kTotalLengthAt = 5;
 
 struct Options {
     std::int64_t records = 5000000;
@@ -59,18 +57,6 @@ std::size_t decodeRead(vxApplication& app, std::vector<char>& buffer, std::size_
     std::memcpy(buffer.data(), app.decoder.partialBuffer, left);
     app.decoder.partialLength = 0;
     return left;
-}
-
-std::size_t frameRead(std::vector<char>& buffer, std::size_t length, std::int64_t& records) {
-    VXByteView bytes(buffer.data(), length);
-    while (bytes.size() && bytes.u8At(0) == '^') {
-        const auto total = static_cast<std::size_t>(bytes.i32At(kTotalLengthAt));
-        if (total == 0 || total > bytes.size() || bytes.u8At(total - 1) != '\n') break;
-        bytes.take(total);
-        ++records;
-    }
-    std::memmove(buffer.data(), bytes.data(), bytes.size());
-    return bytes.size();
 }
 
 template <class Round>
