@@ -56,17 +56,6 @@ void vxMakeVectorPrefix(const vxApplication& app, char* prefix, std::size_t pref
     std::snprintf(prefixId, idSize, "%d|%d|", vx_word_get(bci.tierID), vx_word_get(bci.appID));
 }
 
-void initVXMonitorDataModel(vxTD* slot) {
-    if (slot->monitorModel) return;
-    auto* model =
-        static_cast<VXMonitorModel*>(VXLB_MALLOC_AND_MEMSET(sizeof(VXMonitorModel), "VXMonitorModel", -1));
-    if (!model) return;
-    vxApplication& app = *vxCurrent();
-    vxlb_make_mutex(model->mutex, vxOwnPool(app.flowpath.pool, app.pool));
-    slot->monitorModel = model;
-    VX_TRACE(2, kFlowpath, kInfo, "allocate model for %p", static_cast<void*>(slot));
-}
-
 VXTagSequence* vxTagSequence(VXMap* map, const char* key) {
     if (!map) return nullptr;
     if (auto* known = static_cast<VXTagSequence*>(search_hashmap(key, map))) return known;

@@ -86,8 +86,6 @@ apr_pool_t* vxOwnPool(apr_pool_t*& pool, apr_pool_t* parent);
 // "%s%c%s%c%s%c" of encoded tier, server and instance, and "%d|%d|" of tierID and appID.
 void vxMakeVectorPrefix(const vxApplication& app, char* prefix, std::size_t prefixSize, char* prefixId,
                         std::size_t idSize);
-// Gives the slot its VXMonitorModel if it has none; one block, the slot pool's to free.
-void initVXMonitorDataModel(vxTD* slot);
 
 // The value of `key` in a tag map; a key not seen before is added with the map's count as its sequence. Null
 // without map or memory. The map's mutex held.

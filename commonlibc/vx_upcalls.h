@@ -45,8 +45,6 @@ namespace vx {
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
     X(digestAddBackend, void(VXBackendMonitorDataCounters * slot, std::int64_t duration))               \
     /* from the engine and the decoder */                                                               \
-    X(dbMethodEntry, void(vxTD * slot, std::int64_t timeMs, const char* query))                         \
-    X(dumpRecord91, void(vxTD * slot, char** fields, int count))                                        \
     X(addMethodInHash, void(const char* methodName))                                                    \
     X(updateMethodInHash, void(const char* methodName, std::int64_t wallTime))                          \
     X(handleExceptionParameters,                                                                        \
@@ -55,9 +53,6 @@ namespace vx {
            const char* stackTrace, std::int64_t thread))                                                \
     X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
-    X(vxMethodExitException, void(vxTD * slot, const char* methodName, std::int64_t cpuTime,            \
-                                  std::int32_t status, const char* backendName, std::int64_t wallTime,  \
-                                  std::int64_t threadId, std::int32_t exitType, std::int64_t endTime))  \
     /* from the collector link */                                                                       \
     X(ASNioInit, void())                                                                                \
     X(create_autoSensor_thread, int())                                                                  \

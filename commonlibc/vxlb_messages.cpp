@@ -45,7 +45,7 @@ struct Message {
 vxTD* findSlot(const Message& message) {
     vxTD* slot = vxFindSlot(message.key, message.keyLength);
     if (slot)
-        slot->lastActivityTime.store(vxBaseMs(message.app, message.app.decoder.readTimeUs),
+        slot->lastActivityTime.store(vxRelativeMs(message.app, message.app.decoder.readTimeUs),
                                      std::memory_order_relaxed);
     return slot;
 }
@@ -202,8 +202,16 @@ void onExitByException(Message& in) {
         VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 7  pfpi = %lld ", in.instance());
         return;
     }
-    VX_UPCALL(vxMethodExitException, slot, in.text(0), in.i64(36), kExceptionStatus, in.text(1), in.i64(28),
-              in.i64(20), in.i32(0), in.i64(44));
+    VXMethodExitArguments exit{};
+    exit.methodName = in.text(0);
+    exit.methodNameLength = in.body.length[0];
+    exit.backendName = in.text(1);
+    exit.status = kExceptionStatus;
+    exit.threadId = in.i64(20);
+    exit.methodWallTime = in.i64(28);
+    exit.fpCPUTime = in.i64(36);
+    exit.endTime = in.i64(44);
+    vxMethodExitException(slot, exit, in.i32(0));
 }
 
 struct MessageRow {

@@ -91,12 +91,6 @@ struct VXTagSequence {
     const char* key;      // behind this structure
 };
 
-// What a slot keeps for the monitors over its resets.
-struct VXMonitorModel {
-    apr_thread_mutex_t* mutex;
-    char btTagSeqArray[1024];
-};
-
 // An aggregate array: fixed blocks of slots that stay in place; `size` grows by the reporting formula.
 inline constexpr std::int32_t kAggBlockSlots = 128;
 inline constexpr std::int32_t kAggBlocks = 2048;  // room for 262,144 slots

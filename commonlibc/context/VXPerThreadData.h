@@ -1,9 +1,15 @@
-// One transaction in flight (a slot), and the pool that slots come from.
+// One transaction in flight (a slot), the busy list of an instance, and the pool that slots come from.
+//
+// Free slots belong to no instance: one stack serves all, so that an instance whose agents have gone keeps
+// nothing from the others, and all instances together never hold more slots than maxSlots.
 //
 // Writer    The thread that decodes the flowpath's messages, under the instance's decode lock. The walk
 //           over idle transactions reads the atomic members without it.
-// Guards    poolMutex: lists, counts, links. blobMutex: sequenceBlob and its length. tagMutex: tags.
-// Lifetime  Slots come in blocks of 64 that are never freed: interior pointers stay valid.
+// Guards    poolMutex: the instance's busy list, its count and links. VXSlotPool.mutex: the free stack, its
+//           counts and links; taken inside poolMutex. blobMutex: sequenceBlob and its length. tagMutex: tags.
+// Lifetime  Slots come in blocks of 64 that are never freed: interior pointers stay valid. A slot that was
+//           given back may turn up in another instance: outside poolMutex a busy slot of this instance is
+//           one that the decode lock keeps busy.
 // Memory    A slot begins at a page, and all that an ordinary transaction writes stands in that first page:
 //           fields, URL, open methods, the first 2,000 bytes of the blob. What lies behind stays unmapped
 //           until a transaction needs it; neither pool nor reset touches it before.
@@ -17,6 +23,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 #include "commonlibc/context/VXBTState.h"
 #include "commonlibc/context/VXMethodState.h"
@@ -95,7 +102,6 @@ struct alignas(kSlotAlignment) VXPerThreadData_t {
     VXPerThreadData_t *free_next, *free_prev, *busy_next, *busy_prev;
     apr_thread_mutex_t* blobMutex;
     apr_thread_mutex_t* tagMutex;
-    void* monitorModel;  // the slot's monitor block, kept over resets
     struct {
         std::int32_t DBCallDepth;
         std::int64_t queryId;
@@ -122,15 +128,22 @@ using vxTD = VXPerThreadData_t;
 struct VXMap;
 struct VXSlotBlock;  // 64 slots in one piece
 
-struct VXFlowpathState_t {
+// The free slots of the process.
+struct VXSlotPool_t {
+    std::mutex mutex;    // a leaf
     vxTD* gFreeTLSHead;  // a stack
     std::int32_t gFreeTLSCnt;
+    std::int32_t taken;     // slots in flight in all instances; at most maxSlots
+    std::int32_t g_tlsidx;  // next index, never reused
+    apr_pool_t* pool;       // the slots' mutexes
+    VXSlotBlock* blocks;    // all of them, newest first
+};
+extern VXSlotPool_t VXSlotPool;
+
+struct VXFlowpathState_t {
     vxTD *gBusyTLSHead, *gBusyTLSTail;  // oldest first
     std::int32_t gBusyTLSCnt;
-    std::int32_t g_tlsidx;  // next index, never reused
     apr_thread_mutex_t* poolMutex;
-    apr_pool_t* pool;                          // the slots' mutexes
-    VXSlotBlock* blocks;                       // all of them, newest first
     VXMap* fpi_tls_map;                        // text of the flowpath (filedKey) to slot; decode lock
     std::atomic<std::int64_t> resetCounter;    // slots reset for their age
     std::atomic<std::uint64_t> startsRefused;  // startFP found no slot, since process start

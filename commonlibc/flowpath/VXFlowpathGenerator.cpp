@@ -53,8 +53,8 @@ void setInstance(vxTD* slot, std::int64_t instance) {
 
 void setTimes(const vxApplication& app, vxTD* slot, std::int64_t startTime) {
     slot->startTimeUs = startTime < 1 ? vxlb_now_us() : startTime;
-    slot->startTimeRel = vxBaseMs(app, slot->startTimeUs);
-    slot->lastActivityTime.store(vxBaseMs(app, app.decoder.readTimeUs), std::memory_order_relaxed);
+    slot->startTimeRel = vxRelativeMs(app, slot->startTimeUs);
+    slot->lastActivityTime.store(vxRelativeMs(app, app.decoder.readTimeUs), std::memory_order_relaxed);
 }
 
 void startSession(vxTD* slot) {
@@ -173,7 +173,10 @@ vxTD* startFP(const VXStartArguments& start) {
     vxApplication& app = *vxCurrent();
     if (!app.Server.testRunRunning || app.Server.stopping) return nullptr;
     vxTD* slot = get_free_tls_slot();
-    if (!slot) return nullptr;
+    if (!slot) {
+        app.flowpath.startsRefused.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
 
     resetAllThreadLocals(slot);
     setTimes(app, slot, start.startTime);

@@ -25,7 +25,8 @@ struct VXStartArguments {
     std::int64_t startTime;  // microseconds; below 1: now
     std::int64_t threadId;   // 0: the present thread's
 };
-// A busy slot with its first item; the caller files it. Null while no test runs, and without memory.
+// A busy slot with its first item; the caller files it. Null while no test runs, and, counted in
+// startsRefused, without a slot.
 vxTD* startFP(const VXStartArguments& start);
 void setFPCaptured(vxTD* slot);
 // URL and BT of the flowpath. A URL is replaced only by a real one where "UnknownUrl" stood, and only

@@ -59,7 +59,7 @@ std::int64_t generate_flowpath_instance() {
     vxApplication& app = *vxCurrent();
     Server_t& server = app.Server;
     constexpr auto relaxed = std::memory_order_relaxed;
-    const std::int64_t now = vxBaseMs(app, vxlb_now_us());
+    const std::int64_t now = vxRelativeMs(app, vxlb_now_us());
     const std::int64_t sequence = server.flowpathCounter.fetch_add(1, relaxed) + 1U;
     const auto time = static_cast<std::uint64_t>(server.timeStampMask.load(relaxed) & now);
     const auto digits = static_cast<unsigned>(server.seqNoDigits.load(relaxed) & 63);

@@ -1,6 +1,7 @@
 #include "commonlibc/flowpath/VXFlowpathRecords.h"
 
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/http/VXHttpHeaderMap.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_word.h"
 #include "commonlibc/vxlb_writer.h"
@@ -12,6 +13,8 @@ namespace {
 using Number = long long;  // as the traces print 64 bits
 
 constexpr std::size_t kRecordSize = 16383;
+constexpr std::size_t kArgumentRecordSize = 1023;
+constexpr const char* kCustomHeader = "Custom_Header";
 constexpr std::int32_t kStatusDiscard = -99;
 constexpr std::size_t kSessionIdWidth = 21;
 
@@ -216,6 +219,18 @@ void dumpCompleteFlowpathSeqBlock(vxTD* slot, std::int32_t category, std::int64_
     if (vx_word_get(app.VXSys.tagsEnabled)) out.number(getTagIdPerThread(slot)).put(',');
     writeBlob(out, slot);
     record.send();
+}
+
+void dump19RecordForSpecificMethodArg(vxTD* slot, std::uint32_t methodId, const char* phase) {
+    const std::int32_t header = vxHttpHeaderId(kCustomHeader);
+    if (header == kNoHttpHeader) return;
+    char record[kArgumentRecordSize];
+    VXWriter out(record, sizeof(record));
+    out.bytes("19,", 3).number(instanceOf(slot)).bytes(",2:", 3).number(static_cast<std::int32_t>(methodId));
+    out.put(':').number(++slot->seqNo).put(':').number(header).bytes(":1:<", 4);
+    out.recordText(phase).bytes(">|", 2).endLine();
+    VX_TRACE(2, kFlowpath, kInfo, "19 record = '%.*s'", static_cast<int>(out.length()), record);
+    dumpData(record, static_cast<std::int64_t>(out.length()));
 }
 
 void dumpDataForDebug(vxTD* slot) {

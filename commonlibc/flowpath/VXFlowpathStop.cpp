@@ -35,6 +35,17 @@ void emptyBusyList(const vxApplication& app, Leave leave) {
     }
 }
 
+// A run tells once of each table that is full.
+void clearToldCeilings(vxApplication& app) {
+    app.tiers.callersTraced = 0;  // decode lock
+    {
+        const VXGuard pool(app.flowpath.poolMutex);
+        app.flowpath.ceilingTraced = 0;
+    }
+    const VXGuard headers(app.http.headerMutex);
+    app.http.headersTraced = 0;
+}
+
 }  // namespace
 
 void dumpFpFromBusyList() {
@@ -48,9 +59,10 @@ void dumpFpFromBusyList() {
 }
 
 void vxDropBusyList() {
-    const vxApplication& app = *vxCurrent();
+    vxApplication& app = *vxCurrent();
     emptyBusyList(app, [](vxTD*) {});
     const VXGuard decode(app.decoder.decodeMutex);
+    clearToldCeilings(app);
     iterate_hashtable_and_free_hashmap(app.flowpath.fpi_tls_map);
 }
 

@@ -8,7 +8,8 @@ namespace vx {
 
 // Ends all flowpaths that are busy now, oldest first, then flushCommonData().
 void dumpFpFromBusyList();
-// Resets all busy slots without records and clears the map (Start).
+// Resets all busy slots without records, clears the map and what the former run has told of full tables
+// (Start).
 void vxDropBusyList();
 
 }  // namespace vx

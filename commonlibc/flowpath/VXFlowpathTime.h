@@ -1,9 +1,12 @@
-// Times of a flowpath: from the agent's microseconds to milliseconds in the instance's base.
+// Sums over what agents send: times since a flowpath's start, counts.
 //
-// Times come from the wire and may hold any value: sums wrap in 64 bits instead of overflowing.
+// Numbers come from the wire and may hold any value: sums of times wrap in 64 bits instead of overflowing,
+// counts stay at their ends.
 //
 // Threads   Any; no state.
 #pragma once
+
+#include <limits>
 
 #include "commonlibc/context/vx_application.h"
 
@@ -19,14 +22,18 @@ inline std::int64_t vxWrapMul(std::int64_t a, std::int64_t b) noexcept {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
 }
 
-// Milliseconds in the instance's base, of a Unix time in microseconds.
-inline std::int64_t vxBaseMs(const vxApplication& app, std::int64_t epochUs) noexcept {
-    return vxWrapSub(epochUs / 1000, app.Server.zorEpochDiff.load(std::memory_order_relaxed));
+// Counts of a flowpath that stop at the ends of their range.
+inline void vxRaise(std::int32_t& count) noexcept {
+    if (count < std::numeric_limits<std::int32_t>::max()) ++count;
 }
+inline void vxLower(std::int32_t& count) noexcept {
+    if (count > std::numeric_limits<std::int32_t>::min()) --count;
+}
+
 // Milliseconds since the flowpath's start, of a Unix time in microseconds; negative before it.
 inline std::int64_t vxSinceStartMs(const vxApplication& app, const vxTD& slot,
                                    std::int64_t epochUs) noexcept {
-    return vxWrapSub(vxBaseMs(app, epochUs), slot.startTimeRel);
+    return vxWrapSub(vxRelativeMs(app, epochUs), slot.startTimeRel);
 }
 
 }  // namespace vx

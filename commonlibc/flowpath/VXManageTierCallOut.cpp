@@ -1,12 +1,20 @@
 #include "commonlibc/flowpath/VXManageTierCallOut.h"
 
+#include <apr_strings.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/vxlb_escape.h"
+#include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
+#include "commonlibc/vxlb_writer.h"
 
 namespace vx {
 
@@ -14,8 +22,25 @@ namespace {
 
 constexpr int kFieldsNeeded = 4;
 constexpr int kFieldsRead = 9;
-constexpr int kCallerId = 3;
+constexpr std::size_t kKeySize = 4096;    // with terminator
+constexpr std::size_t kFieldSize = 1024;  // with terminator
+constexpr std::size_t kRecordSize = 8192;
 constexpr const char* kNotAnnounced = "NA";
+enum ChainField { kFlowpath, kTime, kSequence, kCallerId, kTier = 6, kInstance, kServer };
+
+// The fields of a chain; those that it does not have are empty.
+struct Chain {
+    const char* field[kFieldsRead];
+    int count;
+};
+
+Chain takeApart(char* text) {
+    char* fields[kFieldsRead + 1];  // the last one takes what follows field 8
+    Chain chain{};
+    chain.count = vxlb_split_keep_empty(text, fields, "_", kFieldsRead + 1);
+    for (int i = 0; i < kFieldsRead; ++i) chain.field[i] = i < chain.count ? fields[i] : "";
+    return chain;
+}
 
 void setPreviousSequence(vxTD* slot, const char* text) {
     VXLB_FREE(slot->prevTierSeq, "SeqNo", -1);
@@ -24,20 +49,84 @@ void setPreviousSequence(vxTD* slot, const char* text) {
     if (slot->prevTierSeq) std::memcpy(slot->prevTierSeq, text, size);
 }
 
+// What tells one caller from another. The length.
+std::size_t makeKey(const Chain& chain, char (&key)[kKeySize]) {
+    VXWriter out(key, sizeof(key));
+    for (const ChainField field : {kCallerId, kTier, kInstance, kServer}) out.text(chain.field[field]);
+    return out.terminate().length();
+}
+
+void traceCeilingOnce(VXTierState_t& tiers) {
+    if (tiers.callersTraced) return;
+    tiers.callersTraced = 1;
+    VX_TRACE(1, kFlowpath, kError, "maxCallers = %d calling tiers are known, others are not announced",
+             VXProxy.ceilings.maxCallers);
+}
+
+// Remembers a caller that was not met before. False beyond the ceiling and without memory. The keys live as
+// long as the map, in its pool.
+bool rememberCaller(VXTierState_t& tiers, const char* key, std::size_t length) {
+    if (tiers.callerCount >= static_cast<std::uint32_t>(std::max(VXProxy.ceilings.maxCallers, 0))) {
+        traceCeilingOnce(tiers);
+        return false;
+    }
+    const VXGuard guard(tiers.callers->mutex);
+    char* kept = apr_pstrmemdup(tiers.callers->pool, key, length);
+    if (!kept) return false;
+    modify_hashmap(kept, kept, tiers.callers);
+    ++tiers.callerCount;
+    return true;
+}
+
+void announce(const Chain& chain) {
+    char id[kFieldSize], tier[kFieldSize], instance[kFieldSize], server[kFieldSize];
+    decodeUnderscore(id, sizeof(id), chain.field[kCallerId], 1);
+    decodeUnderscore(tier, sizeof(tier), chain.field[kTier], 0);
+    decodeUnderscore(instance, sizeof(instance), chain.field[kInstance], 0);
+    decodeUnderscore(server, sizeof(server), chain.field[kServer], 0);
+    dumpRecord91({id, tier, instance, server});
+}
+
+// 0, or -1 without a map.
+int meetCaller(vxApplication& app, const Chain& chain) {
+    char key[kKeySize];
+    const std::size_t length = makeKey(chain, key);
+    if (length == 0) return 0;
+    if (!app.tiers.callers) app.tiers.callers = create_hashmap(app.pool);
+    if (!app.tiers.callers) {
+        VX_TRACE(1, kFlowpath, kError, "Error in creating map for ATD...");
+        return -1;
+    }
+    if (search_hashmap_len(key, static_cast<std::int64_t>(length), app.tiers.callers)) return 0;
+    if (rememberCaller(app.tiers, key, length) && std::strcmp(chain.field[kCallerId], kNotAnnounced) != 0)
+        announce(chain);
+    return 0;
+}
+
 }  // namespace
 
 int setTierCallOut(vxTD* slot, char* chainText) {
-    char* fields[kFieldsRead];
-    const int count = vxlb_get_tokens_with_multi_delimiter(chainText, fields, "_", kFieldsRead);
-    if (count < kFieldsNeeded) {
-        VX_TRACE(1, kFlowpath, kError, "Error in received string '%s'", chainText);
+    if (!chainText || std::count(chainText, chainText + std::strlen(chainText), '_') + 1 < kFieldsNeeded) {
+        VX_TRACE(1, kFlowpath, kError, "Error in received string '%s'", chainText ? chainText : "(null)");
         return -1;
     }
-    slot->prevFlowpath = std::strtoll(fields[0], nullptr, 10);
-    slot->prevTierTime = std::strtoll(fields[1], nullptr, 10);
-    setPreviousSequence(slot, fields[2]);
-    if (std::strcmp(fields[kCallerId], kNotAnnounced) != 0) VX_UPCALL(dumpRecord91, slot, fields, count);
-    return 0;
+    const Chain chain = takeApart(chainText);
+    if (*chain.field[kFlowpath]) slot->prevFlowpath = std::strtoll(chain.field[kFlowpath], nullptr, 10);
+    if (!*chain.field[kTime]) return -1;
+    slot->prevTierTime = std::strtoll(chain.field[kTime], nullptr, 10);
+    setPreviousSequence(slot, chain.field[kSequence]);
+    return meetCaller(*vxCurrent(), chain);
+}
+
+void dumpRecord91(const VXCaller& caller) {
+    char record[kRecordSize];
+    VXWriter out(record, sizeof(record));
+    out.text("91");
+    for (const char* text : {caller.id, caller.tier, getTierName(), caller.instance, caller.server,
+                             getAppServerName(), getAppName()})
+        out.put(',').recordText(text);
+    out.text(",NA").endLine();
+    dumpData(record, static_cast<std::int64_t>(out.length()));
 }
 
 }  // namespace vx

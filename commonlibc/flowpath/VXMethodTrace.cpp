@@ -2,21 +2,19 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 #include "commonlibc/VXMethodManager.h"
-#include "commonlibc/flowpath/VXFlowpathIdentity.h"
+#include "commonlibc/flowpath/VXFlowpathRecords.h"
 #include "commonlibc/flowpath/VXFlowpathTime.h"
+#include "commonlibc/flowpath/VXMethodCallout.h"
 #include "commonlibc/flowpath/VXOpenMethods.h"
 #include "commonlibc/flowpath/VXSequenceBlob.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "commonlibc/vxlb_word.h"
-#include "commonlibc/vxlb_writer.h"
 
 namespace vx {
 
@@ -25,16 +23,10 @@ namespace {
 constexpr std::uint8_t kSubtypeEntry = '#';  // an entry that is always in the blob
 constexpr std::uint8_t kSubtypeExit = 4;     // an exit that is always in the blob
 constexpr std::int32_t kEntryItem = 0, kExitItem = 1;
-constexpr std::int32_t kCpuTimeOfGo = 3;  // CPU time mode from which Go agents' CPU times are taken
+constexpr std::int32_t kStatusOfException = 503;  // at least
+constexpr std::int32_t kCpuTimeOfGo = 3;          // CPU time mode from which Go agents' CPU times are taken
 constexpr char kPhaseMethod[] = "System.Web.HttpRuntime.ProcessRequestNotificationPrivate";
 constexpr std::size_t kPhaseMethodLength = sizeof(kPhaseMethod) - 1;
-
-// What the method's record says at this event.
-struct MethodView {
-    mPP* method;
-    std::uint32_t id, flags, urlFlag;
-    std::uint8_t type, subtype;
-};
 
 long long instanceOf(const vxTD* slot) {
     return slot->flowpathInstance.load(std::memory_order_relaxed);
@@ -42,16 +34,6 @@ long long instanceOf(const vxTD* slot) {
 
 bool isAgent(const vxApplication& app, std::int32_t code) {
     return app.VXBCISetting.agentTypeCode.load(std::memory_order_relaxed) == code;
-}
-
-MethodView viewOf(mPP* method) {
-    constexpr auto relaxed = std::memory_order_relaxed;
-    return {method,
-            method->methodId.load(relaxed),
-            method->isEntryPointPtr.load(relaxed),
-            method->urlFlag.load(relaxed),
-            method->type.load(relaxed),
-            method->subtype.load(relaxed)};
 }
 
 // The record of a method that is entered, made if it is new.
@@ -72,40 +54,10 @@ mPP* leftMethod(const vxApplication& app, const vxTD* slot, mPP* known, const VX
 }
 
 // The method filter of php agents leaves out plain methods that it names.
-bool isFiltered(const vxApplication& app, const MethodView& view) {
+bool isFiltered(const vxApplication& app, const VXMethodView& view) {
     if (view.flags != 0 || !isAgent(app, kAgentPhp)) return false;
     const VXMethodLock lock;
     return view.method->isSkippedByProfile == 1 || view.method->skipFlag2 == 1;
-}
-
-void raise(std::int32_t& count) {
-    if (count < std::numeric_limits<std::int32_t>::max()) ++count;
-}
-
-bool isCallout(const vxTD* slot, const MethodView& view) {
-    return (view.flags & kMethodBackend) && !slot->tlIsFPExcluded && slot->tlIsFPCaptured;
-}
-
-// A key by which the called side can be tied to this call.
-void makeCalloutKey(vxTD* slot, mPP* method) {
-    VXWriter(slot->calloutKey, sizeof(slot->calloutKey))
-        .hex(static_cast<std::uint64_t>(generate_flowpath_instance()))
-        .terminate();
-    const VXMethodLock lock;
-    std::memcpy(method->calloutKey, slot->calloutKey, sizeof(slot->calloutKey));
-    method->keyTime = vxlb_now_us();
-}
-
-void enterCallout(const vxApplication& app, vxTD* slot, const MethodView& view, std::int64_t timeMs,
-                  const char* query) {
-    if (view.type == kTypeDb) {
-        VX_UPCALL(dbMethodEntry, slot, timeMs, query);
-    } else {
-        raise(slot->httpCallOutDepth);
-    }
-    const bool tied = view.type == kTypeHttp || view.type == kTypeDb;
-    if (tied && app.VXSys.proxyMode == 0 && vx_word_get(app.VXSys.otelEnabled))
-        makeCalloutKey(slot, view.method);
 }
 
 bool withinDepth(const vxApplication& app, const vxTD* slot) {
@@ -128,7 +80,7 @@ std::int32_t openEntries(vxTD* slot, std::uint32_t methodId) {
 }
 
 // False when no entry of the method is open.
-bool closeEntry(vxTD* slot, const MethodView& view, const char* methodName) {
+bool closeEntry(vxTD* slot, const VXMethodView& view, const char* methodName) {
     if (view.id >= kCountedMethods || vxCloseMethod(*slot, view.id)) return true;
     VX_TRACE(2, kFlowpath, kInfo, "FPI = %lld Method Exit = '%s,%d,%d' Entry Not Found", instanceOf(slot),
              methodName, static_cast<int>(view.id), openEntries(slot, view.id));
@@ -140,23 +92,46 @@ bool announcesPhase(const vxApplication& app, const VXMethodExitArguments& exit)
            std::strncmp(exit.methodName, kPhaseMethod, kPhaseMethodLength) == 0;
 }
 
-void appendExit(const vxApplication& app, vxTD* slot, const MethodView& view,
-                const VXMethodExitArguments& exit, std::int64_t cpuTime) {
+// The item of an exit of `type`. What is beyond the depth limit leaves none.
+void appendExit(const vxApplication& app, vxTD* slot, const VXMethodView& view,
+                const VXMethodExitArguments& exit, std::int32_t type) {
     if (!withinDepth(app, slot)) {
         --slot->nonServiceMethodCount;
         return;
     }
     ++slot->seqNo;
+    const bool withPhase = type == kExitItem && announcesPhase(app, exit);
+    if (withPhase) dump19RecordForSpecificMethodArg(slot, view.id, exit.phase);
     if (slot->tlIsFPExcluded || !(slot->tlIsFPCaptured || exit.force || view.subtype == kSubtypeExit)) return;
+    const bool withoutCpuTime = isAgent(app, kAgentGo) && vx_word_get(app.VXSys.enableCpuTime) < kCpuTimeOfGo;
     append(app, slot,
            {.methodId = view.id,
             .time = exit.methodWallTime / 1000,
-            .type = kExitItem,
-            .cpuTime = cpuTime,
+            .type = type,
+            .cpuTime = withoutCpuTime ? 0 : exit.fpCPUTime,
             .urlFlag = view.urlFlag,
             .threadId = exit.threadId,
             .url = nullptr,
-            .phaseFlag = announcesPhase(app, exit)});
+            .phaseFlag = withPhase});
+}
+
+// False when an exit without a slot, a run or a name is to be ignored.
+bool mayLeave(const vxApplication& app, const vxTD* slot, const VXMethodExitArguments& exit) {
+    if (!slot || !app.Server.testRunRunning.load(std::memory_order_relaxed)) return false;
+    if (exit.methodName && *exit.methodName) return true;
+    VX_TRACE(1, kFlowpath, kError, "Method name for '%lld' is : '%s'.", instanceOf(slot),
+             exit.methodName ? exit.methodName : "(null)");
+    return false;
+}
+
+void countMethod(vxTD* slot, const VXMethodView& view, const VXMethodExitArguments& exit) {
+    if (view.flags & kMethodMonitored)
+        updateCounterAndDurationForMethod(slot, view.method, exit.methodWallTime / 1000);
+}
+
+// An exit by exception leaves the entry open, for the exit that may follow it.
+bool entryIsOpen(vxTD* slot, const VXMethodView& view) {
+    return view.id >= kCountedMethods || openEntries(slot, view.id) > 0;
 }
 
 }  // namespace
@@ -184,13 +159,13 @@ mPP* vxMethodEntryEx(mPP* method, vxTD* slot, const VXMethodEntryArguments& entr
     mPP* found = enteredMethod(app, slot, method, entry);
     if (!found) return nullptr;
     markMethodUsed(found);
-    const MethodView view = viewOf(found);
+    const VXMethodView view = vxViewOf(found);
     if (isFiltered(app, view)) return nullptr;
 
-    raise(view.flags & kMethodEntryPoint ? slot->entryPointCount : slot->nonServiceMethodCount);
+    vxRaise(view.flags & kMethodEntryPoint ? slot->entryPointCount : slot->nonServiceMethodCount);
     if (entry.urlParameter)
         vxlb_copy_text(slot->uRLParameters, sizeof(slot->uRLParameters), entry.urlParameter);
-    if (isCallout(slot, view)) enterCallout(app, slot, view, sinceStart, entry.url);
+    if (view.flags & kMethodBackend) vxEnterCallout(slot, view);
 
     const bool wanted = slot->tlIsFPCaptured || entry.force || view.subtype == kSubtypeEntry;
     if (wanted && !slot->tlIsFPExcluded && withinDepth(app, slot))
@@ -222,24 +197,38 @@ void vxMethodExit(vxTD* slot, const VXMethodExitArguments& exit) {
 
 void vxMethodExitEx(mPP* method, vxTD* slot, const VXMethodExitArguments& exit) {
     const vxApplication& app = *vxCurrent();
-    if (!slot || !app.Server.testRunRunning.load(std::memory_order_relaxed)) return;
-    if (!exit.methodName || !*exit.methodName) {
-        VX_TRACE(1, kFlowpath, kError, "Method name for '%lld' is : '%s'.", instanceOf(slot),
-                 exit.methodName ? exit.methodName : "(null)");
-        return;
-    }
+    if (!mayLeave(app, slot, exit)) return;
     if (exit.status >= 0) slot->statusCode = exit.status;
 
     mPP* found = leftMethod(app, slot, method, exit);
     if (!found) return;
     markMethodUsed(found);
-    const MethodView view = viewOf(found);
+    const VXMethodView view = vxViewOf(found);
     if (!closeEntry(slot, view, exit.methodName) || isFiltered(app, view)) return;
 
-    const bool withoutCpuTime = isAgent(app, kAgentGo) && vx_word_get(app.VXSys.enableCpuTime) < kCpuTimeOfGo;
-    if (view.flags & kMethodMonitored)
-        updateCounterAndDurationForMethod(slot, view.method, exit.methodWallTime / 1000);
-    appendExit(app, slot, view, exit, withoutCpuTime ? 0 : exit.fpCPUTime);
+    VXCallout callout{};
+    if (vxHasCallout(view)) callout = vxLeaveCallout(slot, view, exit);
+    countMethod(slot, view, exit);
+    appendExit(app, slot, view, exit, kExitItem);
+    if (callout.backend) vxAppendCallout(slot, view, exit, callout);
+}
+
+void vxMethodExitException(vxTD* slot, const VXMethodExitArguments& thrown, std::int32_t exitType) {
+    const vxApplication& app = *vxCurrent();
+    if (!mayLeave(app, slot, thrown)) return;
+    VXMethodExitArguments exit = thrown;
+    if (exit.threadId == 0) exit.threadId = slot->threadId;
+    slot->statusCode = std::max(slot->statusCode, kStatusOfException);
+
+    mPP* found = leftMethod(app, slot, nullptr, exit);
+    if (!found) return;
+    markMethodUsed(found);
+    const VXMethodView view = vxViewOf(found);
+    if (!entryIsOpen(slot, view) || isFiltered(app, view)) return;
+
+    if (vxHasCallout(view)) vxThrowFromCallout(slot, view, exit);
+    countMethod(slot, view, exit);
+    appendExit(app, slot, view, exit, exitType);
 }
 
 }  // namespace vx

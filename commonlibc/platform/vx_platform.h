@@ -18,6 +18,9 @@ std::int64_t vx_platform_process_id();
 std::int64_t vx_platform_thread_id();
 // Physical memory in MB, 0 when unknown.
 std::int64_t vx_platform_total_memory_mb();
+// Asks the system to keep small pages for a block of which most is never touched: with large ones, a single
+// byte would make two megabytes resident.
+void vx_platform_small_pages(void* block, std::size_t size);
 // True when an APR status of a send means that the connection is gone (end of file, broken pipe, reset,
 // time-out of the connection).
 bool vx_platform_connection_lost(int aprStatus);

@@ -50,7 +50,6 @@ void readSettings(const VXIdentity_t& identity) {
 // What a second start of the control thread finds made.
 void makeOnce(vxApplication& app) {
     if (app.flowpath.fpi_tls_map) return;
-    create_tls_pool(0);
     initVXManageTIdToTLocal();
     app.flowpath.fpi_tls_map = create_hashmap(app.pool);
     for (std::uint32_t& counter : app.method.idCounters) counter = 1;

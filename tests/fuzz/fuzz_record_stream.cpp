@@ -38,7 +38,7 @@ vxApplication* openContext() {
 
 void closeContext(vxApplication* app) {
     vxDropBusyList();
-    vxFreeSlotPools(*app);
+    vxFreeSlotPools();
     test::closeDumping(*app);
     test::freeBusinessTransactions(app->bt);
     test::freeMethodTable(app->method);

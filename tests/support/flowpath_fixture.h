@@ -30,7 +30,7 @@ protected:
     }
     void TearDown() override {
         vxDropBusyList();
-        vxFreeSlotPools(*app);
+        vxFreeSlotPools();
         KnowledgeFixture::TearDown();
     }
 

@@ -42,7 +42,11 @@ inline std::string resetFrame(std::int64_t flowpath) {
     char out[64];
     return std::string(out, static_cast<std::size_t>(transactionResetEncode(out, sizeof(out), flowpath)));
 }
-// An exit by exception: the record that needs nothing of the engine but a filed slot.
+// An exception: the record that needs nothing of the engine but a filed slot.
+inline std::string exceptionFrame(std::int64_t flowpath, const char* className) {
+    return frameOf(ExceptionEncode,
+                   VXExceptionRecord{0, flowpath, 0, 0, wire(className), {}, {}, {}, {}, {}});
+}
 inline std::string thrownFrame(std::int64_t flowpath, const char* method) {
     return frameOf(ExceptionMethodExitEncode,
                    VXExceptionExitRecord{0, flowpath, 0, 0, 0, 0, wire(method), {}});

@@ -20,14 +20,14 @@ namespace {
 using namespace test;
 using Names = std::vector<std::string>;
 
-Names accepted;  // method names of the records that came through
+Names accepted;  // class names of the records that came through
 
-void rememberThrown(vxTD*, const char* methodName, std::int64_t, std::int32_t, const char*, std::int64_t,
-                    std::int64_t, std::int32_t, std::int64_t) {
-    accepted.emplace_back(methodName ? methodName : "(none)");
+void rememberException(vxTD*, std::int64_t, const char* className, const char*, const char*, const char*,
+                       const char*, std::int32_t, const char*, std::int64_t) {
+    accepted.emplace_back(className ? className : "(none)");
 }
 
-// One flowpath, 77, whose exits by exception are remembered.
+// One flowpath, 77, whose exceptions are remembered.
 class DecodeStream : public AppFixture {
 protected:
     void SetUp() override {
@@ -35,13 +35,13 @@ protected:
         app->flowpath.fpi_tls_map = create_hashmap(app->pool);
         app->Server.testRunRunning = 1;
         vxFileSlot(get_free_tls_slot(), "77");
-        vxUpcalls.vxMethodExitException = rememberThrown;
+        vxUpcalls.handleExceptionParameters = rememberException;
         accepted.clear();
     }
     void TearDown() override {
-        vxUpcalls.vxMethodExitException = nullptr;
+        vxUpcalls.handleExceptionParameters = nullptr;
         vxDropBusyList();
-        vxFreeSlotPools(*app);
+        vxFreeSlotPools();
         AppFixture::TearDown();
     }
     std::string carried() const {
@@ -49,8 +49,8 @@ protected:
     }
 };
 
-const std::string kGood = thrownFrame(77, "good");
-const std::string kOther = thrownFrame(77, "other");
+const std::string kGood = exceptionFrame(77, "good");
+const std::string kOther = exceptionFrame(77, "other");
 
 std::string withoutEndMark(std::string frame) {
     frame.back() = 'x';
@@ -150,7 +150,7 @@ TEST_F(DecodeStream, ClearsTheCarryOverWhenThereIsNothingToRead) {
 
 TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
     const std::string longName(20000, 'n');
-    const std::string record = thrownFrame(77, longName.c_str());
+    const std::string record = exceptionFrame(77, longName.c_str());
     readBytes(*app, firstOf(record, 10239));
     EXPECT_EQ(carried(), firstOf(record, 10239));
     readBytes(*app, record.substr(10239));

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "tests/support/flowpath_fixture.h"
 
 namespace vx::test {
@@ -27,7 +28,7 @@ protected:
 
 TEST_F(SlotPool, GrowsByOneBlockForThe65thFlowpath) {
     const auto slots = take(65);
-    EXPECT_EQ(app->flowpath.gFreeTLSCnt, 63);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 63);
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 65);
     EXPECT_EQ(busyList(), slots);
     std::set<std::int64_t> indices;
@@ -45,11 +46,11 @@ TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesIt) {
         free_tls_slot(left);
         slots.erase(slots.begin() + leaving);
         EXPECT_EQ(busyList(), slots) << "slot " << leaving << " left";
-        EXPECT_EQ(app->flowpath.gFreeTLSHead, left);
+        EXPECT_EQ(VXSlotPool.gFreeTLSHead, left);
         for (vxTD* slot : slots) free_tls_slot(slot);
         EXPECT_TRUE(busyList().empty());
     }
-    EXPECT_EQ(app->flowpath.gFreeTLSCnt, 64);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 64);
 }
 
 TEST_F(SlotPool, IgnoresASecondReleaseAndNull) {
@@ -57,8 +58,39 @@ TEST_F(SlotPool, IgnoresASecondReleaseAndNull) {
     free_tls_slot(slots[0]);
     free_tls_slot(slots[0]);
     free_tls_slot(nullptr);
-    EXPECT_EQ(app->flowpath.gFreeTLSCnt, 63);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 63);
     EXPECT_EQ(busyList(), (std::vector<vxTD*>{slots[1]}));
+}
+
+// Two instances in one process: what one gives back serves the other, and the ceiling holds for both.
+TEST_F(SlotPool, FreeSlotsBelongToNobodyAndTheCeilingIsOfAll) {
+    VXProxy.ceilings.maxSlots = 70;
+    vxApplication* other = vxNewApplication();
+    apr_pool_create(&other->pool, nullptr);
+    vxMakeContextMutexes(*other);
+    other->Server.testRunRunning = 1;
+
+    const auto slots = take(70);
+    vxSetCurrent(other);
+    EXPECT_EQ(startFP({}), nullptr);
+    EXPECT_EQ(startFP({}), nullptr);
+    EXPECT_EQ(other->flowpath.startsRefused, 2U);
+    EXPECT_EQ(other->flowpath.ceilingTraced, 1);
+    vxSetCurrent(app);
+    for (vxTD* slot : slots) free_tls_slot(slot);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 128) << "two blocks, whoever asks";
+
+    vxSetCurrent(other);
+    const auto taken = take(70);
+    EXPECT_EQ(taken.front(), slots.back());
+    EXPECT_EQ(other->flowpath.gBusyTLSCnt, 70);
+    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 0);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 58);
+    for (vxTD* slot : taken) free_tls_slot(slot);
+    apr_pool_destroy(other->pool);
+    vxFreeApplication(other);
+    vxSetCurrent(app);
+    VXProxy.ceilings = {};
 }
 
 }  // namespace

@@ -28,14 +28,6 @@ std::vector<std::string> calls;  // what reached the upcalls
 std::string shown(const char* text) {
     return text ? text : "(null)";
 }
-void rememberThrown(vxTD*, const char* methodName, std::int64_t cpuTime, std::int32_t status,
-                    const char* backendName, std::int64_t wallTime, std::int64_t threadId,
-                    std::int32_t exitType, std::int64_t endTime) {
-    calls.push_back("thrown " + shown(methodName) + " " + std::to_string(cpuTime) + " " +
-                    std::to_string(status) + " " + shown(backendName) + " " + std::to_string(wallTime) + " " +
-                    std::to_string(threadId) + " " + std::to_string(exitType) + " " +
-                    std::to_string(endTime));
-}
 void rememberException(vxTD*, std::int64_t time, const char* className, const char* message,
                        const char* throwingClass, const char* throwingMethod, const char* cause,
                        std::int32_t kind, const char* stackTrace, std::int64_t thread) {
@@ -63,7 +55,6 @@ protected:
         hashMapForAgent();
         vx_word_set(app->VXSys.bciInstrSessionPct, 100);
         slot = fileSlot("77", kNowUs);
-        vxUpcalls.vxMethodExitException = rememberThrown;
         vxUpcalls.handleExceptionParameters = rememberException;
         vxUpcalls.sendHttpHdrReq = rememberRequest;
         vxUpcalls.sendHttpHdrRep = rememberResponse;
@@ -74,7 +65,7 @@ protected:
         vxUpcalls = {};
         vxlb_set_clock_hooks({});
         vxDropBusyList();
-        vxFreeSlotPools(*app);
+        vxFreeSlotPools();
         KnowledgeFixture::TearDown();
     }
     vxTD* fileSlot(const char* key, std::int64_t startTimeUs) {
@@ -211,10 +202,14 @@ TEST_F(Messages, WithoutAFlowpathMapNothingIsTouched) {
 }
 
 TEST_F(Messages, ExceptionsAndExitsByExceptionReachTheirHandlers) {
-    const VXExceptionExitRecord exit{3, 77, 4, 5, 6, 7, wire("C.m"), wire("db")};
-    readBytes(*app, frameOf(ExceptionMethodExitEncode, exit) + fullException());
-    EXPECT_EQ(calls, (std::vector<std::string>{"thrown C.m 6 503 db 5 4 3 7",
-                                               "exception 5 C mess Th me ca 4 st 6"}));
+    const VXExceptionExitRecord exit{3, 77, 4, 5000, 6, 7, wire("C.m"), wire("db")};
+    slot->tlIsFPCaptured = 1;
+    readBytes(*app,
+              entryFrame(77, "C.m", kNowUs) + frameOf(ExceptionMethodExitEncode, exit) + fullException());
+    const std::string items(slot->sequenceBlob, static_cast<std::size_t>(slot->sequenceBlobLen));
+    EXPECT_TRUE(items.ends_with("3:4_1_5_6___")) << items;
+    EXPECT_EQ(slot->statusCode, 503);
+    EXPECT_EQ(calls, std::vector<std::string>{"exception 5 C mess Th me ca 4 st 6"});
 }
 
 TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {

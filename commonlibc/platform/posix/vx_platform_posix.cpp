@@ -1,4 +1,5 @@
 #include <apr_errno.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -34,6 +35,19 @@ std::int64_t vx_platform_total_memory_mb() {
     const long pageSize = ::sysconf(_SC_PAGESIZE);
     if (pages <= 0 || pageSize <= 0) return 0;
     return static_cast<std::int64_t>(pages) * pageSize / std::int64_t{1048576};
+}
+
+void vx_platform_small_pages(void* block, std::size_t size) {
+#ifdef MADV_NOHUGEPAGE
+    // Only whole pages can be named; what lies beside them is less than one.
+    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const auto from = (reinterpret_cast<std::uintptr_t>(block) + page - 1) / page * page;
+    const auto to = (reinterpret_cast<std::uintptr_t>(block) + size) / page * page;
+    if (from < to) ::madvise(reinterpret_cast<void*>(from), to - from, MADV_NOHUGEPAGE);
+#else
+    static_cast<void>(block);
+    static_cast<void>(size);
+#endif
 }
 
 bool vx_platform_connection_lost(int aprStatus) {

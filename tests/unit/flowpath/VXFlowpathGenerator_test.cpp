@@ -239,20 +239,5 @@ TEST_F(Transactions, TheEndOfATestWritesWhatIsThereAndDebugData) {
     EXPECT_TRUE(records[2].starts_with("100,1234,1:0_0_0_0x")) << records[2];
 }
 
-TEST_F(Transactions, ChainsTieThemToTheirCaller) {
-    static int announcements;
-    vxUpcalls.dumpRecord91 = [](vxTD*, char**, int) { ++announcements; };
-    vxTD* slot = takeSlot();
-    std::string three = "55_66_7", unannounced = "55_66_7_NA", whole = "56_66_8_id_x_y_tier_inst_srv_more";
-    EXPECT_EQ(setTierCallOut(slot, three.data()), -1);
-    EXPECT_EQ(slot->prevFlowpath, 0);
-    EXPECT_EQ(setTierCallOut(slot, unannounced.data()), 0);
-    EXPECT_TRUE(slot->prevFlowpath == 55 && slot->prevTierTime == 66 && announcements == 0);
-    EXPECT_EQ(setTierCallOut(slot, whole.data()), 0);
-    EXPECT_STREQ(slot->prevTierSeq, "8");
-    EXPECT_EQ(announcements, 1);
-    vxUpcalls.dumpRecord91 = nullptr;
-}
-
 }  // namespace
 }  // namespace vx::test

@@ -1,42 +1,15 @@
 #include "commonlibc/flowpath/VXMethodTrace.h"
 
-#include "tests/support/flowpath_fixture.h"
+#include "commonlibc/flowpath/VXFlowpathRecords.h"
+#include "commonlibc/http/VXHttpHeaderMap.h"
+#include "tests/support/method_fixture.h"
 
 namespace vx::test {
 namespace {
 
 constexpr const char* kPhaseMethod = "System.Web.HttpRuntime.ProcessRequestNotificationPrivate";
 
-// Methods get ids from 3 on; 1 and 2 are the instance's own.
-class MethodTrace : public FlowpathFixture {
-protected:
-    void SetUp() override {
-        FlowpathFixture::SetUp();
-        slot = takeSlotWithBt();
-        takeMethodTable(slot);
-    }
-    void enter(const std::string& name, const char* url = nullptr, const char* parameters = nullptr) {
-        vxMethodEntry(slot, {name.c_str(), name.size(), url, parameters, 0, atMs(5015), nullptr, 0});
-    }
-    void leave(const std::string& name, std::int32_t status = -1, std::int64_t cpu = -1,
-               const char* phase = "") {
-        vxMethodExit(slot, {name.c_str(), name.size(), cpu, status, nullptr, 7999, 0, 0, phase, 0, 0});
-    }
-    std::string takeBlob() {
-        const std::string items = blobOf(slot);
-        slot->sequenceBlobLen = 0;
-        return items;
-    }
-    // Makes a method known before it is reported.
-    mPP* declare(const char* name, std::uint32_t flags, std::uint8_t type = 0, std::uint8_t subtype = 1) {
-        const VXMethodLock lock;
-        mPP* made = updateMethodHashMap(name, type, app->method.methodHashMapNode.load()->map, subtype);
-        made->isEntryPointPtr = flags;
-        return made;
-    }
-
-    vxTD* slot = nullptr;
-};
+class MethodTrace : public MethodFixture {};
 
 TEST_F(MethodTrace, EntryAndExitBecomeItemsInOrder) {
     enter("A.a");
@@ -142,19 +115,18 @@ TEST_F(MethodTrace, AgentTypesAndKeywordsShapeTheItems) {
     enter(kPhaseMethod);
     leave(kPhaseMethod, -1, -1, "Begin");
     EXPECT_EQ(takeBlob(), "5:9_0_15__5:9_1:2_7_0___");
-}
+    EXPECT_TRUE(flowpathRecords().empty());
 
-TEST_F(MethodTrace, CalloutsGetAKeyWhileTracesAreTied) {
-    mPP* callout = declare("Http.call", kMethodBackend, kTypeHttp, 3);
-    enter("Http.call");
-    EXPECT_STREQ(slot->calloutKey, "");
-    vx_word_set(app->VXSys.otelEnabled, 1);
-    app->Server.timeStampMask = 0;
-    app->Server.flowPathInstanceInitialID = 0xabc0;
-    enter("Http.call");
-    EXPECT_EQ(slot->httpCallOutDepth, 2);
-    EXPECT_STREQ(slot->calloutKey, "abc1");
-    EXPECT_STREQ(callout->calloutKey, "abc1");
+    searchAndUpdatehttpHashMapNode("Host", initHttpHashMapNode());
+    searchAndUpdatehttpHashMapNode("Custom_Header", app->http.headers);
+    enter(kPhaseMethod);
+    leave(kPhaseMethod, -1, -1, "Begin\n");
+    EXPECT_EQ(takeBlob(), "5:9_0_15__5:9_1:4_7_0___");
+    leave(kPhaseMethod, -1, -1, "without an entry");
+    EXPECT_EQ(flowpathRecords(), Records{"19,77,2:5:4:2:1:<Begin >|"});
+    clearDumped(*app);
+    dump19RecordForSpecificMethodArg(slot, 5, std::string(2000, 'p').c_str());
+    EXPECT_EQ(dumpedText(*app).size(), 1023U);
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ TEST_F(Slots, TheEndOfATestEndsAllFlowpathsAndAStartDropsThem) {
     file(6);
     app->Server.testRunRunning = 0;
     vxDropBusyList();
-    EXPECT_EQ(app->flowpath.gFreeTLSCnt, 64);
+    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 64);
     EXPECT_EQ(vxlb_map_count(app->flowpath.fpi_tls_map), 0U);
     EXPECT_TRUE(flowpathRecords().empty());
 }
