@@ -8,6 +8,7 @@
 
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXAgentLine.h"
+#include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordPass.h"
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/context/vx_application.h"
@@ -130,7 +131,7 @@ void handleModify(char* line) {
     if (action && !std::strstr(line, kSessionKey)) update_instrument_profile(action);
     VX_TRACE(1, kControlThread, kInfo, "Proxy sending AI message to agent");
     vxRelayToAll(line);
-    VX_UPCALL(makeInstrProfTableFree);
+    makeInstrProfTableFree();
     if (!app.Server.instrumentationStarted) {
         sendModifyRefused();
         return;

@@ -40,6 +40,14 @@ void controlConnectionSendBuffer(const char* text, std::size_t length) {
     app.control.closeCtrlConFlag = 1;  // a part of it may have gone out
 }
 
+void addStartWarning(const char* before, const char* name, const char* after) {
+    Server_t& server = vxCurrent()->Server;
+    const std::size_t held = std::strlen(server.warnings);
+    VXWriter out(server.warnings + held, sizeof(server.warnings) - held);
+    if (held) out.text("; ");
+    out.text(before).text(name).text(after).terminate();
+}
+
 void sendResponseToVXC() {
     Server_t& server = vxCurrent()->Server;
     char reply[kReplySize];

@@ -11,6 +11,8 @@ namespace vx {
 
 // Sends `length` bytes as they are.
 void controlConnectionSendBuffer(const char* text, std::size_t length);
+// Adds a text of three parts to the warnings; what does not fit is cut.
+void addStartWarning(const char* before, const char* name, const char* after);
 void sendResponseToVXC();  // after a start; a second line carries the warnings that were collected
 void sendResponseOfStopInstrumentation();
 void sendResponseRunTimeChange();

@@ -6,11 +6,14 @@
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXDataThread.h"
+#include "commonlibc/VXFileBasedKeywords.h"
+#include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordPass.h"
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/control_connection.h"
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
@@ -72,7 +75,7 @@ bool clearFormerRun(vxApplication& app) {
     }
     vxDropBusyList();
     free_agent_data();
-    VX_UPCALL(makeInstrProfTableFree);
+    makeInstrProfTableFree();
     return true;
 }
 
@@ -196,7 +199,8 @@ void handleStartInstrumentation(char* line) {
     if (app.control.closeCtrlConFlag) return;
     VX_TRACE(1, kControlThread, kInfo, "Calling transfer_data_callback to pass agentTraceLevel");
     applyKeywords(app.Server, line);
-    if (app.control.closeCtrlConFlag) return;
+    if (app.control.closeCtrlConFlag || linkStopAsked(app)) return;
+    useHeldFiles();
     makeTables();
     setEpochBase(app.Server);
     markStarted(app);

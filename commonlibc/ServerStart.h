@@ -4,8 +4,8 @@
 //          --> tables and monitors made --> keywords applied --> epoch base --> run flags, threads
 //          --> answer --> relay to the agents
 //
-// A start is given up, with the connection, when threads of the former run will not end within 15 s, and
-// without an answer when closeCtrlConFlag was set meanwhile.
+// A start is given up, with the connection, when threads of the former run will not end within 15 s or a
+// critical file does not come, and without an answer when closeCtrlConFlag was set meanwhile.
 //
 // Threads   Control thread of the instance; current context. Server.instrumentationStarted is set under the
 //           message mutex: a process that registers before finds it cleared and is reached by the relay,

@@ -187,16 +187,6 @@ void setpropheadcheck(char* value, const char* keyword, int index) {
     vxKeepKeywordText(index, value);
 }
 
-void keepFileKeyword(char* value, const char* keyword, int index) {
-    vxKeepKeywordText(index, value);
-    VX_UPCALL(setFileBasedKeywd, value, keyword, index);
-}
-
-void keepProfileKeyword(char* value, const char* keyword, int index) {
-    vxKeepKeywordText(index, value);
-    VX_UPCALL(setInstProfile, value, keyword, index);
-}
-
 #define VX_DEFINE_PARSER(name)                                   \
     void name(char* value, const char* /*keyword*/, int index) { \
         vxKeepKeywordText(index, value);                         \

@@ -36,10 +36,6 @@ void checkExceptionMsg(char* value, const char* keyword, int index);  // at leas
 void setDCHeartBeat(char* value, const char* keyword, int index);     // 1 to 3600 seconds
 void setpropheadcheck(char* value, const char* keyword, int index);   // at least 9 fields
 
-// Keep the text and hand the file's name, size and date on to who fetches it.
-void keepFileKeyword(char* value, const char* keyword, int index);
-void keepProfileKeyword(char* value, const char* keyword, int index);
-
 // Keep the text for the subsystem of that name.
 #define VX_TEXT_PARSERS(X)             \
     X(setDBIPName)                     \

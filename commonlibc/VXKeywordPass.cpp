@@ -57,6 +57,7 @@ void findStatusFromClientMsg(const char* line) {
     const int count = vxlb_get_tokens_with_multi_delimiter(copy, fields, ";", kMaxFields);
     const bool keywords = keywordsApply(app, line);
     app.keywords.passBlocked = 0;
+    app.files.startPass = keywords && beginsWith(line, kStartPrefix) ? 1 : 0;
     for (int i = 0; i < count; ++i)
         if (!applyField(app, fields[i], keywords)) break;
     VXLB_FREE(copy, "text copy", -1);

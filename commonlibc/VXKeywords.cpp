@@ -6,6 +6,9 @@
 #include <string_view>
 
 #include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXCriticalFiles.h"
+#include "commonlibc/VXFileBasedKeywords.h"
+#include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordFill.h"
 #include "commonlibc/VXKeywordParsers.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
@@ -87,7 +90,7 @@ consteval std::int32_t width(std::int32_t length) {
 #define VX_PARSED(name, parser) \
     { #name, -1, 0, parser, nullptr, nullptr }
 #define VX_VALUE(name, parser) VX_PARSED(name, fromValue<parser>)
-#define VX_FILE(name) VX_PARSED(name, keepFileKeyword)
+#define VX_FILE(name) VX_PARSED(name, setFileBasedKeywd)
 
 constexpr VXKeywordRow keywordsMap[] = {
     // clang-format off
@@ -146,9 +149,9 @@ constexpr VXKeywordRow keywordsMap[] = {
     VX_CHAR(VXBCISetting, fileBasedKeywordMode, 1),
     VX_INT(VXBCISetting, FPMaxAllowedAgeInSec, 4),
     VX_INT(VXFlowpathGenerator, maxCharInSeqBlob, 4),
-    VX_PARSED(instrProfile, keepProfileKeyword),  // 55
-    VX_PARSED(lmd, keepProfileKeyword),  // 56
-    VX_PARSED(size, keepProfileKeyword),  // 57
+    VX_PARSED(instrProfile, setInstProfile),  // 55
+    VX_PARSED(lmd, setInstProfile),  // 56
+    VX_PARSED(size, setInstProfile),  // 57
     VX_INT(VXAutoInstrumentation, autoInstrMapSize, 4),
     VX_INT(VXAutoInstrumentation, autoInstrTraceLevel, 4),
     VX_INT(VXAutoInstrumentation, autoInstrMaxAvgDuration, 4),  // 60
@@ -365,6 +368,7 @@ void vxlb_init_all_keywords() {
         vxlb_copy_text(value, sizeof(value), given.value);
         applyRow(given.index, value, keywordsMap[given.index].name);
     }
+    setDefaultCriticalFile();
 }
 
 void setdefaultValues() {

@@ -1,13 +1,9 @@
 // Line splitter of the control connection: received bytes to lines for the dispatcher.
 //
-//     read_socket_buf  [consumed | readBytes unread ........ | free]
-//                               ^readOffset                  ^writeOffset
+// Whole lines are dispatched in order, each as a copy of its own: the handler of a line may read on, for the
+// answer to a request, and lines that it takes are not dispatched. What is left waits for the rest.
 //
-// Whole lines are dispatched in order; what is left moves to the buffer's start and waits for the rest.
-// Zero bytes between lines are skipped.
-//
-// Limits    A line that fills the buffer without a newline is dropped, with all that follows up to the next
-//           newline.
+// Limits    Those of the read buffer.
 // Threads   Control thread of the instance; current context. Serves both transports.
 #pragma once
 

@@ -1,7 +1,5 @@
 #include "commonlibc/control_reply.h"
 
-#include <apr_poll.h>
-
 #include <cstring>
 #include <memory>
 
@@ -12,6 +10,7 @@
 #include "commonlibc/VXKeywordNumber.h"
 #include "commonlibc/VXProtocol.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/control_buffer.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -166,26 +165,6 @@ int refuseSaas(const char* text) {
     return kReplyGoOn;
 }
 
-// One wait and one read. Bytes read, 0 when none came within the step, or the code of the read.
-int readSome(vxApplication& app, ctrlBufInfo_t* info, char* error) {
-    apr_socket_t* socket = app.control.controlSocket.get();
-    if (!socket) return kSockClosed;
-    apr_pollfd_t descriptor{};
-    descriptor.desc_type = APR_POLL_SOCKET;
-    descriptor.reqevents = APR_POLLIN;
-    descriptor.desc.s = socket;
-    apr_int32_t signalled = 0;
-    const apr_status_t status = apr_poll(&descriptor, 1, &signalled, kWaitStepUs);
-    if (APR_STATUS_IS_TIMEUP(status) || APR_STATUS_IS_EINTR(status)) return 0;
-    if (status != APR_SUCCESS) return kSockFailed;
-    const int count = vxlb_read_bytes(socket, info->read_socket_buf + info->writeOffset,
-                                      kControlBufSize - info->writeOffset + 1, error);
-    if (count <= 0) return count;
-    info->readBytes += count;
-    info->writeOffset += count;
-    return count;
-}
-
 // Empty lines and zero bytes in front are no part of an answer.
 void skipEmptyLines(ctrlBufInfo_t* info) {
     while (info->readBytes > 0 && (*unreadBytes(info) == '\n' || *unreadBytes(info) == '\0')) {
@@ -207,7 +186,7 @@ int receiveLine(vxApplication& app, ctrlBufInfo_t* info, char* error) {
         if (info->writeOffset >= kControlBufSize) return 0;
         if (linkStopAsked(app) || app.control.closeCtrlConFlag || vxlb_now_us() >= deadline)
             return kSockFailed;
-        const int count = readSome(app, info, error);
+        const int count = fillControlBuffer(info, kWaitStepUs, error);
         if (count < 0) return count;
     }
     return 0;

@@ -63,9 +63,13 @@ namespace vx {
     X(createVectorPrefixException, void())                                                              \
     X(freeTagHashLists, void())                                                                         \
     X(resetAppLogSettings, void())                                                                      \
-    X(makeInstrProfTableFree, void())                                                                   \
-    X(setFileBasedKeywd, void(char* value, const char* keyword, int index))                             \
-    X(setInstProfile, void(char* value, const char* keyword, int index))                                \
+    X(parseExceptionMonFile, void(char* text))                                                          \
+    X(parseBackendRuleFile, void(char* text))                                                           \
+    X(setHttpHashMapNode, void(char* text))                                                             \
+    X(setblackListForDebugSession, void(char* text))                                                    \
+    X(parseDynamicSettingsFile, void(char* text))                                                       \
+    X(get_file_from_VXC_lws, const char*(const char* keyword, int index))                               \
+    X(get_inst_profile_lws, bool(VXInstrProfRow_t * row, int index))                                    \
     X(handleUploadDownload, void(char* line))                                                           \
     X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
     X(parseDDClientMsgAndSendResp, void(char* line))                                                    \

@@ -22,13 +22,16 @@ struct kywdInfo_t {
     char* content;  // heap, size + 1 bytes, terminated; null: none
     std::int64_t lmd;
     std::int64_t size;
-    std::uint8_t parsed;  // its content went to its parser in this pass
+    std::uint8_t pending;     // held and named by this start line: goes to its parser behind the pass
+    std::uint8_t handedOver;  // for agents of type 4
+    char keyword[32];         // as the pending line named it
 };
 
 // One per instrumentation profile of a line.
 struct VXInstrProfRow_t {
     char name[kProfileNameSize];
     std::int64_t size, lmd;
+    std::int64_t at, length;  // its part of the held text; length 0: it never came
     std::int32_t keywordIndex;
     std::uint8_t nameGiven, sizeGiven, lmdGiven;
 };
@@ -37,8 +40,11 @@ struct VXFileState_t {
     kywdInfo_t kywdInfo[kKeywordRows];
     VXInstrProfRow_t* InstrProfTable;  // heap, instrProfRows of them; null: no profile line in this pass
     std::int32_t instrProfRows;
-    std::int32_t instrProfCounter;  // the row being filled
-    std::uint8_t startPass;         // the keyword pass is over a start line
+    std::int32_t instrProfCounter;   // the row being filled
+    std::uint8_t profilesChanged;    // one of this line was fetched
+    VXInstrProfRow_t* heldProfiles;  // heap: what the text in kywdInfo[55] consists of
+    std::int32_t heldProfileCount;
+    std::uint8_t startPass;  // the keyword pass is over a start line
 };
 
 }  // namespace vx

@@ -20,6 +20,7 @@
 #include "commonlibc/Server.h"
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXDataThread.h"
+#include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywords.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
@@ -71,6 +72,9 @@ protected:
         vxlb_set_clock_hooks({});
         VXLB_FREE(app->identity.startInstrumentation, "start line", -1);
         VXLB_FREE(app->control.ctrlBufInfo.read_socket_buf, "control socket buffer", -1);
+        makeInstrProfTableFree();
+        VXLB_FREE(app->files.heldProfiles, "InstrProfTable", -1);
+        for (kywdInfo_t& entry : app->files.kywdInfo) VXLB_FREE(entry.content, "file content", -1);
         for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         vxFreeChain(app->data.chain);
         freeBusinessTransactions(app->bt);

@@ -173,16 +173,6 @@ TEST_F(Server, AStopWithAnotherStatusOnlyAnswers) {
     EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
 }
 
-TEST_F(Server, WarningsOfAStartAreASecondLineThatKeepsItsNewline) {
-    vxUpcalls.setFileBasedKeywd = [](char*, const char*, int) {
-        std::memset(vxCurrent()->Server.warnings, 'w', kWarningsSize - 1);
-    };
-    handle(kStart + "BTRuleConfig=a|1|1;");
-    EXPECT_EQ(peer.readLine(), kStarted);
-    EXPECT_EQ(peer.readLine(), std::string(1023 - kStarted.size() - 2, 'w'));
-    EXPECT_STREQ(app->Server.warnings, "");
-}
-
 TEST_F(Server, AStartOverARunEndsTheFormerThreadFirst) {
     handle(kStart);
     FakePeer first = acceptData();
@@ -213,14 +203,6 @@ TEST_F(Server, ARepeatedStartIsIgnoredWhileAllThreadsAndConnectionsStand) {
     app->data.data_thread_running = app->autoSensor.autoSensor_thread_running = 0;
     vxlb_shared_close(app->data.dataSocket);
     vxlb_shared_close(app->autoSensor.asSocket);
-}
-
-TEST_F(Server, AKeywordThatOrdersTheLinkClosedEndsTheStart) {
-    vxUpcalls.setFileBasedKeywd = [](char*, const char*, int) { vxCurrent()->control.closeCtrlConFlag = 1; };
-    handle(kStart + "VXEntryPointsFile=a|1|1;");
-    EXPECT_EQ(app->Server.instrumentationStarted, 0);
-    EXPECT_EQ(app->data.data_thread_running, 0);
-    EXPECT_EQ(peer.readLine(0.05), kNoLine);
 }
 
 TEST_F(Server, AModifyBeforeAStartIsRelayedAndRefused) {

@@ -154,16 +154,6 @@ TEST_F(Keywords, AValueForALaterUnitIsKeptAsText) {
     EXPECT_EQ(kept("enableOTELStandard"), "");
 }
 
-TEST_F(Keywords, AFileKeywordIsKeptAndHandedOnWithItsIndex) {
-    static std::string handed;
-    vxUpcalls.setFileBasedKeywd = [](char* value, const char* keyword, int index) {
-        handed = std::string(keyword) + ":" + value + ":" + std::to_string(index);
-    };
-    apply("VXEntryPointsFile", "entry.txt|10|20");
-    EXPECT_EQ(handed, "VXEntryPointsFile:entry.txt|10|20:13");
-    EXPECT_EQ(kept("VXEntryPointsFile"), "entry.txt|10|20");
-}
-
 TEST_F(Keywords, DefaultsAreThoseOfAFreshContext) {
     VXSys_t& sys = app->VXSys;
     app->Server.numInstrProfile = 3;
@@ -242,15 +232,6 @@ TEST_F(Keywords, AStartLineChangesNothingWhileADataConnectionStands) {
     EXPECT_STREQ(app->Server.status, "running");
     findStatusFromClientMsg("vx_control_req:action=modify;tierID=6;");
     EXPECT_EQ(app->VXBCISetting.tierID, 6);
-}
-
-TEST_F(Keywords, AFileFetchThatBlocksThePassEndsIt) {
-    vxUpcalls.setFileBasedKeywd = [](char*, const char*, int) { vxCurrent()->keywords.passBlocked = 1; };
-    start("tierID=1;BTRuleConfig=a|1|1;appID=3;");
-    EXPECT_EQ(app->VXBCISetting.tierID, 1);
-    EXPECT_EQ(app->VXBCISetting.appID, 0);
-    start("appID=4;");
-    EXPECT_EQ(app->VXBCISetting.appID, 4);
 }
 
 TEST_F(Keywords, AnEpochBaseArrivesInSecondsAndIsHeldInMilliseconds) {

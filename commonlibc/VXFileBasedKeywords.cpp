@@ -1,0 +1,201 @@
+#include "commonlibc/VXFileBasedKeywords.h"
+
+#include <strings.h>
+
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "commonlibc/ServerErrorRules.h"
+#include "commonlibc/ServerReply.h"
+#include "commonlibc/VXCriticalFiles.h"
+#include "commonlibc/VXFileCache.h"
+#include "commonlibc/VXFileFetch.h"
+#include "commonlibc/VXFileHead.h"
+#include "commonlibc/VXMethodClasses.h"
+#include "commonlibc/VXMethodManager.h"
+#include "commonlibc/VXParsingFiles.h"
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/control_connection.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utiles.h"
+
+namespace vx {
+
+namespace {
+
+constexpr const char* kNoFile = "NA";
+constexpr int kMethodMonitorIndex = 7, kEntryPointsIndex = 13, kProfileIndex = 55, kCriticalListIndex = 90;
+constexpr int kMonitorTexts = 2;  // kind of resetmethodHashMapNode
+
+// Files that only the agents read: they ask for the cached copy.
+void keepForAgents(char*) {
+    VX_TRACE(2, kControlThread, kInfo, "File stands in the cache folder for the agents");
+}
+
+// What becomes of a content; the text is a copy, terminated.
+struct ParserRow {
+    int index;
+    void (*parse)(char* text);
+};
+constexpr ParserRow kParsers[] = {
+    {0, [](char* text) { VX_UPCALL(vxbt_read_rule_file, text); }},
+    {1, [](char* text) { VX_UPCALL(vxbt_read_threshold_file, text); }},
+    {2, [](char* text) { parseBtError(text); }},
+    {6, [](char* text) { VX_UPCALL(parseExceptionMonFile, text); }},
+    {kMethodMonitorIndex, parseMethodMonitor},
+    {10, [](char* text) { VX_UPCALL(parseBackendRuleFile, text); }},
+    {kEntryPointsIndex, parseEntryFile},
+    {kProfileIndex, setMethodHashMapNode},
+    {63, [](char* text) { VX_UPCALL(setHttpHashMapNode, text); }},
+    {75, keepForAgents},
+    {76, keepForAgents},
+    {77, keepForAgents},
+    {78, keepForAgents},
+    {kCriticalListIndex, setvxCriticalFileList},
+    {95, [](char* text) { VX_UPCALL(setblackListForDebugSession, text); }},
+    {112, [](char* text) { VX_UPCALL(parseDynamicSettingsFile, text); }},
+};
+
+// The texts that describe methods; agents of type 4 get them handed over, too.
+bool describesMethods(int index) {
+    return index == kMethodMonitorIndex || index == kEntryPointsIndex || index == kProfileIndex;
+}
+
+// What agents of type 4 are to receive: the entry keeps name and content.
+void handOverToGoAgents(int index) {
+    vxCurrent()->files.kywdInfo[index].handedOver = 1;
+}
+
+void parseContent(const char* content, std::int64_t size, int index) {
+    for (const ParserRow& row : kParsers) {
+        if (row.index != index) continue;
+        const VXFileText copy = vxMakeFileText(size);
+        if (!copy) return;
+        std::memcpy(copy.get(), content, static_cast<std::size_t>(size));
+        row.parse(copy.get());
+        return;
+    }
+}
+
+bool unchanged(const kywdInfo_t& entry, const char* name, std::int64_t size, std::int64_t lmd) {
+    return std::strcmp(entry.fileName, name) == 0 && entry.size == size && entry.lmd == lmd;
+}
+
+// Another transport brings files on a road of its own.
+const char* get_file_from_VXC_wrapper(const char* keyword, int index) {
+    if (!vxCurrent()->control.lws_active) return getFileFromVXC(keyword, index);
+    VX_TRACE(2, kControlThread, kInfo, "getting file:[%s] via lws", keyword);
+    return VX_UPCALL(get_file_from_VXC_lws, keyword, index);
+}
+
+// What is held stays in force: behind a start's pass, or at once where it rules the rest of the pass.
+void useHeld(kywdInfo_t& entry, const char* keyword, int index) {
+    if (!vxCurrent()->files.startPass || !entry.content) return;
+    if (index == kCriticalListIndex) {
+        parseContent(entry.content, entry.size, index);
+    } else {
+        vxlb_copy_text(entry.keyword, sizeof(entry.keyword), keyword);
+        entry.pending = 1;
+    }
+}
+
+void noFile(const char* keyword) {
+    VX_TRACE(1, kControlThread, kInfo, "Found =NA for keyword '%s', returning ", keyword);
+    if (strcasecmp(keyword, "vxMethodMonFile") != 0) return;
+    const VXMethodLock lock;
+    if (methodHashMapNode_t* node = vxCurrent()->method.methodHashMapNode)
+        resetmethodHashMapNode(node, kMonitorTexts);
+}
+
+// Asks for a file of the line's size. Null when it did not come, with what must follow.
+const char* fetchContent(const char* keyword, int index, std::int64_t size) {
+    if (size <= kMaxFileSize) {
+        if (const char* content = get_file_from_VXC_wrapper(keyword, index)) return content;
+    } else {
+        addStartWarning("File of keyword '", keyword, "' is larger than 64 MB");
+    }
+    noteFailedFetch(keyword);
+    return nullptr;
+}
+
+}  // namespace
+
+void setFileBasedKeywd(char* value, const char* keyword, int index) {
+    if (!value || !keyword || index < 0 || index >= kKeywordRows) {
+        VX_TRACE(1, kControlThread, kError, "Invalid argument passed, value=[%s], keyword=[%s], index=[%d]",
+                 value ? value : "(null)", keyword ? keyword : "(null)", index);
+        return;
+    }
+    handleFileBasedKeyword(value, keyword, index);
+}
+
+void handleFileBasedKeyword(const char* value, const char* keyword, int index) {
+    kywdInfo_t& entry = vxCurrent()->files.kywdInfo[index];
+    if (strcasecmp(value, kNoFile) == 0) {
+        noFile(keyword);
+        return;
+    }
+    char name[kFileNameSize];
+    std::int64_t size = 0, lmd = 0;
+    if (getFileSizeAndLmd(value, name, &size, &lmd) != 0 || !*name) {
+        VX_TRACE(1, kControlThread, kWarning, "Value '%s' of keyword '%s' names no file", value, keyword);
+        return;
+    }
+    if (unchanged(entry, name, size, lmd)) {
+        VX_TRACE(1, kControlThread, kInfo,
+                 "file based keyword info (%s) did match with previous info, returning", name);
+        useHeld(entry, keyword, index);
+        return;
+    }
+    VX_TRACE(1, kControlThread, kInfo, "going to get file data from vxc");
+    const char* content = size < 1 ? nullptr : fetchContent(keyword, index, size);
+    if (content) {
+        useFileBasedKeyword(content, entry.size, keyword, index);
+        vxlb_copy_text(entry.fileName, sizeof(entry.fileName), name);
+        return;
+    }
+    VX_TRACE(1, kControlThread, kWarning, "Content of file is not present");
+    if (size >= 1) useHeld(entry, keyword, index);
+}
+
+const char* getFileFromVXC(const char* keyword, int index) {
+    VXFetchedFile file = vxFetchFile(keyword);
+    if (!file.content) return nullptr;
+    kywdInfo_t& entry = vxCurrent()->files.kywdInfo[index];
+    VXLB_FREE(std::exchange(entry.content, file.content.release()), "file content", index);
+    entry.size = file.size;
+    entry.lmd = file.lmd;
+    return entry.content;
+}
+
+void useFileBasedKeyword(const char* content, std::int64_t size, const char* keyword, int index) {
+    if (index != kProfileIndex) dumpDataInFile(keyword, content, static_cast<std::size_t>(size));
+    const vxApplication& app = *vxCurrent();
+    if (describesMethods(index) && app.VXBCISetting.agentTypeCode == kAgentGo) handOverToGoAgents(index);
+    parseContent(content, size, index);
+    if (describesMethods(index)) vxCurrent()->Server.rehashRequested = 1;
+}
+
+void useHeldFiles() {
+    int index = 0;
+    for (kywdInfo_t& entry : vxCurrent()->files.kywdInfo) {
+        if (std::exchange(entry.pending, std::uint8_t{0}))
+            useFileBasedKeyword(entry.content, entry.size, entry.keyword, index);
+        ++index;
+    }
+}
+
+void noteFailedFetch(const char* keyword) {
+    vxApplication& app = *vxCurrent();
+    const bool critical = isCriticalFile(keyword);
+    if (critical && !linkStopAsked(app)) {
+        VX_TRACE(1, kControlThread, kError,
+                 "controlBreak Critical file of keyword '%s' did not come, connection is given up", keyword);
+        app.control.closeCtrlConFlag = 1;
+    }
+    if (app.control.closeCtrlConFlag || linkStopAsked(app)) app.keywords.passBlocked = 1;
+}
+
+}  // namespace vx

@@ -1,0 +1,32 @@
+// File-based keywords: settings too large for a keyword line, which carries a file's name, size and date
+// only. What differs from what the instance holds is fetched and goes to the keyword's parser; a copy goes to
+// the cache folder, from which agents are served.
+//
+//     on a start line    changed: fetched and parsed at once
+//                        unchanged, or not to be had: what is held is parsed again behind the pass
+//     on a modify line   changed: fetched and parsed at once; else nothing
+//
+// Limits    See VXFileFetch; a name is cut at kFileNameSize - 1 bytes.
+// Errors    A failed fetch leaves the entry as it was, so that the next line asks again. Without a critical
+//           file the connection is ordered closed and the keyword pass ends.
+// Threads   Control thread of the instance, without any lock; current context.
+#pragma once
+
+#include <cstdint>
+
+namespace vx {
+
+// The table's parser of the file keywords.
+void setFileBasedKeywd(char* value, const char* keyword, int index);
+// One keyword of a line; "NA" (any case) means no file.
+void handleFileBasedKeyword(const char* value, const char* keyword, int index);
+// Asks for the file and keeps it in the keyword's entry: the content there, or null and the entry as it was.
+const char* getFileFromVXC(const char* keyword, int index);
+// Writes the cached copy (a profile has its own) and gives a copy of the content to the keyword's parser.
+void useFileBasedKeyword(const char* content, std::int64_t size, const char* keyword, int index);
+// Behind the keyword pass of a start line: what is held and was not fetched anew goes to its parser again.
+void useHeldFiles();
+// What must follow a failed fetch: a critical file ends the connection, any lost link the pass.
+void noteFailedFetch(const char* keyword);
+
+}  // namespace vx

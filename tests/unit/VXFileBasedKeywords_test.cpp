@@ -1,0 +1,276 @@
+#include "commonlibc/VXFileBasedKeywords.h"
+
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commonlibc/ServerReply.h"
+#include "commonlibc/VXCriticalFiles.h"
+#include "commonlibc/VXFileHead.h"
+#include "commonlibc/control_buffer.h"
+#include "commonlibc/control_lines.h"
+#include "commonlibc/control_loop.h"
+#include "tests/support/by_name.h"
+#include "tests/support/link_fixture.h"
+
+namespace vx::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kHead = "vx_control_rep:action=file;keyword=vxExceptionMonFile;size=";
+const std::string kRequest = "vx_control_req:action=send_file;keyword=vxExceptionMonFile;";
+const std::string kNotCome = "Failed to get response of 'vxExceptionMonFile' file base keyword";
+const std::string kOtherHead =
+    "Didn't receive expected header message while reading response  from VXC for 'vxExceptionMonFile' file "
+    "based keyword.";
+const std::string kFailed = "vx_control_rep:action=FailedvxExceptionMonFile - .cache/a/vxExceptionMonFile\n";
+
+// A control connection whose collector has said beforehand all that the code under test is going to read.
+class FileKeywords : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        connect();
+        setProxyVXHome();
+        setDefaultCriticalFile();
+        app->identity.agentName = agentName_;
+        parsed.clear();
+        vxUpcalls.parseExceptionMonFile = [](char* text) {
+            parsed += std::string(text) + "$";
+            *text = '?';  // a parser takes its text apart
+        };
+    }
+    void start(const std::string& fields) {
+        parsed.clear();
+        findStatusFromClientMsg((std::string(kStartPrefix) + ";" + fields).c_str());
+        useHeldFiles();
+    }
+    void modify(const std::string& fields) {
+        parsed.clear();
+        findStatusFromClientMsg((std::string(kModifyPrefix) + ";" + fields).c_str());
+    }
+    // What the collector was asked since the last call.
+    Lines asked() {
+        controlConnectionSendBuffer("end\n", 4);
+        Lines lines = peer.readLinesUpTo("end");
+        lines.pop_back();
+        return lines;
+    }
+    std::string cached(const std::string& name) const {
+        std::ifstream in(home() + "/.cache/agent/" + name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    std::string warnings() const { return app->Server.warnings; }
+
+    inline static std::string parsed;
+
+private:
+    char agentName_[8] = "agent";
+};
+
+TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByAStart) {
+    peer.send(kHead + "5;lmd=1;\nab\ncd");
+    start("vxExceptionMonFile=f.txt|5|1;");
+    EXPECT_EQ(asked(), Lines{kRequest});
+    EXPECT_EQ(parsed, "ab\ncd$");
+    EXPECT_EQ(cached("vxExceptionMonFile"), "ab\ncd");
+
+    start("vxExceptionMonFile=f.txt|5|1;");
+    EXPECT_EQ(parsed, "ab\ncd$");  // whole again, though its parser has taken a text apart
+    modify("vxExceptionMonFile=f.txt|5|1;");
+    EXPECT_EQ(parsed, "");
+    start("tierID=1;");
+    EXPECT_EQ(parsed, "");  // no longer named, no longer in force
+    start("vxExceptionMonFile=f.txt|0|2;");
+    start("vxExceptionMonFile=na;");
+    EXPECT_EQ(parsed, "");
+    EXPECT_EQ(asked(), Lines{});
+
+    for (const char* changed : {"f.txt|5|2", "f.txt|6|2", "g.txt|6|2"}) {
+        peer.send(kHead + (changed[6] == '5' ? "5;lmd=2;\nabcde" : "6;lmd=2;\nabcdef"));
+        modify(std::string("vxExceptionMonFile=") + changed + ";");
+        EXPECT_EQ(asked(), Lines{kRequest}) << changed;
+        EXPECT_EQ(parsed, changed[6] == '5' ? "abcde$" : "abcdef$");
+    }
+    EXPECT_EQ(warnings(), "");
+}
+
+TEST_F(FileKeywords, AFailedFetchLeavesWhatIsHeldInForce) {
+    peer.send(kHead + "3;lmd=1;\nold");
+    start("vxExceptionMonFile=f|3|1;");
+    for (int attempt = 0; attempt < 2; ++attempt) {  // the next line asks again
+        asked();
+        peer.send(kFailed + kFailed);
+        start("vxExceptionMonFile=f|3|2;");
+        EXPECT_EQ(asked(), (Lines{kRequest, kRequest}));
+        EXPECT_EQ(parsed, "old$");
+    }
+    peer.send(kFailed + kFailed);
+    modify("vxExceptionMonFile=f|3|2;");
+    EXPECT_EQ(parsed, "");
+    start("vxExceptionMonFile=f|3|1;");
+    EXPECT_EQ(parsed, "old$");
+    EXPECT_EQ(warnings(), kNotCome + "; " + kNotCome + "; " + kNotCome);
+}
+
+struct AnswerRow {
+    const char* name;
+    std::string answer;
+    std::string parsed, warnings;
+};
+class FileAnswers : public FileKeywords, public testing::WithParamInterface<AnswerRow> {};
+
+TEST_P(FileAnswers, AreTakenOrGivenUp) {
+    vx_word_set(app->VXSys.fileReadTimeout, 20000);
+    peer.send(GetParam().answer + "next\n");
+    start("vxExceptionMonFile=f|9|9;");
+    EXPECT_EQ(parsed, GetParam().parsed);
+    EXPECT_EQ(warnings(), GetParam().warnings);
+    EXPECT_EQ(app->control.closeCtrlConFlag, 0);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FileAnswers,
+    testing::ValuesIn<AnswerRow>({
+        {"plain_head", kHead + "3;lmd=1;\nabc", "abc$", ""},
+        {"escaped_head", "vx_control_rep:action=file;keyword=vxExceptionMonFile%3Bsize%3D3%3Blmd%3D-1;\nabc",
+         "abc$", ""},
+        {"head_with_bars", "vx_control_rep:action=file;keyword=vxExceptionMonFile|3|1\r\nabc", "abc$", ""},
+        {"one_byte", kHead + "1;lmd=1;\n\n", "\n$", ""},
+        {"a_zero_byte_ends_the_text_only", kHead + "4;lmd=1;\nab" + std::string(1, '\0') + "c", "ab$", ""},
+        {"surplus_stays_for_the_lines", kHead + "3;lmd=1;\nabcdef\n", "abc$", ""},
+        {"other_lines_before_it_are_dropped",
+         "\n\nvx_control_req:action=reconnect;x\nvx_control_rep:action=FailedInstrumentationProfile - x\n" +
+             kHead + "3;lmd=1;\nabc",
+         "abc$", ""},
+        {"failed_once", kFailed + kHead + "3;lmd=1;\nabc", "abc$", ""},
+        {"failed_twice", kFailed + kFailed, "", kNotCome},
+        {"the_late_answer_of_another_file",
+         "vx_control_rep:action=file;keyword=vxExceptionMonFile2;size=5000;lmd=1;\n" +
+             std::string(5000, '\n') + kHead + "3;lmd=1;\nabc",
+         "abc$", kOtherHead},
+        {"size_0", kHead + "0;lmd=1;\n", "", kNotCome},
+        {"negative_size", kHead + "-5;lmd=1;\n", "", kNotCome},
+        {"above_the_limit", kHead + "67108865;lmd=1;\n", "", kNotCome},
+        {"no_number", kHead + "3x;lmd=1;\nabc\n", "", kNotCome},
+        {"no_date", kHead + "3;\nabc\n", "", kNotCome},
+        {"cut_short", kHead + "60000000;lmd=1;\nabc", "", kNotCome},
+        {"no_answer", "", "", kNotCome},
+        {"a_line_without_end", "vx_control_rep:action=other" + std::string(300000, 'x'), "", kNotCome},
+    }),
+    byName);
+
+TEST_F(FileKeywords, NoLineIsTornBetweenReadLoopAndExchange) {
+    const std::string order = std::string(kModifyPrefix) + ";vxExceptionMonFile=f|3|";
+    const std::string answer = "vx_control_req:dropped\n" + kHead + "3;lmd=7;\na\nb";
+    const std::string heartbeat = "vx_control_req:action=reconnect;x;dataConnState=0;\n";
+    app->Server.instrumentationStarted = 1;
+    ctrlBufInfo_t& info = app->control.ctrlBufInfo;
+    for (std::size_t cut = 0; cut <= answer.size() + heartbeat.size(); ++cut) {
+        const std::string line = order + std::to_string(1000 + cut) + ";\n";
+        const std::string all = answer + heartbeat;
+        const std::string held = line + all.substr(0, cut);  // arrived together
+        held.copy(info.read_socket_buf, held.size());
+        info.readOffset = 0;
+        info.readBytes = info.writeOffset = static_cast<std::int32_t>(held.size());
+        info.read_socket_buf[held.size()] = '\0';
+        peer.send(all.substr(cut));
+        parsed.clear();
+        app->VXSys.dataConnState = 1;
+        processControlConnectionMessage(&info);
+        while (app->VXSys.dataConnState == 1 && read_msg_from_vxc(&info) == 0) continue;
+        ASSERT_EQ(parsed, "a\nb$") << cut;
+        ASSERT_EQ(app->VXSys.dataConnState, 0) << cut;
+    }
+    EXPECT_EQ(asked().size(), 2 * (answer.size() + heartbeat.size() + 1));  // each a request and a reply
+}
+
+TEST_F(FileKeywords, ALargeFileComesWhole) {
+    std::string content;
+    for (int i = 0; content.size() < 10000000; ++i) content += "line " + std::to_string(i) + "\n";
+    const std::string size = std::to_string(content.size());
+    std::thread sender([&] {
+        const std::string head = kHead + size + ";lmd=1;\n";
+        for (std::size_t at = 0; at < head.size() + content.size(); at += 1000000)
+            peer.send((head + content).substr(at, 1000000));
+    });
+    start("vxExceptionMonFile=f|" + size + "|1;");
+    sender.join();
+    EXPECT_TRUE(parsed == content + "$");
+    EXPECT_TRUE(cached("vxExceptionMonFile") == content);
+}
+
+TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
+    std::thread stopper([&] {
+        EXPECT_EQ(peer.readLine(), kRequest);
+        app->control.proxyStopRequested = 1;
+    });
+    const auto before = std::chrono::steady_clock::now();
+    start("vxExceptionMonFile=f|3|1;tierID=9;");  // the time-out is a minute
+    stopper.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
+    EXPECT_EQ(getTierID(), 0);
+}
+
+TEST_F(FileKeywords, ALostConnectionEndsThePassAndIsOrderedClosed) {
+    peer.send(kHead + "9;lmd=1;\nabc");
+    peer.close();
+    start("vxExceptionMonFile=f|9|1;tierID=9;");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(getTierID(), 0);
+}
+
+TEST_F(FileKeywords, AStartIsGivenUpWithoutItsCriticalFileAndWarnsOfOthers) {
+    const std::string line = std::string(kStartPrefix) + ";bciDataBufferMaxCount=4;status=running;";
+    peer.send(kFailed + kFailed);
+    handle(line + "vxExceptionMonFile=f|3|1;");
+    EXPECT_EQ(peer.readLine(), kRequest);
+    EXPECT_EQ(peer.readLine(), kRequest);
+    EXPECT_EQ(peer.readLine(), "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
+    EXPECT_EQ(peer.readLine(), kNotCome);
+    FakePeer data = collector.accept();
+    EXPECT_EQ(app->Server.instrumentationStarted, 1);
+    handle("vx_control_req:action=stop_instrumentation;status=running;");
+    EXPECT_EQ(peer.readLine(), "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;");
+
+    const std::string failed = "vx_control_rep:action=FailedVXEntryPointsFile - x\n";
+    peer.send(failed + failed);
+    handle(line + "VXEntryPointsFile=e|3|1;tierID=9;");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(app->Server.instrumentationStarted, 0);
+    EXPECT_EQ(getTierID(), 0);
+    EXPECT_EQ(asked().size(), 2U);  // the request twice, and no answer to the start
+}
+
+TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
+    EXPECT_TRUE(isCriticalFile("BTRuleConfig") && isCriticalFile("VXEntryPointsFile"));
+    EXPECT_FALSE(isCriticalFile("BTRule") || isCriticalFile("vxExceptionMonFile") || isCriticalFile(""));
+    peer.send(
+        "vx_control_rep:action=file;keyword=vxCriticalFileList;size=33;lmd=1;\n"
+        "vxExceptionMonFile\r\nBTTConfig;,;\n" +
+        kFailed + kFailed);
+    start("vxCriticalFileList=c|33|1;vxExceptionMonFile=f|3|1;");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_TRUE(isCriticalFile("BTTConfig"));
+    EXPECT_FALSE(isCriticalFile("BTRuleConfig"));
+
+    app->control.closeCtrlConFlag = 0;
+    setDefaultCriticalFile();  // as at the end of a run
+    peer.send(kFailed + kFailed);
+    start("vxCriticalFileList=c|33|1;vxExceptionMonFile=f|3|1;");  // unchanged: in force within the pass
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+}
+
+TEST_F(FileKeywords, TextsThatDescribeMethodsAskForTheTableAndAreHandedOver) {
+    app->VXBCISetting.agentTypeCode = kAgentGo;
+    peer.send(
+        "vx_control_rep:action=file;keyword=VXEntryPointsFile;size=24;lmd=1;\nm|shop.Pay|HTTP_ENTRY|1\n");
+    modify("VXEntryPointsFile=e|24|1;");
+    EXPECT_EQ(app->Server.rehashRequested, 1);
+    EXPECT_EQ(app->files.kywdInfo[NameToIndex("VXEntryPointsFile")].handedOver, 1);
+    EXPECT_TRUE(getMethodPropFromMethodName("shop.Pay"));
+}
+
+}  // namespace
+}  // namespace vx::test
