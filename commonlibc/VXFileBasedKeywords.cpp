@@ -92,12 +92,10 @@ const char* get_file_from_VXC_wrapper(const char* keyword, int index) {
 
 // What is held stays in force: behind a start's pass, or at once where it rules the rest of the pass.
 void useHeld(kywdInfo_t& entry, const char* keyword, int index) {
-    if (!vxCurrent()->files.startPass || !entry.content) return;
-    if (index == kCriticalListIndex) {
+    if (index != kCriticalListIndex) {
+        markHeldFile(keyword, index);
+    } else if (vxCurrent()->files.startPass && entry.content) {
         parseContent(entry.content, entry.size, index);
-    } else {
-        vxlb_copy_text(entry.keyword, sizeof(entry.keyword), keyword);
-        entry.pending = 1;
     }
 }
 
@@ -178,13 +176,29 @@ void useFileBasedKeyword(const char* content, std::int64_t size, const char* key
     if (describesMethods(index)) vxCurrent()->Server.rehashRequested = 1;
 }
 
+void beginFilePass(bool overStartLine) {
+    VXFileState_t& files = vxCurrent()->files;
+    files.startPass = overStartLine ? 1 : 0;
+    files.pendingCount = 0;
+    for (kywdInfo_t& entry : files.kywdInfo) entry.pending = 0;
+}
+
+void markHeldFile(const char* keyword, int index) {
+    VXFileState_t& files = vxCurrent()->files;
+    kywdInfo_t& entry = files.kywdInfo[index];
+    if (!files.startPass || !entry.content || entry.pending) return;
+    vxlb_copy_text(entry.keyword, sizeof(entry.keyword), keyword);
+    entry.pending = ++files.pendingCount;  // at most one for each row of the table
+}
+
 void useHeldFiles() {
-    int index = 0;
-    for (kywdInfo_t& entry : vxCurrent()->files.kywdInfo) {
-        if (std::exchange(entry.pending, std::uint8_t{0}))
-            useFileBasedKeyword(entry.content, entry.size, entry.keyword, index);
-        ++index;
-    }
+    VXFileState_t& files = vxCurrent()->files;
+    for (int place = 1; place <= files.pendingCount; ++place)
+        for (int index = 0; index < kKeywordRows; ++index) {
+            const kywdInfo_t& entry = files.kywdInfo[index];
+            if (entry.pending == place) useFileBasedKeyword(entry.content, entry.size, entry.keyword, index);
+        }
+    files.pendingCount = 0;
 }
 
 void noteFailedFetch(const char* keyword) {

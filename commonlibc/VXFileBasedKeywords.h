@@ -24,7 +24,10 @@ void handleFileBasedKeyword(const char* value, const char* keyword, int index);
 const char* getFileFromVXC(const char* keyword, int index);
 // Writes the cached copy (a profile has its own) and gives a copy of the content to the keyword's parser.
 void useFileBasedKeyword(const char* content, std::int64_t size, const char* keyword, int index);
-// Behind the keyword pass of a start line: what is held and was not fetched anew goes to its parser again.
+// Before a keyword pass, and behind that of a start line: what is held and was not fetched anew goes to its
+// parser again, in the order of the line.
+void beginFilePass(bool overStartLine);
+void markHeldFile(const char* keyword, int index);
 void useHeldFiles();
 // What must follow a failed fetch: a critical file ends the connection, any lost link the pass.
 void noteFailedFetch(const char* keyword);

@@ -133,9 +133,8 @@ void useProfiles(VXFileState_t& files, Server_t& server) {
     } else if (!same) {
         keepProfiles(files, server);
         useFileBasedKeyword(entry.content, entry.size, kKeyword, kNameIndex);
-    } else if (files.startPass) {
-        vxlb_copy_text(entry.keyword, sizeof(entry.keyword), kKeyword);
-        entry.pending = 1;
+    } else {
+        markHeldFile(kKeyword, kNameIndex);
     }
     VXLB_FREE(std::exchange(server.instrProfFileData, nullptr), "file content", kNameIndex);
     server.instrProfBytesWritten = 0;

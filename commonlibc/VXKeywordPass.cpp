@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "commonlibc/VXFileBasedKeywords.h"
 #include "commonlibc/VXKeywordFill.h"
 #include "commonlibc/VXKeywords.h"
 #include "commonlibc/context/vx_application.h"
@@ -57,7 +58,7 @@ void findStatusFromClientMsg(const char* line) {
     const int count = vxlb_get_tokens_with_multi_delimiter(copy, fields, ";", kMaxFields);
     const bool keywords = keywordsApply(app, line);
     app.keywords.passBlocked = 0;
-    app.files.startPass = keywords && beginsWith(line, kStartPrefix) ? 1 : 0;
+    beginFilePass(beginsWith(line, kStartPrefix));
     for (int i = 0; i < count; ++i)
         if (!applyField(app, fields[i], keywords)) break;
     VXLB_FREE(copy, "text copy", -1);

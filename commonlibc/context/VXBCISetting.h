@@ -14,7 +14,8 @@
 namespace vx {
 
 inline constexpr std::size_t kConnectLineSize = 2048;
-inline constexpr int kStatusTableSize = 600;  // HTTP statuses 0 to 599
+inline constexpr std::size_t kCriticalFilesSize = 4704;  // every keyword of the table fits
+inline constexpr int kStatusTableSize = 600;             // HTTP statuses 0 to 599
 
 // Agent type codes of agentTypeCode.
 inline constexpr std::int32_t kAgentPython = 0, kAgentPhp = 1, kAgentDotnet = 2, kAgentJava = 3, kAgentGo = 4;
@@ -52,7 +53,7 @@ struct VXBCISetting_t {
     VXSharedText attributes, tags;                // JSON
     VXSharedText tierAttr;
     VXSharedText endPointPrefix, SaasHost, projectKey, authtoken;
-    VXSharedText criticalFiles;  // file keywords without which a start is given up
+    char criticalFiles[kCriticalFilesSize];  // control thread: keywords, each between commas
 };
 
 }  // namespace vx

@@ -22,7 +22,7 @@ struct kywdInfo_t {
     char* content;  // heap, size + 1 bytes, terminated; null: none
     std::int64_t lmd;
     std::int64_t size;
-    std::uint8_t pending;     // held and named by this start line: goes to its parser behind the pass
+    std::uint8_t pending;     // place among the held files that go to their parsers behind the pass; 0: none
     std::uint8_t handedOver;  // for agents of type 4
     char keyword[32];         // as the pending line named it
 };
@@ -44,6 +44,7 @@ struct VXFileState_t {
     std::uint8_t profilesChanged;    // one of this line was fetched
     VXInstrProfRow_t* heldProfiles;  // heap: what the text in kywdInfo[55] consists of
     std::int32_t heldProfileCount;
+    std::uint8_t pendingCount;
     std::uint8_t startPass;  // the keyword pass is over a start line
 };
 

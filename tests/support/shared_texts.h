@@ -19,7 +19,7 @@ inline void freeSharedTexts(vxApplication& app) {
                                &setting.attributes,      &setting.tags,
                                &setting.tierAttr,        &setting.endPointPrefix,
                                &setting.SaasHost,        &setting.projectKey,
-                               &setting.authtoken,       &setting.criticalFiles})
+                               &setting.authtoken})
         setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);
     VXLB_FREE(app.collectors.vxc_server_arr, "vxc_server_arr", -1);

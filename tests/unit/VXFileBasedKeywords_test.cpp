@@ -201,6 +201,16 @@ TEST_F(FileKeywords, ALargeFileComesWhole) {
     EXPECT_TRUE(cached("vxExceptionMonFile") == content);
 }
 
+TEST_F(FileKeywords, HeldFilesAreParsedInTheOrderOfTheLine) {
+    vxUpcalls.parseBackendRuleFile = [](char* text) { parsed += std::string(text) + "$"; };
+    const std::string other = "vx_control_rep:action=file;keyword=vxBackendNamingRulesFile;size=1;lmd=1;\nb";
+    peer.send(other + kHead + "1;lmd=1;\na");
+    for (int run = 0; run < 2; ++run) {
+        start("vxBackendNamingRulesFile=f|1|1;vxExceptionMonFile=f|1|1;");
+        EXPECT_EQ(parsed, "b$a$");
+    }
+}
+
 TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
     std::thread stopper([&] {
         EXPECT_EQ(peer.readLine(), kRequest);

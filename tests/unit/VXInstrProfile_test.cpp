@@ -1,0 +1,179 @@
+#include "commonlibc/VXInstrProfile.h"
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "commonlibc/ServerReply.h"
+#include "commonlibc/VXFileBasedKeywords.h"
+#include "commonlibc/VXMethodManager.h"
+#include "tests/support/by_name.h"
+#include "tests/support/link_fixture.h"
+
+namespace vx::test {
+namespace {
+
+const std::string kWebText = "m|web|get|1|1|", kDbText = "m|db|query|1|0|\n";  // one ends within its line
+
+class InstrProfiles : public LinkFixture {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        connect();
+        setProxyVXHome();
+        app->identity.agentName = agentName_;
+        vx_word_set(app->VXSys.fileReadTimeout, 20000);
+    }
+    void start(const std::string& fields) { line(kStartPrefix, fields, 0); }
+    void modify(const std::string& fields) { line(kModifyPrefix, fields, 1); }
+    void line(const char* prefix, const std::string& fields, std::uint8_t change) {
+        makeInstrProfTableFree();
+        if (!change) vx_word_set(app->Server.numInstrProfile, 0);
+        app->Server.runtimeChange = change;
+        app->Server.rehashRequested = 0;
+        findStatusFromClientMsg((std::string(prefix) + ";status=running;" + fields).c_str());
+        useHeldFiles();
+    }
+    void answer(const std::string& name, const std::string& text) {
+        peer.send("vx_control_rep:action=instrumentation_profile;instrProfile=" + name +
+                  ";size=" + std::to_string(text.size()) + ";lmd=1;\n" + text);
+    }
+    // The names asked for since the last call, each with a blank.
+    std::string asked() {
+        controlConnectionSendBuffer("end\n", 4);
+        std::string names;
+        const std::string request =
+            "vx_control_req:action=send_instrumentation_profile;status=running;instrProfile=";
+        for (const std::string& line : peer.readLinesUpTo("end"))
+            if (line.starts_with(request)) names += line.substr(request.size()) + " ";
+        return names;
+    }
+    std::string held() const {
+        const char* text = app->files.kywdInfo[55].content;
+        return text ? text : "(none)";
+    }
+    bool parsed() const { return app->Server.rehashRequested != 0; }
+    std::string cached(const std::string& name) const {
+        std::ifstream in(home() + "/.cache/agent/" + name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+private:
+    char agentName_[8] = "agent";
+};
+
+std::string group(const std::string& name, const std::string& text, int lmd = 1) {
+    return "instrProfile=" + name + ";lmd=" + std::to_string(lmd) + ";size=" + std::to_string(text.size()) +
+           ";";
+}
+
+TEST_F(InstrProfiles, SeveralBecomeOneTextAndOnlyWhatChangedIsAskedFor) {
+    const std::string both = "numInstrProfile=2;" + group("web", kWebText) + group("shop\\db", kDbText);
+    answer("web", kWebText);
+    answer("db", kDbText);  // the collector may name it by its last element
+    start(both);
+    EXPECT_EQ(asked(), "web shop\\db ");
+    EXPECT_EQ(held(), kWebText + "\n" + kDbText);
+    EXPECT_TRUE(getMethodPropFromMethodName("web.get") && getMethodPropFromMethodName("db.query"));
+    EXPECT_EQ(cached("db"), kDbText);
+
+    start(both);
+    EXPECT_TRUE(parsed());
+    modify(both);
+    EXPECT_FALSE(parsed());
+    EXPECT_EQ(asked(), "");
+
+    answer("web", "m|web|put|1|1|\n");
+    modify("numInstrProfile=2;" + group("shop\\db", kDbText) + group("web", "m|web|put|1|1|\n"));
+    EXPECT_EQ(asked(), "web ");
+    EXPECT_EQ(held(), kDbText + "m|web|put|1|1|\n");
+    EXPECT_TRUE(parsed());
+    EXPECT_EQ(app->Server.isModifiedInstrProf, 1);
+
+    modify("numInstrProfile=1;" + group("shop\\db", kDbText));  // one is taken away
+    EXPECT_EQ(asked(), "");
+    EXPECT_EQ(held(), kDbText);
+    EXPECT_STREQ(app->Server.warnings, "");
+}
+
+TEST_F(InstrProfiles, AMissingOneIsAWarningAndDoesNotStopTheOthers) {
+    const std::string failed = "vx_control_rep:action=FailedInstrumentationProfile - web\n";
+    peer.send(failed + failed);
+    answer("db", kDbText);
+    start("numInstrProfile=2;" + group("web", kWebText) + group("db", kDbText));
+    EXPECT_EQ(asked(), "web web db ");
+    EXPECT_EQ(held(), kDbText);
+    EXPECT_STREQ(app->Server.warnings, "Failed to get response of 'web' file base keyword");
+
+    peer.send(failed);  // asked for again, and had at the second attempt
+    answer("web", kWebText);
+    start("numInstrProfile=2;" + group("web", kWebText) + group("db", kDbText));
+    EXPECT_EQ(asked(), "web web ");
+    EXPECT_EQ(held(), kWebText + "\n" + kDbText);
+
+    peer.send(failed + failed);  // what is held of it serves
+    start("numInstrProfile=2;" + group("web", kWebText, 2) + group("db", kDbText));
+    EXPECT_EQ(held(), kWebText + "\n" + kDbText);
+    EXPECT_TRUE(parsed());
+}
+
+struct LineRow {
+    const char* name;
+    std::string fields;
+    const char *asked, *held;
+};
+class ProfileLines : public InstrProfiles, public testing::WithParamInterface<LineRow> {};
+
+TEST_P(ProfileLines, AreTakenAsFarAsTheyGo) {
+    answer("a", "m|c|a|1|1\n");
+    answer("b", "m|c|b|1|1\n");
+    start(GetParam().fields);
+    EXPECT_EQ(asked(), GetParam().asked);
+    EXPECT_EQ(held(), GetParam().held);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ProfileLines,
+    testing::ValuesIn<LineRow>({
+        {"one", "numInstrProfile=1;instrProfile=a;lmd=1;size=10;", "a ", "m|c|a|1|1\n"},
+        {"any_order_within_a_group",
+         "numInstrProfile=2;size=10;instrProfile=a;lmd=1;lmd=1;size=10;instrProfile=b;", "a b ",
+         "m|c|a|1|1\nm|c|b|1|1\n"},
+        {"the_last_of_two_names", "numInstrProfile=1;instrProfile=x;instrProfile=a;lmd=1;size=10;", "a ",
+         "m|c|a|1|1\n"},
+        {"more_groups_than_the_count",
+         "numInstrProfile=1;instrProfile=a;lmd=1;size=10;instrProfile=b;lmd=1;size=10;", "a ", "m|c|a|1|1\n"},
+        {"fewer_groups_than_the_count", "numInstrProfile=3;instrProfile=a;lmd=1;size=10;", "a ", "(none)"},
+        {"a_count_of_a_million", "numInstrProfile=1000000;instrProfile=a;lmd=1;size=10;", "a ", "(none)"},
+        {"a_negative_count", "numInstrProfile=-1;instrProfile=a;lmd=1;size=10;", "", "(none)"},
+        {"no_count", "instrProfile=a;lmd=1;size=10;", "", "(none)"},
+        {"none_selected", "numInstrProfile=1;instrProfile=-;lmd=1;size=10;", "", "(none)"},
+        {"size_0", "numInstrProfile=1;instrProfile=a;lmd=1;size=0;", "", "(none)"},
+        {"size_beyond_the_limit", "numInstrProfile=1;instrProfile=a;lmd=1;size=99999999999;", "", "(none)"},
+    }),
+    byName);
+
+TEST_F(InstrProfiles, NoneSelectedResetsTheTableAndAChangeWithoutCountMeansOne) {
+    answer("a", kDbText);
+    modify(group("a", kDbText));
+    EXPECT_EQ(vx_word_get(app->Server.numInstrProfile), 1);
+    const mPP* query = getMethodPropFromMethodName("db.query");
+    ASSERT_TRUE(query);
+    EXPECT_EQ(query->subtype, 1);
+    start("numInstrProfile=1;instrProfile=na;lmd=1;size=1;");
+    EXPECT_EQ(app->Server.noInstrProfile, 1);
+    EXPECT_EQ(query->subtype, 0);
+}
+
+TEST_F(InstrProfiles, ANameNeverLeavesTheCacheFolder) {
+    for (const char* name : {"..\\..\\x", "../..", "a\\"}) {
+        answer(name, kDbText);
+        start("numInstrProfile=1;" + group(name, kDbText));
+        EXPECT_EQ(held(), kDbText) << name;
+    }
+    EXPECT_EQ(cached("x"), kDbText);  // by its last element
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(home()))
+        EXPECT_TRUE(entry.is_directory() || entry.path() == home() + "/.cache/agent/x") << entry.path();
+}
+
+}  // namespace
+}  // namespace vx::test
