@@ -73,6 +73,18 @@ void appendNode(VXBufferNode*& head, VXBufferNode*& tail, VXBufferNode* node) {
     tail = node;
 }
 
+// Next in turn for writing rather than last: a chain then touches no more nodes than its fullest moment
+// needed, where a round through all of them would sooner or later make the whole of it resident.
+void putBehindHead(VXBufferChain& chain, VXBufferNode* node) {
+    VXBufferNode* head = chain.writeListHead;
+    if (!head || chain.writeListTail == head) {
+        appendNode(chain.writeListHead, chain.writeListTail, node);
+        return;
+    }
+    node->next = head->next;
+    head->next = node;
+}
+
 // Null without memory or for a chunk size below 1.
 VXBufferNode* makeNode(std::int32_t chunkSize, int index) {
     if (chunkSize < 1) return nullptr;
@@ -217,7 +229,7 @@ void moveToWriteList(VXBufferChain& chain) {
     chain.readListHead = node->next;
     chain.VXCollectorBB.store(node->next, std::memory_order_release);
     if (!chain.readListHead) chain.readListTail = nullptr;
-    appendNode(chain.writeListHead, chain.writeListTail, node);
+    putBehindHead(chain, node);
     if (!chain.VXBCIAgentBB.load(std::memory_order_relaxed))
         chain.VXBCIAgentBB.store(chain.writeListHead, std::memory_order_release);
     ++chain.writeListSize;

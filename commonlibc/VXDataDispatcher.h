@@ -40,7 +40,7 @@ void vxCountAccepted(VXBufferChain& chain, const char* data, std::int64_t length
 void vxCountRefused(VXBufferChain& chain, const char* data, std::int64_t length);
 // Moves the node being written behind the nodes that wait to be sent (producers' side, dumpMutex held).
 void moveToReadList(VXBufferChain& chain);
-// Moves the node being sent behind the free nodes (sender's side); the caller has emptied it.
+// Moves the node being sent to the free nodes, next in turn (sender's side); the caller has emptied it.
 void moveToWriteList(VXBufferChain& chain);
 // Hands the node being written to the sender if it holds anything.
 void movePartialToReadList(VXBufferChain& chain);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <limits>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -130,6 +131,19 @@ TEST_F(DataDispatcher, OneNodeComesBackWhenItWasSent) {
     giveBackOne();
     add("d\n");
     EXPECT_EQ(dumpedText(*app), "d\n");
+}
+
+TEST_F(DataDispatcher, AChainTurnsNoMoreNodesThanItNeeds) {
+    openDumping(*app, 50, 8);
+    std::set<const VXBufferNode*> written;
+    for (int turn = 0; turn < 100; ++turn) {
+        written.insert(app->data.chain.VXBCIAgentBB);
+        add("ab\n");
+        movePartialToReadList();
+        giveBackOne();
+    }
+    EXPECT_EQ(written.size(), 2u);
+    EXPECT_EQ(app->data.chain.writeListSize, 50);
 }
 
 TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
