@@ -2,6 +2,7 @@
 
 #include <apr_network_io.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,12 @@ std::uint64_t takeVariables(const vxApplication& app) {
         char value[kVariableSize];
         if (!row.variable || !acts(app, row)) continue;
         if (vxlb_get_env_var_value(row.variable, value, sizeof(value)) != 0 || !*value) continue;
+        if (std::strlen(value) == kVariableSize - 1) {  // cut, perhaps in the middle of a name
+            VX_TRACE(1, kControlThread, kError, "%s is too long, ignored", row.variable);
+            vxReportSetting({row.variable, 0, row.variable, value, VXSettingVerdict::kLineFault,
+                             VXConfigFault::kTooLong});
+            continue;
+        }
         if (takeValue(row, {0, value})) taken |= bitOf(index);
     }
     return taken;

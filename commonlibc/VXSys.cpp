@@ -131,14 +131,6 @@ void setOnceDefaults(VXSys_t& sys) {
     VXAgentSettingInit(sys);
 }
 
-void homePath(char (&path)[kPathSize]) {
-    char home[kPathSize] = "";
-    for (const char* name : kHomeVariables)
-        if (vxlb_get_env_var_value(name, home, sizeof(home)) == 0 && *home) break;
-    if (!*home) VX_TRACE(1, kControlThread, kError, "VXHOME is not specified");
-    vx_path_join(path, sizeof(path), home, kHomeFolder);
-}
-
 }  // namespace
 
 void VXSysInit(const char* agentType) {
@@ -163,16 +155,29 @@ void VXSysInit(const char* agentType) {
     VX_UPCALL(initVXDynamicSettings);
 }
 
+const char* vxFindHome(char* path, std::size_t size) {
+    char home[kPathSize] = "";
+    const char* found = nullptr;
+    for (const char* name : kHomeVariables) {
+        if (vxlb_get_env_var_value(name, home, sizeof(home)) != 0 || !*home) continue;
+        found = name;
+        break;
+    }
+    if (!found) VX_TRACE(1, kControlThread, kError, "VXHOME is not specified");
+    vx_path_join(path, size, home, kHomeFolder);
+    return found;
+}
+
 void setVXHome() {
     char path[kPathSize];
-    homePath(path);
+    vxFindHome(path, sizeof(path));
     vxApplication& app = *vxCurrent();
     setSharedText(app.retired, app.VXSys.vxHomePath, path);
 }
 
 void setProxyVXHome() {
     char path[kPathSize];
-    homePath(path);
+    vxFindHome(path, sizeof(path));
     if (VXProxy.vxHomePath && std::strcmp(VXProxy.vxHomePath, path) == 0) return;
     VXLB_FREE(VXProxy.vxHomePath, "text copy", -1);
     VXProxy.vxHomePath = vxlb_strdup(path);

@@ -12,6 +12,7 @@
 //           bytes.
 #pragma once
 
+#include <cstddef>
 #include <mutex>
 
 #include "commonlibc/context/vx_application.h"
@@ -24,6 +25,9 @@ extern std::mutex vxTextMutex;
 // Sets the general defaults on the current context; agentType as given ("proxy") serves until the
 // identity names another.
 void VXSysInit(const char* agentType);
+// "%s/proxy" of the first of these variables that is set and not empty, of an empty string without one. The
+// variable's name, or null.
+const char* vxFindHome(char* path, std::size_t size);
 // VXSys.vxHomePath := "%s/proxy" of VXHOME, else USERPROFILE, else HOME, else an empty string.
 void setVXHome();
 // The same for VXProxy.vxHomePath.

@@ -7,6 +7,7 @@
 
 #include "commonlibc/VXDataThread.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/platform/vx_platform_crash.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/vxlb_clock.h"
@@ -64,6 +65,7 @@ void shutDownConnections(vxApplication& app) {
 }
 
 void* waitForSignals(void*) {
+    const VXCrashStack crashStack;
     const sigset_t set = stopSignals();
     int signal = 0;
     while (sigwait(&set, &signal) != 0) continue;

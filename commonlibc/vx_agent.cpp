@@ -11,6 +11,7 @@
 #include "commonlibc/Server.h"
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXKeywords.h"
+#include "commonlibc/VXLogRetention.h"
 #include "commonlibc/VXMetadataReplay.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXProxySettings.h"
@@ -86,12 +87,7 @@ void replaceText(char*& text, const char* value) {
     text = vxlb_strdup(value);
 }
 
-void startTrace(const char* agentType) {
-    VXSysInit(agentType);
-    VXTraceInit(gProcessName, gPool);
-}
-
-void readProxySettings() {
+void readProxySettings(VXRootUse use) {
     if (!inService()) {
         initializeVXApplicationGlobal();
         return;
@@ -99,7 +95,11 @@ void readProxySettings() {
     vxlb_copy_text(VXProxy.proxyHost, sizeof(VXProxy.proxyHost), kLoopback);
     VXProxy.proxyMode = 1;
     setProxyVXHome();
-    readVXProxyConfig();
+    if (use == VXRootUse::kService) {
+        readVXProxyConfig();
+    } else {
+        vxReadProxyFile();
+    }
 }
 
 void nameRoot(vxApplication& root, const char* poolName, const char* agentType) {
@@ -139,25 +139,34 @@ void enterLoop(vxApplication& root) {
 
 }  // namespace
 
-void agent_init(const char* poolName, int /*poolNameType*/, const char* processName, const char* agentType,
-                int /*flags*/) {
+vxApplication* vxMakeRoot(const char* poolName, const char* processName, const char* agentType,
+                          VXRootUse use) {
     vxFillUpcalls();
     startApr();
     setProxyDefaults();
     vxApplication* root = makeRoot();
-    if (!root) return;
+    if (!root) return nullptr;
     replaceText(gPool, poolName);
     replaceText(gProcessName, processName);
-    startTrace(agentType);
+    VXSysInit(agentType);
+    if (use == VXRootUse::kService) VXTraceInit(gProcessName, gPool);
     VXBCISettingInit();
     for (std::uint32_t& counter : root->method.idCounters) counter = 1;
-    readProxySettings();
+    readProxySettings(use);
     nameRoot(*root, poolName, agentType);
     readAgentSettings();
-    VX_UPCALL(vx_check_log_file);
+    return root;
+}
+
+void agent_init(const char* poolName, int /*poolNameType*/, const char* processName, const char* agentType,
+                int /*flags*/) {
+    vxApplication* root = vxMakeRoot(poolName, processName, agentType, VXRootUse::kService);
+    if (!root) return;
+    vx_check_log_file();
     root->VXSys.proxyMode = VXProxy.proxyMode;
     apr_signal_init(root->pool);
     apr_signal(SIGPIPE, SIG_IGN);
+    VX_TRACE(1, kControlThread, kInfo, "SIGPIPE is ignored");
     makeFlowpathTables(*root);
     enterLoop(*root);
 }

@@ -6,6 +6,19 @@
 
 namespace vx {
 
+struct vxApplication;
+
+// What a root context is made for.
+enum class VXRootUse {
+    kService,  // the trace log is started, the server's address is asked for
+    kCheck,    // reads files and environment and nothing else: no log, no socket
+};
+
+// First half of agent_init: the root context, current, with the settings of both files and the environment.
+// Null without memory.
+vxApplication* vxMakeRoot(const char* poolName, const char* processName, const char* agentType,
+                          VXRootUse use);
+
 // Builds the root context, reads the settings, starts the trace log, enters the listener loop; returns
 // when the loop returns. A second call starts from the beginning; what the first one made is not released.
 void agent_init(const char* poolName, int poolNameType, const char* processName, const char* agentType,

@@ -86,7 +86,6 @@ namespace vx {
     X(vxProxyInitLws, void())                                                                           \
     X(processThreadOps, void(VXThreadOpsQueue * queue))                                                 \
     X(dumpAndSendDataToVXC, bool(const char* data, std::int32_t length))                                \
-    X(vx_check_log_file, void())                                                                        \
     X(startMemoryWatch, void())
 
 enum class VXUpcallName : std::size_t {

@@ -1,6 +1,24 @@
 #include "commonlibc/vxlb_thread.h"
 
+#include "commonlibc/platform/vx_platform_crash.h"
+
 namespace vx {
+
+namespace {
+
+struct ThreadStart {
+    apr_thread_start_t function;
+    void* argument;
+};
+
+// Every thread can tell of its own fall.
+void* APR_THREAD_FUNC runThread(apr_thread_t* thread, void* given) {
+    const VXCrashStack crashStack;
+    const ThreadStart start = *static_cast<ThreadStart*>(given);
+    return start.function(thread, start.argument);
+}
+
+}  // namespace
 
 apr_status_t vxlb_thread_create(apr_thread_t** threadOut, apr_threadattr_t* attributes,
                                 apr_thread_start_t function, void* argument, apr_pool_t* pool) {
@@ -9,7 +27,10 @@ apr_status_t vxlb_thread_create(apr_thread_t** threadOut, apr_threadattr_t* attr
         if (status == APR_SUCCESS) status = apr_threadattr_detach_set(attributes, 1);
         if (status != APR_SUCCESS) return status;
     }
-    return apr_thread_create(threadOut, attributes, function, argument, pool);
+    auto* start = static_cast<ThreadStart*>(apr_palloc(pool, sizeof(ThreadStart)));
+    if (!start) return APR_ENOMEM;
+    *start = {function, argument};
+    return apr_thread_create(threadOut, attributes, runThread, start, pool);
 }
 
 bool vxlb_make_mutex(apr_thread_mutex_t*& mutex, apr_pool_t* pool) {

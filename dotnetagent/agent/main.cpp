@@ -3,46 +3,52 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "commonlibc/VXSys.h"
 #include "commonlibc/agent_thread.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/vx_agent.h"
 #include "dotnetagent/agent/vx_service.h"
+#include "dotnetagent/agent/vx_service_check.h"
 
 namespace {
 
 constexpr int kExitDone = 0, kExitUsage = 2;
 
 constexpr const char* kHelp =
-    "Usage: VXProxyService [--version | --help]\n"
+    "Usage: VXProxyService [--version | --help | --check-config]\n"
     "\n"
     "Stands on an application host between profiler agents and a central collector: takes the agents'\n"
     "records over TCP, rebuilds transactions from them and sends the results to the collector. Runs in the\n"
     "foreground until it is told to stop.\n"
     "\n"
     "Options:\n"
-    "  --version   prints the version and ends\n"
-    "  --help      prints this text and ends\n"
+    "  --version        prints the version and ends\n"
+    "  --help           prints this text and ends\n"
+    "  --check-config   reads files and environment as a start does, prints each setting with its value and\n"
+    "                   where it comes from, and every line that is not understood; changes nothing\n"
     "\n"
     "Environment:\n"
     "  VXHOME             the home is the folder \"proxy\" below this one (else below USERPROFILE, HOME)\n"
     "  VX_SERVICE_DEBUG   when set, each step of start and stop is written to the standard error\n"
-    "  ZOR_APP_AGENT_*    agent settings, which go before those of the file\n"
     "\n"
     "Files below the home:\n"
-    "  config/proxysetting.conf   settings of the service: proxyPort (1111), vxcHost, vxcPort, ...\n"
+    "  config/proxysetting.conf   settings of the service\n"
     "  config/vxsettings.conf     agent settings: collector, protocols, trace level\n"
-    "  logs/                      trace files vx_trace_..._0 and _1\n"
+    "  logs/vx_trace_..._0, _1    trace of a run\n"
+    "  logs/example_N.txt         crash dump: stack of the thread that fell\n"
+    "  .cache/                    files that the collector handed out\n"
     "\n"
     "Signals:\n"
     "  SIGTERM            stops; what is buffered has 2 seconds to reach the collector\n"
     "  SIGINT, SIGUSR1    closes every connection and stops at once\n"
     "\n"
     "Exit codes:\n"
-    "  0   stopped as told\n"
-    "  1   the service could not be set up\n"
-    "  2   unknown option\n";
+    "  0   stopped as told; configuration in order\n"
+    "  1   the service could not be set up, or has fallen (see the crash dump)\n"
+    "  2   unknown option; --check-config found a fault\n"
+    "\n";
 
 void tellListening(const char* host, int port) {
     std::fprintf(stderr, "VXProxyService %s listening on %s:%d, home %s, pid %d\n", VX_VERSION, host, port,
@@ -56,21 +62,43 @@ void tellBindFailed(int port, const char* reason) {
                  port, reason, vx::getVXHome());
 }
 
+int printVersion() {
+    std::printf("VXProxyService %s\n", VX_VERSION);
+    return kExitDone;
+}
+
+int printHelp() {
+    std::printf("%s%s", kHelp, vx::vxSettingsHelp().c_str());
+    return kExitDone;
+}
+
+int checkConfig() {
+    std::string report;
+    const int code = vx::vxCheckConfig(&report);
+    std::fputs(report.c_str(), stdout);
+    return code;
+}
+
+struct Option {
+    const char* name;
+    int (*run)();
+};
+constexpr Option kOptions[] = {
+    {"--version", printVersion}, {"--help", printHelp}, {"--check-config", checkConfig}};
+
+const Option* optionNamed(const char* name) {
+    for (const Option& option : kOptions)
+        if (std::strcmp(option.name, name) == 0) return &option;
+    return nullptr;
+}
+
 // The exit code, or -1 when the service is to run.
 int takeCommandLine(int count, char** arguments) {
     if (count < 2) return -1;
-    if (count == 2 && std::strcmp(arguments[1], "--version") == 0) {
-        std::printf("VXProxyService %s\n", VX_VERSION);
-        return kExitDone;
-    }
-    if (count == 2 && std::strcmp(arguments[1], "--help") == 0) {
-        std::fputs(kHelp, stdout);
-        return kExitDone;
-    }
-    const char* unknown = arguments[1];
-    if (count > 2 && (std::strcmp(unknown, "--version") == 0 || std::strcmp(unknown, "--help") == 0))
-        unknown = arguments[2];
-    std::fprintf(stderr, "VXProxyService: unknown option '%s' (--help tells the options)\n", unknown);
+    const Option* option = optionNamed(arguments[1]);
+    if (option && count == 2) return option->run();
+    std::fprintf(stderr, "VXProxyService: unknown option '%s' (--help tells the options)\n",
+                 arguments[option ? 2 : 1]);
     return kExitUsage;
 }
 

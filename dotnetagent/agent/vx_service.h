@@ -14,6 +14,12 @@ namespace vx {
 
 enum class VXServiceState : int { kStopped = 1, kStartPending = 2, kStopPending = 3, kRunning = 4 };
 
+// What the service calls agent_init with.
+inline constexpr const char* kServicePoolName = "DotNetAgent";
+inline constexpr int kServicePoolNameType = 3;
+inline constexpr const char* kServiceProcessName = "ProxyName";
+inline constexpr const char* kServiceAgentType = "proxy";
+
 inline constexpr int kServiceControlStop = 1;  // the only control that is accepted, and only while running
 
 struct VXServiceStatus {

@@ -1,3 +1,4 @@
+#include <apr_general.h>
 #include <pthread.h>
 #include <sys/resource.h>
 
@@ -5,13 +6,19 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "commonlibc/VXLogRetention.h"
+#include "commonlibc/VXSys.h"
 #include "commonlibc/agent_thread.h"
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/platform/vx_platform_crash.h"
+#include "commonlibc/vxlb_utiles.h"
 #include "dotnetagent/agent/vx_service_system.h"
 
 namespace vx {
 
 namespace {
 
+constexpr std::size_t kPathSize = 4096;
 constexpr rlim_t kWantedDescriptors = 8192;  // agents' and collectors' sockets, unknown ones, files
 
 void (*controlHandler)(int control) = nullptr;
@@ -27,12 +34,26 @@ void raiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// The fall of any thread is written below the logs folder; old dumps make room first.
+void installCrashDump() {
+    char home[kPathSize];
+    char logs[kPathSize];
+    vxFindHome(home, sizeof(home));
+    vx_path_join(logs, sizeof(logs), home, "logs");
+    makeDir(logs);
+    vxDropOldCrashDumps(logs, kKeptCrashDumps);
+    if (!vx_crash_install(logs, "VXProxyService " VX_VERSION))
+        vx_service_debug("VXProxyService: ServiceMain: crash dump not installed");
+    static const VXCrashStack mainThreadsStack;
+}
+
 struct Worker {
     void (*body)(void* argument);
     void* argument;
 };
 
 void* runBody(void* given) {
+    const VXCrashStack crashStack;
     const Worker& worker = *static_cast<Worker*>(given);
     worker.body(worker.argument);
     return nullptr;
@@ -57,6 +78,8 @@ const char* nameOf(VXServiceState state) {
 bool vx_service_register(void (*handler)(int control)) {
     controlHandler = handler;
     raiseDescriptorLimit();
+    apr_initialize();
+    installCrashDump();
     return vxStartSignalThread(stopControl);
 }
 

@@ -6,7 +6,7 @@
 namespace vx {
 
 // Makes the system call `handler` with kServiceControlStop when the service is to stop, and prepares the
-// process (descriptor limit). Before any other thread exists. False when that failed.
+// process (descriptor limit, crash dump). Before any other thread exists. False when that failed.
 bool vx_service_register(void (*handler)(int control));
 // Tells the system the state.
 void vx_service_report(const VXServiceStatus& status);

@@ -10,10 +10,6 @@ VXStopEvent g_ServiceStopEvent;
 
 namespace {
 
-constexpr const char* kPoolName = "DotNetAgent";
-constexpr int kPoolNameType = 3;
-constexpr const char* kProcessName = "ProxyName";
-constexpr const char* kAgentType = "proxy";
 constexpr std::int64_t kRestartPauseUs = 1000000;  // what failed at once would fail again at once
 
 std::atomic<VXServiceState> serviceState{VXServiceState::kStopped};
@@ -39,7 +35,7 @@ VXServiceState vxServiceState() {
 void vxServiceWorker(const VXStopEvent& stop, VXAgentInit agentInit) {
     while (!stop.isSet()) {
         proxyServerFlag.store(1, std::memory_order_release);
-        agentInit(kPoolName, kPoolNameType, kProcessName, kAgentType, 0);
+        agentInit(kServicePoolName, kServicePoolNameType, kServiceProcessName, kServiceAgentType, 0);
         if (!stop.isSet()) vxlb_sleep_us(kRestartPauseUs);
     }
 }

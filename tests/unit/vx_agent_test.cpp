@@ -61,7 +61,6 @@ const std::set<std::string> kStillEmpty = {
     "start_control_connection_service",
     "updateMethodInHash",
     "vxProxyInitLws",
-    "vx_check_log_file",
     "vxbt_execute_custom_rule",
     "vxbt_read_rule_file",
     "vxbt_read_threshold_file",

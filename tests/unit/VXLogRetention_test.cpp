@@ -1,0 +1,101 @@
+#include "commonlibc/VXLogRetention.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <set>
+#include <string>
+
+#include "tests/support/fake_clock.h"
+#include "tests/support/home_fixture.h"
+#include "tests/support/trace_file.h"
+
+namespace vx {
+namespace {
+
+using Names = std::set<std::string>;
+
+Names namesIn(const std::string& folder) {
+    Names names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+class LogRetention : public test::HomeFixture {
+protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        HomeFixture::SetUp();
+        std::filesystem::create_directories(home() + "/logs");
+    }
+    void file(const std::string& name) { std::ofstream(home() + "/logs/" + name) << "x"; }
+    Names left() const { return namesIn(home() + "/logs"); }
+
+    test::FakeClock clock{1709287200000};  // 2024-03-01 10:00 UTC, behind a leap day
+};
+
+TEST_F(LogRetention, StepsBackThroughTheCalendar) {
+    struct {
+        int days;
+        std::int64_t date;
+    } rows[] = {{0, 20240301},   {1, 20240229},   {2, 20240228},         {61, 20231231},
+                {366, 20230301}, {367, 20230228}, {2000000000, 19240326}};
+    for (const auto& row : rows) EXPECT_EQ(get_Previous_Date(row.days), row.date) << row.days;
+}
+
+TEST_F(LogRetention, RemovesTraceFilesOfTheLimitAndBeforeAndNothingElse) {
+    app->VXBCISetting.logRetentionDays = 0;  // counts as 7: up to 2024-02-23
+    const Names kept = {"vx_trace_ProxyName_DotNetAgent_20240224000000_9.log_0",
+                        "vx_trace_p_20240301000000_9.log_1",
+                        "readme.txt",
+                        "a_b_c",
+                        "notes_of_an_old_day.txt",
+                        "vx_trace_p_Error_9.log_0",
+                        "x_y_2020_9.log_0",
+                        "folder_20200101000000_9_0"};
+    for (const std::string& name : kept)
+        if (name.starts_with("folder")) {
+            std::filesystem::create_directory(home() + "/logs/" + name);
+        } else {
+            file(name);
+        }
+    for (const char* name : {"vx_trace_a_b_20200101000000_9.log_0", "vx_trace_a_20240223235959_9.log_1"})
+        file(name);
+    vx_check_log_file();
+    EXPECT_EQ(left(), kept);
+
+    app->VXBCISetting.logRetentionDays = 1;
+    vx_check_log_file();
+    EXPECT_EQ(left().size(), kept.size() - 1);
+}
+
+TEST_F(LogRetention, TellsWhatItDid) {
+    const test::TraceFile trace(*app);
+    trace.home().write("logs/readme.txt", "");
+    trace.home().write("logs/vx_trace_a_20200101000000_9.log_0", "");
+    vx_check_log_file();
+    EXPECT_TRUE(trace.says("|not a log file and 1"));
+    EXPECT_TRUE(trace.says("|removed file name :vx_trace_a_20200101000000_9.log_0"));
+    setSharedText(app->retired, app->VXSys.vxHomePath, "/no/such/home");
+    vx_check_log_file();
+    EXPECT_TRUE(trace.says("|Log Directory unable to open"));
+}
+
+TEST_F(LogRetention, KeepsTheNewestCrashDumps) {
+    const auto now = std::filesystem::file_time_type::clock::now();
+    for (int i = 0; i < 6; ++i) {
+        const std::string name = "example_" + std::to_string(900 - i) + ".txt";
+        file(name);
+        std::filesystem::last_write_time(home() + "/logs/" + name, now - std::chrono::hours(i));
+    }
+    file("example_notes.log");
+    vxDropOldCrashDumps((home() + "/logs").c_str(), 2);
+    EXPECT_EQ(left(), (Names{"example_900.txt", "example_899.txt", "example_notes.log"}));
+    vxDropOldCrashDumps("/no/such/folder", 2);
+}
+
+}  // namespace
+}  // namespace vx
