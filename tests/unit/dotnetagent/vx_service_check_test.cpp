@@ -1,0 +1,157 @@
+#include "dotnetagent/agent/vx_service_check.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "commonlibc/VXKeywords.h"
+#include "commonlibc/VXProxySettings.h"
+#include "commonlibc/vx_agent.h"
+#include "tests/support/home_fixture.h"
+
+namespace vx {
+namespace {
+
+class CheckConfig : public test::HomeFixture {
+protected:
+    // Checks these two files; the answer. `report` has the rest.
+    int check(const std::string& proxyFile, const std::string& agentFile) {
+        write("proxysetting.conf", proxyFile);
+        write("vxsettings.conf", agentFile);
+        return vxCheckConfig(&report);
+    }
+    bool says(const std::string& text) const { return report.find(text) != std::string::npos; }
+    // The line of a setting, from its value on.
+    std::string valueOf(const std::string& key) const {
+        const std::size_t at = report.find("\n  " + key + " ");
+        if (at == std::string::npos) return "";
+        const std::size_t from = report.find_first_not_of(' ', at + 3 + key.size());
+        return report.substr(from, report.find('\n', from) - from);
+    }
+
+    std::string report;
+};
+
+TEST_F(CheckConfig, ShowsEachSettingWithItsOriginAndLeavesNoTrace) {
+    setenv("ZOR_APP_AGENT_TIER", "Web", 1);
+    setenv("ZOR_APP_AGENT_TEIR", "misspelt", 1);
+    EXPECT_EQ(check("# service\n\nproxyPort=2000\nPROXYPORT=2001\n #\nmaxSlots=500\n",
+                    "vxcHost=h\r\ntier=T\r\ntags=a=b\nVXC_COMM_PROTOCOL=TCP:7000\nbackupVxcHostName=b\n"),
+              kCheckPassed)
+        << report;
+    EXPECT_EQ(valueOf("proxyPort"), "2001  [line 4]");
+    EXPECT_EQ(valueOf("maxSlots"), "500  [line 6]");
+    EXPECT_EQ(valueOf("maxMethods"), "100000  [not set]");
+    EXPECT_EQ(valueOf("tier"), "Web  [variable ZOR_APP_AGENT_TIER]");
+    EXPECT_EQ(valueOf("tags"), "{\"a\":\"b\"}  [line 3, written 'a=b']");
+    EXPECT_TRUE(says("Collector: h:7000, protocols TCP:7000, backup b:"));
+    EXPECT_TRUE(says("proxysetting.conf:3: proxyPort is given again in line 4, which stands"));
+    EXPECT_TRUE(says("vxsettings.conf:2: not used, another setting goes before: 'tier=T'"));
+    EXPECT_TRUE(says("ZOR_APP_AGENT_TEIR: no variable of this service"));
+    EXPECT_TRUE(says("The configuration is in order."));
+    EXPECT_FALSE(std::filesystem::exists(home() + "/logs"));
+    unsetenv("ZOR_APP_AGENT_TEIR");
+}
+
+struct Fault {
+    const char *name, *proxyFile, *agentFile, *told;
+};
+class ConfigFault : public CheckConfig, public testing::WithParamInterface<Fault> {};
+
+TEST_P(ConfigFault, IsToldWithFileAndLine) {
+    EXPECT_EQ(check(GetParam().proxyFile, GetParam().agentFile), kCheckFailed) << report;
+    EXPECT_TRUE(says("\n  " + std::string(GetParam().told) + "\n")) << report;
+    EXPECT_TRUE(says("\n1 fault(s).")) << report;
+}
+
+const std::string kLong(1024, 'x'), kLongAgent = "vxcHost=h\ninstance=" + std::string(2048, 'x');
+const std::string kLongTold = "proxysetting.conf:1: too long, ignored: '" + std::string(200, 'x') + "...'";
+const std::string kLongAgentTold =
+    "vxsettings.conf:2: too long, ignored: 'instance=" + std::string(191, 'x') + "...'";
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, ConfigFault,
+    testing::ValuesIn<Fault>({
+        {"unknown", "#\nfoo=1\n", "vxcHost=h", "proxysetting.conf:2: unknown setting, ignored: 'foo=1'"},
+        {"unknown_to_agents", "", "vxcHost=h\nfoo=1", "vxsettings.conf:2: unknown setting, ignored: 'foo=1'"},
+        {"no_pair", "proxyPort 2000", "vxcHost=h",
+         "proxysetting.conf:1: not of the form key=value, ignored: 'proxyPort 2000'"},
+        {"no_value", "", "vxcHost=h\ntier=  ", "vxsettings.conf:2: no value, ignored: 'tier='"},
+        {"indented", " proxyPort=1", "vxcHost=h",
+         "proxysetting.conf:1: begins with a blank or tab, ignored: ' proxyPort=1'"},
+        {"too_long", kLong.c_str(), "vxcHost=h", kLongTold.c_str()},
+        {"too_long_for_agents", "", kLongAgent.c_str(), kLongAgentTold.c_str()},
+        {"no_number", "proxyPort=abc", "vxcHost=h",
+         "proxysetting.conf:1: not a valid value, ignored: 'proxyPort=abc'"},
+        {"ceiling_out_of_bounds", "maxInstances=0", "vxcHost=h",
+         "proxysetting.conf:1: not a valid value, ignored: 'maxInstances=0'"},
+        {"memory_out_of_bounds", "memUsageThresholdPct=51", "vxcHost=h",
+         "proxysetting.conf:1: out of bounds, yet in force: 'memUsageThresholdPct=51'"},
+        {"protocols_in_part", "", "vxcHost=h\nVXC_COMM_PROTOCOL=TCP:1,X:2",
+         "vxsettings.conf:2: taken in part, an item is not valid: 'VXC_COMM_PROTOCOL=TCP:1,X:2'"},
+        {"tags", "", "vxcHost=h\ntags=neither",
+         "vxsettings.conf:2: not a valid value, ignored: 'tags=neither'"},
+        {"level", "", "vxcHost=h\nagentTraceLevel=5",
+         "vxsettings.conf:2: not a valid value, ignored: 'agentTraceLevel=5'"},
+        {"control_bytes", "a\x1b[2J=1", "vxcHost=h",
+         "proxysetting.conf:1: unknown setting, ignored: 'a?[2J=1'"},
+        {"no_collector", "", "tier=T", "no collector is named: vxcHost of vxsettings.conf names one"},
+    }),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(CheckConfig, TellsOfFilesThatAreMissingUnreadableOrUnused) {
+    EXPECT_EQ(vxCheckConfig(&report), kCheckFailed);
+    EXPECT_TRUE(says("proxysetting.conf: there is no such file")) << report;
+    EXPECT_TRUE(says("vxsettings.conf: there is no such file")) << report;
+
+    setenv("ZOR_APP_AGENT_VXCHOST", "h", 1);
+    EXPECT_EQ(check("vxcHost=other\n", "nonsense\n"), kCheckPassed) << report;
+    EXPECT_TRUE(says("vxsettings.conf is not read: a variable names the collector"));
+    EXPECT_TRUE(says("vxcHost of proxysetting.conf is not used"));
+    EXPECT_TRUE(says("Collector: h:443, protocols WSS"));
+
+    setenv("ZOR_APP_AGENT_VXCPORT", "70000", 1);
+    std::filesystem::remove(home() + "/config/proxysetting.conf");
+    std::filesystem::create_directory(home() + "/config/proxysetting.conf");
+    EXPECT_EQ(vxCheckConfig(&report), kCheckFailed);
+    EXPECT_TRUE(says("proxysetting.conf: cannot be read")) << report;
+    EXPECT_TRUE(says("ZOR_APP_AGENT_VXCPORT: not a valid value, ignored: '70000'")) << report;
+}
+
+// The default that a help text names in its last brackets; empty without any.
+std::string defaultIn(const std::string& help) {
+    const std::size_t from = help.rfind('(');
+    return help.ends_with(')') && from != std::string::npos ? help.substr(from + 1, help.size() - from - 2)
+                                                            : "";
+}
+
+TEST_F(CheckConfig, HelpAndOperatorsGuideNameEverySettingAndItsTrueDefault) {
+    setenv("ZOR_APP_AGENT_VXCHOST", "h", 1);
+    ASSERT_EQ(vxCheckConfig(&report), kCheckPassed) << report;
+    std::ostringstream guideText;
+    guideText << std::ifstream(VX_SOURCE_DIR "/docs/operations.md").rdbuf();
+    const std::string guide = guideText.str(), help = vxSettingsHelp();
+    const auto stands = [](const std::string& text, const std::string& part) {
+        EXPECT_NE(text.find(part), std::string::npos) << part;
+    };
+    for (const VXProxyRow& row : vxProxyRows()) {
+        const std::string value = defaultIn(row.help);
+        EXPECT_EQ(value.empty() ? value : row.show(row), value) << row.key;
+        stands(guide, "| `" + std::string(row.key) + "` | " + row.help + " |\n");
+        stands(help, "  " + std::string(row.key) + " ");
+    }
+    for (const VXSettingRow& row : vxSettingRows()) {
+        const std::string value = defaultIn(row.help);
+        EXPECT_EQ(value.empty() ? value : row.show(), value) << row.help;
+        const auto cell = [](const char* text) { return text ? "`" + std::string(text) + "`" : "-"; };
+        stands(guide, "| " + cell(row.key) + " | " + cell(row.variable) + " | " + row.help + " |\n");
+        stands(help, row.help);
+    }
+    for (int i = 0; i < kKeywordRows; ++i) stands(guide, "`" + std::string(keywordsMap[i].name) + "`");
+}
+
+}  // namespace
+}  // namespace vx
