@@ -1,5 +1,6 @@
 #include "commonlibc/VXSettingReport.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -7,11 +8,66 @@
 
 namespace vx {
 
-VXSettingObserver vxSettingObserver = nullptr;
+namespace {
+
+constexpr std::size_t kShownBytes = 200;
+
+// Null for a verdict that is no fault.
+const char* faultText(const VXSettingReport& report) {
+    switch (report.verdict) {
+        case VXSettingVerdict::kTakenInPart:
+            return "taken in part, an item is not valid";
+        case VXSettingVerdict::kKeptOutOfBounds:
+            return "out of bounds, yet in force";
+        case VXSettingVerdict::kInvalid:
+            return "not a valid value, ignored";
+        case VXSettingVerdict::kUnknown:
+            return "unknown setting, ignored";
+        case VXSettingVerdict::kNoValue:
+            return "no value, ignored";
+        case VXSettingVerdict::kNoPair:
+            return "not of the form key=value, ignored";
+        case VXSettingVerdict::kLineFault:
+            break;
+        default:
+            return nullptr;
+    }
+    switch (report.fault) {
+        case VXConfigFault::kTooLong:
+            return "too long, ignored";
+        case VXConfigFault::kIndented:
+            return "begins with a blank or tab, ignored";
+        default:
+            return "holds a zero byte, ignored";
+    }
+}
+
+}  // namespace
+
+thread_local VXSettingObserver vxSettingObserver = nullptr;
 
 VXSettingVerdict vxReportSetting(const VXSettingReport& report) {
     if (vxSettingObserver) vxSettingObserver(report);
     return report.verdict;
+}
+
+std::string vxPrintable(std::string text) {
+    if (text.size() > kShownBytes) text = text.substr(0, kShownBytes) + "...";
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte < 32 || byte == 127; }, '?');
+    return text;
+}
+
+std::string vxSettingPlace(const VXSettingReport& report) {
+    return report.line > 0 ? std::string(report.source) + ":" + std::to_string(report.line) : report.source;
+}
+
+std::string vxSettingFault(const VXSettingReport& report) {
+    const char* fault = faultText(report);
+    if (!fault) return "";
+    const bool hasKey = report.key && report.line > 0;
+    return vxSettingPlace(report) + ": " + fault + ": '" +
+           vxPrintable((hasKey ? std::string(report.key) + "=" : "") + report.text) + "'";
 }
 
 VXSettingVerdict vxVerdictOfUnknown(const char* line) {

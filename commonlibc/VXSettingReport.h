@@ -1,9 +1,11 @@
 // What became of each setting that a start met: the one road from the readers of both settings files and of
 // the environment to whoever wants to know (the check of the configuration; a start has the trace).
 //
-// Since the readers themselves report, what is reported is what a start does, by construction.
+// Since the readers themselves report, what is reported is what a start does, by construction. A start
+// listens too: its first readings happen before the settings give the trace its level, so it keeps the faults
+// and traces them afterwards.
 //
-// Threads   The observer is set before other threads exist, or never.
+// Threads   Each thread has an observer of its own.
 #pragma once
 
 #include <string>
@@ -34,10 +36,17 @@ struct VXSettingReport {
 };
 
 using VXSettingObserver = void (*)(const VXSettingReport& report);
-extern VXSettingObserver vxSettingObserver;  // null: nobody
+extern thread_local VXSettingObserver vxSettingObserver;  // null: nobody
 
 // Tells the observer, if there is one. The verdict.
 VXSettingVerdict vxReportSetting(const VXSettingReport& report);
+// "file:line", or the variable.
+std::string vxSettingPlace(const VXSettingReport& report);
+// What is wrong, with its place, as in "proxysetting.conf:3: unknown setting, ignored: 'x=1'"; empty when
+// nothing is. Control bytes are masked, long texts cut.
+std::string vxSettingFault(const VXSettingReport& report);
+// The text without control bytes, cut at 200.
+std::string vxPrintable(std::string text);
 // Verdict on a line that no row took.
 VXSettingVerdict vxVerdictOfUnknown(const char* line);
 // Traces and reports a line with a fault; true when it has one.

@@ -7,6 +7,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "commonlibc/Server.h"
 #include "commonlibc/VXBCISettings.h"
@@ -15,6 +18,7 @@
 #include "commonlibc/VXMetadataReplay.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXProxySettings.h"
+#include "commonlibc/VXSettingReport.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/context/vx_application.h"
@@ -115,6 +119,20 @@ void readAgentSettings() {
         VX_TRACE(1, kControlThread, kInfo, "configuration reading form starting");
 }
 
+// Faults of the settings, kept until the settings have given the trace its level.
+constexpr std::size_t kKeptFaults = 100;
+std::vector<std::string> settingFaults;
+
+void keepFault(const VXSettingReport& report) {
+    std::string fault = vxSettingFault(report);
+    if (!fault.empty() && settingFaults.size() < kKeptFaults) settingFaults.push_back(std::move(fault));
+}
+
+void traceFaults() {
+    for (const std::string& fault : settingFaults) VX_TRACE(1, kControlThread, kWarning, "%s", fault.c_str());
+    settingFaults = {};
+}
+
 void makeFlowpathTables(vxApplication& root) {
     if (!root.identity.isProxyInstance) {
         VX_TRACE(1, kControlThread, kInfo, "Going to create hashMap of flowpath instance to TLS");
@@ -160,8 +178,11 @@ vxApplication* vxMakeRoot(const char* poolName, const char* processName, const c
 
 void agent_init(const char* poolName, int /*poolNameType*/, const char* processName, const char* agentType,
                 int /*flags*/) {
+    vxSettingObserver = keepFault;
     vxApplication* root = vxMakeRoot(poolName, processName, agentType, VXRootUse::kService);
+    vxSettingObserver = nullptr;
     if (!root) return;
+    traceFaults();
     vx_check_log_file();
     root->VXSys.proxyMode = VXProxy.proxyMode;
     apr_signal_init(root->pool);

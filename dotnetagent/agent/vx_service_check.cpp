@@ -38,50 +38,12 @@ struct Findings {
 };
 Findings* findings = nullptr;  // of the check that runs
 
-std::string placeOf(const std::string& source, int line) {
-    return line > 0 ? source + ":" + std::to_string(line) : source;
+std::string placeOf(const Origin& origin) {
+    return origin.line > 0 ? origin.source + ":" + std::to_string(origin.line) : origin.source;
 }
 
 std::string nameOf(const VXSettingReport& report) {
     return report.line > 0 ? std::string(report.source) + "/" + report.key : report.source;
-}
-
-// Control bytes of a broken file stay off the operator's terminal.
-std::string printable(std::string text) {
-    constexpr std::size_t kShown = 200;
-    if (text.size() > kShown) text = text.substr(0, kShown) + "...";
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char byte) { return byte < 32 || byte == 127; }, '?');
-    return text;
-}
-
-const char* faultText(const VXSettingReport& report) {
-    switch (report.verdict) {
-        case VXSettingVerdict::kTakenInPart:
-            return "taken in part, an item is not valid";
-        case VXSettingVerdict::kKeptOutOfBounds:
-            return "out of bounds, yet in force";
-        case VXSettingVerdict::kInvalid:
-            return "not a valid value, ignored";
-        case VXSettingVerdict::kUnknown:
-            return "unknown setting, ignored";
-        case VXSettingVerdict::kNoValue:
-            return "no value, ignored";
-        case VXSettingVerdict::kNoPair:
-            return "not of the form key=value, ignored";
-        case VXSettingVerdict::kLineFault:
-            break;
-        default:
-            return nullptr;
-    }
-    switch (report.fault) {
-        case VXConfigFault::kTooLong:
-            return "too long, ignored";
-        case VXConfigFault::kIndented:
-            return "begins with a blank or tab, ignored";
-        default:
-            return "holds a zero byte, ignored";
-    }
 }
 
 bool isInForce(VXSettingVerdict verdict) {
@@ -92,24 +54,18 @@ bool isInForce(VXSettingVerdict verdict) {
 void noteTaken(const VXSettingReport& report) {
     Origin& origin = findings->taken[nameOf(report)];
     if (!origin.source.empty())
-        findings->notes.push_back(placeOf(origin.source, origin.line) + ": " + report.key +
-                                  " is given again in line " + std::to_string(report.line) +
-                                  ", which stands");
+        findings->notes.push_back(placeOf(origin) + ": " + report.key + " is given again in line " +
+                                  std::to_string(report.line) + ", which stands");
     origin = {report.source, report.line, report.text};
 }
 
 void take(const VXSettingReport& report) {
-    const std::string place = placeOf(report.source, report.line);
-    const std::string shown =
-        std::string(report.key ? report.key : "") + (report.key ? "=" : "") + report.text;
     if (isInForce(report.verdict)) noteTaken(report);
-    if (report.verdict == VXSettingVerdict::kUnused) {
-        findings->notes.push_back(place + ": not used, another setting goes before: '" + printable(shown) +
-                                  "'");
-    } else if (const char* fault = faultText(report)) {
-        findings->faults.push_back(place + ": " + fault + ": '" +
-                                   printable(report.line > 0 ? shown : report.text) + "'");
-    }
+    if (report.verdict == VXSettingVerdict::kUnused)
+        findings->notes.push_back(vxSettingPlace(report) + ": not used, another setting goes before: '" +
+                                  vxPrintable(std::string(report.key) + "=" + report.text) + "'");
+    const std::string fault = vxSettingFault(report);
+    if (!fault.empty()) findings->faults.push_back(fault);
 }
 
 const Origin* originOf(const std::string& name) {
@@ -123,10 +79,10 @@ std::string column(const std::string& key) {
 
 // "  key    value    origin"; a value that was changed on its way shows what was written.
 std::string settingLine(const std::string& key, const std::string& value, const Origin* origin) {
-    std::string line = column(key) + (value.empty() ? "-" : printable(value)) + "  [";
+    std::string line = column(key) + (value.empty() ? "-" : vxPrintable(value)) + "  [";
     if (!origin) return line + "not set]\n";
     line += origin->line > 0 ? "line " + std::to_string(origin->line) : "variable " + origin->source;
-    if (origin->text != value) line += ", written '" + printable(origin->text) + "'";
+    if (origin->text != value) line += ", written '" + vxPrintable(origin->text) + "'";
     return line + "]\n";
 }
 
@@ -199,7 +155,7 @@ void noteUnknownVariables() {
         const bool known = std::any_of(rows.begin(), rows.end(), [&name](const VXSettingRow& row) {
             return row.variable && name == row.variable;
         });
-        if (!known) findings->notes.push_back(printable(name) + ": no variable of this service");
+        if (!known) findings->notes.push_back(vxPrintable(name) + ": no variable of this service");
     }
 }
 

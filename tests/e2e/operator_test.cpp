@@ -1,0 +1,108 @@
+// What an operator meets: a process that falls, files that grow old, a configuration to check.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "tests/support/e2e_fixture.h"
+
+namespace vx::test {
+namespace {
+
+class Operator : public EndToEnd {
+protected:
+    std::string logs() const { return dir.path() + "/proxy/logs"; }
+    std::set<std::string> filesOf(const std::string& beginning) const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(logs())) {
+            const std::string name = entry.path().filename().string();
+            if (name.starts_with(beginning)) names.insert(name);
+        }
+        return names;
+    }
+    // The newest thread of the service: one that was started for an instance.
+    pid_t newestThread() const {
+        pid_t newest = 0;
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(service->pid()) + "/task"))
+            newest = std::max(newest, static_cast<pid_t>(std::stoi(entry.path().filename().string())));
+        return newest;
+    }
+    // The dump that appeared since `before`; empty unless it is exactly one.
+    std::string newDump(const std::set<std::string>& before) const {
+        std::string found;
+        for (const std::string& name : filesOf("example_")) {
+            if (before.contains(name)) continue;
+            if (!found.empty()) return "";
+            found = name;
+        }
+        return found.empty() ? "" : fileText(logs() + "/" + found);
+    }
+};
+
+TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
+    std::filesystem::create_directories(logs());
+    for (int i = 0; i < 30; ++i) std::ofstream(logs() + "/example_" + std::to_string(i) + ".txt") << "old";
+    startCollector();
+    startService();
+    auto before = filesOf("example_");
+    EXPECT_EQ(before.size(), 20u);
+    service->signal(SIGSEGV);
+    EXPECT_EQ(service->wait(), 1);
+    std::string dump = newDump(before);
+    EXPECT_TRUE(dump.starts_with("Stack Trace with current ThreadID: ")) << dump;
+    EXPECT_NE(dump.find("\nSignal 11, code 0, sent by process " + std::to_string(::getpid()) + ", at 0x"),
+              std::string::npos)
+        << dump;
+    EXPECT_NE(dump.find("] main - 0x"), std::string::npos) << dump;
+    EXPECT_TRUE(service->outputHolds("signal 11, stack trace in " + logs() + "/example_"));
+
+    startService();
+    auto agent = startLoad({"--rate", "50", "--duration", "60"});
+    ASSERT_TRUE(eventually([&] { return summaryOfStreams().transactions > 5; })) << traceText();
+    before = filesOf("example_");
+    ASSERT_EQ(::syscall(SYS_tgkill, service->pid(), newestThread(), SIGBUS), 0);
+    EXPECT_EQ(service->wait(), 1);
+    dump = newDump(before);
+    EXPECT_NE(dump.find("\nSignal 7, code -6"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("_ZN2vx"), std::string::npos) << "no function of ours\n" << dump;
+}
+
+TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
+    std::filesystem::create_directories(logs());
+    std::ofstream(logs() + "/vx_trace_ProxyName_DotNetAgent_20200101000000_9.log_0") << "old";
+    std::ofstream(logs() + "/readme.txt") << "kept";
+    startService("tier=Web\nagentTraceLvl=2\n");
+    EXPECT_TRUE(eventually([&] {
+        return traceText().find("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'") !=
+               std::string::npos;
+    })) << traceText();
+    EXPECT_TRUE(filesOf("vx_trace_ProxyName_DotNetAgent_2020").empty());
+    EXPECT_EQ(filesOf("readme.txt").size(), 1u);
+
+    const auto before = filesOf("");
+    Program::Setup setup;
+    setup.arguments = {programPath("VXProxyService"), "--check-config"};
+    setup.environment = {"VXHOME=" + dir.path()};
+    setup.outputFile = dir.path() + "/check.log";
+    Program bad(setup);
+    EXPECT_EQ(bad.wait(), 2) << bad.output();
+    EXPECT_TRUE(bad.outputHolds("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'"));
+    EXPECT_TRUE(bad.outputHolds("Web  [line 6]")) << bad.output();
+
+    std::ofstream(dir.path() + "/proxy/config/vxsettings.conf") << "vxcHost=127.0.0.1\n";
+    Program good(setup);
+    EXPECT_EQ(good.wait(), 0) << good.output();
+    EXPECT_TRUE(good.outputHolds("Collector: 127.0.0.1:443, protocols WSS")) << good.output();
+    EXPECT_EQ(filesOf(""), before);
+    EXPECT_TRUE(service->running());
+}
+
+}  // namespace
+}  // namespace vx::test
