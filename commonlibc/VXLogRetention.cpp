@@ -73,9 +73,14 @@ std::int64_t dayOfName(const std::string& name, std::size_t& tokens) {
     return whole && stamp.size() == kStampDigits ? number / kTimeOfDay : -1;
 }
 
-bool isCrashDump(const char* name) {
-    const std::string_view text(name);
-    return text.starts_with(kCrashFilePrefix) && text.ends_with(kCrashFileSuffix);
+// Prefix, digits, suffix: what the dump writes, and no note that somebody left beside it.
+bool isCrashDump(std::string_view name) {
+    const std::string_view prefix(kCrashFilePrefix);
+    const std::string_view suffix(kCrashFileSuffix);
+    if (!name.starts_with(prefix) || !name.ends_with(suffix)) return false;
+    if (name.size() <= prefix.size() + suffix.size()) return false;
+    const std::string_view number = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+    return number.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 }  // namespace

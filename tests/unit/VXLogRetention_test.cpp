@@ -91,9 +91,9 @@ TEST_F(LogRetention, KeepsTheNewestCrashDumps) {
         file(name);
         std::filesystem::last_write_time(home() + "/logs/" + name, now - std::chrono::hours(i));
     }
-    file("example_notes.log");
+    file("example_notes.txt");
     vxDropOldCrashDumps((home() + "/logs").c_str(), 2);
-    EXPECT_EQ(left(), (Names{"example_900.txt", "example_899.txt", "example_notes.log"}));
+    EXPECT_EQ(left(), (Names{"example_900.txt", "example_899.txt", "example_notes.txt"}));
     vxDropOldCrashDumps("/no/such/folder", 2);
 }
 
