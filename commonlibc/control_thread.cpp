@@ -211,6 +211,7 @@ Step loopEnded(Cycle& cycle) {
 
 Step running(Cycle& cycle) {
     VXControlState_t& control = cycle.app.control;
+    control.requestType = 0;  // told: a later connect is an ordinary one again
     control.lastHeartBeatTime = vxlb_now_ms();
     const int result = handle_msg_from_vxc_lws(&cycle.info);
     if (control.lateVerdict != 0) return afterVerdict(cycle, control.lateVerdict);

@@ -85,7 +85,6 @@ namespace vx {
     X(proxy_udp_handler, int(vxApplication * app))                                                      \
     X(vxProxyInitLws, void())                                                                           \
     X(processThreadOps, void(VXThreadOpsQueue * queue))                                                 \
-    X(dumpAndSendDataToVXC, bool(const char* data, std::int32_t length))                                \
     X(startMemoryWatch, void())
 
 enum class VXUpcallName : std::size_t {

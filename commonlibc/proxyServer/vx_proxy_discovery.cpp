@@ -25,8 +25,13 @@ constexpr std::size_t kOpeningSize = 2048;
 constexpr std::size_t kAddressSize = 64;
 constexpr const char* kLastPiece = "totalTimeTaken=";
 
-// Until when nobody tries to open a connection, Unix microseconds.
-std::int64_t noTryBeforeUs = 0;
+// When opening a connection last failed, Unix microseconds.
+std::int64_t failedUs = 0;
+
+bool failedJustNow() {
+    const std::int64_t since = vxlb_now_us() - failedUs;
+    return since >= 0 && since < kFailedPauseUs;  // a clock that was set back is no reason to wait
+}
 
 void closeDiscovery(VXDiscoveryState_t& discovery) {
     vxlb_shared_close(discovery.socket);
@@ -51,15 +56,14 @@ int collectorPort(const vxApplication& app) {
 }
 
 bool connectOverTcp(vxApplication& app) {
-    const std::int64_t nowUs = vxlb_now_us();
     char address[kAddressSize];
-    if (nowUs < noTryBeforeUs || !collectorAddress(app, address)) return false;
+    if (failedJustNow() || !collectorAddress(app, address)) return false;
     VXDiscoveryState_t& discovery = app.discovery;
     if (apr_pool_create(&discovery.pool, VXProxy.listenerPool) != APR_SUCCESS) return false;
     apr_socket_t* socket =
         vxlb_create_client_con(address, collectorPort(app), discovery.pool, kOpenTimeUs, nullptr);
     if (!socket) {
-        noTryBeforeUs = nowUs + kFailedPauseUs;
+        failedUs = vxlb_now_us();
         closeDiscovery(discovery);
         return false;
     }
@@ -113,12 +117,11 @@ void vxOpenDiscovery(vxApplication& app) {
 
 VXForwarded vxForwardDiscoveryLine(vxApplication& app, const char* line) {
     if (!app.discovery.socket.get()) return VXForwarded::kNotTaken;
-    const std::size_t length = std::strlen(line);
-    auto* whole = static_cast<char*>(VXLB_MALLOC(length + 1, "discovery line", -1));
+    const std::size_t size = std::strlen(line) + 1;
+    auto* whole = static_cast<char*>(VXLB_MALLOC(size, "discovery line", -1));
     if (!whole) return VXForwarded::kSent;
-    std::memcpy(whole, line, length);
-    whole[length] = '\n';
-    const bool sent = sendToCollector(app, whole, length + 1);
+    VXWriter(whole, size).text(line).endLine();
+    const bool sent = sendToCollector(app, whole, size);
     VXLB_FREE(whole, "discovery line", -1);
     if (sent && std::strstr(line, kLastPiece)) {
         VX_TRACE(1, kControlThread, kInfo, "Sending the method and class counters. %s", line);

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "commonlibc/NIODataDispatcher.h"
 #include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/proxyServer/vx_proxy_discovery.h"
 #include "commonlibc/proxyServer/vx_proxy_files.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registration.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
@@ -73,7 +73,7 @@ bool takeGCDump(AgentLine& line) {
     char* text = line.behindPrefix();
     const std::size_t length = std::strlen(text);
     text[length] = '\n';  // in place of the terminator
-    VX_UPCALL(dumpAndSendDataToVXC, text, static_cast<std::int32_t>(length + 1));
+    dumpASData(text, static_cast<std::int64_t>(length) + 1);
     text[length] = '\0';
     return true;
 }

@@ -27,7 +27,6 @@ const std::set<std::string> kStillEmpty = {
     "digestAddBackend",
     "digestAddBt",
     "dropResetQueueOfInstance",
-    "dumpAndSendDataToVXC",
     "freeTagHashLists",
     "freeUDPConnections",
     "getBTHeader",

@@ -9,6 +9,7 @@
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/vxlb_sock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -104,6 +105,18 @@ TEST_F(Discovery, WithoutAControlConnectionNobodyIsAsked) {
     EXPECT_FALSE(isOpen());
     EXPECT_FALSE(list.refused());
     EXPECT_FALSE(collector.accept(0));
+}
+
+TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinute) {
+    FakeClock clock;
+    setPrimaryVXC("127.0.0.1", 1);  // nobody listens there
+    discovery();
+    setPrimaryVXC("127.0.0.1", collector.port());
+    discovery();
+    EXPECT_FALSE(isOpen());
+    clock.advanceMs(30000);
+    discovery();
+    EXPECT_TRUE(isOpen());
 }
 
 TEST_F(Discovery, ACollectorThatNeverReadsCostsTwoSecondsAndTheListIsGivenUp) {

@@ -109,15 +109,13 @@ TEST_F(ReadTest, TheLongestLineHas131071BytesWithItsNewline) {
     EXPECT_EQ(readLines(agent), kReadClosed);
 }
 
-TEST_F(ReadTest, AGarbageDumpGoesOutWithItsNewline) {
-    static std::string sent;
-    vxUpcalls.dumpAndSendDataToVXC = [](const char* data, std::int32_t length) {
-        sent.assign(data, static_cast<std::size_t>(length));
-        return true;
-    };
+TEST_F(ReadTest, AGarbageDumpGoesToTheAutoSensorChannelWithItsNewline) {
+    instance().Server.testRunRunning = 1;
     agent.peer.send("auto_sensor_GCDump:heap=5\n");
     readLines(agent);
-    EXPECT_EQ(sent, "heap=5\n");
+    const VXBufferNode* node = instance().autoSensor.chain.writeListHead;
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(std::string(node->buffer, static_cast<std::size_t>(node->use_len)), "heap=5\n");
 }
 
 TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegisters) {

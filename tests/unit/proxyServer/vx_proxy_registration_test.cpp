@@ -98,15 +98,11 @@ TEST_F(RegistrationTest, ALaterProcessGetsWhatItHasMissed) {
     Agent late = process(101);
     EXPECT_EQ(late.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=1");
     EXPECT_EQ(late.peer.readLine(1), "vx_control_req:action=start_instrumentation;a=1;");
+    instance().Server.instrumentationStarted = 0;
+    Agent later = process(102);
+    EXPECT_EQ(later.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=2");
+    EXPECT_EQ(later.peer.readLine(0), kNoLine) << "a start that is not over reaches it by the relay";
     EXPECT_EQ(controlThreads, 1) << "the instance has one already";
-}
-
-TEST_F(RegistrationTest, TheStoredLineStaysWhereInstrumentationHasNotStarted) {
-    process(100);
-    collectorAnswered(false);
-    Agent late = process(101);
-    EXPECT_EQ(late.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=1");
-    EXPECT_EQ(late.peer.readLine(0), kNoLine);
 }
 
 TEST_F(RegistrationTest, AProcessThatComesAgainKeepsItsPlaceAndLosesItsOldConnection) {
@@ -120,15 +116,6 @@ TEST_F(RegistrationTest, AProcessThatComesAgainKeepsItsPlaceAndLosesItsOldConnec
     EXPECT_EQ(instance().identity.numProcess, 1);
     EXPECT_EQ(instance().identity.activeProcesses, 1);
     EXPECT_FALSE(data.refused()) << "the other connections of the process stay";
-}
-
-TEST_F(RegistrationTest, TheFirstFreePlaceIsTakenBeforeANewOne) {
-    const Agent agents[] = {process(100), process(101), process(102)};
-    closeAllConnectionsOfProcess(1, 1);
-    Agent next = process(200);
-    EXPECT_EQ(next.address->procIndex, 1);
-    EXPECT_EQ(instance().identity.numProcess, 3);
-    EXPECT_EQ(pidOf(1), 200);
 }
 
 TEST_F(RegistrationTest, The491stProcessFindsRoomForAThousand) {

@@ -35,27 +35,6 @@ TEST_F(Registry, The33rdContextMakesBothTables48SlotsWide) {
     for (std::int32_t i = 1; i < kInstanceTableStart; ++i) VXProxyInstance.load()[i] = nullptr;
 }
 
-TEST_F(Registry, TheTableOfProcessesGrowsTenRecordsBeforeItIsFull) {
-    vxApplication& made = *makeInstance(1);
-    const processInfo_t* first = processAt(made, 0);
-    struct Step {
-        std::int32_t used, capacity;
-    };
-    for (const Step& step : {Step{0, 500}, {489, 500}, {490, 1000}, {490, 1000}, {500, 1000}, {990, 1500}}) {
-        made.identity.numProcess = step.used;
-        EXPECT_TRUE(vxGrowProcessTable(made));
-        EXPECT_EQ(made.identity.processCapacity, step.capacity) << step.used << " in use";
-        EXPECT_EQ(processAt(made, 0), first) << "records do not move";
-    }
-}
-
-TEST_F(Registry, RecordsEndWithTheTable) {
-    vxApplication& made = *makeInstance(1);
-    EXPECT_NE(vxProcessRecord(made, 499), nullptr);
-    EXPECT_EQ(vxProcessRecord(made, 500), nullptr);
-    EXPECT_EQ(vxProcessRecord(made, -1), nullptr);
-}
-
 TEST_F(Registry, ClosesThreeConnectionsOfAProcessAndLeavesDiscovery) {
     vxApplication& made = *makeInstance(1);
     made.identity.numProcess = 1;
@@ -75,18 +54,6 @@ TEST_F(Registry, ClosesThreeConnectionsOfAProcessAndLeavesDiscovery) {
     EXPECT_EQ(VXProxy.polledSockets, 1);
 }
 
-TEST_F(Registry, ASecondSocketOfAKindReplacesTheFirst) {
-    processInfo_t& record = *vxProcessRecord(*makeInstance(1), 0);
-    Agent former = connect(), later = connect();
-    vxAttachSocket(record, VXConnection::kData, former.socket);
-    addSocketInEpoll(former.socket, record.epollPtr);
-    vxAttachSocket(record, VXConnection::kData, later.socket);
-    EXPECT_TRUE(former.refused());
-    EXPECT_EQ(vxConnectionOf(record, later.socket), VXConnection::kData);
-    EXPECT_EQ(vxConnectionOf(record, former.socket), VXConnection::kCount);
-    EXPECT_EQ(VXProxy.polledSockets, 0);
-}
-
 TEST_F(Registry, TheEndOfTheProcessPassesOverInstancesWhoseThreadsRun) {
     vxApplication &ended = *makeInstance(1), &running = *makeInstance(2);
     VXProxy.numInstance = 3;
@@ -94,13 +61,6 @@ TEST_F(Registry, TheEndOfTheProcessPassesOverInstancesWhoseThreadsRun) {
     proxyMemClean();
     EXPECT_EQ(ended.identity.tierName, nullptr);
     EXPECT_NE(running.identity.tierName, nullptr);
-}
-
-TEST_F(Registry, AFullPollsetRefusesAndCounts) {
-    VXProxy.polledSockets = kPollsetSize;
-    Agent agent = connect();
-    EXPECT_FALSE(addSocketInEpoll(agent.socket, &vxUnidentified));
-    EXPECT_EQ(VXProxy.socketsRefused, 1u);
 }
 
 }  // namespace

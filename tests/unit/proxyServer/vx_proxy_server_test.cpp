@@ -113,15 +113,29 @@ TEST_F(Listener, SurvivesWhateverConnectionsSendAndHowTheyEnd) {
     startListening();
     const FakePeer first = agent(1);
     std::mt19937 draw(4711);
-    const char* beginnings[] = {"", "vx_ctrl_msg_req:", "vx_data_msg_req:", "agent_post_data_req:",
-                                "auto_sensor_thread_hotspot_data_req:"};
+    const std::string known = line("vx_ctrl_msg_req:", 1);
+    const std::string beginnings[] = {
+        "",
+        "vx_ctrl_msg_req:",
+        "vx_data_msg_req:",
+        "agent_post_data_req:",
+        "auto_sensor_thread_hotspot_data_req:",
+        known + "vx_control_req:action=send_file;keyword=../",
+        known + "vx_control_req:action=send_instrumentation_profile;instrProfile=",
+        known + "thread_dump:$",
+        known + "auto_sensor_GCDump:",
+        known + std::string(140000, 'x')};
     for (int round = 0; round < 300; ++round) {
         FakePeer peer = connect();
-        std::string bytes = beginnings[draw() % 5];
+        std::string bytes = beginnings[draw() % std::size(beginnings)];
         for (auto i = draw() % 200; i > 0; --i) bytes += static_cast<char>(draw() % 256);
         if (draw() % 2) bytes += line(";", static_cast<int>(draw() % 5));
         if (draw() % 2) bytes += "^" + std::string(draw() % 50, '\x0c');
-        peer.send(bytes);
+        if (draw() % 8 == 0)  // a byte at a time
+            for (std::size_t i = 0; i < bytes.size() && i < 100 && peer.send(bytes.substr(i, 1)); ++i)
+                continue;
+        else
+            peer.send(bytes);
         if (draw() % 3 == 0) peer.reset();
     }
     EXPECT_TRUE(serves());
