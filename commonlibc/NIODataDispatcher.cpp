@@ -43,47 +43,50 @@ int growChain(vxApplication& app) {
     return added == wanted ? kChainGrown : kNoMemory;
 }
 
-int dropped(vxApplication& app, const char* data, std::int64_t length) {
-    vxCountRefused(app.autoSensor.chain, data, length);
-    const std::uint32_t drops = app.VXSys.dataDropCount.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (drops % kDropsPerLine == 0)
-        VX_TRACE(1, kControlThread, kWarning,
-                 "VXDataDispatcher - dumpData(): Warning - No space left in buffer orthread is not "
-                 "initialized for sending data");
-    return 1;
-}
-
 // Room was missing: one more step of nodes, and a second attempt.
-int dumpIntoGrown(vxApplication& app, const char* data, std::int64_t length) {
+int appendToGrown(vxApplication& app, const char* data, std::int64_t length) {
     switch (growChain(app)) {
         case kNoMemory:
             VX_TRACE(1, kControlThread, kError, "Error in buff_list_init_as");
-            return dropped(app, data, length);
+            return kChainDropped;
         case kNoMoreBuffers:
             VX_TRACE(2, kControlThread, kInfo,
                      "Auto sensor buffers are full. Max buffers: %d used buffers: %d",
                      settingOr(app.VXSys.ASDataBufferMaxCount, kDefaultMaxCount), app.autoSensor.curBuffers);
-            return dropped(app, data, length);
+            return kChainDropped;
         default:
-            break;
+            return addDataInASSendBuffer(data, length);
     }
-    if (addDataInASSendBuffer(data, length) < 0) return dropped(app, data, length);
-    vxCountAccepted(app.autoSensor.chain, data, length);
-    return 0;
 }
 
 }  // namespace
 
 int dumpASData(const char* data, std::int64_t length) {
+    if (vxTryDumpAS(data, length) == 0) return 0;
+    vxRefuseAS(data, length);
+    return 1;
+}
+
+int vxTryDumpAS(const char* data, std::int64_t length) {
     vxApplication* app = vxCurrent();
-    if (!app || !data || length <= 0 || !runWanted(*app)) return 1;
+    if (!app || !data || length <= 0 || !runWanted(*app)) return kChainDropped;
     VXBufferChain& chain = app->autoSensor.chain;
     const VXGuard lock(chain.dumpMutex);
-    const int code = addDataInASSendBuffer(data, length);
-    if (code == kChainCut) return dropped(*app, data, length);  // its beginning is stored: no second attempt
-    if (code < 0) return dumpIntoGrown(*app, data, length);
-    vxCountAccepted(chain, data, length);
-    return 0;
+    int code = addDataInASSendBuffer(data, length);
+    if (code < 0 && code != kChainCut) code = appendToGrown(*app, data, length);
+    if (code == 0) vxCountAccepted(chain, data, length);
+    return code;
+}
+
+void vxRefuseAS(const char* data, std::int64_t length) {
+    vxApplication* app = vxCurrent();
+    if (!app || !data || length <= 0 || !runWanted(*app)) return;
+    vxCountRefused(app->autoSensor.chain, data, length);
+    const std::uint32_t drops = app->VXSys.dataDropCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (drops % kDropsPerLine == 0)
+        VX_TRACE(1, kControlThread, kWarning,
+                 "VXDataDispatcher - dumpData(): Warning - No space left in buffer orthread is not "
+                 "initialized for sending data");
 }
 
 int addDataInASSendBuffer(const char* data, std::int64_t length) {

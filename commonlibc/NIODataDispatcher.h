@@ -20,6 +20,11 @@ namespace vx {
 // The one entry for producers: any bytes that end in a newline. 0 copied; 1 dropped (no room and no more
 // buffers, no data, no run).
 int dumpASData(const char* data, std::int64_t length);
+// The same in two halves, for a caller that can make room: 0 copied and counted, below 0 a code of
+// VXDataDispatcher.h (kChainCut: its beginning is stored, no second attempt); and the count of a record that
+// is given up.
+int vxTryDumpAS(const char* data, std::int64_t length);
+void vxRefuseAS(const char* data, std::int64_t length);
 // Copies into the node being written; dumpMutex held, nothing counted. 0 or a code of VXDataDispatcher.h.
 int addDataInASSendBuffer(const char* data, std::int64_t length);
 // Makes sure that there is a node to write: 0 when there is one, 1 without memory, 2 when no more are

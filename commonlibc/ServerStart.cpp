@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "commonlibc/NIOThread.h"
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXDataThread.h"
@@ -38,7 +39,8 @@ constexpr int kShutdownAtStep = 500;  // 5 s, then their sockets are shut down
 // A collector that repeats its start does no harm.
 bool alreadyRuns(const vxApplication& app) {
     return app.data.data_thread_running && app.autoSensor.autoSensor_thread_running &&
-           app.Server.testRunRunning && app.data.dataSocket.get() && app.autoSensor.asSocket.get();
+           app.Server.testRunRunning && (app.data.dataSocket.get() || app.data.dataWsi.load()) &&
+           (app.autoSensor.asSocket.get() || app.autoSensor.asWsi.load());
 }
 
 void storeStartLine(vxApplication& app, const char* line) {
@@ -55,12 +57,12 @@ bool threadsOfRunStand(const vxApplication& app) {
 // True once no thread of the former run stands.
 bool formerRunEnded(vxApplication& app) {
     app.Server.testRunRunning = 0;
-    VX_UPCALL(setToStopThread, 1);
+    setToStopThread(1);
     for (int step = 0; threadsOfRunStand(app); ++step) {
         if (step == kWaitSteps || app.control.proxyStopRequested || proxyStopFlag) return false;
         if (step == kShutdownAtStep) {
             vxlb_shared_shutdown(app.data.dataSocket);
-            vxlb_shared_shutdown(app.autoSensor.asSocket);
+            stopNIO();
         }
         vxlb_sleep_us(kWaitStepUs);
     }
@@ -162,7 +164,7 @@ void clearEndOfRun(vxApplication& app) {
     server.tenRecordWritten = 0;
     server.stopWaiting = 0;
     app.control.controlConnClosed = 0;
-    app.autoSensor.asStopFlag = 0;
+    setToStopThread(0);
     app.data.lastDataHeartbeatTime = 0;
 }
 
@@ -170,8 +172,8 @@ void startThreads(vxApplication& app) {
     clearEndOfRun(app);
     app.Server.testRunRunning = 1;
     check_data_thread();
-    VX_UPCALL(ASNioInit);
-    VX_UPCALL(create_autoSensor_thread);
+    ASNioInit();
+    create_autoSensor_thread();
     VX_UPCALL(check_captureAppLog_thread);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "commonlibc/NIOThread.h"
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXDataDispatcher.h"
@@ -72,7 +73,7 @@ void handleStoppingCaseAtStopInstrumentCase() {
     server.stopping = 1;  // no new transaction from here on
     dumpFpFromBusyList();
     dumpNdDataOverRecord();
-    VX_UPCALL(setToStopThread, 1);
+    setToStopThread(1);
     server.testRunRunning = 0;
     server.bciDataRunning = 0;
     server.asDataRunning = 0;

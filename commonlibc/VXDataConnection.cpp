@@ -1,14 +1,16 @@
 #include "commonlibc/VXDataConnection.h"
 
-#include <apr_network_io.h>
-
+#include <algorithm>
 #include <cstring>
 
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXConnectMessages.h"
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXDataLink.h"
+#include "commonlibc/VXDataSender.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
@@ -19,42 +21,75 @@ namespace vx {
 
 namespace {
 
-constexpr std::int64_t kConnectTimeUs = 10000000;
 constexpr std::int64_t kSendTimeUs = 1000000;
+constexpr std::int64_t kSettleTimeUs = 300000;  // for what is on its way when a connection is closed
 constexpr std::size_t kNewConnectionSize = 1024;
 constexpr std::size_t kTextRecordSize = 5120;
 
-void destroyConnectionPool(VXDataState_t& data) {
-    if (data.connectionPool) apr_pool_destroy(data.connectionPool);
-    data.connectionPool = nullptr;
+VXDataLink linkOf(VXDataState_t& data) {
+    return {data.dataSocket, data.connectionPool, data.dataPool};
 }
 
-bool connectOverTcp(vxApplication& app, const VXCollectorRecord& collector, char* error) {
-    if (!collector.host[0] || collector.port < 1) return false;
-    VXDataState_t& data = app.data;
-    destroyConnectionPool(data);
-    if (apr_pool_create(&data.connectionPool, data.dataPool) != APR_SUCCESS) return false;
-    apr_socket_t* socket =
-        vxlb_create_client_con(collector.host, collector.port, data.connectionPool, kConnectTimeUs, error);
-    if (!socket) {
-        destroyConnectionPool(data);
-        return false;
-    }
-    apr_socket_timeout_set(socket, kSendTimeUs);
-    vxlb_shared_put(data.dataSocket, socket);
-    return true;
+bool overLws(const vxApplication& app) {
+    return app.control.lws_active.load(std::memory_order_acquire) == 1;
 }
 
-bool sendConnectLineOverTcp(VXDataState_t& data, const char* line, std::int32_t length) {
-    char error[kSockErrorSize] = "";
-    apr_socket_t* socket = data.dataSocket.get();
-    if (vxlb_send_n_bytes(socket, line, length, error) < 0) {
-        VX_TRACE(1, kControlThread, kError,
-                 "Unable to send control req message. Going to closing connection");
-        return false;
-    }
-    return vxlb_send_n_bytes(socket, "\n", 1, error) >= 0;
+bool stopSeen() {
+    return dataStopSeen(*vxCurrent());
 }
+
+bool sendDirectly(const char* text, std::int32_t length) {
+    if (overLws(*vxCurrent())) return VX_UPCALL(send_data_via_lws_socket, text, length) == 0;
+    return vxSendAll(vxCurrent()->data.dataSocket.get(), text, length, stopSeen);
+}
+
+// What a connection has to learn goes to it in pieces of this size, past the chain: the chain may be full of
+// older records, and these are understood only behind it.
+constexpr std::int32_t kAnnouncementSize = 65536;
+
+class Announcement {
+public:
+    Announcement()
+        : text_(static_cast<char*>(VXLB_MALLOC(static_cast<std::size_t>(kAnnouncementSize), kName, -1))) {
+        current = this;
+        if (text_)
+            vxDivertRecords([](const char* record, std::int64_t length) { current->take(record, length); });
+    }
+    ~Announcement() {
+        vxDivertRecords(nullptr);
+        VXLB_FREE(text_, kName, -1);
+    }
+    Announcement(const Announcement&) = delete;
+    Announcement& operator=(const Announcement&) = delete;
+
+    // False when the connection did not take everything.
+    bool send() {
+        if (length_ > 0 && !failed_) failed_ = !sendDirectly(text_, length_);
+        length_ = 0;
+        return !failed_;
+    }
+
+private:
+    static constexpr const char* kName = "announcement";
+    static constinit thread_local Announcement* current;
+
+    void take(const char* record, std::int64_t length) {
+        while (length > 0 && !failed_) {
+            const auto part =
+                static_cast<std::int32_t>(std::min<std::int64_t>(length, kAnnouncementSize - length_));
+            std::memcpy(text_ + length_, record, static_cast<std::size_t>(part));
+            length_ += part;
+            record += part;
+            length -= part;
+            if (length_ == kAnnouncementSize) send();
+        }
+    }
+
+    char* text_;
+    std::int32_t length_ = 0;
+    bool failed_ = false;
+};
+constinit thread_local Announcement* Announcement::current = nullptr;
 
 // "%d,%s\n" in a heap buffer.
 void dumpTextRecord(int number, const char* text, const char* allocationName) {
@@ -66,12 +101,10 @@ void dumpTextRecord(int number, const char* text, const char* allocationName) {
     VXLB_FREE(record, allocationName, -1);
 }
 
-void replayIfAsked(vxApplication& app) {
+// `asked`: the collector wants it, whether it was made in this run or not.
+void replayMetadata(vxApplication& app, bool asked) {
     VX_UPCALL(clearBtMetaDataFlags);
-    if (app.data.replayedThisRun && !app.Server.doNotDumpMetaData.load(std::memory_order_acquire)) return;
-    VX_UPCALL(replayMetaData);
-    app.data.replayedThisRun = 1;
-    app.Server.doNotDumpMetaData.store(0, std::memory_order_release);
+    if (!app.data.replayedThisRun || asked) VX_UPCALL(replayMetaData);
 }
 
 }  // namespace
@@ -82,16 +115,16 @@ bool openDataConnection(vxApplication& app) {
              "[VX DR Feature]: DATA THREAD: Active VXC Server Info: [Host | Port] = [%s | %d]",
              collector.host, collector.port);
     char error[kSockErrorSize] = "";
-    const bool overLws = app.control.lws_active.load(std::memory_order_acquire) == 1;
-    const bool connected = overLws ? VX_UPCALL(create_lws_data_connection, collector.host, collector.port)
-                                   : connectOverTcp(app, collector, error);
+    const bool lws = overLws(app);
+    const bool connected = lws ? VX_UPCALL(create_lws_data_connection, collector.host, collector.port)
+                               : vxOpenLink(linkOf(app.data), collector, kSendTimeUs, error);
     if (!connected) {
         VX_TRACE(1, kControlThread, kError, "Error while creating the data connection with %s:%d. Error %s\n",
                  collector.host, collector.port, error);
         return false;
     }
     VX_TRACE(1, kControlThread, kInfo, "Data connection created.");
-    if (!overLws) get_data_ip_and_port();
+    if (!lws) get_data_ip_and_port();
     return true;
 }
 
@@ -103,18 +136,20 @@ void close_data_connection() {
     VX_TRACE(1, kControlThread, kInfo, "Going to close Data connection of %s:%d with %s:%d.\n",
              data.dataConnSourceIP, data.dataConnSourcePort, data.dataConnDestIP, data.dataConnDestPort);
     data.controlCommunicationBusyFlag.store(0, std::memory_order_release);
-    vxlb_shared_close(data.dataSocket);
-    destroyConnectionPool(data);
+    vxCloseLink(linkOf(data), data.chain, std::max(vxlb_now_us() + kSettleTimeUs, data.flushDeadlineUs));
     if (wsi) VX_UPCALL(kill_lws_data_connection, wsi);
 }
 
 bool send_data_con_req_msg_to_vxc() {
-    vxApplication* app = vxCurrent();
+    const vxApplication* app = vxCurrent();
     setControlDataReqMessage();
     const VXBCISetting_t& setting = app->VXBCISetting;
-    if (app->control.lws_active.load(std::memory_order_acquire) == 1)
-        return VX_UPCALL(send_data_via_lws_socket, setting.dataMessage, setting.dataMessageLen) != 0;
-    return !sendConnectLineOverTcp(app->data, setting.dataMessage, setting.dataMessageLen);
+    const bool sent =
+        sendDirectly(setting.dataMessage, setting.dataMessageLen) && (overLws(*app) || sendDirectly("\n", 1));
+    if (!sent)
+        VX_TRACE(1, kControlThread, kError,
+                 "Unable to send control req message. Going to closing connection");
+    return !sent;
 }
 
 void get_data_ip_and_port() {
@@ -125,17 +160,25 @@ void get_data_ip_and_port() {
     get_dst_addr(socket, data.dataConnDestIP, sizeof(data.dataConnDestIP), &data.dataConnDestPort);
 }
 
-void announceDataConnection(vxApplication& app) {
-    if (app.control.lws_active.load(std::memory_order_acquire) == 1) get_data_ip_and_port();
+bool announceDataConnection(vxApplication& app) {
+    if (overLws(app)) get_data_ip_and_port();
     app.VXSys.dataConnState.store(1, std::memory_order_release);
     VX_TRACE(1, kControlThread, kInfo, "Dumped 99 record, skt = %p,proxy flag:%d,and proxy mode:%d",
              static_cast<void*>(app.data.dataSocket.get()), proxyServerFlag.load(std::memory_order_relaxed),
              app.VXSys.proxyMode);
+    // Taken before the replay: an order that comes while it is made is for the next one.
+    const bool asked = app.Server.doNotDumpMetaData.exchange(0, std::memory_order_acq_rel) != 0;
+    Announcement announcement;
     dumpNewConnectionRecord();
-    replayIfAsked(app);
-    if (!vx_word_get(app.VXSys.sendTagRecords)) return;
-    tag_record();
-    attr_record();
+    replayMetadata(app, asked);
+    if (vx_word_get(app.VXSys.sendTagRecords)) {
+        tag_record();
+        attr_record();
+    }
+    const bool sent = announcement.send();
+    if (sent) app.data.replayedThisRun = 1;
+    if (!sent && asked) app.Server.doNotDumpMetaData.store(1, std::memory_order_release);
+    return sent;
 }
 
 void dumpNewConnectionRecord() {

@@ -18,6 +18,8 @@ namespace {
 constexpr std::uint32_t kDropsPerLine = 1000;
 constexpr std::size_t kAllocationNameSize = 48;
 
+constinit thread_local VXRecordTaker recordTaker = nullptr;
+
 std::uint64_t linesIn(const char* data, std::size_t length) {
     std::uint64_t lines = 0;
     const char* const end = data + length;
@@ -156,6 +158,7 @@ void dumpData(const char* buffer, std::int64_t length) {
         VX_TRACE(4, kControlThread, kInfo, "data is null or zero length");
         return;
     }
+    if (recordTaker) return recordTaker(buffer, length);
     VXBufferChain& chain = app->data.chain;
     VXGuard lock(chain.dumpMutex);
     const int code = addDataInSendBuffer(chain, buffer, length);
@@ -165,6 +168,10 @@ void dumpData(const char* buffer, std::int64_t length) {
     }
     vxCountRefused(chain, buffer, length);
     traceDrop(chain, app->VXSys.dataDropCount.load(std::memory_order_relaxed), code);
+}
+
+void vxDivertRecords(VXRecordTaker taker) {
+    recordTaker = taker;
 }
 
 int addDataInSendBuffer(VXBufferChain& chain, const char* buffer, std::int64_t length) {
@@ -323,6 +330,8 @@ void vxFreeChain(VXBufferChain& chain) {
     chain.VXBCIAgentBB.store(nullptr);
     chain.VXCollectorBB.store(nullptr);
     chain.readListSize = chain.writeListSize = 0;
+    chain.heldBytes = 0;
+    chain.headIsTorn = chain.passOver = 0;
 }
 
 }  // namespace vx

@@ -31,13 +31,17 @@ inline constexpr int kChainNoBuffers = -99;  // the chain has no nodes
 // The one entry for producers: takes any bytes; callers format whole records ending in a newline. Discards
 // everything, uncounted, while neither testRunRunning nor draining is set.
 void dumpData(const char* buffer, std::int64_t length);
+// While a taker is set, dumpData hands the records of this thread to it instead of the chain, uncounted: what
+// a new connection has to learn goes out in front of everything that waits. Null ends it.
+using VXRecordTaker = void (*)(const char* record, std::int64_t length);
+void vxDivertRecords(VXRecordTaker taker);
 // Copies a record of at least 1 byte; dumpMutex held. 0 or a code above.
 int addDataInSendBuffer(VXBufferChain& chain, const char* buffer, std::int64_t length);
 // The same without any count.
 int vxAppendToChain(VXBufferChain& chain, const char* data, std::int64_t length);
-// Counts what one call brought, once it is known whether the chain took it (dumpMutex held).
-void vxCountAccepted(VXBufferChain& chain, const char* data, std::int64_t length);
-void vxCountRefused(VXBufferChain& chain, const char* data, std::int64_t length);
+// Counts what one call brought, once it is known whether the chain took it.
+void vxCountAccepted(VXBufferChain& chain, const char* data, std::int64_t length);  // dumpMutex held
+void vxCountRefused(VXBufferChain& chain, const char* data, std::int64_t length);   // any thread
 // Moves the node being written behind the nodes that wait to be sent (producers' side, dumpMutex held).
 void moveToReadList(VXBufferChain& chain);
 // Moves the node being sent to the free nodes, next in turn (sender's side); the caller has emptied it.

@@ -1,13 +1,9 @@
 #include "commonlibc/VXDataSender.h"
 
-#include <apr_errno.h>
-#include <apr_network_io.h>
-
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
-#include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
@@ -24,30 +20,8 @@ bool runFlagsSet(const vxApplication& app) {
            app.Server.bciDataRunning.load(std::memory_order_acquire);
 }
 
-VXBufferNode* nodeToSend(const vxApplication& app) {
-    return app.data.chain.VXCollectorBB.load(std::memory_order_acquire);
-}
-
-void giveBack(vxApplication& app, VXBufferNode& node) {
-    node.use_len = 0;
-    node.offset = 0;
-    moveToWriteList(app.data.chain);
-}
-
-// One send of what is left of a node. kSendDone when bytes were taken.
-int sendSome(apr_socket_t* socket, VXBufferNode& node) {
-    apr_size_t count = static_cast<apr_size_t>(node.use_len - node.offset);
-    const apr_status_t status = apr_socket_send(socket, node.buffer + node.offset, &count);
-    if (status != APR_SUCCESS && vx_platform_connection_lost(status)) {
-        char error[kSockErrorSize];
-        VX_TRACE(1, kControlThread, kError, "Error = %s, dataLen = %d",
-                 apr_strerror(status, error, sizeof(error)), node.use_len - node.offset);
-        node.offset += static_cast<std::int32_t>(count);
-        return kSendLost;
-    }
-    if (count == 0) return kSendNoBytes;
-    node.offset += static_cast<std::int32_t>(count);
-    return kSendDone;
+int sendOverLws(const char* data, std::int32_t length) {
+    return VX_UPCALL(send_data_via_lws_socket, data, length);
 }
 
 bool controlLinkGone(const vxApplication& app) {
@@ -100,30 +74,14 @@ int dataConnService(int checkStop) {
 
 int processData(int checkStop) {
     vxApplication& app = *vxCurrent();
-    apr_socket_t* socket = app.data.dataSocket.get();
-    if (!socket) return kSendLost;
-    while (VXBufferNode* node = nodeToSend(app)) {
-        while (node->use_len - node->offset > 0) {
-            if (const int result = sendSome(socket, *node)) return result;
-            // Between two sends of one node, so that a stop need not wait for a slow peer.
-            if (checkStop && checkAndStopThread()) return kThreadEnds;
-        }
-        giveBack(app, *node);
-    }
-    return kSendDone;
+    return vxSendChain(app.data.chain, app.data.dataSocket.get(), checkStop ? checkAndStopThread : nullptr);
 }
 
 int processDataLws([[maybe_unused]] int checkStop) {
     vxApplication& app = *vxCurrent();
     if (!app.data.dataWsi.load(std::memory_order_acquire)) return kSendLost;
-    while (VXBufferNode* node = nodeToSend(app)) {
-        const std::int32_t length = node->use_len - node->offset;
-        if (length > 0) {
-            const int failed = VX_UPCALL(send_data_via_lws_socket, node->buffer + node->offset, length);
-            node->offset += length;
-            if (failed) return kSendLost;
-        }
-        giveBack(app, *node);
+    while (VXBufferNode* node = vxNodeToSend(app.data.chain)) {
+        if (!vxSendWhole(app.data.chain, *node, sendOverLws)) return kSendLost;
         if (!app.data.flushing && checkBehindLwsSend(app)) return kThreadEnds;
     }
     return kSendDone;

@@ -2,24 +2,20 @@
 //
 // Limits    A send takes at most 1 s. flushCommonData() ends at the first send that took no bytes once a stop
 //           is asked for and 5 s have passed since the thread first saw it; a service stop has 2 s.
-// Errors    The codes below. A lost connection leaves node and offset: the rest goes out on the next one.
+// Errors    The codes of VXDataTransfer.h.
 // Threads   The data thread; all on the current context.
 #pragma once
 
+#include "commonlibc/VXDataTransfer.h"
 #include "commonlibc/context/vx_application.h"
 
 namespace vx {
 
-inline constexpr int kSendLost = -1;    // connection unusable
-inline constexpr int kSendDone = 0;     // nothing left to send
-inline constexpr int kSendNoBytes = 1;  // the socket took no bytes; try again
-inline constexpr int kThreadEnds = 2;   // the run's end has been written: return up to the thread's body
-
-// Sends what the read list holds. One of the codes above; kThreadEnds only with `checkStop` 1, or over
+// Sends what the read list holds. One of those codes; kThreadEnds only with `checkStop` 1, or over
 // libwebsockets.
 int dataConnService(int checkStop);
 int processData(int checkStop);     // TCP
-int processDataLws(int checkStop);  // libwebsockets; bytes of a failed send count as sent
+int processDataLws(int checkStop);  // libwebsockets; bytes of a failed send count as sent, and as lost
 // A last attempt to drain; does nothing off the data thread and is not re-entered.
 void flushCommonData();
 // 0 to go on. Otherwise the run's end has been written (incomplete flowpaths, the 10 record once per stop,

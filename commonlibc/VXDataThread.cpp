@@ -3,6 +3,7 @@
 #include <apr_errno.h>
 
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXLosses.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
@@ -71,9 +72,17 @@ DataState announcingFailed(vxApplication& app) {
     return pauseBeforeRetry(app);
 }
 
+DataState connectionBroken(const vxApplication& app, int result) {
+    VX_TRACE(1, kControlThread, kInfo,
+             "dataConnectionBreak Data due to vxApplication->VXSys.dataConnState == 0 rv=%d", result);
+    if (mustGo(app)) return DataState::kGone;
+    close_data_connection();
+    return DataState::kWaiting;
+}
+
 DataState announcing(vxApplication& app) {
     if (send_data_con_req_msg_to_vxc()) return announcingFailed(app);
-    announceDataConnection(app);
+    if (!announceDataConnection(app)) return connectionBroken(app, kSendLost);
     app.data.dataConnFailCount.store(0, std::memory_order_relaxed);
     return checkAndStopThread() ? DataState::kGone : DataState::kRunning;
 }
@@ -100,14 +109,6 @@ int sendUntilEmpty(const vxApplication& app) {
         result = dataConnService(1);
     }
     return result;
-}
-
-DataState connectionBroken(const vxApplication& app, int result) {
-    VX_TRACE(1, kControlThread, kInfo,
-             "dataConnectionBreak Data due to vxApplication->VXSys.dataConnState == 0 rv=%d", result);
-    if (mustGo(app)) return DataState::kGone;
-    close_data_connection();
-    return DataState::kWaiting;
 }
 
 // The send loop. What was written during a tick goes out at its end, whether the node is full or not.
@@ -150,7 +151,7 @@ DataState nextState(DataState state, vxApplication& app) {
     }
 }
 
-// The last word written is data_thread_running: whoever sees it cleared may start the next thread.
+// Whoever sees data_thread_running cleared may start the next thread, which joins this one first.
 void clean_data_thread(vxApplication& app) {
     VXDataState_t& data = app.data;
     VX_TRACE(1, kControlThread, kInfo,
@@ -158,24 +159,22 @@ void clean_data_thread(vxApplication& app) {
              data.dataConnSourceIP, data.dataConnSourcePort, data.dataConnDestIP, data.dataConnDestPort);
     close_data_connection();
     VX_TRACE(1, kControlThread, kInfo, "Closing Data thread.");
+    vxDiscardChain(data.chain);
     data.dataThreadOsId.store(0, std::memory_order_relaxed);
-    data.data_thread_running.store(0, std::memory_order_release);
+    data.data_thread_running.store(0);
+    vxLossesAtThreadEnd(app);
 }
 
 apr_status_t launch(vxApplication& app) {
     VXDataState_t& data = app.data;
     if (!data.dataPool && apr_pool_create(&data.dataPool, app.pool) != APR_SUCCESS) return APR_ENOPOOL;
     vxJoinDataThread(app);
-    if (apr_pool_create(&data.threadPool, data.dataPool) != APR_SUCCESS) return APR_ENOPOOL;
     // Set before the thread exists: it may end, and clear them, before its creator goes on.
     data.data_thread_running.store(1, std::memory_order_release);
     data.controlCommunicationBusyFlag.store(1, std::memory_order_release);
-    apr_threadattr_t* attributes = nullptr;
-    apr_status_t status = apr_threadattr_create(&attributes, data.threadPool);
-    if (status == APR_SUCCESS)
-        status = vxlb_thread_create(&data.dataThread, attributes, start_data_thread, &app, data.threadPool);
+    const apr_status_t status =
+        vxlb_thread_start(data.dataThread, data.threadPool, data.dataPool, start_data_thread, &app);
     if (status != APR_SUCCESS) {
-        data.dataThread = nullptr;
         data.controlCommunicationBusyFlag.store(0, std::memory_order_release);
         data.data_thread_running.store(0, std::memory_order_release);
     }
@@ -185,12 +184,7 @@ apr_status_t launch(vxApplication& app) {
 }  // namespace
 
 void vxJoinDataThread(vxApplication& app) {
-    VXDataState_t& data = app.data;
-    apr_status_t result = APR_SUCCESS;
-    if (data.dataThread) apr_thread_join(&result, data.dataThread);
-    data.dataThread = nullptr;
-    if (data.threadPool) apr_pool_destroy(data.threadPool);
-    data.threadPool = nullptr;
+    vxlb_thread_join(app.data.dataThread, app.data.threadPool);
 }
 
 int check_data_thread() {
@@ -243,7 +237,9 @@ bool vxDataThreadsDrained() {
     const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
     for (std::int32_t i = 0; i < count; ++i) {
         const vxApplication* app = instanceAt(i);
-        if (app && app->data.data_thread_running.load(std::memory_order_acquire)) return false;
+        if (app && (app->data.data_thread_running.load(std::memory_order_acquire) ||
+                    app->autoSensor.autoSensor_thread_running.load(std::memory_order_acquire)))
+            return false;
     }
     return true;
 }

@@ -13,8 +13,9 @@
 //           vxDataThreadsDrained(), end the process. Each data thread then hands what its chain holds to its
 //           connection for at most 2 s, without a 10 record, and ends; one that is connecting or waiting just
 //           ends.
-// Lifetime  Detached. Its pools are remade by each start and each connect attempt: nothing grows.
-// Threads   check_data_thread, free_agent_data: the control thread. vxDataThreadsDrained: any. Everything
+// Lifetime  Joined by the next start. Its pools are remade by each start and each connect attempt: nothing
+// grows. Threads   check_data_thread, free_agent_data: the control thread. vxDataThreadsDrained: any.
+// Everything
 //           else: the data thread itself.
 #pragma once
 
@@ -35,7 +36,7 @@ void* start_data_thread(apr_thread_t* thread, void* application);  // APR_THREAD
 // Monitor data, tags and settings back to their defaults; passes over what does not exist yet. Only while no
 // data thread of the current context runs.
 void free_agent_data();
-// True when no instance has a data thread any more.
+// True when no instance has a data or an auto-sensor thread any more.
 bool vxDataThreadsDrained();
 
 }  // namespace vx

@@ -34,6 +34,10 @@ namespace vx {
     X(create_lws_data_connection, bool(const char* host, int port))                                     \
     X(send_data_via_lws_socket, int(const char* data, std::int32_t length))                             \
     X(kill_lws_data_connection, void(void* wsi))                                                        \
+    /* from the auto-sensor channel */                                                                  \
+    X(create_lws_as_connection, bool(const char* host, int port))                                       \
+    X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
+    X(kill_lws_as_connection, void(void* wsi))                                                          \
     /* from business transactions, methods and monitors */                                              \
     X(vxbt_read_rule_file, int(const char* pathOrText))                                                 \
     X(vxbt_read_threshold_file, int(const char* pathOrText))                                            \
@@ -54,9 +58,6 @@ namespace vx {
     X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     /* from the collector link */                                                                       \
-    X(ASNioInit, void())                                                                                \
-    X(create_autoSensor_thread, int())                                                                  \
-    X(setToStopThread, void(int stop))                                                                  \
     X(check_captureAppLog_thread, int())                                                                \
     X(VXThreadMonitorInit, void())                                                                      \
     X(VXExceptionMonitorInit, void())                                                                   \

@@ -54,6 +54,7 @@ Step takeFrame(Cursor& at, int singleRecord, const char* fpKey) {
     const std::int32_t headerLength = at.bytes.i32At(1), total = at.bytes.i32At(5), type = at.bytes.i32At(9);
     if (headerLength != kHeaderLength || std::int64_t{total} + 2 < kMinTotalPlusTwo) {
         traceCorrupt(1, at);
+        vxCountRefusedMessage();
         at.skip(2, 2);
         return Step::kGoOn;
     }
@@ -64,6 +65,7 @@ Step takeFrame(Cursor& at, int singleRecord, const char* fpKey) {
         return Step::kPartial;
     }
     if (at.bytes.u8At(static_cast<std::size_t>(total) - 1) != kEndMark) {
+        vxCountRefusedMessage();
         at.skipCorruptFrame();
         return Step::kGoOn;
     }
@@ -109,7 +111,8 @@ Step takeNext(Cursor& at, int singleRecord, const char* fpKey) {
 void keepPartial(VXDecoderState_t& decoder, const Cursor& at, bool partial) {
     decoder.partialLength = 0;
     decoder.partialBuffer[0] = '\0';
-    if (!partial || at.left < 1 || at.left >= kPartialSize) return;
+    if (!partial || at.left < 1) return;
+    if (at.left >= kPartialSize) return vxCountRefusedMessage();
     const auto length = std::min(static_cast<std::int32_t>(at.bytes.size()), at.left);
     std::memcpy(decoder.partialBuffer, at.bytes.data(), static_cast<std::size_t>(length));
     decoder.partialBuffer[length] = '\0';

@@ -11,7 +11,8 @@
 // decoder.partialBuffer in front of the bytes it reads and empties it. A tail of 10,240 bytes or more is
 // dropped.
 //
-// Errors    None: a corrupt frame is skipped, and what came of it stands in the trace log.
+// Errors    None: a corrupt frame is skipped, and what came of it stands in the trace log. Each frame that is
+//           not accepted counts in decoder.messagesRefused, noise between frames does not.
 // Threads   The thread that serves the instance; takes the decode lock of the current context.
 #pragma once
 

@@ -41,12 +41,16 @@ struct Message {
     long long instance() const { return flowpathInstance; }
 };
 
-// The slot of the message's flowpath, which has been active now; null when it is not there.
+// The slot of the message's flowpath, which has been active now; null, and the message counts as refused,
+// when it is not there.
 vxTD* findSlot(const Message& message) {
     vxTD* slot = vxFindSlot(message.key, message.keyLength);
-    if (slot)
-        slot->lastActivityTime.store(vxRelativeMs(message.app, message.app.decoder.readTimeUs),
-                                     std::memory_order_relaxed);
+    if (!slot) {
+        vxCountRefusedMessage();
+        return nullptr;
+    }
+    slot->lastActivityTime.store(vxRelativeMs(message.app, message.app.decoder.readTimeUs),
+                                 std::memory_order_relaxed);
     return slot;
 }
 
@@ -126,6 +130,7 @@ void onTransactionStart(Message& in) {
     vxTD* slot = startFP(start);
     if (!slot) {
         VX_TRACE(1, kFlowpath, kInfo, "NOT FOUND FPI - %lld START", in.instance());
+        vxCountRefusedMessage();
         return;
     }
     if (in.text(0) && std::strchr(in.text(0), '_')) setTierCallOut(slot, in.text(0));
@@ -288,6 +293,11 @@ consteval bool rowsFollowNumbers() {
 }
 static_assert(kMessageRows.size() == 8 && rowsFollowNumbers(), "row i describes message type i");
 
+int refused(int answer) {
+    vxCountRefusedMessage();
+    return answer;
+}
+
 void traceRefusal(const MessageRow& row, BodyResult result) {
     const char* words = result == BodyResult::kNegative ? row.negativeWords : row.shortWords;
     if (!words || result == BodyResult::kTorn || result == BodyResult::kNoMemory) return;
@@ -317,12 +327,16 @@ bool collectAged(const char*, void* value, void* argument) {
 
 }  // namespace
 
+void vxCountRefusedMessage() {
+    vxCurrent()->decoder.messagesRefused.fetch_add(1, std::memory_order_relaxed);
+}
+
 int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t messageType, int singleRecord,
                     const char* fpKey) {
-    if (bodyLength < 1) return kMessageCorrupt;
+    if (bodyLength < 1) return refused(kMessageCorrupt);
     if (messageType < 0 || static_cast<std::size_t>(messageType) >= kMessageRows.size()) {
         VX_TRACE(1, kFlowpath, kInfo, "M Type unknown");
-        return kMessageCorrupt;
+        return refused(kMessageCorrupt);
     }
     const MessageRow& row = kMessageRows[static_cast<std::size_t>(messageType)];
     Message message{*vxCurrent(), {}, 0, singleRecord != 0, fpKey ? fpKey : "", 0};
@@ -330,9 +344,9 @@ int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t mess
     if (const BodyResult result = vxlb_take_body(row.shape, bytes, message.body);
         result != BodyResult::kTaken) {
         traceRefusal(row, result);
-        return kMessageConsumed;
+        return refused(kMessageConsumed);
     }
-    if (!message.app.flowpath.fpi_tls_map) return kMessageNoMap;
+    if (!message.app.flowpath.fpi_tls_map) return refused(kMessageNoMap);
     message.flowpathInstance = message.i64(row.instanceAt);
     char number[24];
     if (message.singleRecord) {

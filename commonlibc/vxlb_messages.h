@@ -9,7 +9,8 @@
 // | 6 | HTTP headers | sendHttpHdrReq or sendHttpHdrRep |
 //
 // A body is taken whole (lengths checked, strings copied) before anything is done with it. A body that is
-// refused, and one whose flowpath is not there, does nothing.
+// refused, and one whose flowpath is not there, does nothing and counts in decoder.messagesRefused, like a
+// start that got no slot.
 //
 // Threads   Under the decode lock, on the current context; times of activity are those of the read being
 //           decoded (decoder.readTimeUs).
@@ -23,6 +24,8 @@ inline constexpr int kMessageConsumed = 0;  // refused ones and unknown flowpath
 inline constexpr int kMessageCorrupt = -1;  // empty body or unknown type
 inline constexpr int kMessageNoMap = -2;    // the instance has no flowpath map yet
 
+// Counts a message of the current context that came to nothing.
+void vxCountRefusedMessage();
 // Handles one body (fixed part, strings, newline).
 //   singleRecord  0: the flowpath's number is its key; 1: `fpKey` is
 int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t messageType, int singleRecord,

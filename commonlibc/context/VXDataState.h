@@ -86,7 +86,8 @@ struct VXAutoSensorState_t {
     std::atomic<void*> asWsi;       // libwebsockets connection, or null
     char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;
-    std::int32_t curBuffers;                        // nodes of the chain; dumpMutex
+    std::int32_t curBuffers;       // nodes of the chain; dumpMutex
+    std::int64_t flushDeadlineUs;  // Unix microseconds: end of the last flush (auto-sensor thread)
     char hotspotPrefix[1024], hotspotPrefixID[64];  // set by the thread at its start
 };
 

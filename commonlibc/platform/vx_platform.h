@@ -24,6 +24,13 @@ void vx_platform_small_pages(void* block, std::size_t size);
 // True when an APR status of a send means that the connection is gone (end of file, broken pipe, reset,
 // time-out of the connection).
 bool vx_platform_connection_lost(int aprStatus);
+// Bytes that a TCP connection was given and the other host has not acknowledged (an end that was ordered
+// counts as one), also after its loss; -1 where the system cannot tell.
+std::int64_t vx_platform_unacknowledged(int descriptor);
+// True when a connection was reset, has failed, or has ended in both directions.
+bool vx_platform_connection_failed(int descriptor);
+// Closing the socket will reset the connection: what has not been sent is not sent any more.
+void vx_platform_reset_on_close(int descriptor);
 // Local calendar time: fills year (four digits), month (1-12), day, hour, minute, second. False on failure.
 struct VXCalendar {
     int year, month, day, hour, minute, second;

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <utility>
 
+#include "commonlibc/VXLosses.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "commonlibc/proxyServer/vx_proxy_pending.h"
@@ -242,6 +243,7 @@ void vxProxyInit() {
         vxPendingLook();
         vxEndPollRound();  // behind everything that may name a socket of this round
         resumeAccepting();
+        vxLossesWalk();
         traceBrokenPipes();
     }
     setWakeTarget(nullptr);

@@ -4,8 +4,7 @@
 //     process 0      --> agentListener, agent
 //     process 1      --> no connection
 //
-// Waits of the code under test are cut to a millisecond. A data thread that a start made is ended with the
-// test.
+// Waits of the code under test are cut to a millisecond. Threads that a start made are ended with the test.
 #pragma once
 
 #include <unistd.h>
@@ -15,8 +14,10 @@
 #include <chrono>
 #include <csignal>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "commonlibc/NIOThread.h"
 #include "commonlibc/Server.h"
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXDataThread.h"
@@ -64,8 +65,10 @@ protected:
     }
     void TearDown() override {
         app->control.proxyStopRequested = 1;
-        EXPECT_TRUE(eventually([&] { return !app->data.data_thread_running; }));
+        EXPECT_TRUE(eventually(
+            [&] { return !app->data.data_thread_running && !app->autoSensor.autoSensor_thread_running; }));
         vxJoinDataThread(*app);
+        vxJoinAutoSensorThread(*app);
         vxlb_shared_close(app->control.controlSocket);
         vxlb_shared_close(processes[0].control);
         vxUpcalls = VXUpcalls{};
@@ -77,6 +80,7 @@ protected:
         for (kywdInfo_t& entry : app->files.kywdInfo) VXLB_FREE(entry.content, "file content", -1);
         for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         vxFreeChain(app->data.chain);
+        vxFreeChain(app->autoSensor.chain);
         freeBusinessTransactions(app->bt);
         freeMethodTable(app->method);
         HomeFixture::TearDown();
@@ -103,6 +107,22 @@ protected:
         char error[kSockErrorSize];
         return vxlb_create_client_con("127.0.0.1", listener.port(), app->pool, 1000000, error);
     }
+    // The next connection whose connect line begins with `prefix`, that line taken; the others wait.
+    FakePeer acceptStream(const std::string& prefix, double seconds = kPeerSeconds) {
+        const auto isWanted = [&](const auto& other) { return other.first.starts_with(prefix); };
+        const auto deadline = deadlineIn(seconds);
+        auto found = std::ranges::find_if(waiting_, isWanted);
+        while (found == waiting_.end()) {
+            FakePeer next = collector.accept(seconds);
+            if (!next || std::chrono::steady_clock::now() > deadline) return FakePeer();
+            std::string line = next.readLine();
+            waiting_.emplace_back(std::move(line), std::move(next));
+            found = std::ranges::find_if(waiting_, isWanted);
+        }
+        FakePeer wanted = std::move(found->second);
+        waiting_.erase(found);
+        return wanted;
+    }
     static void handle(std::string line) { handleReceivedClientMessageFromVXCollector(line.data()); }
     std::string stored() const {
         const char* line = app->identity.startInstrumentation;
@@ -122,6 +142,8 @@ protected:
     processInfo_t* table[2]{&processes[0], &processes[1]};
 
 private:
+    std::vector<std::pair<std::string, FakePeer>> waiting_;
+
     static void shortSleep(std::int64_t us) {
         ::usleep(static_cast<useconds_t>(std::min<std::int64_t>(us, 1000)));
     }

@@ -9,10 +9,12 @@
 #include "tests/support/dumped_records.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
+#include "tests/support/trace_file.h"
 
 namespace vx::test {
 namespace {
 
+const std::string kAutoSensorLine = "auto_sensor_thread_hotspot_data_req:";
 const std::string kStart =
     "vx_control_req:action=start_instrumentation;status=running;bciDataBufferMaxCount=4;"
     "bciDataBufferMaxSize=4096;";
@@ -31,7 +33,7 @@ protected:
     }
     // Accepts the data connection of a start and reads up to its 99 record.
     FakePeer acceptData() {
-        FakePeer data = collector.accept();
+        FakePeer data = acceptStream("vx_data_msg_req:");
         EXPECT_EQ(data.readLinesUpTo("99,").back(), "99,NewConnection,FPGVersion:1.0");
         return data;
     }
@@ -176,6 +178,8 @@ TEST_F(Server, AStopWithAnotherStatusOnlyAnswers) {
 TEST_F(Server, AStartOverARunEndsTheFormerThreadFirst) {
     handle(kStart);
     FakePeer first = acceptData();
+    setToStopThread(1);  // with both threads it would be a repeated start
+    ASSERT_TRUE(eventually([&] { return !app->autoSensor.autoSensor_thread_running; }));
     handle(kStart);
     EXPECT_TRUE(first.readToEnd().ends_with("10,\n"));
     acceptData();
@@ -192,17 +196,16 @@ TEST_F(Server, AStartIsGivenUpWhenAThreadOfTheFormerRunWillNotEnd) {
     app->data.data_thread_running = 0;
 }
 
-TEST_F(Server, ARepeatedStartIsIgnoredWhileAllThreadsAndConnectionsStand) {
-    app->data.data_thread_running = app->autoSensor.autoSensor_thread_running = 1;
-    app->Server.testRunRunning = 1;
-    vxlb_shared_put(app->data.dataSocket, connectTo(collector));
-    vxlb_shared_put(app->autoSensor.asSocket, connectTo(collector));
+TEST_F(Server, ARepeatedStartIsIgnoredWhileBothThreadsAndConnectionsStand) {
     handle(kStart);
-    EXPECT_EQ(stored(), "(none)");
-    EXPECT_EQ(app->Server.testRunRunning, 1);
-    app->data.data_thread_running = app->autoSensor.autoSensor_thread_running = 0;
-    vxlb_shared_close(app->data.dataSocket);
-    vxlb_shared_close(app->autoSensor.asSocket);
+    FakePeer data = acceptData(), sensor = acceptStream(kAutoSensorLine);
+    EXPECT_EQ(peer.readLine(), kStarted);
+    ASSERT_TRUE(eventually([&] { return app->data.dataSocket.get() && app->autoSensor.asSocket.get(); }));
+    const TraceFile trace(*app, 1);
+    handle(kStart);
+    EXPECT_TRUE(trace.says("ignoring start_instrumentation"));
+    EXPECT_EQ(peer.readLine(0.05), kNoLine);
+    EXPECT_FALSE(sensor.ended(0.05));
 }
 
 TEST_F(Server, AModifyBeforeAStartIsRelayedAndRefused) {

@@ -233,8 +233,8 @@ protected:
     }
     // Accepts a control connection, takes the connect line and answers it.
     FakePeer acceptControl(const std::string& more = "") {
-        FakePeer control = collector.accept();
-        EXPECT_TRUE(control.readLine().starts_with("vx_ctrl_msg_req:appName="));
+        FakePeer control = acceptStream("vx_ctrl_msg_req:appName=");
+        EXPECT_TRUE(control);
         EXPECT_TRUE(control.send(kReply + std::to_string(collector.port()) + more + ";procIndex=5;\n"));
         return control;
     }
@@ -251,7 +251,7 @@ TEST_F(ControlThread, ConnectsRunsLosesTheLinkAndComesBack) {
         control.send(kHeartbeat +
                      "\nvx_control_req:action=start_instrumentation;bciDataBufferMaxCount=4;tierID=7;\n");
         EXPECT_EQ(toAgent(), kHeartbeat);
-        FakePeer data = collector.accept();
+        FakePeer data = acceptStream("vx_data_msg_req:");
         EXPECT_EQ(control.readLine(),
                   "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
         EXPECT_TRUE(toAgent().starts_with("vx_control_req:action=start_instrumentation;"));

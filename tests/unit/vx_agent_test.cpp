@@ -13,7 +13,6 @@ namespace {
 
 // Calls upward that no unit serves yet; a unit that is added takes its names off this list.
 const std::set<std::string> kStillEmpty = {
-    "ASNioInit",
     "HandleVexalineMessage",
     "SendMessageOnUDPSocket",
     "VXExceptionMonitorInit",
@@ -21,7 +20,7 @@ const std::set<std::string> kStillEmpty = {
     "addMethodInHash",
     "check_captureAppLog_thread",
     "createVectorPrefixException",
-    "create_autoSensor_thread",
+    "create_lws_as_connection",
     "create_lws_control_connection",
     "create_lws_data_connection",
     "digestAddBackend",
@@ -36,6 +35,7 @@ const std::set<std::string> kStillEmpty = {
     "handleUploadDownload",
     "initVXDynamicSettings",
     "initVXHttpReqRespCaptureSettings",
+    "kill_lws_as_connection",
     "kill_lws_data_connection",
     "parseAutoInstrClientMsgAndSendResp",
     "parseBackendRuleFile",
@@ -51,10 +51,10 @@ const std::set<std::string> kStillEmpty = {
     "searchUrlMachine",
     "sendHttpHdrRep",
     "sendHttpHdrReq",
+    "send_as_data_via_lws_socket",
     "send_control_data_via_lws_socket",
     "send_data_via_lws_socket",
     "setHttpHashMapNode",
-    "setToStopThread",
     "setblackListForDebugSession",
     "startMemoryWatch",
     "start_control_connection_service",

@@ -175,6 +175,21 @@ TEST_F(DecodeStream, TakesOneRecordOfADatagramAndLeavesTheCarryOver) {
     EXPECT_EQ(accepted, kOneGood);
 }
 
+TEST_F(DecodeStream, CountsEachMessageThatCameToNothing) {
+    const auto refusedBy = [&](const std::string& bytes) {
+        const std::uint64_t before = app->decoder.messagesRefused;
+        readBytes(*app, bytes);
+        return app->decoder.messagesRefused - before;
+    };
+    EXPECT_EQ(refusedBy(kGood + "noise\n10,\n" + kOther), 0u);
+    EXPECT_EQ(refusedBy("^\x0d" + withoutEndMark(kGood) + rawFrame(12, 20, 8, "abcde\n")), 3u);  // frames
+    EXPECT_EQ(refusedBy(thrownFrame(78, "a") + entryFrame(78, "b", 1)), 2u);  // its start never came
+    EXPECT_EQ(refusedBy(patched(kGood, 8, 2)), 1u);                           // a length
+    app->Server.stopping = 1;
+    EXPECT_EQ(refusedBy(startFrame(79, "/", 1) + endFrame(79, 200, 2)), 2u);  // no slot, so no end either
+    EXPECT_EQ(refusedBy(firstOf(rawFrame(12, 70000, 7, std::string(20000, 'x')), 10254)), 1u);  // a long tail
+}
+
 TEST_F(DecodeStream, ClearsTheFirstWordOfTheSender) {
     processInfo_t records[2]{};
     processInfo_t* table[2] = {&records[0], &records[1]};

@@ -1,5 +1,9 @@
 #include <apr_errno.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -54,6 +58,21 @@ bool vx_platform_connection_lost(int aprStatus) {
     return APR_STATUS_IS_EOF(aprStatus) || APR_STATUS_IS_EPIPE(aprStatus) ||
            APR_STATUS_IS_ECONNRESET(aprStatus) || APR_STATUS_IS_ECONNABORTED(aprStatus) ||
            APR_STATUS_IS_ETIMEDOUT(aprStatus) || aprStatus == ENOTCONN;
+}
+
+std::int64_t vx_platform_unacknowledged(int descriptor) {
+    int bytes = 0;
+    return ::ioctl(descriptor, SIOCOUTQ, &bytes) == 0 ? bytes : -1;
+}
+
+bool vx_platform_connection_failed(int descriptor) {
+    pollfd entry{descriptor, 0, 0};
+    return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+}
+
+void vx_platform_reset_on_close(int descriptor) {
+    const linger atOnce{1, 0};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
 }
 
 bool vx_platform_local_time(std::int64_t epochUs, VXCalendar* out) {

@@ -1,0 +1,185 @@
+#include "commonlibc/NIOConnection.h"
+
+#include "commonlibc/NIODataDispatcher.h"
+#include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXConnectMessages.h"
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXDataLink.h"
+#include "commonlibc/VXDataTransfer.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::int64_t kSendTimeUs = 250000;
+constexpr std::int64_t kSettleTimeUs = 300000;  // for what is on its way when a connection is closed
+
+bool overLws(const vxApplication& app) {
+    return app.control.lws_active.load(std::memory_order_acquire) == 1;
+}
+
+VXDataLink linkOf(VXAutoSensorState_t& sensor) {
+    return {sensor.asSocket, sensor.connectionPool, sensor.pool};
+}
+
+bool stopped() {
+    return checkAndStopThreadAS() != 0;
+}
+
+bool connectionOpen(const VXAutoSensorState_t& sensor) {
+    return sensor.asSocket.get() || sensor.asWsi.load(std::memory_order_acquire);
+}
+
+void closeFormer(const VXAutoSensorState_t& sensor) {
+    if (!connectionOpen(sensor)) return;
+    VX_TRACE(1, kControlThread, kInfo,
+             "Going to close AutoSensor connection. [Source IP : Port] ['%s':%d] [Destination IP : Port] "
+             "['%s':%d].",
+             sensor.sourceIP, sensor.sourcePort, sensor.destIP, sensor.destPort);
+    closeAutoSensorConnection();
+}
+
+bool connect(vxApplication& app) {
+    const VXCollectorRecord collector = vxCollectorInUse();
+    if (app.collectors.dr_enabled.load(std::memory_order_acquire))
+        VX_TRACE(1, kControlThread, kInfo,
+                 "[VX DR Feature]; AUTOSENSOR THREAD : Active VXC Server Info: [Host | Port] = [%s | %d]",
+                 collector.host, collector.port);
+    char error[kSockErrorSize] = "";
+    const bool connected = overLws(app) ? VX_UPCALL(create_lws_as_connection, collector.host, collector.port)
+                                        : vxOpenLink(linkOf(app.autoSensor), collector, kSendTimeUs, error);
+    if (!connected)
+        VX_TRACE(1, kControlThread, kError,
+                 "Error while creating the AutoSensor connection with %s:%d. Error %s\n", collector.host,
+                 collector.port, error);
+    return connected;
+}
+
+void traceConnected(const VXAutoSensorState_t& sensor) {
+    VX_TRACE(1, kControlThread, kInfo, "AutoSensor connection created.");
+    get_as_ip_and_port();
+    VX_TRACE(1, kControlThread, kInfo,
+             "AutoSensor Connection. [Source IP : Port] ['%s':%d] created with [Destination IP : Port] "
+             "['%s':%d].",
+             sensor.sourceIP, sensor.sourcePort, sensor.destIP, sensor.destPort);
+}
+
+int lost(VXAutoSensorState_t& sensor) {
+    VX_TRACE(1, kControlThread, kError,
+             "autoSensorBreak AutoSensorThread break due failed in apr_socket_send");
+    closeAutoSensorConnection();
+    sensor.breakFlag.store(1, std::memory_order_release);
+    return kSendLost;
+}
+
+int sendOverLws(const char* data, std::int32_t length) {
+    return VX_UPCALL(send_as_data_via_lws_socket, data, length);
+}
+
+int sendByTransport(const vxApplication& app) {
+    return overLws(app) ? send_as_data_to_vxc() : sendDataToVXC();
+}
+
+}  // namespace
+
+bool startASVXCollectorCommunication() {
+    vxApplication& app = *vxCurrent();
+    VXAutoSensorState_t& sensor = app.autoSensor;
+    VX_TRACE(1, kControlThread, kInfo, "AutoSensor Thread created successfully.");
+    VX_TRACE(1, kControlThread, kInfo, "Creating socket for AutoSensor\n");
+    closeFormer(sensor);
+    if (!connect(app)) return false;
+    traceConnected(sensor);
+    if (buff_list_init_as() == 1) VX_TRACE(1, kControlThread, kError, "Error in buff_list_init_as");
+    if (send_autoSensor_con_req_msg_to_vxc()) {
+        VX_TRACE(1, kControlThread, kError,
+                 "autoSensorBreak AutoSensorThread break due to send_autoSensor_con_req_msg_to_vxc == FAIL");
+        closeAutoSensorConnection();
+        return false;
+    }
+    app.VXSys.autosensorConnState.store(1, std::memory_order_release);
+    return true;
+}
+
+bool send_autoSensor_con_req_msg_to_vxc() {
+    vxApplication& app = *vxCurrent();
+    setControlAutoSensorReqMessage();
+    const VXBCISetting_t& setting = app.VXBCISetting;
+    const bool sent = overLws(app) ? VX_UPCALL(send_as_data_via_lws_socket, setting.autoSensorMessage,
+                                               setting.autoSensorMessageLen) == 0
+                                   : vxSendAll(app.autoSensor.asSocket.get(), setting.autoSensorMessage,
+                                               setting.autoSensorMessageLen, stopped);
+    if (!sent) VX_TRACE(1, kControlThread, kError, "Unable to send the message.");
+    return !sent;
+}
+
+void get_as_ip_and_port() {
+    VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    apr_socket_t* socket = sensor.asSocket.get();
+    if (!socket) return;
+    get_src_addr(socket, sensor.sourceIP, sizeof(sensor.sourceIP), &sensor.sourcePort);
+    get_dst_addr(socket, sensor.destIP, sizeof(sensor.destIP), &sensor.destPort);
+}
+
+void closeAutoSensorConnection() {
+    VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    void* wsi = sensor.asWsi.exchange(nullptr);
+    vxCloseLink(linkOf(sensor), sensor.chain, vxlb_now_us() + kSettleTimeUs);
+    if (wsi) VX_UPCALL(kill_lws_as_connection, wsi);
+}
+
+int sendDataToVXC() {
+    VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    apr_socket_t* socket = sensor.asSocket.get();
+    if (!socket) return kSendLost;
+    const int result = vxSendChain(sensor.chain, socket, checkAndStopThreadAS);
+    return result == kSendLost ? lost(sensor) : result;
+}
+
+int send_as_data_to_vxc() {
+    VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    if (!sensor.asWsi.load(std::memory_order_acquire)) return kSendLost;
+    while (VXBufferNode* node = vxNodeToSend(sensor.chain)) {
+        if (!vxSendWhole(sensor.chain, *node, sendOverLws)) return lost(sensor);
+        if (checkAndStopThreadAS()) return kThreadEnds;
+    }
+    return kSendDone;
+}
+
+int flushData() {
+    moveCommonPartialToReadList();
+    return sendByTransport(*vxCurrent());
+}
+
+bool dumpAndSendDataToVXC(const char* data, std::int32_t length) {
+    const int result = vxTryDumpAS(data, length);
+    if (result == 0) return true;
+    if (result == kChainCut || flushData() == kSendLost || vxTryDumpAS(data, length) != 0) {
+        vxRefuseAS(data, length);
+        return false;
+    }
+    flushData();
+    return true;
+}
+
+int checkAndStopThreadAS() {
+    const vxApplication& app = *vxCurrent();
+    const Server_t& server = app.Server;
+    const VXControlState_t& control = app.control;
+    const bool goesOn = server.testRunRunning.load(std::memory_order_acquire) &&
+                        server.asDataRunning.load(std::memory_order_acquire) &&
+                        !app.autoSensor.asStopFlag.load(std::memory_order_acquire) &&
+                        !control.closeCtrlConFlag.load(std::memory_order_acquire) &&
+                        !control.controlConnClosed.load(std::memory_order_acquire) &&
+                        !control.proxyStopRequested.load(std::memory_order_acquire) &&
+                        !proxyStopFlag.load(std::memory_order_acquire);
+    if (goesOn) return 0;
+    VX_TRACE(2, kControlThread, kInfo, "AutoSensor thread is to be stopped");
+    return 1;
+}
+
+}  // namespace vx

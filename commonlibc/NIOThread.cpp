@@ -1,0 +1,171 @@
+#include "commonlibc/NIOThread.h"
+
+#include <apr_errno.h>
+
+#include "commonlibc/NIOConnection.h"
+#include "commonlibc/NIODataDispatcher.h"
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXDataTransfer.h"
+#include "commonlibc/VXLosses.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_thread.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_word.h"
+#include "commonlibc/vxlb_writer.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::int64_t kRetryUs = 60000000;
+constexpr std::int64_t kRoundUs = 1000000;
+constexpr std::int64_t kFinalFlushUs = 500000;
+
+bool stopped() {
+    return checkAndStopThreadAS() != 0;
+}
+
+void traceRunning(const VXAutoSensorState_t& sensor) {
+    VX_TRACE(1, kControlThread, kInfo, "Value of autoSensor_thread_running : '%c' set.",
+             sensor.autoSensor_thread_running.load(std::memory_order_relaxed) ? '1' : '0');
+}
+
+void setHotspotPrefixes(vxApplication& app) {
+    VXAutoSensorState_t& sensor = app.autoSensor;
+    const VXBCISetting_t& bci = app.VXBCISetting;
+    const auto separator = static_cast<char>(vx_word_get(app.VXSys.vxVectorSeparator));
+    VXWriter(sensor.hotspotPrefixID, sizeof(sensor.hotspotPrefixID))
+        .number(vx_word_get(bci.tierID))
+        .put('|')
+        .number(vx_word_get(bci.appID))
+        .terminate();
+    VXWriter(sensor.hotspotPrefix, sizeof(sensor.hotspotPrefix))
+        .text(bci.encodedTierName.get())
+        .put(separator)
+        .text(bci.encodedServerName.get())
+        .put(separator)
+        .text(bci.encodedAppName.get())
+        .terminate();
+}
+
+bool connectionStands(const vxApplication& app) {
+    const VXAutoSensorState_t& sensor = app.autoSensor;
+    return !sensor.breakFlag.load(std::memory_order_acquire) &&
+           app.VXSys.autosensorConnState.load(std::memory_order_acquire) != 0 &&
+           (sensor.asSocket.get() || sensor.asWsi.load(std::memory_order_acquire));
+}
+
+// One session on a connection: sends what the chain holds about every second.
+void report(const vxApplication& app) {
+    while (!stopped() && connectionStands(app)) {
+        flushData();
+        vxlb_sleep_watching(kRoundUs, stopped);
+    }
+}
+
+int finalFlushOver() {
+    return vxlb_now_us() >= vxCurrent()->autoSensor.flushDeadlineUs;
+}
+
+// What the chain holds at the end of a run, as far as the peer takes it.
+void flushAtEnd(VXAutoSensorState_t& sensor) {
+    moveCommonPartialToReadList();
+    sensor.flushDeadlineUs = vxlb_now_us() + kFinalFlushUs;
+    while (vxSendChain(sensor.chain, sensor.asSocket.get(), finalFlushOver) == kSendNoBytes &&
+           !finalFlushOver())
+        continue;
+}
+
+apr_status_t launch(vxApplication& app) {
+    VXAutoSensorState_t& sensor = app.autoSensor;
+    vxJoinAutoSensorThread(app);
+    // Set before the thread exists: it may end, and clear it, before its creator goes on.
+    sensor.autoSensor_thread_running.store(1, std::memory_order_release);
+    const apr_status_t status =
+        vxlb_thread_start(sensor.thread, sensor.threadPool, sensor.pool, start_autoSensor_thread, &app);
+    if (status != APR_SUCCESS) sensor.autoSensor_thread_running.store(0, std::memory_order_release);
+    return status;
+}
+
+}  // namespace
+
+void ASNioInit() {
+    vxApplication& app = *vxCurrent();
+    if (!app.autoSensor.pool) apr_pool_create(&app.autoSensor.pool, app.pool);
+    VX_TRACE(1, kControlThread, kInfo, "AutoSensor Thread started.");
+}
+
+int create_autoSensor_thread() {
+    vxApplication& app = *vxCurrent();
+    const VXAutoSensorState_t& sensor = app.autoSensor;
+    VX_TRACE(1, kControlThread, kInfo, "Creating AutoSensor thread for '%s'",
+             app.VXBCISetting.appName.getOr(""));
+    if (sensor.autoSensor_thread_running.load(std::memory_order_acquire)) {
+        VX_TRACE(1, kControlThread, kError, "AutoSensor thread already exist.");
+        return 1;
+    }
+    const apr_status_t status = launch(app);
+    if (status == APR_SUCCESS) {
+        traceRunning(sensor);
+        return 0;
+    }
+    char error[kSockErrorSize];
+    VX_TRACE(1, kControlThread, kError, "Error while creating Auto Sensor thread. Error = %s",
+             apr_strerror(status, error, sizeof(error)));
+    return 1;
+}
+
+void vxJoinAutoSensorThread(vxApplication& app) {
+    vxlb_thread_join(app.autoSensor.thread, app.autoSensor.threadPool);
+}
+
+void setToStopThread(int stop) {
+    vxCurrent()->autoSensor.asStopFlag.store(stop != 0, std::memory_order_release);
+}
+
+void stopNIO() {
+    setToStopThread(1);
+    vxlb_shared_shutdown(vxCurrent()->autoSensor.asSocket);
+}
+
+void* start_autoSensor_thread(apr_thread_t*, void* application) {
+    vxApplication& app = *static_cast<vxApplication*>(application);
+    vxSetCurrent(&app);
+    setHotspotPrefixes(app);
+    vxDiscardChain(app.autoSensor.chain);
+    while (!stopped()) {
+        app.autoSensor.breakFlag.store(0, std::memory_order_release);
+        VXAutoSensorUsingStackTraceSetup();
+        if (startASVXCollectorCommunication()) report(app);
+        if (stopped()) break;
+        closeAutoSensorConnection();
+        VX_TRACE(1, kControlThread, kInfo, "Going to retry for auto sensor connection after 60 sec.");
+        vxlb_sleep_watching(kRetryUs, stopped);
+    }
+    flushAtEnd(app.autoSensor);
+    cleanAutoSensorThread();
+    return nullptr;
+}
+
+void VXAutoSensorUsingStackTraceSetup() {
+    const VXSys_t& sys = vxCurrent()->VXSys;
+    VX_TRACE(2, kControlThread, kInfo, "VXAutoSensor: report interval = %lld ms, sample interval = %lld ms",
+             static_cast<long long>(vx_word_get(sys.ASReportInterval)),
+             static_cast<long long>(vx_word_get(sys.ASSampleInterval)));
+}
+
+void cleanAutoSensorThread() {
+    vxApplication& app = *vxCurrent();
+    VXAutoSensorState_t& sensor = app.autoSensor;
+    VX_TRACE(1, kControlThread, kInfo, "Going to Exit AutoSensor thread of ['%s':'%d'] with ['%s':'%d']",
+             sensor.sourceIP, sensor.sourcePort, sensor.destIP, sensor.destPort);
+    closeAutoSensorConnection();
+    vxDiscardChain(sensor.chain);
+    VX_TRACE(1, kControlThread, kInfo, "VXAutoSensor: thread ends.");
+    sensor.autoSensor_thread_running.store(0);
+    traceRunning(sensor);
+    vxLossesAtThreadEnd(app);
+}
+
+}  // namespace vx

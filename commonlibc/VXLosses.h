@@ -1,0 +1,28 @@
+// Losses of an instance, told in the trace: what was sent to it, or written by it, and reached nobody.
+//
+//     Losses: records = 120 (+20), starts = 3 (+0), messages = 64 (+5)
+//
+// Totals since process start, and in brackets the growth since the last line.
+//
+//   records   data and auto-sensor records (lines) that the chains refused or that left them unsent
+//   starts    transactions that found no free slot
+//   messages  agent messages that came to nothing: refused by the decoder or by their handler, of a
+//             transaction that is not there (its start was lost or refused, or it has ended), and starts
+//             that got no slot
+//
+// Limits    One line a minute and instance while something grows, one at the end of each run. A line that
+//           the trace level hides is not used up.
+// Threads   vxLossesWalk: the listener. vxLossesAtThreadEnd: data and auto-sensor thread.
+#pragma once
+
+#include "commonlibc/context/vx_application.h"
+
+namespace vx {
+
+// Once a minute: a line for each instance whose losses have grown. Cheap otherwise.
+void vxLossesWalk();
+// A sending thread of the instance has cleared its running flag: the last one of a run tells the losses,
+// grown or not.
+void vxLossesAtThreadEnd(vxApplication& app);
+
+}  // namespace vx

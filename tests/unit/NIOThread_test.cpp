@@ -1,0 +1,163 @@
+#include "commonlibc/NIOThread.h"
+
+#include <dirent.h>
+#include <malloc.h>
+
+#include <string>
+
+#include "commonlibc/NIOConnection.h"
+#include "commonlibc/NIODataDispatcher.h"
+#include "tests/support/link_fixture.h"
+#include "tests/support/trace_file.h"
+
+namespace vx::test {
+namespace {
+
+const std::string kAutoSensorLine = "auto_sensor_thread_hotspot_data_req:";
+
+class AutoSensorThread : public LinkFixture {
+protected:
+    void start() {
+        Server_t& server = app->Server;
+        server.asDataRunning = server.testRunRunning = 1;
+        setToStopThread(0);
+        ASNioInit();
+        ASSERT_EQ(create_autoSensor_thread(), 0);
+    }
+    void stop() {
+        setToStopThread(1);
+        EXPECT_TRUE(ended());
+    }
+    bool ended() {
+        return eventually([&] { return !app->autoSensor.autoSensor_thread_running; });
+    }
+    bool standing() {
+        return eventually([&] { return app->autoSensor.asSocket.get() != nullptr; });
+    }
+    int dump(const std::string& text) {
+        return dumpASData(text.data(), static_cast<std::int64_t>(text.size()));
+    }
+    VXBufferChain& chain() { return app->autoSensor.chain; }
+    static int descriptors() {
+        int count = 0;
+        DIR* folder = opendir("/proc/self/fd");
+        while (folder && readdir(folder)) ++count;
+        if (folder) closedir(folder);
+        return count;
+    }
+};
+
+TEST_F(AutoSensorThread, AnnouncesItselfSendsAndDrainsAtItsEnd) {
+    vx_word_set(app->VXBCISetting.tierID, 7);
+    vx_word_set(app->VXBCISetting.appID, 9);
+    start();
+    FakePeer remote = acceptStream(kAutoSensorLine);
+    EXPECT_EQ(create_autoSensor_thread(), 1);  // one at a time
+    EXPECT_TRUE(eventually([&] { return app->VXSys.autosensorConnState == 1; }));
+    EXPECT_STREQ(app->autoSensor.hotspotPrefixID, "7|9");
+    EXPECT_EQ(dump("74,first\n"), 0);
+    EXPECT_EQ(remote.readLine(), "74,first");
+    EXPECT_EQ(dump("74,last\n"), 0);
+    stop();
+    EXPECT_EQ(remote.readToEnd(), "74,last\n");
+    EXPECT_EQ(chain().recordsDropped, 0u);
+    EXPECT_EQ(app->autoSensor.asSocket.get(), nullptr);
+}
+
+TEST_F(AutoSensorThread, ComesBackAfterALossAndAnOrderWithWhatWaited) {
+    start();
+    FakePeer first = acceptStream(kAutoSensorLine);
+    first.reset();
+    EXPECT_EQ(dump("74,while away\n"), 0);
+    FakePeer second = acceptStream(kAutoSensorLine);
+    EXPECT_EQ(second.readLine(), "74,while away");
+    ASSERT_TRUE(eventually([&] { return app->VXSys.autosensorConnState == 1; }));
+    app->VXSys.autosensorConnState = 0;
+    EXPECT_TRUE(second.ended());
+    EXPECT_EQ(dump("74,later\n"), 0);
+    FakePeer third = acceptStream(kAutoSensorLine);
+    EXPECT_EQ(third.readLine(), "74,later");
+    EXPECT_EQ(chain().recordsDropped, 0u);
+}
+
+TEST_F(AutoSensorThread, EachStopWordEndsItWhereverItStands) {
+    std::atomic<std::uint8_t>*const run = &app->Server.testRunRunning, *const wanted =
+                                                                           &app->Server.asDataRunning;
+    for (const bool reachable : {true, false}) {
+        for (int word = 0; word < 6; ++word) {
+            start();
+            FakePeer remote;
+            if (reachable) remote = acceptStream(kAutoSensorLine);
+            if (word == 0) *run = 0;
+            if (word == 1) *wanted = 0;
+            if (word == 2) app->control.closeCtrlConFlag = 1;
+            if (word == 3) app->control.controlConnClosed = 1;
+            if (word == 4) app->control.proxyStopRequested = 1;
+            if (word == 5) proxyStopFlag = 1;
+            EXPECT_TRUE(ended()) << word;
+            app->control.closeCtrlConFlag = app->control.controlConnClosed = 0;
+            app->control.proxyStopRequested = proxyStopFlag = 0;
+        }
+        collector.stopListening();
+    }
+}
+
+TEST_F(AutoSensorThread, ACollectorThatNeverReadsHoldsUpNobodyAndIsCounted) {
+    vx_word_set(app->VXSys.ASDataBufferMaxCount, 64);
+    start();
+    FakePeer remote = acceptStream(kAutoSensorLine);
+    std::uint64_t written = 0;
+    const std::string record = "74," + std::string(65532, 'x') + "\n";
+    ASSERT_TRUE(eventually([&] {
+        ++written;
+        return dump(record) == 1;
+    }));
+    stop();
+    const std::string got = remote.readToEnd(2);
+    const auto received = static_cast<std::uint64_t>(std::ranges::count(got, '\n'));
+    EXPECT_EQ(received + chain().recordsDropped, written);
+    EXPECT_LT(received, 3u);
+}
+
+TEST_F(AutoSensorThread, WhatNobodyCameForIsCountedAtTheEnd) {
+    collector.stopListening();
+    start();
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(dump("74,a\n75,b\n"), 0);
+    stop();
+    EXPECT_EQ(chain().recordsAccepted, 10u);
+    EXPECT_EQ(chain().recordsDropped, 10u);
+}
+
+TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
+    vx_word_set(app->VXSys.ASDataBufferSize, 8);
+    vx_word_set(app->VXSys.ASDataBufferMaxCount, 2);
+    app->Server.asDataRunning = app->Server.testRunRunning = 1;
+    ASNioInit();
+    ASSERT_TRUE(startASVXCollectorCommunication());
+    FakePeer remote = acceptStream(kAutoSensorLine);
+    for (int i = 0; i < 20; ++i) dumpAndSendDataToVXC("74,abc\n", 7);
+    closeAutoSensorConnection();
+    const auto received = static_cast<std::uint64_t>(std::ranges::count(remote.readToEnd(), '\n'));
+    EXPECT_GE(received, 2u);
+    vxDiscardChain(chain());
+    EXPECT_EQ(received + chain().recordsDropped, 20u);
+    EXPECT_FALSE(dumpAndSendDataToVXC("74,longer than two nodes\n", 25));
+}
+
+TEST_F(AutoSensorThread, ManyStartsLeaveNothingBehind) {
+    const auto run = [&] {
+        start();
+        FakePeer remote = acceptStream(kAutoSensorLine);
+        ASSERT_TRUE(standing());
+        stop();
+    };
+    for (int i = 0; i < 3; ++i) run();
+    const int before = descriptors();
+    const std::size_t memory = mallinfo2().uordblks;
+    for (int i = 0; i < 50; ++i) run();
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_LT(mallinfo2().uordblks, memory + 65536);
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,233 @@
+// Sums of written, received and dropped records over a chain and real sockets.
+#include "commonlibc/VXDataTransfer.h"
+
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXDataLink.h"
+#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_sock.h"
+#include "tests/support/app_fixture.h"
+#include "tests/support/by_name.h"
+#include "tests/support/dumped_records.h"
+#include "tests/support/fake_collector.h"
+
+namespace vx::test {
+namespace {
+
+class Transfer : public AppFixture {
+protected:
+    void SetUp() override {
+        AppFixture::SetUp();
+        std::signal(SIGPIPE, SIG_IGN);
+    }
+    void TearDown() override {
+        close();
+        closeDumping(*app);
+        AppFixture::TearDown();
+    }
+    FakePeer connect() {
+        char error[kSockErrorSize];
+        const VXCollectorRecord record{1, collector.port(), "127.0.0.1", 0};
+        EXPECT_TRUE(vxOpenLink(link(), record, 20000, error));
+        return collector.accept();
+    }
+    VXDataLink link() { return {app->data.dataSocket, app->data.connectionPool, app->pool}; }
+    void close(std::int64_t settleUs = 0) { vxCloseLink(link(), chain(), vxlb_now_us() + settleUs); }
+    VXBufferChain& chain() { return app->data.chain; }
+    int send() {
+        movePartialToReadList();
+        return vxSendChain(chain(), app->data.dataSocket.get(), nullptr);
+    }
+    // Writes the next record, numbered.
+    void write(std::size_t size = 1000) {
+        std::string record = std::to_string(written++) + ",";
+        record.resize(size - 1, 'x');
+        record += '\n';
+        dumpData(record.data(), static_cast<std::int64_t>(size));
+    }
+    // Writes until the peer's host takes no more, or until all nodes wait for it.
+    void writeUntilStalled() {
+        const std::uint64_t before = chain().recordsDropped;
+        do
+            for (int i = 0; i < 100; ++i) write();
+        while (send() != kSendNoBytes && chain().recordsDropped == before);
+    }
+    // Waits until the peer's host has no room left and has acknowledged what it holds. Bytes it holds.
+    int fill(const FakePeer& peer) {
+        int held = 0;
+        const auto known = [&] {
+            ::ioctl(peer.descriptor(), FIONREAD, &held);
+            const int socket = vxlb_socket_fd(app->data.dataSocket.get());
+            return held >= 4096 && chain().heldBytes - vx_platform_unacknowledged(socket) == held;
+        };
+        const auto deadline = deadlineIn(kPeerSeconds);
+        while (!known() && std::chrono::steady_clock::now() < deadline) vxlb_sleep_us(1000);
+        return held;
+    }
+    // The whole lines that a peer has or will get until the end; each must be a record as it was written.
+    void receive(FakePeer& peer) {
+        const std::string text = peer.readToEnd(2);
+        std::size_t from = 0;
+        for (std::size_t end; (end = text.find('\n', from)) != std::string::npos; from = end + 1) {
+            const std::string line = text.substr(from, end - from);
+            EXPECT_EQ(line.size(), 999u);
+            EXPECT_EQ(line.find_first_not_of("0123456789,"), line.find('x'));
+            seen.push_back(std::stol(line));
+        }
+    }
+    // Every record was seen once or counted once, and in order.
+    void expectSums() {
+        EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+        EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end()) << "sent twice";
+        EXPECT_EQ(seen.size() + chain().recordsDropped, static_cast<std::size_t>(written));
+    }
+
+    FakeCollector collector{4096};
+    long written = 0;
+    std::vector<long> seen;
+};
+
+TEST_F(Transfer, AResetCostsNothingThatTheOtherHostHadNotTaken) {
+    openDumping(*app, 200, 30000);
+    for (int round = 0; round < 3; ++round) {
+        FakePeer peer = connect();
+        writeUntilStalled();
+        // What the host has taken is read without making room for more: then the connection is reset.
+        const int held = fill(peer);
+        std::string text(static_cast<std::size_t>(held), '\0');
+        ASSERT_EQ(::recv(peer.descriptor(), text.data(), text.size(), MSG_PEEK), held);
+        for (std::size_t at = text.find('\n'), from = 0; at != std::string::npos;
+             from = at + 1, at = text.find('\n', from))
+            seen.push_back(std::stol(text.substr(from)));
+        peer.reset();
+        while (send() != kSendLost) continue;
+        close();
+    }
+    FakePeer last = connect();
+    std::thread sender([&] {
+        vxSetCurrent(app);
+        while (chain().VXCollectorBB.load()) send();
+        close(1000000);
+    });
+    receive(last);
+    sender.join();
+    EXPECT_EQ(chain().recordsDropped, 0u);
+    expectSums();
+}
+
+TEST_F(Transfer, ASlowCollectorCostsWhatTheChainCannotHold) {
+    openDumping(*app, 3, 4000);
+    FakePeer peer = connect();
+    writeUntilStalled();
+    for (int i = 0; i < 100; ++i) write();
+    EXPECT_GT(chain().recordsDropped, 80u);
+    std::thread sender([&] {
+        vxSetCurrent(app);
+        for (int i = 0; i < 200; ++i) {
+            send();
+            write();
+        }
+        while (chain().VXCollectorBB.load()) send();
+        close(1000000);
+    });
+    receive(peer);
+    sender.join();
+    expectSums();
+}
+
+TEST_F(Transfer, AnAbsentCollectorCostsAllThatIsThrownAway) {
+    openDumping(*app, 2, 4000);
+    for (int i = 0; i < 20; ++i) write();
+    EXPECT_EQ(send(), kSendLost);
+    close();
+    vxDiscardChain(chain());
+    EXPECT_EQ(chain().recordsDropped, 20u);
+    expectSums();
+}
+
+TEST_F(Transfer, APeerThatEndsWithoutReadingIsSeenWithoutAnotherRecord) {
+    openDumping(*app, 4, 4000);
+    FakePeer peer = connect();
+    peer.close();
+    write();
+    EXPECT_NE(send(), kSendLost);  // the system takes it; the answer is a reset
+    EXPECT_EQ(send(), kSendLost);
+    close();
+    FakePeer second = connect();
+    EXPECT_EQ(send(), kSendDone);
+    close(1000000);
+    receive(second);
+    EXPECT_EQ(chain().recordsDropped, 0u);
+    expectSums();
+}
+
+TEST_F(Transfer, AConnectionClosedAgainstAStalledPeerCallsTheRestBack) {
+    openDumping(*app, 200, 30000);
+    FakePeer peer = connect();
+    writeUntilStalled();
+    fill(peer);
+    close();  // no time for it
+    receive(peer);
+    EXPECT_LT(seen.size(), 20u);
+    vxDiscardChain(chain());
+    expectSums();
+}
+
+// The head of the read list holds `text` and goes on with a record given back when `torn`; the connection is
+// lost with `missing` of `sent` bytes. What the next one gets, and what is counted.
+struct Seam {
+    const char* name;
+    const char* text;
+    bool torn;
+    int sent, missing;
+    const char* next;
+    unsigned dropped;
+};
+class AtTheSeam : public Transfer, public testing::WithParamInterface<Seam> {};
+
+TEST_P(AtTheSeam, ANewConnectionBeginsWithAWholeRecord) {
+    const Seam& row = GetParam();
+    openDumping(*app, 3, 64);
+    dumpData(row.text, static_cast<std::int64_t>(std::strlen(row.text)));
+    movePartialToReadList();
+    dumpData("last\n", 5);
+    movePartialToReadList();
+    chain().headIsTorn = row.torn;
+    if (VXBufferNode* head = chain().VXCollectorBB) head->offset = row.sent;
+    chain().heldBytes = row.sent;
+    vxConnectionGone(chain(), row.missing);
+    vxConnectionGone(chain(), 0);  // closed once more
+    std::string next;
+    while (const VXBufferNode* node = vxNodeToSend(chain())) {
+        next.append(node->buffer + node->offset, node->buffer + node->use_len);
+        const_cast<VXBufferNode*>(node)->offset = node->use_len;
+    }
+    EXPECT_EQ(next, row.next);
+    EXPECT_EQ(chain().recordsDropped, row.dropped);
+}
+INSTANTIATE_TEST_SUITE_P(Seams, AtTheSeam,
+                         testing::ValuesIn<Seam>({
+                             {"nothing_sent", "a\nb\n", false, 0, 0, "a\nb\nlast\n", 0},
+                             {"all_arrived", "a\nb\n", false, 4, 0, "last\n", 0},
+                             {"a_record_boundary", "aa\nbb\n", false, 3, 0, "bb\nlast\n", 0},
+                             {"inside_a_record", "aa\nbb\n", false, 4, 0, "bb\nlast\n", 0},
+                             {"sent_but_not_arrived", "aa\nbb\n", false, 6, 4, "aa\nbb\nlast\n", 0},
+                             {"its_beginning_is_gone", "tail\nbb\n", true, 2, 0, "bb\nlast\n", 1},
+                             {"its_beginning_is_gone_unsent", "tail\nbb\n", true, 0, 0, "bb\nlast\n", 1},
+                             {"its_end_has_arrived", "tail\nbb\n", true, 5, 0, "bb\nlast\n", 0},
+                             {"more_is_missing_than_was_sent", "aa\nbb\n", false, 3, 99, "aa\nbb\nlast\n", 0},
+                             {"a_record_over_two_nodes", "ta", true, 1, 0, "", 1},
+                         }),
+                         byName);
+
+}  // namespace
+}  // namespace vx::test
