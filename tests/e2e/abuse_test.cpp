@@ -187,5 +187,42 @@ TEST_F(AbusedWhile, SilentAndSlowPeersHoldUpNobody) {
     EXPECT_FALSE(silent.front().ended(0));
 }
 
+// What stands in the home outside of an agent's own folder is not for agents, whatever they ask for or are
+// called.
+TEST_F(AbusedWhile, NamesThatLeaveTheirFolderGetNothing) {
+    startCollector();
+    startService();
+    dir.write("proxy/.cache/raw/own", "content of its own\n");
+    dir.write("proxy/.cache/other/foreign", "secret\n");
+    dir.write("proxy/.cache/secret", "secret\n");
+    dir.write("proxy/secret", "secret\n");
+    struct {
+        const char *agentName, *request, *answer;
+    } const rows[] = {
+        {"raw", "file;keyword=own;", "file;keyword=own"},
+        {"raw", "file;keyword=../../secret;", "Failed"},
+        {"raw", "file;keyword=../other/foreign;", "Failed"},
+        {"raw", "file;keyword=..;", "Failed"},
+        {"raw", "file;keyword=/etc/passwd;", "Failed"},
+        {"raw", "instrumentation_profile;instrProfile=..\\..\\..", "Failed"},
+        {"raw", "instrumentation_profile;instrProfile=../../secret", "Failed"},
+        {"..", "file;keyword=secret;", "Failed"},
+        {".", "file;keyword=secret;", "Failed"},
+        {"../.cache/other", "file;keyword=foreign;", "Failed"},
+        {"/etc", "file;keyword=passwd;", "Failed"},
+    };
+    std::int64_t pid = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.agentName) + " " + row.request);
+        RawAgent agent(proxyPort, "shop", ++pid);
+        agent.identity().agent = row.agentName;
+        ASSERT_TRUE(agent.start());
+        agent.control().send("vx_control_req:action=send_" + std::string(row.request) + "\n");
+        const std::string answer = agent.control().readLinesUpTo("vx_control_rep:action=", 20).back();
+        EXPECT_TRUE(answer.starts_with("vx_control_rep:action=" + std::string(row.answer))) << answer;
+        EXPECT_NE(agent.control().readLine(), "secret");  // a heartbeat, or the content
+    }
+}
+
 }  // namespace
 }  // namespace vx::test
