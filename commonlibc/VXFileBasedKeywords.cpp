@@ -18,8 +18,10 @@
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
+#include "commonlibc/vxlb_word.h"
 
 namespace vx {
 
@@ -105,6 +107,11 @@ void noFile(const char* keyword) {
     const VXMethodLock lock;
     if (methodHashMapNode_t* node = vxCurrent()->method.methodHashMapNode)
         resetmethodHashMapNode(node, kMonitorTexts);
+}
+
+// Nothing at all has come for so long that the read loop would have left the connection.
+bool collectorIsSilent(const vxApplication& app) {
+    return vxlb_now_ms() - app.control.lastHeartBeatTime >= vx_word_get(app.VXSys.vxcHeartBeatThreshold);
 }
 
 // Asks for a file of the line's size. Null when it did not come, with what must follow.
@@ -204,9 +211,10 @@ void useHeldFiles() {
 void noteFailedFetch(const char* keyword) {
     vxApplication& app = *vxCurrent();
     const bool critical = isCriticalFile(keyword);
-    if (critical && !linkStopAsked(app)) {
+    if (!linkStopAsked(app) && (critical || collectorIsSilent(app))) {
         VX_TRACE(1, kControlThread, kError,
-                 "controlBreak Critical file of keyword '%s' did not come, connection is given up", keyword);
+                 "controlBreak %s of keyword '%s' did not come, connection is given up",
+                 critical ? "Critical file" : "File", keyword);
         app.control.closeCtrlConFlag = 1;
     }
     if (app.control.closeCtrlConFlag || linkStopAsked(app)) app.keywords.passBlocked = 1;

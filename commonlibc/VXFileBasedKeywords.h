@@ -29,7 +29,9 @@ void useFileBasedKeyword(const char* content, std::int64_t size, const char* key
 void beginFilePass(bool overStartLine);
 void markHeldFile(const char* keyword, int index);
 void useHeldFiles();
-// What must follow a failed fetch: a critical file ends the connection, any lost link the pass.
+// What must follow a failed fetch: a critical file ends the connection, and so does any file once the
+// collector has been silent for longer than the read loop would bear; a connection that is to end ends the
+// pass.
 void noteFailedFetch(const char* keyword);
 
 }  // namespace vx

@@ -35,6 +35,7 @@ protected:
         connect();
         setProxyVXHome();
         setDefaultCriticalFile();
+        app->control.lastHeartBeatTime = vxlb_now_ms();
         app->identity.agentName = agentName_;
         parsed.clear();
         vxUpcalls.parseExceptionMonFile = [](char* text) {
@@ -220,6 +221,15 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
     start("vxExceptionMonFile=f|3|1;tierID=9;");  // the time-out is a minute
     stopper.join();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
+    EXPECT_EQ(getTierID(), 0);
+}
+
+TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
+    vx_word_set(app->VXSys.fileReadTimeout, 1000);
+    app->control.lastHeartBeatTime = vxlb_now_ms() - 500000;
+    start("vxExceptionMonFile=f|3|1;vxBackendNamingRulesFile=g|3|1;tierID=9;");
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(asked(), Lines{kRequest});
     EXPECT_EQ(getTierID(), 0);
 }
 

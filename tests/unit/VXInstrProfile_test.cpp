@@ -21,6 +21,7 @@ protected:
         LinkFixture::SetUp();
         connect();
         setProxyVXHome();
+        app->control.lastHeartBeatTime = vxlb_now_ms();
         app->identity.agentName = agentName_;
         vx_word_set(app->VXSys.fileReadTimeout, 20000);
     }
