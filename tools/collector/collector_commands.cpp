@@ -1,5 +1,6 @@
 #include "tools/collector/collector_commands.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -69,7 +70,7 @@ constexpr auto kCommands = std::to_array<CommandRow>({
      [](std::string_view rest, CollectorServer& s) { return orderPlain(threadDumpLine(), rest, s); }},
     {"discover", "[N]",
      [](std::string_view rest, CollectorServer& s) {
-         return orderPlain(discoverLine(s.testRun()), rest, s);
+         return orderPlain(discoverLine(std::max(1, s.testRun())), rest, s);
      }},
     {"metadata", "[N]",
      [](std::string_view rest, CollectorServer& s) { return orderPlain(metadataLine(), rest, s); }},

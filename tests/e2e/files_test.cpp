@@ -1,0 +1,125 @@
+// Files that the collector hands out, between the real programs: folder, collector, service, agent.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "tests/support/e2e_fixture.h"
+#include "tests/support/raw_agent.h"
+
+namespace vx::test {
+namespace {
+
+constexpr std::size_t kLarge = 10 * 1024 * 1024;
+const std::string kStarted = "action=start_instrumentation;status=starting;result=Ok";
+
+int countOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
+class HandedOutFiles : public EndToEnd {
+protected:
+    void startAll(std::vector<std::string> more = {}) {
+        std::filesystem::create_directories(dir / "files");
+        more.insert(more.end(), {"--files", dir / "files"});
+        startCollector(more);
+        startService();
+    }
+    // Beside and renamed, as an operator is told to.
+    void writeFile(const std::string& name, const std::string& content) {
+        const std::string beside = dir.write("files/.new", content);
+        std::filesystem::create_directories(std::filesystem::path(dir / ("files/" + name)).parent_path());
+        std::filesystem::rename(beside, dir / ("files/" + name));
+    }
+    // How often the service has asked for a file.
+    int requests(const std::string& keyword) {
+        return countOf(streams("control"), "action=send_file;keyword=" + keyword + ";");
+    }
+    int profileRequests(const std::string& name) {
+        return countOf(streams("control"), ";instrProfile=" + name + "\n");
+    }
+    // What the service answers an agent: the first line, and `size` bytes behind it.
+    static std::string answer(RawAgent& agent, const std::string& request, std::size_t size) {
+        EXPECT_TRUE(agent.control().send(request + "\n"));
+        std::string head;
+        for (int others = 0; others < 100 && !head.starts_with("vx_control_rep:action="); ++others)
+            head = agent.control().readLine();
+        std::string content;
+        while (content.size() < size) {
+            const std::string line = agent.control().readLine();
+            if (line == kNoLine) break;
+            content += line + "\n";
+        }
+        return head.substr(0, head.find(";lmd=")).substr(0, head.find("%3Blmd")) + "\n" + content;
+    }
+
+    RawAgent agent{proxyPort, "shop", 4711};
+};
+
+TEST_F(HandedOutFiles, AreFetchedOnceAndAgainAfterAChangeAndServedToAgents) {
+    std::string large;
+    while (large.size() < kLarge) large += "line " + std::to_string(large.size()) + "\n";
+    writeFile("VXEntryPointsFile", "m|a.b()|HTTP_CALLOUT|2\n");
+    writeFile("vxMethodMonFile", "m|a.c()|alias\n");
+    writeFile("vxModuleFile", large);
+    writeFile("instrProfile/one.txt", "m|a|d|1|0\n");
+    writeFile("instrProfile/two.txt", "m|a|e|1|0\n");
+    startAll();
+    ASSERT_TRUE(agent.start()) << traceText();
+    ASSERT_TRUE(collector->outputHolds(kStarted)) << traceText();
+    const auto once = [this] {
+        return requests("VXEntryPointsFile") == 1 && requests("vxModuleFile") == 1 &&
+               profileRequests("one.txt") == 1 && profileRequests("two.txt") == 1;
+    };
+    EXPECT_TRUE(once() && requests("vxMethodMonFile") == 1) << streams("control");
+
+    collector->say("stop");
+    ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok"));
+    collector->say("start");
+    ASSERT_TRUE(collector->outputHolds(kStarted, 2));
+    EXPECT_TRUE(once() && requests("vxMethodMonFile") == 1) << streams("control");
+
+    writeFile("vxMethodMonFile", "m|a.c()|other\nm|a.f()|new\n");
+    ASSERT_TRUE(collector->outputHolds("vx_control_rep:action=modify;result=Ok"));
+    EXPECT_TRUE(once() && requests("vxMethodMonFile") == 2) << streams("control");
+
+    EXPECT_EQ(answer(agent, "vx_control_req:action=send_file;keyword=vxMethodMonFile;", 1),
+              "vx_control_rep:action=file;keyword=vxMethodMonFile%3Bsize%3D26\nm|a.c()|other\n");
+    EXPECT_EQ(agent.control().readLine(), "m|a.f()|new");
+    EXPECT_EQ(answer(agent, "vx_control_req:action=send_file;keyword=vxModuleFile;", large.size()),
+              "vx_control_rep:action=file;keyword=vxModuleFile%3Bsize%3D" + std::to_string(large.size()) +
+                  "\n" + large);
+    EXPECT_EQ(
+        answer(agent, "vx_control_req:action=send_instrumentation_profile;instrProfile=C:\\x\\one.txt", 1),
+        "vx_control_rep:action=instrumentation_profile;instrProfile=one.txt;size=10\nm|a|d|1|0\n");
+    dir.write("proxy/.cache/secret", "x");
+    for (const char* name : {"../secret", "../../config/vxsettings.conf", "/etc/passwd", "..", "gone"})
+        EXPECT_TRUE(answer(agent, std::string("vx_control_req:action=send_file;keyword=") + name + ";", 0)
+                        .starts_with("vx_control_rep:action=Failed"))
+            << name;
+}
+
+TEST_F(HandedOutFiles, ThatAreMissingAreReportedAndACriticalOneEndsTheConnection) {
+    const std::string keywords = dir.write("keywords",
+                                           "bciInstrSessionPct=100\nvxPoolFile=vxPoolFile|3|1\n"
+                                           "VXEntryPointsFile=VXEntryPointsFile|23|1\n");
+    startAll({"--keywords", keywords});
+    RawAgent waiting(proxyPort, "shop", 4712);
+    std::thread start([&waiting] { EXPECT_TRUE(waiting.start(60)); });
+    EXPECT_TRUE(
+        collector->outputHolds("control connection of Tier/host7/shop/raw (instance 1) disconnected", 1, 40))
+        << traceText();
+    EXPECT_FALSE(collector->outputHolds(kStarted, 1, 0));
+    EXPECT_EQ(requests("vxPoolFile"), 2);
+    EXPECT_GE(requests("VXEntryPointsFile"), 2);
+    writeFile("VXEntryPointsFile", "m|a.b()|HTTP_CALLOUT|2\n");
+    EXPECT_TRUE(collector->outputHolds(kStarted, 1, 40)) << traceText();
+    EXPECT_TRUE(collector->outputHolds("vxPoolFile' file base keyword")) << collector->output();
+    start.join();
+}
+
+}  // namespace
+}  // namespace vx::test
