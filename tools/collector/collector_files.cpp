@@ -136,7 +136,7 @@ bool FileStore::scanFolder(const std::string& folder, FileKind kind, FileMarks& 
         const std::string name = entry->d_name;
         struct stat status {};
         if (name.front() == '.' || (kind == FileKind::kKeyword && name == kProfileFolder)) continue;
-        if (::stat((folder + "/" + name).c_str(), &status) != 0) continue;  // gone meanwhile
+        if (::fstatat(::dirfd(open.get()), name.c_str(), &status, 0) != 0) continue;  // gone meanwhile
         const char* why = refusal(name, kind, status);
         if (!why && found.size() >= kMaxFiles) why = "too many files";
         if (why) {
@@ -162,7 +162,7 @@ std::shared_ptr<const std::string> FileStore::answer(FileKind kind, std::string_
     std::string content;
     FileMark mark;
     if (!readFile(path, content, mark)) return failed();
-    const auto made = std::make_shared<const std::string>(headOf(kind, name, mark) + content);
+    auto made = std::make_shared<const std::string>(headOf(kind, name, mark) + content);
     kept = {mark, made};
     return made;
 }
