@@ -40,8 +40,8 @@ std::set<T*> valuesOf(VXMap* map) {
 }
 
 inline void freeBusinessTransactions(VXBTState_t& bt) {
-    std::set<BTObject*> objects = valuesOf<BTObject>(bt.managerMap);
-    objects.merge(valuesOf<BTObject>(bt.configMap));
+    std::set<BTObject*> objects = valuesOf<BTObject>(bt.configMap);
+    for (BTObject* object = bt.firstManaged; object; object = object->nextManaged) objects.insert(object);
     for (BTObject* object : objects) VXLB_FREE(object, "BTObject", -1);
     VXLB_FREE(bt.global_rule.exchange(nullptr), "VXBTGlobalRule", -1);
     freeTagStructures();

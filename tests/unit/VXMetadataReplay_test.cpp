@@ -55,6 +55,15 @@ TEST_F(MetadataReplay, TellsABtOnceUntilTheNextConnection) {
     EXPECT_EQ(dumpedText(*app), "7,2,/a\n");
 }
 
+TEST_F(MetadataReplay, TellsABtThatARuleHasReplacedByTheRulesOwnId) {
+    btOf("/a");
+    btOf("/b");
+    find_bt_obj_in_config_map("/a", 9, 1000, 2000, -1, -1);
+    clearDumped(*app);
+    collectAndSendOnlyCached7Records(0, 1);
+    EXPECT_EQ(dumpedText(*app), "7,3,/b\n7,9,/a\n");
+}
+
 TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
     app->VXSys.maxIPCount = 1;
     app->data.data_thread_running = 1;

@@ -70,6 +70,7 @@ TEST_F(MethodTable, OnlyTheLengthGivenIsTheName) {
     mPP* method = report("abc");
     EXPECT_EQ(vxFindMethod("abcdef", 3), method);
     EXPECT_EQ(vxFindMethod("abcdef", 6), nullptr);
+    EXPECT_EQ(report(std::string("abc\0def", 7)), method) << "the text ends where it is terminated";
     EXPECT_EQ(report(""), nullptr);
     EXPECT_EQ(getMethodPropFromMethodName(nullptr), nullptr);
     EXPECT_EQ(vxFindOrAddMethod(nullptr, "x", 1), nullptr);
@@ -122,7 +123,11 @@ TEST_F(MethodTable, BackendsBeyondTheLimitAreOthers) {
     EXPECT_EQ(backend("four", kTypeHttp, 3), others);
     EXPECT_EQ(backend("d", kTypeDb, 10), others);
     EXPECT_STREQ(backend("one", kTypeHttp, 3)->methodName, "HTTP_one");
-    EXPECT_STREQ(backend("x", kTypeDb, 10, 0)->methodName, "DB_x") << "only named back-ends are limited";
+    EXPECT_STREQ(others->aliasMethodName.get(), "Others") << "not the back-end that happened to be first";
+    const mPP* unlimited = backend("x", kTypeDb, 10, 0);
+    EXPECT_STREQ(unlimited->methodName, "DB_x") << "only named back-ends are limited";
+    for (const mPP* counted : {static_cast<const mPP*>(others), unlimited})
+        EXPECT_EQ(vxAggSlot(app->method.backendArr, counted->methodId)->mpp, counted);
     EXPECT_EQ(dumpedText(*app), "5,HTTP_one,3\n5,HTTP_two,4\n5,Others,5\n5,DB_x,6\n");
 }
 
