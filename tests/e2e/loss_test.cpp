@@ -36,7 +36,7 @@ struct Stage {
 };
 class LossOfTheCollector : public Loss, public testing::WithParamInterface<Stage> {};
 
-// Whatever is lost and whenever, records arrive again, and the service holds no more than before.
+// Whatever is lost and whenever, the collector gets whole records, and the service holds no more than before.
 TEST_P(LossOfTheCollector, IsFollowedByAConnectionThatDelivers) {
     startCollector();
     TcpRelay relay(collectorPort);
@@ -53,6 +53,7 @@ TEST_P(LossOfTheCollector, IsFollowedByAConnectionThatDelivers) {
         EXPECT_TRUE(deliversAgain()) << "fault " << i << "\n" << traceText();
     }
     EXPECT_TRUE(service->running());
+    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
     EXPECT_TRUE(restsAt(descriptors)) << descriptors << " before, " << descriptorsOf(service->pid());
 }
 
@@ -79,6 +80,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"the_data_line",
          {{.kind = Kind::kCut, .connection = kData},
           {.kind = Kind::kReset, .connection = kData, .bytes = 20}}},
+        {"a_record",
+         {{.kind = Kind::kCut, .connection = kData, .behind = "\n4,", .bytes = 7},
+          {.kind = Kind::kReset, .connection = kData, .bytes = 20000}}},
         {"replay", {{.kind = Kind::kReset, .connection = kData, .behind = "\n5,", .bytes = 3}}},
     }),
     byName);
