@@ -7,9 +7,9 @@
 //     | offset | 0 | 1             | 5            | 9    | 13 | 14   | total - 1 |
 //     | field  | ^ | 12, signed 32 | total length | type | |  | body | newline   |
 //
-// What a read leaves of its last frame is carried over to the instance's next read: the caller puts
-// decoder.partialBuffer in front of the bytes it reads and empties it. A tail of 10,240 bytes or more is
-// dropped.
+// What a read leaves of its last frame stands in decoder.partialBuffer: the caller keeps it with the
+// connection that it came from and puts it in front of what it reads there next. A tail of 10,240 bytes or
+// more is dropped.
 //
 // Errors    None: a corrupt frame is skipped, and what came of it stands in the trace log. Each frame that is
 //           not accepted counts in decoder.messagesRefused, noise between frames does not.

@@ -87,12 +87,6 @@ void moveRestToStart(VXReadBuffer& buffer) {
     buffer.buffer[buffer.writeOffset] = '\0';
 }
 
-void decodeRest(VXReadBuffer& buffer, const epollPtr_t& address) {
-    vxSetCurrent(instanceAt(address.appIndex));
-    decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
-    setResetSocketBuffer(buffer);
-}
-
 // Somebody at the far end takes data of this instance. Over libwebsockets no control handle stands here.
 bool collectorTakesData(const vxApplication& app) {
     const bool overLws = app.control.lws_active.load(std::memory_order_acquire) == 1;
@@ -106,10 +100,37 @@ bool collectorTakesData(const vxApplication& app) {
     return false;
 }
 
-// The tail that the instance keeps, at the buffer's start. The decode lock is held.
-void putCarryOverInFront(const VXDecoderState_t& decoder, VXReadBuffer& buffer) {
-    std::memcpy(buffer.buffer, decoder.partialBuffer, static_cast<std::size_t>(decoder.partialLength));
-    buffer.writeOffset = decoder.partialLength;
+// What the last read of a data connection left of a record stands in its process's data buffer, behind its
+// length: bytes of two processes must never meet.
+constexpr std::size_t kTailHead = sizeof(std::int32_t);
+
+void putCarryOverInFront(const processInfo_t& process, VXReadBuffer& buffer) {
+    if (!process.dataBuffer) return;
+    std::memcpy(&buffer.writeOffset, process.dataBuffer, kTailHead);
+    std::memcpy(buffer.buffer, process.dataBuffer + kTailHead, static_cast<std::size_t>(buffer.writeOffset));
+}
+
+// Behind decodeMessage: what it left goes with the connection. The decode lock is held.
+void keepCarryOver(VXDecoderState_t& decoder, processInfo_t& process) {
+    if (!process.dataBuffer && decoder.partialLength == 0) return;
+    if (!process.dataBuffer)
+        process.dataBuffer = static_cast<char*>(VXLB_MALLOC(kTailHead + kPartialSize, "data buffer", -1));
+    if (process.dataBuffer) {
+        std::memcpy(process.dataBuffer, &decoder.partialLength, kTailHead);
+        std::memcpy(process.dataBuffer + kTailHead, decoder.partialBuffer,
+                    static_cast<std::size_t>(decoder.partialLength));
+    }
+    decoder.partialLength = 0;
+    decoder.partialBuffer[0] = '\0';
+}
+
+void decodeRest(VXReadBuffer& buffer, const epollPtr_t& address) {
+    vxApplication& app = *instanceAt(address.appIndex);
+    vxSetCurrent(&app);
+    const VXGuard lock(app.decoder.decodeMutex);
+    decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
+    keepCarryOver(app.decoder, *processAt(app, address.procIndex));
+    setResetSocketBuffer(buffer);
 }
 
 }  // namespace
@@ -181,11 +202,10 @@ int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t 
     vxApplication& app = *vxCurrent();
     if (!setResetSocketBuffer(buffer)) return kReadFailed;
     const VXGuard lock(app.decoder.decodeMutex);
-    putCarryOverInFront(app.decoder, buffer);
+    processInfo_t& process = *processAt(app, procIndex);
+    putCarryOverInFront(process, buffer);
     const int count = receive(socket, buffer, kReadBufSize);
     if (count == 0) return kReadNothing;
-    app.decoder.partialLength = 0;
-    app.decoder.partialBuffer[0] = '\0';
     if (!collectorTakesData(app)) return kReadClosed;
     if (count == kReadFailed)
         VX_TRACE(1, kControlThread, kError,
@@ -196,6 +216,7 @@ int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t 
                  count, appIndex, procIndex);
     if (count < 0) return count;
     decodeMessage(buffer.buffer, buffer.writeOffset + count, procIndex, 0, nullptr);
+    keepCarryOver(app.decoder, process);
     return kReadDone;
 }
 

@@ -5,7 +5,7 @@
 //
 // A read of lines starts from an empty buffer: what lies behind the last newline is lost, so a line has to
 // come whole. Two reads go on from an earlier one: a discovery connection's (its process keeps the tail) and
-// the record stream's (the instance keeps the tail of an incomplete record).
+// a data connection's (its process keeps the tail of an incomplete record).
 //
 // Limits    A line is at most 131,071 bytes with its newline.
 // Errors    kReadDone, kReadNothing (no bytes now), kReadFailed, kReadClosed; on the last two the caller
