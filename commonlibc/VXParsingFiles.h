@@ -1,8 +1,8 @@
 // The three texts of the collector that fill the method table: instrumentation profile, entry points, method
 // monitor.
 //
-// A text is lines of fields behind "|"; lines that begin with a line feed, a carriage return or "#" are
-// passed over, as is, without a message, a line in a wrong form. Ids never change: a text that is delivered
+// A text is lines of fields separated by "|". Lines that begin with a carriage return or "#", empty lines and
+// lines in a wrong form are passed over without a message. Ids never change: a text that is delivered
 // again keeps them. See VXMethodClasses.h for what a delivery does to methods that the text does not name.
 //
 //     entry points    module|signature|callout[:value]|flag

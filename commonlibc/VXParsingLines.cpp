@@ -12,7 +12,7 @@ bool isPassedOver(const char* line) {
     return *line == '\0' || *line == '\n' || *line == '\r' || *line == '#';
 }
 
-// A copy of a text that is there; null for an empty one.
+// The text, null for an empty one.
 char* orNull(char* text) {
     return text && *text ? text : nullptr;
 }

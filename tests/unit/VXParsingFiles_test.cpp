@@ -83,7 +83,8 @@ TEST_F(MethodTexts, AnEntryLineClassifiesItsMethod) {
     }
     const mPP* method = find("a.B.c");
     EXPECT_EQ(method->argumentCount, 2U);
-    EXPECT_EQ(std::string(method->arguments, 11), std::string("int\0string", 11));
+    EXPECT_STREQ(method->arguments, "int");
+    EXPECT_STREQ(method->arguments + 4, "string");
     EXPECT_STREQ(method->returnType, "void");
     EXPECT_STREQ(method->moduleName, "m");
     EXPECT_STREQ(find("log")->calloutText, "7");
