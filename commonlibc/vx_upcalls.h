@@ -42,8 +42,6 @@ namespace vx {
     X(vxbt_read_rule_file, int(const char* pathOrText))                                                 \
     X(vxbt_read_threshold_file, int(const char* pathOrText))                                            \
     X(vxbt_execute_custom_rule, char*(const char* url, char* out))                                      \
-    X(searchUrlMachine, std::int32_t(const char* url, const char* query, const char* method))           \
-    X(getBTHeader, std::int32_t(char* headerValue, std::int32_t id))                                    \
     X(parse_global_tags, void(const char* text))                                                        \
     X(resolveTransactionTag, void(vxTD * slot))                                                         \
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "commonlibc/context/VXRuleSet.h"
+
 namespace vx {
 
 struct VXMap;
@@ -110,6 +112,7 @@ struct VXBTState_t {
     BTObject* lastManaged;
     apr_thread_mutex_t* btMapMutex;
     std::atomic<VXBTGlobalRule*> global_rule;  // swapped under the decode lock
+    std::atomic<VXBTRuleSet*> ruleSet;         // null: none yet; swapped under the decode lock
     std::atomic<std::int32_t> applicableRule;  // 0 none, 1 global, 7 pattern
     std::atomic<std::int32_t> customRuleMode;
     std::atomic<std::int32_t> allSlowThreshold, allVerySlowThreshold;  // ms

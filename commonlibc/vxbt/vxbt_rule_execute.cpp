@@ -8,6 +8,8 @@
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxbt/vxbt_header_stage.h"
+#include "commonlibc/vxbt/vxbt_state_machine.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -105,9 +107,18 @@ std::size_t firstSegmentsLength(const char* url, std::int32_t count) {
     return i;
 }
 
+// Of the two machines: an id, 0 or below where they find nothing.
+std::int32_t idOfPatternRule(const char* url, const char* query, char* headerValue, const char* method) {
+    const VXBTRuleSet* rules = vxCurrent()->bt.ruleSet.load(std::memory_order_acquire);
+    if (!rules) return kBtIdOthers;
+    const auto length = static_cast<std::int64_t>(std::strlen(url));
+    const std::int32_t id = vxlb_state_machine_search(&rules->urlMachine, url, length, query, method);
+    if (id <= kBtIdOthers) return id;
+    return getBTHeader(&rules->headerMachine, headerValue, headerValue ? std::strlen(headerValue) : 0, id);
+}
+
 BTObject* objectOfPatternRule(const char* url, const char* query, char* headerValue, const char* method) {
-    std::int32_t id = VX_UPCALL(searchUrlMachine, url, query, method);
-    if (id > kBtIdOthers) id = VX_UPCALL(getBTHeader, headerValue, id);
+    std::int32_t id = idOfPatternRule(url, query, headerValue, method);
     VX_TRACE(2, kBtMon, kInfo, "Pattern rule : Got id = '%d' for complete_url = '%s'", id, url);
     if (id == kBtIdExcluded) {
         VX_TRACE(1, kBtMon, kInfo, "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,

@@ -2,7 +2,7 @@
 
 #include "commonlibc/flowpath/VXManageTierCallOut.h"
 #include "commonlibc/flowpath/VXMethodTrace.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_state_machine.h"
 #include "tests/support/flowpath_fixture.h"
 
 namespace vx::test {
@@ -175,12 +175,16 @@ TEST_F(Transactions, ThresholdsForAllReplaceTheBtsOwnWhileConnected) {
 }
 
 TEST_F(Transactions, WithoutBtTheyLeaveNothing) {
-    app->bt.applicableRule = 7;
-    vxUpcalls.searchUrlMachine = [](const char*, const char*, const char*) { return kBtIdExcluded; };
+    app->bt.applicableRule = kPatternRule;
+    VXBTRuleSet rules{};  // a partial rule of "*" that excludes
+    ASSERT_EQ(vxlb_state_machine_init(&rules.urlMachine, 1), 0);
+    ASSERT_EQ(vxlb_state_machine_add(&rules.urlMachine, "*", 1, nullptr, 0, kBtIdExcluded, 1, 0), 0);
+    app->bt.ruleSet = &rules;
     vxTD* slot = start();
     EXPECT_TRUE(slot->tlIsFPExcluded);
     endFP(slot, 200, atMs(5100), 0, 0);
-    vxUpcalls.searchUrlMachine = nullptr;
+    app->bt.ruleSet = nullptr;
+    vxlb_state_machine_free(&rules.urlMachine);
     EXPECT_TRUE(flowpathRecords().empty());
     EXPECT_EQ(slot->sequenceBlobLen, 0);
     reset(slot);

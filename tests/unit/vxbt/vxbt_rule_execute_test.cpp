@@ -5,6 +5,7 @@
 #include <string>
 
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_state_machine.h"
 #include "tests/support/by_name.h"
 #include "tests/support/knowledge_fixture.h"
 
@@ -148,27 +149,57 @@ TEST_F(RuleExecution, WithoutARuleEveryUrlIsOthers) {
     EXPECT_STREQ(execute({.header = "A=1&"})->btName, "Others");
 }
 
-std::int32_t urlAnswer, headerAnswer;  // of the machines of pattern rules
+// Pattern rules in place of the global one.
+class PatternRule : public RuleExecution {
+protected:
+    void SetUp() override {
+        RuleExecution::SetUp();
+        vxlb_state_machine_init(&rules.urlMachine, 0);
+        app->bt.ruleSet = &rules;
+        app->bt.applicableRule = kPatternRule;
+    }
+    void TearDown() override {
+        app->bt.ruleSet = nullptr;
+        vxlb_state_machine_free(&rules.urlMachine);
+        vxlb_state_machine_free(&rules.headerMachine);
+        RuleExecution::TearDown();
+    }
+    void add(const std::string& url, std::int32_t id, const std::string& header = "") {
+        vxlb_state_machine_add(&rules.urlMachine, url.c_str(), url.size(), nullptr, 0, id, 1, 0);
+        if (header.empty()) return;
+        if (!rules.headerMachine.capacity) vxlb_state_machine_init(&rules.headerMachine, 0);
+        vxlb_state_machine_add_header(&rules.headerMachine, header.c_str(), header.size(), id, 0);
+    }
 
-TEST_F(RuleExecution, APatternRuleTakesTheBtOfTheSlot) {
-    const VXUpcalls before = vxUpcalls;
-    vxUpcalls.searchUrlMachine = [](const char*, const char*, const char*) { return urlAnswer; };
-    vxUpcalls.getBTHeader = [](char*, std::int32_t) { return headerAnswer; };
-    app->bt.applicableRule = kPatternRule;
+    VXBTRuleSet rules{};
+};
+
+TEST_F(PatternRule, TakesTheBtOfTheSlot) {
     BTObject* others = btOf("Others");
     BTObject* second = btOf("second");
-    struct Row {
-        std::int32_t ofUrl, ofHeader;
+    add("/second", 2, "Shop=eu");
+    add("/free", 3);
+    add("/others", 1);
+    add("/none", kBtIdExcluded);
+    add("/far", 5000);
+    const struct {
+        Request request;
         BTObject* expected;
+    } rows[] = {
+        {{.url = "/second/x", .header = "A=1&Shop=eu"}, second},
+        {{.url = "/second/x", .header = "A=1&Shop=us"}, others},
+        {{.url = "/second/x"}, others},
+        {{.url = "/others"}, others},
+        {{.url = "/unknown"}, others},
+        {{.url = "/none", .header = "Shop=eu"}, nullptr},
+        {{.url = "/far"}, nullptr},
+        {{.url = "/free"}, nullptr},
     };
-    for (const Row& row :
-         {Row{2, 2, second}, Row{2, 0, others}, Row{2, -2, nullptr}, Row{1, 2, others}, Row{0, 2, others},
-          Row{-2, 2, nullptr}, Row{5000, 5000, nullptr}, Row{3, 3, nullptr}}) {
-        urlAnswer = row.ofUrl;
-        headerAnswer = row.ofHeader;
-        EXPECT_EQ(execute({}), row.expected) << row.ofUrl << ' ' << row.ofHeader;
-    }
-    vxUpcalls = before;
+    for (const auto& row : rows) EXPECT_EQ(execute(row.request), row.expected) << row.request.url;
+
+    app->bt.ruleSet = nullptr;
+    EXPECT_EQ(execute({.url = "/second"}), others);
+    app->bt.ruleSet = &rules;
 }
 
 TEST_F(RuleExecution, ACustomRuleWinsOverTheGlobalOne) {
