@@ -13,7 +13,6 @@
 #include "commonlibc/VXFileFetch.h"
 #include "commonlibc/VXFileHead.h"
 #include "commonlibc/VXMethodClasses.h"
-#include "commonlibc/VXMethodManager.h"
 #include "commonlibc/VXParsingFiles.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
@@ -104,7 +103,6 @@ void useHeld(kywdInfo_t& entry, const char* keyword, int index) {
 void noFile(const char* keyword) {
     VX_TRACE(1, kControlThread, kInfo, "Found =NA for keyword '%s', returning ", keyword);
     if (strcasecmp(keyword, "vxMethodMonFile") != 0) return;
-    const VXMethodLock lock;
     if (methodHashMapNode_t* node = vxCurrent()->method.methodHashMapNode)
         resetmethodHashMapNode(node, kMonitorTexts);
 }

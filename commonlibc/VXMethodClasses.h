@@ -51,7 +51,8 @@ VXMethodClass vxTakeClass(mPP& method, const VXMethodDelivery& delivery);
 void vxPutClass(mPP& method, const VXMethodClass& methodClass);
 // Resets what the text did not name. Takes the lock in portions.
 void vxEndDelivery(const VXMethodDelivery& delivery);
-// Resets every record of a kind: 1 profile, 2 method monitor, 3 entry points. Takes the lock in portions.
+// Resets every record of a kind: 1 profile, 2 method monitor, 3 entry points. Takes the lock in portions and
+// pauses between them: not to be called with the lock held.
 void resetmethodHashMapNode(methodHashMapNode_t* node, int kind);
 
 }  // namespace vx
