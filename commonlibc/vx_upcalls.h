@@ -41,7 +41,6 @@ namespace vx {
     /* from business transactions, methods and monitors */                                              \
     X(vxbt_read_rule_file, int(const char* pathOrText))                                                 \
     X(vxbt_read_threshold_file, int(const char* pathOrText))                                            \
-    X(vxbt_execute_custom_rule, char*(const char* url, char* out))                                      \
     X(parse_global_tags, void(const char* text))                                                        \
     X(resolveTransactionTag, void(vxTD * slot))                                                         \
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \

@@ -1,12 +1,10 @@
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstring>
 
 #include "commonlibc/VXMonitorModel.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_automaton.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_header_stage.h"
 #include "commonlibc/vxbt/vxbt_state_machine.h"
@@ -22,10 +20,19 @@ namespace {
 constexpr std::size_t kParamValueSize = 257;
 constexpr std::size_t kSegmentedUrlSize = 256;
 constexpr int kMaxUrlTokens = 32;
-constexpr const char* kMethodNames[] = {"GET", "POST", "PUT", "DELETE"};
+constexpr const char* kNoCustomRule = "others";  // another BT than the one with a capital
 
 const VXBTGlobalRule* globalRule() {
     return vxCurrent()->bt.global_rule.load(std::memory_order_acquire);
+}
+
+const VXBTRuleSet* ruleSet() {
+    return vxCurrent()->bt.ruleSet.load(std::memory_order_acquire);
+}
+
+// Custom rules are asked once they have a machine.
+bool hasCustomRules(const VXBTRuleSet* set) {
+    return set && set->customRule.mode != 0 && set->customMachine.total_states > 0;
 }
 
 bool isEmpty(const char* text) {
@@ -109,7 +116,7 @@ std::size_t firstSegmentsLength(const char* url, std::int32_t count) {
 
 // Of the two machines: an id, 0 or below where they find nothing.
 std::int32_t idOfPatternRule(const char* url, const char* query, char* headerValue, const char* method) {
-    const VXBTRuleSet* rules = vxCurrent()->bt.ruleSet.load(std::memory_order_acquire);
+    const VXBTRuleSet* rules = ruleSet();
     if (!rules) return kBtIdOthers;
     const auto length = static_cast<std::int64_t>(std::strlen(url));
     const std::int32_t id = vxlb_state_machine_search(&rules->urlMachine, url, length, query, method);
@@ -148,8 +155,8 @@ BTObject* get_obj_from_bt_name(const char* url, const char* uRLParameters, char*
     if (bt.applicableRule.load(std::memory_order_relaxed) == kPatternRule)
         return objectOfPatternRule(url, uRLParameters, headerValue, httpMethod);
 
-    if (bt.customRuleMode.load(std::memory_order_relaxed)) {
-        VX_UPCALL(vxbt_execute_custom_rule, url, name);
+    if (hasCustomRules(ruleSet())) {
+        vxbt_execute_custom_rule(url, name);
     } else {
         vxbt_execute_global_rule(url, uRLParameters, httpMethod, headerPart, name);
     }
@@ -181,6 +188,13 @@ char* vxbt_execute_global_rule(const char* url, const char* uRLParameters, const
         default:
             return nullptr;
     }
+}
+
+char* vxbt_execute_custom_rule(const char* url, char* out) {
+    const VXBTRuleSet* set = ruleSet();
+    const char* name = set ? search_match_machine(url, &set->customMachine, &set->customRule) : nullptr;
+    vxlb_copy_text(out, kBtNameBufferSize, name ? name : kNoCustomRule);
+    return out;
 }
 
 char* get_bt_name_from_url(const char* url, char* out) {
@@ -235,19 +249,6 @@ char* getBtBaseOnHeader(char* headerValue) {
     if (!equals) return nullptr;
     *equals = '\0';
     return equals + 1;
-}
-
-int getHTTPMethodValue(const char* text) {
-    if (!text) {
-        VX_TRACE(1, kBtMon, kError, "Method passed is NULL");
-        return kHttpMethodUnknown;
-    }
-    for (int value = 0; const char* name : kMethodNames) {
-        if (strcasecmp(text, name) == 0) return value;
-        ++value;
-    }
-    VX_TRACE(1, kBtMon, kError, "Invalid method name is passed");
-    return kHttpMethodUnknown;
 }
 
 }  // namespace vx

@@ -58,7 +58,6 @@ const std::set<std::string> kStillEmpty = {
     "start_control_connection_service",
     "updateMethodInHash",
     "vxProxyInitLws",
-    "vxbt_execute_custom_rule",
     "vxbt_read_rule_file",
     "vxbt_read_threshold_file",
 };

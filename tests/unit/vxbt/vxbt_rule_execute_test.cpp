@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_automaton.h"
 #include "commonlibc/vxbt/vxbt_state_machine.h"
 #include "tests/support/by_name.h"
 #include "tests/support/knowledge_fixture.h"
@@ -202,16 +202,24 @@ TEST_F(PatternRule, TakesTheBtOfTheSlot) {
     app->bt.ruleSet = &rules;
 }
 
-TEST_F(RuleExecution, ACustomRuleWinsOverTheGlobalOne) {
-    app->bt.customRuleMode = 2;
-    vxUpcalls.vxbt_execute_custom_rule = [](const char*, char* out) {
-        vxlb_copy_text(out, kBtNameBufferSize, "others");
-        return out;
-    };
-    const BTObject* object = execute({});
-    vxUpcalls.vxbt_execute_custom_rule = nullptr;
+TEST_F(RuleExecution, CustomRulesWinOverTheGlobalOneOnceTheyHaveAMachine) {
+    VXBTRuleSet rules{};
+    vxlb_build_lexicon(&rules.customRule);
+    rules.customRule.mode = 2;
+    add_to_lexicon(&rules.customRule, "/pay", 1, "Pay", kMatchEndsWith);
+    app->bt.ruleSet = &rules;
+    EXPECT_STREQ(execute({.url = "/shop/pay"})->btName, "/shop/pay") << "no machine";
+
+    ASSERT_GT(vxlb_init_automaton(&rules.customMachine, &rules.customRule), 0);
+    EXPECT_STREQ(execute({.url = "/shop/pay"})->btName, "Pay");
+    BTObject* object = execute({.url = "/shop"});
     EXPECT_STREQ(object->btName, "others");
-    EXPECT_EQ(object->btId, 2) << "not the one with a capital";
+    EXPECT_NE(object->btId, kBtIdOthers) << "not the one with a capital";
+
+    app->bt.applicableRule = kPatternRule;
+    EXPECT_EQ(execute({.url = "/shop/pay"}), nullptr) << "no pattern machine: Others, which is not there";
+    app->bt.ruleSet = nullptr;
+    vxlb_free_automaton(&rules.customMachine);
 }
 
 }  // namespace
