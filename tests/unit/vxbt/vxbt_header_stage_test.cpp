@@ -1,0 +1,87 @@
+#include "commonlibc/vxbt/vxbt_header_stage.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "commonlibc/vxbt/vxbt_state_machine.h"
+
+namespace vx::test {
+namespace {
+
+class HeaderStage : public testing::Test {
+protected:
+    void SetUp() override { vxlb_state_machine_init(&machine, 0); }
+    void TearDown() override { vxlb_state_machine_free(&machine); }
+    int add(const std::string& expression, std::int32_t id, std::int32_t matchType = 0) {
+        return vxlb_state_machine_add_header(&machine, expression.data(), expression.size(), id, matchType);
+    }
+    // The answer for a header text; `text` then holds what it was decoded to.
+    std::int32_t ask(const std::string& header, std::int32_t id) {
+        text = header;
+        return getBTHeader(&machine, text.data(), text.size(), id);
+    }
+
+    vxlb_state_machine machine{};
+    std::string text;
+};
+
+TEST_F(HeaderStage, APairOfTheRequestHasToBeOneOfTheIds) {
+    ASSERT_EQ(add("Shop=eu", 2), 0);
+    ASSERT_EQ(add("Shop=us", 2, 1), 0);
+    ASSERT_EQ(add("5=x", 2), 0);
+    ASSERT_EQ(add("Tier=gold", 31), 0);
+    const struct {
+        const char* header;
+        std::int32_t id, expected;
+    } rows[] = {
+        {"Shop=eu", 2, 2},
+        {"A=1&Shop=eu&B=2", 2, 2},
+        {"A=1&&Shop=us&", 2, 2},
+        {"Shop=eux", 2, 0},
+        {"Shop=e", 2, 0},
+        {"&&", 2, 0},
+        {"xShop=eu", 2, 0},
+        {"Shop%3Deu", 2, 2},
+        {"A%26Shop=eu", 2, 2},
+        {"Tier=gold", 2, 0},
+        {"Tier=gold", 31, 31},
+        {"Shop=eu", 31, 0},
+        {"Shop=eu", 3, 3},
+        {"", 3, 3},
+        {"", 2, -1},
+        {"Sh\xc3\xb6p=eu", 2, 0},
+        {"=x", 25, 25},
+        {"5=x", 2, 2},
+        {"Shop=eu", -2147483647, -2147483647},
+    };
+    for (const auto& row : rows) EXPECT_EQ(ask(row.header, row.id), row.expected) << row.header << row.id;
+    EXPECT_EQ(getBTHeader(&machine, nullptr, 0, 2), -1);
+    EXPECT_EQ(getBTHeader(&machine, nullptr, 0, 3), 3);
+    EXPECT_EQ(getBTHeader(nullptr, nullptr, 0, 2), 2);
+}
+
+TEST_F(HeaderStage, ARefusedRuleLeavesItsIdWithoutOne) {
+    EXPECT_EQ(add("", 2), -1);
+    EXPECT_EQ(add("Shop=\xc3\xa4", 2), -1);
+    EXPECT_EQ(ask("A=1", 2), 2);
+}
+
+TEST_F(HeaderStage, EscapesAreDecodedInPlace) {
+    const std::string header = "%124|%2C%2E%2F%39%34%3A%3D%5C%5E%60%2c%12%7C%%2C%2";
+    add("A", 2);
+    ask(header, 2);
+    const std::string decoded = "||,./'\":=\\^ %2c%12%7C%,%2";
+    EXPECT_EQ(text.substr(0, decoded.size()), decoded);
+}
+
+TEST_F(HeaderStage, OnlySoManyPairsAreLookedAt) {
+    add("Shop=eu", 2);
+    std::string pairs;
+    for (int i = 0; i < 2047; ++i) pairs += "a&";
+    EXPECT_EQ(ask(pairs + "Shop=eu", 2), 2);
+    EXPECT_EQ(ask(pairs + "a&Shop=eu", 2), 0);
+}
+
+}  // namespace
+}  // namespace vx::test
