@@ -1,7 +1,6 @@
 #include "commonlibc/vxbt/vxbt_header_stage.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
 
 #include "commonlibc/vxbt/vxbt_state_machine.h"
@@ -10,7 +9,7 @@ namespace vx {
 
 namespace {
 
-constexpr std::size_t kMaxPairs = 2048, kIdDigits = 12;
+constexpr std::size_t kMaxPairs = 2048;
 
 // What agents write for the characters that separate things in their texts: not the usual codes throughout.
 struct Escape {
@@ -48,19 +47,12 @@ std::int32_t walk(const vxlb_state_machine& machine, std::int32_t state, std::st
     return state;
 }
 
-// The state behind the key of an id; 0: it has no header rule.
-std::int32_t walkId(const vxlb_state_machine& machine, std::int32_t id) {
-    char key[kIdDigits];
-    char* end = std::to_chars(key, key + sizeof(key), id).ptr;
-    *end++ = '&';
-    return walk(machine, 0, {key, static_cast<std::size_t>(end - key)});
-}
-
 }  // namespace
 
 std::int32_t getBTHeader(const vxlb_state_machine* machine, char* text, std::size_t length, std::int32_t id) {
     if (!vxlb_state_machine_usable(machine)) return id;
-    const std::int32_t start = walkId(*machine, id);
+    char key[kHeaderKeySize];
+    const std::int32_t start = walk(*machine, 0, vxlb_state_machine_header_key(id, key));
     if (!start) return id;
     if (!text || !length) return -1;
 

@@ -14,7 +14,6 @@ namespace {
 constexpr const char* kBlockName = "state_machine";
 constexpr std::int32_t kGrowthStep = 128, kRowGrowth = 16;
 constexpr std::int32_t kNothing = -1;  // the answer where nothing is found
-constexpr std::size_t kIdDigits = 12;
 
 using Machine = vxlb_state_machine;
 
@@ -176,7 +175,7 @@ std::int32_t walkQuery(const Request& request, std::int32_t start, std::int32_t 
             if (found != kNothing) return found;
             s = start;
         } else if (previous == '&' || s != start) {  // a parameter begins here, or goes on
-            if (c == '=' && at[1]) equals = next;
+            if (c == '=') equals = next;
             s = next;
             if (c != '&' && at[1]) continue;
             const std::int32_t found = parameterAt(request, s, otherwise, skipped);
@@ -285,15 +284,19 @@ int vxlb_state_machine_add(vxlb_state_machine* machine, const char* pattern, std
     return 0;
 }
 
+std::string_view vxlb_state_machine_header_key(std::int32_t id, char (&buffer)[kHeaderKeySize]) {
+    char* end = std::to_chars(buffer, buffer + sizeof(buffer), id).ptr;
+    *end++ = '&';
+    return {buffer, static_cast<std::size_t>(end - buffer)};
+}
+
 int vxlb_state_machine_add_header(vxlb_state_machine* machine, const char* expression, std::size_t length,
                                   std::int32_t id, std::int32_t matchType) {
     if (!vxlb_state_machine_usable(machine) || !expression || !length) return -1;
     const std::string_view text(expression, length);
     if (!allInRange(text)) return -1;
-    char key[kIdDigits];
-    char* end = std::to_chars(key, key + sizeof(key), id).ptr;
-    *end++ = '&';
-    const std::string_view prefix(key, static_cast<std::size_t>(end - key));
+    char key[kHeaderKeySize];
+    const std::string_view prefix = vxlb_state_machine_header_key(id, key);
     if (!reserve(*machine, prefix.size() + text.size())) return -1;
     const std::int32_t state = followAll(*machine, followAll(*machine, 0, prefix), text);
     setId(machine->states[state], id, matchType);

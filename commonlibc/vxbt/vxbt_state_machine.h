@@ -23,12 +23,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "commonlibc/context/VXRuleSet.h"
 
 namespace vx {
 
 inline constexpr std::int32_t kMachineStatesLimit = 1 << 20;
+inline constexpr std::size_t kHeaderKeySize = 16;
 
 // Room for `maxStates` states (below 1: 128, at most 65,536) and the start state; it grows as patterns come.
 // What `machine` held is freed. 0, or -1 without memory: the machine then is not usable.
@@ -42,6 +44,8 @@ void vxlb_state_machine_free(vxlb_state_machine* machine);
 int vxlb_state_machine_add(vxlb_state_machine* machine, const char* pattern, std::size_t patternLength,
                            const char* second, std::size_t secondLength, std::int32_t id,
                            std::int32_t matchType, std::int32_t mode);
+// What the header expressions of an id stand behind: the id and "&", so that ids cannot run into each other.
+std::string_view vxlb_state_machine_header_key(std::int32_t id, char (&buffer)[kHeaderKeySize]);
 // Adds the header expression of a rule under its id; answers as above.
 int vxlb_state_machine_add_header(vxlb_state_machine* machine, const char* expression, std::size_t length,
                                   std::int32_t id, std::int32_t matchType);

@@ -79,17 +79,11 @@ INSTANTIATE_TEST_SUITE_P(
         {"the_longest_prefix_wins",
          {{"/a", kPartial, 5}, {"/a/b", kPartial, 6}, {"*", kPartial, 9}},
          {{5, "/a/x"}, {6, "/a/bc"}, {9, "/x"}, {9, "x"}}},
-        {"exact_wins_over_partial_of_the_same_text",
-         {{"/a", kPartial, 5}, {"/a", kExact, 6}},
-         {{6, "/a"}, {5, "/ab"}}},
-        {"the_later_of_two_rules", {{"/a", kExact, 5}, {"/a", kExact, 6}}, {{6, "/a"}}},
-        {"exclusion_is_an_id", {{"/a", kPartial, 5}, {"/a/b", kPartial, -2}}, {{5, "/a"}, {-2, "/a/b/c"}}},
         {"a_last_star_of_an_exact_rule", {{"/a*", kExact, 5}}, {{5, "/a"}, {-1, "/abc"}}},
         {"a_last_star_of_a_partial_rule", {{"/a*", kPartial, 5}}, {{5, "/a"}, {5, "/abc"}, {-1, "/b"}}},
         {"a_star_within",
          {{"/a*z", kExact, 5}},
          {{5, "/aqqz"}, {5, "/az"}, {5, "/azz"}, {5, "/azqz"}, {-1, "/aqqy"}, {-1, "/azq"}, {-1, "/a"}}},
-        {"a_star_in_front", {{"*.gif", kExact, 5}}, {{5, "/a/b.gif"}, {5, ".gif.gif"}, {-1, "/b.gifs"}}},
         {"a_run_of_stars_is_one",
          {{"/a***z", kExact, 5}, {"/b**", kPartial, 6}},
          {{5, "/aqz"}, {-1, "/a*"}, {6, "/bq"}, {6, "/b"}}},
@@ -129,9 +123,6 @@ INSTANTIATE_TEST_SUITE_P(
           {-1, "/a", nullptr, "GE"},
           {-1, "/a", nullptr, ""},
           {-1, "/a"}}},
-        {"method_of_any_url",
-         {{"*", kPartial, 5, "", "PUT"}},
-         {{5, "/x", nullptr, "PUT"}, {-1, "/x", nullptr, "GET"}}},
         {"query_and_method",
          {{"/a", kExact, 5, "id=1", "GET"}, {"/a", kExact, 6, "id=1", "PUT"}, {"/a", kExact, 7, "id=1"}},
          {{5, "/a", "x=1&id=1&y", "GET"},
@@ -160,6 +151,12 @@ INSTANTIATE_TEST_SUITE_P(
         {"a_name_alone_is_found_by_a_value_that_differs_later",
          {{"/a", kExact, 5, "id="}, {"/a", kExact, 6, "id=12"}},
          {{6, "/a", "id=12"}, {5, "/a", "id=13"}, {-1, "/a", "id=1"}}},
+        {"a_query_may_be_taken_for_the_end_of_the_url",
+         {{"/a*z", kExact, 5}},
+         {{5, "/a", "z"}, {-1, "/ab", "z"}}},
+        {"a_strange_method_loses_the_shorter_prefix_too",
+         {{"/", kPartial, 3}, {"/a", kExact, 5, "id=1", "GET"}},
+         {{3, "/a", "id=1", "PUT"}, {-1, "/a", "id=1", "G\x01"}}},
         {"after_a_star_only_partial_rules_have_a_method",
          {{"/a*b", kExact, 5, "", "GET"}, {"/c*d", kPartial, 6, "", "GET"}},
          {{5, "/ab", nullptr, "GET"}, {-1, "/a-b", nullptr, "GET"}, {6, "/c-d", nullptr, "GET"}}},
@@ -187,10 +184,10 @@ TEST(StateMachineAdd, WithoutAStartStateNothingIsAddedAndEveryUrlIsOthers) {
     EXPECT_EQ(none.states, nullptr);
     EXPECT_EQ(vxlb_state_machine_search(&none, "/a", 2, nullptr, nullptr), 1);
     EXPECT_EQ(vxlb_state_machine_search(nullptr, "/a", 2, nullptr, nullptr), 1);
-    const Machine empty;
+    Machine empty;
     EXPECT_EQ(empty.find("/a"), -1);
-    EXPECT_EQ(vxlb_state_machine_search(const_cast<Machine&>(empty).get(), nullptr, 2, nullptr, nullptr), 1);
-    EXPECT_EQ(vxlb_state_machine_search(const_cast<Machine&>(empty).get(), "/a", -1, nullptr, nullptr), -1);
+    EXPECT_EQ(vxlb_state_machine_search(empty.get(), nullptr, 2, nullptr, nullptr), 1);
+    EXPECT_EQ(vxlb_state_machine_search(empty.get(), "/a", -1, nullptr, nullptr), -1);
 }
 
 TEST(StateMachineAdd, TablesGrowWithTheRules) {
