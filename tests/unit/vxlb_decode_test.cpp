@@ -11,7 +11,6 @@
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem_pool.h"
 #include "tests/support/app_fixture.h"
-#include "tests/support/by_name.h"
 #include "tests/support/record_stream.h"
 
 namespace vx {
@@ -22,11 +21,6 @@ using Names = std::vector<std::string>;
 
 Names accepted;  // class names of the records that came through
 
-void rememberException(vxTD*, std::int64_t, const char* className, const char*, const char*, const char*,
-                       const char*, std::int32_t, const char*, std::int64_t) {
-    accepted.emplace_back(className ? className : "(none)");
-}
-
 // One flowpath, 77, whose exceptions are remembered.
 class DecodeStream : public AppFixture {
 protected:
@@ -35,7 +29,9 @@ protected:
         app->flowpath.fpi_tls_map = create_hashmap(app->pool);
         app->Server.testRunRunning = 1;
         vxFileSlot(get_free_tls_slot(), "77");
-        vxUpcalls.handleExceptionParameters = rememberException;
+        vxUpcalls.handleExceptionParameters =
+            [](vxTD*, std::int64_t, const char* className, const char*, const char*, const char*, const char*,
+               std::int32_t, const char*, std::int64_t) { accepted.emplace_back(className); };
         accepted.clear();
     }
     void TearDown() override {
@@ -60,62 +56,42 @@ std::string firstOf(const std::string& bytes, std::size_t count) {
     return bytes.substr(0, count);
 }
 
-struct Case {
-    const char* name;
-    std::string read;
-    Names records;
-    std::string carried;
-};
-class DecodeRead : public DecodeStream, public testing::WithParamInterface<Case> {};
+const Names kOneGood{"good"};
 
-TEST_P(DecodeRead, BringsRecordsAndCarriesTheRest) {
-    readBytes(*app, GetParam().read);
-    EXPECT_EQ(accepted, GetParam().records);
-    EXPECT_EQ(carried(), GetParam().carried);
+// What one read gives and what it leaves. A corrupt frame takes 15 bytes and counts 14; a wrong header length
+// costs two. What is claimed beyond the end is neither read nor kept.
+TEST_F(DecodeStream, PassesOverWhatIsNoFrameAndStaysInsideItsBytes) {
+    const std::string corrupt = rawFrame(12, 15, 7, "x"), longest = rawFrame(12, INT32_MAX, 7, "a\n");
+    const std::string allButOne = firstOf(kGood, kGood.size() - 1);
+    const struct {
+        const char* name;
+        std::string read;
+        Names records;
+        std::string carried;
+    } rows[] = {
+        {"an unfinished keep-alive", "noise 10,10," + kGood, kOneGood, ""},
+        {"header length 13", rawFrame(13, 20, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total length 9", rawFrame(12, 9, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total length negative", rawFrame(12, INT32_MIN, 7, "abcde\n") + kGood, kOneGood, ""},
+        {"total length 10 ends in its type", rawFrame(12, 10, 10, "") + "." + kGood, kOneGood, ""},
+        {"total length 14 has no body", firstOf(rawFrame(12, 14, 7, ""), 13) + "\n." + kGood, kOneGood, ""},
+        {"type 8", rawFrame(12, 20, 8, "abcde\n") + kGood, kOneGood, ""},
+        {"type below 0", rawFrame(12, 20, -1, "abcde\n") + kGood, kOneGood, ""},
+        {"a corrupt frame is all", corrupt, {}, ""},
+        {"a corrupt frame of 14 bytes", rawFrame(12, 10, 10, ""), {}, ""},
+        {"a mark follows", corrupt + "^", {}, "^"},
+        {"13 bytes follow", corrupt + firstOf(kGood, 13), {}, firstOf(kGood, 13)},
+        {"all but one byte follows", corrupt + allButOne, {}, allButOne},
+        {"total length at its maximum", longest, {}, longest},
+    };
+    for (const auto& row : rows) {
+        accepted.clear();
+        app->decoder.partialLength = 0;
+        readBytes(*app, row.read);
+        EXPECT_EQ(accepted, row.records) << row.name;
+        EXPECT_EQ(carried(), row.carried) << row.name;
+    }
 }
-
-const Names kNone, kOneGood{"good"}, kBoth{"good", "other"};
-
-INSTANTIATE_TEST_SUITE_P(TakesWholeRecords, DecodeRead,
-                         testing::ValuesIn<Case>({
-                             {"two_behind_each_other", kGood + kOther, kBoth, ""},
-                             {"only_newlines", "\n\n\n\n", kNone, ""},
-                             {"behind_a_keep_alive", "10,\n" + kGood, kOneGood, ""},
-                             {"behind_noise", "noise 10,10," + kGood + "!" + kOther, kBoth, ""},
-                             {"an_unfinished_keep_alive_is_noise", "10," + kGood, kOneGood, ""},
-                         }),
-                         byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    SkipsCorruptFrames, DecodeRead,
-    testing::ValuesIn<Case>({
-        // A wrong header length costs exactly two bytes, so that the next mark is found.
-        {"header_length_13", "^\x0d" + kGood, kOneGood, ""},
-        {"header_length_13_in_full", rawFrame(13, 20, 7, "abcde\n") + kGood, kOneGood, ""},
-        {"total_length_9", rawFrame(12, 9, 7, "abcde\n") + kGood, kOneGood, ""},
-        {"total_length_negative", rawFrame(12, INT32_MIN, 7, "abcde\n") + kGood, kOneGood, ""},
-        {"total_length_10_ends_in_its_type", rawFrame(12, 10, 10, "") + "." + kGood, kOneGood, ""},
-        {"total_length_14_has_no_body", firstOf(rawFrame(12, 14, 7, ""), 13) + "\n." + kGood, kOneGood, ""},
-        {"no_end_mark", withoutEndMark(kGood) + kOther, {"other"}, ""},
-        {"type_8", rawFrame(12, 20, 8, "abcde\n") + kGood, kOneGood, ""},
-        {"type_below_0", rawFrame(12, 20, -1, "abcde\n") + kGood, kOneGood, ""},
-    }),
-    byName);
-
-// A corrupt frame takes 15 bytes and counts 14: what is claimed beyond the end is neither read nor kept.
-INSTANTIATE_TEST_SUITE_P(
-    StaysInsideItsBytes, DecodeRead,
-    testing::ValuesIn<Case>({
-        {"corrupt_frame_is_all", rawFrame(12, 15, 7, "x"), kNone, ""},
-        {"corrupt_frame_of_14_bytes", rawFrame(12, 10, 10, ""), kNone, ""},
-        {"a_mark_follows", rawFrame(12, 15, 7, "x") + "^", kNone, "^"},
-        {"13_bytes_follow", rawFrame(12, 15, 7, "x") + firstOf(kGood, 13), kNone, firstOf(kGood, 13)},
-        {"all_but_one_byte_follows", rawFrame(12, 15, 7, "x") + firstOf(kGood, kGood.size() - 1), kNone,
-         firstOf(kGood, kGood.size() - 1)},
-        {"total_length_at_its_maximum", rawFrame(12, INT32_MAX, 7, "a\n"), kNone,
-         rawFrame(12, INT32_MAX, 7, "a\n")},
-    }),
-    byName);
 
 // The stream of every kind of thing that a connection carries, cut in two at every byte.
 TEST_F(DecodeStream, GivesTheSameRecordsWhereverItIsCut) {
@@ -137,15 +113,12 @@ TEST_F(DecodeStream, GivesTheSameRecordsWhereverItIsCut) {
 }
 
 TEST_F(DecodeStream, ClearsTheCarryOverWhenThereIsNothingToRead) {
-    for (const std::int32_t count : {0, -1, INT32_MIN}) {
+    for (const auto& [bytes, count] : {std::pair("^^", 0), {"^^", INT32_MIN}, {nullptr, 5}}) {
         readBytes(*app, "^");
         ASSERT_EQ(carried(), "^");
-        decodeMessage("^^", count, 0, 0, nullptr);
+        decodeMessage(bytes, count, 0, 0, nullptr);
         EXPECT_EQ(carried(), "") << count;
     }
-    readBytes(*app, "^");
-    decodeMessage(nullptr, 5, 0, 0, nullptr);
-    EXPECT_EQ(carried(), "");
 }
 
 TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
@@ -201,8 +174,7 @@ TEST_F(DecodeStream, ClearsTheFirstWordOfTheSender) {
     readBytes(*app, kGood, 1);
     EXPECT_EQ(records[1].firstWord, 0U);
     EXPECT_EQ(records[0].firstWord, 5U);
-    readBytes(*app, kGood, 2);  // no such process
-    readBytes(*app, kGood, -1);
+    for (const std::int32_t nobody : {2, -1}) readBytes(*app, kGood, nobody);
     EXPECT_EQ(records[0].firstWord, 5U);
     app->identity.processInfo = nullptr;
 }

