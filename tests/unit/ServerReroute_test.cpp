@@ -5,44 +5,38 @@
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/VXSettingsRewrite.h"
-#include "tests/support/by_name.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
 namespace {
 
-struct RewriteCase {
-    const char* name;
-    std::string former, later;
-    VXSettingsChange change = {"Web", "h9", "new.example", 4433};
-};
-class SettingsRewrite : public HomeFixture, public testing::WithParamInterface<RewriteCase> {};
-
-TEST_P(SettingsRewrite, ReplacesWhatChanges) {
-    write("vxsettings.conf", GetParam().former);
-    EXPECT_EQ(updateVXSettingFile(GetParam().change), 0);
-    EXPECT_EQ(read("vxsettings.conf"), GetParam().later);
-    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0) << "the context has the values";
-}
 const std::string kLong(900, 'x');
-INSTANTIATE_TEST_SUITE_P(
-    Files, SettingsRewrite,
-    testing::ValuesIn<RewriteCase>({
-        {"all_four", "tier=a\nserver = b\nVXCHOST=c\nvxcPort=1\n",
-         "tier=Web\nserver=h9\nvxcHost=new.example\nvxcPort=4433\n"},
-        {"what_was_not_given_stays",
-         "tier=a\nserver=b\nvxcHost=c\nvxcPort=1\n",
-         "tier=a\nserver=b\nvxcHost=d\nvxcPort=1\n",
-         {nullptr, nullptr, "d", 0}},
-        {"nothing_else_is_touched", "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast",
-         "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast"},
-        {"a_last_line_without_newline", "tags=x\nvxcHost=c", "tags=x\nvxcHost=new.example"},
-        {"what_lies_behind_1024_bytes_stays_whole",
-         "tags=" + kLong + "\nvxcHost=c\n#" + kLong + "\nvxcPort=1\n",
-         "tags=" + kLong + "\nvxcHost=new.example\n#" + kLong + "\nvxcPort=1\n"},
-    }),
-    byName);
+
+TEST_F(HomeFixture, ARewriteOfTheSettingsReplacesWhatChanges) {
+    constexpr VXSettingsChange kAll = {"Web", "h9", "new.example", 4433};
+    const struct {
+        std::string former, later;
+        VXSettingsChange change;
+    } rows[] = {
+        {"tier=a\nserver = b\nVXCHOST=c\nvxcPort=1\n",
+         "tier=Web\nserver=h9\nvxcHost=new.example\nvxcPort=4433\n", kAll},
+        {"tier=a\nserver=b\nvxcHost=c\nvxcPort=1\n", "tier=a\nserver=b\nvxcHost=d\nvxcPort=1\n",
+         VXSettingsChange{nullptr, nullptr, "d", 0}},
+        {"# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast",
+         "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast", kAll},
+        {"tags=x\nvxcHost=c", "tags=x\nvxcHost=new.example", kAll},
+        // what lies behind 1024 bytes stays whole
+        {"tags=" + kLong + "\nvxcHost=c\n#" + kLong + "\nvxcPort=1\n",
+         "tags=" + kLong + "\nvxcHost=new.example\n#" + kLong + "\nvxcPort=1\n", kAll},
+    };
+    for (const auto& row : rows) {
+        write("vxsettings.conf", row.former);
+        EXPECT_EQ(updateVXSettingFile(row.change), 0);
+        EXPECT_EQ(read("vxsettings.conf"), row.later);
+        EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0) << "the context has the values";
+    }
+}
 
 class Reroute : public LinkFixture {
 protected:

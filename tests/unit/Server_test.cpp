@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "commonlibc/VXBCISettings.h"
-#include "tests/support/by_name.h"
 #include "tests/support/dumped_records.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
@@ -39,42 +38,29 @@ protected:
     }
 };
 
-struct DispatchRow {
-    const char* name;
-    const char* line;
-    const char* reached;  // name of the handler, empty: nobody
-};
-class ServerDispatch : public Server, public testing::WithParamInterface<DispatchRow> {
-protected:
-    static void note(const char* handler) { reached += handler; }
-    inline static std::string reached;
-};
-
-TEST_P(ServerDispatch, TheFirstRowThatFitsTakesTheLine) {
-    reached.clear();
-    vxUpcalls.handleUploadDownload = [](char*) { note("file"); };
-    vxUpcalls.parseAutoInstrClientMsgAndSendResp = [](char*) { note("auto"); };
-    vxUpcalls.parseDDClientMsgAndSendResp = [](char*) { note("dynamic"); };
-    vxUpcalls.HandleVexalineMessage = [](char*) { note("envelope"); };
-    app->control.heartBeatSent = 4;
-    app->control.lastHeartBeatTime = 0;
-    handle(GetParam().line);
-    EXPECT_EQ(reached, GetParam().reached);
-    EXPECT_EQ(app->control.heartBeatSent, 0);  // any line is a sign of life
-    EXPECT_NE(app->control.lastHeartBeatTime, 0);
+TEST_F(Server, TheFirstRowThatFitsTakesTheLine) {
+    static std::string reached;
+    vxUpcalls.handleUploadDownload = [](char*) { reached += "file"; };
+    vxUpcalls.parseAutoInstrClientMsgAndSendResp = [](char*) { reached += "auto"; };
+    vxUpcalls.parseDDClientMsgAndSendResp = [](char*) { reached += "dynamic"; };
+    vxUpcalls.HandleVexalineMessage = [](char*) { reached += "envelope"; };
+    for (const auto& [line, handler] : {std::pair("download_file_req;a", "file"),
+                                        {"upload_file_req;a", "file"},
+                                        {"vx_meta_data_req:action=auto_instr_status;", "auto"},
+                                        {"Dynamic_Diagnostics_req:action=ai_status;", "dynamic"},
+                                        {"VexalineMessage 2.0;x", "envelope"},
+                                        {"Download_file_req", ""},
+                                        {" download_file_req", ""},
+                                        {"", ""}}) {
+        reached.clear();
+        app->control.heartBeatSent = 4;
+        app->control.lastHeartBeatTime = 0;
+        handle(line);
+        EXPECT_EQ(reached, handler) << line;
+        EXPECT_EQ(app->control.heartBeatSent, 0);  // any line is a sign of life
+        EXPECT_NE(app->control.lastHeartBeatTime, 0);
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Lines, ServerDispatch,
-                         testing::ValuesIn<DispatchRow>({
-                             {"download", "download_file_req;a", "file"},
-                             {"upload", "upload_file_req;a", "file"},
-                             {"auto_instrumentation", "vx_meta_data_req:action=auto_instr_status;", "auto"},
-                             {"dynamic", "Dynamic_Diagnostics_req:action=ai_status;", "dynamic"},
-                             {"envelope", "VexalineMessage 2.0;x", "envelope"},
-                             {"case_matters", "Download_file_req", ""},
-                             {"not_at_the_start", " download_file_req", ""},
-                             {"empty", "", ""},
-                         }),
-                         byName);
 
 TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     app->VXSys.dataConnState = app->VXSys.autosensorConnState = 1;
@@ -87,48 +73,25 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->VXSys.dataConnState, 0);
 }
 
-TEST_F(Server, DiagnosticOrdersGoToTheFirstProcess) {
-    FakeCollector secondListener;
-    vxlb_shared_put(processes[1].control, connectTo(secondListener));
-    FakePeer second = secondListener.accept();
-    handle("vxc_req:action=discover_loaded_classes;ConnId=0;");
-    handle("vxc_req:action=discover_loaded_classes;ConnId=12;");
-    EXPECT_EQ(app->VXBCISetting.discoveryConnectionId, 12);
-    EXPECT_EQ(toAgent(), "vxc_req:action=discover_loaded_classes;ConnId=12;");
-    handle("vx_meta_data_req:action=get_thread_dump;");
-    EXPECT_EQ(toAgent(), "vx_meta_data_req:action=get_thread_dump;");
-    vxlb_shared_close(processes[0].control);
-    handle("vx_meta_data_req:action=get_thread_dump;");
-    EXPECT_EQ(second.readLine(0), kNoLine);
-    vxlb_shared_close(processes[1].control);
-}
-
 TEST_F(Server, AMetadataRequestRepeatsWhatItNames) {
     const std::string prefix = "vx_meta_data_req:action=send_meta_data;";
     handle(prefix);
     EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>");
     hashMapForAgent();
-    for (const char* method : {"Profiler.Zorvanek.BeginRequest", "DB_SQLDB"})
-        searchAndUpdateMethodHashMap(method, app->method.methodHashMapNode, 1, 0, 0);
     openDumping(*app);
     VXBTConfigModelInit();
     char bt[kBtNameBufferSize] = "/a";
     updateBTObject(bt);
-    clearDumped(*app);
-    struct {
-        const char* fields;
-        bool methods, bts;
-    } const cases[] = {{"", true, true},
-                       {"recordType=7,7;", false, true},
-                       {"5;112", true, false},
-                       {"types=112", false, false}};
-    for (const auto& each : cases) {
-        handle(prefix + each.fields);
+    for (const auto& [fields, methods, bts] : {std::tuple("", true, true),
+                                               {"recordType=7,7;", false, true},
+                                               {"5;112", true, false},
+                                               {"types=112", false, false}}) {
+        clearDumped(*app);
+        handle(prefix + fields);
         EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:status=complete;");
         const std::string text = dumpedText(*app);
-        EXPECT_EQ(text.find("5,") != std::string::npos, each.methods) << each.fields;
-        EXPECT_EQ(text.find("7,2,/a\n") != std::string::npos, each.bts) << each.fields;
-        clearDumped(*app);
+        EXPECT_EQ(text.find("5,") != std::string::npos, methods) << fields;
+        EXPECT_EQ(text.find("7,2,/a\n") != std::string::npos, bts) << fields;
     }
     closeDumping(*app);
 }
@@ -155,24 +118,6 @@ TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {
         EXPECT_EQ(app->Server.testRunRunning, 0);
         EXPECT_EQ(app->Server.numRunning, 0);
     }
-}
-
-TEST_F(Server, WithoutAnEpochBaseTheFormerOneIsShifted) {
-    handle(kStart + "TimeStampDiff=1000;");
-    EXPECT_EQ(app->Server.zorEpochDiff, kOriginalZorEpochDiff - 1000);
-    EXPECT_EQ(app->Server.originalZorEpochDiff, kOriginalZorEpochDiff);
-}
-
-TEST_F(Server, AStopWithAnotherStatusOnlyAnswers) {
-    handle(kStart);
-    FakePeer data = acceptData();
-    EXPECT_EQ(peer.readLine(), kStarted);
-    handle(kStop + "stopped;");
-    EXPECT_EQ(peer.readLine(), kStopped);
-    EXPECT_EQ(app->Server.testRunRunning, 1);
-    EXPECT_EQ(app->Server.tenRecordWritten, 0);
-    handle(kStop + "RUNNING;");
-    EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
 }
 
 TEST_F(Server, AStartOverARunEndsTheFormerThreadFirst) {
@@ -214,12 +159,9 @@ TEST_F(Server, AModifyBeforeAStartIsRelayedAndRefused) {
     EXPECT_EQ(peer.readLine(), kRefused);
     EXPECT_EQ(getTierID(), 0);
     EXPECT_EQ(stored(), "(none)");
-}
-
-TEST_F(Server, AnAnswerThatCannotBeSentOrdersTheLinkClosed) {
     vxlb_shared_shutdown(app->control.controlSocket);
     handle("vx_control_req:action=modify;tierID=9;");
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    EXPECT_EQ(app->control.closeCtrlConFlag, 1) << "an answer that cannot be sent";
 }
 
 TEST_F(Server, AModifyIsAppliedAnsweredAndMergedForLateJoiners) {
@@ -235,37 +177,33 @@ TEST_F(Server, AModifyIsAppliedAnsweredAndMergedForLateJoiners) {
     EXPECT_EQ(stored(), kStart + "tierID=9;");
 }
 
-struct MergeRow {
-    const char *name, *stored, *change, *merged;
-};
-class ServerMerge : public Server, public testing::WithParamInterface<MergeRow> {};
-
-TEST_P(ServerMerge, TakesTheValuesOfTheChange) {
-    app->identity.startInstrumentation = vxlb_strdup(GetParam().stored);
-    update_instrument_profile(GetParam().change);
-    EXPECT_EQ(stored(), GetParam().merged);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Fields, ServerMerge,
-    testing::ValuesIn<MergeRow>({
-        {"one_value", "act;a=1;b=2;", "action=modify;b=3;", "act;a=1;b=3;"},
-        {"a_new_field_stands_behind", "act;a=1;", "action=modify;c=3", "act;a=1;c=3;"},
-        {"the_last_of_two_values", "act;a=1;", "action=modify;a=2;a=3;", "act;a=3;"},
-        {"an_empty_value", "act;a=1;", "action=modify;a=;", "act;a=;"},
-        {"a_key_is_no_prefix", "act;ab=1;", "action=modify;a=2;", "act;ab=1;a=2;"},
-        {"fields_without_equals_stay", "act;word;a=1", "action=modify;other;a=2", "act;word;a=2;"},
-        {"the_profile_block_is_replaced_whole",
-         "act;numInstrProfile=2;instrProfile=p;lmd=1;size=2;instrProfile=q;lmd=3;size=4;z=1;",
+TEST_F(Server, AMergeTakesTheValuesOfTheChange) {
+    const struct {
+        const char *stored, *change, *merged;
+    } rows[] = {
+        {"act;a=1;b=2;", "action=modify;b=3;", "act;a=1;b=3;"},
+        {"act;a=1;", "action=modify;c=3", "act;a=1;c=3;"},
+        {"act;a=1;", "action=modify;a=2;a=3;", "act;a=3;"},
+        {"act;a=1;", "action=modify;a=;", "act;a=;"},
+        {"act;ab=1;", "action=modify;a=2;", "act;ab=1;a=2;"},
+        {"act;word;a=1", "action=modify;other;a=2", "act;word;a=2;"},
+        {"act;numInstrProfile=2;instrProfile=p;lmd=1;size=2;instrProfile=q;lmd=3;size=4;z=1;",
          "action=modify;numInstrProfile=1;instrProfile=r;lmd=5;size=6;z=2;",
          "act;numInstrProfile=1;instrProfile=r;lmd=5;size=6;z=2;"},
-        {"the_profile_block_stays", "act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=1;",
-         "action=modify;z=2;", "act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=2;"},
-        {"a_first_profile_block", "act;z=1;", "action=modify;numInstrProfile=1;instrProfile=r;lmd=5;size=6;",
+        {"act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=1;", "action=modify;z=2;",
+         "act;numInstrProfile=1;instrProfile=p;lmd=1;size=2;z=2;"},
+        {"act;z=1;", "action=modify;numInstrProfile=1;instrProfile=r;lmd=5;size=6;",
          "act;z=1;numInstrProfile=1;instrProfile=r;lmd=5;size=6;"},
-        {"nothing", "act;a=1;", "action=modify;", "act;a=1;"},
-        {"too_short", "act;a=1;", "action=", "act;a=1;"},
-    }),
-    byName);
+        {"act;a=1;", "action=modify;", "act;a=1;"},
+        {"act;a=1;", "action=", "act;a=1;"},
+    };
+    for (const auto& row : rows) {
+        VXLB_FREE(app->identity.startInstrumentation, "start line", -1);
+        app->identity.startInstrumentation = vxlb_strdup(row.stored);
+        update_instrument_profile(row.change);
+        EXPECT_EQ(stored(), row.merged) << row.stored << ' ' << row.change;
+    }
+}
 
 TEST_F(Server, AMergeThatWouldGrowWithoutEndIsRefused) {
     std::string doubled = "act;";

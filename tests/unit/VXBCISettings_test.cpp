@@ -21,9 +21,6 @@ TEST_F(Identity, ANameIsKeptPlainAndEncodedUpToThreeTimesItsLength) {
         EXPECT_STREQ(getAppName(), row.name);
         EXPECT_STREQ(setting().encodedAppName.get(), row.encoded);
     }
-}
-
-TEST_F(Identity, AnEqualInstanceNameIsMarkedAndANullOneIgnored) {
     setAppName("I");
     const char* const held = getAppName();
     EXPECT_EQ(app->Server.sameAppName, 0);
@@ -31,18 +28,6 @@ TEST_F(Identity, AnEqualInstanceNameIsMarkedAndANullOneIgnored) {
     setAppName("I");
     EXPECT_EQ(app->Server.sameAppName, 1);
     EXPECT_EQ(getAppName(), held) << "readers keep their pointer";
-}
-
-TEST_F(Identity, AgentTypesHaveCodesAndOtherTextsLeaveThem) {
-    struct {
-        const char* text;
-        std::int32_t code;
-    } rows[] = {{"DOTNET", 2}, {"java", 3}, {"Go", 4}, {"php", 1}, {"proxy", 1}, {"python", 0}};
-    for (const auto& row : rows) {
-        setAgentType(row.text);
-        EXPECT_EQ(setting().agentTypeCode, row.code) << row.text;
-        EXPECT_STREQ(setting().agentType.get(), row.text);
-    }
 }
 
 TEST_F(Identity, OfAnInstanceThatIsSetUpStaysWhenItsLinkIsMadeAnew) {
@@ -76,14 +61,6 @@ TEST_F(Identity, PortsAndStackSizesOutsideTheirBoundsKeepTheFormer) {
     setSaasHostPort("saas.example:99999");
     EXPECT_EQ(setting().saasPort, 443);
     EXPECT_STREQ(setting().SaasHost.get(), "saas.example");
-}
-
-TEST_F(Identity, StatusesFrom400To599AreErrors) {
-    struct {
-        std::int32_t status;
-        bool isError;
-    } rows[] = {{399, false}, {400, true}, {599, true}, {600, false}, {-1, false}, {0, false}};
-    for (const auto& row : rows) EXPECT_EQ(isErrorStatus(*app, row.status), row.isError) << row.status;
 }
 
 }  // namespace

@@ -8,10 +8,8 @@
 #include <vector>
 
 #include "tests/support/app_fixture.h"
-#include "tests/support/by_name.h"
 #include "tests/support/dumped_records.h"
 #include "tests/support/fake_clock.h"
-#include "tests/support/trace_file.h"
 
 namespace vx::test {
 namespace {
@@ -39,53 +37,43 @@ protected:
 
 // Each row adds its records to a fresh chain and looks at the last answer and at both lists ("|" ends a
 // node).
-struct Row {
-    const char* name;
-    int chunks, size;
-    std::vector<std::string> records;
-    int code;
-    const char* readList;
-    const char* writeList;
-};
-class ChainOf : public DataDispatcher, public testing::WithParamInterface<Row> {};
-
-TEST_P(ChainOf, TakesSplitsCutsOrRefuses) {
-    const Row& row = GetParam();
-    openDumping(*app, row.chunks, row.size);
-    VXBufferChain& chain = app->data.chain;
-    int code = 0;
-    for (const std::string& record : row.records)
-        code = addDataInSendBuffer(chain, record.data(), static_cast<std::int64_t>(record.size()));
-    EXPECT_EQ(code, row.code);
-    EXPECT_EQ(listText(chain.readListHead), row.readList);
-    EXPECT_EQ(listText(chain.writeListHead), row.writeList);
-    EXPECT_EQ(app->VXSys.dataDropCount, row.code < 0 ? 1u : 0u);
-    EXPECT_EQ(chain.VXBCIAgentBB, chain.writeListHead);
-    EXPECT_EQ(chain.VXCollectorBB, chain.readListHead);
-    EXPECT_EQ(chain.readListSize + chain.writeListSize, row.chunks);
+TEST_F(DataDispatcher, AChainTakesSplitsCutsOrRefuses) {
+    const struct {
+        const char* name;
+        int chunks, size;
+        std::vector<std::string> records;
+        int code;
+        const char *readList, *writeList;
+    } rows[] = {
+        {"two records in one node", 2, 8, {"ab\n", "cd\n"}, 0, "", "ab\ncd\n||"},
+        {"an exact fit moves the node", 2, 8, {"ab\n", "cdef\n"}, 0, "ab\ncdef\n|", "|"},
+        {"an exact fit of the last leaves none", 1, 3, {"ab\n"}, 0, "ab\n|", ""},
+        {"a record straddles two nodes", 3, 4, {"ab\n", "cde\n"}, 0, "ab\nc|", "de\n||"},
+        {"a full rest stays in its node", 2, 4, {"ab\n", "cdef\n"}, 0, "ab\nc|", "def\n|"},
+        {"the next behind it", 3, 4, {"ab\n", "cdef\n", "g\n"}, 0, "ab\nc|def\n|", "g\n|"},
+        {"no node behind drops it whole", 1, 8, {"ab\n", "cdefgh\n"}, kChainDropped, "", "ab\n|"},
+        {"longer than a node is cut", 3, 4, {"ab\n", "0123456789\n"}, kChainCut, "ab\n0|", "\n||"},
+        {"every node waits", 1, 3, {"ab\n", "c\n"}, kChainAllWaiting, "ab\n|", ""},
+        {"no nodes at all", 0, 4, {"ab\n"}, kChainNoBuffers, "", ""},
+    };
+    for (const auto& row : rows) {
+        closeDumping(*app);
+        openDumping(*app, row.chunks, row.size);
+        app->VXSys.dataDropCount = 0;
+        const VXBufferChain& chain = app->data.chain;
+        int code = 0;
+        for (const std::string& record : row.records)
+            code =
+                addDataInSendBuffer(app->data.chain, record.data(), static_cast<std::int64_t>(record.size()));
+        EXPECT_EQ(code, row.code) << row.name;
+        EXPECT_EQ(listText(chain.readListHead), row.readList) << row.name;
+        EXPECT_EQ(listText(chain.writeListHead), row.writeList) << row.name;
+        EXPECT_EQ(app->VXSys.dataDropCount, row.code < 0 ? 1u : 0u) << row.name;
+        EXPECT_EQ(chain.VXBCIAgentBB, chain.writeListHead) << row.name;
+        EXPECT_EQ(chain.VXCollectorBB, chain.readListHead) << row.name;
+        EXPECT_EQ(chain.readListSize + chain.writeListSize, row.chunks) << row.name;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Nodes, ChainOf,
-    testing::ValuesIn<Row>({
-        {"two_records_in_one_node", 2, 8, {"ab\n", "cd\n"}, 0, "", "ab\ncd\n||"},
-        {"an_exact_fit_moves_the_node", 2, 8, {"ab\n", "cdef\n"}, 0, "ab\ncdef\n|", "|"},
-        {"an_exact_fit_of_the_last_leaves_none", 1, 3, {"ab\n"}, 0, "ab\n|", ""},
-        {"a_record_straddles_two_nodes", 3, 4, {"ab\n", "cde\n"}, 0, "ab\nc|", "de\n||"},
-        {"a_full_rest_stays_in_its_node", 2, 4, {"ab\n", "cdef\n"}, 0, "ab\nc|", "def\n|"},
-        {"behind_a_full_rest_the_next_node_is_taken",
-         3,
-         4,
-         {"ab\n", "cdef\n", "g\n"},
-         0,
-         "ab\nc|def\n|",
-         "g\n|"},
-        {"no_node_behind_drops_it_whole", 1, 8, {"ab\n", "cdefgh\n"}, kChainDropped, "", "ab\n|"},
-        {"longer_than_a_node_is_cut", 3, 4, {"ab\n", "0123456789\n"}, kChainCut, "ab\n0|", "\n||"},
-        {"every_node_waits", 1, 3, {"ab\n", "c\n"}, kChainAllWaiting, "ab\n|", ""},
-        {"no_nodes_at_all", 0, 4, {"ab\n"}, kChainNoBuffers, "", ""},
-    }),
-    byName);
 
 TEST_F(DataDispatcher, DiscardsOutsideARunAndWithoutBytes) {
     openDumping(*app, 2, 16);
@@ -101,40 +89,10 @@ TEST_F(DataDispatcher, DiscardsOutsideARunAndWithoutBytes) {
     EXPECT_EQ(dumpedText(*app), "10,\n");
 }
 
-TEST_F(DataDispatcher, TracesOneDropInAThousand) {
-    const TraceFile trace(*app, 1);
-    openDumping(*app, 1, 4);
-    add("abcd");  // the only node waits from here on
-    app->VXSys.dataDropCount = 997;
-    add("998th");
-    EXPECT_FALSE(trace.says("dumpData"));
-    add("999th");
-    add("1000th");
-    const std::string text = trace.text();
-    const std::string line =
-        "|Error|VXDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
-        "initialized "
-        "for sending data to VXCollector. Return = -2, writeListSize = 0 readListSize = 1";
-    const std::size_t at = text.find(line);
-    EXPECT_NE(at, std::string::npos) << text;
-    EXPECT_EQ(text.find(line, at + 1), std::string::npos);
-}
-
-TEST_F(DataDispatcher, OneNodeComesBackWhenItWasSent) {
-    openDumping(*app, 1, 8);
-    movePartialToReadList();  // nothing written: the node stays
-    EXPECT_EQ(app->data.chain.readListSize, 0);
-    add("ab\n");
-    movePartialToReadList();
-    add("c\n");
-    EXPECT_EQ(app->data.chain.recordsDropped, 1u);
-    giveBackOne();
-    add("d\n");
-    EXPECT_EQ(dumpedText(*app), "d\n");
-}
-
 TEST_F(DataDispatcher, AChainTurnsNoMoreNodesThanItNeeds) {
     openDumping(*app, 50, 8);
+    movePartialToReadList();  // nothing written: the node stays
+    EXPECT_EQ(app->data.chain.readListSize, 0);
     std::set<const VXBufferNode*> written;
     for (int turn = 0; turn < 100; ++turn) {
         written.insert(app->data.chain.VXBCIAgentBB);
@@ -152,7 +110,8 @@ TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     movePartialToReadList();
     app->data.chain.readListHead->offset = 2;
     add("cd\n");
-    vx_word_set(app->VXSys.bciDataBufferMaxCount, 1);  // a smaller count gives nothing back
+    // A smaller count gives nothing back.
+    vx_word_set(app->VXSys.bciDataBufferMaxCount, std::numeric_limits<std::int32_t>::min());
     ASSERT_EQ(buff_list_init(), 0);
     const VXBufferChain& chain = app->data.chain;
     EXPECT_EQ(listText(chain.writeListHead), "|||");
@@ -161,18 +120,6 @@ TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     EXPECT_EQ(chain.writeListTail->offset, 0);
     EXPECT_EQ(chain.writeListSize, 3);
     EXPECT_EQ(chain.recordsDropped, 2u);  // what nobody gets is counted
-}
-
-TEST_F(DataDispatcher, NewNodesGoBehindTheHead) {
-    openDumping(*app, 1, 4);
-    vx_word_set(app->VXSys.bciDataBufferMaxCount, 3);
-    vx_word_set(app->VXSys.bciDataBufferMaxSize, 16);  // existing chunks keep their size
-    ASSERT_EQ(buff_list_init(), 0);
-    const VXBufferNode* head = app->data.chain.writeListHead;
-    EXPECT_EQ(head->buff_size, 4);
-    EXPECT_EQ(head->next->buff_size, 16);
-    EXPECT_EQ(head->next->next, app->data.chain.writeListTail);
-    EXPECT_EQ(app->data.chain.writeListTail->next, nullptr);
 }
 
 TEST_F(DataDispatcher, WritesAHeartbeatWhenTheIntervalHasPassed) {
@@ -191,13 +138,6 @@ TEST_F(DataDispatcher, WritesAHeartbeatWhenTheIntervalHasPassed) {
     clock.advanceMs(10000);
     handleHeartBeat(1);  // hands the node over
     EXPECT_EQ(listText(app->data.chain.readListHead), "\n\n|");
-}
-
-TEST_F(DataDispatcher, AnyEpochBaseAndAnyCountAreTaken) {
-    openDumping(*app, 2, 8);
-    vx_word_set(app->VXSys.bciDataBufferMaxCount, std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(buff_list_init(), 0);
-    EXPECT_EQ(app->data.chain.writeListSize, 2);
     for (const std::int64_t base :
          {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()}) {
         app->Server.zorEpochDiff = base;
@@ -211,6 +151,7 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
     std::atomic<bool> done{false};
     std::size_t sentBytes = 0;
     const auto sendAll = [&] {
+        movePartialToReadList();
         while (const VXBufferNode* node = app->data.chain.VXCollectorBB) {
             sentBytes += static_cast<std::size_t>(node->use_len);
             giveBackOne();
@@ -218,10 +159,7 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
     };
     std::thread sender([&] {
         vxSetCurrent(app);
-        while (!done) {
-            sendAll();
-            movePartialToReadList();
-        }
+        while (!done) sendAll();
     });
     std::vector<std::thread> producers;
     for (int i = 0; i < kProducers; ++i)
@@ -232,7 +170,6 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
     for (std::thread& producer : producers) producer.join();
     done = true;
     sender.join();
-    movePartialToReadList();
     sendAll();
     EXPECT_EQ(sentBytes, app->data.chain.recordsAccepted * 8);
     EXPECT_EQ(app->data.chain.recordsAccepted + app->data.chain.recordsDropped,

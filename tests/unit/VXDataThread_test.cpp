@@ -1,59 +1,33 @@
 #include "commonlibc/VXDataThread.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
-#include <csignal>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "commonlibc/VXCServerConfig.h"
-#include "commonlibc/VXDataDispatcher.h"
-#include "commonlibc/vx_upcalls.h"
-#include "commonlibc/vxlb_clock.h"
-#include "commonlibc/vxlb_sock.h"
-#include "tests/support/app_fixture.h"
-#include "tests/support/by_name.h"
 #include "tests/support/dumped_records.h"
-#include "tests/support/fake_collector.h"
+#include "tests/support/link_fixture.h"
 
 namespace vx::test {
 namespace {
 
-constexpr double kThreadSeconds = 10;
 std::atomic<std::int64_t> clockAheadUs;  // how far the service's clock is ahead of the system's
 
 std::int64_t shiftedNow() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + clockAheadUs;
 }
-void shortSleep(std::int64_t) {
-    ::usleep(1000);
-}
-
 void dump(const std::string& text) {
     dumpData(text.data(), static_cast<std::int64_t>(text.size()));
 }
 
-bool eventually(const auto& condition, double seconds = kThreadSeconds) {
-    const auto deadline = deadlineIn(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        ::usleep(1000);
-    }
-    return false;
-}
-
 // An instance whose active collector is a socket of the test; upper floors answer with records of their own.
-class DataThread : public AppFixture {
+class DataThread : public LinkFixture {
 protected:
     void SetUp() override {
-        AppFixture::SetUp();
-        std::signal(SIGPIPE, SIG_IGN);
+        LinkFixture::SetUp();
         clockAheadUs = 0;
-        vxlb_set_clock_hooks({.now_us = shiftedNow, .sleep_us = shortSleep, .random_byte = nullptr});
+        vxlb_set_clock_hooks(
+            {.now_us = shiftedNow, .sleep_us = [](std::int64_t) { ::usleep(1000); }, .random_byte = nullptr});
         vxUpcalls.dumpFpFromBusyList = [] {
             dump("3,incomplete\n");
             flushCommonData();
@@ -64,25 +38,13 @@ protected:
             dump("10,\n");
         };
         vxUpcalls.replayMetaData = [] { dump("7,replayed\n"); };
-        vxMakeCollectorArray(*app);
-        app->collectors.vxc_server_arr[0] = {1, collector.port(), "127.0.0.1", 0};
-        app->collectors.activeVXCIndex = 0;
-        app->collectors.num_vxc_config = 1;
-        app->control.lws_active = 0;
-        app->control.retryInterval = 1000;
         vx_word_set(app->VXSys.bciDataBufferMaxCount, 4);
         vx_word_set(app->VXSys.bciDataBufferMaxSize, 65536);
         vx_word_set(app->VXSys.sendTagRecords, 0);
     }
     void TearDown() override {
-        app->control.proxyStopRequested = 1;
-        EXPECT_TRUE(ended());
-        vxJoinDataThread(*app);
+        LinkFixture::TearDown();
         proxyStopFlag = 0;
-        vxUpcalls = VXUpcalls{};
-        vxlb_set_clock_hooks({});
-        vxFreeChain(app->data.chain);
-        AppFixture::TearDown();
     }
 
     void startRun() {
@@ -97,26 +59,15 @@ protected:
         vxUpcalls.dumpNdDataOverRecord();
         app->Server.testRunRunning = app->Server.bciDataRunning = 0;
     }
-    // Accepts a connection and takes its connect line, the empty line behind it and the 99 record.
+    // Accepts a connection and takes its connect line and the empty line behind it.
     FakePeer acceptAnnounced() {
-        FakePeer peer = collector.accept();
-        EXPECT_TRUE(peer.readLine().starts_with("vx_data_msg_req:"));
-        EXPECT_EQ(peer.readLine(), "");
-        return peer;
+        FakePeer announced = acceptStream("vx_data_msg_req:");
+        EXPECT_EQ(announced.readLine(), "");
+        return announced;
     }
-    bool ended(double seconds = kThreadSeconds) {
+    bool ended(double seconds = 10) {
         return eventually([&] { return !app->data.data_thread_running; }, seconds);
     }
-    // Fills the chain against a peer that does not read, until records are refused.
-    void stall() {
-        const std::string record = std::string(60000, 'x') + "\n";
-        ASSERT_TRUE(eventually([&] {
-            dump(record);
-            return app->VXSys.dataDropCount > 20;
-        }));
-    }
-
-    FakeCollector collector{4096};
 };
 
 const std::string kNewConnection = "99,NewConnection,FPGVersion:1.0";
@@ -126,7 +77,7 @@ TEST_F(DataThread, AnnouncesItselfSendsAndEndsWithOneTenRecord) {
     setSharedText(app->retired, app->VXBCISetting.tags, "{\"a\":1}");
     setSharedText(app->retired, app->VXBCISetting.attributes, "{\"b\":2}");
     startRun();
-    FakePeer peer = acceptAnnounced();
+    peer = acceptAnnounced();
     EXPECT_EQ(peer.readLine(), kNewConnection);
     EXPECT_EQ(peer.readLine(), "7,replayed");
     EXPECT_EQ(peer.readLine(), "110,{\"a\":1}");
@@ -146,47 +97,12 @@ TEST_F(DataThread, AnnouncesItselfSendsAndEndsWithOneTenRecord) {
 
 TEST_F(DataThread, ALostControlLinkStillGetsTheEndOfTheRun) {
     startRun();
-    FakePeer peer = acceptAnnounced();
+    peer = acceptAnnounced();
     EXPECT_EQ(peer.readLine(), kNewConnection);
     app->Server.testRunRunning = 0;  // nobody has written a 10 record
     EXPECT_EQ(peer.readToEnd(), "7,replayed\n3,incomplete\n10,\n");
     EXPECT_TRUE(ended());
     EXPECT_EQ(app->Server.draining, 0);
-}
-
-TEST_F(DataThread, ATenthStartIsLikeTheFirst) {
-    for (int run = 0; run < 10; ++run) {
-        startRun();
-        FakePeer peer = acceptAnnounced();
-        EXPECT_EQ(peer.readLine(), kNewConnection);
-        stopRun();
-        EXPECT_EQ(peer.readToEnd(), "7,replayed\n10,\n") << run;
-        ASSERT_TRUE(ended());
-        app->Server.testRunRunning = 1;
-        dump("left over\n");  // not sent by the next thread
-    }
-    EXPECT_EQ(app->data.chain.writeListSize, 4);
-}
-
-TEST_F(DataThread, ReconnectsAfterALossAndSendsWhatWaited) {
-    startRun();
-    FakePeer first = acceptAnnounced();
-    EXPECT_EQ(first.readLine(), kNewConnection);
-    EXPECT_EQ(first.readLine(), "7,replayed");
-    first.reset();
-    FakePeer second;
-    ASSERT_TRUE(eventually([&] {
-        dump("2,while away\n");
-        second = collector.accept(0);
-        return static_cast<bool>(second);
-    }));
-    const std::vector<std::string> lines = second.readLinesUpTo(kNewConnection);
-    EXPECT_TRUE(lines.front().starts_with("vx_data_msg_req:"));
-    EXPECT_EQ(lines.back(), kNewConnection);
-    dump("2,back again\n");
-    const std::vector<std::string> later = second.readLinesUpTo("2,back");
-    EXPECT_EQ(later.back(), "2,back again");
-    EXPECT_EQ(std::ranges::count(later, "7,replayed"), 0);  // once a run, unless it is asked for
 }
 
 TEST_F(DataThread, WhatWasWrittenIsReceivedOrCountedThroughResetOutageStallAndStop) {
@@ -229,7 +145,6 @@ TEST_F(DataThread, GoesToTheCollectorOfTheControlConnection) {
     vxChooseEndpoint(false);  // the backup; the next choice starts from the master
     startRun();
     EXPECT_TRUE(backup.accept().readLine().starts_with("vx_data_msg_req:"));
-    EXPECT_FALSE(collector.accept(0));
 }
 
 TEST_F(DataThread, AnOrderToCloseEndsTheConnectionAndAReplayIsMadeWhenAsked) {
@@ -247,7 +162,7 @@ TEST_F(DataThread, AnOrderToCloseEndsTheConnectionAndAReplayIsMadeWhenAsked) {
 
 TEST_F(DataThread, SendsAHeartbeatAsAnEmptyLine) {
     startRun();
-    FakePeer peer = acceptAnnounced();
+    peer = acceptAnnounced();
     EXPECT_EQ(peer.readLinesUpTo("7,").back(), "7,replayed");
     ASSERT_TRUE(eventually([&] { return app->data.lastDataHeartbeatTime != 0; }));
     clockAheadUs = 300000000;
@@ -255,23 +170,24 @@ TEST_F(DataThread, SendsAHeartbeatAsAnEmptyLine) {
 }
 
 TEST_F(DataThread, StopWordsEndItWithoutATenRecord) {
-    std::atomic<std::int32_t>* const stopRequested = &app->control.proxyStopRequested;
-    for (int word = 0; word < 2; ++word) {
+    for (const bool closed : {true, false}) {
         startRun();
-        FakePeer peer = acceptAnnounced();
+        peer = acceptAnnounced();
         EXPECT_EQ(peer.readLinesUpTo("7,").back(), "7,replayed");
-        if (word == 0) app->control.controlConnClosed = 1;
-        if (word == 1) *stopRequested = 1;
-        EXPECT_EQ(peer.readToEnd(), "") << word;
+        app->control.controlConnClosed = closed;
+        app->control.proxyStopRequested = !closed;
+        EXPECT_EQ(peer.readToEnd(), "") << closed;
         EXPECT_TRUE(ended());
-        app->control.controlConnClosed = 0;
     }
 }
 
 TEST_F(DataThread, AStalledCollectorHoldsUpNeitherProducersNorAStop) {
     startRun();
-    FakePeer peer = acceptAnnounced();
-    stall();
+    peer = acceptAnnounced();
+    ASSERT_TRUE(eventually([&] {
+        dump(std::string(60000, 'x') + "\n");
+        return app->VXSys.dataDropCount > 20;
+    }));
     app->control.closeCtrlConFlag = 1;
     ::usleep(1500000);  // the thread stands in a send of at most 1 s; behind it, it tries to drain
     clockAheadUs = 5000000;
@@ -290,11 +206,11 @@ TEST_F(DataThread, AStopEndsAWaitForTheNextAttempt) {
 }
 
 TEST_F(DataThread, AServiceStopSendsWhatTheChainHoldsAndNoTenRecord) {
-    std::atomic<vxApplication*> table[2]{nullptr, app};
-    VXProxyInstance = table;
+    std::atomic<vxApplication*> instances[2]{nullptr, app};
+    VXProxyInstance = instances;
     VXProxy.numInstance = 2;
     startRun();
-    FakePeer peer = acceptAnnounced();
+    peer = acceptAnnounced();
     EXPECT_FALSE(vxDataThreadsDrained());
     EXPECT_EQ(peer.readLinesUpTo("7,").back(), "7,replayed");
     dump("2,just written\n");
@@ -313,116 +229,29 @@ TEST_F(DataThread, WithoutBuffersItEndsAtOnce) {
     EXPECT_EQ(app->data.controlCommunicationBusyFlag, 0);  // the next start may change the size
 }
 
-// The sending functions themselves, on the test's thread.
-class DataSender : public DataThread {
-protected:
-    void SetUp() override {
-        DataThread::SetUp();
-        openDumping(*app, 2, 8000000);
-        app->Server.bciDataRunning = 1;
-    }
-    FakePeer connect() {
-        char error[kSockErrorSize];
-        apr_socket_t* socket =
-            vxlb_create_client_con("127.0.0.1", collector.port(), app->pool, 1000000, error);
-        apr_socket_timeout_set(socket, 1000);
-        vxlb_shared_put(app->data.dataSocket, socket);
-        return collector.accept();
-    }
-    void TearDown() override {
-        vxlb_shared_close(app->data.dataSocket);
-        DataThread::TearDown();
-    }
-};
-
-TEST_F(DataSender, GoesOnWhereAPeerStoppedTakingBytes) {
-    FakePeer peer = connect();
-    std::string sent;
-    while (sent.size() < 7000000) sent += std::to_string(sent.size()) + ",";
-    dump(sent);
-    movePartialToReadList();
-    ASSERT_EQ(processData(0), kSendNoBytes);
-    const VXBufferNode* node = app->data.chain.VXCollectorBB;
-    EXPECT_GT(node->offset, 0);
-    EXPECT_LT(node->offset, node->use_len);
-    std::string got;
-    std::thread reader([&] { got = peer.readToEnd(); });
-    // The node goes back when the other side has acknowledged it.
-    EXPECT_TRUE(eventually([&] { return processData(0) == kSendDone && !app->data.chain.VXCollectorBB; }));
-    EXPECT_EQ(app->data.chain.writeListTail->use_len, 0);
-    vxlb_shared_close(app->data.dataSocket);
-    reader.join();
-    EXPECT_TRUE(got == sent);
-}
-
-TEST_F(DataSender, ALostConnectionKeepsTheNodeAndItsOffset) {
-    FakePeer peer = connect();
-    dump("2,kept\n");
-    movePartialToReadList();
-    vxlb_shared_shutdown(app->data.dataSocket);
-    EXPECT_EQ(processData(0), kSendLost);
-    EXPECT_EQ(app->data.chain.VXCollectorBB.load()->offset, 0);
-    vxlb_shared_close(app->data.dataSocket);
-    EXPECT_EQ(processData(0), kSendLost);  // without a connection
-}
-
-TEST_F(DataSender, BytesOfAFailedSendOverLwsCountAsSent) {
-    static std::string taken;
-    taken.clear();
-    app->control.lws_active = 1;
-    app->data.dataWsi = this;
-    vxUpcalls.send_data_via_lws_socket = [](const char* data, std::int32_t length) {
-        taken.append(data, static_cast<std::size_t>(length));
-        return taken.size() == 4 ? 1 : 0;
+TEST_F(DataThread, IdentityRecordsAreWrittenForTextsThatSaySomething) {
+    const std::string longText(6000, 'y'), cut = longText.substr(0, 5114) + "\n";
+    const struct {
+        const char* text;
+        std::string tags, attributes;  // the 110 and the 111 record
+    } rows[] = {
+        {nullptr, "", ""},
+        {"", "", ""},
+        {"{}", "110,{}\n", ""},
+        {"{\"a\":\n\"b\"}", "110,{\"a\": \"b\"}\n", "111,{\"a\": \"b\"}\n"},
+        {longText.c_str(), "110," + cut, "111," + cut},
     };
-    dump("2,a\n");
-    movePartialToReadList();
-    EXPECT_EQ(dataConnService(1), kSendLost);
-    dump("2,bc\n");
-    movePartialToReadList();
-    EXPECT_EQ(dataConnService(0), kSendDone);
-    EXPECT_EQ(taken, "2,a\n2,bc\n");
-    app->Server.testRunRunning = 0;
-    EXPECT_EQ(checkAndStopThread(), kThreadEnds);
-    app->data.dataWsi = nullptr;
+    openDumping(*app);
+    for (const auto& row : rows) {
+        setSharedText(app->retired, app->VXBCISetting.tags, row.text);
+        setSharedText(app->retired, app->VXBCISetting.attributes, row.text);
+        clearDumped(*app);
+        tag_record();
+        attr_record();
+        EXPECT_EQ(dumpedText(*app), row.tags + row.attributes);
+    }
+    closeDumping(*app);
 }
-
-TEST_F(DataSender, AFlushOffTheDataThreadDoesNothing) {
-    FakePeer peer = connect();
-    dump("2,stays\n");
-    flushCommonData();
-    EXPECT_EQ(dumpedText(*app), "2,stays\n");
-}
-
-struct TextCase {
-    const char* name;
-    const char* text;
-    std::string tags, attributes;  // the 110 and the 111 record
-};
-class IdentityRecords : public DataSender, public testing::WithParamInterface<TextCase> {};
-
-TEST_P(IdentityRecords, AreWrittenForTextsThatSaySomething) {
-    setSharedText(app->retired, app->VXBCISetting.tags, GetParam().text);
-    setSharedText(app->retired, app->VXBCISetting.attributes, GetParam().text);
-    tag_record();
-    EXPECT_EQ(dumpedText(*app), GetParam().tags);
-    clearDumped(*app);
-    attr_record();
-    EXPECT_EQ(dumpedText(*app), GetParam().attributes);
-}
-
-const std::string kLongText(6000, 'y');
-INSTANTIATE_TEST_SUITE_P(Texts, IdentityRecords,
-                         testing::ValuesIn<TextCase>({
-                             {"none", nullptr, "", ""},
-                             {"empty", "", "", ""},
-                             {"empty_object", "{}", "110,{}\n", ""},
-                             {"lines_in_it", "{\"a\":\n\"b\"}", "110,{\"a\": \"b\"}\n",
-                              "111,{\"a\": \"b\"}\n"},
-                             {"too_long", kLongText.c_str(), "110," + kLongText.substr(0, 5114) + "\n",
-                              "111," + kLongText.substr(0, 5114) + "\n"},
-                         }),
-                         byName);
 
 }  // namespace
 }  // namespace vx::test

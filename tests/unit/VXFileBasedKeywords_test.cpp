@@ -11,7 +11,6 @@
 #include "commonlibc/control_buffer.h"
 #include "commonlibc/control_lines.h"
 #include "commonlibc/control_loop.h"
-#include "tests/support/by_name.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
@@ -116,51 +115,50 @@ TEST_F(FileKeywords, AFailedFetchLeavesWhatIsHeldInForce) {
     EXPECT_EQ(warnings(), kNotCome + "; " + kNotCome + "; " + kNotCome);
 }
 
-struct AnswerRow {
-    const char* name;
-    std::string answer;
-    std::string parsed, warnings;
-};
-class FileAnswers : public FileKeywords, public testing::WithParamInterface<AnswerRow> {};
-
-TEST_P(FileAnswers, AreTakenOrGivenUp) {
-    vx_word_set(app->VXSys.fileReadTimeout, 20000);
-    peer.send(GetParam().answer + "next\n");
-    start("vxExceptionMonFile=f|9|9;");
-    EXPECT_EQ(parsed, GetParam().parsed);
-    EXPECT_EQ(warnings(), GetParam().warnings);
-    EXPECT_EQ(app->control.closeCtrlConFlag, 0);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Rows, FileAnswers,
-    testing::ValuesIn<AnswerRow>({
-        {"plain_head", kHead + "3;lmd=1;\nabc", "abc$", ""},
-        {"escaped_head", "vx_control_rep:action=file;keyword=vxExceptionMonFile%3Bsize%3D3%3Blmd%3D-1;\nabc",
+TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
+    const struct {
+        const char* name;
+        std::string answer, parsed, warnings;
+    } rows[] = {
+        {"plain head", kHead + "3;lmd=1;\nabc", "abc$", ""},
+        {"escaped head", "vx_control_rep:action=file;keyword=vxExceptionMonFile%3Bsize%3D3%3Blmd%3D-1;\nabc",
          "abc$", ""},
-        {"head_with_bars", "vx_control_rep:action=file;keyword=vxExceptionMonFile|3|1\r\nabc", "abc$", ""},
-        {"one_byte", kHead + "1;lmd=1;\n\n", "\n$", ""},
-        {"a_zero_byte_ends_the_text_only", kHead + "4;lmd=1;\nab" + std::string(1, '\0') + "c", "ab$", ""},
-        {"surplus_stays_for_the_lines", kHead + "3;lmd=1;\nabcdef\n", "abc$", ""},
-        {"other_lines_before_it_are_dropped",
+        {"head with bars", "vx_control_rep:action=file;keyword=vxExceptionMonFile|3|1\r\nabc", "abc$", ""},
+        {"a zero byte ends the text only", kHead + "4;lmd=1;\nab" + std::string(1, '\0') + "c", "ab$", ""},
+        {"surplus stays for the lines", kHead + "3;lmd=1;\nabcdef\n", "abc$", ""},
+        {"other lines before it are dropped",
          "\n\nvx_control_req:action=reconnect;x\nvx_control_rep:action=FailedInstrumentationProfile - x\n" +
              kHead + "3;lmd=1;\nabc",
          "abc$", ""},
-        {"failed_once", kFailed + kHead + "3;lmd=1;\nabc", "abc$", ""},
-        {"failed_twice", kFailed + kFailed, "", kNotCome},
-        {"the_late_answer_of_another_file",
+        {"failed once", kFailed + kHead + "3;lmd=1;\nabc", "abc$", ""},
+        {"failed twice", kFailed + kFailed, "", kNotCome},
+        {"the late answer of another file",
          "vx_control_rep:action=file;keyword=vxExceptionMonFile2;size=5000;lmd=1;\n" +
              std::string(5000, '\n') + kHead + "3;lmd=1;\nabc",
          "abc$", kOtherHead},
-        {"size_0", kHead + "0;lmd=1;\n", "", kNotCome},
-        {"negative_size", kHead + "-5;lmd=1;\n", "", kNotCome},
-        {"above_the_limit", kHead + "67108865;lmd=1;\n", "", kNotCome},
-        {"no_number", kHead + "3x;lmd=1;\nabc\n", "", kNotCome},
-        {"no_date", kHead + "3;\nabc\n", "", kNotCome},
-        {"cut_short", kHead + "60000000;lmd=1;\nabc", "", kNotCome},
-        {"no_answer", "", "", kNotCome},
-        {"a_line_without_end", "vx_control_rep:action=other" + std::string(300000, 'x'), "", kNotCome},
-    }),
-    byName);
+        {"size 0", kHead + "0;lmd=1;\n", "", kNotCome},
+        {"negative size", kHead + "-5;lmd=1;\n", "", kNotCome},
+        {"above the limit", kHead + "67108865;lmd=1;\n", "", kNotCome},
+        {"no number", kHead + "3x;lmd=1;\nabc\n", "", kNotCome},
+        {"no date", kHead + "3;\nabc\n", "", kNotCome},
+        {"cut short", kHead + "60000000;lmd=1;\nabc", "", kNotCome},
+        {"no answer", "", "", kNotCome},
+        {"a line without end", "vx_control_rep:action=other" + std::string(300000, 'x'), "", kNotCome},
+    };
+    vx_word_set(app->VXSys.fileReadTimeout, 20000);
+    int date = 9;
+    for (const auto& row : rows) {
+        vxlb_shared_close(app->control.controlSocket);
+        connect();
+        controlSockBufReset(*app);
+        app->Server.warnings[0] = '\0';
+        peer.send(row.answer + "next\n");
+        modify("vxExceptionMonFile=f|9|" + std::to_string(++date) + ";");
+        EXPECT_EQ(parsed, row.parsed) << row.name;
+        EXPECT_EQ(warnings(), row.warnings) << row.name;
+        EXPECT_EQ(app->control.closeCtrlConFlag, 0) << row.name;
+    }
+}
 
 TEST_F(FileKeywords, NoLineIsTornBetweenReadLoopAndExchange) {
     const std::string order = std::string(kModifyPrefix) + ";vxExceptionMonFile=f|3|";
@@ -202,16 +200,6 @@ TEST_F(FileKeywords, ALargeFileComesWhole) {
     EXPECT_TRUE(cached("vxExceptionMonFile") == content);
 }
 
-TEST_F(FileKeywords, HeldFilesAreParsedInTheOrderOfTheLine) {
-    vxUpcalls.parseBackendRuleFile = [](char* text) { parsed += std::string(text) + "$"; };
-    const std::string other = "vx_control_rep:action=file;keyword=vxBackendNamingRulesFile;size=1;lmd=1;\nb";
-    peer.send(other + kHead + "1;lmd=1;\na");
-    for (int run = 0; run < 2; ++run) {
-        start("vxBackendNamingRulesFile=f|1|1;vxExceptionMonFile=f|1|1;");
-        EXPECT_EQ(parsed, "b$a$");
-    }
-}
-
 TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
     std::thread stopper([&] {
         EXPECT_EQ(peer.readLine(), kRequest);
@@ -241,28 +229,6 @@ TEST_F(FileKeywords, ALostConnectionEndsThePassAndIsOrderedClosed) {
     EXPECT_EQ(getTierID(), 0);
 }
 
-TEST_F(FileKeywords, AStartIsGivenUpWithoutItsCriticalFileAndWarnsOfOthers) {
-    const std::string line = std::string(kStartPrefix) + ";bciDataBufferMaxCount=4;status=running;";
-    peer.send(kFailed + kFailed);
-    handle(line + "vxExceptionMonFile=f|3|1;");
-    EXPECT_EQ(peer.readLine(), kRequest);
-    EXPECT_EQ(peer.readLine(), kRequest);
-    EXPECT_EQ(peer.readLine(), "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
-    EXPECT_EQ(peer.readLine(), kNotCome);
-    FakePeer data = collector.accept();
-    EXPECT_EQ(app->Server.instrumentationStarted, 1);
-    handle("vx_control_req:action=stop_instrumentation;status=running;");
-    EXPECT_EQ(peer.readLine(), "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;");
-
-    const std::string failed = "vx_control_rep:action=FailedVXEntryPointsFile - x\n";
-    peer.send(failed + failed);
-    handle(line + "VXEntryPointsFile=e|3|1;tierID=9;");
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
-    EXPECT_EQ(app->Server.instrumentationStarted, 0);
-    EXPECT_EQ(getTierID(), 0);
-    EXPECT_EQ(asked().size(), 2U);  // the request twice, and no answer to the start
-}
-
 TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
     EXPECT_TRUE(isCriticalFile("BTRuleConfig") && isCriticalFile("VXEntryPointsFile"));
     EXPECT_FALSE(isCriticalFile("BTRule") || isCriticalFile("vxExceptionMonFile") || isCriticalFile(""));
@@ -280,16 +246,6 @@ TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
     peer.send(kFailed + kFailed);
     start("vxCriticalFileList=c|33|1;vxExceptionMonFile=f|3|1;");  // unchanged: in force within the pass
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
-}
-
-TEST_F(FileKeywords, TextsThatDescribeMethodsAskForTheTableAndAreHandedOver) {
-    app->VXBCISetting.agentTypeCode = kAgentGo;
-    peer.send(
-        "vx_control_rep:action=file;keyword=VXEntryPointsFile;size=24;lmd=1;\nm|shop.Pay|HTTP_ENTRY|1\n");
-    modify("VXEntryPointsFile=e|24|1;");
-    EXPECT_EQ(app->Server.rehashRequested, 1);
-    EXPECT_EQ(app->files.kywdInfo[NameToIndex("VXEntryPointsFile")].handedOver, 1);
-    EXPECT_TRUE(getMethodPropFromMethodName("shop.Pay"));
 }
 
 }  // namespace

@@ -108,26 +108,26 @@ TEST_F(InstrProfiles, AMissingOneIsAWarningAndDoesNotStopTheOthers) {
 
     peer.send(failed);  // asked for again, and had at the second attempt
     answer("web", kWebText);
-    start("numInstrProfile=2;" + group("web", kWebText) + group("db", kDbText));
-    EXPECT_EQ(asked(), "web web ");
-    EXPECT_EQ(held(), kWebText + "\n" + kDbText);
-
-    peer.send(failed + failed);  // what is held of it serves
-    start("numInstrProfile=2;" + group("web", kWebText, 2) + group("db", kDbText));
-    EXPECT_EQ(held(), kWebText + "\n" + kDbText);
-    EXPECT_TRUE(parsed());
+    for (const int date : {1, 2}) {
+        start("numInstrProfile=2;" + group("web", kWebText, date) + group("db", kDbText));
+        EXPECT_EQ(asked(), "web web ");
+        EXPECT_EQ(held(), kWebText + "\n" + kDbText);
+        EXPECT_TRUE(parsed());
+        peer.send(failed + failed);  // what is held of it serves
+    }
 }
 
+const std::string kA = "instrProfile=a;lmd=1;size=10;", kB = "instrProfile=b;lmd=1;size=10;";
+const std::string kTextA = "m|c|a|1|1\n", kTextB = "m|c|b|1|1\n";
 struct LineRow {
     const char* name;
-    std::string fields;
-    const char *asked, *held;
+    std::string fields, asked, held;
 };
 class ProfileLines : public InstrProfiles, public testing::WithParamInterface<LineRow> {};
 
 TEST_P(ProfileLines, AreTakenAsFarAsTheyGo) {
-    answer("a", "m|c|a|1|1\n");
-    answer("b", "m|c|b|1|1\n");
+    answer("a", kTextA);
+    answer("b", kTextB);
     start(GetParam().fields);
     EXPECT_EQ(asked(), GetParam().asked);
     EXPECT_EQ(held(), GetParam().held);
@@ -135,19 +135,14 @@ TEST_P(ProfileLines, AreTakenAsFarAsTheyGo) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, ProfileLines,
     testing::ValuesIn<LineRow>({
-        {"one", "numInstrProfile=1;instrProfile=a;lmd=1;size=10;", "a ", "m|c|a|1|1\n"},
-        {"any_order_within_a_group",
-         "numInstrProfile=2;size=10;instrProfile=a;lmd=1;lmd=1;size=10;instrProfile=b;", "a b ",
-         "m|c|a|1|1\nm|c|b|1|1\n"},
-        {"the_last_of_two_names", "numInstrProfile=1;instrProfile=x;instrProfile=a;lmd=1;size=10;", "a ",
-         "m|c|a|1|1\n"},
-        {"more_groups_than_the_count",
-         "numInstrProfile=1;instrProfile=a;lmd=1;size=10;instrProfile=b;lmd=1;size=10;", "a ", "m|c|a|1|1\n"},
-        {"fewer_groups_than_the_count", "numInstrProfile=3;instrProfile=a;lmd=1;size=10;", "a ", "(none)"},
-        {"a_count_of_a_million", "numInstrProfile=1000000;instrProfile=a;lmd=1;size=10;", "a ", "(none)"},
-        {"a_negative_count", "numInstrProfile=-1;instrProfile=a;lmd=1;size=10;", "", "(none)"},
-        {"no_count", "instrProfile=a;lmd=1;size=10;", "", "(none)"},
-        {"none_selected", "numInstrProfile=1;instrProfile=-;lmd=1;size=10;", "", "(none)"},
+        {"any_order", "numInstrProfile=2;size=10;instrProfile=a;lmd=1;lmd=1;size=10;instrProfile=b;", "a b ",
+         kTextA + kTextB},
+        {"the_last_of_two_names", "numInstrProfile=1;instrProfile=x;" + kA, "a ", kTextA},
+        {"more_groups_than_the_count", "numInstrProfile=1;" + kA + kB, "a ", kTextA},
+        {"fewer_groups_than_the_count", "numInstrProfile=3;" + kA, "a ", "(none)"},
+        {"a_count_of_a_million", "numInstrProfile=1000000;" + kA, "a ", "(none)"},
+        {"a_negative_count", "numInstrProfile=-1;" + kA, "", "(none)"},
+        {"no_count", kA, "", "(none)"},
         {"size_0", "numInstrProfile=1;instrProfile=a;lmd=1;size=0;", "", "(none)"},
         {"size_beyond_the_limit", "numInstrProfile=1;instrProfile=a;lmd=1;size=99999999999;", "", "(none)"},
     }),

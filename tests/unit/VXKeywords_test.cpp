@@ -8,8 +8,6 @@
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_word.h"
 #include "tests/support/app_fixture.h"
-#include "tests/support/by_name.h"
-#include "tests/support/shared_texts.h"
 
 namespace vx::test {
 namespace {
@@ -36,21 +34,6 @@ protected:
     }
 };
 
-TEST_F(Keywords, StandInTheOrderThatTheirIndicesPromise) {
-    const std::vector<std::pair<int, const char*>> rows = {
-        {0, "BTRuleConfig"},           {3, "status"},
-        {4, "TimeStampDiff"},          {5, "fpVersionID"},
-        {8, "numInstrProfile"},        {12, "enableForcedFPChain"},
-        {54, "maxCharInSeqBlob"},      {55, "instrProfile"},
-        {66, "VXJTFlushInterval"},     {67, "HTTPStatsCondCfg"},
-        {80, "vxFlowpathMasks"},       {112, "vxDynamicDiagnosticsConfFile"},
-        {113, "captureHTTPReqFullFp"}, {139, "enableDCHeartBeat"}};
-    for (const auto& [index, name] : rows) EXPECT_EQ(NameToIndex(name), index) << name;
-    EXPECT_EQ(NameToIndex("Status"), -1);
-    EXPECT_EQ(NameToIndex(""), -1);
-    EXPECT_EQ(NameToIndex("statu"), -1);
-}
-
 TEST_F(Keywords, NumbersKeepToTheWidthOfTheirMember) {
     VXSys_t& sys = app->VXSys;
     std::memset(&sys.captureMethodForAllFP, 0x55, 2);
@@ -70,18 +53,11 @@ TEST_F(Keywords, NumbersKeepToTheWidthOfTheirMember) {
     apply("vxcHeartBeatThreshold", "-1");
     EXPECT_EQ(sys.vxcHeartBeatThreshold, -1);
     EXPECT_EQ(sys.vxAgentDebugSession, 0x55);
-    apply("autoInstrPct", "12.5");
-    EXPECT_EQ(app->VXAutoInstrumentation.autoInstrPct, 12.5);
-    EXPECT_EQ(app->VXAutoInstrumentation.autoInstrSampleThreshold, 0);
-}
-
-TEST_F(Keywords, NumbersThatDoNotFitStopAtTheLimit) {
-    apply("tierID", "99999999999999999999");
-    EXPECT_EQ(app->VXBCISetting.tierID, 2147483647);
-    apply("tierID", "-3000000000");
-    EXPECT_EQ(app->VXBCISetting.tierID, -2147483647 - 1);
-    apply("tierID", "word");
-    EXPECT_EQ(app->VXBCISetting.tierID, 0);
+    for (const auto& [text, tier] :
+         {std::pair("99999999999999999999", 2147483647), {"-3000000000", -2147483647 - 1}, {"word", 0}}) {
+        apply("tierID", text);
+        EXPECT_EQ(app->VXBCISetting.tierID, tier);
+    }
 }
 
 TEST_F(Keywords, TextsEndInsideTheirMember) {
@@ -113,22 +89,14 @@ TEST_F(Keywords, AValueOutsideItsRangeLeavesTheEarlierOne) {
         {"maxExceptionMessageLength", "0", &VXSys_t::maxExceptionMessageLength, 1000},
         {"maxExceptionMessageLength", "12", &VXSys_t::maxExceptionMessageLength, 12},
         {"vxVectorSeparator", "", &VXSys_t::vxVectorSeparator, '_'},
-        {"vxVectorSeparator", "|", &VXSys_t::vxVectorSeparator, '|'},
-        {"enableGCMonitor", "2", &VXSys_t::enableGCMonitor, 0},
-        {"enableGCMonitor", "1", &VXSys_t::enableGCMonitor, 1},
         {"vxMonitorInterval", "-5", &VXSys_t::vxMonitorIntervalInSec, 10},
         {"vxMonitorInterval", "0", &VXSys_t::vxMonitorIntervalInSec, 10},
-        {"vxMonitorInterval", "20", &VXSys_t::vxMonitorIntervalInSec, 20},
         {"vxMonitorInterval", "30500", &VXSys_t::vxMonitorIntervalInSec, 30},
     };
     for (const Row& row : rows) {
         apply(row.keyword, row.value);
         EXPECT_EQ(vx_word_get(app->VXSys.*row.member), row.expected) << row.keyword << '=' << row.value;
     }
-    apply("ASReportInterval", "-1");
-    EXPECT_EQ(app->VXSys.ASReportInterval, 10000);
-    apply("ASReportInterval", "400");  // below the sample interval, taken all the same
-    EXPECT_EQ(app->VXSys.ASReportInterval, 400);
 }
 
 TEST_F(Keywords, ATestRunThatChangesAsksForTheMetadata) {
@@ -154,76 +122,44 @@ TEST_F(Keywords, AValueForALaterUnitIsKeptAsText) {
     EXPECT_EQ(kept("enableOTELStandard"), "");
 }
 
-TEST_F(Keywords, DefaultsAreThoseOfAFreshContext) {
-    VXSys_t& sys = app->VXSys;
-    app->Server.numInstrProfile = 3;
-    start(
-        "bciDataBufferMaxSize=1;bciInstrSessionPct=50;vxcHeartBeatThreshold=5;enableDCHeartBeat=9;"
-        "fpVersionID=9;maxExceptionMessageLength=4;vxHelperDepth=9;ASDataBufferMinCount=9;AgentTraceLevel=2;"
-        "tierID=4;");
-    EXPECT_EQ(sys.vxHelperDepth, 9);
+TEST_F(Keywords, ADefaultGoesBackByTheSameWayAndLeavesWhatIsNotOfOneRun) {
+    const std::int32_t size = app->VXSys.bciDataBufferMaxSize, depth = app->VXSys.vxHelperDepth;
+    start("bciDataBufferMaxSize=1;fpVersionID=9;vxHelperDepth=9;AgentTraceLevel=2;tierID=4;");
+    EXPECT_EQ(app->VXSys.vxHelperDepth, 9);
     setdefaultValues();
-
-    auto* const changed = app;
-    app = vxNewApplication();
-    app->pool = changed->pool;
-    vxSetCurrent(app);
-    VXSysInit("proxy");
-    const VXSys_t& fresh = app->VXSys;
-    EXPECT_EQ(sys.bciDataBufferMaxSize, fresh.bciDataBufferMaxSize);
-    EXPECT_EQ(sys.bciInstrSessionPct, fresh.bciInstrSessionPct);
-    EXPECT_EQ(sys.vxcHeartBeatThreshold, fresh.vxcHeartBeatThreshold);
-    EXPECT_EQ(sys.dataHeartbeatInterval, fresh.dataHeartbeatInterval);
-    EXPECT_EQ(sys.maxExceptionMessageLength, fresh.maxExceptionMessageLength);
-    EXPECT_EQ(sys.vxHelperDepth, fresh.vxHelperDepth);
-    EXPECT_EQ(sys.hashMapClearTime, fresh.hashMapClearTime);
-    EXPECT_EQ(sys.vxHotspotThreadLimit, fresh.vxHotspotThreadLimit);
-    EXPECT_EQ(sys.maxHttpBodySize, fresh.maxHttpBodySize);
-    EXPECT_EQ(sys.bciMaxNonServiceMethodsPerFP, fresh.bciMaxNonServiceMethodsPerFP);
-    EXPECT_EQ(sys.ASDataBufferMinCount, fresh.ASDataBufferMinCount);
-    EXPECT_STREQ(changed->Server.fpVersionID, app->Server.fpVersionID);
-    freeSharedTexts(*app);
-    vxFreeApplication(app);
-    app = changed;
-    vxSetCurrent(app);
-
-    EXPECT_EQ(sys.AgentTraceLevel, 2);  // not of one run
+    EXPECT_EQ(app->VXSys.bciDataBufferMaxSize, size);
+    EXPECT_EQ(app->VXSys.vxHelperDepth, depth);
+    EXPECT_STREQ(app->Server.fpVersionID, "1.0");
+    EXPECT_EQ(app->VXSys.AgentTraceLevel, 2);
     EXPECT_EQ(app->VXBCISetting.tierID, 4);
 }
 
-struct PassRow {
-    const char* name;
-    const char* line;
-    std::int32_t tier, server, application;
-    const char* status;
-};
-class KeywordPass : public Keywords, public testing::WithParamInterface<PassRow> {};
-
-TEST_P(KeywordPass, AppliesFieldsUpToTheOneThatEndsIt) {
-    findStatusFromClientMsg(GetParam().line);
-    EXPECT_EQ(app->VXBCISetting.tierID, GetParam().tier);
-    EXPECT_EQ(app->VXBCISetting.vxAppServerID, GetParam().server);
-    EXPECT_EQ(app->VXBCISetting.appID, GetParam().application);
-    EXPECT_STREQ(app->Server.status, GetParam().status);
+TEST_F(Keywords, APassAppliesFieldsUpToTheOneThatEndsIt) {
+    const struct {
+        const char* line;
+        std::int32_t tier, server, application;
+        const char* status;
+    } rows[] = {
+        {"start_instrumentation;tierID=1;vxAppServerID=2;appID=3;status=running;", 1, 2, 3, "running"},
+        {"modify;tierID=1;vxAppServerID=2;appID=3", 1, 2, 3, ""},
+        {"modify;tierid=9;tierID=1;x=;appID=3", 1, 0, 3, ""},
+        {"modify;tierID=1;word;appID=3", 1, 0, 0, ""},
+        {"modify;tierID=1;=5;appID=3", 1, 0, 0, ""},
+        {"stop_instrumentation;status;status=running", 0, 0, 0, ""},
+        {"stop_instrumentation;tierID=1;status=Stopping", 0, 0, 0, "Stopping"},
+        {"", 0, 0, 0, ""},
+    };
+    VXBCISetting_t& setting = app->VXBCISetting;
+    for (const auto& row : rows) {
+        setting.tierID = setting.vxAppServerID = setting.appID = 0;
+        app->Server.status[0] = '\0';
+        findStatusFromClientMsg((std::string("vx_control_req:action=") + row.line).c_str());
+        EXPECT_EQ(setting.tierID, row.tier) << row.line;
+        EXPECT_EQ(setting.vxAppServerID, row.server) << row.line;
+        EXPECT_EQ(setting.appID, row.application) << row.line;
+        EXPECT_STREQ(app->Server.status, row.status) << row.line;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Lines, KeywordPass,
-    testing::ValuesIn<PassRow>({
-        {"start",
-         "vx_control_req:action=start_instrumentation;tierID=1;vxAppServerID=2;appID=3;status=running;", 1, 2,
-         3, "running"},
-        {"modify", "vx_control_req:action=modify;tierID=1;vxAppServerID=2;appID=3", 1, 2, 3, ""},
-        {"unknown_names_are_skipped", "vx_control_req:action=modify;tierid=9;tierID=1;x=;appID=3", 1, 0, 3,
-         ""},
-        {"a_field_without_equals_ends_it", "vx_control_req:action=modify;tierID=1;word;appID=3", 1, 0, 0, ""},
-        {"a_field_without_key_ends_it", "vx_control_req:action=modify;tierID=1;=5;appID=3", 1, 0, 0, ""},
-        {"a_status_without_equals_ends_it",
-         "vx_control_req:action=stop_instrumentation;status;status=running", 0, 0, 0, ""},
-        {"other_lines_set_the_status_only",
-         "vx_control_req:action=stop_instrumentation;tierID=1;status=Stopping", 0, 0, 0, "Stopping"},
-        {"empty", "", 0, 0, 0, ""},
-    }),
-    byName);
 
 TEST_F(Keywords, AStartLineChangesNothingWhileADataConnectionStands) {
     app->data.controlCommunicationBusyFlag = 1;

@@ -75,12 +75,5 @@ TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
               (Records{"5,DB_SQLDB,2", "5,HTTP_one,3", "5,Others,4", "5,Profiler.Zorvanek.BeginRequest,1"}));
 }
 
-TEST_F(AppFixture, AReplayBeforeAnythingExistsWritesNothing) {
-    openDumping(*app);
-    replayMetaData();
-    EXPECT_EQ(dumpedText(*app), "");
-    closeDumping(*app);
-}
-
 }  // namespace
 }  // namespace vx::test

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -62,9 +61,8 @@ TEST_F(MethodTexts, AnEntryLineClassifiesItsMethod) {
           Row{"m|entry|CUSTOM_ENTRY|1|surplus", "entry", 6, 6, kMethodEntryPoint},
           Row{"m|log|CUSTOM_LOG:7|", "log", 83, 83, 0}, Row{"m|plain|HTTP_CALLOUTX|yes", "plain", 0, 0, 0},
           Row{"m|custom|CUSTOM_CALLOUTX|", "custom", 6, 8, kMethodBackend | kMethodCustomBackend},
-          Row{"m|off|REDIS|0", nullptr, 0, 0, 0}, Row{"m|off|REDIS|01", nullptr, 0, 0, 0},
-          Row{"m|short|REDIS", nullptr, 0, 0, 0}, Row{"m|(int)|REDIS|1", nullptr, 0, 0, 0},
-          Row{"#m|off|REDIS|1", nullptr, 0, 0, 0}}) {
+          Row{"m|off|REDIS|01", nullptr, 0, 0, 0}, Row{"m|short|REDIS", nullptr, 0, 0, 0},
+          Row{"m|(int)|REDIS|1", nullptr, 0, 0, 0}, Row{"#m|off|REDIS|1", nullptr, 0, 0, 0}}) {
         const std::uint32_t before = app->method.methodIdCounter;
         deliver(parseEntryFile, std::string("\n\r\n") + row.line);
         if (!row.name) {
@@ -94,6 +92,10 @@ TEST_F(MethodTexts, AnEntryLineClassifiesItsMethod) {
 TEST_F(MethodTexts, ASignatureInAnyOrderStaysInItsLine) {
     for (const char* signature : {"a)b(", "(", ")", "a)(", "a(", "a)", "a(;;;)", "a() "})
         deliver(parseEntryFile, std::string("m|") + signature + "|REDIS|1\n");
+    const std::uint32_t before = app->method.methodCount;
+    deliver(parseEntryFile, "m|" + std::string(40000, 'n') + "|REDIS|1\nm|next|REDIS|1\n");
+    EXPECT_EQ(app->method.methodCount, before + 1) << "an overlong line is passed over";
+    EXPECT_NE(find("next"), nullptr);
     EXPECT_NE(find("a)b"), nullptr);
     EXPECT_EQ(find("a")->argumentCount, 0U);
 }
@@ -231,26 +233,6 @@ TEST_F(MethodTexts, NoMethodIsMadeBeyondTheCeilingAndOneLineTellsIt) {
     const std::size_t first = text.find("maxMethods = 5");
     EXPECT_NE(first, std::string::npos);
     EXPECT_EQ(text.find("maxMethods = 5", first + 1), std::string::npos);
-}
-
-TEST_F(MethodTexts, AnOverlongLineIsPassedOverAndTheNextOneRead) {
-    deliver(parseEntryFile, "m|" + std::string(40000, 'n') + "|REDIS|1\nm|next|REDIS|1\n");
-    EXPECT_EQ(app->method.methodCount, 3U);
-    EXPECT_NE(find("next"), nullptr);
-}
-
-TEST_F(MethodTexts, TextsAreKeptWhereTheInstanceIsSetToKeepThem) {
-    const TempDir home;
-    setSharedText(app->retired, app->VXSys.vxHomePath, home.path().c_str());
-    std::filesystem::create_directory(home / "config");
-    app->method.keepsFiles = 1;
-    deliver(parseEntryFile, "m|a|REDIS|1\n");
-    EXPECT_FALSE(std::filesystem::exists(home / "config/entryPointFile.txt"));
-    app->method.keepsFilesHere = 1;
-    deliver(parseEntryFile, "m|a|REDIS|1\n");
-    deliver(setMethodHashMapNode, "m|c|x|1|1\n");
-    EXPECT_EQ(home.read("config/entryPointFile.txt"), "m|a|REDIS|1");
-    EXPECT_EQ(home.read("config/instrProfile.txt"), "m|c|x|1|1\n");
 }
 
 // Lines are applied in portions: in between, running transactions must not see a back-end without its flag,

@@ -4,7 +4,6 @@
 
 #include <array>
 
-#include "tests/support/by_name.h"
 #include "tests/support/home_fixture.h"
 
 namespace vx {
@@ -20,40 +19,6 @@ Slots firstThree(const std::int32_t (&slots)[kProtocolSlots]) {
     return {slots[0], slots[1], slots[2]};
 }
 
-struct ListCase {
-    const char* name;
-    const char* list;
-    Slots slots;
-    const char* text;
-    Slots ports;  // TCP (443 at first), WS, WSS
-};
-class AgentList : public test::HomeFixture, public testing::WithParamInterface<ListCase> {};
-
-TEST_P(AgentList, FillsSlotsTextAndPorts) {
-    upDateAgentSupportedProtocolData("WSS:9,WS:8,TCP:7");
-    upDateAgentSupportedProtocolData(GetParam().list);
-    EXPECT_EQ(firstThree(app->collectors.supportedProtocolArray), GetParam().slots);
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, GetParam().text);
-    EXPECT_EQ((Slots{getProtocolPort(1), getProtocolPort(2), getProtocolPort(3)}), GetParam().ports);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Lists, AgentList,
-    testing::ValuesIn<ListCase>({
-        {"one", "TCP:7000", {1, 0, 0}, "TCP:7000", {7000, 8, 9}},
-        {"in_order", "WSS:443,TCP:7000", {3, 1, 0}, "WSS:443,TCP:7000", {7000, 8, 443}},
-        {"unknown_name_skipped", "UDP:1,WS:80", {2, 0, 0}, "WS:80", {7, 80, 9}},
-        {"no_port_skipped", "TCP,WS:,WSS:x,TCP:70000,TCP:1", {1, 0, 0}, "TCP:1", {1, 8, 9}},
-        {"fourth_goes_nowhere", "TCP:1,TCP:2,TCP:3,WS:4", {1, 1, 1}, "TCP:1,TCP:2,TCP:3,WS:4", {3, 4, 9}},
-        {"nothing_valid_changes_nothing", ",TCP", {3, 2, 1}, "WSS:9,WS:8,TCP:7", {7, 8, 9}},
-        {"text_holds_whole_items",
-         "TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005,TCP:10006",
-         {1, 1, 1},
-         "TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005",
-         {10006, 8, 9}},
-    }),
-    test::byName);
-
 class Protocol : public test::HomeFixture {
 protected:
     // A reply as the collector sends it, to an agent that talks `active`.
@@ -67,15 +32,30 @@ protected:
     int active() const { return app->control.ActiveAgentProtocolIndex; }
 };
 
-TEST_F(Protocol, TheDefaultIsOneProtocolWithThePortThatIsSetOr443) {
-    updateANYAgentSupportedProtocolData(kProtocolWSS);
-    EXPECT_EQ(firstThree(app->collectors.supportedProtocolArray), (Slots{3, 0, 0}));
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
-    EXPECT_EQ(getProtocolPort(3), 443);
-
-    app->VXBCISetting.wssPort = 8443;
-    updateANYAgentSupportedProtocolData(kProtocolWSS);
-    EXPECT_EQ(getProtocolPort(3), 8443);
+TEST_F(Protocol, AnAgentsListFillsSlotsTextAndPorts) {
+    const struct {
+        const char* list;
+        Slots slots;
+        const char* text;
+        Slots ports;  // TCP (443 at first), WS, WSS
+    } rows[] = {
+        {"WSS:443,TCP:7000", {3, 1, 0}, "WSS:443,TCP:7000", {7000, 8, 443}},
+        {"UDP:1,WS:80", {2, 0, 0}, "WS:80", {7, 80, 9}},
+        {"TCP,WS:,WSS:x,TCP:70000,TCP:1", {1, 0, 0}, "TCP:1", {1, 8, 9}},
+        {"TCP:1,TCP:2,TCP:3,WS:4", {1, 1, 1}, "TCP:1,TCP:2,TCP:3,WS:4", {3, 4, 9}},
+        {",TCP", {3, 2, 1}, "WSS:9,WS:8,TCP:7", {7, 8, 9}},
+        {"TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005,TCP:10006",
+         {1, 1, 1},
+         "TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005",
+         {10006, 8, 9}},
+    };
+    for (const auto& row : rows) {
+        upDateAgentSupportedProtocolData("WSS:9,WS:8,TCP:7");
+        upDateAgentSupportedProtocolData(row.list);
+        EXPECT_EQ(firstThree(app->collectors.supportedProtocolArray), row.slots) << row.list;
+        EXPECT_STREQ(app->VXSys.supportedProtocolsString, row.text);
+        EXPECT_EQ((Slots{getProtocolPort(1), getProtocolPort(2), getProtocolPort(3)}), row.ports) << row.list;
+    }
 }
 
 TEST_F(Protocol, TheCollectorsOrderDecides) {
@@ -103,12 +83,6 @@ TEST_F(Protocol, AReplyWithoutAProtocolOfTheAgentEndsInProtocol0) {
         EXPECT_EQ(answer(kProtocolTCP, offer), 1) << offer;
         EXPECT_EQ(active(), 0) << offer;
     }
-}
-
-TEST_F(Protocol, AFullAgentArrayWithoutAMatchKeepsTheConnection) {
-    for (std::int32_t& slot : app->collectors.supportedProtocolArray) slot = kProtocolTCP;
-    EXPECT_EQ(answer(kProtocolTCP, "supportedProtocols=WS:1;"), 0);
-    EXPECT_EQ(active(), kProtocolTCP);
 }
 
 }  // namespace

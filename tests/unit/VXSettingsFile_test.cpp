@@ -1,13 +1,13 @@
 #include "commonlibc/VXSettingsFile.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
+
+#include <vector>
 
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXProtocol.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "tests/support/home_fixture.h"
-#include "tests/support/trace_file.h"
 
 namespace vx {
 namespace {
@@ -27,109 +27,58 @@ protected:
 };
 
 TEST_F(SettingsFile, EveryKeyArrives) {
-    EXPECT_EQ(pass("# settings\r\n"
-                   "endPointPrefix=prefix\r\n"
-                   "tier=T_1\r\n"
-                   "server=S\r\n"
-                   "instance=I\r\n"
-                   "tags=a=b,c=d\r\n"
-                   "attributes={\"e\": \"f\"}\r\n"
-                   "instrumentMoveNext=1\r\n"
-                   "VX_LOG_RETENTION_DAYS=3\r\n"
-                   "CONNECTION_RETRY_TIME_INTERVAL=5\r\n"
-                   "vxcHost=collector.example\r\n"
-                   "vxcPort=7892\r\n"
-                   "stackSize=1024\r\n"
-                   "VXC_COMM_PROTOCOL=TCP:7893,WS:7894\r\n"
-                   "backupVxcHostName=backup.example\r\n"
-                   "backupVxcPort=7895\r\n"
-                   "autoScalingMode=1\r\n"
-                   "agentTraceLevel=3\r\n"
-                   "agentPCTraceLevel=2\r\n"
-                   "instrumentSleep=250\r\n"
-                   "proxyMode=1\r\n"
-                   "proxyConType=2\r\n"
-                   "proxyIP=10.0.0.1\r\n"
-                   "proxyPort=3128\r\n"
-                   "vxAgentDebugLogging=4\r\n"
-                   "vxProjectKey=key\r\n"),
+    EXPECT_EQ(pass("# settings\r\nendPointPrefix=prefix\r\ntier=T_1\r\nserver=S\r\ninstance=I\r\n"
+                   "tags=a=b,c=d\r\nattributes={\"e\": \"f\"}\r\ninstrumentMoveNext=1\r\n"
+                   "VX_LOG_RETENTION_DAYS=3\r\nCONNECTION_RETRY_TIME_INTERVAL=5\r\n"
+                   "vxcHost=collector.example\r\nvxcPort=7892\r\nstackSize=1024\r\n"
+                   "VXC_COMM_PROTOCOL=TCP:7893,WS:7894\r\nbackupVxcHostName=backup.example\r\n"
+                   "backupVxcPort=7895\r\nautoScalingMode=1\r\nagentTraceLevel=3\r\n"
+                   "agentPCTraceLevel=2\r\ninstrumentSleep=250\r\nproxyMode=1\r\nproxyConType=2\r\n"
+                   "proxyIP=10.0.0.1\r\nproxyPort=3128\r\nvxAgentDebugLogging=4\r\nvxProjectKey=key\r\n"),
               0);
-    EXPECT_STREQ(setting().endPointPrefix.get(), "prefix");
-    EXPECT_STREQ(getTierName(), "T_1");
-    EXPECT_STREQ(setting().encodedTierName.get(), "T&#95;1");
-    EXPECT_STREQ(getAppServerName(), "S");
-    EXPECT_STREQ(getAppName(), "I");
-    EXPECT_STREQ(setting().tags.get(), "{\"a\":\"b\",\"c\":\"d\"}");
-    EXPECT_STREQ(setting().attributes.get(), "{\"e\":\"f\"}");
-    EXPECT_EQ(setting().logRetentionDays, 3);
+    const VXSys_t& sys = app->VXSys;
+    const std::pair<const char*, const char*> texts[] = {{setting().endPointPrefix.get(), "prefix"},
+                                                         {getTierName(), "T_1"},
+                                                         {setting().encodedTierName.get(), "T&#95;1"},
+                                                         {getAppServerName(), "S"},
+                                                         {getAppName(), "I"},
+                                                         {setting().tags.get(), "{\"a\":\"b\",\"c\":\"d\"}"},
+                                                         {setting().attributes.get(), "{\"e\":\"f\"}"},
+                                                         {sys.proxyHost, "10.0.0.1"},
+                                                         {setting().projectKey.get(), "key"}};
+    for (const auto& [held, given] : texts) EXPECT_STREQ(held, given);
+    EXPECT_EQ((std::vector<std::int32_t>{
+                  setting().logRetentionDays, setting().stackSize, setting().wsPort,
+                  setting().autoScalingMode, sys.AgentTraceLevel, sys.ControlThreadTraceLevel,
+                  sys.enableFPTrace, sys.AgentPCTraceLevel, sys.instrumentMoveNext, sys.instrumentSleepMs,
+                  sys.proxyMode, sys.proxyConType, sys.proxyPort, sys.agentDebugLogging}),
+              (std::vector<std::int32_t>{3, 1024, 7894, 1, 3, 3, 3, 2, 1, 250, 1, 2, 3128, 4}));
     EXPECT_EQ(app->control.retryInterval, 5000000);
-    EXPECT_STREQ(setting().vxcHost.get(), "collector.example");
-    EXPECT_EQ(setting().vxcPort, 7893) << "the protocol list's TCP port outweighs vxcPort";
-    EXPECT_EQ(setting().stackSize, 1024);
-    EXPECT_EQ(setting().wsPort, 7894);
     EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolTCP);
     EXPECT_EQ(app->control.lws_active, 0);
-    EXPECT_EQ(record(0), "collector.example:7893");
+    EXPECT_EQ(record(0), "collector.example:7893") << "the protocol list's TCP port outweighs vxcPort";
     EXPECT_EQ(record(1), "backup.example:7895");
     EXPECT_EQ(app->collectors.num_vxc_config, 2);
     EXPECT_EQ(app->collectors.dr_enabled, 1);
-    EXPECT_EQ(setting().autoScalingMode, 1);
-    const VXSys_t& sys = app->VXSys;
-    for (const std::int32_t level :
-         {sys.AgentTraceLevel, sys.ControlThreadTraceLevel, sys.enableFPTrace, sys.enableBTMonitorTrace,
-          sys.enableBackendMonTrace, sys.vxMethodMonTraceLevel, sys.captureExceptionTraceLevel,
-          sys.enableThreadMonTraceLevel})
-        EXPECT_EQ(level, 3);
-    EXPECT_EQ(sys.AgentPCTraceLevel, 2);
-    EXPECT_EQ(sys.instrumentMoveNext, 1);
-    EXPECT_EQ(sys.instrumentSleepMs, 250);
-    EXPECT_EQ(sys.proxyMode, 1);
-    EXPECT_EQ(sys.proxyConType, 2);
-    EXPECT_STREQ(sys.proxyHost, "10.0.0.1");
-    EXPECT_EQ(sys.proxyPort, 3128);
-    EXPECT_EQ(sys.agentDebugLogging, 4);
-    EXPECT_STREQ(setting().projectKey.get(), "key");
-}
-
-TEST_F(SettingsFile, AnEmptyFileGivesTheDefaults) {
-    EXPECT_EQ(pass("vxcHost=h\n"), 0);
-    char host[256] = "";
-    gethostname(host, sizeof(host));
-    EXPECT_STREQ(getTierName(), "Default");
-    EXPECT_STREQ(getAppServerName(), host);
-    EXPECT_STREQ(setting().endPointPrefix.get(), "collector");
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
-    EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolWSS);
-    EXPECT_EQ(app->control.lws_active, 1);
-    EXPECT_EQ(record(0), "h:443");
-    EXPECT_EQ(app->collectors.dr_enabled, 0);
 }
 
 TEST_F(SettingsFile, ValuesThatAreNoneLeaveTheDefaults) {
-    EXPECT_EQ(pass("tier=\nstackSize=300\nvxcPort=70000\nvxcHost=\nvxcHost=a b\nbackupVxcPort=0\n"
-                   "CONNECTION_RETRY_TIME_INTERVAL=0\nagentTraceLevel=5\nVXC_COMM_PROTOCOL=tcp\n"
-                   "vxSaasURL=:1\ninstrumentSleep=-1\ntags=neither\n" +
-                   std::string("instance=") + std::string(3000, 'x') + "\nvxcHost=h\n"),
-              0);
+    EXPECT_EQ(
+        pass("tier=\nstackSize=300\nvxcPort=70000\nvxcHost=\nvxcHost=a b\nbackupVxcPort=0\n"
+             "CONNECTION_RETRY_TIME_INTERVAL=0\nagentTraceLevel=2\nagentTraceLevel=5\nVXC_COMM_PROTOCOL=tcp\n"
+             "vxSaasURL=:1\ninstrumentSleep=-1\ntags=neither\n" +
+             std::string("instance=") + std::string(3000, 'x') + "\nvxcHost=h\nvxcHost=a b\n"),
+        0);
     EXPECT_STREQ(getTierName(), "Default");
     EXPECT_EQ(setting().stackSize, 512);
     EXPECT_EQ(record(0), "h:443");
     EXPECT_EQ(record(1), ":0");
     EXPECT_EQ(app->control.retryInterval, 0);
-    EXPECT_EQ(app->VXSys.AgentTraceLevel, 0);
+    EXPECT_EQ(app->VXSys.AgentTraceLevel, 2) << "of several lines the last valid one";
     EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
     EXPECT_EQ(setting().saasMode, 0);
     EXPECT_EQ(app->VXSys.instrumentSleepMs, 0);
     EXPECT_STREQ(getAppName(), "") << "a line above the limit is passed over whole";
-}
-
-TEST_F(SettingsFile, OfSeveralLinesTheLastValidOneStands) {
-    EXPECT_EQ(pass("vxcHost=first\nvxcHost=h\nvxcHost=a b\nVXC_COMM_PROTOCOL=TCP:7000\nVXC_COMM_PROTOCOL=x\n"
-                   "agentTraceLevel=2\nagentTraceLevel=9\n"),
-              0);
-    EXPECT_EQ(record(0), "h:7000");
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "TCP:7000");
-    EXPECT_EQ(app->VXSys.AgentTraceLevel, 2);
 }
 
 TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
@@ -236,19 +185,6 @@ TEST_F(SettingsFile, AChangedFileIsSeenOnceAndAnEmptyOneNever) {
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
     write("vxsettings.conf", "");
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
-}
-
-TEST_F(SettingsFile, EachLineThatIsNotUnderstoodIsTracedWithItsNumber) {
-    const test::TraceFile trace(*app);
-    trace.home().write("config/vxsettings.conf",
-                       "# fine\nnonsense\nvxcHost=h\r\n" + std::string(2049, 'x') + "\nvxcPort=none\n");
-    EXPECT_EQ(read_conf_file(), 0);
-    for (const char* text : {"vxsettings.conf: line 2 is not understood, ignored: 'nonsense'",
-                             "vxsettings.conf: line 4 has more than 2048 characters, ignored",
-                             "Value 'none' of 'vxcPort' is not valid, ignored"})
-        EXPECT_TRUE(trace.says(text)) << text;
-    EXPECT_FALSE(trace.says("line 1 "));
-    EXPECT_FALSE(trace.says("line 3 "));
 }
 
 }  // namespace

@@ -12,14 +12,12 @@ class General : public test::HomeFixture {};
 TEST_F(General, TheHomeIsFoundByTheFirstVariableThatHoldsOne) {
     const char* former = getenv("HOME");
     const std::string kept = former ? former : "";
-    struct {
+    const struct {
         const char *vxhome, *userprofile, *home, *path;
-    } rows[] = {
-        {"/a", "/b", "/c", "/a/proxy"},
-        {nullptr, "/b", "/c", "/b/proxy"},
-        {"", nullptr, "/c", "/c/proxy"},
-        {nullptr, nullptr, nullptr, "/proxy"},
-    };
+    } rows[] = {{"/a", "/b", "/c", "/a/proxy"},
+                {nullptr, "/b", "/c", "/b/proxy"},
+                {"", nullptr, "/c", "/c/proxy"},
+                {nullptr, nullptr, nullptr, "/proxy"}};
     for (const auto& row : rows) {
         row.vxhome ? setenv("VXHOME", row.vxhome, 1) : unsetenv("VXHOME");
         row.userprofile ? setenv("USERPROFILE", row.userprofile, 1) : unsetenv("USERPROFILE");
