@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -92,16 +93,21 @@ std::string programPath(const std::string& name) {
     return std::string(VX_BIN_DIR) + "/" + name;
 }
 
+// Below the ports that the system hands out by itself: a connection of a test beside this one cannot take it.
 int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(fd);
-    return ntohs(address.sin_port);
+    constexpr int kFirst = 12000, kCount = 20000;
+    static std::minstd_rand random(std::random_device{}());
+    for (;;) {
+        const int port = kFirst + static_cast<int>(random() % kCount);
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        const bool taken = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0;
+        ::close(fd);
+        if (!taken) return port;
+    }
 }
 
 void pause10ms() {

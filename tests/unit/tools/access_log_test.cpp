@@ -103,9 +103,9 @@ class UpstreamFields : public testing::TestWithParam<UpstreamCase> {};
 
 TEST_P(UpstreamFields, GiveTheServersThatWereAsked) {
     LogLine line;
-    ASSERT_TRUE(parseLogLine(logLine("21/Nov/2026:09:05:06 +0100", "\"GET / HTTP/1.1\"",
-                                     (std::string(" 200 512 \"-\" ") + GetParam().fields + " 0.125").c_str()),
-                             line));
+    const std::string rest = std::string(" 200 512 \"-\" ") + GetParam().fields + " 0.125";
+    const std::string text = logLine("21/Nov/2026:09:05:06 +0100", "\"GET / HTTP/1.1\"", rest.c_str());
+    ASSERT_TRUE(parseLogLine(text, line));  // whose views are into the text
     EXPECT_EQ(line.durationUs, 125000);
     std::vector<std::string> servers;
     for (std::size_t i = 0; i < line.upstreamCount; ++i)
