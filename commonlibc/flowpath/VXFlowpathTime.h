@@ -1,7 +1,7 @@
 // Sums over what agents send: times since a flowpath's start, counts.
 //
 // Numbers come from the wire and may hold any value: sums of times wrap in 64 bits instead of overflowing,
-// counts stay at their ends.
+// and counts stay between 0 and their end.
 //
 // Threads   Any; no state.
 #pragma once
@@ -22,12 +22,13 @@ inline std::int64_t vxWrapMul(std::int64_t a, std::int64_t b) noexcept {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
 }
 
-// Counts of a flowpath that stop at the ends of their range.
 inline void vxRaise(std::int32_t& count) noexcept {
     if (count < std::numeric_limits<std::int32_t>::max()) ++count;
 }
-inline void vxLower(std::int32_t& count) noexcept {
-    if (count > std::numeric_limits<std::int32_t>::min()) --count;
+// A call that was left by an exception may send its exit too. A depth that then went below 0 would take
+// each nested call that follows for an outer one.
+inline void vxLower(std::int32_t& depth) noexcept {
+    if (depth > 0) --depth;
 }
 
 // Milliseconds since the flowpath's start, of a Unix time in microseconds; negative before it.

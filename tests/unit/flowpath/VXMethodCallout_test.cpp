@@ -142,7 +142,13 @@ TEST_F(MethodCallout, AnExceptionIsAnErrorOfItsBackEndAndLeavesTheEntryOpen) {
     EXPECT_EQ(countsOf("MYSQL_stock"), "1/1/7");
     EXPECT_EQ(countsOf("HTTP_shop"), "1/1/7");
     EXPECT_EQ(countsOf("MQ_orders"), "1/1/7");
-    EXPECT_EQ(slot->tlSQLObj.DBCallDepth, 0);
+
+    end("Db.query", {.backend = "stock"});
+    EXPECT_EQ(slot->tlSQLObj.DBCallDepth, 0)
+        << "and not below: the next inner call would pass for an outer one";
+    enter("Db.query");
+    takeBlob();
+    EXPECT_EQ(callOf("Db.query", {.backend = "stock"}), "");
 
     slot->statusCode = 599;
     fail("A.a", {}, 2);
