@@ -129,7 +129,7 @@ void onTransactionStart(Message& in) {
     start.threadId = in.i64(48);
     vxTD* slot = startFP(start);
     if (!slot) {
-        VX_TRACE(1, kFlowpath, kInfo, "NOT FOUND FPI - %lld START", in.instance());
+        VX_TRACE(2, kFlowpath, kInfo, "NOT FOUND FPI - %lld START", in.instance());
         vxCountRefusedMessage();
         return;
     }
