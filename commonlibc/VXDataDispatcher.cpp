@@ -135,6 +135,19 @@ std::uint64_t countUnsent(VXBufferChain& chain) {
     return records;
 }
 
+// False: there is nothing to take, or nobody to take it for.
+bool isWanted(const vxApplication* app, const char* buffer, std::int64_t length) {
+    if (!app) return false;
+    if (!app->Server.testRunRunning.load(std::memory_order_acquire) &&
+        !app->Server.draining.load(std::memory_order_acquire)) {
+        VX_TRACE(4, kControlThread, kInfo, "test is not running");
+        return false;
+    }
+    if (buffer && length > 0) return true;
+    VX_TRACE(4, kControlThread, kInfo, "data is null or zero length");
+    return false;
+}
+
 void freeNodes(VXBufferNode* node) {
     while (node) {
         VXBufferNode* next = node->next;
@@ -148,16 +161,7 @@ void freeNodes(VXBufferNode* node) {
 
 void dumpData(const char* buffer, std::int64_t length) {
     vxApplication* app = vxCurrent();
-    if (!app) return;
-    if (!app->Server.testRunRunning.load(std::memory_order_acquire) &&
-        !app->Server.draining.load(std::memory_order_acquire)) {
-        VX_TRACE(4, kControlThread, kInfo, "test is not running");
-        return;
-    }
-    if (!buffer || length <= 0) {
-        VX_TRACE(4, kControlThread, kInfo, "data is null or zero length");
-        return;
-    }
+    if (!isWanted(app, buffer, length)) return;
     if (recordTaker) return recordTaker(buffer, length);
     VXBufferChain& chain = app->data.chain;
     VXGuard lock(chain.dumpMutex);
@@ -168,6 +172,21 @@ void dumpData(const char* buffer, std::int64_t length) {
     }
     vxCountRefused(chain, buffer, length);
     traceDrop(chain, app->VXSys.dataDropCount.load(std::memory_order_relaxed), code);
+}
+
+bool vxOfferRecord(const char* record, std::int64_t length) {
+    vxApplication* app = vxCurrent();
+    if (!isWanted(app, record, length)) return false;
+    if (recordTaker) {
+        recordTaker(record, length);
+        return true;
+    }
+    VXBufferChain& chain = app->data.chain;
+    VXGuard lock(chain.dumpMutex);
+    const int code = vxAppendToChain(chain, record, length);
+    if (code >= 0) vxCountAccepted(chain, record, length);
+    if (code == kChainCut) vxCountRefused(chain, record, length);  // its beginning is out
+    return code >= 0 || code == kChainCut;
 }
 
 void vxDivertRecords(VXRecordTaker taker) {

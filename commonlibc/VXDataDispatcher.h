@@ -31,6 +31,9 @@ inline constexpr int kChainNoBuffers = -99;  // the chain has no nodes
 // The one entry for producers: takes any bytes; callers format whole records ending in a newline. Discards
 // everything, uncounted, while neither testRunRunning nor draining is set.
 void dumpData(const char* buffer, std::int64_t length);
+// The same for a record that its writer keeps and brings again, such as a name: when there is no room for it,
+// the answer is false and it counts as nothing.
+[[nodiscard]] bool vxOfferRecord(const char* record, std::int64_t length);
 // While a taker is set, dumpData hands the records of this thread to it instead of the chain, uncounted: what
 // a new connection has to learn goes out in front of everything that waits. Null ends it.
 using VXRecordTaker = void (*)(const char* record, std::int64_t length);

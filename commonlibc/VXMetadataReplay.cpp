@@ -14,23 +14,23 @@ namespace {
 constexpr int kPortion = 256;  // records looked at per turn of a table's lock
 constexpr std::int64_t kPauseUs = 50;
 
-// What is to be told. Names of methods and BTs never change and are never freed.
-struct Named {
-    const char* name;
+// What is to be told. Methods and BTs are never freed, and their names never change.
+template <class T>
+struct Noted {
+    T* object;
     std::int64_t id;
 };
-
-const char* nameOf(const mPP& method) {
-    return method.methodName;
-}
-const char* nameOf(const BTObject& object) {
-    return object.btName;
-}
 
 // The id of a method in use, 0 of any other.
 std::int64_t idToTell(const mPP& method) {
     if (method.usedFlag.load(std::memory_order_relaxed) != 1) return 0;
     return method.methodId.load(std::memory_order_relaxed);
+}
+
+// What there was no room for is told with its next use.
+void tell(const Noted<mPP>& noted) {
+    if (!dumpMetataFor5Record(noted.object->methodName, static_cast<std::uint32_t>(noted.id)))
+        noted.object->usedFlag.store(0, std::memory_order_relaxed);
 }
 
 // The id of a BT that the manager map holds and no rule has left behind, 0 of any other; it counts as told.
@@ -42,20 +42,25 @@ std::int64_t idToTell(BTObject& object) {
     return id;
 }
 
+void tell(const Noted<BTObject>& noted) {
+    if (!dumpBtMetaData(noted.object->btName, static_cast<std::int32_t>(noted.id)))
+        noted.object->metaDataDumped.store(0, std::memory_order_relaxed);
+}
+
 // Tells a list of records portion by portion, each noted under the table's lock and written without it. The
 // list only grows, and at its end: the place where a portion ended stays good, and what is added meanwhile
 // is met there.
 template <class T>
-void tellAll(apr_thread_mutex_t* mutex, T* const& first, T* T::*next, void (*tell)(const Named&)) {
+void tellAll(apr_thread_mutex_t* mutex, T* const& first, T* T::*next) {
     const T* last = nullptr;
     for (bool more = true; more;) {
-        Named noted[kPortion];
+        Noted<T> noted[kPortion];
         int count = 0;
         {
             VXGuard lock(mutex);
             T* at = last ? last->*next : first;
             for (int seen = 0; at && seen < kPortion; ++seen, at = at->*next) {
-                if (const std::int64_t id = idToTell(*at)) noted[count++] = {nameOf(*at), id};
+                if (const std::int64_t id = idToTell(*at)) noted[count++] = {at, id};
                 last = at;
             }
             more = at != nullptr;
@@ -79,15 +84,12 @@ constexpr ReplayRow kReplayRows[] = {
 
 void collectAndSendOnlyCached5Records(int, int) {
     VXMethodState_t& state = vxCurrent()->method;
-    tellAll(state.mapMutex, state.firstMethod, &mPP::next, [](const Named& method) {
-        dumpMetataFor5Record(method.name, static_cast<std::uint32_t>(method.id));
-    });
+    tellAll(state.mapMutex, state.firstMethod, &mPP::next);
 }
 
 void collectAndSendOnlyCached7Records(int, int) {
     VXBTState_t& bt = vxCurrent()->bt;
-    tellAll(bt.btMapMutex, bt.firstManaged, &BTObject::nextManaged,
-            [](const Named& object) { dumpBtMetaData(object.name, static_cast<std::int32_t>(object.id)); });
+    tellAll(bt.btMapMutex, bt.firstManaged, &BTObject::nextManaged);
 }
 
 void dump11Record(int recordNumber) {

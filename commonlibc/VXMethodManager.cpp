@@ -2,6 +2,7 @@
 
 #include <apr_strings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -20,6 +21,7 @@ namespace vx {
 namespace {
 
 constexpr std::size_t kRecordMax = 1023;
+constexpr std::size_t kNameMax = 1023;
 constexpr std::size_t kKeySize = 1100;
 constexpr std::uint32_t kUnassignedId = 0xFFFFFFFF;
 constexpr std::uint8_t kSubtypeAnnounced = 1;
@@ -58,7 +60,8 @@ const char* composeKey(const BackendKind& kind, const char* name, char (&key)[kK
 }
 
 mPP* search(const char* name, std::size_t length, const methodHashMapNode_t* table) {
-    return static_cast<mPP*>(search_hashmap_len(name, static_cast<std::int64_t>(length), table->map));
+    const auto kept = static_cast<std::int64_t>(std::min(length, kNameMax));
+    return static_cast<mPP*>(search_hashmap_len(name, kept, table->map));
 }
 mPP* search(const char* name, const methodHashMapNode_t* table) {
     return search(name, std::strlen(name), table);
@@ -126,11 +129,13 @@ mPP* makeRecord(vxApplication& app, const char* name, std::uint8_t type, std::ui
     void* block = VXLB_MALLOC_AND_MEMSET(sizeof(mPP), "methodPropProperties", -1);
     if (!block) return nullptr;
     auto* method = new (block) mPP{};
-    method->methodName = vxlb_strdup(name);
+    const std::size_t size = strnlen(name, kNameMax) + 1;
+    method->methodName = static_cast<char*>(VXLB_MALLOC(size, "method name", -1));
     if (!method->methodName) {
         VXLB_FREE(block, "methodPropProperties", -1);
         return nullptr;
     }
+    vxlb_copy_text(method->methodName, size, name);
     std::uint32_t id = takeMethodId(app.method);
     if (type == kTypeCustom) id = takeMethodId(app.method);
     method->methodId.store(id, std::memory_order_relaxed);
@@ -279,15 +284,19 @@ mPP* searchAndUpdateMethodHashMap(const char* name, methodHashMapNode_t* table, 
 
 void announceMethod(mPP* method) {
     if (method->usedFlag.exchange(1, std::memory_order_relaxed)) return;
-    if (vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed))
-        dumpMetataFor5Record(method->methodName, method->methodId.load(std::memory_order_relaxed));
+    if (!vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed)) return;
+    if (!dumpMetataFor5Record(method->methodName, method->methodId.load(std::memory_order_relaxed)))
+        method->usedFlag.store(0, std::memory_order_relaxed);
 }
 
-void dumpMetataFor5Record(const char* name, std::uint32_t methodId) {
-    char record[kRecordMax];
-    VXWriter out(record, sizeof(record));
-    out.text("5,").recordText(name).put(',').number(methodId).endLine();
-    dumpData(record, static_cast<std::int64_t>(out.length()));
+bool dumpMetataFor5Record(const char* name, std::uint32_t methodId) {
+    char record[kRecordMax], end[16];
+    VXWriter id(end, sizeof(end));
+    id.put(',').number(methodId).endLine();
+    VXWriter out(record, sizeof(record) - id.length());
+    out.text("5,").recordText(name);
+    std::memcpy(record + out.length(), end, id.length());
+    return vxOfferRecord(record, static_cast<std::int64_t>(out.length() + id.length()));
 }
 
 void takeMethodTable(vxTD* slot) {

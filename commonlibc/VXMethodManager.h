@@ -2,10 +2,12 @@
 //
 // The map is keyed by the method's name; a back-end's name is its prefix and the back-end's own name
 // ("HTTP_host"). Ids count from 1 and never change, and records stay for the life of the instance. A method
-// is described to the collector by its 5 record when it is first used while a data thread runs; what was
-// written before the stream stands is repeated by the replay.
+// is described to the collector by its 5 record when it is first used while a data thread runs, or, when
+// there was no room for that record, with a later use; what was written before the stream stands is repeated
+// by the replay.
 //
-// Limits    Named back-ends: maxIPCount, then "Others" takes the rest. Records: maxMethods; beyond it none is
+// Limits    A name is cut at 1,023 bytes. Named back-ends: maxIPCount, then "Others" takes the rest. Records:
+// maxMethods; beyond it none is
 //           made, traced once in a run. The fixed records are made all the same.
 // Errors    Null where no record can be had; a failed allocation leaves the map as it was.
 // Threads   Method table lock (VXMethodLock) around every access to the map; functions take it unless
@@ -63,7 +65,8 @@ void announceMethod(mPP* method);
 inline void markMethodUsed(mPP* method) {
     if (method->usedFlag.load(std::memory_order_relaxed) == 0) announceMethod(method);
 }
-void dumpMetataFor5Record(const char* name, std::uint32_t methodId);
+// A long name is cut in front of the id. False when there was no room for the record.
+[[nodiscard]] bool dumpMetataFor5Record(const char* name, std::uint32_t methodId);
 // References of flowpaths on the table.
 void takeMethodTable(vxTD* slot);
 void releaseMethodTable(vxTD* slot);

@@ -56,35 +56,35 @@ std::size_t makeKey(const Chain& chain, char (&key)[kKeySize]) {
     return out.terminate().length();
 }
 
-void traceCeilingOnce(VXTierState_t& tiers) {
-    if (tiers.callersTraced) return;
+// True, and traced once a run, when no further caller can be told apart.
+bool isFull(VXTierState_t& tiers) {
+    const std::int32_t ceiling = VXProxy.ceilings.maxCallers;
+    if (tiers.callerCount < static_cast<std::uint32_t>(std::max(ceiling, 0))) return false;
+    if (!tiers.callersTraced)
+        VX_TRACE(1, kFlowpath, kError, "maxCallers = %d calling tiers are known, others are not announced",
+                 ceiling);
     tiers.callersTraced = 1;
-    VX_TRACE(1, kFlowpath, kError, "maxCallers = %d calling tiers are known, others are not announced",
-             VXProxy.ceilings.maxCallers);
-}
-
-// Remembers a caller that was not met before. False beyond the ceiling and without memory. The keys live as
-// long as the map, in its pool.
-bool rememberCaller(VXTierState_t& tiers, const char* key, std::size_t length) {
-    if (tiers.callerCount >= static_cast<std::uint32_t>(std::max(VXProxy.ceilings.maxCallers, 0))) {
-        traceCeilingOnce(tiers);
-        return false;
-    }
-    const VXGuard guard(tiers.callers->mutex);
-    char* kept = apr_pstrmemdup(tiers.callers->pool, key, length);
-    if (!kept) return false;
-    modify_hashmap(kept, kept, tiers.callers);
-    ++tiers.callerCount;
     return true;
 }
 
-void announce(const Chain& chain) {
+// The keys live as long as the map, in its pool.
+void rememberCaller(VXTierState_t& tiers, const char* key, std::size_t length) {
+    const VXGuard guard(tiers.callers->mutex);
+    char* kept = apr_pstrmemdup(tiers.callers->pool, key, length);
+    if (!kept) return;
+    modify_hashmap(kept, kept, tiers.callers);
+    ++tiers.callerCount;
+}
+
+// False when the collector was to learn of a caller and there was no room for it.
+bool announce(const Chain& chain) {
+    if (std::strcmp(chain.field[kCallerId], kNotAnnounced) == 0) return true;
     char id[kFieldSize], tier[kFieldSize], instance[kFieldSize], server[kFieldSize];
     decodeUnderscore(id, sizeof(id), chain.field[kCallerId], 1);
     decodeUnderscore(tier, sizeof(tier), chain.field[kTier], 0);
     decodeUnderscore(instance, sizeof(instance), chain.field[kInstance], 0);
     decodeUnderscore(server, sizeof(server), chain.field[kServer], 0);
-    dumpRecord91({id, tier, instance, server});
+    return dumpRecord91({id, tier, instance, server});
 }
 
 // 0, or -1 without a map.
@@ -98,8 +98,7 @@ int meetCaller(vxApplication& app, const Chain& chain) {
         return -1;
     }
     if (search_hashmap_len(key, static_cast<std::int64_t>(length), app.tiers.callers)) return 0;
-    if (rememberCaller(app.tiers, key, length) && std::strcmp(chain.field[kCallerId], kNotAnnounced) != 0)
-        announce(chain);
+    if (!isFull(app.tiers) && announce(chain)) rememberCaller(app.tiers, key, length);
     return 0;
 }
 
@@ -118,7 +117,7 @@ int setTierCallOut(vxTD* slot, char* chainText) {
     return meetCaller(*vxCurrent(), chain);
 }
 
-void dumpRecord91(const VXCaller& caller) {
+bool dumpRecord91(const VXCaller& caller) {
     char record[kRecordSize];
     VXWriter out(record, sizeof(record));
     out.text("91");
@@ -126,7 +125,7 @@ void dumpRecord91(const VXCaller& caller) {
                              getAppServerName(), getAppName()})
         out.put(',').recordText(text);
     out.text(",NA").endLine();
-    dumpData(record, static_cast<std::int64_t>(out.length()));
+    return vxOfferRecord(record, static_cast<std::int64_t>(out.length()));
 }
 
 }  // namespace vx

@@ -37,10 +37,15 @@ BTObject* findByName(const char* name, const VXMap* map) {
     return static_cast<BTObject*>(search_hashmap_len(name, static_cast<std::int64_t>(length), map));
 }
 
+// A name that there was no room for is told with the next transaction.
+void announce(BTObject& object, std::int32_t id) {
+    if (!dumpBtMetaData(object.btName, id)) object.metaDataDumped.store(0, std::memory_order_relaxed);
+}
+
 void announceOnce(BTObject& object) {
     if (object.metaDataDumped.load(std::memory_order_relaxed)) return;
     if (object.metaDataDumped.exchange(1, std::memory_order_relaxed)) return;
-    dumpBtMetaData(object.btName, object.btId.load(std::memory_order_relaxed));
+    announce(object, object.btId.load(std::memory_order_relaxed));
 }
 
 // While diagnostics are on, they are armed on each BT that a transaction meets.
@@ -107,7 +112,7 @@ void announceDeclared(const vxApplication& app, BTObject& object, std::int32_t i
     if (app.bt.applicableRule.load(std::memory_order_relaxed) != kPatternRule) return;
     if (app.Server.runtimeChange.load(std::memory_order_relaxed)) return;
     object.metaDataDumped.store(1, std::memory_order_relaxed);
-    dumpBtMetaData(object.btName, id);
+    announce(object, id);
 }
 
 void updateDeclared(vxApplication& app, BTObject& object, std::int32_t id, std::int32_t slow,
@@ -268,11 +273,11 @@ void insert_in_hasmap(const char*, BTObject* object, VXMap* map) {
     bt.lastManaged = object;
 }
 
-void dumpBtMetaData(const char* name, std::int32_t id) {
+bool dumpBtMetaData(const char* name, std::int32_t id) {
     char record[kRecordMax];
     VXWriter out(record, sizeof(record));
     out.text("7,").number(id).put(',').recordText(name).endLine();
-    dumpData(record, static_cast<std::int64_t>(out.length()));
+    return vxOfferRecord(record, static_cast<std::int64_t>(out.length()));
 }
 
 void reset_BTObjMap(std::uint32_t staleValue) {

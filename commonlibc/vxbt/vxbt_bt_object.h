@@ -31,8 +31,9 @@ BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int3
                                     std::int32_t verySlow, std::int32_t selfId, std::int32_t parentId);
 BTObject* find_bt_obj_in_manager_map(const char* name);                 // btMapMutex held
 void insert_in_hasmap(const char* name, BTObject* object, VXMap* map);  // btMapMutex held
-void dumpBtMetaData(const char* name, std::int32_t id);                 // the 7 record
-void reset_BTObjMap(std::uint32_t staleValue);                          // btMapMutex held
+// The 7 record. False when there was no room for it.
+[[nodiscard]] bool dumpBtMetaData(const char* name, std::int32_t id);
+void reset_BTObjMap(std::uint32_t staleValue);  // btMapMutex held
 // Clears metaDataDumped of every BT, isStale untouched (a new data connection learns the names).
 void clearBtMetaDataFlags();
 void parseMaxBTCount(const char* value);

@@ -64,6 +64,30 @@ TEST_F(MetadataReplay, TellsABtThatARuleHasReplacedByTheRulesOwnId) {
     EXPECT_EQ(dumpedText(*app), "7,3,/b\n7,9,/a\n");
 }
 
+// Once, a chain that was full when a method or a BT was met left it without a name for the rest of the run.
+TEST_F(MetadataReplay, WhatThereWasNoRoomForIsToldWithItsNextUse) {
+    app->data.data_thread_running = 1;
+    markMethodUsed(method("replayed"));
+    btOf("/replayed");
+    for (const bool replays : {false, true}) {
+        closeDumping(*app);
+        app->Server.testRunRunning = 1;  // and no node to write into
+        if (replays) {
+            replayMetaData();
+        } else {
+            markMethodUsed(method("new"));
+            btOf("/new");
+        }
+        openDumping(*app);
+        for (const char* name : {"replayed", "new"}) markMethodUsed(method(name));
+        for (const char* name : {"/replayed", "/new"}) btOf(name);
+        const Records expected = replays ? Records{"5,new,4", "5,replayed,3", "7,2,/replayed", "7,3,/new"}
+                                         : Records{"5,new,4", "7,3,/new"};
+        EXPECT_EQ(sortedRecords(), expected);
+    }
+    EXPECT_EQ(app->data.chain.recordsDropped, 0U) << "nothing was lost";
+}
+
 TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
     app->VXSys.maxIPCount = 1;
     app->data.data_thread_running = 1;

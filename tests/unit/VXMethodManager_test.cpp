@@ -64,11 +64,13 @@ TEST_F(MethodTable, OnlyTheLengthGivenIsTheName) {
 }
 
 TEST_F(MethodTable, ALongNameOrALineBreakLeavesOneLine) {
-    report(std::string(3000, 'n'));
+    mPP* method = report(std::string(3000, 'n'));
+    EXPECT_EQ(report(std::string(3001, 'n')), method) << "what is cut off does not tell methods apart";
+    EXPECT_STREQ(method->methodName, std::string(1023, 'n').c_str());
     report("a\nb");
     const auto records = dumpedRecords(*app);
     ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0], "5," + std::string(1020, 'n'));
+    EXPECT_EQ(records[0], "5," + std::string(1018, 'n') + ",3") << "the name is cut, not the id";
     EXPECT_EQ(records[1], "5,a b,4");
 }
 

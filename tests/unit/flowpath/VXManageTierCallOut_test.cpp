@@ -35,6 +35,15 @@ TEST_F(TierCallout, TheFirstSightOfACallerIsAnnouncedOnce) {
               (Records{"91,i_d,ti_er,my_tier,inst,srv%5F,srv,app,NA", "91,bare,,my_tier,,,srv,app,NA"}));
 }
 
+TEST_F(TierCallout, ACallerThatThereWasNoRoomForIsAnnouncedByItsNextFlowpath) {
+    closeDumping(*app);
+    app->Server.testRunRunning = 1;
+    EXPECT_EQ(chain("1_2_3_late"), 0);
+    openDumping(*app);
+    for (int flowpath = 0; flowpath < 2; ++flowpath) EXPECT_EQ(chain("4_5_6_late"), 0);
+    EXPECT_EQ(flowpathRecords(), (Records{"91,late,,my_tier,,,srv,app,NA"}));
+}
+
 TEST_F(TierCallout, FieldsThatAreMissingOrEmptyAreToldApart) {
     const struct {
         const char* text;
