@@ -20,6 +20,7 @@ constexpr std::uint8_t kDefaultRetryCount = 3;
 constexpr std::int32_t kDefaultMissCount = 10;
 constexpr std::int32_t kDefaultHeartbeatRounds = 6;
 constexpr std::int32_t kRequestAfterLimit = 3;  // requestType once the retry limit was reached
+constexpr int kMaxAtOnce = 4;                   // attempts in a row without a pause between them
 constexpr std::int64_t kThreadStarting = -1;    // controlThreadId until the thread has its own
 
 // What the connect cycle does next.
@@ -39,6 +40,7 @@ struct Cycle {
     VXPool pool;  // of the present attempt: its socket
     bool limitHit = false;
     bool failedBefore = false;  // in this cycle
+    int atOnce = 0;             // attempts without a pause, since the last pause or connection
     char error[kSockErrorSize] = "";
 
     explicit Cycle(vxApplication& context) : app(context), info(context.control.ctrlBufInfo) {}
@@ -51,6 +53,14 @@ bool stopAsked() {
 // Waits retryInterval, then goes on; a stop ends the thread.
 Step pauseThen(Cycle& cycle, Step next) {
     return vxlb_sleep_watching(cycle.app.control.retryInterval, stopAsked) || stopAsked() ? Step::kEnd : next;
+}
+
+// Connects again without a pause. Collectors that go on sending this instance away, all of them or the only
+// one, are not run against without one.
+Step connectAtOnce(Cycle& cycle) {
+    if (++cycle.atOnce <= kMaxAtOnce) return Step::kConnect;
+    cycle.atOnce = 0;
+    return pauseThen(cycle, Step::kConnect);
 }
 
 void setDefaults(VXControlState_t& control) {
@@ -156,7 +166,7 @@ Step replyRefused(Cycle& cycle) {
              app.VXBCISetting.controlSourcePort.load());
     app.control.closeCtrlConFlag = 1;
     control_connection_cleanup();
-    return Step::kConnect;
+    return connectAtOnce(cycle);
 }
 
 // The road behind a verdict on the reply, at once or from within the read loop.
@@ -165,7 +175,7 @@ Step afterVerdict(Cycle& cycle, int verdict) {
     if (verdict != kReplyChangeProtocol) return Step::kRun;
     setConnectionChannel();
     VX_TRACE(1, kControlThread, kInfo, "Changing protocol");
-    return Step::kConnect;
+    return connectAtOnce(cycle);
 }
 
 int receiveReply(Cycle& cycle) {
@@ -215,6 +225,7 @@ Step running(Cycle& cycle) {
     control.lastHeartBeatTime = vxlb_now_ms();
     const int result = handle_msg_from_vxc_lws(&cycle.info);
     if (control.lateVerdict != 0) return afterVerdict(cycle, control.lateVerdict);
+    cycle.atOnce = 0;
     return result != 0 ? connectionLost(cycle) : loopEnded(cycle);
 }
 

@@ -3,7 +3,7 @@
 //     settings --> connecting --> announcing --> reply awaited --> running
 //         ^           ^  |             |            |    |            |
 //         |           |  +-- pause ----+------------+----|--- pause --+   (lost: connecting again)
-//         |           +----------- at once: other protocol, other collector
+//         |           +----------- at once: other protocol, other collector (a few times in a row)
 //         +-- failing over: next collector, changed settings read again
 //
 // Nothing but a stop of the instance or the service, silent UDP agents, or settings that cannot be read ends

@@ -256,6 +256,24 @@ TEST_F(ControlThread, ARefusedReplyLeadsToAnotherAttempt) {
     EXPECT_TRUE(acceptControl());
 }
 
+TEST_F(ControlThread, CollectorsThatSendItAwayAreRunAgainstAFewTimesOnly) {
+    static std::atomic<std::int64_t> slept;
+    slept = 0;
+    const auto sleep = [](std::int64_t us) {
+        slept += us;
+        ::usleep(1000);
+    };
+    vxlb_set_clock_hooks({.now_us = nullptr, .sleep_us = sleep, .random_byte = nullptr});
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    for (int attempt = 0; attempt < 6; ++attempt) {
+        FakePeer away = collector.accept();
+        away.readLine();
+        EXPECT_EQ(slept, attempt < 5 ? 0 : 1000000) << attempt;
+        away.send("vx_ctrl_msg_rep:result=Ok;status=RUNNING;state=0;\n");
+        EXPECT_TRUE(away.ended());
+    }
+}
+
 TEST_F(ControlThread, FailedAttemptsAreCountedAndAChangedFileIsRead) {
     FakeCollector other;
     const int gone = other.port();
