@@ -91,20 +91,12 @@ const char* get_file_from_VXC_wrapper(const char* keyword, int index) {
     return VX_UPCALL(get_file_from_VXC_lws, keyword, index);
 }
 
-// What is held stays in force: behind a start's pass, or at once where it rules the rest of the pass.
-void useHeld(kywdInfo_t& entry, const char* keyword, int index) {
-    if (index != kCriticalListIndex) {
-        markHeldFile(keyword, index);
-    } else if (vxCurrent()->files.startPass && entry.content) {
-        parseContent(entry.content, entry.size, index);
-    }
-}
-
 void noFile(const char* keyword) {
     VX_TRACE(1, kControlThread, kInfo, "Found =NA for keyword '%s', returning ", keyword);
     if (strcasecmp(keyword, "vxMethodMonFile") != 0) return;
     if (methodHashMapNode_t* node = vxCurrent()->method.methodHashMapNode)
         resetmethodHashMapNode(node, kMonitorTexts);
+    forgetFileInForce(kMethodMonitorIndex);
 }
 
 // Nothing at all has come for so long that the read loop would have left the connection.
@@ -149,7 +141,7 @@ void handleFileBasedKeyword(const char* value, const char* keyword, int index) {
     if (unchanged(entry, name, size, lmd)) {
         VX_TRACE(1, kControlThread, kInfo,
                  "file based keyword info (%s) did match with previous info, returning", name);
-        useHeld(entry, keyword, index);
+        useHeldFile(keyword, index);
         return;
     }
     VX_TRACE(1, kControlThread, kInfo, "going to get file data from vxc");
@@ -160,7 +152,7 @@ void handleFileBasedKeyword(const char* value, const char* keyword, int index) {
         return;
     }
     VX_TRACE(1, kControlThread, kWarning, "Content of file is not present");
-    if (size >= 1) useHeld(entry, keyword, index);
+    if (size >= 1 && vxCurrent()->files.startPass) useHeldFile(keyword, index);
 }
 
 const char* getFileFromVXC(const char* keyword, int index) {
@@ -178,6 +170,7 @@ void useFileBasedKeyword(const char* content, std::int64_t size, const char* key
     const vxApplication& app = *vxCurrent();
     if (describesMethods(index) && app.VXBCISetting.agentTypeCode == kAgentGo) handOverToGoAgents(index);
     parseContent(content, size, index);
+    vxCurrent()->files.kywdInfo[index].inForce = 1;
     if (describesMethods(index)) vxCurrent()->Server.rehashRequested = 1;
 }
 
@@ -185,13 +178,21 @@ void beginFilePass(bool overStartLine) {
     VXFileState_t& files = vxCurrent()->files;
     files.startPass = overStartLine ? 1 : 0;
     files.pendingCount = 0;
-    for (kywdInfo_t& entry : files.kywdInfo) entry.pending = 0;
+    // Only what is set is written: most entries were never touched, nor the memory that they lie in.
+    for (kywdInfo_t& entry : files.kywdInfo) {
+        if (entry.pending) entry.pending = 0;
+        if (overStartLine && entry.inForce) entry.inForce = 0;
+    }
 }
 
-void markHeldFile(const char* keyword, int index) {
+void useHeldFile(const char* keyword, int index) {
     VXFileState_t& files = vxCurrent()->files;
     kywdInfo_t& entry = files.kywdInfo[index];
-    if (!files.startPass || !entry.content || entry.pending) return;
+    if (!entry.content || entry.inForce || entry.pending) return;
+    if (!files.startPass || index == kCriticalListIndex) {  // that list rules the rest of the pass
+        useFileBasedKeyword(entry.content, entry.size, keyword, index);
+        return;
+    }
     vxlb_copy_text(entry.keyword, sizeof(entry.keyword), keyword);
     entry.pending = ++files.pendingCount;  // at most one for each row of the table
 }
@@ -201,9 +202,14 @@ void useHeldFiles() {
     for (int place = 1; place <= files.pendingCount; ++place)
         for (int index = 0; index < kKeywordRows; ++index) {
             const kywdInfo_t& entry = files.kywdInfo[index];
-            if (entry.pending == place) useFileBasedKeyword(entry.content, entry.size, entry.keyword, index);
+            if (entry.pending == place && !entry.inForce)
+                useFileBasedKeyword(entry.content, entry.size, entry.keyword, index);
         }
     files.pendingCount = 0;
+}
+
+void forgetFileInForce(int index) {
+    vxCurrent()->files.kywdInfo[index].inForce = 0;
 }
 
 void noteFailedFetch(const char* keyword) {

@@ -3,8 +3,9 @@
 // the cache folder, from which agents are served.
 //
 //     on a start line    changed: fetched and parsed at once
-//                        unchanged, or not to be had: what is held is parsed again behind the pass
-//     on a modify line   changed: fetched and parsed at once; else nothing
+//                        unchanged, or not to be had: what is held is parsed behind the pass
+//     on a modify line   changed: fetched and parsed at once
+//                        unchanged: what is held is parsed at once, unless it is in force in this run
 //
 // Limits    See VXFileFetch; a name is cut at kFileNameSize - 1 bytes.
 // Errors    A failed fetch leaves the entry as it was, so that the next line asks again. Without a critical
@@ -24,11 +25,14 @@ void handleFileBasedKeyword(const char* value, const char* keyword, int index);
 const char* getFileFromVXC(const char* keyword, int index);
 // Writes the cached copy (a profile has its own) and gives a copy of the content to the keyword's parser.
 void useFileBasedKeyword(const char* content, std::int64_t size, const char* keyword, int index);
-// Before a keyword pass, and behind that of a start line: what is held and was not fetched anew goes to its
-// parser again, in the order of the line.
+// Before a keyword pass; a start line's begins with no file in force.
 void beginFilePass(bool overStartLine);
-void markHeldFile(const char* keyword, int index);
+// What is held and not in force goes to its parser: behind the pass over a start line, else at once.
+void useHeldFile(const char* keyword, int index);
+// Behind the pass over a start line: what useHeldFile() has left, in the order of the line.
 void useHeldFiles();
+// The parser's result has been taken back: the same file is parsed when a line names it again.
+void forgetFileInForce(int index);
 // What must follow a failed fetch: a critical file ends the connection, and so does any file once the
 // collector has been silent for longer than the read loop would bear; a connection that is to end ends the
 // pass.

@@ -134,7 +134,7 @@ void useProfiles(VXFileState_t& files, Server_t& server) {
         keepProfiles(files, server);
         useFileBasedKeyword(entry.content, entry.size, kKeyword, kNameIndex);
     } else {
-        markHeldFile(kKeyword, kNameIndex);
+        useHeldFile(kKeyword, kNameIndex);
     }
     VXLB_FREE(std::exchange(server.instrProfFileData, nullptr), "file content", kNameIndex);
     server.instrProfBytesWritten = 0;
@@ -143,6 +143,7 @@ void useProfiles(VXFileState_t& files, Server_t& server) {
 void noProfile(Server_t& server) {
     server.noInstrProfile = 1;
     setMethodHashMapNode(nullptr);
+    forgetFileInForce(kNameIndex);
 }
 
 // The row that the next field belongs to; null when the line has no room for it.

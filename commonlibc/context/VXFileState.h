@@ -23,6 +23,7 @@ struct kywdInfo_t {
     std::int64_t lmd;
     std::int64_t size;
     std::uint8_t pending;     // place among the held files that go to their parsers behind the pass; 0: none
+    std::uint8_t inForce;     // the parser has taken the content since the last start line
     std::uint8_t handedOver;  // for agents of type 4
     char keyword[32];         // as the pending line named it
 };

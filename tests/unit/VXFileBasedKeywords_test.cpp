@@ -86,6 +86,10 @@ TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByASta
     start("vxExceptionMonFile=f.txt|0|2;");
     start("vxExceptionMonFile=na;");
     EXPECT_EQ(parsed, "");
+    for (const char* seen : {"ab\ncd$", ""}) {  // a change puts it in force again, once
+        modify("vxExceptionMonFile=f.txt|5|1;");
+        EXPECT_EQ(parsed, seen);
+    }
     EXPECT_EQ(asked(), Lines{});
 
     for (const char* changed : {"f.txt|5|2", "f.txt|6|2", "g.txt|6|2"}) {

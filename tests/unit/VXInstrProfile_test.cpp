@@ -158,6 +158,10 @@ TEST_F(InstrProfiles, NoneSelectedResetsTheTableAndAChangeWithoutCountMeansOne) 
     start("numInstrProfile=1;instrProfile=na;lmd=1;size=1;");
     EXPECT_EQ(app->Server.noInstrProfile, 1);
     EXPECT_EQ(query->subtype, 0);
+    asked();
+    modify(group("a", kDbText));  // held, and no longer in force
+    EXPECT_EQ(asked(), "");
+    EXPECT_EQ(query->subtype, 1);
 }
 
 TEST_F(InstrProfiles, ANameNeverLeavesTheCacheFolder) {
