@@ -39,6 +39,7 @@ void setHotspotPrefixes(vxApplication& app) {
         .number(vx_word_get(bci.tierID))
         .put('|')
         .number(vx_word_get(bci.appID))
+        .put('|')
         .terminate();
     VXWriter(sensor.hotspotPrefix, sizeof(sensor.hotspotPrefix))
         .text(bci.encodedTierName.get())

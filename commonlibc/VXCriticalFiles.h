@@ -1,6 +1,6 @@
 // Critical files: file keywords without which a start is given up and the connection closed.
 //
-// Limits    Names that are in the keyword table, each once.
+// Limits    140 names of at most 31 bytes; longer ones are passed over.
 // Threads   Control thread of the instance; current context.
 #pragma once
 

@@ -1,6 +1,7 @@
 // One TCP connection of a channel to the collector: opening, the connect line, closing in good order.
 //
-// Limits    A connect takes at most 10 s. A send waits at most the link's time; a connect line ten times it.
+// Limits    A connect takes at most 10 s. A send waits at most the link's time; vxSendAll sends again as long
+//           as nobody asks for a stop.
 // Lifetime  Each connect attempt has a pool of its own, destroyed with the attempt or its connection.
 // Threads   The thread that owns the connection. Others may test the handle for null and shut it down.
 #pragma once

@@ -14,8 +14,8 @@
 //           connection for at most 2 s, without a 10 record, and ends; one that is connecting or waiting just
 //           ends.
 // Lifetime  Joined by the next start. Its pools are remade by each start and each connect attempt: nothing
-// grows. Threads   check_data_thread, free_agent_data: the control thread. vxDataThreadsDrained: any.
-// Everything
+//           grows.
+// Threads   check_data_thread, free_agent_data: the control thread. vxDataThreadsDrained: any. Everything
 //           else: the data thread itself.
 #pragma once
 

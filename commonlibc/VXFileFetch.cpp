@@ -34,18 +34,25 @@ struct Kind {
     const char* otherFailed;  // begins like `failed` and is none of these; null: there is none
     bool (*names)(const char* headName, const char* asked);
     const char* failedAgain;
+    const char* other;  // begins the trace of a line that is no answer, the line goes behind it
 };
 
 bool namesProfile(const char* headName, const char* asked) {
     return vxHeadNames(vxBaseName(headName), vxBaseName(asked));
 }
 
-constexpr Kind kFile = {"vx_control_rep:action=file;keyword=", "vx_control_rep:action=Failed",
-                        "vx_control_rep:action=FailedInstrumentationProfile", vxHeadNames,
-                        "received error second time for file, hence returning"};
+constexpr Kind kFile = {"vx_control_rep:action=file;keyword=",
+                        "vx_control_rep:action=Failed",
+                        "vx_control_rep:action=FailedInstrumentationProfile",
+                        vxHeadNames,
+                        "received error second time for file, hence returning",
+                        "didn't get file response"};
 constexpr Kind kProfile = {"vx_control_rep:action=instrumentation_profile",
-                           "vx_control_rep:action=FailedInstrumentationProfile", nullptr, namesProfile,
-                           "received error second time folr instrprofile hence returning"};
+                           "vx_control_rep:action=FailedInstrumentationProfile",
+                           nullptr,
+                           namesProfile,
+                           "received error second time folr instrprofile hence returning",
+                           "didn't get instrumentation_profile response"};
 
 bool exchangeMustEnd() {
     const vxApplication& app = *vxCurrent();
@@ -68,9 +75,8 @@ public:
             } else if (saysFailed(line)) {
                 if (!askAgain()) break;
             } else {
-                VX_TRACE(2, kControlThread, kInfo,
-                         "Response from VXC: didn't get response '%s' for '%s'. Going to read again.", line,
-                         name_);
+                VX_TRACE(2, kControlThread, kInfo, "Response from VXC: %s '%s'. Going to read again.",
+                         kind_.other, line);
             }
         }
         addStartWarning("Failed to get response of '", name_, "' file base keyword");
@@ -93,6 +99,11 @@ private:
         char error[kSockErrorSize] = "";
         for (;;) {
             const std::int64_t left = deadline_ - vxlb_now_us();
+            if (!app_.control.controlSocket.get()) {
+                VX_TRACE(1, kControlThread, kError, "control socket not present");
+                app_.control.closeCtrlConFlag = 1;
+                return 0;
+            }
             if (exchangeMustEnd() || left <= 0) return 0;
             const int count = step(std::min(left, kWaitStepUs), error);
             if (count < 0) {

@@ -50,7 +50,7 @@ TEST_F(AutoSensorThread, AnnouncesItselfSendsAndDrainsAtItsEnd) {
     FakePeer remote = acceptStream(kAutoSensorLine);
     EXPECT_EQ(create_autoSensor_thread(), 1);  // one at a time
     EXPECT_TRUE(eventually([&] { return app->VXSys.autosensorConnState == 1; }));
-    EXPECT_STREQ(app->autoSensor.hotspotPrefixID, "7|9");
+    EXPECT_STREQ(app->autoSensor.hotspotPrefixID, "7|9|");
     EXPECT_EQ(dump("74,first\n"), 0);
     EXPECT_EQ(remote.readLine(), "74,first");
     EXPECT_EQ(dump("74,last\n"), 0);
