@@ -8,7 +8,7 @@
 #include "commonlibc/VXSys.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
-#include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxbt/vxbt_config.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem_pool.h"
 #include "commonlibc/vxlb_word.h"

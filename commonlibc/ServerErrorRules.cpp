@@ -1,10 +1,13 @@
 #include "commonlibc/ServerErrorRules.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <iterator>
 
 #include "commonlibc/VXKeywordNumber.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
 
@@ -16,8 +19,10 @@ constexpr std::size_t kLineSize = 2048;
 constexpr int kFields = 6;
 constexpr int kFieldActs = 0, kFieldIsError = 1, kFieldLower = 3, kFieldUpper = 4;
 
+using StatusTable = std::array<char, kStatusTableSize>;
+
 // False ends the parse.
-bool applyLine(char* line) {
+bool applyLine(char* line, StatusTable& table) {
     char* fields[kFields + 1];
     char shown[kLineSize];
     vxlb_copy_text(shown, sizeof(shown), line);
@@ -35,21 +40,31 @@ bool applyLine(char* line) {
     if (std::strcmp(fields[kFieldActs], "0") != 0) return true;
     const char mark = std::strcmp(fields[kFieldIsError], "1") == 0 ? 'F' : 'T';
     for (int status = lower; status <= std::min(upper, kStatusTableSize - 1); ++status)
-        vxCurrent()->VXBCISetting.btErrorArray[status] = mark;
+        table[static_cast<std::size_t>(status)] = mark;
     return true;
+}
+
+void applyLines(const char* text, StatusTable& table) {
+    while (text && *text) {
+        const std::size_t length = std::strcspn(text, "\r\n");
+        char line[kLineSize];
+        vxlb_copy_text(line, std::min(length + 1, sizeof(line)), text);
+        if (length > 0 && *line != '#' && !applyLine(line, table)) return;
+        text += length;
+        if (*text) ++text;
+    }
 }
 
 }  // namespace
 
 void parseBtError(const char* text) {
-    while (text && *text) {
-        const std::size_t length = std::strcspn(text, "\r\n");
-        char line[kLineSize];
-        vxlb_copy_text(line, std::min(length + 1, sizeof(line)), text);
-        if (length > 0 && !applyLine(line)) return;
-        text += length;
-        if (*text) ++text;
-    }
+    vxApplication& app = *vxCurrent();
+    auto& inForce = app.VXBCISetting.btErrorArray;
+    StatusTable table;
+    std::copy(std::begin(inForce), std::end(inForce), table.begin());
+    applyLines(text, table);
+    const VXGuard decode(app.decoder.decodeMutex);  // no transaction ends between two statuses of a text
+    std::copy(table.begin(), table.end(), std::begin(inForce));
 }
 
 }  // namespace vx

@@ -6,9 +6,11 @@
 //
 //     0|1|Server errors|500|599|-
 //
+// Lines that begin with "#" are comments. What a text says takes effect at once.
+//
 // Errors    A line with another number of fields, or out of range, is traced and ends the parse; earlier
 //           lines have their effect.
-// Threads   Control thread of the instance; current context.
+// Threads   Control thread of the instance; current context. The decode lock must not be held.
 #pragma once
 
 namespace vx {

@@ -19,7 +19,7 @@
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vx_upcalls.h"
-#include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxbt/vxbt_config.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"

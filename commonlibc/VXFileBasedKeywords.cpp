@@ -17,6 +17,8 @@
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_rule_parser.h"
+#include "commonlibc/vxbt/vxbt_thresholds.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -41,8 +43,8 @@ struct ParserRow {
     void (*parse)(char* text);
 };
 constexpr ParserRow kParsers[] = {
-    {0, [](char* text) { VX_UPCALL(vxbt_read_rule_file, text); }},
-    {1, [](char* text) { VX_UPCALL(vxbt_read_threshold_file, text); }},
+    {0, [](char* text) { vxbt_read_rule_file(text, VXRuleSource::kText); }},
+    {1, [](char* text) { vxbt_read_threshold_file(text, VXRuleSource::kText); }},
     {2, [](char* text) { parseBtError(text); }},
     {6, [](char* text) { VX_UPCALL(parseExceptionMonFile, text); }},
     {kMethodMonitorIndex, parseMethodMonitor},

@@ -39,9 +39,6 @@ namespace vx {
     X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
     X(kill_lws_as_connection, void(void* wsi))                                                          \
     /* from business transactions, methods and monitors */                                              \
-    X(vxbt_read_rule_file, int(const char* pathOrText))                                                 \
-    X(vxbt_read_threshold_file, int(const char* pathOrText))                                            \
-    X(parse_global_tags, void(const char* text))                                                        \
     X(resolveTransactionTag, void(vxTD * slot))                                                         \
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
     X(digestAddBackend, void(VXBackendMonitorDataCounters * slot, std::int64_t duration))               \

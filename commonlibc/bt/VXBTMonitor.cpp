@@ -19,6 +19,7 @@ namespace vx {
 namespace {
 
 constexpr std::int32_t kMaxBtCount = 256;
+constexpr std::int32_t kMaxArraySize = 65536;  // that a keyword asks for
 constexpr std::int32_t kCategoryGeneralOnly = 15;
 constexpr std::int64_t kMinCpuStart = std::numeric_limits<std::int64_t>::max();
 
@@ -211,6 +212,11 @@ void checkAndIncrementAggrBTDataArray(BTObject* object) {
     VX_TRACE(3, kBtMon, kInfo, "handleSizeBTArr completed ...BTID %d", btId);
 }
 
+bool vxEnsureBtSlot(std::int32_t btId) {
+    vxApplication& app = *vxCurrent();
+    return vxAggEnsureSlot(app.bt.aggDataArr, btId, slotMaker(app)) != nullptr;
+}
+
 void parseBTMonitorKeyword(const char* value) {
     vxCurrent()->bt.isBTMonitorOn.store(vxbt_int(value) < 1 ? 0 : 1, std::memory_order_relaxed);
 }
@@ -222,7 +228,7 @@ void parseBTMonitorErrorLevel(const char* value) {
 
 void parseBTAggDataArraySize(const char* value) {
     VXBTState_t& bt = vxCurrent()->bt;
-    const std::int32_t wanted = std::min(vxbt_int(value), kAggCapacity);
+    const std::int32_t wanted = std::min(vxbt_int(value), kMaxArraySize);
     VXGuard guard(bt.btMapMutex);
     const std::int32_t size = bt.aggDataArr.size.load(std::memory_order_relaxed);
     if (wanted > size) {

@@ -37,6 +37,8 @@ void updateBTDataCounters(VXBTCounters& counters, const VXFlowpathFigures& figur
 void updateBTDataCountersForAggregate(VXBTCounters& target, VXBTCounters& source);
 // Makes slot btId of the aggregate array exist and point at the object. btMapMutex held.
 void checkAndIncrementAggrBTDataArray(BTObject* object);
+// Makes slot `btId` of the aggregate array exist, without an object. False: no memory. btMapMutex held.
+bool vxEnsureBtSlot(std::int32_t btId);
 // Keyword parsers.
 void parseBTMonitorKeyword(const char* value);
 void parseBTMonitorErrorLevel(const char* value);

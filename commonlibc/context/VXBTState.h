@@ -32,8 +32,10 @@ struct BTObject {
     std::atomic<std::uint8_t> ddActive;                            // diagnostics are armed
     std::atomic<std::uint32_t> isStale;
     std::atomic<std::int32_t> slowThreshold, verySlowThreshold;  // ms
-    std::int32_t selfId, parentId;                               // -1: none
-    BTObject* nextManaged;                                       // list of what the manager map has held
+    std::atomic<std::uint32_t>
+        ownThresholds;              // 1: from a line of its own, the pair for all leaves them alone
+    std::int32_t selfId, parentId;  // -1: none
+    BTObject* nextManaged;          // list of what the manager map has held
 };
 
 // Values of rule_mode, include_uri_in_name_order and seg_type.
@@ -114,10 +116,10 @@ struct VXBTState_t {
     std::atomic<VXBTGlobalRule*> global_rule;  // swapped under the decode lock
     std::atomic<VXBTRuleSet*> ruleSet;         // null: none yet; swapped under the decode lock
     std::atomic<std::int32_t> applicableRule;  // 0 none, 1 global, 7 pattern
-    std::atomic<std::int32_t> customRuleMode;
-    std::atomic<std::int32_t> allSlowThreshold, allVerySlowThreshold;  // ms
-    std::atomic<std::int32_t> ddState;                                 // 1: a BT that is met is armed
-    std::atomic<std::int64_t> ddDuration;                              // seconds; for how long
+    std::atomic<std::int32_t> allSlowThreshold, allVerySlowThreshold;  // ms; changed under the decode lock
+    VXMap* thresholds;  // by BT name, of the threshold text in force; values are its own; btMapMutex
+    std::atomic<std::int32_t> ddState;     // 1: a BT that is met is armed
+    std::atomic<std::int64_t> ddDuration;  // seconds; for how long
     // Tags: maps to VXTagSequence, each under its mutex.
     VXMap* tagSequenceMap;
     VXMap* btTagMap;  // by BT id in decimal

@@ -88,11 +88,30 @@ struct vxlbTrie {
     std::int32_t total_states;
 };
 
+// One tag of a rule; its texts lie behind it in the same block.
+struct BTTagArray {
+    char* key;
+    char* tagField;       // the source of the value
+    char* resolvedValue;  // of type 0: a copy of the field; else null
+    std::int32_t type;    // 0 a constant, others are resolved when they are needed
+    BTTagArray* next;
+};
+
+// Lists of tags in the order of the rule text.
+struct VXBTTags {
+    BTTagArray* global;
+    BTTagArray** perBt;  // by BT id
+    std::int32_t size;   // lists in perBt
+    std::int32_t count;  // tags in all lists
+};
+
 // All of them, replaced together.
 struct VXBTRuleSet {
     vxlb_state_machine urlMachine, headerMachine;
     VXBTCustomeRule customRule;
     vxlbTrie customMachine;
+    VXBTTags tags;
+    std::int32_t maxStates, skipCount;  // as the text gave them; maxStates 0: none given
 };
 
 }  // namespace vx

@@ -217,7 +217,8 @@ void setBTObjInThreadLocal(vxTD* slot, const char* url, char* btHeaderValue) {
                  "FP (%lld) will be excluded as per BT rule, httpMethod = %s, uRLParameters = %s",
                  static_cast<long long>(slot->flowpathInstance.load(std::memory_order_relaxed)), method,
                  slot->uRLParameters);
-    } else if (app.Server.testRunRunning == 1 && app.Server.isTenRecordDump == 1) {
+    } else if (app.Server.testRunRunning == 1 && app.Server.isTenRecordDump == 1 &&
+               !slot->tlBTObj->ownThresholds.load(std::memory_order_relaxed)) {
         slot->tlBTObj->slowThreshold.store(app.bt.allSlowThreshold, std::memory_order_relaxed);
         slot->tlBTObj->verySlowThreshold.store(app.bt.allVerySlowThreshold, std::memory_order_relaxed);
     }

@@ -7,11 +7,8 @@
 
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXMonitorModel.h"
-#include "commonlibc/VXSys.h"
 #include "commonlibc/bt/VXBTMonitor.h"
-#include "commonlibc/platform/vx_platform.h"
-#include "commonlibc/vx_upcalls.h"
-#include "commonlibc/vxbt/vxbt_rule_parser.h"
+#include "commonlibc/vxbt/vxbt_thresholds.h"
 #include "commonlibc/vxbt/vxbt_utils.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -25,12 +22,8 @@ namespace vx {
 namespace {
 
 constexpr std::size_t kRecordMax = 1023;
-constexpr std::size_t kPathSize = 1024;
-constexpr std::int32_t kDefaultMaxBtCount = 256;
-constexpr std::int32_t kDefaultSlowMs = 3000, kDefaultVerySlowMs = 5000;
 constexpr std::int32_t kUndeclaredId = -1;
 constexpr std::int64_t kUsPerSecond = 1000000;
-constexpr const char* kDefaultTags[] = {"Host=localhost", "OS=Linux", "application=Common", "Technology=Php"};
 
 BTObject* findByName(const char* name, const VXMap* map) {
     const std::size_t length = strnlen(name, kBtNameSize - 1);
@@ -81,6 +74,7 @@ BTObject* addToManagerMap(VXBTState_t& bt, const char* name, std::int32_t id) {
     BTObject* object = make_new_bt_obj(name, id, bt.allSlowThreshold.load(std::memory_order_relaxed),
                                        bt.allVerySlowThreshold.load(std::memory_order_relaxed));
     if (!object) return nullptr;
+    if (findByName(name, bt.configMap)) applyOwnThresholds(bt, *object);
     insert_in_hasmap(name, object, bt.managerMap);
     VX_TRACE(2, kBtMon, kInfo, "Adding BT in manager map, name = %s, id = %d", object->btName, id);
     announceOnce(*object);
@@ -117,14 +111,14 @@ void announceDeclared(const vxApplication& app, BTObject& object, std::int32_t i
 
 void updateDeclared(vxApplication& app, BTObject& object, std::int32_t id, std::int32_t slow,
                     std::int32_t verySlow) {
-    object.slowThreshold.store(slow, std::memory_order_relaxed);
-    object.verySlowThreshold.store(verySlow, std::memory_order_relaxed);
-    app.bt.allSlowThreshold.store(slow, std::memory_order_relaxed);
-    app.bt.allVerySlowThreshold.store(verySlow, std::memory_order_relaxed);
-    if (id >= 0) {
-        if (id != object.btId.load(std::memory_order_relaxed)) announceDeclared(app, object, id);
-        object.btId.store(id, std::memory_order_relaxed);
+    if (!object.ownThresholds.load(std::memory_order_relaxed)) {
+        object.slowThreshold.store(slow, std::memory_order_relaxed);
+        object.verySlowThreshold.store(verySlow, std::memory_order_relaxed);
+        app.bt.allSlowThreshold.store(slow, std::memory_order_relaxed);
+        app.bt.allVerySlowThreshold.store(verySlow, std::memory_order_relaxed);
     }
+    if (id >= kBtIdOthers && id != object.btId.load(std::memory_order_relaxed))
+        announceDeclared(app, object, id);
     VX_TRACE(2, kBtMon, kInfo, "Value update for category slw is:%d,very slw:%d", slow, verySlow);
 }
 
@@ -139,65 +133,7 @@ void forEachBt(VXMap* map, Visit visit) {
         &visit);
 }
 
-void addDefaultTags(VXBTState_t& bt) {
-    VXGuard guard(bt.tagSequenceMutex);
-    for (const char* tag : kDefaultTags) vxTagSequence(bt.tagSequenceMap, tag);
-}
-
-// What is made once in the life of an instance.
-void makeStore(vxApplication& app) {
-    VXBTState_t& bt = app.bt;
-    {
-        VXGuard guard(bt.btMapMutex);
-        if (vx_word_get(bt.max_bt_count) == 0) vx_word_set(bt.max_bt_count, kDefaultMaxBtCount);
-        if (bt.total_bt_count == 0) bt.total_bt_count = kBtIdOthers;
-        if (!bt.managerMap) bt.managerMap = create_hashmap(app.pool);
-        if (!bt.configMap) bt.configMap = create_hashmap(app.pool);
-        if (!bt.settingsMade) {
-            bt.allSlowThreshold.store(kDefaultSlowMs, std::memory_order_relaxed);
-            bt.allVerySlowThreshold.store(kDefaultVerySlowMs, std::memory_order_relaxed);
-            bt.settingsMade = 1;
-        }
-    }
-    {
-        VXGuard guard(bt.tagSequenceMutex);
-        if (!bt.tagSequenceMap) bt.tagSequenceMap = create_hashmap(app.pool);
-    }
-    addDefaultTags(bt);
-    VXGuard guard(bt.btTagMutex);
-    if (!bt.btTagMap) bt.btTagMap = create_hashmap(app.pool);
-}
-
-void configPath(char (&path)[kPathSize], const char* fileName) {
-    char folder[kPathSize];
-    vx_path_join(folder, sizeof(folder), getVXHome(), "config");
-    vx_path_join(path, sizeof(path), folder, fileName);
-}
-
-void applyDefaultRule() {
-    char rule[kRuleLineSize];
-    vxlb_copy_text(rule, sizeof(rule), kDefaultGlobalRule);
-    VX_TRACE(1, kBtMon, kInfo, "Setting defult BT rule = %s", rule);
-    parse_global_rule(rule);
-}
-
 }  // namespace
-
-void VXBTConfigModelInit() {
-    vxApplication& app = *vxCurrent();
-    char ruleFile[kPathSize];
-    char thresholdFile[kPathSize];
-
-    makeStore(app);
-    VXBTMonitorInit();
-    configPath(ruleFile, "BTRuleFile.txt");
-    configPath(thresholdFile, "BTThresholdFile.txt");
-    VX_UPCALL(vxbt_read_threshold_file, thresholdFile);  // thresholds are in place before rules make objects
-    VX_UPCALL(vxbt_read_rule_file, ruleFile);
-    if (app.bt.applicableRule.load(std::memory_order_relaxed) == kNoRule) applyDefaultRule();
-    VX_TRACE(1, kBtMon, kInfo, "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
-             vx_word_get(app.bt.max_bt_count), app.bt.total_bt_count, ruleFile);
-}
 
 BTObject* updateBTObject(char* name) {
     if (!name || !*name) return nullptr;
@@ -232,21 +168,31 @@ BTObject* make_new_bt_obj(const char* name, std::int32_t id, std::int32_t slow, 
     return object;
 }
 
+BTObject* find_bt_obj_declared(const char* name) {
+    return findByName(name, vxCurrent()->bt.configMap);
+}
+
 BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int32_t slow,
                                     std::int32_t verySlow, std::int32_t selfId, std::int32_t parentId) {
+    BTObject* object = find_bt_obj_declared(name);
+    const bool isNew = object == nullptr;
+    if (isNew) object = make_new_bt_obj(name, id, slow, verySlow);
+    if (object) declareBt(object, isNew, {id, slow, verySlow, selfId, parentId});
+    return object;
+}
+
+void declareBt(BTObject* object, bool isNew, const VXBtTerms& terms) {
     vxApplication& app = *vxCurrent();
     VXBTState_t& bt = app.bt;
-    BTObject* object = findByName(name, bt.configMap);
-    const bool isNew = object == nullptr;
+    const std::int32_t id = terms.id;
     if (isNew) {
-        object = make_new_bt_obj(name, id, slow, verySlow);
-        if (!object) return nullptr;
-        if (id >= 1 && isConnected(app)) announceDeclared(app, *object, id);
-        if (id >= 0) insert_in_hasmap(name, object, bt.configMap);
+        if (id >= kBtIdOthers && isConnected(app)) announceDeclared(app, *object, id);
+        if (id >= 0) insert_in_hasmap(object->btName, object, bt.configMap);
     } else if (isConnected(app)) {
-        updateDeclared(app, *object, id, slow, verySlow);
+        updateDeclared(app, *object, id, terms.slow, terms.verySlow);
     }
-    if (id < 1) return object;
+    if (id >= 0) applyOwnThresholds(bt, *object);
+    if (id < kBtIdOthers) return;
 
     object->btId.store(id, std::memory_order_relaxed);
     VX_TRACE(2, kBtMon, kInfo, "Insert in map with updated btid:%d ", id);
@@ -254,10 +200,9 @@ BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int3
         ++bt.total_bt_count;
         VX_TRACE(2, kBtMon, kInfo, "Enter in config map of config value:%d", id);
     }
-    object->selfId = selfId;
-    object->parentId = parentId;
-    insert_in_hasmap(name, object, bt.managerMap);
-    return object;
+    object->selfId = terms.selfId;
+    object->parentId = terms.parentId;
+    insert_in_hasmap(object->btName, object, bt.managerMap);
 }
 
 BTObject* find_bt_obj_in_manager_map(const char* name) {

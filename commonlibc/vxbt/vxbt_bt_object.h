@@ -18,8 +18,6 @@ namespace vx {
 inline constexpr std::size_t kBtNameBufferSize = 512;  // what rule execution writes names into
 inline constexpr const char* kOthersName = "Others";
 
-// Set-up when the collector has started the instance (control thread).
-void VXBTConfigModelInit();
 // Find or create the BT of this name; null for an empty name or without memory. `name` is a writable
 // buffer of at least 7 bytes: at the ceiling "Others" is written over it.
 BTObject* updateBTObject(char* name);
@@ -29,6 +27,16 @@ BTObject* make_new_bt_obj(const char* name, std::int32_t id, std::int32_t slow, 
 // caller's to free. btMapMutex held.
 BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int32_t slow,
                                     std::int32_t verySlow, std::int32_t selfId, std::int32_t parentId);
+// What a rule says of its BT.
+struct VXBtTerms {
+    std::int32_t id, slow,
+        verySlow;  // slow, verySlow: for a BT without thresholds of its own, while connected
+    std::int32_t selfId, parentId;
+};
+// The second half of find_bt_obj_in_config_map: gives an object that was found, or made for it (isNew), its
+// terms and its places in the maps. btMapMutex held.
+void declareBt(BTObject* object, bool isNew, const VXBtTerms& terms);
+BTObject* find_bt_obj_declared(const char* name);                       // in the config map; btMapMutex held
 BTObject* find_bt_obj_in_manager_map(const char* name);                 // btMapMutex held
 void insert_in_hasmap(const char* name, BTObject* object, VXMap* map);  // btMapMutex held
 // The 7 record. False when there was no room for it.

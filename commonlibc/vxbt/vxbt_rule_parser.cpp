@@ -1,16 +1,13 @@
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstring>
-#include <type_traits>
 
-#include "commonlibc/context/vx_application.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxbt/vxbt_automaton.h"
+#include "commonlibc/vxbt/vxbt_custom_rule.h"
+#include "commonlibc/vxbt/vxbt_global_rule.h"
+#include "commonlibc/vxbt/vxbt_pattern_rule.h"
 #include "commonlibc/vxbt/vxbt_utils.h"
-#include "commonlibc/vxlb_guard.h"
-#include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
 
@@ -18,119 +15,146 @@ namespace vx {
 
 namespace {
 
-constexpr int kMaxFields = 10, kMinFields = 9;
-enum Field { kMode = 1, kOrder = 4, kCount = 5, kDynamicPart = 6, kArgument = 7 };
-constexpr int kMaxSegments = std::extent_v<decltype(VXBTGlobalRule::uriSegList)>;
-constexpr const char* kNone = "-";
-constexpr const char* kDefaultSegments = "1%2C2";
+constexpr const char* kNotServed = "rules of this type are not served";
+constexpr const char* kNoEffect = "lines of this type have no effect";
 
-using Fields = std::array<char*, kMaxFields>;
-
-bool isNone(const char* text) {
-    return std::strcmp(text, kNone) == 0;
-}
-
-void takeNothing(VXBTGlobalRule&, const char*) {}
-
-void takeParameter(VXBTGlobalRule& rule, const char* argument) {
-    vxlb_copy_text(rule.paramName, sizeof(rule.paramName), argument);
-    rule.prefixLength = std::snprintf(rule.paramPrefix, sizeof(rule.paramPrefix), "%s=", rule.paramName);
-    rule.infixLength = std::snprintf(rule.paramInfix, sizeof(rule.paramInfix), "&%s=", rule.paramName);
-}
-
-void takeHeader(VXBTGlobalRule& rule, const char* argument) {
-    vxlb_copy_text(rule.headerName, sizeof(rule.headerName), argument);
-}
-
-void takeSegments(VXBTGlobalRule& rule, const char* argument) {
-    char text[kRuleLineSize];
-    char* numbers[kMaxSegments];
-    vxlb_copy_text(text, sizeof(text), isNone(argument) ? kDefaultSegments : argument);
-    const int count = vxlb_split_keep_empty(text, numbers, "%2C", kMaxSegments);
-    std::transform(numbers, numbers + count, rule.uriSegList, vxbt_int);
-    rule.uri_seg_no_list_length = count;
-}
-
-struct DynamicPartRow {
-    const char* name;
-    std::int32_t seg_type;
-    void (*take)(VXBTGlobalRule& rule, const char* argument);
-};
-constexpr DynamicPartRow kDynamicParts[] = {
-    {"Request-Method", kSegMethod, takeNothing},
-    {"Request-Parameter-Value", kSegParameter, takeParameter},
-    {"Request-Header", kSegHeader, takeHeader},
-    {"Request-URI-Segments-Numbers", kSegNumbers, takeSegments},
+// One reading of a text.
+struct Reading {
+    VXRuleBuild build;
+    VXRuleLineObserver observer;
+    void* argument;
+    bool patternSeen, globalSeen;
 };
 
-// An unknown text leaves seg_type 0: no name under rule mode 4.
-void takeDynamicPart(VXBTGlobalRule& rule, const Fields& fields) {
-    const char* name = fields[kDynamicPart];
-    if (!*name || isNone(name)) return;
-    rule.rule_mode = rule.rule_mode == kRuleUrl ? kRuleUrlDynamic : kRuleSegmentsDynamic;
-    VX_TRACE(2, kBtMon, kInfo, "rule mode is:%d", rule.rule_mode);
-    for (const DynamicPartRow& row : kDynamicParts) {
-        if (std::strcmp(name, row.name) != 0) continue;
-        rule.seg_type = row.seg_type;
-        row.take(rule, fields[kArgument]);
-    }
+void tell(const Reading& reading, int number, std::int32_t type, const char* text, const char* fault) {
+    if (reading.observer) reading.observer({number, type, text, fault}, reading.argument);
 }
 
-std::int32_t orderOf(const char* text) {
-    if (std::strstr(text, "FromFirst")) return kOrderFromFirst;
-    return std::strstr(text, "FromLast") ? kOrderFromLast : kOrderNone;
+bool beginsWith(const char* line, const char* prefix) {
+    return std::strncmp(line, prefix, std::strlen(prefix)) == 0;
 }
 
-void fillRule(VXBTGlobalRule& rule, const Fields& fields) {
-    rule.rule_mode = vxbt_int(fields[kMode]);
-    rule.include_uri_in_name_order = orderOf(fields[kOrder]);
-    if (!isNone(fields[kCount])) rule.include_uri_in_name_segment = vxbt_int(fields[kCount]);
-    takeDynamicPart(rule, fields);
+std::int32_t valueOf(const char* line) {
+    const char* bar = std::strchr(line, '|');
+    return vxbt_int(bar ? bar + 1 : nullptr);
 }
 
-// The fields of the line, or of the default rule where they are too few.
-void splitRule(char* line, Fields& fields) {
-    int count = vxlb_split_keep_empty(line, fields.data(), "|", kMaxFields);
-    VX_TRACE(2, kBtMon, kInfo, "num_token = %d", count);
-    const char* tags = count > 0 ? fields[static_cast<std::size_t>(count) - 1] : kNone;
-    if (*tags && !isNone(tags)) VX_UPCALL(parse_global_tags, tags);
-    if (count >= kMinFields) return;
-
-    VX_TRACE(1, kControlThread, kWarning,
-             "Number of fields in BTRule File for Global rule is less than 8, Hence applying Default rule");
-    vxlb_copy_text(line, kRuleLineSize, kDefaultGlobalRule);
-    vxlb_split_keep_empty(line, fields.data(), "|", kMaxFields);
+const char* parse_exclusion_rule(VXRuleBuild&, char*) {
+    return kNoEffect;
 }
 
-// Lookups hold the decode lock: behind it nobody can hold the old rule.
-void installRule(VXBTGlobalRule* rule) {
-    vxApplication& app = *vxCurrent();
-    VXBTGlobalRule* old = nullptr;
-    {
-        VXGuard guard(app.decoder.decodeMutex);
-        old = app.bt.global_rule.exchange(rule, std::memory_order_acq_rel);
-    }
-    if (!old) return;
-    VX_TRACE(2, kBtMon, kInfo, "Freeing global_rule");
-    VXLB_FREE(old, "VXBTGlobalRule", -1);
+const char* parseSkipCount(VXRuleBuild& build, char* line) {
+    build.set->skipCount = valueOf(line);
+    return nullptr;
+}
+
+const char* parseMaxStates(VXRuleBuild& build, char* line) {
+    const std::int32_t value = valueOf(line);
+    build.set->maxStates = std::clamp(value, 0, kMaxStatesLimit);
+    if (value < 1) return "the value is below 1, the default counts";
+    return value > kMaxStatesLimit ? "the value is above 65536, this counts" : nullptr;
+}
+
+const char* parseMethodDataBtRule(VXRuleBuild&, char* line) {
+    VX_TRACE(1, kBtMon, kWarning, "Method data rules are not served, line ignored: %s", line);
+    return kNotServed;
+}
+
+const char* parseHttpBodyBtName(VXRuleBuild&, char* line) {
+    VX_TRACE(1, kBtMon, kWarning, "HTTP body rules are not served, line ignored: %s", line);
+    return kNotServed;
+}
+
+// Lines that take effect in the first pass.
+struct LineRow {
+    std::int32_t type;
+    const char* (*parse)(VXRuleBuild& build, char* line);
+};
+constexpr LineRow kLineRows[] = {
+    {kLineCustom, parse_custom_rule},         {kLineExclusion, parse_exclusion_rule},
+    {kLineSkipCount, parseSkipCount},         {kLineMaxStates, parseMaxStates},
+    {kLineMethodData, parseMethodDataBtRule}, {kLineHttpBody, parseHttpBodyBtName},
+};
+
+// Parses a copy of the line, and tells what became of it.
+template <class Parse>
+void parseLine(Reading& reading, int number, std::int32_t type, const char* text, Parse parse) {
+    char line[kRuleLineSize];
+    vxlb_copy_text(line, sizeof(line), text);
+    tell(reading, number, type, text, parse(reading.build, line));
+}
+
+// Everything but pattern and global rules, which are only noted.
+void firstPass(Reading& reading, const char* text) {
+    eachRuleLine(text, [&reading](int number, const char* line) {
+        const std::int32_t type = *line == '#' ? 0 : vxbt_int(line);
+        if (beginsWith(line, "7|")) {
+            reading.patternSeen = true;
+            return;
+        }
+        if (beginsWith(line, "1|")) {
+            reading.globalSeen = true;
+            return;
+        }
+        const auto* row = std::find_if(std::begin(kLineRows), std::end(kLineRows),
+                                       [type](const LineRow& at) { return at.type == type; });
+        if (row != std::end(kLineRows)) {
+            parseLine(reading, number, type, line, row->parse);
+        } else if (*line) {
+            tell(reading, number, type, line, *line == '#' ? nullptr : kNoEffect);
+        }
+    });
+}
+
+void patternPass(Reading& reading, const char* text) {
+    VX_TRACE(1, kBtMon, kInfo, "Rule 7 found, now parsing it.");
+    eachRuleLine(text, [&reading](int number, const char* line) {
+        if (reading.build.good() && beginsWith(line, "7|"))
+            parseLine(reading, number, kLinePattern, line, parse_pattern_rule);
+    });
+}
+
+// The first line counts, and only where no pattern line does.
+void globalPass(Reading& reading, const char* text) {
+    VXRuleBuild& build = reading.build;
+    if (build.patternLines == 0)
+        VX_TRACE(1, kBtMon, kInfo, "Rule 7 and rule 9 was not found, but rule 1 found, now parsing it.");
+    eachRuleLine(text, [&reading, &build](int number, const char* line) {
+        if (!build.good() || !beginsWith(line, "1|")) return;
+        if (build.patternLines > 0 || build.globalLines > 0) {
+            tell(reading, number, kLineGlobal, line,
+                 build.patternLines > 0 ? "pattern rules go before the global rule"
+                                        : "the first global rule counts");
+            return;
+        }
+        ++build.globalLines;
+        parseLine(reading, number, kLineGlobal, line,
+                  [](VXRuleBuild& into, char* rule) { return parse_global_rule(into, rule); });
+    });
+}
+
+void buildAutomaton(VXRuleBuild& build) {
+    if (build.customLines == 0 || build.patternLines > 0) return;
+    build.dropCustomMachine();
+    if (vxlb_init_automaton(&build.set->customMachine, &build.set->customRule) < 0) build.fail();
 }
 
 }  // namespace
 
-int parse_global_rule(char* line) {
-    auto* rule =
-        static_cast<VXBTGlobalRule*>(VXLB_MALLOC_AND_MEMSET(sizeof(VXBTGlobalRule), "VXBTGlobalRule", -1));
-    if (!rule) return 0;
-    Fields fields{};
-    splitRule(line, fields);
-    fillRule(*rule, fields);
-    VX_TRACE(
-        2, kBtMon, kInfo,
-        "include_uri_in_name_order = %d, include_uri_in_name_segment = %d,rule_mode = %d, seg_type = %d, "
-        "uri_seg_no_list_length = %d",
-        rule->include_uri_in_name_order, rule->include_uri_in_name_segment, rule->rule_mode, rule->seg_type,
-        rule->uri_seg_no_list_length);
-    installRule(rule);
+int vxbt_read_rule_file(const char* pathOrText, VXRuleSource source, VXRuleBuild::Base base,
+                        VXRuleLineObserver observer, void* argument) {
+    if (!pathOrText) return 0;
+    const VXRuleText text(pathOrText, source);
+    if (!text.get()) return 0;
+    Reading reading{VXRuleBuild(base), observer, argument, false, false};
+    VXRuleBuild& build = reading.build;
+    if (build.good()) firstPass(reading, text.get());
+    if (build.good() && reading.patternSeen) patternPass(reading, text.get());
+    if (build.good() && reading.globalSeen) globalPass(reading, text.get());
+    if (build.good()) buildAutomaton(build);
+    build.applicable = build.patternLines > 0 ? kPatternRule : build.globalLines > 0 ? kGlobalRule : kNoRule;
+    if (!build.commit()) return 0;
+    VX_TRACE(1, kBtMon, kInfo, "After btrule file parsing, applicable bt rule = %d.", build.applicable);
     return 0;
 }
 

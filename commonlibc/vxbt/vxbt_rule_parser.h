@@ -1,30 +1,43 @@
-// Rule texts: the parser of the global rule.
+// Rule texts: the walk over their lines, and which kind of rule applies.
 //
-// A line has fields separated by "|":
+//     type  rule                           effect
+//     1     global rule                    the first line counts, and only where no pattern line does
+//     2     custom rule                    at once
+//     4, 5  skip count, maximum states     at once: "4|0", "5|4096"
+//     7     pattern rule                   all lines, before everything else
+//     8, 11 rules on methods and bodies    not served
+//     other, and "#"                       none
 //
-//     1|mode|name|description|order|count|dynamic part|its argument|tags
-//     1|2|Default|Segments-Of-URI|FromFirst|2|Request-Header|CustomeHeader|-
+// Pattern rules go before custom rules, and these before the global rule. A text replaces the rules of the
+// kinds that it has; custom rules add up.
 //
-//     mode           1 the whole URL, 2 its segments; with a dynamic part these become 3 and 4
-//     order, count   "FromFirst" or "FromLast", and how many segments ("-": none given)
-//     dynamic part   "Request-Method", "Request-Parameter-Value", "Request-Header",
-//                    "Request-URI-Segments-Numbers" (numbers with "%2C" between), "-" or empty for none
-//
-// Threads   The thread that takes configuration (control thread), current context; the decode lock must
-//           not be held.
+// Errors    A line that cannot be used is traced and costs no other line.
+// Threads   The thread that takes configuration (control thread), current context; the decode lock must not
+// be
+//           held.
 #pragma once
 
-#include <cstddef>
+#include "commonlibc/vxbt/vxbt_rule_build.h"
+#include "commonlibc/vxbt/vxbt_rule_text.h"
 
 namespace vx {
 
-inline constexpr std::size_t kRuleLineSize = 1024;
-inline constexpr const char* kDefaultGlobalRule =
-    "1|2|Default|Segments-Of-URI-With-Dynamic-Part-Of-Request|FromFirst|2|Request-Header|CustomeHeader|-";
+inline constexpr std::int32_t kLineGlobal = 1, kLineCustom = 2, kLineExclusion = 3, kLineSkipCount = 4,
+                              kLineMaxStates = 5, kLinePattern = 7, kLineMethodData = 8, kLineHttpBody = 11;
 
-// Replaces the global rule of the current context by the one of `line` (may be overwritten by the default
-// rule when it has fewer than 9 fields; `line` needs room for 1,024 bytes). Always 0. The old rule is
-// freed once no lookup can hold it: the swap is made under the decode lock.
-int parse_global_rule(char* line);
+// What became of a line of a rule text.
+struct VXRuleLine {
+    int number;         // from 1
+    std::int32_t type;  // of the table above; 0 of a comment or a line that says nothing
+    const char* text;   // the line as it stands
+    const char* fault;  // why the line, or a part of it, has no effect; null: it has its effect
+};
+using VXRuleLineObserver = void (*)(const VXRuleLine& line, void* argument);
+
+// Reads a rule text and brings it into force at once. Always 0. `observer` (may be null) is told each line
+// that is not empty, not in the order of the text.
+int vxbt_read_rule_file(const char* pathOrText, VXRuleSource source,
+                        VXRuleBuild::Base base = VXRuleBuild::Base::kInForce,
+                        VXRuleLineObserver observer = nullptr, void* argument = nullptr);
 
 }  // namespace vx

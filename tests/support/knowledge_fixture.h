@@ -11,7 +11,10 @@
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
+#include "commonlibc/vxbt/vxbt_config.h"
+#include "commonlibc/vxbt/vxbt_global_rule.h"
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
+#include "commonlibc/vxbt/vxbt_thresholds.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -44,6 +47,8 @@ inline void freeBusinessTransactions(VXBTState_t& bt) {
     for (BTObject* object = bt.firstManaged; object; object = object->nextManaged) objects.insert(object);
     for (BTObject* object : objects) VXLB_FREE(object, "BTObject", -1);
     VXLB_FREE(bt.global_rule.exchange(nullptr), "VXBTGlobalRule", -1);
+    vxFreeRuleSet(bt.ruleSet.exchange(nullptr), nullptr);
+    destroy_hashmap(bt.thresholds);
     freeTagStructures();
     freeAggregateArray(bt.aggDataArr);
 }
@@ -84,6 +89,11 @@ protected:
         char line[kRuleLineSize];
         vxlb_copy_text(line, sizeof(line), text.c_str());
         parse_global_rule(line);
+    }
+    // Brings the rules and thresholds of a text into force.
+    void rulesAre(const std::string& text) { vxbt_read_rule_file(text.c_str(), VXRuleSource::kText); }
+    void thresholdsAre(const std::string& text) {
+        vxbt_read_threshold_file(text.c_str(), VXRuleSource::kText);
     }
     // The BT of a name, as rule execution asks for it.
     BTObject* btOf(const std::string& name) {

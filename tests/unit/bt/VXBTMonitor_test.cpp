@@ -175,7 +175,7 @@ TEST_F(BtMonitor, TheSizeOnlyRisesAndStaysWithinTheCapacity) {
     parseBTAggDataArraySize("1000");
     EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 999), nullptr) << "no id has asked for it";
     parseBTAggDataArraySize("99999999999");
-    EXPECT_EQ(app->bt.aggDataArr.size, kAggCapacity);
+    EXPECT_EQ(app->bt.aggDataArr.size, 65536);
 }
 
 TEST_F(BtMonitor, ThePrefixNamesTheInstanceByItsEncodedNames) {

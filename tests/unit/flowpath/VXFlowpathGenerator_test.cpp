@@ -2,7 +2,6 @@
 
 #include "commonlibc/flowpath/VXManageTierCallOut.h"
 #include "commonlibc/flowpath/VXMethodTrace.h"
-#include "commonlibc/vxbt/vxbt_state_machine.h"
 #include "tests/support/flowpath_fixture.h"
 
 namespace vx::test {
@@ -172,19 +171,18 @@ TEST_F(Transactions, ThresholdsForAllReplaceTheBtsOwnWhileConnected) {
     start();
     EXPECT_EQ(bt->slowThreshold, 70);
     EXPECT_EQ(bt->verySlowThreshold, 80);
+
+    bt->ownThresholds = 1;
+    app->bt.allSlowThreshold = 75;
+    start();
+    EXPECT_EQ(bt->slowThreshold, 70) << "it has thresholds of its own";
 }
 
 TEST_F(Transactions, WithoutBtTheyLeaveNothing) {
-    app->bt.applicableRule = kPatternRule;
-    VXBTRuleSet rules{};  // a partial rule of "*" that excludes
-    ASSERT_EQ(vxlb_state_machine_init(&rules.urlMachine, 1), 0);
-    ASSERT_EQ(vxlb_state_machine_add(&rules.urlMachine, "*", 1, nullptr, 0, kBtIdExcluded, 1, 0), 0);
-    app->bt.ruleSet = &rules;
+    rulesAre("7|excluded|0|1|*|1");
     vxTD* slot = start();
     EXPECT_TRUE(slot->tlIsFPExcluded);
     endFP(slot, 200, atMs(5100), 0, 0);
-    app->bt.ruleSet = nullptr;
-    vxlb_state_machine_free(&rules.urlMachine);
     EXPECT_TRUE(flowpathRecords().empty());
     EXPECT_EQ(slot->sequenceBlobLen, 0);
     reset(slot);

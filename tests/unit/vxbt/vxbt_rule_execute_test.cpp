@@ -155,11 +155,11 @@ protected:
     void SetUp() override {
         RuleExecution::SetUp();
         vxlb_state_machine_init(&rules.urlMachine, 0);
-        app->bt.ruleSet = &rules;
+        read = app->bt.ruleSet.exchange(&rules);
         app->bt.applicableRule = kPatternRule;
     }
     void TearDown() override {
-        app->bt.ruleSet = nullptr;
+        app->bt.ruleSet = read;
         vxlb_state_machine_free(&rules.urlMachine);
         vxlb_state_machine_free(&rules.headerMachine);
         RuleExecution::TearDown();
@@ -172,6 +172,7 @@ protected:
     }
 
     VXBTRuleSet rules{};
+    VXBTRuleSet* read = nullptr;  // what the set-up left
 };
 
 TEST_F(PatternRule, TakesTheBtOfTheSlot) {
@@ -207,7 +208,7 @@ TEST_F(RuleExecution, CustomRulesWinOverTheGlobalOneOnceTheyHaveAMachine) {
     vxlb_build_lexicon(&rules.customRule);
     rules.customRule.mode = 2;
     add_to_lexicon(&rules.customRule, "/pay", 1, "Pay", kMatchEndsWith);
-    app->bt.ruleSet = &rules;
+    VXBTRuleSet* read = app->bt.ruleSet.exchange(&rules);
     EXPECT_STREQ(execute({.url = "/shop/pay"})->btName, "/shop/pay") << "no machine";
 
     ASSERT_GT(vxlb_init_automaton(&rules.customMachine, &rules.customRule), 0);
@@ -218,7 +219,7 @@ TEST_F(RuleExecution, CustomRulesWinOverTheGlobalOneOnceTheyHaveAMachine) {
 
     app->bt.applicableRule = kPatternRule;
     EXPECT_EQ(execute({.url = "/shop/pay"}), nullptr) << "no pattern machine: Others, which is not there";
-    app->bt.ruleSet = nullptr;
+    app->bt.ruleSet = read;
     vxlb_free_automaton(&rules.customMachine);
 }
 

@@ -1,0 +1,321 @@
+#include "commonlibc/vxbt/vxbt_rule_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/vxbt/vxbt_rule_execute.h"
+#include "tests/support/by_name.h"
+#include "tests/support/knowledge_fixture.h"
+#include "tests/support/temp_dir.h"
+
+namespace vx::test {
+namespace {
+
+constexpr const char* kExcluded = nullptr;
+
+class RuleTexts : public KnowledgeFixture {
+protected:
+    BTObject* btOfRequest(const std::string& url, const char* query = nullptr, const char* method = nullptr,
+                          std::string header = "") {
+        const VXGuard decode(app->decoder.decodeMutex);
+        return get_obj_from_bt_name(url.c_str(), query, header.empty() ? nullptr : header.data(), nullptr,
+                                    method);
+    }
+    std::string nameOf(const std::string& url) {
+        const BTObject* object = btOfRequest(url);
+        return object ? object->btName : "(excluded)";
+    }
+    // What became of each line of a text, by number; an empty fault: it has its effect.
+    std::map<int, std::string> faultsOf(const std::string& text) {
+        std::map<int, std::string> faults;
+        vxbt_read_rule_file(
+            text.c_str(), VXRuleSource::kText, VXRuleBuild::Base::kInForce,
+            [](const VXRuleLine& line, void* all) {
+                auto& told = *static_cast<std::map<int, std::string>*>(all);
+                EXPECT_TRUE(told.emplace(line.number, line.fault ? line.fault : "").second) << line.text;
+            },
+            &faults);
+        return faults;
+    }
+    std::string tagsOf(const BTTagArray* list) {
+        std::string text;
+        for (; list; list = list->next)
+            text += std::string(list->key) + "/" + std::to_string(list->type) + "/" + list->tagField + "/" +
+                    (list->resolvedValue ? list->resolvedValue : "-") + ";";
+        return text;
+    }
+    std::string tagsOfBt(std::int32_t id) {
+        const VXBTTags& tags = app->bt.ruleSet.load()->tags;
+        return id < tags.size ? tagsOf(tags.perBt[id]) : "";
+    }
+};
+
+struct Case {
+    const char* name;
+    const char* text;
+    std::int32_t applicable;
+    const char* url;
+    const char* bt;
+    const char* query = nullptr;
+    const char* method = nullptr;
+    const char* header = "";
+};
+class RuleLines : public RuleTexts, public testing::WithParamInterface<Case> {};
+
+TEST_P(RuleLines, NameTheBt) {
+    const Case& row = GetParam();
+    rulesAre(row.text);
+    EXPECT_EQ(app->bt.applicableRule, row.applicable);
+    const BTObject* object = btOfRequest(row.url, row.query, row.method, row.header);
+    if (!row.bt) {
+        EXPECT_EQ(object, nullptr);
+        return;
+    }
+    ASSERT_NE(object, nullptr);
+    EXPECT_STREQ(object->btName, row.bt);
+}
+
+constexpr const char* kPatternAndGlobal = "1|1|n|d|x|-|-|-|-\n7|A|2|0|/a|0";
+constexpr const char* kMethod = "7|M|4|0|/m|0|2|-|GET";
+constexpr const char* kBoth = "7|B|4|0|/b|0|3|id=1|GET";
+constexpr const char* kHeader = "7|H|4|0|/h|0|0|-|-|Shop=eu|-";
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, RuleLines,
+    testing::ValuesIn<Case>({
+        {"six_fields", "7|A|2|0|/a|0", kPatternRule, "/a", "A"},
+        {"no_rule_that_matches", "7|A|2|0|/a|0", kPatternRule, "/b", "Others"},
+        {"a_line_too_short_alone", "7|A|2|0|/a", kNoRule, "/a", "/a"},
+        {"pattern_before_global", kPatternAndGlobal, kPatternRule, "/a", "A"},
+        {"global_where_no_pattern_line_is_good", "1|1|n|d|x|-|-|-|-\n7|A|2|0|/a", kGlobalRule, "/a/b/c",
+         "/a/b/c"},
+        {"first_global_line", "1|2|n|d|FromFirst|1|-|-|-\n1|1|n|d|x|-|-|-|-", kGlobalRule, "/a/b", "/a"},
+        {"lines_that_end_in_two_bytes", "7|A|2|0|/a|0\r\n7|B|3|1|/b|0|0|-|-|-\r\n", kPatternRule, "/b/c",
+         "B"},
+        {"an_empty_text", "", kNoRule, "/a/b/c", "/a/b"},
+        {"comments_and_reserved_types", "#7|C|9|0|/a|0\n9|x\n10|y\n3|z\n7|A|2|0|/a|0", kPatternRule, "/a",
+         "A"},
+
+        {"match_partial", "7|A|2|1|/a|0", kPatternRule, "/a/b", "A"},
+        {"match_by_its_low_byte", "7|A|2|257|/a|0", kPatternRule, "/a/b", "A"},
+        {"match_above_one_is_exact", "7|A|2|2|/a|0", kPatternRule, "/a/b", "Others"},
+        {"exclusion", "7|A|2|0|/a|1", kPatternRule, "/a", kExcluded},
+        {"query", "7|Q|3|0|/q|0|1|id=1|-|-", kPatternRule, "/q", "Q", "x=2&id=1"},
+        {"query_of_another_value", "7|Q|3|0|/q|0|1|id=1|-|-", kPatternRule, "/q", "Others", "id=2"},
+        {"method", kMethod, kPatternRule, "/m", "M", nullptr, "GET"},
+        {"method_other", kMethod, kPatternRule, "/m", "Others", nullptr, "PUT"},
+        {"both", kBoth, kPatternRule, "/b", "B", "id=1", "GET"},
+        {"both_with_another_method", kBoth, kPatternRule, "/b", "Others", "id=1", "PUT"},
+        {"mode_unknown_is_the_url", "7|A|2|0|/a|0|9|id=1|GET", kPatternRule, "/a", "A"},
+        {"header", kHeader, kPatternRule, "/h", "H", nullptr, nullptr, "A=1&Shop=eu"},
+        {"header_missing", kHeader, kPatternRule, "/h", "Others", nullptr, nullptr, "A=1"},
+        {"header_behind_a_first_line_without", "7|A|2|0|/a|0\n7|H|4|0|/h|0|0|-|-|Shop=eu|-", kPatternRule,
+         "/h", "H"},
+        {"states_beyond_the_first_room", "5|1\n7|A|2|0|/a/very/long/way/to/the/end/of/the/url|0",
+         kPatternRule, "/a/very/long/way/to/the/end/of/the/url", "A"},
+        {"custom_before_global", "1|1|n|d|x|-|-|-|-\n2|2|r|Pay|-|1|5|[input1=endswith&&input2=/pay]|-",
+         kGlobalRule, "/shop/pay", "Pay"},
+        {"custom_without_a_match", "2|2|r|Pay|-|1|5|[input1=endswith&&input2=/pay]|-", kNoRule, "/x",
+         "others"},
+    }),
+    byName);
+
+TEST_F(RuleTexts, ABadLineIsToldAndCostsNoOther) {
+    const std::string good = "7|Good|5|0|/good|0\n";
+    const char* const badPatterns[] = {
+        "7",
+        "7|",
+        "7|A|2|0|/a",
+        "7|A|65536|0|/a|0",
+        "7|A|99999999999999|0|/a|0",
+        "7|A|2|0|/a|0|2|-",
+        "7|A|2|0|/a|0|3|id=1",
+        "7|A|2|0||0",
+        "7|A|2|0|/\x01|0",
+        "7|A|2|0|/\xC3\xA9|0",
+        "7|A|2|0|/a|0|0|-|-|Shop=\xFF|-",
+        "8|x",
+        "11|x",
+        "3|x",
+        "hello",
+        "|",
+        "5|0",
+        "5|-7",
+        "5|9999999999",
+        "2|1|r|n|-|1|5|GET",
+        "2|1|r|n|-|1|5|GET|-|-",
+        "2|1|r|n|-|1|5||-",
+        "2|1|r|n|-|1|5|-|-",
+        "2|1|r|n|-|1|5|FETCH|-",
+        "2|9|r|n|-|1|5|GET|-",
+        "2|2|r|n|-|1|5|[input1=contains]|-",
+        "2|2|r|n|-|1|5|nothing|-",
+        "2|3|r|n|-|1|5|[input1=]|-",
+        "2|2|r|n|-|1|5|[input1=contains&&input2=\xC3\xA9]|-",
+        "1|1|n|d|x|-|-|-",
+    };
+    for (const std::string bad : badPatterns) {
+        const auto faults = faultsOf(bad + "\n" + good + bad + "\n");
+        ASSERT_EQ(faults.size(), 3U) << bad;
+        EXPECT_NE(faults.at(1), "") << bad;
+        EXPECT_EQ(faults.at(2), "") << bad;
+        EXPECT_NE(faults.at(3), "") << bad;
+        EXPECT_EQ(nameOf("/good"), "Good") << bad;
+        EXPECT_EQ(app->bt.ruleSet.load()->customRule.lexiconCount, 0) << bad;
+        EXPECT_EQ(app->bt.ruleSet.load()->customRule.mode, 0) << bad;
+        EXPECT_EQ(nameOf("/other"), "Others") << bad;
+    }
+    EXPECT_EQ(faultsOf("1|1|x\n").at(1), "fewer than 9 fields, the default rule stands in");
+    EXPECT_EQ(nameOf("/a/b/c"), "/a/b");
+}
+
+TEST_F(RuleTexts, DeclareTheirBtsByIdAndExclusionsNone) {
+    rulesAre("7|A|2|0|/a|0|0|-|-|-|-|-|17|-|-\n7|Gone|9|0|/g|1\n7|Zero|0|0|/z|0\n7|Top|65535|0|/t|0");
+    const auto inConfig = [&](const char* name) {
+        return static_cast<BTObject*>(search_hashmap(name, app->bt.configMap));
+    };
+    const BTObject* a = inConfig("A");
+    ASSERT_NE(a, nullptr);
+    EXPECT_TRUE(a->btId == 2 && a->selfId == 17 && a->parentId == -1);
+    EXPECT_EQ(inConfig("Gone"), nullptr);
+    EXPECT_EQ(find_bt_obj_in_manager_map("Zero"), nullptr);
+    EXPECT_EQ(inConfig("Zero")->btId, 0);
+    EXPECT_EQ(nameOf("/z"), "Others") << "a rule without an id";
+    EXPECT_EQ(nameOf("/t"), "Top");
+    EXPECT_EQ(find_bt_obj_in_manager_map("Others")->btId, kBtIdOthers);
+    EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 9)->btObj, nullptr);
+
+    rulesAre("7|A|3|0|/a|0\n7|A|0|0|/a2|0\n7|B|2|0|/b|0");
+    EXPECT_EQ(inConfig("A"), a) << "objects stay";
+    EXPECT_EQ(a->btId, 3) << "no id is no change of the id";
+    EXPECT_EQ(nameOf("/a") + nameOf("/b"), "AB");
+    EXPECT_EQ(nameOf("/t"), "Others") << "the former rules are gone";
+}
+
+TEST_F(RuleTexts, ARunTimeChangeTellsTheNamesAnew) {
+    rulesAre("7|A|2|0|/a|0\n7|B|3|0|/b|0");
+    btOf("seen");
+    clearDumped(*app);
+    app->Server.runtimeChange = 1;
+    rulesAre("7|B|40|0|/b|0\n7|C|3|0|/c|0");
+    EXPECT_EQ(dumpedText(*app), "11,7\n7,1,Others\n7,40,B\n7,3,C\n") << "only what the new text names";
+
+    clearDumped(*app);
+    rulesAre("7|X|2\n");
+    EXPECT_EQ(dumpedText(*app), "") << "a text without a good line changes no name";
+    EXPECT_EQ(app->bt.applicableRule, kNoRule);
+
+    rulesAre("1|1|n|d|x|-|-|-|-");
+    app->Server.runtimeChange = 0;
+    EXPECT_EQ(nameOf("seen"), "seen");
+    EXPECT_EQ(dumpedText(*app), "11,7\n7,4,seen\n");
+}
+
+TEST_F(RuleTexts, CustomRulesAddUpUntilAStartAndFillTheLexicon) {
+    const auto count = [&] { return app->bt.ruleSet.load()->customRule.lexiconCount; };
+    rulesAre("2|2|r|One|-|1|5|[input1=contains&&input2=one]|-");
+    rulesAre("2|3|r|Two|-|0|-1|[input1=value],[x&&input2=two],[x&&x&&input3=EQUALS],[x&&x&&x&&input4=2]|-");
+    const VXBTCustomeRule& rule = app->bt.ruleSet.load()->customRule;
+    EXPECT_EQ(count(), 3);
+    EXPECT_STREQ(rule.lexicon[2].keyword, "2");
+    EXPECT_TRUE(rule.parameterCount == 1 && rule.uriRuleCount == 1 && rule.mode == 3 && rule.flag == 0);
+    EXPECT_EQ(nameOf("/one"), "One");
+
+    std::string many;
+    for (int i = 0; i < 38; ++i)
+        many += "2|2|r|Many|-|1|5|[input1=contains&&input2=m" + std::to_string(i) + "]|-\n";
+    const auto faults = faultsOf(many);
+    EXPECT_EQ(faults.at(37), "");
+    EXPECT_NE(faults.at(38).find("a stop and start"), std::string::npos);
+    EXPECT_EQ(count(), 40);
+
+    VXBTConfigModelInit();
+    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(nameOf("/one/two/three"), "/one/two");
+}
+
+TEST_F(RuleTexts, TagsFollowTheirLines) {
+    rulesAre("7|A|2|0|/a|0|x%200%20one&bad&y%201%20req&z%20%20q\n7|B|300|0|/b|0|k%200%20v%20w");
+    EXPECT_EQ(tagsOfBt(2), "x/0/one/one;y/1/req/-;");
+    EXPECT_EQ(tagsOfBt(300), "k/0/v%20w/v%20w;");
+    rulesAre("7|A|2|0|/a|0|-\n7|N|0|0|/n|0|n%200%201\n7|C|5|0|/c|0|q%200%201\n7|C|5|0|/d|0|r%200%202");
+    EXPECT_EQ(tagsOfBt(2) + tagsOfBt(0) + tagsOfBt(1), "");
+    EXPECT_EQ(tagsOfBt(5), "r/0/2/2;") << "the last line of an id";
+    EXPECT_EQ(tagsOfBt(300), "k/0/v%20w/v%20w;") << "a text leaves what it does not name";
+
+    setRule("1|1|n|d|x|-|-|-|g%200%20top&r%200%20taken&g%200%20again");
+    EXPECT_EQ(tagsOf(app->bt.ruleSet.load()->tags.global), "g/0/top/top;");
+    rulesAre("7|A|2|0|/a|0|g%200%20one&" + std::string(300, 'k') + "%200%20" + std::string(300, 'v'));
+    EXPECT_EQ(tagsOfBt(2),
+              std::string(254, 'k') + "/0/" + std::string(300, 'v') + "/" + std::string(254, 'v') + ";");
+    EXPECT_EQ(app->bt.ruleSet.load()->tags.count, 4);
+    setRule("1|1|n|d|x|-|-|-|-");
+    EXPECT_EQ(app->bt.ruleSet.load()->tags.global, nullptr);
+}
+
+TEST_F(RuleTexts, ComeFromFilesReadWhole) {
+    const TempDir folder;
+    const std::string path = folder.path() + "/rules";
+    const auto write = [&](const std::string& text) { std::ofstream(path, std::ios::binary) << text; };
+    const auto read = [&](const std::string& at) { vxbt_read_rule_file(at.c_str(), VXRuleSource::kPath); };
+    write(std::string(3000, '#') + "\n" + "7|" + std::string(1100, 'n') + "|2|0|/a|0\n7|B|3|0|/b|0");
+    read(path);
+    EXPECT_EQ(nameOf("/b"), "B");
+    EXPECT_EQ(nameOf("/a"), "Others") << "cut behind 1,023 characters";
+
+    const std::string whole = "7|C|4|0|/c|0\n";
+    write(std::string(kMaxRuleText - whole.size() - 1, '#') + "\n" + whole);
+    read(path);
+    EXPECT_EQ(nameOf("/c"), "C") << "1 MB";
+    char* text = nullptr;
+    write(std::string(kMaxRuleText + 1, '#'));
+    EXPECT_EQ(getLineFromFile(path.c_str(), &text), -1);
+    EXPECT_EQ(getLineFromFile(folder.path().c_str(), &text), -1) << "a folder";
+    EXPECT_EQ(text, nullptr);
+    rulesAre(std::string(kMaxRuleText + 1, '#'));
+    EXPECT_EQ(app->bt.applicableRule, kPatternRule) << "a text too long changes nothing";
+    read(folder.path() + "/none");
+    EXPECT_EQ(app->bt.applicableRule, kNoRule);
+}
+
+// The same URL under two rule sets that differ in everything: a lookup sees the one or the other, never both
+// and never neither.
+TEST_F(RuleTexts, AreSwappedWholeUnderLookups) {
+    const std::string texts[] = {
+        "7|One|2|0|/x|0|0|-|-|Shop=eu|t%200%201\n7|Two|3|1|/y|0\n",
+        "7|Two|2|0|/q|0|0|-|-|-|-\n7|One|3|0|/x|0\n7|More|300|0|/y|0\n",
+        "1|2|n|d|FromFirst|1|-|-|g%200%20v\n2|2|r|Custom|-|1|5|[input1=startswith&&input2=/nothing]|-\n",
+        "7|Ex|9|0|/x|1|0|-|-|-|-\n7|Two|4|1|/y|0\n",
+    };
+    rulesAre(texts[0]);
+    std::atomic<bool> done{false};
+    std::atomic<int> lookups{0}, wrong{0};
+    std::thread traffic([&] {
+        vxSetCurrent(app);
+        while (!done) {
+            char headers[] = "A=1&Shop=eu";
+            const VXGuard decode(app->decoder.decodeMutex);
+            const BTObject* object = get_obj_from_bt_name("/x", "a=1", headers, nullptr, "GET");
+            const std::string name = object ? object->btName : "";
+            if (name != "One" && name != "" && name != "others") ++wrong;
+            ++lookups;
+        }
+    });
+    for (int i = 0; i < 400 || lookups < 50; ++i) {
+        app->Server.runtimeChange = i % 3 == 0;
+        rulesAre(texts[i % 4]);
+        thresholdsAre(i % 2 ? "One|10|20\nALL|100|200" : "Two|10|20");
+    }
+    done = true;
+    traffic.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace vx::test
