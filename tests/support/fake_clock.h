@@ -29,7 +29,6 @@ public:
     FakeClock(const FakeClock&) = delete;
     FakeClock& operator=(const FakeClock&) = delete;
 
-    void setMs(std::int64_t ms) { now_ = ms * 1000; }
     void advanceMs(std::int64_t ms) { now_ += ms * 1000; }
     std::int64_t nowMs() const { return now_ / 1000; }
     std::int64_t sleptMs() const { return slept_ / 1000; }

@@ -35,6 +35,8 @@ protected:
     }
     // What such a file holds.
     std::string read(const std::string& name) const { return root_.read("proxy/config/" + name); }
+    // What the cache holds of an agent named "agent".
+    std::string cached(const std::string& name) const { return root_.read("proxy/.cache/agent/" + name); }
 
 private:
     static void clearProxy() {

@@ -46,32 +46,12 @@ TEST_F(Collectors, TheChoiceFollowsModeAndPendingSwitch) {
     }
 }
 
-TEST_F(Collectors, AFailedRetryMovesOnOnlyWithFailover) {
-    setPrimaryVXC("m", 1);
-    setBackupVXC("b", 2);
-    setVXCHost("m");
-    vxFinishCollectorRecords();
-    ASSERT_EQ(app->collectors.dr_enabled, 1);
-    vxSetCollectorState(0, 1);
-    connection_retry_failed();
-    EXPECT_STREQ(get_active_vxc().host, "b");
-    EXPECT_EQ(vxCollectorAt(0).state, 0);
-    EXPECT_EQ(vxCollectorAt(1).state, 1);
-
-    app->collectors.dr_enabled = 0;
-    connection_retry_failed();
-    EXPECT_STREQ(get_active_vxc().host, "m");
-}
-
 TEST_F(Collectors, ClearedRecordsAndForeignIndicesAreZero) {
     setPrimaryVXC("m", 1);
     clear_vxc_server_setting();
     vxSetCollectorPort(5, 1);
     vxSetCollectorState(-1, 1);
-    for (const int index : {-1, 0, 4, 5}) {
-        EXPECT_STREQ(vxCollectorAt(index).host, "") << index;
-        EXPECT_EQ(vxCollectorAt(index).port, 0) << index;
-    }
+    for (const int index : {-1, 0, 4, 5}) EXPECT_STREQ(vxCollectorAt(index).host, "") << index;
 }
 
 TEST_F(Collectors, ThePolicyIsReadFromTheReply) {

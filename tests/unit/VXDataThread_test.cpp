@@ -229,26 +229,20 @@ TEST_F(DataThread, WithoutBuffersItEndsAtOnce) {
     EXPECT_EQ(app->data.controlCommunicationBusyFlag, 0);  // the next start may change the size
 }
 
-TEST_F(DataThread, IdentityRecordsAreWrittenForTextsThatSaySomething) {
-    const std::string longText(6000, 'y'), cut = longText.substr(0, 5114) + "\n";
-    const struct {
-        const char* text;
-        std::string tags, attributes;  // the 110 and the 111 record
-    } rows[] = {
-        {nullptr, "", ""},
-        {"", "", ""},
-        {"{}", "110,{}\n", ""},
-        {"{\"a\":\n\"b\"}", "110,{\"a\": \"b\"}\n", "111,{\"a\": \"b\"}\n"},
-        {longText.c_str(), "110," + cut, "111," + cut},
-    };
+TEST_F(DataThread, IdentityRecordsStayOneLineAndAreNotWrittenForNothing) {
+    const std::string longText(6000, 'y');
     openDumping(*app);
-    for (const auto& row : rows) {
-        setSharedText(app->retired, app->VXBCISetting.tags, row.text);
-        setSharedText(app->retired, app->VXBCISetting.attributes, row.text);
+    for (const auto& [text, expected] : {std::pair("", std::string()),
+                                         {"{}", "110,{}\n"},
+                                         {"{\"a\":\n\"b\"}", "110,{\"a\": \"b\"}\n111,{\"a\": \"b\"}\n"},
+                                         {longText.c_str(), "110," + longText.substr(0, 5114) + "\n111," +
+                                                                longText.substr(0, 5114) + "\n"}}) {
+        setSharedText(app->retired, app->VXBCISetting.tags, text);
+        setSharedText(app->retired, app->VXBCISetting.attributes, text);
         clearDumped(*app);
         tag_record();
         attr_record();
-        EXPECT_EQ(dumpedText(*app), row.tags + row.attributes);
+        EXPECT_EQ(dumpedText(*app), expected);
     }
     closeDumping(*app);
 }

@@ -1,6 +1,5 @@
 #include "commonlibc/VXFileBasedKeywords.h"
 
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -57,10 +56,6 @@ protected:
         Lines lines = peer.readLinesUpTo("end");
         lines.pop_back();
         return lines;
-    }
-    std::string cached(const std::string& name) const {
-        std::ifstream in(home() + "/.cache/agent/" + name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
     }
     std::string warnings() const { return app->Server.warnings; }
 

@@ -22,10 +22,6 @@ protected:
         EXPECT_EQ(given, out[0] != '\0');
         return out.c_str();
     }
-    std::string cached(const std::string& name) const {
-        std::ifstream in(home() + "/.cache/agent/" + name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
 
 private:
     char agentName_[8] = "agent";
@@ -41,9 +37,8 @@ TEST_F(FileCache, ANameNeverLeavesItsFolder) {
     EXPECT_EQ(pathOf(nullptr, "file"), "");
     EXPECT_EQ(pathOf("agent", "file", 20), "");  // refused, not cut
     EXPECT_NE(pathOf("agent", "..."), "");
-    EXPECT_STREQ(vxBaseName("C:\\a/b\\c.txt"), "c.txt");
-    EXPECT_STREQ(vxBaseName("a\\"), "");
-    EXPECT_STREQ(vxBaseName("plain"), "plain");
+    for (const auto& [path, base] : {std::pair("C:\\a/b\\c.txt", "c.txt"), {"a\\", ""}, {"plain", "plain"}})
+        EXPECT_STREQ(vxBaseName(path), base);
 }
 
 TEST_F(FileCache, AFileIsReplacedWholeAndLeavesNothingBeside) {

@@ -1,6 +1,5 @@
 #include "commonlibc/VXInstrProfile.h"
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -54,10 +53,6 @@ protected:
         return text ? text : "(none)";
     }
     bool parsed() const { return app->Server.rehashRequested != 0; }
-    std::string cached(const std::string& name) const {
-        std::ifstream in(home() + "/.cache/agent/" + name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
 
 private:
     char agentName_[8] = "agent";

@@ -46,15 +46,6 @@ TEST_F(MetadataReplay, WritesMethodsInUseAndThenLiveBts) {
                                         "5,Profiler.Zorvanek.BeginRequest,1", "5,used,3", "7,2,/a"}));
 }
 
-TEST_F(MetadataReplay, TellsABtOnceUntilTheNextConnection) {
-    btOf("/a");
-    clearBtMetaDataFlags();
-    clearDumped(*app);
-    collectAndSendOnlyCached7Records(0, 1);
-    btOf("/a");
-    EXPECT_EQ(dumpedText(*app), "7,2,/a\n");
-}
-
 TEST_F(MetadataReplay, TellsABtThatARuleHasReplacedByTheRulesOwnId) {
     btOf("/a");
     btOf("/b");

@@ -41,18 +41,6 @@ TEST_F(MethodTable, TheFixedMethodsComeFirstAndANewNameGetsTheNextIdAndOneRecord
     EXPECT_EQ(dumpedText(*app), "5,com.example.Shop.buy,3\n");
 }
 
-TEST_F(MethodTable, AForgottenMethodIsDescribedAgainWithItsFirstUse) {
-    mPP* method = report("m");
-    resetmethodHashMapNode(table, 1);
-    clearDumped(*app);
-    markMethodUsed(report("m"));
-    EXPECT_EQ(dumpedText(*app), "5,m,3\n");
-    EXPECT_EQ(method->subtype, 0);
-    app->Server.isTenRecordDump = 1;
-    report("m");
-    EXPECT_EQ(method->subtype, 1);
-}
-
 TEST_F(MethodTable, OnlyTheLengthGivenIsTheName) {
     mPP* method = report("abc");
     EXPECT_EQ(vxFindMethod("abcdef", 3), method);

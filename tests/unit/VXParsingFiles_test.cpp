@@ -180,22 +180,6 @@ TEST_F(MethodTexts, AProfileLineNamesItsMethodByItsFields) {
     }
 }
 
-TEST_F(MethodTexts, AProfileLeavesCalloutsAndMonitorsOfKnownMethods) {
-    deliver(parseEntryFile, "m|c.db|REDIS|1\n");
-    deliver(parseMethodMonitor, "m|c.mon|\n");
-    deliver(setMethodHashMapNode, "m|c|db|4|0\nm|c|mon|4|1\nm|c|new|4|0\n");
-    EXPECT_EQ(find("c.db")->isEntryPointPtr, kMethodBackend);
-    EXPECT_EQ(find("c.db")->subtype, 16);
-    EXPECT_EQ(find("c.mon")->isEntryPointPtr, kMethodEntryPoint | kMethodMonitored);
-    EXPECT_EQ(find("c.new")->subtype, 4);
-    setMethodHashMapNode(nullptr);
-    EXPECT_EQ(find("c.new")->subtype, 0);
-    EXPECT_EQ(find("c.new")->instrumentationProp, 0) << "it was classified before this reset";
-    setMethodHashMapNode(nullptr);
-    EXPECT_EQ(find("c.new")->instrumentationProp, 3);
-    EXPECT_EQ(app->method.beginRequest.load()->usedFlag, 1U);
-}
-
 TEST_F(MethodTexts, ARunTimeChangeTellsTheCollectorOnce) {
     deliver(parseEntryFile, "m|known|REDIS|1\n");
     beginChange();

@@ -194,10 +194,10 @@ protected:
                   std::to_string(port) + "\n" + more);
     }
     // Accepts a control connection, takes the connect line and answers it.
-    FakePeer acceptControl(const std::string& more = "") {
+    FakePeer acceptControl() {
         FakePeer control = acceptStream("vx_ctrl_msg_req:appName=");
         EXPECT_TRUE(control);
-        EXPECT_TRUE(control.send(kReply + std::to_string(collector.port()) + more + ";procIndex=5;\n"));
+        EXPECT_TRUE(control.send(kReply + std::to_string(collector.port()) + ";procIndex=5;\n"));
         return control;
     }
     bool threadEnds() {

@@ -60,17 +60,6 @@ TEST_F(Sockets, ReadLineTakesWhatItGetsUpToItsSize) {
     EXPECT_EQ(length, 0);
 }
 
-TEST_F(Sockets, ReadLinePutsAPartedLineTogether) {
-    const std::string line = std::string(300, 'y') + "\n";
-    std::thread peer([&] {
-        apr_socket_opt_set(far, APR_TCP_NODELAY, 1);
-        for (const char byte : line) peerSends({byte});
-    });
-    EXPECT_EQ(readLine(), 301);
-    EXPECT_EQ(buffer, line);
-    peer.join();
-}
-
 TEST_F(Sockets, ReadLineGivesUpWithAFullBuffer) {
     peerSends(std::string(1100, 'z') + "\n");
     EXPECT_EQ(readLine(), kSockFull);
