@@ -10,6 +10,7 @@
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXKeywordNumber.h"
+#include "commonlibc/VXProtocol.h"
 #include "commonlibc/VXSettingsRewrite.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vxlb_clock.h"
@@ -75,6 +76,7 @@ void takeCollector(vxApplication& app, const Target& target) {
         setVXCHost(target.host);
     }
     if (target.port) setVXCPort(target.port);
+    if (target.host || target.port) vxRefreshTcpPort();
     const int port = target.port ? target.port : target.host ? kDefaultPort : kLeavePort;
     if (app.collectors.clusterMode != 0) {
         setBackupVXC(target.host, port);

@@ -1,5 +1,6 @@
 #include "commonlibc/VXProtocol.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,8 @@ namespace vx {
 
 namespace {
 
+constexpr std::string_view kSeparators = ", \t";
+constexpr std::string_view kTcpItem = "TCP:";
 constexpr int kAppendSlots = 3;
 constexpr int kMaxItems = 10;
 constexpr int kMaxReplyFields = 10;
@@ -141,7 +144,7 @@ bool upDateAgentSupportedProtocolData(const char* list, bool* whole) {
     char copy[kListSize];
     vxlb_copy_text(copy, sizeof(copy), list);
     char* items[kMaxItems];
-    const int count = vxlb_get_tokens_with_multi_delimiter(copy, items, ", \t", kMaxItems);
+    const int count = vxlb_get_tokens_with_multi_delimiter(copy, items, kSeparators.data(), kMaxItems);
     bool replaced = false;
     for (int i = 0; i < count; ++i) {
         const ProtocolItem item = readItem(items[i]);
@@ -169,6 +172,26 @@ void updateANYAgentSupportedProtocolData(int protocol) {
     if (port.load(std::memory_order_relaxed) < 1) port.store(kDefaultPort, std::memory_order_relaxed);
     setSupportedProtocolArray(protocol);
     vxlb_copy_text(app.VXSys.supportedProtocolsString, kProtocolsTextSize, row->name);
+}
+
+std::string vxWithTcpPort(std::string_view list, int port) {
+    std::string text;
+    while (!list.empty()) {
+        const std::size_t blank = std::min(list.find_first_not_of(kSeparators), list.size());
+        const std::size_t end = std::min(list.find_first_of(kSeparators, blank), list.size());
+        const std::string_view item = list.substr(blank, end - blank);
+        text.append(list.substr(0, blank));
+        text.append(item.starts_with(kTcpItem) ? std::string(kTcpItem) + std::to_string(port) : item);
+        list.remove_prefix(end);
+    }
+    return text;
+}
+
+void vxRefreshTcpPort() {
+    vxApplication& app = *vxCurrent();
+    char(&held)[kProtocolsTextSize] = app.VXSys.supportedProtocolsString;
+    const std::string text = vxWithTcpPort(held, app.VXBCISetting.vxcPort.load(std::memory_order_relaxed));
+    if (text.size() < sizeof(held)) vxlb_copy_text(held, sizeof(held), text.c_str());
 }
 
 void vxClearAgentProtocols() {

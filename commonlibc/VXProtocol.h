@@ -12,6 +12,9 @@
 // Threads   Settings passes and the control thread; all on the current context.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 namespace vx {
 
 // Replaces the agent's array and supportedProtocolsString by those of "TCP:7000,WSS:443" and sets the ports.
@@ -19,6 +22,10 @@ namespace vx {
 bool upDateAgentSupportedProtocolData(const char* list, bool* whole = nullptr);
 // The same with one protocol only (the default is 3, WSS), with port 443 where none is set.
 void updateANYAgentSupportedProtocolData(int protocol);
+// The list with `port` in its items of TCP; the other ones stay as they are.
+std::string vxWithTcpPort(std::string_view list, int port);
+// Makes supportedProtocolsString name the TCP port in use, after that was changed from outside.
+void vxRefreshTcpPort();
 // Empties the agent's array and the string.
 void vxClearAgentProtocols();
 // Empties the collector's array: before each connect message.

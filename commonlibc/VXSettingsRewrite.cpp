@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "commonlibc/VXConfigFile.h"
+#include "commonlibc/VXProtocol.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vxlb_guard.h"
@@ -22,6 +23,7 @@ namespace vx {
 namespace {
 
 constexpr const char* kFileName = "vxsettings.conf";
+constexpr const char* kProtocolKey = "VXC_COMM_PROTOCOL";
 constexpr std::size_t kRewrittenSize = 1024;
 constexpr apr_off_t kMaxFile = 1048576;
 
@@ -41,7 +43,11 @@ std::string rewritten(std::string_view line, const VXSettingsChange& change) {
     for (const auto& text : texts)
         if (text.value && hasKey(line, text.key)) return std::string(text.key) + "=" + text.value;
     if (change.vxcPort && hasKey(line, "vxcPort")) return "vxcPort=" + std::to_string(change.vxcPort);
-    return std::string(line);
+    const std::size_t equals = line.find('=');
+    if (!change.vxcPort || equals == std::string_view::npos || !hasKey(line, kProtocolKey))
+        return std::string(line);
+    // A port there goes before vxcPort.
+    return std::string(line.substr(0, equals + 1)) + vxWithTcpPort(line.substr(equals + 1), change.vxcPort);
 }
 
 std::string rewrittenFile(std::string_view former, const VXSettingsChange& change) {

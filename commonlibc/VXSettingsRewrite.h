@@ -12,7 +12,7 @@
 
 namespace vx {
 
-// Null texts and port 0: that line stays.
+// Null texts and port 0: that line stays. The port goes into the TCP item of VXC_COMM_PROTOCOL, too.
 struct VXSettingsChange {
     const char *tier, *server, *vxcHost;
     int vxcPort;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXProtocol.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/VXSettingsRewrite.h"
 #include "tests/support/fake_clock.h"
@@ -25,6 +26,8 @@ TEST_F(HomeFixture, ARewriteOfTheSettingsReplacesWhatChanges) {
          VXSettingsChange{nullptr, nullptr, "d", 0}},
         {"# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast",
          "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast", kAll},
+        {"vxc_comm_protocol = WS:1, TCP:2 ,WSS:3\nVXC_COMM_PROTOCOLX=TCP:2\n",
+         "vxc_comm_protocol = WS:1, TCP:4433 ,WSS:3\nVXC_COMM_PROTOCOLX=TCP:2\n", kAll},
         {"tags=x\nvxcHost=c", "tags=x\nvxcHost=new.example", kAll},
         // what lies behind 1024 bytes stays whole
         {"tags=" + kLong + "\nvxcHost=c\n#" + kLong + "\nvxcPort=1\n",
@@ -43,6 +46,7 @@ protected:
     void SetUp() override {
         LinkFixture::SetUp();
         write("vxsettings.conf", "vxcHost=old\nvxcPort=7892\ntags=a\n");
+        upDateAgentSupportedProtocolData("WS:80,TCP:7892");
         setVXCHost("old");
         setVXCPort(7892);
         app->control.requestType = 0;
@@ -69,6 +73,7 @@ TEST_F(Reroute, MakesTheTargetTheMasterEndsTheRunAndTheConnection) {
     EXPECT_EQ(master(), "new.example:4433");
     EXPECT_EQ(app->collectors.activeVXCIndex, 0);
     EXPECT_EQ(held(), "new.example:4433");
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WS:80,TCP:4433") << "what the new one is told";
     EXPECT_EQ(read("vxsettings.conf"), "vxcHost=new.example\nvxcPort=4433\ntags=a\n");
     EXPECT_STREQ(getTierName(), "Web");
     EXPECT_STREQ(getAppServerName(), "h9");
