@@ -13,6 +13,7 @@
 
 #include "commonlibc/Server.h"
 #include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXKeywords.h"
 #include "commonlibc/VXLogRetention.h"
 #include "commonlibc/VXMetadataReplay.h"
@@ -57,7 +58,12 @@ void startApr() {
     static_cast<void>(registered);
 }
 
+// What an earlier start that came to nothing has made is taken again: the tables and their root context.
 void setProxyDefaults() {
+    VXLB_FREE(VXProxy.vxHomePath, "text copy", -1);
+    VXLB_FREE(VXProxy.vxcHost, "text copy", -1);
+    std::atomic<vxApplication*>* const attached = VXProxy.attached.load(std::memory_order_relaxed);
+    const std::int32_t slots = VXProxy.instanceTableSize;
     std::destroy_at(&VXProxy);
     std::construct_at(&VXProxy);
     vxlb_copy_text(VXProxy.proxyHost, sizeof(VXProxy.proxyHost), kLoopback);
@@ -65,23 +71,27 @@ void setProxyDefaults() {
     VXProxy.numUDPThreads = 10;
     VXProxy.udpTableSize = 32;
     VXProxy.instanceTableSize = inService() ? kInstanceTableStart : kInstanceTableAgentSide;
+    if (slots == VXProxy.instanceTableSize) VXProxy.attached.store(attached, std::memory_order_relaxed);
     VXProxy.memThresholdCheckModes = 1;
     VXProxy.memUsageThresholdPct = 20;
     VXProxy.memUsageThresholdSizeMB = 2048;
 }
 
-// The root context, current, in slot 0. Null without memory.
-vxApplication* makeRoot() {
+// The root context, current, in slot 0; a start makes each part of it once. Null without memory.
+vxApplication* makeRoot(VXRootUse use) {
     if (!vxMakeInstanceTables()) return nullptr;
-    vxApplication* root = vxNewApplication();
-    if (!root || apr_pool_create(&root->pool, nullptr) != APR_SUCCESS) return nullptr;
+    vxApplication* root = use == VXRootUse::kService ? instanceAt(0) : nullptr;
+    if (!root) root = vxNewApplication();
+    if (!root) return nullptr;
+    VXProxyInstance.load()[0].store(root, std::memory_order_release);
+    if (!root->pool && apr_pool_create(&root->pool, nullptr) != APR_SUCCESS) return nullptr;
     vxSetCurrent(root);
     vxMakeContextMutexes(*root);
-    root->agentLogBuffer = static_cast<char*>(VXLB_MALLOC(kAgentLogSize, "agent log buffer", 0));
+    if (!root->agentLogBuffer)
+        root->agentLogBuffer = static_cast<char*>(VXLB_MALLOC(kAgentLogSize, "agent log buffer", 0));
     if (root->agentLogBuffer) *root->agentLogBuffer = '\0';
     root->agentLogBufferFree = 1;
-    if (inService()) root->ruckusMap = create_hashmap(root->pool);
-    VXProxyInstance.load()[0].store(root, std::memory_order_release);
+    if (inService() && !root->ruckusMap) root->ruckusMap = create_hashmap(root->pool);
     VXProxy.numInstance.store(1, std::memory_order_release);
     return root;
 }
@@ -107,7 +117,7 @@ void readProxySettings(VXRootUse use) {
 }
 
 void nameRoot(vxApplication& root, const char* poolName, const char* agentType) {
-    root.identity.agentName = vxlb_strdup(poolName);
+    replaceText(root.identity.agentName, poolName);
     setAppName(poolName);
     setAgentType(agentType);
     setAgentVersion(kAgentVersion);
@@ -122,21 +132,28 @@ void readAgentSettings() {
 // Faults of the settings, kept until the settings have given the trace its level.
 constexpr std::size_t kKeptFaults = 100;
 std::vector<std::string> settingFaults;
+int faultCount = 0;
 
 void keepFault(const VXSettingReport& report) {
     std::string fault = vxSettingFault(report);
-    if (!fault.empty() && settingFaults.size() < kKeptFaults) settingFaults.push_back(std::move(fault));
+    if (fault.empty()) return;
+    ++faultCount;
+    if (settingFaults.size() < kKeptFaults) settingFaults.push_back(std::move(fault));
 }
 
-void traceFaults() {
+void tellFaults() {
     for (const std::string& fault : settingFaults) VX_TRACE(1, kControlThread, kWarning, "%s", fault.c_str());
     settingFaults = {};
+    const int faults = std::exchange(faultCount, 0);
+    const bool named = *vxCollectorAt(0).host != '\0';
+    if ((faults || !named) && vxListenerReport.settingsAtFault)
+        vxListenerReport.settingsAtFault(faults, named);
 }
 
 void makeFlowpathTables(vxApplication& root) {
     if (!root.identity.isProxyInstance) {
         VX_TRACE(1, kControlThread, kInfo, "Going to create hashMap of flowpath instance to TLS");
-        root.flowpath.fpi_tls_map = create_hashmap(root.pool);
+        if (!root.flowpath.fpi_tls_map) root.flowpath.fpi_tls_map = create_hashmap(root.pool);
         if (!VXProxy.proxyMode) create_tls_pool(0);
         initVXManageTIdToTLocal();
     }
@@ -162,12 +179,13 @@ vxApplication* vxMakeRoot(const char* poolName, const char* processName, const c
     vxFillUpcalls();
     startApr();
     setProxyDefaults();
-    vxApplication* root = makeRoot();
+    vxApplication* root = makeRoot(use);
     if (!root) return nullptr;
     replaceText(gPool, poolName);
     replaceText(gProcessName, processName);
     VXSysInit(agentType);
-    if (use == VXRootUse::kService) VXTraceInit(gProcessName, gPool);
+    // A start after one that came to nothing goes on in the same files.
+    if (use == VXRootUse::kService && !trace_log_key.load()) VXTraceInit(gProcessName, gPool);
     VXBCISettingInit();
     for (std::uint32_t& counter : root->method.idCounters) counter = 1;
     readProxySettings(use);
@@ -182,7 +200,7 @@ void agent_init(const char* poolName, int /*poolNameType*/, const char* processN
     vxApplication* root = vxMakeRoot(poolName, processName, agentType, VXRootUse::kService);
     vxSettingObserver = nullptr;
     if (!root) return;
-    traceFaults();
+    tellFaults();
     vx_check_log_file();
     root->VXSys.proxyMode = VXProxy.proxyMode;
     apr_signal_init(root->pool);

@@ -20,7 +20,8 @@ vxApplication* vxMakeRoot(const char* poolName, const char* processName, const c
                           VXRootUse use);
 
 // Builds the root context, reads the settings, starts the trace log, enters the listener loop; returns
-// when the loop returns. A second call starts from the beginning; what the first one made is not released.
+// when the loop returns. A second call starts from the beginning, with the root context, the tables and the
+// trace files of the first: starts that fail again and again make the process no larger.
 void agent_init(const char* poolName, int poolNameType, const char* processName, const char* agentType,
                 int flags);
 // Per-instance defaults on the current context.

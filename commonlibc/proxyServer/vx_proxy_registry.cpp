@@ -76,6 +76,13 @@ bool growInstanceTables() {
     return true;
 }
 
+// A table of an earlier start that took no agent.
+bool holdsNoInstance(const InstanceTable* table) {
+    for (std::int32_t i = 1; table && i < VXProxy.instanceTableSize; ++i)
+        if (table[i].load()) return false;
+    return table != nullptr;
+}
+
 processInfo_t** newProcessTable(std::int32_t records, const char* what) {
     return static_cast<processInfo_t**>(
         VXLB_MALLOC_AND_MEMSET(static_cast<std::size_t>(records) * sizeof(void*), what, -1));
@@ -137,6 +144,7 @@ bool threadsMayRun(const vxApplication& app) {
 }  // namespace
 
 bool vxMakeInstanceTables() {
+    if (VXProxy.attached.load() && holdsNoInstance(VXProxyInstance.load())) return true;
     InstanceTable* instances = newInstanceTable(VXProxy.instanceTableSize, "VXProxyInstance");
     InstanceTable* attached = newInstanceTable(VXProxy.instanceTableSize, "attached clients");
     if (!instances || !attached) {

@@ -27,7 +27,8 @@ inline constexpr std::int64_t kFreePid = -1;
 
 enum class VXConnection : std::uint8_t { kControl, kData, kAutoSensor, kDiscovery, kCount };
 
-// Makes both tables of contexts, VXProxy.instanceTableSize slots each. False without memory.
+// Makes both tables of contexts, VXProxy.instanceTableSize slots each; tables of that size that never held an
+// instance are kept, with the root. False without memory.
 bool vxMakeInstanceTables();
 // Index of the first empty slot; both tables grow when there is none. -1 without memory.
 std::int32_t vxFreeInstanceSlot();

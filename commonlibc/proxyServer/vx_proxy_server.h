@@ -16,10 +16,11 @@
 
 namespace vx {
 
-// What the program tells its operator; null members are passed over. Set before the listener starts.
+// What a start tells its operator; null members are passed over. Set before the start.
 struct VXListenerReport {
     void (*listening)(const char* host, int port);
     void (*bindFailed)(int port, const char* reason);  // the first failure only
+    void (*settingsAtFault)(int faults, bool collectorNamed);
 };
 extern VXListenerReport vxListenerReport;
 

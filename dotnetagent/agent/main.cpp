@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "commonlibc/VXSys.h"
 #include "commonlibc/agent_thread.h"
@@ -62,6 +63,18 @@ void tellBindFailed(int port, const char* reason) {
                  port, reason, vx::getVXHome());
 }
 
+// With the default level nothing else would tell of it.
+void tellSettings(int faults, bool collectorNamed) {
+    static bool told = false;
+    if (std::exchange(told, true)) return;
+    if (faults)
+        std::fprintf(stderr, "VXProxyService: %d fault(s) in the settings; --check-config tells them\n",
+                     faults);
+    if (!collectorNamed)
+        std::fputs("VXProxyService: no collector is named; vxcHost of config/vxsettings.conf names one\n",
+                   stderr);
+}
+
 int printVersion() {
     std::printf("VXProxyService %s\n", VX_VERSION);
     return kExitDone;
@@ -107,7 +120,7 @@ int takeCommandLine(int count, char** arguments) {
 int main(int count, char** arguments) {
     const int code = takeCommandLine(count, arguments);
     if (code >= 0) return code;
-    vx::vxListenerReport = {tellListening, tellBindFailed};
+    vx::vxListenerReport = {tellListening, tellBindFailed, tellSettings};
     if (const int failed = vx::vxServiceMain(vx::agent_init)) {
         std::fputs("VXProxyService: the service could not be set up (no thread)\n", stderr);
         return failed;

@@ -11,6 +11,7 @@
 #include <future>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "commonlibc/proxyServer/vx_proxy_instance_link.h"
@@ -107,6 +108,25 @@ TEST_F(Listener, IsNotHeldUpBySilentConnections) {
     EXPECT_EQ(second.readLine(), "vx_ctrl_msg_rep:result=Ok;procIndex=1");
     silent[3].send(line("vx_ctrl_msg_req:", 3));
     EXPECT_EQ(silent[3].readLine(), "vx_ctrl_msg_rep:result=Ok;procIndex=2") << "late, but welcome";
+}
+
+TEST_F(Listener, StartsAfterAttemptsThatCameToNothingWithWhatTheyMade) {
+    start();
+    stop();  // perhaps before the port was taken
+    proxyStopFlag = 1;
+    const auto attempt = [] {
+        agent_init("DotNetAgent", 3, "ProxyName", "proxy", 0);
+        vxApplication* root = instanceAt(0);
+        return std::tuple{
+            VXProxyInstance.load(), VXProxy.attached.load(),   root, root->pool, root->agentLogBuffer,
+            root->ruckusMap,        root->flowpath.fpi_tls_map};
+    };
+    const auto former = attempt();
+    EXPECT_EQ(attempt(), former);
+    vxSetCurrent(nullptr);
+    startListening();
+    const FakePeer first = agent(1);
+    EXPECT_TRUE(serves());
 }
 
 TEST_F(Listener, SurvivesWhateverConnectionsSendAndHowTheyEnd) {
