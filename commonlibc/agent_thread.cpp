@@ -34,6 +34,10 @@ sigset_t stopSignals() {
     return set;
 }
 
+vxApplication* rootContext() {
+    return VXProxyInstance.load(std::memory_order_acquire) ? instanceAt(0) : nullptr;
+}
+
 // Calls visit for each instance in use, current meanwhile.
 void eachInstance(void (*visit)(vxApplication& app)) {
     if (!VXProxyInstance.load(std::memory_order_acquire)) return;
@@ -93,14 +97,21 @@ void vxStopService() {
     proxyStopFlag.store(1, std::memory_order_release);
     vxWakeListener();
     if (proxyCleaningFlag.load(std::memory_order_acquire)) vxlb_sleep_us(kEndUs);
-    for (int step = 0; step < kDrainSteps && !vxDataThreadsDrained(); ++step) vxlb_sleep_us(kStepUs);
+    int step = 0;
+    while (step < kDrainSteps && !vxDataThreadsDrained()) {
+        vxlb_sleep_us(kStepUs);
+        ++step;
+    }
+    vxSetCurrent(rootContext());
+    VX_TRACE(1, kControlThread, kInfo, "Stopped as told, %s",
+             step < kDrainSteps ? "nothing is left to send" : "what could not be sent in time is lost");
     _exit(0);
 }
 
 void resetAndCleanProxy(int sig) {
     proxyCleaningFlag.store(1, std::memory_order_release);
     proxyStopFlag.store(1, std::memory_order_release);
-    vxApplication* root = VXProxyInstance.load(std::memory_order_acquire) ? instanceAt(0) : nullptr;
+    vxApplication* root = rootContext();
     vxSetCurrent(root);
     VX_TRACE(1, kControlThread, kInfo, "Received (kill -%d) request to stop Proxy. Closing the connections",
              sig);

@@ -83,6 +83,7 @@ TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
         return traceText().find("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'") !=
                std::string::npos;
     })) << traceText();
+    EXPECT_TRUE(service->outputHolds("VXProxyService: 1 fault(s) in the settings; --check-config tells"));
     EXPECT_TRUE(filesOf("vx_trace_ProxyName_DotNetAgent_2020").empty());
     EXPECT_EQ(filesOf("readme.txt").size(), 1u);
 
@@ -96,10 +97,11 @@ TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
     EXPECT_TRUE(bad.outputHolds("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'"));
     EXPECT_TRUE(bad.outputHolds("Web  [line 6]")) << bad.output();
 
-    std::ofstream(dir.path() + "/proxy/config/vxsettings.conf") << "vxcHost=127.0.0.1\n";
+    std::ofstream(dir.path() + "/proxy/config/vxsettings.conf")
+        << "vxcHost=127.0.0.1\nVXC_COMM_PROTOCOL=TCP:7892\n";
     Program good(setup);
     EXPECT_EQ(good.wait(), 0) << good.output();
-    EXPECT_TRUE(good.outputHolds("Collector: 127.0.0.1:443, protocols WSS")) << good.output();
+    EXPECT_TRUE(good.outputHolds("Collector: 127.0.0.1:7892, protocols TCP:7892")) << good.output();
     EXPECT_EQ(filesOf(""), before);
     EXPECT_TRUE(service->running());
 }
