@@ -4,8 +4,7 @@
 //                                    \____________/ start of the run: what counts as the file's age
 //
 // Limits    Age is counted in local calendar days, 1 to 36,500 of them. The newest kKeptCrashDumps dumps
-// stay,
-//           so a service that falls again and again fills no disk.
+//           stay, so a service that falls again and again fills no disk.
 // Errors    A folder that cannot be opened is traced; a file that cannot be removed stays.
 // Threads   Start-up.
 #pragma once

@@ -32,7 +32,7 @@ struct processInfo_t {
     std::uint32_t firstWord;                            // records accepted reset it to 0; nothing raises it
     std::int32_t controlFd, dataFd, asFd, discoveryFd;  // descriptors, -1 when closed (listener only)
     std::atomic<std::int64_t> pid;                      // -1: the slot is free
-    char* dataBuffer;  // freed where the data connection ends; nothing fills it
+    char* dataBuffer;  // heap or null: what the last read of the data connection left of a record
     VXSharedSocket control, data, autoSensor, discovery;
     char* discoveryTail;  // heap or null: what lay behind the last newline of the discovery connection
     std::int32_t discoveryTailLength;

@@ -17,9 +17,8 @@
 // Limits    256 frames, 64 modules, names of 512 bytes. The handler has 10 s; then the process ends without
 //           the rest. A second fault inside the handler ends it at once, another thread's waits for the
 //           first.
-// Threads   vx_crash_install: before other threads exist. Each thread needs a VXCrashStack of its own:
-// without
-//           one an overflow of its stack leaves no dump.
+// Threads   vx_crash_install: before other threads exist. Each thread needs a VXCrashStack of its own, or an
+//           overflow of its stack leaves no dump.
 #pragma once
 
 #include <cstddef>

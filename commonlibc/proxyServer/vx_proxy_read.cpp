@@ -124,12 +124,13 @@ void keepCarryOver(VXDecoderState_t& decoder, processInfo_t& process) {
     decoder.partialBuffer[0] = '\0';
 }
 
-void decodeRest(VXReadBuffer& buffer, const epollPtr_t& address) {
+void decodeRest(const apr_socket_t* socket, VXReadBuffer& buffer, const epollPtr_t& address) {
     vxApplication& app = *instanceAt(address.appIndex);
+    processInfo_t& process = *processAt(app, address.procIndex);
     vxSetCurrent(&app);
     const VXGuard lock(app.decoder.decodeMutex);
     decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
-    keepCarryOver(app.decoder, *processAt(app, address.procIndex));
+    if (process.data.get() == socket) keepCarryOver(app.decoder, process);  // others have no next read
     setResetSocketBuffer(buffer);
 }
 
@@ -189,7 +190,7 @@ int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epol
         processReceivedMsg(socket, line, epollPtrSlot);
         if (vxSocketClosed(socket)) return kReadDone;
         if (recordsFollow && *epollPtrSlot) {
-            decodeRest(buffer, **epollPtrSlot);
+            decodeRest(socket, buffer, **epollPtrSlot);
             return kReadDone;
         }
     }

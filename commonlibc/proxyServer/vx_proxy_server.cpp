@@ -180,6 +180,7 @@ void acceptNewConnection() {
         acceptFailed(status);
         return;
     }
+    apr_socket_opt_set(socket, APR_SO_KEEPALIVE, 1);  // a peer that went without a word is found out
     const VXPeer peer(socket);
     VX_TRACE(3, kControlThread, kInfo, "Connection received from '%s:%d' ", peer.ip(), peer.port());
     vxPendingAccepted(socket);
