@@ -167,6 +167,9 @@ TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection)
     EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5));
     EXPECT_EQ(readRecords(data), kReadNothing);
     EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5)) << "a read of nothing leaves it";
+    agent.peer.send("a log line\n^\x0d");
+    EXPECT_EQ(readLines(agent), kReadDone);
+    EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5)) << "so do bytes on the control connection";
     EXPECT_EQ(decoder->messagesRefused, 0u);
     vxCloseConnection(*processAt(instance(), 0), VXConnection::kData, true);
     EXPECT_EQ(carried(), "") << "it ends with its connection";
