@@ -116,7 +116,7 @@ void closeFirstItem(const vxApplication& app, vxTD* slot, std::int32_t status, s
 
 void copyPart(char* out, std::size_t size, std::string_view part) {
     const std::size_t length = std::min(part.size(), size - 1);
-    std::memcpy(out, part.data(), length);
+    if (length) std::memcpy(out, part.data(), length);
     out[length] = '\0';
 }
 
@@ -131,17 +131,10 @@ bool urlStands(const vxTD* slot, const char* url) {
 bool takeUrl(vxTD* slot, const char* text, char* method) {
     if (!text || !*text) text = kUnknownUrl;
     if (urlStands(slot, text)) return false;
-    std::string_view url(text);
-    copyPart(method, kHttpMethodSize, "");
-    if (const auto bar = url.find('|'); bar != url.npos) {
-        copyPart(method, kHttpMethodSize, url.substr(bar + 1));
-        url = url.substr(0, bar);
-    }
-    if (const auto mark = url.find('?'); mark != url.npos) {
-        copyPart(slot->uRLParameters, sizeof(slot->uRLParameters), url.substr(mark + 1));
-        url = url.substr(0, mark);
-    }
-    copyPart(slot->tlURl, sizeof(slot->tlURl), url);
+    const VXUrlParts url = vxSplitUrl(text);
+    copyPart(method, kHttpMethodSize, url.method);
+    if (url.query.data()) copyPart(slot->uRLParameters, sizeof(slot->uRLParameters), url.query);
+    copyPart(slot->tlURl, sizeof(slot->tlURl), url.path);
     return true;
 }
 

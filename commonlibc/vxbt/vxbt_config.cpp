@@ -1,14 +1,18 @@
 #include "commonlibc/vxbt/vxbt_config.h"
 
+#include <utility>
+
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_global_rule.h"
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
 #include "commonlibc/vxbt/vxbt_thresholds.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
+#include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "commonlibc/vxlb_word.h"
@@ -57,27 +61,59 @@ void configPath(char (&path)[kPathSize], const char* fileName) {
     vx_path_join(path, sizeof(path), folder, fileName);
 }
 
-void applyDefaultRule() {
+bool freeDeclared(const char*, void* object, void*) {
+    VXLB_FREE(object, "BTObject", -1);
+    return true;
+}
+
+// Objects of the manager map alone, then those of the config map, which may be in both.
+void freeObjects(VXBTState_t& bt) {
+    for (BTObject* object = bt.firstManaged; object;) {
+        BTObject* next = object->nextManaged;
+        if (find_bt_obj_declared(object->btName) != object) VXLB_FREE(object, "BTObject", -1);
+        object = next;
+    }
+    vxlb_map_each(bt.configMap, freeDeclared, nullptr);
+    bt.firstManaged = bt.lastManaged = nullptr;
+    bt.managerMap = bt.configMap = nullptr;
+}
+
+}  // namespace
+
+void vxFreeBtStore() {
+    VXBTState_t& bt = vxCurrent()->bt;
+    freeObjects(bt);
+    VXLB_FREE(bt.global_rule.exchange(nullptr), "VXBTGlobalRule", -1);
+    vxFreeRuleSet(bt.ruleSet.exchange(nullptr), nullptr);
+    destroy_hashmap(std::exchange(bt.thresholds, nullptr));
+    freeTagStructures();
+    for (auto& block : bt.aggDataArr.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
+    bt.aggDataArr.size = 0;
+}
+
+void vxMakeBtStore() {
+    makeStore(*vxCurrent());
+    VXBTMonitorInit();
+}
+
+void vxApplyDefaultRule() {
     char rule[kRuleLineSize];
     vxlb_copy_text(rule, sizeof(rule), kDefaultGlobalRule);
     VX_TRACE(1, kBtMon, kInfo, "Setting defult BT rule = %s", rule);
     parse_global_rule(rule);
 }
 
-}  // namespace
-
 void VXBTConfigModelInit() {
     vxApplication& app = *vxCurrent();
     char ruleFile[kPathSize];
     char thresholdFile[kPathSize];
 
-    makeStore(app);
-    VXBTMonitorInit();
+    vxMakeBtStore();
     configPath(ruleFile, "BTRuleFile.txt");
     configPath(thresholdFile, "BTThresholdFile.txt");
     vxbt_read_threshold_file(thresholdFile, VXRuleSource::kPath);  // in place before rules make objects
     vxbt_read_rule_file(ruleFile, VXRuleSource::kPath, VXRuleBuild::Base::kStart);
-    if (app.bt.applicableRule.load(std::memory_order_relaxed) == kNoRule) applyDefaultRule();
+    if (app.bt.applicableRule.load(std::memory_order_relaxed) == kNoRule) vxApplyDefaultRule();
     VX_TRACE(1, kBtMon, kInfo, "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
              vx_word_get(app.bt.max_bt_count), app.bt.total_bt_count, ruleFile);
 }

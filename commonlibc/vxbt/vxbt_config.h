@@ -14,4 +14,12 @@ namespace vx {
 // does not keep: custom rules, and thresholds that the file does not name.
 void VXBTConfigModelInit();
 
+// The first half of it: everything but the files. A check of a rule file needs no more.
+void vxMakeBtStore();
+// Gives back what vxMakeBtStore and rule texts took beside the context's pool. Only where nobody reads any
+// more.
+void vxFreeBtStore();
+// Puts the default rule in force.
+void vxApplyDefaultRule();
+
 }  // namespace vx

@@ -54,11 +54,11 @@ const char* headerOf(char* const* fields, int count) {
 }
 
 // What the machine gets: behind the URL a "*", and behind it the query.
-void makePattern(VXPatternLine& line, char* const* fields) {
+void makePattern(VXPatternLine& line) {
     VXWriter out(line.pattern, sizeof(line.pattern));
-    out.text(fields[kPattern]);
+    out.text(line.url);
     if (line.mode != kModeUrl) out.put('*');
-    if (line.mode == kModeQuery || line.mode == kModeBoth) out.text(fields[kQuery]).put('*');
+    if (line.mode == kModeQuery || line.mode == kModeBoth) out.text(line.query).put('*');
     out.terminate();
 }
 
@@ -133,7 +133,9 @@ const char* vxSplitPatternLine(char* line, VXPatternLine& pattern, char*& tags) 
         VX_TRACE(1, kBtMon, kWarning, "num_fields = %d is equal to 8 but less than 9", count);
         return "fewer than 9 fields, and the mode asks for a method";
     }
-    makePattern(pattern, fields);
+    pattern.url = fields[kPattern];
+    pattern.query = pattern.mode == kModeQuery || pattern.mode == kModeBoth ? fields[kQuery] : "";
+    makePattern(pattern);
     pattern.method = asksMethod ? fields[kMethod] : "";
     pattern.header = headerOf(fields, count);
     pattern.selfId = linkOf(fields, count, kSelfId);

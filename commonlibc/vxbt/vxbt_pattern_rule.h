@@ -24,8 +24,10 @@ namespace vx {
 // A pattern line taken apart.
 struct VXPatternLine {
     char name[256];
-    char pattern[256];   // what the URL machine gets
-    const char* method;  // in the line; empty where the mode asks for none
+    char pattern[256];   // what the URL machine gets, made of url and query
+    const char* url;     // in the line
+    const char* query;   // likewise; empty where the mode asks for none
+    const char* method;  // likewise
     const char* header;  // likewise; empty: none
     std::int32_t id;     // kBtIdExcluded for an exclusion
     std::int32_t matchType, mode, excludeMode;

@@ -145,7 +145,24 @@ BTObject* objectOfPatternRule(const char* url, const char* query, char* headerVa
     return nullptr;
 }
 
+// Cuts `text` before the first `mark`; what stands behind it.
+std::string_view cutAt(std::string_view& text, char mark) {
+    const std::size_t at = text.find(mark);
+    if (at == std::string_view::npos) return {};
+    const std::string_view behind = text.substr(at + 1);
+    text = text.substr(0, at);
+    return behind;
+}
+
 }  // namespace
+
+VXUrlParts vxSplitUrl(std::string_view text) {
+    VXUrlParts parts;
+    parts.method = cutAt(text, '|');
+    parts.query = cutAt(text, '?');
+    parts.path = text;
+    return parts;
+}
 
 BTObject* get_obj_from_bt_name(const char* url, const char* uRLParameters, char* headerValue,
                                apr_thread_mutex_t* lock, const char* httpMethod) {

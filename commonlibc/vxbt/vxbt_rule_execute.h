@@ -14,11 +14,18 @@
 #include <apr_thread_mutex.h>
 
 #include <cstddef>
+#include <string_view>
 
 #include "commonlibc/context/vx_application.h"
 
 namespace vx {
 
+// A URL as agents send it, "path?query|method", taken apart. Views into `text`; null data: the part is not
+// there.
+struct VXUrlParts {
+    std::string_view path, query, method;
+};
+VXUrlParts vxSplitUrl(std::string_view text);
 // The BT, or null: the flowpath is excluded. `headerValue` (may be null) is changed in place. `lock` is held
 // while a BT is found or created.
 BTObject* get_obj_from_bt_name(const char* url, const char* uRLParameters, char* headerValue,

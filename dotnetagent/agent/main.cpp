@@ -10,6 +10,7 @@
 #include "commonlibc/agent_thread.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/vx_agent.h"
+#include "commonlibc/vxbt/vxbt_rule_check.h"
 #include "dotnetagent/agent/vx_service.h"
 #include "dotnetagent/agent/vx_service_check.h"
 
@@ -19,6 +20,7 @@ constexpr int kExitDone = 0, kExitUsage = 2;
 
 constexpr const char* kHelp =
     "Usage: VXProxyService [--version | --help | --check-config]\n"
+    "       VXProxyService --check-rules FILE [--url URL] [--method M] [--query Q] [--header H]\n"
     "\n"
     "Stands on an application host between profiler agents and a central collector: takes the agents'\n"
     "records over TCP, rebuilds transactions from them and sends the results to the collector. Runs in the\n"
@@ -29,6 +31,10 @@ constexpr const char* kHelp =
     "  --help           prints this text and ends\n"
     "  --check-config   reads files and environment as a start does, prints each setting with its value and\n"
     "                   where it comes from, and every line that is not understood; changes nothing\n"
+    "  --check-rules    reads a file of rules (BTRuleFile.txt, BTRuleConfig) as the service does, tells "
+    "what\n"
+    "                   each line means or why it has no effect, and which BT a request gets; writes "
+    "nothing\n"
     "\n"
     "Environment:\n"
     "  VXHOME             the home is the folder \"proxy\" below this one (else below USERPROFILE, HOME)\n"
@@ -48,7 +54,7 @@ constexpr const char* kHelp =
     "Exit codes:\n"
     "  0   stopped as told; configuration in order\n"
     "  1   the service could not be set up, or has fallen (see the crash dump)\n"
-    "  2   unknown option; --check-config found a fault\n"
+    "  2   unknown option; --check-config or --check-rules found a fault\n"
     "\n";
 
 void tellListening(const char* host, int port) {
@@ -108,6 +114,8 @@ const Option* optionNamed(const char* name) {
 // The exit code, or -1 when the service is to run.
 int takeCommandLine(int count, char** arguments) {
     if (count < 2) return -1;
+    if (std::strcmp(arguments[1], "--check-rules") == 0)
+        return vx::vxCheckRulesCommand("VXProxyService", count - 2, arguments + 2);
     const Option* option = optionNamed(arguments[1]);
     if (option && count == 2) return option->run();
     std::fprintf(stderr, "VXProxyService: unknown option '%s' (--help tells the options)\n",

@@ -40,7 +40,7 @@ void closeContext(vxApplication* app) {
     vxDropBusyList();
     vxFreeSlotPools();
     test::closeDumping(*app);
-    test::freeBusinessTransactions(app->bt);
+    vxFreeBtStore();
     test::freeMethodTable(app->method);
     test::freeSharedTexts(*app);
     apr_pool_destroy(app->pool);

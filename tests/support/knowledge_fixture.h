@@ -42,17 +42,6 @@ std::set<T*> valuesOf(VXMap* map) {
     return values;
 }
 
-inline void freeBusinessTransactions(VXBTState_t& bt) {
-    std::set<BTObject*> objects = valuesOf<BTObject>(bt.configMap);
-    for (BTObject* object = bt.firstManaged; object; object = object->nextManaged) objects.insert(object);
-    for (BTObject* object : objects) VXLB_FREE(object, "BTObject", -1);
-    VXLB_FREE(bt.global_rule.exchange(nullptr), "VXBTGlobalRule", -1);
-    vxFreeRuleSet(bt.ruleSet.exchange(nullptr), nullptr);
-    destroy_hashmap(bt.thresholds);
-    freeTagStructures();
-    freeAggregateArray(bt.aggDataArr);
-}
-
 inline void freeMethodTable(VXMethodState_t& method) {
     freeAggregateArray(method.backendArr);
     freeAggregateArray(method.methodArr);
@@ -79,7 +68,7 @@ protected:
     }
     void TearDown() override {
         closeDumping(*app);
-        freeBusinessTransactions(app->bt);
+        vxFreeBtStore();
         freeMethodTable(app->method);
         AppFixture::TearDown();
     }

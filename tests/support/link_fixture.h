@@ -81,7 +81,7 @@ protected:
         for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         vxFreeChain(app->data.chain);
         vxFreeChain(app->autoSensor.chain);
-        freeBusinessTransactions(app->bt);
+        vxFreeBtStore();
         freeMethodTable(app->method);
         HomeFixture::TearDown();
     }

@@ -11,6 +11,7 @@ namespace {
 
 constexpr const char* kHelp =
     "Usage: vxcollector --listen PORT [options]\n"
+    "       vxcollector --check-rules FILE [--url URL] [--method M] [--query Q] [--header H]\n"
     "\n"
     "A collector for one machine: accepts the control, data and auto-sensor connections of VXProxyService,\n"
     "starts and stops instrumentation, keeps the streams and prints what they tell.\n"
@@ -27,6 +28,8 @@ constexpr const char* kHelp =
     "  --seconds N         ends after N seconds\n"
     "  --no-start          waits for the command 'start' in place of starting by itself\n"
     "  --help, --version\n"
+    "  --check-rules FILE  reads a file of rules (DIR/BTRuleConfig) as the service does, tells what each\n"
+    "                      line means or why it has no effect, and which BT a request gets\n"
     "\n"
     "Files: each file of DIR is named by its keyword (DIR/VXEntryPointsFile, DIR/BTRuleConfig,\n"
     "DIR/vxMethodMonFile, ...), each instrumentation profile is DIR/instrProfile/NAME. The start line names\n"

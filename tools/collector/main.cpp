@@ -1,7 +1,9 @@
 // vxcollector: a collector to run the proxy against, on one machine.
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
+#include "commonlibc/vxbt/vxbt_rule_check.h"
 #include "tools/collector/collector_options.h"
 #include "tools/collector/collector_server.h"
 
@@ -16,6 +18,8 @@ void requestStop(int) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--check-rules") == 0)
+        return vx::vxCheckRulesCommand("vxcollector", argc - 2, argv + 2);
     vx::collector::Options options;
     switch (vx::collector::readOptions(argc, argv, options)) {
         case vx::collector::OptionsResult::kExitOk:
