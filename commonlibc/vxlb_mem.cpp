@@ -1,13 +1,22 @@
 #include "commonlibc/vxlb_mem.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 
+#include "commonlibc/vxlb_mem_hook.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
 
 namespace {
+
+std::atomic<VXAllocationHook> allocationHook;
+
+bool allowed(std::size_t size) noexcept {
+    const VXAllocationHook hook = allocationHook.load(std::memory_order_relaxed);
+    return !hook || hook(size);
+}
 
 // The traces print sizes as 32-bit numbers.
 int shown(std::size_t size) noexcept {
@@ -21,8 +30,12 @@ void* outOfMemory(std::size_t size, const char* what, int index) {
 
 }  // namespace
 
+void vxlb_set_allocation_hook(VXAllocationHook hook) {
+    allocationHook.store(hook, std::memory_order_relaxed);
+}
+
 void* vxlb_malloc(std::size_t size, const char* what, int index) {
-    void* block = std::malloc(size);
+    void* block = allowed(size) ? std::malloc(size) : nullptr;
     if (!block) return outOfMemory(size, what, index);
     VX_TRACE(1, kMemory, kNone, "VXLB_MALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, block,
              shown(size), index);
@@ -30,7 +43,7 @@ void* vxlb_malloc(std::size_t size, const char* what, int index) {
 }
 
 void* vxlb_malloc_and_memset(std::size_t size, const char* what, int index) {
-    void* block = std::calloc(1, size);
+    void* block = allowed(size) ? std::calloc(1, size) : nullptr;
     if (!block) return outOfMemory(size, what, index);
     VX_TRACE(1, kMemory, kNone, "VXLB_MALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, block,
              shown(size), index);
@@ -45,7 +58,7 @@ void* vxlb_realloc(void* block, std::size_t size, const char* what, int index) {
                  shown(size), index);
         return nullptr;
     }
-    void* grown = std::realloc(block, size);
+    void* grown = allowed(size) ? std::realloc(block, size) : nullptr;
     if (!grown) return outOfMemory(size, what, index);
     VX_TRACE(1, kMemory, kNone, "VXLB_REALLOC'ed (%s) done. ptr = $%p$, size = %d for index %d", what, grown,
              shown(size), index);

@@ -10,6 +10,7 @@
 
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
+#include "commonlibc/vxlb_mem_hook.h"
 #include "tests/support/by_name.h"
 #include "tests/support/knowledge_fixture.h"
 #include "tests/support/temp_dir.h"
@@ -282,6 +283,41 @@ TEST_F(RuleTexts, ComeFromFilesReadWhole) {
     EXPECT_EQ(app->bt.applicableRule, kPatternRule) << "a text too long changes nothing";
     read(folder.path() + "/none");
     EXPECT_EQ(app->bt.applicableRule, kNoRule);
+}
+
+int allocationsLeft;
+bool ranOut;
+bool takeAllocation(std::size_t) {
+    if (--allocationsLeft < 0) ranOut = true;
+    return !ranOut;
+}
+
+TEST_F(RuleTexts, WithoutMemoryLeaveWhatIsInForceWhole) {
+    const std::string texts[] = {
+        "7|New|3|0|/y|0|0|-|-|Shop=eu|t%200%202&u%201%203\n7|Old|500|0|/x/y/z|0|0|-|-|B=1|v%200%204\n",
+        "1|1|n|d|x|-|-|-|g%200%20v\n2|2|r|Custom|-|1|5|[input1=contains&&input2=/x]|-\n",
+    };
+    const std::string before = "7|Old|2|0|/x|0|0|-|-|-|t%200%201";
+    for (const std::string& text : texts) {
+        rulesAre(before);
+        const auto tags = [&] { return tagsOfBt(2) + tagsOfBt(3) + tagsOfBt(500); };
+        const std::string tagsBefore = tags();
+        int budget = 0;
+        do {
+            allocationsLeft = budget++;
+            ranOut = false;
+            vxlb_set_allocation_hook(takeAllocation);
+            rulesAre(text);
+            vxlb_set_allocation_hook(nullptr);
+            if (!ranOut) break;
+            ASSERT_EQ(nameOf("/x") + nameOf("/y"), "OldOthers") << budget;
+            ASSERT_EQ(find_bt_obj_in_manager_map("Old")->btId, 2) << budget;
+            ASSERT_EQ(tags(), tagsBefore) << budget;
+            ASSERT_EQ(app->bt.ruleSet.load()->customRule.lexiconCount, 0) << budget;
+        } while (budget < 200);
+        EXPECT_GT(budget, 3);
+        EXPECT_NE(nameOf("/x"), "Old") << "with memory it is in force";
+    }
 }
 
 // The same URL under two rule sets that differ in everything: a lookup sees the one or the other, never both
