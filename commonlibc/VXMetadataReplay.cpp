@@ -23,14 +23,14 @@ struct Noted {
 
 // The id of a method in use, 0 of any other.
 std::int64_t idToTell(const mPP& method) {
-    if (method.usedFlag.load(std::memory_order_relaxed) != 1) return 0;
+    if (method.usedFlag.load(std::memory_order_relaxed) == 0) return 0;
     return method.methodId.load(std::memory_order_relaxed);
 }
 
 // What there was no room for is told with its next use.
 void tell(const Noted<mPP>& noted) {
-    if (!dumpMetataFor5Record(noted.object->methodName, static_cast<std::uint32_t>(noted.id)))
-        noted.object->usedFlag.store(0, std::memory_order_relaxed);
+    const bool told = dumpMetataFor5Record(noted.object->methodName, static_cast<std::uint32_t>(noted.id));
+    noted.object->usedFlag.store(told ? kMethodUsed : kMethodUntold, std::memory_order_relaxed);
 }
 
 // The id of a BT that the manager map holds and no rule has left behind, 0 of any other; it counts as told.

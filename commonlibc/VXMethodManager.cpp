@@ -283,10 +283,10 @@ mPP* searchAndUpdateMethodHashMap(const char* name, methodHashMapNode_t* table, 
 }
 
 void announceMethod(mPP* method) {
-    if (method->usedFlag.exchange(1, std::memory_order_relaxed)) return;
+    if (method->usedFlag.exchange(kMethodUsed, std::memory_order_relaxed) == kMethodUsed) return;
     if (!vxCurrent()->data.data_thread_running.load(std::memory_order_relaxed)) return;
     if (!dumpMetataFor5Record(method->methodName, method->methodId.load(std::memory_order_relaxed)))
-        method->usedFlag.store(0, std::memory_order_relaxed);
+        method->usedFlag.store(kMethodUntold, std::memory_order_relaxed);
 }
 
 bool dumpMetataFor5Record(const char* name, std::uint32_t methodId) {

@@ -6,9 +6,9 @@
 // there was no room for that record, with a later use; what was written before the stream stands is repeated
 // by the replay.
 //
-// Limits    A name is cut at 1,023 bytes. Named back-ends: maxIPCount, then "Others" takes the rest. Records:
-// maxMethods; beyond it none is
-//           made, traced once in a run. The fixed records are made all the same.
+// Limits    A name is cut at 1,023 bytes. Named back-ends: maxIPCount, then "Others" takes the rest.
+//           Records: maxMethods; beyond it none is made, traced once in a run. The fixed records are made
+//           all the same.
 // Errors    Null where no record can be had; a failed allocation leaves the map as it was.
 // Threads   Method table lock (VXMethodLock) around every access to the map; functions take it unless
 //           "held" is said. See VXMethodState.h. All on the current context.
@@ -60,10 +60,13 @@ mPP* updateMethodHashMap(const char* name, std::uint8_t type, VXMap* map, std::u
 // slot in the back-end monitor.
 mPP* searchAndUpdateMethodHashMap(const char* name, methodHashMapNode_t* table, int updateFlag,
                                   std::uint8_t type, std::uint8_t subtype);
-// usedFlag := 1; the change from 0 writes the 5 record while a data thread runs.
+// Values of usedFlag.
+inline constexpr std::uint32_t kMethodUsed = 1, kMethodUntold = 2;
+// usedFlag := 1; the change to it writes the 5 record while a data thread runs, and kMethodUntold stays where
+// there was no room for that.
 void announceMethod(mPP* method);
 inline void markMethodUsed(mPP* method) {
-    if (method->usedFlag.load(std::memory_order_relaxed) == 0) announceMethod(method);
+    if (method->usedFlag.load(std::memory_order_relaxed) != kMethodUsed) announceMethod(method);
 }
 // A long name is cut in front of the id. False when there was no room for the record.
 [[nodiscard]] bool dumpMetataFor5Record(const char* name, std::uint32_t methodId);

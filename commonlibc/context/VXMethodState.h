@@ -37,7 +37,7 @@ struct methodPropProperties {
     char* calloutText;                           // behind ":" of the callout field; null: none
     std::atomic<std::uint32_t> methodId;         // UINT32_MAX (-1): not assigned
     std::atomic<std::uint32_t> isEntryPointPtr;  // flag word
-    std::atomic<std::uint32_t> usedFlag;         // 1: in use and described to the collector
+    std::atomic<std::uint32_t> usedFlag;         // 1: in use and described; 2: in use, yet to be
     std::atomic<std::uint32_t> urlFlag;          // an entry item of this method carries the URL
     std::int32_t instrumentationProp, instrumentationStatus, logLevel;
     std::atomic<methodPropProperties*> customBackend;  // the second record

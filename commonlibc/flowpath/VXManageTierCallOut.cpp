@@ -34,6 +34,7 @@ struct Chain {
     int count;
 };
 
+// A field is known by its place, so an empty one counts.
 Chain takeApart(char* text) {
     char* fields[kFieldsRead + 1];  // the last one takes what follows field 8
     Chain chain{};

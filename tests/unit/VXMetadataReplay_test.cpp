@@ -77,6 +77,13 @@ TEST_F(MetadataReplay, WhatThereWasNoRoomForIsToldWithItsNextUse) {
         EXPECT_EQ(sortedRecords(), expected);
     }
     EXPECT_EQ(app->data.chain.recordsDropped, 0U) << "nothing was lost";
+
+    closeDumping(*app);
+    app->Server.testRunRunning = 1;
+    markMethodUsed(method("once"));
+    openDumping(*app);
+    collectAndSendOnlyCached5Records(0, 1);
+    EXPECT_EQ(dumpedRecords(*app).back(), "5,once,5");
 }
 
 TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
