@@ -19,7 +19,10 @@ inline constexpr int kRulesInOrder = 0, kRulesAtFault = 2;
 
 // A request to be classified; null texts are not there. The URL may have "?query".
 struct VXCheckedRequest {
-    const char *url, *method, *query, *header;
+    const char* url = nullptr;
+    const char* method = nullptr;
+    const char* query = nullptr;
+    const char* header = nullptr;
 };
 
 // Puts into `report` each line of the file with what it means or why it has no effect, warnings, and, with a
