@@ -79,13 +79,18 @@ bool beginMachines(VXRuleBuild& build, bool withHeaders) {
     return build.declare(kOthersName, kBtIdOthers, -1, -1);
 }
 
+bool canMatch(const VXPatternLine& line) {
+    const bool methodMissing = line.mode > kModeQuery && !*line.method;
+    return *line.pattern && !methodMissing && machineTakes(line.pattern) && machineTakes(line.method);
+}
+
 // Adds the patterns of a line. Null, or what of it can never match; no memory fails the build.
 const char* addPatterns(VXRuleBuild& build, const VXPatternLine& line) {
     const char* fault = nullptr;
     if (vxlb_state_machine_add(&build.set->urlMachine, line.pattern, std::strlen(line.pattern), line.method,
                                std::strlen(line.method), line.id, line.matchType, line.mode) != 0) {
-        if (*line.pattern && machineTakes(line.pattern) && machineTakes(line.method)) build.fail();
-        fault = "the pattern is empty or has a character that no request has, it never matches";
+        if (canMatch(line)) build.fail();
+        fault = "pattern or method is empty or has a character that no request has, it never matches";
     }
     if (!*line.header) return fault;
     if (!vxlb_state_machine_usable(&build.set->headerMachine))

@@ -138,6 +138,7 @@ TEST_F(RuleTexts, ABadLineIsToldAndCostsNoOther) {
         "7|A|2|0|/a|0|2|-",
         "7|A|2|0|/a|0|3|id=1",
         "7|A|2|0||0",
+        "7|A|2|0|/a|0|2|-|",
         "7|A|2|0|/\x01|0",
         "7|A|2|0|/\xC3\xA9|0",
         "7|A|2|0|/a|0|0|-|-|Shop=\xFF|-",
