@@ -9,7 +9,6 @@
 #include <set>
 #include <vector>
 
-#include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXSettingReport.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
@@ -54,8 +53,6 @@ public:
         if (!app || apr_pool_create(&app->pool, nullptr) != APR_SUCCESS) return;
         vxSetCurrent(app);
         vxMakeContextMutexes(*app);
-        VXSysInit("proxy");
-        VXBCISettingInit();
         vxMakeBtStore();
         ready = true;
     }
