@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::int64_t kAgeLimitSeconds = 300;
 constexpr std::int32_t kExceptionStatus = 503;
+constexpr std::size_t kCorrelationSize = sizeof(vxTD::correlationHeader);
 
 // One message on its way to the engine.
 struct Message {
@@ -106,24 +107,30 @@ void onMethodExit(Message& in) {
     vxMethodExit(slot, exit);
 }
 
-// What takes the place of the correlation header that functions written in go do not send.
-const char* correlationOfFunction(const Message& in) {
+// What takes the place of the correlation header that functions written in go do not send. The headers are
+// put together again: rules read them, too.
+const char* correlationOfFunction(const Message& in, char (&copy)[kCorrelationSize]) {
     const char* name = in.app.VXSys.correlationIDHeader.get();
     if (!vx_word_get(in.app.VXSys.correlationIDEnabled)) return name;
-    return in.text(2) && name ? getBtBaseOnHeader1(in.text(2), name) : nullptr;
+    char* value = in.text(2) && name ? getBtBaseOnHeader1(in.text(2), name) : nullptr;
+    if (!value) return nullptr;
+    vxlb_copy_text(copy, sizeof(copy), value);
+    value[std::strlen(value)] = '&';
+    return copy;
 }
 
 void onTransactionStart(Message& in) {
     char number[24] = {};
     vxlb_put_decimal(number, in.flowpathInstance);
     const bool goFunction = in.singleRecord && in.app.VXBCISetting.agentTypeCode.load() == kAgentGo;
+    char correlation[kCorrelationSize];
     VXStartArguments start{};
     start.fpstr = number;
     start.url = in.text(1);
     start.btHeaderValue = in.text(2);
     start.vxCookie = in.text(3);
     start.kwCookie = in.text(4);
-    start.correlationHeader = goFunction ? correlationOfFunction(in) : in.text(5);
+    start.correlationHeader = goFunction ? correlationOfFunction(in, correlation) : in.text(5);
     start.startArgument = in.i64(32);
     start.startTime = in.i64(40);
     start.threadId = in.i64(48);

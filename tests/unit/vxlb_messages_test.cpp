@@ -247,7 +247,7 @@ TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
 TEST_F(Messages, AStartOfAGoFunctionTakesItsCorrelationFromTheHeader) {
     VXTransactionStart start{};
     start.flowpathInstance = 99;
-    start.btHeaderValue = wire("h=1&corr=abc&x=2");
+    start.btHeaderValue = wire("h=1&corr=abc&x=2&");
     start.correlationHeader = wire("sent");
     const std::string frame = frameOf(transactionStartEncode, start);
     const auto correlationOf = [&](const char* key) {
@@ -259,7 +259,10 @@ TEST_F(Messages, AStartOfAGoFunctionTakesItsCorrelationFromTheHeader) {
     app->VXBCISetting.agentTypeCode = kAgentGo;
     EXPECT_EQ(correlationOf("b"), "corr");
     vx_word_set(app->VXSys.correlationIDEnabled, 1);
+    setRule("1|1|n|d|x|-|Request-Header|x|-");
     EXPECT_EQ(correlationOf("c"), "abc");
+    ASSERT_TRUE(find("c")->tlBTObj);
+    EXPECT_STREQ(find("c")->tlBTObj->btName, "UnknownUrl.2") << "headers behind it are there for the rules";
 }
 
 // From the encoder through the engine to the records that go out.
