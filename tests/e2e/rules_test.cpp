@@ -42,7 +42,7 @@ protected:
     std::string told;
 };
 
-TEST_F(RuleFiles, AnEditRenamesWhatBeginsAfterItAndLosesNothing) {
+TEST_F(RuleFiles, AnEditRenamesWhatBeginsAfterIt) {
     writeRules("7|Before|2|1|/shop|0\n7|Rest|3|1|*|0\n");
     startCollector({"--files", dir / "files"});
     startService();
