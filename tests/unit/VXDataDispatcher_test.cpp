@@ -162,6 +162,7 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
         while (!done) sendAll();
     });
     std::vector<std::thread> producers;
+    producers.reserve(kProducers);
     for (int i = 0; i < kProducers; ++i)
         producers.emplace_back([&] {
             vxSetCurrent(app);

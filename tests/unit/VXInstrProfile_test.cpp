@@ -103,10 +103,11 @@ TEST_F(InstrProfiles, AMissingOneIsAWarningAndDoesNotStopTheOthers) {
 
     peer.send(failed);  // asked for again, and had at the second attempt
     answer("web", kWebText);
+    const std::string both = kWebText + "\n" + kDbText;
     for (const int date : {1, 2}) {
         start("numInstrProfile=2;" + group("web", kWebText, date) + group("db", kDbText));
         EXPECT_EQ(asked(), "web web ");
-        EXPECT_EQ(held(), kWebText + "\n" + kDbText);
+        EXPECT_EQ(held(), both);
         EXPECT_TRUE(parsed());
         peer.send(failed + failed);  // what is held of it serves
     }

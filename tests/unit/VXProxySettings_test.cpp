@@ -77,16 +77,17 @@ TEST_F(ProxySettingsFile, TheCollectorHostGoesIntoTheFirstRecordAndAnInvalidOneN
 }
 
 TEST_F(ProxySettingsFile, CeilingsKeepToTheirBounds) {
+    const auto line = [](const VXProxyRow& row, const std::string& value) {
+        return row.key + ("=" + value + "\n");
+    };
     for (const VXProxyRow& row : vxProxyRows()) {
         if (!row.ceiling) continue;
-        const std::int64_t fallback = VXCeilings{}.*row.ceiling;
-        const std::string key = std::string(row.key) + "=";
-        const std::string bad = key + std::to_string(row.min - 1) + "\n" + key + std::to_string(row.max + 1) +
-                                "\n" + key + "1k\n";
+        const std::string bad =
+            line(row, std::to_string(row.min - 1)) + line(row, std::to_string(row.max + 1)) + line(row, "1k");
         VXProxy.ceilings = {};
         after(bad);
-        EXPECT_EQ(VXProxy.ceilings.*row.ceiling, fallback) << row.key;
-        after(key + std::to_string(row.max) + "\n" + bad);
+        EXPECT_EQ(VXProxy.ceilings.*row.ceiling, VXCeilings{}.*row.ceiling) << row.key;
+        after(line(row, std::to_string(row.max)).append(bad));
         EXPECT_EQ(VXProxy.ceilings.*row.ceiling, row.max) << row.key;
     }
     VXProxy.ceilings = {};
