@@ -1,9 +1,8 @@
 // What the collector asks of agents, and its hand-over of instances, by the real programs.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <memory>
 #include <string>
+#include <utility>
 
 #include "tests/support/e2e_fixture.h"
 #include "tests/support/raw_agent.h"
@@ -13,23 +12,6 @@ namespace {
 
 class Diagnostics : public EndToEnd {
 protected:
-    // Another collector beside the first, with a folder of its own.
-    std::unique_ptr<Program> secondCollector(int port) const {
-        Program::Setup setup;
-        setup.arguments = {
-            programPath("vxcollector"), "--listen", std::to_string(port), "--host", "127.0.0.1", "--out",
-            dir.path() + "/second"};
-        setup.outputFile = dir.path() + "/second.log";
-        return std::make_unique<Program>(setup);
-    }
-    std::string secondStreams() const {
-        std::string all;
-        std::error_code missing;
-        for (const auto& entry :
-             std::filesystem::recursive_directory_iterator(dir.path() + "/second", missing))
-            if (entry.is_regular_file()) all += fileText(entry.path().string());
-        return all;
-    }
     // Sends the order and waits until the agent has it.
     void order(const std::string& command, RawAgent& agent, const std::string& line) {
         collector->say(command);
@@ -40,7 +22,7 @@ protected:
     }
 };
 
-TEST_F(Diagnostics, ThreadDumpsClassListsAndFilesFindTheirWay) {
+TEST_F(Diagnostics, ThreadDumpsAndClassListsFindTheirWay) {
     startCollector();
     startService();
     RawAgent agent(proxyPort, "shop", 4711);
@@ -58,38 +40,25 @@ TEST_F(Diagnostics, ThreadDumpsClassListsAndFilesFindTheirWay) {
     EXPECT_TRUE(arrives("discovery", "agent_post_data_req:action=discover_loaded_classes;Id="))
         << traceText();
     EXPECT_TRUE(arrives("discovery", "class one\nclass two\nclasses=2;totalTimeTaken=3;\n")) << traceText();
-
-    dir.write("proxy/.cache/raw/BTRuleConfig", "a rule\n");
-    agent.control().send("vx_control_req:action=send_file;keyword=BTRuleConfig;\n");
-    EXPECT_TRUE(agent.control()
-                    .readLinesUpTo("vx_control_rep:")
-                    .back()
-                    .starts_with("vx_control_rep:action=file;keyword=BTRuleConfig%3Bsize%3D7%3Blmd%3D"));
-    EXPECT_EQ(agent.control().readLine(), "a rule");
-    agent.control().send("vx_control_req:action=send_file;keyword=../../config/vxsettings.conf;\n");
-    EXPECT_TRUE(
-        agent.control().readLinesUpTo("vx_control_rep:").back().starts_with("vx_control_rep:action=Failed"));
 }
 
 TEST_F(Diagnostics, ARerouteTakesTheInstanceAndItsAgentsToAnotherCollector) {
     startCollector();
     startService();
-    const int port = freePort();
-    const auto second = secondCollector(port);
-    ASSERT_TRUE(second->outputHolds("listening on")) << second->output();
     RawAgent agent(proxyPort, "shop", 4711);
     ASSERT_TRUE(agent.start()) << traceText();
-
-    collector->say("reroute 127.0.0.1 " + std::to_string(port));
-    EXPECT_NE(agent.control().readLinesUpTo("vx_control_req:action=start_instrumentation", 20).back(),
-              kNoLine)
+    const auto first = std::move(collector);
+    collectorPort = freePort();
+    streamsDir = dir / "second";
+    startCollector();
+    first->say("reroute 127.0.0.1 " + std::to_string(collectorPort));
+    EXPECT_NE(agent.control().readLinesUpTo("vx_control_req:action=start_instrumentation").back(), kNoLine)
         << traceText();
-    EXPECT_TRUE(eventually([&] {
-        const std::string text = secondStreams();
-        return text.find("requestType=2") != std::string::npos && text.find("\n99,") != std::string::npos;
-    })) << secondStreams()
-        << traceText();
-    EXPECT_NE(fileText(dir.path() + "/proxy/config/vxsettings.conf").find("vxcPort=" + std::to_string(port)),
+    EXPECT_TRUE(collector->outputHolds("data connection of Tier/host7/shop/raw")) << traceText();
+    EXPECT_TRUE(arrives("control", "requestType=2"));
+    EXPECT_TRUE(arrives("data", "\n99,"));
+    EXPECT_NE(fileText(dir.path() + "/proxy/config/vxsettings.conf")
+                  .find("vxcPort=" + std::to_string(collectorPort)),
               std::string::npos);
     EXPECT_TRUE(service->running());
 }

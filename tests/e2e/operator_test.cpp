@@ -17,15 +17,15 @@ namespace {
 
 class Operator : public EndToEnd {
 protected:
-    std::string logs() const { return dir.path() + "/proxy/logs"; }
     std::set<std::string> filesOf(const std::string& beginning) const {
         std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(logs())) {
+        for (const auto& entry : std::filesystem::directory_iterator(logs)) {
             const std::string name = entry.path().filename().string();
             if (name.starts_with(beginning)) names.insert(name);
         }
         return names;
     }
+    const std::string logs = dir / "proxy/logs";
     // The newest thread of the service: one that was started for an instance.
     pid_t newestThread() const {
         pid_t newest = 0;
@@ -42,13 +42,13 @@ protected:
             if (!found.empty()) return "";
             found = name;
         }
-        return found.empty() ? "" : fileText(logs() + "/" + found);
+        return found.empty() ? "" : fileText(logs + "/" + found);
     }
 };
 
 TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
-    std::filesystem::create_directories(logs());
-    for (int i = 0; i < 30; ++i) std::ofstream(logs() + "/example_" + std::to_string(i) + ".txt") << "old";
+    std::filesystem::create_directories(logs);
+    for (int i = 0; i < 30; ++i) std::ofstream(logs + "/example_" + std::to_string(i) + ".txt") << "old";
     startCollector();
     startService();
     auto before = filesOf("example_");
@@ -61,11 +61,11 @@ TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
               std::string::npos)
         << dump;
     EXPECT_NE(dump.find("] main - 0x"), std::string::npos) << dump;
-    EXPECT_TRUE(service->outputHolds("signal 11, stack trace in " + logs() + "/example_"));
+    EXPECT_TRUE(service->outputHolds("signal 11, stack trace in " + logs + "/example_"));
 
     startService();
-    auto agent = startLoad({"--rate", "50", "--duration", "60"});
-    ASSERT_TRUE(eventually([&] { return summaryOfStreams().transactions > 5; })) << traceText();
+    const auto agent = startLoad({"--rate", "50", "--duration", "1000"});
+    ASSERT_TRUE(arrive(5)) << traceText();
     before = filesOf("example_");
     ASSERT_EQ(::syscall(SYS_tgkill, service->pid(), newestThread(), SIGBUS), 0);
     EXPECT_EQ(service->wait(), 1);
@@ -75,9 +75,9 @@ TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
 }
 
 TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
-    std::filesystem::create_directories(logs());
-    std::ofstream(logs() + "/vx_trace_ProxyName_DotNetAgent_20200101000000_9.log_0") << "old";
-    std::ofstream(logs() + "/readme.txt") << "kept";
+    std::filesystem::create_directories(logs);
+    std::ofstream(logs + "/vx_trace_ProxyName_DotNetAgent_20200101000000_9.log_0") << "old";
+    std::ofstream(logs + "/readme.txt") << "kept";
     startService("tier=Web\nagentTraceLvl=2\n");
     EXPECT_TRUE(eventually([&] {
         return traceText().find("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'") !=
@@ -95,8 +95,6 @@ TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
     Program bad(setup);
     EXPECT_EQ(bad.wait(), 2) << bad.output();
     EXPECT_TRUE(bad.outputHolds("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'"));
-    EXPECT_TRUE(bad.outputHolds("Web  [line 6]")) << bad.output();
-
     std::ofstream(dir.path() + "/proxy/config/vxsettings.conf")
         << "vxcHost=127.0.0.1\nVXC_COMM_PROTOCOL=TCP:7892\n";
     Program good(setup);

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <utility>
 
 #include "tools/collector/collector_records.h"
 
@@ -32,7 +33,7 @@ void EndToEnd::startCollector(std::vector<std::string> more) {
                        "--host",
                        "127.0.0.1",
                        "--out",
-                       streamsDir(),
+                       streamsDir,
                        "--retry-policy",
                        "3%1%10%60",
                        "--heartbeat",
@@ -60,24 +61,38 @@ void EndToEnd::startService(const std::string& moreSettings) {
     ASSERT_TRUE(service->outputHolds("listening")) << service->output();
 }
 
-std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments, const std::string& name) {
+std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments) {
     Program::Setup setup;
     setup.arguments = {programPath("vxagent"), "load", "--proxy",
                        "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort)};
     setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
-    setup.outputFile = dir.path() + "/" + name + ".log";
+    setup.outputFile = dir.path() + "/load" + std::to_string(++loads) + ".log";
     return std::make_unique<Program>(setup);
+}
+
+std::string EndToEnd::deliver(int transactions, std::vector<std::string> arguments) {
+    // A number and not a time: how much is sent is not the machine's choice.
+    arguments.insert(arguments.end(), {"--transactions", std::to_string(transactions), "--duration", "100"});
+    const auto load = startLoad(std::move(arguments));
+    EXPECT_EQ(load->wait(100), 0) << load->output();
+    delivered += reported(load->output(), "total", "transactions");
+    EXPECT_TRUE(arrive(delivered)) << delivered << " sent, " << arrived() << " arrived\n" << traceText();
+    return load->output();
+}
+
+bool EndToEnd::arrive(std::uint64_t count, double seconds) const {
+    return eventually([&] { return arrived() >= count; }, seconds);
 }
 
 std::string EndToEnd::streams(const std::string& kind) const {
     std::string out;
-    for (const std::string& path : filesOf(streamsDir(), kind + "_")) out += fileText(path);
+    for (const std::string& path : filesOf(streamsDir, kind + "_")) out += fileText(path);
     return out;
 }
 
 collector::Summary EndToEnd::summaryOfStreams() const {
     collector::Summary summary;
-    for (const std::string& path : filesOf(streamsDir(), "data_")) {
+    for (const std::string& path : filesOf(streamsDir, "data_")) {
         collector::InstanceNames names;
         const std::string text = fileText(path);
         std::string_view rest = text;
@@ -97,12 +112,12 @@ std::string EndToEnd::traceText() const {
     return out;
 }
 
-long long reported(const std::string& output, const std::string& line, const std::string& key) {
-    long long sum = 0;
+std::uint64_t reported(const std::string& output, const std::string& line, const std::string& key) {
+    std::uint64_t sum = 0;
     for (std::size_t at = output.find(line); at != std::string::npos; at = output.find(line, at + 1)) {
         const std::size_t end = output.find('\n', at);
         const std::size_t found = output.find(" " + key + "=", at);
-        if (found < end) sum += std::stoll(output.substr(found + key.size() + 2));
+        if (found < end) sum += std::stoull(output.substr(found + key.size() + 2));
     }
     return sum;
 }

@@ -15,14 +15,20 @@ namespace vx::test {
 
 class EndToEnd : public testing::Test {
 protected:
-    // Starts a collector (its streams go to streamsDir()); more arguments as on the command line.
+    // Starts a collector (its streams go to streamsDir); more arguments as on the command line.
     void startCollector(std::vector<std::string> more = {});
     // Writes both settings files and starts the service; waits until it listens.
     void startService(const std::string& moreSettings = "");
     // `vxagent load` with the arguments given, towards the service.
-    std::unique_ptr<Program> startLoad(std::vector<std::string> arguments, const std::string& name = "load");
+    std::unique_ptr<Program> startLoad(std::vector<std::string> arguments);
 
-    std::string streamsDir() const { return dir.path() + "/streams"; }
+    // Runs a load of that many transactions a process to its end, and waits until all have arrived; its
+    // output.
+    std::string deliver(int transactions, std::vector<std::string> arguments = {});
+    // Transactions in the collector's streams, and whether as many come in time.
+    std::uint64_t arrived() const { return summaryOfStreams().transactions; }
+    bool arrive(std::uint64_t count, double seconds = 20) const;
+
     // Text of all streams of one kind ("data", "control").
     std::string streams(const std::string& kind) const;
     // What the data streams add up to.
@@ -30,16 +36,18 @@ protected:
     std::string traceText() const;  // of all trace files of the service
 
     TempDir dir;
+    std::string streamsDir = dir / "streams";
     int collectorPort = freePort();
     int proxyPort = freePort();
     // Ports of relays in between: what the service is told of the collector, what agents are told of it; 0:
     // none.
     int collectorRelayPort = 0, proxyRelayPort = 0;
-    int collectors = 0;  // started so far
+    int collectors = 0, loads = 0;  // started so far
+    std::uint64_t delivered = 0;    // by deliver()
     std::unique_ptr<Program> collector, service;
 };
 
 // Value of `key` in the lines of key=value pairs that begin with `line`, summed.
-long long reported(const std::string& output, const std::string& line, const std::string& key);
+std::uint64_t reported(const std::string& output, const std::string& line, const std::string& key);
 
 }  // namespace vx::test

@@ -25,7 +25,7 @@
 
 namespace vx::test {
 
-inline constexpr double kPeerSeconds = 5;
+inline constexpr double kPeerSeconds = 20;
 inline const std::string kNoLine = "(none)";
 
 // True when the descriptor can be read (or is at its end) before the deadline.

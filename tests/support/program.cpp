@@ -24,12 +24,6 @@ int exitCode(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int occurrences(const std::string& text, const std::string& wanted) {
-    int count = 0;
-    for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) ++count;
-    return count;
-}
-
 }  // namespace
 
 Program::Program(const Setup& setup) : outputFile_(setup.outputFile) {
@@ -41,6 +35,7 @@ Program::Program(const Setup& setup) : outputFile_(setup.outputFile) {
     arguments.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
+        ::setpgid(0, 0);
         for (const std::string& entry : setup.environment) ::putenv(const_cast<char*>(entry.c_str()));
         const int out = ::open(outputFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         ::dup2(pipeEnds[0], STDIN_FILENO);
@@ -49,20 +44,21 @@ Program::Program(const Setup& setup) : outputFile_(setup.outputFile) {
         ::execv(arguments[0], arguments.data());
         ::_exit(127);
     }
+    ::setpgid(pid_, pid_);  // whoever is first: from here on signals reach its own processes too
     ::close(pipeEnds[0]);
     stdin_ = pipeEnds[1];
 }
 
 Program::~Program() {
     if (running()) {
-        ::kill(pid_, SIGKILL);
+        signal(SIGKILL);
         ::waitpid(pid_, &status_, 0);
     }
     if (stdin_ >= 0) ::close(stdin_);
 }
 
 void Program::signal(int number) const {
-    if (pid_ > 0) ::kill(pid_, number);
+    if (pid_ > 0) ::kill(-pid_, number);
 }
 
 void Program::say(const std::string& line) const {
@@ -87,6 +83,12 @@ std::string Program::output() const {
 
 bool Program::outputHolds(const std::string& text, int count, double seconds) const {
     return eventually([&] { return occurrences(output(), text) >= count; }, seconds);
+}
+
+int occurrences(const std::string& text, const std::string& wanted) {
+    int count = 0;
+    for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) ++count;
+    return count;
 }
 
 std::string programPath(const std::string& name) {

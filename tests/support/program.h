@@ -1,6 +1,7 @@
 // One of the built programs, running: for end-to-end tests.
 //
 // Its output (both streams) goes to a file that the test can wait on; the destructor kills what still runs.
+// It leads a process group: signals reach the processes that it has made as well.
 // Waits poll every 10 ms and fail the test when they meet their limit.
 #pragma once
 
@@ -49,6 +50,7 @@ int freePort();
 template <class Condition>
 bool eventually(Condition condition, double seconds = 20);
 void pause10ms();
+int occurrences(const std::string& text, const std::string& wanted);
 
 template <class Condition>
 bool eventually(Condition condition, double seconds) {
