@@ -55,7 +55,7 @@ void noiseOnFreshConnections(const Scene& scene) {
     }
 }
 
-// The application is one of its own: processes of one application share what a read leaves over.
+// The application is one of its own: what it reports adds up to nothing.
 void noiseBehindARegistration(const Scene& scene) {
     for (unsigned i = 0; i < 40; ++i) {
         RawAgent agent(scene.port, "noise", 5000 + i % 7);

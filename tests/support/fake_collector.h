@@ -82,7 +82,15 @@ public:
         while (readMore(deadline)) continue;
         return std::exchange(pending_, {});
     }
-    // True when the other side has closed.
+    // The next `count` bytes, or what came within the time.
+    std::string readBytes(std::size_t count, double seconds = kPeerSeconds) {
+        const auto deadline = deadlineIn(seconds);
+        while (pending_.size() < count && readMore(deadline)) continue;
+        std::string bytes = pending_.substr(0, count);
+        pending_.erase(0, count);
+        return bytes;
+    }
+    // True when the other side has closed; what it sent before can still be read.
     bool ended(double seconds = kPeerSeconds) {
         const auto deadline = deadlineIn(seconds);
         while (readMore(deadline)) continue;
@@ -120,16 +128,9 @@ class FakeCollector {
 public:
     // `receiveBuffer` above 0 keeps the system's buffer of accepted connections small.
     explicit FakeCollector(int receiveBuffer = 0) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         if (receiveBuffer > 0)
             ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-        socklen_t length = sizeof(address);
-        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        ::listen(fd_, 16);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
+        listen();
     }
     ~FakeCollector() { stopListening(); }
     FakeCollector(const FakeCollector&) = delete;
@@ -144,8 +145,27 @@ public:
     void stopListening() {
         if (fd_ >= 0) ::close(std::exchange(fd_, -1));
     }
+    // Takes connects again, at the same port.
+    void listenAgain() {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        listen();
+    }
 
 private:
+    void listen() {
+        const int on = 1;
+        ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port_));
+        socklen_t length = sizeof(address);
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        ::listen(fd_, 16);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+
     int fd_;
     int port_ = 0;
 };

@@ -19,8 +19,7 @@
 namespace vx::test {
 
 // A connection to a port of loopback; false as a condition when it was refused.
-inline FakePeer connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+inline FakePeer connectTo(int port, int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -14,15 +14,6 @@ namespace {
 
 constexpr std::int64_t kUnset = 0x7FFFFFFF;
 
-TEST(Growth, AddsTwiceTheOldSizeAndOneFromZero) {
-    struct Row {
-        std::int64_t size, index, grown;
-    };
-    for (const Row& row : {Row{128, 127, 128}, Row{128, 128, 257}, Row{128, 257, 514}, Row{128, 300, 514},
-                           Row{0, 5, 6}, Row{128, -1, 128}, Row{128, 4294967295, 4294967552}})
-        EXPECT_EQ(vxGrownSize(row.size, row.index), row.grown) << row.size << " for " << row.index;
-}
-
 class BtMonitor : public KnowledgeFixture {
 protected:
     void SetUp() override {
@@ -40,17 +31,16 @@ protected:
         slot->fpCPUTime = cpu;
         return updateCounterAndDurationForBT(slot.get());
     }
+    using Figures = std::vector<std::int64_t>;
     static void expectFigure(const VXFigure& figure, std::int64_t count, std::int64_t total, std::int64_t min,
                              std::int64_t max) {
-        EXPECT_EQ(figure.count, count);
-        EXPECT_EQ(figure.total, total);
-        EXPECT_EQ(figure.min, min);
-        EXPECT_EQ(figure.max, max);
+        EXPECT_EQ(Figures({figure.count, figure.total, figure.min, figure.max}),
+                  Figures({count, total, min, max}));
     }
     std::unique_ptr<vxTD> slot = std::make_unique<vxTD>();
 };
 
-TEST_F(BtMonitor, TheStatusAndThenTheThresholdsMakeTheCategory) {
+TEST_F(BtMonitor, StatusAndThresholdsMakeTheCategoryAndANormalOneCapturedForSlownessIsGivenUp) {
     struct Row {
         std::int64_t duration;
         std::int32_t status, category;
@@ -61,22 +51,13 @@ TEST_F(BtMonitor, TheStatusAndThenTheThresholdsMakeTheCategory) {
           Row{1, 600, kCategoryNormal}, Row{1, -99, kCategoryNormal}})
         EXPECT_EQ(findCategoryOfBT(*slot->tlBTObj, row.duration, row.status, nullptr), row.category)
             << row.duration << " and " << row.status;
-}
-
-TEST_F(BtMonitor, ANormalFlowpathCapturedForSlownessOnlyIsGivenUp) {
-    struct Row {
-        std::int32_t pct, all;
-        std::int64_t duration;
-        std::uint8_t left;
-    };
-    for (const Row& row :
-         {Row{0, 1, 1, 0}, Row{0, 0, 1, 1}, Row{1, 1, 1, 1}, Row{0, 2, 1, 1}, Row{0, 1, 100, 1}}) {
-        app->VXSys.bciInstrSessionPct = row.pct;
-        app->VXSys.captureMethodForAllFP = static_cast<std::int16_t>(row.all);
-        std::uint8_t captured = 1;
-        findCategoryOfBT(*slot->tlBTObj, row.duration, 200, &captured);
-        EXPECT_EQ(captured, row.left) << row.pct << ' ' << row.all << ' ' << row.duration;
-    }
+    app->VXSys.bciInstrSessionPct = 0;
+    app->VXSys.captureMethodForAllFP = 1;
+    std::uint8_t captured = 1;
+    findCategoryOfBT(*slot->tlBTObj, 100, 200, &captured);
+    EXPECT_EQ(captured, 1);
+    findCategoryOfBT(*slot->tlBTObj, 1, 200, &captured);
+    EXPECT_EQ(captured, 0);
 }
 
 TEST_F(BtMonitor, EachFlowpathCountsInGeneralAndInItsCategory) {
@@ -92,22 +73,34 @@ TEST_F(BtMonitor, EachFlowpathCountsInGeneralAndInItsCategory) {
     expectFigure(counters.slow, 1, 150, 150, 150);
     expectFigure(counters.verySlow, 1, 900, 900, 900);
     expectFigure(counters.error, 1, 1, 1, 1);
-    expectFigure(counters.groupA, 5, 0, 0, 0);
-    expectFigure(counters.groupC, 5, 0, kUnset, 0);
     EXPECT_TRUE(ofBt().isDirty);
-    EXPECT_EQ(counters.tagSeq, 0) << "the first BT counted in this run";
+    ofBt().digestUpdated = 1;
+    ResetMonitorData();
+    EXPECT_EQ(counters.duration.count, 5) << "the last report is still to come";
+    EXPECT_FALSE(ofBt().digestUpdated);
+    VXBTMonitorInit();
+    expectFigure(counters.duration, 0, 0, kUnset, 0);
+    EXPECT_TRUE(ofBt().btObj == slot->tlBTObj && ofBt().isDirty);
 }
 
-TEST_F(BtMonitor, ACategoryOfItsOwnCountsInGeneralOnlyAndAnUnknownOneNowhere) {
-    VXBTCounters counters{};
-    initVXBTMonitorDataCounters(counters);
-    updateBTDataCounters(counters, {15, 8, 2, {4, 5, 6}});
-    updateBTDataCounters(counters, {14, 100, 100, {100, 100, 100}});
-    expectFigure(counters.duration, 1, 8, 8, 8);
-    expectFigure(counters.groupA, 1, 4, 4, 4);
-    expectFigure(counters.groupB, 1, 5, 5, 5);
-    expectFigure(counters.groupC, 1, 6, 6, 6);
-    expectFigure(counters.normal, 0, 0, kUnset, 0);
+TEST_F(BtMonitor, GroupsCountForThemselvesHugeSumsWrapAndAMergedBlockIsFreshAgain) {
+    VXBTCounters target{}, source{};
+    initVXBTMonitorDataCounters(target);
+    initVXBTMonitorDataCounters(source);
+    updateBTDataCounters(source, {14, 100, 100, {100, 100, 100}});  // no category
+    updateBTDataCounters(source, {15, 8, 2, {4, 5, 6}});            // one that counts in general only
+    expectFigure(source.duration, 1, 8, 8, 8);
+    expectFigure(source.groupA, 1, 4, 4, 4);
+    expectFigure(source.groupB, 1, 5, 5, 5);
+    expectFigure(source.groupC, 1, 6, 6, 6);
+    expectFigure(source.normal, 0, 0, kUnset, 0);
+    for (int i = 0; i < 2; ++i) {
+        updateBTDataCounters(source, {kCategorySlow, INT64_MAX, INT64_MIN, {0, 0, 0}});
+        updateBTDataCountersForAggregate(target, source);
+    }
+    expectFigure(target.slow, 2, -2, kUnset, INT64_MAX);
+    expectFigure(target.cpu, 3, 2, INT64_MIN, 2);
+    expectFigure(source.duration, 0, 0, kUnset, 0);
 }
 
 TEST_F(BtMonitor, WhatIsExcludedHasNoBtOrMeetsAMonitorOffIsNotCounted) {
@@ -115,10 +108,10 @@ TEST_F(BtMonitor, WhatIsExcludedHasNoBtOrMeetsAMonitorOffIsNotCounted) {
     parseBTMonitorKeyword("0");
     EXPECT_FALSE(count(kCategoryNormal, 1));
     parseBTMonitorKeyword("1");
-    slot->tlBTObj->btId = -1;
-    EXPECT_FALSE(count(kCategoryNormal, 1));
-    slot->tlBTObj->btId = 100000;
-    EXPECT_FALSE(count(kCategoryNormal, 1)) << "there is no slot";
+    for (const std::int32_t id : {-1, 100000}) {
+        slot->tlBTObj->btId = id;
+        EXPECT_FALSE(count(kCategoryNormal, 1));
+    }
     slot->tlBTObj = nullptr;
     EXPECT_FALSE(count(kCategoryNormal, 1));
     EXPECT_FALSE(updateCounterAndDurationForBT(nullptr));
@@ -142,31 +135,10 @@ TEST_F(BtMonitor, SlotsStayInPlaceWhileOtherThreadsGrowTheArray) {
     EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 1403)->btObj.load()->btId, 1403);
 }
 
-TEST_F(BtMonitor, HugeSumsWrapAndAMergedBlockIsFreshAgain) {
-    VXBTCounters target{}, source{};
-    initVXBTMonitorDataCounters(target);
-    initVXBTMonitorDataCounters(source);
-    for (int i = 0; i < 2; ++i) {
-        updateBTDataCounters(source, {kCategorySlow, INT64_MAX, INT64_MIN, {0, 0, 0}});
-        updateBTDataCountersForAggregate(target, source);
-    }
-    expectFigure(target.slow, 2, -2, kUnset, INT64_MAX);
-    expectFigure(target.cpu, 2, 0, INT64_MIN, 0);
-    expectFigure(source.duration, 0, 0, kUnset, 0);
-}
-
-TEST_F(BtMonitor, TheEndOfARunKeepsTheCountsAndTheNextOneStartsFromZero) {
-    count(kCategoryNormal, 10);
-    ofBt().digestUpdated = 1;
-    ResetMonitorData();
-    EXPECT_EQ(ofBt().counters.duration.count, 1) << "the last report is still to come";
-    EXPECT_FALSE(ofBt().digestUpdated);
-    VXBTMonitorInit();
-    expectFigure(ofBt().counters.duration, 0, 0, kUnset, 0);
-    EXPECT_TRUE(ofBt().btObj == slot->tlBTObj && ofBt().isDirty);
-}
-
 TEST_F(BtMonitor, TheSizeOnlyRisesAndStaysWithinTheCapacity) {
+    EXPECT_EQ(vxGrownSize(128, 300), 514) << "by twice the old size and one from zero";
+    EXPECT_EQ(vxGrownSize(0, 5), 6);
+    EXPECT_EQ(vxGrownSize(128, 4294967295), 4294967552);
     BTObject object{};
     object.btId = kAggCapacity;
     checkAndIncrementAggrBTDataArray(&object);
@@ -176,17 +148,6 @@ TEST_F(BtMonitor, TheSizeOnlyRisesAndStaysWithinTheCapacity) {
     EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 999), nullptr) << "no id has asked for it";
     parseBTAggDataArraySize("99999999999");
     EXPECT_EQ(app->bt.aggDataArr.size, 65536);
-}
-
-TEST_F(BtMonitor, ThePrefixNamesTheInstanceByItsEncodedNames) {
-    setSharedText(app->retired, app->VXBCISetting.encodedTierName, "my&#95;tier");
-    setSharedText(app->retired, app->VXBCISetting.encodedServerName, "srv");
-    setSharedText(app->retired, app->VXBCISetting.encodedAppName, "app");
-    app->VXBCISetting.tierID = 3;
-    app->VXBCISetting.appID = 44;
-    createVectorPrefix();
-    EXPECT_STREQ(app->bt.vectorPrefix, "my&#95;tier_srv_app_");
-    EXPECT_STREQ(app->bt.vectorPrefixID, "3|44|");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include "commonlibc/vxlb_utiles.h"
 #include "tests/support/flowpath_fixture.h"
-#include "tests/support/trace_file.h"
 
 namespace vx::test {
 namespace {
@@ -73,14 +72,6 @@ TEST_F(CalloutItem, HasAFormForEachKindOfBackEndAndResult) {
         EXPECT_EQ(append(row.type, row.subtype, row.status, row.calloutSeq, true), whole(row.thrown));
         EXPECT_EQ(slot->calloutSeq, 0);
     }
-}
-
-TEST_F(CalloutItem, AnExceptionInACallOfNoKnownKindIsTraced) {
-    TraceFile trace(*app);
-    backend.methodName = vxlb_strdup("Queue.send");
-    EXPECT_EQ(append(kTypeMq, 13, 200, 0, true), "");
-    EXPECT_TRUE(trace.says("During Exception Callout, No CallOut Detected for method: [Queue.send]"));
-    VXLB_FREE(backend.methodName, "text copy", -1);
 }
 
 TEST_F(CalloutItem, AnyWallTimeAndAnyLengthStayInBounds) {

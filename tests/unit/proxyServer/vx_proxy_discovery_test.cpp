@@ -71,12 +71,13 @@ TEST_F(Discovery, TheListGoesOnToTheCollectorUpToItsLastPiece) {
         EXPECT_EQ(peer.readLine(), "classes=2;totalTimeTaken=5;");
         EXPECT_TRUE(peer.ended());
         EXPECT_FALSE(isOpen());
-        say(list, "a log line");
         EXPECT_FALSE(list.refused());
     }
 }
 
-TEST_F(Discovery, EndsWithTheAgentsLastDiscoveryConnection) {
+TEST_F(Discovery, IsReplacedWhenTheCollectorClosedItAndEndsWithTheAgentsLastConnection) {
+    Agent first = discovery();
+    collector.accept().close();
     Agent list = discovery();
     FakePeer peer = collector.accept();
     list.peer.close();
@@ -91,23 +92,7 @@ TEST_F(Discovery, EndsWithTheAgentsLastDiscoveryConnection) {
     EXPECT_TRUE(peer.ended());
 }
 
-TEST_F(Discovery, AConnectionThatTheCollectorClosedIsReplaced) {
-    Agent first = discovery();
-    collector.accept().close();
-    Agent second = discovery();
-    FakePeer peer = collector.accept();
-    EXPECT_EQ(peer.readLine(), kOpening);
-}
-
-TEST_F(Discovery, WithoutAControlConnectionNobodyIsAsked) {
-    vxlb_shared_close(instance().control.controlSocket);
-    Agent list = discovery();
-    EXPECT_FALSE(isOpen());
-    EXPECT_FALSE(list.refused());
-    EXPECT_FALSE(collector.accept(0));
-}
-
-TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinute) {
+TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinuteNorWithoutAControlConnection) {
     FakeClock clock;
     setPrimaryVXC("127.0.0.1", 1);  // nobody listens there
     discovery();
@@ -115,8 +100,12 @@ TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinute) {
     discovery();
     EXPECT_FALSE(isOpen());
     clock.advanceMs(30000);
-    discovery();
+    const Agent last = discovery();
     EXPECT_TRUE(isOpen());
+    vxlb_shared_close(instance().discovery.socket);
+    vxlb_shared_close(instance().control.controlSocket);
+    EXPECT_FALSE(discovery().refused());
+    EXPECT_FALSE(isOpen());
 }
 
 TEST_F(Discovery, ACollectorThatNeverReadsCostsTwoSecondsAndTheListIsGivenUp) {

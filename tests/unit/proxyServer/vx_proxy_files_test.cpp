@@ -6,12 +6,10 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
-#include <thread>
 
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_utiles.h"
-#include "tests/support/by_name.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -39,11 +37,6 @@ protected:
         from.peer.send("vx_control_req:action=" + line + "\n");
         readMessageFromSocket(from.socket, VXProxy.controlBuf, &from.address);
     }
-    std::string answerTo(const std::string& line) {
-        ask(agent, line);
-        ::shutdown(vxlb_socket_fd(agent.socket), SHUT_WR);
-        return agent.peer.readToEnd();
-    }
 
     Agent agent;
 };
@@ -53,80 +46,39 @@ TEST_F(FileService, SendsTheBytesOfAFileBehindItsSize) {
     cached("BTRuleFile", content);
     cached("empty", "");
     cached("prof.txt", "p\n");
-    struct {
-        const char* asked;
-        std::string answer;
-    } const cases[] = {
-        {"send_file;keyword=BTRuleFile;size=1;",
-         "file;keyword=BTRuleFile%3Bsize%3D18%3Blmd%3D" + dateOf("BTRuleFile") + ";\n" + content},
-        {"send_file;keyword=empty", "file;keyword=empty%3Bsize%3D0%3Blmd%3D" + dateOf("empty") + ";\n"},
-        {"send_instrumentation_profile;instrProfile=C:\\a\\prof.txt",
-         "instrumentation_profile;instrProfile=prof.txt;size=2;lmd=" + dateOf("prof.txt") + ";\np\n"},
+    const auto expect = [this](const std::string& asked, const std::string& answer) {
+        ask(agent, asked);
+        EXPECT_EQ(agent.peer.readBytes(22 + answer.size()), "vx_control_rep:action=" + answer);
     };
-    int pid = 200;
-    for (const auto& each : cases) {
-        agent = process(++pid);
-        EXPECT_EQ(answerTo(each.asked), "vx_control_rep:action=" + each.answer);
-    }
+    expect("send_file;keyword=BTRuleFile;size=1;",
+           "file;keyword=BTRuleFile%3Bsize%3D18%3Blmd%3D" + dateOf("BTRuleFile") + ";\n" + content);
+    expect("send_file;keyword=empty", "file;keyword=empty%3Bsize%3D0%3Blmd%3D" + dateOf("empty") + ";\n");
+    expect("send_instrumentation_profile;instrProfile=C:\\a\\prof.txt",
+           "instrumentation_profile;instrProfile=prof.txt;size=2;lmd=" + dateOf("prof.txt") + ";\np\n");
 }
 
-struct MissingCase {
-    const char* name;
-    std::string asked;
-};
-class MissingFile : public FileService, public testing::WithParamInterface<MissingCase> {};
-
-TEST_P(MissingFile, IsAnsweredAndTheConnectionStays) {
+TEST_F(FileService, RefusesWhatIsNoFileOfTheAgentsFolderWithItsPathAndStays) {
     cached("inside", "x");
     write("outside", "secret");
     std::filesystem::create_directories(home() + "/.cache/nginx/folder");
-    ask(agent, GetParam().asked);
-    EXPECT_TRUE(agent.peer.readLine(1).starts_with("vx_control_rep:action=Failed"));
-    EXPECT_EQ(agent.peer.readLine(0), kNoLine) << "nothing behind it";
+    const std::string folder = home() + "/.cache/nginx/";
+    for (const std::string& name :
+         {std::string("gone"), std::string(), std::string("."), std::string(".."),
+          std::string("../../config/outside"), std::string("a\\inside"), std::string("inside\x01"),
+          std::string("folder"), std::string(256, 'k')}) {
+        ask(agent, "send_file;keyword=" + name + ";");
+        const std::string answer = agent.peer.readLine();
+        EXPECT_TRUE(
+            answer.starts_with("vx_control_rep:action=Failed" + (name == "gone" ? "gone - " + folder : "")))
+            << answer;
+    }
+    for (const std::string& name : {std::string(100000, 'p'), std::string("a/..")}) {
+        ask(agent, "send_instrumentation_profile;instrProfile=" + name);
+        EXPECT_TRUE(agent.peer.readLine().starts_with("vx_control_rep:action=Failed")) << name;
+    }
+    ask(agent, "send_instrumentation_profile;instrProfile=x\\p");
+    EXPECT_EQ(agent.peer.readLine(), "vx_control_rep:action=FailedInstrumentationProfile - " + folder + "p");
     EXPECT_FALSE(agent.refused());
-}
-INSTANTIATE_TEST_SUITE_P(Names, MissingFile,
-                         testing::ValuesIn<MissingCase>({
-                             {"not_there", "send_file;keyword=BTRuleFile;"},
-                             {"empty", "send_file;keyword=;"},
-                             {"the_folder_itself", "send_file;keyword=."},
-                             {"out_of_the_folder", "send_file;keyword=../../config/outside;"},
-                             {"the_folder_above", "send_file;keyword=..;"},
-                             {"backslashes_of_a_keyword", "send_file;keyword=a\\inside;"},
-                             {"a_control_byte", "send_file;keyword=inside\x01;"},
-                             {"a_folder", "send_file;keyword=folder;"},
-                             {"too_long_a_keyword", "send_file;keyword=" + std::string(256, 'k') + ";"},
-                             {"a_name_of_100000_bytes",
-                              "send_instrumentation_profile;instrProfile=" + std::string(100000, 'p')},
-                             {"a_profile_above", "send_instrumentation_profile;instrProfile=a/.."},
-                         }),
-                         byName);
-
-TEST_F(FileService, NamesPathsInItsRefusals) {
-    EXPECT_EQ(answerTo("send_file;keyword=k;"),
-              "vx_control_rep:action=Failedk - " + home() + "/.cache/nginx/k\n");
-    agent = process(101);
-    EXPECT_EQ(answerTo("send_instrumentation_profile;instrProfile=x\\p"),
-              "vx_control_rep:action=FailedInstrumentationProfile - " + home() + "/.cache/nginx/p\n");
-}
-
-TEST_F(FileService, AnAgentNameThatLeavesTheCacheFolderGetsNothing) {
-    write("outside", "secret");
-    Agent outsider = process(300, "../config");
-    ask(outsider, "send_file;keyword=outside;");
-    EXPECT_TRUE(outsider.peer.readLine(1).starts_with("vx_control_rep:action=Failedoutside - "));
-}
-
-TEST_F(FileService, ABigFileReachesAnAgentThatReads) {
-    const std::string content(6 * 1024 * 1024, 'b');
-    cached("big", content);
-    std::string got;
-    std::thread reader([&] { got = agent.peer.readToEnd(20); });
-    agent.peer.send("vx_control_req:action=send_file;keyword=big;\n");
-    readMessageFromSocket(agent.socket, VXProxy.controlBuf, &agent.address);
-    ::shutdown(vxlb_socket_fd(agent.socket), SHUT_WR);
-    reader.join();
-    EXPECT_TRUE(got.ends_with(content));
 }
 
 TEST_F(FileService, AgentsThatNeverReadLoseTheirConnectionsAndCostTwoSecondsTogether) {

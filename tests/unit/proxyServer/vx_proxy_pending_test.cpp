@@ -19,19 +19,10 @@ protected:
     FakeClock clock;
 };
 
-TEST_F(PendingTest, AFirstLineMovesAConnectionToItsProcess) {
+TEST_F(PendingTest, AnUnknownConnectionLeavesThePollsetAndGoesWithItsPeer) {
     Agent agent = accepted();
     vxPendingReadable(agent.socket);
     EXPECT_EQ(VXProxy.polledSockets, 1) << "readiness may be false";
-    agent.peer.send("vx_ctrl_msg_req:" + controlFields(100) + "\n");
-    vxPendingReadable(agent.socket);
-    EXPECT_EQ(vxPendingCount(), 0u);
-    EXPECT_EQ(VXProxy.polledSockets, 1);
-    EXPECT_EQ(pidOf(0), 100);
-}
-
-TEST_F(PendingTest, AnUnknownConnectionLeavesThePollsetAndGoesWithItsPeer) {
-    Agent agent = accepted();
     agent.peer.send("hello\nmore");
     vxPendingReadable(agent.socket);
     EXPECT_EQ(VXProxy.polledSockets, 0);

@@ -9,7 +9,6 @@
 
 #include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/control_outbox.h"
-#include "tests/support/by_name.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -50,50 +49,38 @@ protected:
         if (held) std::memcpy(&length, held, sizeof(length));
         return held ? std::string(held + sizeof(length), static_cast<std::size_t>(length)) : "";
     }
-    // Both links to the collector stand.
-    void linkUp() {
-        link = connect();
+    // Which links to the collector stand.
+    void links(bool control, bool data) {
+        if (!link.socket) link = connect();
         instance().control.lws_active = 0;
-        instance().control.controlSocket.socket = link.socket;
-        instance().data.dataSocket.socket = link.socket;
+        instance().control.controlSocket.socket = control ? link.socket : nullptr;
+        instance().data.dataSocket.socket = data ? link.socket : nullptr;
     }
 
     Agent agent, link;
     VXDecoderState_t* decoder = nullptr;
 };
 
-struct SplitCase {
-    const char* name;
-    std::string sent;
-    std::string lines;  // that reach the collector
-    int result;
-};
-class LineSplitter : public ReadTest, public testing::WithParamInterface<SplitCase> {};
-
-TEST_P(LineSplitter, HandsOverWholeLines) {
-    agent.peer.send(GetParam().sent);
-    EXPECT_EQ(readLines(agent), GetParam().result);
-    EXPECT_EQ(seen(), GetParam().lines);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Reads, LineSplitter,
-    testing::ValuesIn<SplitCase>({
-        {"one", "thread_dump:a\n", "a\n", kReadDone},
-        {"two_in_order", "thread_dump:a\nthread_dump:b\n", "a\nb\n", kReadDone},
-        {"keep_alives_are_passed_over", "\n\nthread_dump:a\n\n", "a\n", kReadDone},
-        {"each_dollar_is_a_newline", "thread_dump:a$b$\n", "a\nb\n", kReadDone},
-        {"a_cut_line_is_lost", "thread_dump:a\nthread_du", "a\n", kReadDone},
-        {"a_read_without_newline_closes", "thread_dump:a", "", kReadClosed},
-        {"a_registration_of_a_known_connection_is_a_log_line", "vx_ctrl_msg_req:pid=7\n", "", kReadDone},
-        {"unknown_requests_do_no_harm",
-         "vx_control_req:action=send_file;keyword=a;\nvx_control_req:action=send_instrumentation_profile;\n"
-         "auto_sensor_GCDump:\nvx_ctrl_msg_rep:result\n",
-         "", kReadDone},
-    }),
-    byName);
-
-TEST_F(ReadTest, NothingThereIsNoEnd) {
+TEST_F(ReadTest, WholeLinesOfAReadAreHandedOver) {
+    const struct {
+        const char *sent, *lines;  // that reach the collector
+    } rows[] = {
+        {"thread_dump:a\nthread_dump:b\n", "a\nb\n"},
+        {"\n\nthread_dump:a\n\n", "a\n"},  // keep-alives
+        {"thread_dump:a$b$\n", "a\nb\n"},
+        {"thread_dump:a\nthread_du", "a\n"},  // a cut line is lost
+        {"vx_ctrl_msg_req:pid=7\n", ""},      // of a known connection: a log line
+        {"auto_sensor_GCDump:\nvx_ctrl_msg_rep:result\nvx_control_req:action=send_file;keyword=a;\n", ""},
+    };
+    for (const auto& row : rows) {
+        agent.peer.send(row.sent);
+        EXPECT_EQ(readLines(agent), kReadDone) << row.sent;
+        EXPECT_EQ(seen(), row.lines);
+    }
     EXPECT_EQ(readLines(agent), kReadNothing);
+    agent.peer.send("thread_dump:a");
+    EXPECT_EQ(readLines(agent), kReadClosed) << "a read without a newline";
+    EXPECT_EQ(seen(), "");
     agent.peer.close();
     EXPECT_EQ(readLines(agent), kReadClosed);
 }
@@ -119,21 +106,17 @@ TEST_F(ReadTest, AGarbageDumpGoesToTheAutoSensorChannelWithItsNewline) {
     EXPECT_EQ(std::string(node->buffer, static_cast<std::size_t>(node->use_len)), "heap=5\n");
 }
 
-TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegisters) {
-    Agent data = connect();
+TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegistersUnlessItIsRefused) {
+    Agent data = connect(), refused = connect();
     vxSetCurrent(app);
+    refused.peer.send("vx_data_msg_req:" + dataFields(999) + "\n^\x0c\nvx_ctrl_msg_req:pid=1\n");
+    EXPECT_EQ(readLines(refused), kReadDone);
+    EXPECT_TRUE(refused.refused());
+    EXPECT_EQ(carried(), "");
+    EXPECT_EQ(VXProxy.numInstance, 2) << "nothing more registers over a closed connection";
     data.peer.send("vx_data_msg_req:" + dataFields(100) + "\n^\x0c");
     EXPECT_EQ(readLines(data), kReadDone);
     EXPECT_EQ(carried(), "^\x0c") << "the decoder of that instance got them";
-}
-
-TEST_F(ReadTest, RecordsBehindARefusedLineAreNotDecoded) {
-    Agent data = connect();
-    data.peer.send("vx_data_msg_req:" + dataFields(999) + "\n^\x0c\nvx_ctrl_msg_req:pid=1\n");
-    EXPECT_EQ(readLines(data), kReadDone);
-    EXPECT_TRUE(data.refused());
-    EXPECT_EQ(carried(), "");
-    EXPECT_EQ(VXProxy.numInstance, 2) << "nothing more registers over a closed connection";
 }
 
 TEST_F(ReadTest, ADiscoveryConnectionMayCutItsLinesAnywhere) {
@@ -152,11 +135,11 @@ TEST_F(ReadTest, ADiscoveryConnectionMayCutItsLinesAnywhere) {
 // Bytes that processes of one instance left behind used to meet in the next read of either.
 TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection) {
     Agent data = further(kConTypeData);
-    linkUp();
+    links(true, true);
     data.peer.send("^\x0c");
     EXPECT_EQ(readRecords(data), kReadDone);
     EXPECT_EQ(carried(), "^\x0c");
-    Agent other = process(101);
+    const Agent other = process(101);
     Agent otherData = connect();
     registerAgent(otherData, kConTypeData, dataFields(101));
     otherData.peer.send("\n^");
@@ -171,22 +154,14 @@ TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection)
     EXPECT_EQ(readLines(agent), kReadDone);
     EXPECT_EQ(carried(), std::string("^\x0c\0\0\0", 5)) << "so do bytes on the control connection";
     EXPECT_EQ(decoder->messagesRefused, 0u);
+    for (const bool control : {true, false}) {
+        links(control, !control);
+        data.peer.send("^\x0c");
+        EXPECT_EQ(readRecords(data), kReadClosed) << "a link is missing";
+        EXPECT_EQ(readRecords(data), kReadNothing) << "the bytes were consumed";
+    }
     vxCloseConnection(*processAt(instance(), 0), VXConnection::kData, true);
     EXPECT_EQ(carried(), "") << "it ends with its connection";
-}
-
-TEST_F(ReadTest, DataIsTakenAndRefusedWhileNoCollectorTakesIt) {
-    Agent data = further(kConTypeData);
-    instance().control.lws_active = 0;
-    link = connect();
-    instance().data.dataSocket.socket = link.socket;
-    data.peer.send("^\x0c");
-    EXPECT_EQ(readRecords(data), kReadClosed) << "the control link is missing";
-    instance().data.dataSocket.socket = nullptr;
-    instance().control.controlSocket.socket = link.socket;
-    data.peer.send("^\x0c");
-    EXPECT_EQ(readRecords(data), kReadClosed) << "the data link is missing";
-    EXPECT_EQ(readRecords(data), kReadNothing) << "the bytes were consumed";
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "commonlibc/vxlb_utiles.h"
-#include "tests/support/by_name.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -19,51 +18,25 @@ kwLocalStruct parsed(std::string text) {
     return line;
 }
 
-struct LineCase {
-    const char* name;
-    std::string text;
-    bool (*holds)(const kwLocalStruct& line);
-};
-class RegistrationLine : public testing::TestWithParam<LineCase> {};
-
-TEST_P(RegistrationLine, Fills) {
-    EXPECT_TRUE(GetParam().holds(parsed(GetParam().text)));
+TEST(RegistrationLine, IsTakenApartIntoBoundedMembersOfItsOwn) {
+    kwLocalStruct l = parsed("");
+    EXPECT_TRUE(!*l.appName && l.pid == 0 && l.isAgentLess == 0) << "nothing of an earlier line";
+    l = parsed("pid=4711;colour=red;tierName=Web;isAgentLess=No;tags={\"a=b\"};attributes=c=d; ");
+    EXPECT_TRUE(l.pid == 4711 && l.isAgentLess == 'N');
+    EXPECT_STREQ(l.tierName, "Web");
+    EXPECT_STREQ(l.tags, "{\"a=b\"}");
+    EXPECT_STREQ(l.attributes, "c=d");
+    l = parsed("PID=1;Appname=x;tags=;tags=a;tags=");
+    EXPECT_TRUE(l.pid == 0 && !*l.appName && std::string(l.tags) == "a");
+    l = parsed("appName=" + std::string(5000, 'a') + ";serverIp=" + std::string(99, '1'));
+    EXPECT_TRUE(std::strlen(l.appName) == 1023 && std::strlen(l.serverIp) == 31);
+    EXPECT_TRUE(!*l.vxAppServerHost && !*l.jvmType) << "neighbours";
+    l = parsed("pid=99999999999999999999;tierID=-99999999999;appID=12x;testIdx=x");
+    EXPECT_TRUE(l.pid == INT64_MAX && l.tierID == INT32_MIN && l.appID == 12 && l.testIdx == 0);
+    std::string many;
+    for (int i = 0; i < 128; ++i) many += "k" + std::to_string(i) + "=v;";
+    EXPECT_EQ(parsed(many + "pid=5").pid, 0);
 }
-INSTANTIATE_TEST_SUITE_P(
-    Fields, RegistrationLine,
-    testing::ValuesIn<LineCase>({
-        {"nothing_from_nothing", "",
-         [](const kwLocalStruct& l) { return !*l.appName && l.pid == 0 && l.isAgentLess == 0; }},
-        {"any_order_and_unknown_keys", "pid=4711;colour=red;tierName=Web;isAgentLess=No; ",
-         [](const kwLocalStruct& l) {
-             return l.pid == 4711 && std::string(l.tierName) == "Web" && l.isAgentLess == 'N';
-         }},
-        {"values_with_equals_signs", "tags={\"a=b\"};attributes=c=d",
-         [](const kwLocalStruct& l) {
-             return std::string(l.tags) == "{\"a=b\"}" && std::string(l.attributes) == "c=d";
-         }},
-        {"keys_with_their_case", "PID=1;Appname=x",
-         [](const kwLocalStruct& l) { return l.pid == 0 && !*l.appName; }},
-        {"texts_up_to_their_width", "appName=" + std::string(5000, 'a') + ";serverIp=" + std::string(99, '1'),
-         [](const kwLocalStruct& l) {
-             return std::strlen(l.appName) == 1023 && std::strlen(l.serverIp) == 31 && !*l.vxAppServerHost &&
-                    !*l.jvmType;
-         }},
-        {"numbers_up_to_their_bounds", "pid=99999999999999999999;tierID=-99999999999;appID=12x;testIdx=x",
-         [](const kwLocalStruct& l) {
-             return l.pid == INT64_MAX && l.tierID == INT32_MIN && l.appID == 12 && l.testIdx == 0;
-         }},
-        {"texts_that_are_given_only",
-         "tags=;tags=a;tags=", [](const kwLocalStruct& l) { return std::string(l.tags) == "a"; }},
-        {"a_hundred_and_twenty_eight_fields",
-         [] {
-             std::string text;
-             for (int i = 0; i < 128; ++i) text += "k" + std::to_string(i) + "=v;";
-             return text + "pid=5";
-         }(),
-         [](const kwLocalStruct& l) { return l.pid == 0; }},
-    }),
-    byName);
 
 class RegistrationTest : public ProxyFixture {
 protected:
@@ -79,30 +52,31 @@ protected:
 TEST_F(RegistrationTest, ANewIdentityMakesAnInstanceThatIsAnsweredLater) {
     Agent agent = process(100);
     ASSERT_NE(agent.address, nullptr);
-    EXPECT_EQ(agent.address->appIndex, 1);
-    EXPECT_EQ(agent.address->procIndex, 0);
-    EXPECT_EQ(VXProxy.numInstance, 2);
-    EXPECT_EQ(controlThreads, 1);
+    EXPECT_TRUE(agent.address->appIndex == 1 && agent.address->procIndex == 0);
+    EXPECT_TRUE(VXProxy.numInstance == 2 && VXProxy.polledSockets == 1 && controlThreads == 1);
     EXPECT_EQ(instance().identity.activeProcesses, 1);
-    EXPECT_EQ(VXProxy.polledSockets, 1);
     EXPECT_EQ(agent.peer.readLine(0), kNoLine);
-    EXPECT_STREQ(instance().VXBCISetting.tierName.get(), "Web_1");
     EXPECT_STREQ(instance().VXBCISetting.encodedTierName.get(), "Web&#95;1");
-    EXPECT_EQ(instance().VXBCISetting.agentTypeCode, kAgentDotnet);
     EXPECT_EQ(vxCurrent(), &instance());
+    const VXMap* map = instance().flowpath.fpi_tls_map;
+    instance().control.controlThreadId = 0;
+    process(101);
+    EXPECT_EQ(controlThreads, 2) << "one that ended is started again";
+    EXPECT_EQ(instance().flowpath.fpi_tls_map, map) << "what exists is kept";
 }
 
 TEST_F(RegistrationTest, ALaterProcessGetsWhatItHasMissed) {
     process(100);
     collectorAnswered(true);
-    Agent late = process(101);
-    EXPECT_EQ(late.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=1");
-    EXPECT_EQ(late.peer.readLine(1), "vx_control_req:action=start_instrumentation;a=1;");
-    instance().Server.instrumentationStarted = 0;
-    Agent later = process(102);
-    EXPECT_EQ(later.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=2");
-    EXPECT_EQ(later.peer.readLine(0), kNoLine) << "a start that is not over reaches it by the relay";
-    EXPECT_EQ(controlThreads, 1) << "the instance has one already";
+    for (const bool started : {true, false}) {
+        instance().Server.instrumentationStarted = started;
+        Agent late = process(started ? 101 : 102);
+        EXPECT_EQ(late.peer.readLine(), started ? "vx_ctrl_msg_rep:result=Ok;procIndex=1"
+                                                : "vx_ctrl_msg_rep:result=Ok;procIndex=2");
+        EXPECT_EQ(late.peer.readLine(0),
+                  started ? "vx_control_req:action=start_instrumentation;a=1;" : kNoLine)
+            << "a start that is not over reaches it by the relay";
+    }
 }
 
 TEST_F(RegistrationTest, AProcessThatComesAgainKeepsItsPlaceAndLosesItsOldConnection) {
@@ -113,8 +87,7 @@ TEST_F(RegistrationTest, AProcessThatComesAgainKeepsItsPlaceAndLosesItsOldConnec
     Agent again = process(100);
     EXPECT_TRUE(former.peer.ended(1));
     EXPECT_EQ(again.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=0");
-    EXPECT_EQ(instance().identity.numProcess, 1);
-    EXPECT_EQ(instance().identity.activeProcesses, 1);
+    EXPECT_TRUE(instance().identity.numProcess == 1 && instance().identity.activeProcesses == 1);
     EXPECT_FALSE(data.refused()) << "the other connections of the process stay";
 }
 
@@ -159,14 +132,17 @@ TEST_F(RegistrationTest, NamesAreComparedExactly) {
     EXPECT_EQ(renamed.address->appIndex, 1) << "the name that the collector knows serves too";
 }
 
-TEST_F(RegistrationTest, APidThatMarksFreePlacesIsRefused) {
+TEST_F(RegistrationTest, APidThatMarksFreePlacesAndAFullPollsetAreRefused) {
     EXPECT_TRUE(process(-1).refused());
     EXPECT_EQ(VXProxy.numInstance, 1);
-    process(100);
-    closeAllConnectionsOfProcess(1, 0);
+    VXProxy.polledSockets = kPollsetSize;
+    EXPECT_TRUE(process(100).refused());
+    EXPECT_EQ(pidOf(0), kFreePid);
     Agent data = connect();
     registerAgent(data, kConTypeData, dataFields(-1));
     EXPECT_TRUE(data.refused());
+    VXProxy.polledSockets = 0;
+    EXPECT_EQ(process(100).address->procIndex, 0);
 }
 
 TEST_F(RegistrationTest, AnAgentThatIsGoneWhenItIsAnsweredLeavesAFreePlace) {
@@ -182,57 +158,30 @@ TEST_F(RegistrationTest, AnAgentThatIsGoneWhenItIsAnsweredLeavesAFreePlace) {
     EXPECT_EQ(process(102).address->procIndex, 1);
 }
 
-TEST_F(RegistrationTest, AControlThreadThatEndedIsStartedAgain) {
-    process(100);
-    const VXMap* map = instance().flowpath.fpi_tls_map;
-    instance().control.controlThreadId = 0;
-    process(101);
-    EXPECT_EQ(controlThreads, 2);
-    EXPECT_EQ(instance().flowpath.fpi_tls_map, map) << "what exists is kept";
-}
-
-TEST_F(RegistrationTest, AFullPollsetClosesTheConnectionAndKeepsTheInstance) {
-    VXProxy.polledSockets = kPollsetSize;
-    EXPECT_TRUE(process(100).refused());
-    EXPECT_EQ(pidOf(0), kFreePid);
-    VXProxy.polledSockets = 0;
-    EXPECT_EQ(process(100).address->procIndex, 0);
-}
-
-struct FurtherCase {
-    const char* name;
-    int type;
-    VXConnection kind;
-};
-class FurtherConnection : public RegistrationTest, public testing::WithParamInterface<FurtherCase> {};
-
-TEST_P(FurtherConnection, JoinsTheProcessThatTheIdsName) {
+TEST_F(RegistrationTest, FurtherConnectionsJoinTheProcessThatTheIdsName) {
     const Agent control = process(100);
     instance().VXBCISetting.tierID = 5;
-    Agent early = connect();
-    registerAgent(early, GetParam().type, dataFields(100));
-    EXPECT_EQ(early.address, nullptr) << "the agent does not know the ids yet";
-    EXPECT_FALSE(early.refused());
-
-    Agent first = connect(), second = connect();
-    registerAgent(first, GetParam().type, dataFields(100, ";tierID=5"));
-    EXPECT_EQ(first.address, control.address);
-    EXPECT_EQ(vxConnectionOf(*processAt(instance(), 0), first.socket), GetParam().kind);
-    registerAgent(second, GetParam().type, dataFields(100, ";tierID=5"));
-    EXPECT_TRUE(first.peer.ended(1)) << "one connection of a kind";
-    EXPECT_EQ(VXProxy.polledSockets, 2);
-
-    Agent stranger = connect();
-    registerAgent(stranger, GetParam().type, dataFields(101, ";tierID=5"));
-    EXPECT_TRUE(stranger.refused()) << "the control connection comes first";
+    const struct {
+        int type;
+        VXConnection kind;
+    } rows[] = {{kConTypeData, VXConnection::kData},
+                {kConTypeAS, VXConnection::kAutoSensor},
+                {kConTypeDiscovery, VXConnection::kDiscovery}};
+    for (const auto& row : rows) {
+        const std::int32_t polled = VXProxy.polledSockets;
+        Agent early = connect(), first = connect(), second = connect(), stranger = connect();
+        registerAgent(early, row.type, dataFields(100));
+        EXPECT_TRUE(!early.address && !early.refused()) << "the agent does not know the ids yet";
+        registerAgent(first, row.type, dataFields(100, ";tierID=5"));
+        EXPECT_EQ(first.address, control.address);
+        EXPECT_EQ(vxConnectionOf(*processAt(instance(), 0), first.socket), row.kind);
+        registerAgent(second, row.type, dataFields(100, ";tierID=5"));
+        EXPECT_TRUE(first.peer.ended()) << "one connection of a kind";
+        EXPECT_EQ(VXProxy.polledSockets, polled + 1);
+        registerAgent(stranger, row.type, dataFields(101, ";tierID=5"));
+        EXPECT_TRUE(stranger.refused()) << "the control connection comes first";
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Kinds, FurtherConnection,
-                         testing::ValuesIn<FurtherCase>({
-                             {"data", kConTypeData, VXConnection::kData},
-                             {"auto_sensor", kConTypeAS, VXConnection::kAutoSensor},
-                             {"discovery", kConTypeDiscovery, VXConnection::kDiscovery},
-                         }),
-                         byName);
 
 }  // namespace
 }  // namespace vx::test

@@ -20,7 +20,7 @@ namespace {
 class Files : public testing::Test {
 protected:
     void SetUp() override {
-        std::filesystem::create_directory(dir.path() + "/instrProfile");
+        std::filesystem::create_directory(dir / "instrProfile");
         write("VXEntryPointsFile", "entry\n");
         write("instrProfile/Shop.txt", "profile");
         ASSERT_TRUE(store.open(error)) << error;
@@ -104,27 +104,12 @@ TEST_F(Files, HandOutNothingButWhatALookHasFound) {
         EXPECT_EQ(answer(FileKind::kProfile, name),
                   "vx_control_rep:action=FailedInstrumentationProfile - " + std::string(name) + "\n");
     }
-    std::filesystem::remove(dir.path() + "/VXEntryPointsFile");
-    EXPECT_TRUE(answer(FileKind::kKeyword, "VXEntryPointsFile").starts_with("vx_control_rep:action=Failed"));
-}
-
-TEST_F(Files, SeveralInstancesShareOneAnswerUntilTheFileChanges) {
     const auto first = store.answer(FileKind::kKeyword, "VXEntryPointsFile");
-    EXPECT_EQ(store.answer(FileKind::kKeyword, "VXEntryPointsFile"), first);
+    EXPECT_EQ(store.answer(FileKind::kKeyword, "VXEntryPointsFile"), first) << "one for all instances";
     write("VXEntryPointsFile", "other\n");
     EXPECT_NE(store.answer(FileKind::kKeyword, "VXEntryPointsFile"), first);
-}
-
-TEST(FileRequests, NameAKeywordOrAProfile) {
-    FileRequest request{};
-    ASSERT_TRUE(readFileRequest("vx_control_req:action=send_file;keyword=BTRuleConfig;", request));
-    EXPECT_TRUE(request.kind == FileKind::kKeyword && request.name == "BTRuleConfig");
-    ASSERT_TRUE(readFileRequest(
-        "vx_control_req:action=send_instrumentation_profile;status=running;instrProfile=a b.txt", request));
-    EXPECT_TRUE(request.kind == FileKind::kProfile && request.name == "a b.txt");
-    ASSERT_TRUE(readFileRequest("vx_control_req:action=send_file;", request));
-    EXPECT_EQ(request.name, "");
-    EXPECT_FALSE(readFileRequest("vx_control_req:action=reconnect;heartBeat 1;", request));
+    std::filesystem::remove(dir.path() + "/VXEntryPointsFile");
+    EXPECT_TRUE(answer(FileKind::kKeyword, "VXEntryPointsFile").starts_with("vx_control_rep:action=Failed"));
 }
 
 TEST(OrdersOfAnInstance, GoOutOneAtATimeAndAnAnswerThatNeverComesIsGivenUp) {
@@ -150,7 +135,7 @@ TEST(OrdersOfAnInstance, GoOutOneAtATimeAndAnAnswerThatNeverComesIsGivenUp) {
     EXPECT_FALSE(orders.idle());
 }
 
-TEST(OutQueueOfAConnection, SendsInTurnsAndRefusesWhatNobodyReads) {
+TEST(OutQueueOfAConnection, RefusesWhatNobodyReads) {
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
     OutQueue queue;
@@ -160,21 +145,8 @@ TEST(OutQueueOfAConnection, SendsInTurnsAndRefusesWhatNobodyReads) {
     EXPECT_FALSE(queue.addFile(file));
     ASSERT_TRUE(queue.addLine(std::string(kMaxLinesOut - 5, 'l')));
     EXPECT_FALSE(queue.addLine("l"));
-    std::size_t got = 0, lines = 0;
-    std::string bytes(4 << 20, ' ');
-    while (!queue.empty()) {
-        ASSERT_TRUE(queue.flush(ends[0]));
-        const ssize_t count = ::read(ends[1], bytes.data(), bytes.size());
-        ASSERT_GT(count, 0);
-        got += static_cast<std::size_t>(count);
-    }
-    for (ssize_t count; (count = ::read(ends[1], bytes.data(), bytes.size())) > 0;) {
-        got += static_cast<std::size_t>(count);
-        lines = static_cast<std::size_t>(count);
-    }
-    EXPECT_EQ(got, 8 * file->size() + kMaxLinesOut);
-    EXPECT_TRUE(lines == 0 || bytes[lines - 1] == 'l');
-    EXPECT_TRUE(queue.addLine("l"));
+    ASSERT_TRUE(queue.flush(ends[0]));
+    EXPECT_FALSE(queue.empty()) << "nobody reads";
     ::close(ends[1]);
     EXPECT_FALSE(queue.flush(ends[0]));
     ::close(ends[0]);
