@@ -61,10 +61,11 @@ inline std::string rawFrame(std::int32_t headerLength, std::int32_t total, std::
     return frame + "|" + body;
 }
 // The same frame with another 32-bit value at `offset` of its body.
-inline std::string patched(std::string frame, std::size_t offset, std::int32_t value) {
-    for (std::size_t i = 0; i < 4; ++i)
-        frame[14 + offset + i] = static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * i) & 0xFF);
-    return frame;
+inline std::string patched(const std::string& frame, std::size_t offset, std::int32_t value) {
+    std::string bytes;
+    for (int i = 0; i < 4; ++i)
+        bytes += static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * i) & 0xFF);
+    return frame.substr(0, 14 + offset) + bytes + frame.substr(14 + offset + 4);
 }
 
 // One read of the listener: the carry-over, then the new bytes, in a block of exactly that size.
