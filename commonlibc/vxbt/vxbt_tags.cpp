@@ -70,7 +70,7 @@ bool ownArray(VXBTTags& tags, const VXBTTags* kept, std::int32_t id) {
     std::int32_t size = std::max(tags.size, kStartSlots);
     while (size <= id) size *= 2;
     auto** array = static_cast<BTTagArray**>(
-        VXLB_MALLOC_AND_MEMSET(sizeof(BTTagArray*) * static_cast<std::size_t>(size), kEntryName, -1));
+        VXLB_MALLOC_AND_MEMSET(static_cast<std::size_t>(size) * sizeof(void*), kEntryName, -1));
     if (!array) return false;
     if (tags.perBt) std::copy_n(tags.perBt, tags.size, array);
     if (!shared) VXLB_FREE(tags.perBt, kEntryName, -1);
