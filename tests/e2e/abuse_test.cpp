@@ -73,7 +73,7 @@ void noiseBehindARegistration(const Scene& scene) {
 void lengthsThatLie(const Scene& scene) {
     RawAgent agent(scene.port, "noise", 6000);
     ASSERT_TRUE(agent.start());
-    // Before the instance can pass data on, its agents' data connections are closed.
+    // Before the instance passes data on, its agents' data connections are closed.
     ASSERT_TRUE(scene.collector.outputHolds("data connection of Tier/host7/noise/raw"));
     const FakePeer& data = agent.openData();
     const std::string good = entryFrame(7, "A.b", 1);
@@ -142,6 +142,7 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
                                             "zorEpochDiff=1388534400\nbciInstrSessionPct=100\n"
                                             "bciDataBufferMaxCount=20\n")});
     startService();
+    makeInstance("good");
     const auto good =
         startLoad({"--app", "good", "--rate", "300", "--transactions", "1200", "--duration", "100"});
     ASSERT_TRUE(arrive(30)) << traceText();
@@ -188,7 +189,7 @@ TEST_F(AbusedWhile, SilentAndSlowPeersHoldUpNobody) {
         if (!halted.data()) halted.openData();
         halted.data().send(std::string(1, byte));
     }
-    EXPECT_EQ(reported(deliver(600, {"--app", "good", "--rate", "300"}), "total", "transactions"), 600u);
+    EXPECT_EQ(reported(deliver(600, {"--rate", "300"}, "good"), "total", "transactions"), 600u);
     for (FakePeer& peer : slow) EXPECT_TRUE(peer.ended(20)) << "a line that is not whole ends its connection";
     EXPECT_FALSE(silent.front().ended(0));
 }

@@ -19,9 +19,10 @@ protected:
 TEST_F(MainRoad, DeliversEveryTransactionOfSeveralProcessesOfTwoApplications) {
     startCollector();
     startService();
-    const auto stock = startLoad({"--app", "stock", "--tier", "Back_End", "--rate", "50", "--transactions",
-                                  "100", "--duration", "100"});
-    deliver(80, {"--app", "shop", "--tier", "Web", "--processes", "3", "--rate", "100"});
+    makeInstance("stock_2");
+    const auto stock =
+        startLoad({"--app", "stock_2", "--rate", "50", "--transactions", "100", "--duration", "100"});
+    deliver(80, {"--processes", "3", "--rate", "100"});
     ASSERT_EQ(stock->wait(100), 0) << stock->output();
     const std::uint64_t sent = delivered + reported(stock->output(), "total", "transactions");
     EXPECT_EQ(sent, 340u);

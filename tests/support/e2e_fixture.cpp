@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "tests/support/raw_agent.h"
 #include "tools/collector/collector_records.h"
 
 namespace vx::test {
@@ -63,16 +64,35 @@ void EndToEnd::startService(const std::string& moreSettings) {
 
 std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments) {
     Program::Setup setup;
-    setup.arguments = {programPath("vxagent"), "load", "--proxy",
-                       "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort)};
+    setup.arguments = {programPath("vxagent"),
+                       "load",
+                       "--proxy",
+                       "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort),
+                       "--app",
+                       "shop",
+                       "--tier",
+                       "Tier",
+                       "--server",
+                       "host7",
+                       "--agent",
+                       "raw"};
     setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
     setup.outputFile = dir.path() + "/load" + std::to_string(++loads) + ".log";
     return std::make_unique<Program>(setup);
 }
 
-std::string EndToEnd::deliver(int transactions, std::vector<std::string> arguments) {
+void EndToEnd::makeInstance(const std::string& application) {
+    RawAgent first(proxyPort, application, 1);
+    ASSERT_TRUE(first.start()) << traceText();
+    ASSERT_TRUE(collector->outputHolds("data connection of Tier/host7/" + application + "/raw"));
+}
+
+std::string EndToEnd::deliver(int transactions, std::vector<std::string> arguments,
+                              const std::string& application) {
+    makeInstance(application);
     // A number and not a time: how much is sent is not the machine's choice.
-    arguments.insert(arguments.end(), {"--transactions", std::to_string(transactions), "--duration", "100"});
+    arguments.insert(arguments.end(), {"--app", application, "--transactions", std::to_string(transactions),
+                                       "--duration", "100"});
     const auto load = startLoad(std::move(arguments));
     EXPECT_EQ(load->wait(100), 0) << load->output();
     delivered += reported(load->output(), "total", "transactions");

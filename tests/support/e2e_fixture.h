@@ -19,12 +19,17 @@ protected:
     void startCollector(std::vector<std::string> more = {});
     // Writes both settings files and starts the service; waits until it listens.
     void startService(const std::string& moreSettings = "");
-    // `vxagent load` with the arguments given, towards the service.
+    // `vxagent load` with the arguments given, towards the service; an agent of application "shop" unless
+    // they name another.
     std::unique_ptr<Program> startLoad(std::vector<std::string> arguments);
+    // Makes the instance of an application, and waits until it passes data on: what comes before that is
+    // lost.
+    void makeInstance(const std::string& application);
 
     // Runs a load of that many transactions a process to its end, and waits until all have arrived; its
     // output.
-    std::string deliver(int transactions, std::vector<std::string> arguments = {});
+    std::string deliver(int transactions, std::vector<std::string> arguments = {},
+                        const std::string& application = "shop");
     // Transactions in the collector's streams, and whether as many come in time.
     std::uint64_t arrived() const { return summaryOfStreams().transactions; }
     bool arrive(std::uint64_t count, double seconds = 20) const;

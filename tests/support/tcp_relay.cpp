@@ -119,6 +119,11 @@ void TcpRelay::end(Connection& connection, bool reset) {
     closeEnd(connection.client, reset);
     closeEnd(connection.target, reset);
     --live_;
+    for (Armed& armed : connection.armed) {  // what has not struck waits for another connection
+        if (armed.fault.times < 0) continue;
+        armed.fault.times = 1;
+        waiting_.push_back(armed.fault);
+    }
 }
 
 // One turn: wait without the lock, then read, pass on and forget under it.
