@@ -31,13 +31,9 @@ const char* criteriaNotFound(const char* criteria) {
     return kNoCriteria;
 }
 
-bool hasRoom(const VXBTCustomeRule& rule, std::int32_t keywords) {
-    return rule.lexiconCount + keywords <= kLexiconEntries;
-}
-
 const char* addKeyword(VXBTCustomeRule& rule, const CustomLine& line, const char* keyword,
                        std::uint8_t matchOperator) {
-    const bool room = hasRoom(rule, 1);
+    const bool room = rule.lexiconCount < kLexiconEntries;
     if (add_to_lexicon(&rule, keyword, line.priority, line.btName, matchOperator) == 0) return nullptr;
     return room ? "a keyword is empty or holds a byte outside 32 to 126" : kFull;
 }
@@ -59,16 +55,16 @@ const char* takeUri(VXBTCustomeRule& rule, const CustomLine& line) {
     return fault;
 }
 
+// Each accepted line brings a keyword, so that the parameters have room as long as the lexicon has.
 const char* takeParameter(VXBTCustomeRule& rule, const CustomLine& line) {
-    if (rule.parameterCount >= kLexiconEntries || !hasRoom(rule, 2)) return kFull;
-    objURIParam& parameter = rule.parameters[rule.parameterCount];
+    objURIParam parameter{};
     if (updateParameterListForMatchCriteria(&parameter, line.criteria) != 0)
         return criteriaNotFound(line.criteria);
-    ++rule.parameterCount;
     const std::uint8_t ofName = parameter.checkForExistance ? kNoOperator : parameter.matchOperator;
     const char* fault = addKeyword(rule, line, parameter.name, ofName);
-    return fault || !*parameter.value ? fault
-                                      : addKeyword(rule, line, parameter.value, parameter.matchOperator);
+    if (!fault && *parameter.value) fault = addKeyword(rule, line, parameter.value, parameter.matchOperator);
+    if (!fault) rule.parameters[rule.parameterCount++] = parameter;
+    return fault;
 }
 
 const char* takeCriteria(VXBTCustomeRule& rule, const CustomLine& line) {
@@ -100,11 +96,9 @@ const char* parse_custom_rule(VXRuleBuild& build, char* text) {
     if (!*line.criteria || std::strcmp(line.criteria, "-") == 0) return criteriaNotFound(line.criteria);
     VXBTCustomeRule& rule = build.set->customRule;
     const std::int32_t keywords = rule.lexiconCount, lengths = rule.keywordLengthSum;
-    const std::int32_t parameters = rule.parameterCount;
     if (const char* fault = takeCriteria(rule, line)) {
         rule.lexiconCount = keywords;
         rule.keywordLengthSum = lengths;
-        rule.parameterCount = parameters;
         return fault;
     }
 

@@ -230,12 +230,18 @@ TEST_F(RuleTexts, CustomRulesAddUpUntilAStartAndFillTheLexicon) {
     EXPECT_EQ(nameOf("/one"), "One");
 
     std::string many;
-    for (int i = 0; i < 38; ++i)
+    for (int i = 0; i < 36; ++i)
         many += "2|2|r|Many|-|1|5|[input1=contains&&input2=m" + std::to_string(i) + "]|-\n";
-    const auto faults = faultsOf(many);
-    EXPECT_EQ(faults.at(37), "");
-    EXPECT_NE(faults.at(38).find("a stop and start"), std::string::npos);
+    const auto faults = faultsOf(many +
+                                 "2|3|r|Two|-|1|5|[input2=a],[x&&input3=EQUALS],[x&&x&&input4=b]|-\n"
+                                 "2|3|r|Last|-|1|5|[input2=c],[x&&input3=EQUALS]|-\n"
+                                 "2|3|r|More|-|1|5|[input2=d],[x&&input3=EQUALS]|-\n");
+    EXPECT_NE(faults.at(37).find("a stop and start"), std::string::npos)
+        << "room for one of its two keywords";
+    EXPECT_EQ(faults.at(38), "");
+    EXPECT_NE(faults.at(39).find("a stop and start"), std::string::npos);
     EXPECT_EQ(count(), 40);
+    EXPECT_EQ(app->bt.ruleSet.load()->customRule.parameterCount, 2);
 
     VXBTConfigModelInit();
     EXPECT_EQ(count(), 0);
