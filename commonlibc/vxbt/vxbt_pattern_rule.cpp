@@ -93,6 +93,8 @@ const char* addPatterns(VXRuleBuild& build, const VXPatternLine& line) {
         fault = "pattern or method is empty or has a character that no request has, it never matches";
     }
     if (!*line.header) return fault;
+    if (line.id <= kBtIdOthers)
+        return fault ? fault : "the header has no effect, only rules with an id from 2 on ask for one";
     if (!vxlb_state_machine_usable(&build.set->headerMachine))
         return "the header has no effect, the first pattern line has none";
     if (vxlb_state_machine_add_header(&build.set->headerMachine, line.header, std::strlen(line.header),

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "commonlibc/vxbt/vxbt_automaton.h"
+#include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
 #include "commonlibc/vxbt/vxbt_state_machine.h"
 
@@ -152,25 +153,31 @@ int VXPatternReach::lineOf(const VXRuleRequest& request) const {
 
 // Empty: the rule is reached.
 std::string VXPatternReach::warningOf(const Rule& rule) const {
+    if (rule.id < kBtIdOthers && rule.id != kBtIdExcluded)
+        return "id " + std::to_string(rule.id) + " names no BT, " +
+               (rule.id == 0 ? "it never matches" : "what it takes is \"Others\"");
     Machine alone;
     addTo(alone, rule.pattern, rule.method, rule.id, rule.matchType, rule.mode);
     bool matches = false, reached = false;
     const Rule* before = nullptr;
     eachRequest(rule.url, rule.query, rule.method, rule.matchType == 1, [&](const VXRuleRequest& request) {
-        if (rule.id == 0 || request.url.empty() || search(alone, request) != rule.id) return true;
+        if (request.url.empty() || search(alone, request) != rule.id) return true;
         matches = true;
         const Rule* taken = winner(request);
         reached = taken == &rule || (taken && taken->id == rule.id && taken->hasHeader && rule.hasHeader);
         if (!before) before = taken;
         return !reached;
     });
-    if (!matches) return rule.id == 0 ? "id 0 names no BT, it never matches" : kNeverMatches;
+    if (!matches) return kNeverMatches;
     if (reached) return "";
     return (before ? lineText(before->line) + " always goes before it" : "other lines leave it no request");
 }
 
 // One id for two names, or two ids for one name.
 void VXPatternReach::noteClash(const Rule& rule) {
+    if (rule.id == kBtIdOthers && rule.name != kOthersName)
+        clashes_.push_back(
+            {rule.line, "has the id of \"Others\": what no rule takes counts as '" + rule.name + "', too"});
     if (rule.id < kFirstId) return;
     const auto sameId = byId_.find(rule.id);
     if (sameId != byId_.end() && sameId->second.name != rule.name)
