@@ -70,7 +70,7 @@ bool machineTakes(const char* text) {
 
 // The first accepted line begins the machines anew.
 bool beginMachines(VXRuleBuild& build, bool withHeaders) {
-    const std::int32_t maxStates = build.set->maxStates;
+    const std::int32_t maxStates = build.set->maxStates > 0 ? build.set->maxStates : kDefaultMaxStates;
     build.dropUrlMachine();
     build.dropHeaderMachine();
     if (vxlb_state_machine_init(&build.set->urlMachine, maxStates) != 0) return false;
@@ -172,6 +172,7 @@ const char* parse_pattern_rule(VXRuleBuild& build, char* line) {
              "Adding BT to state machine. Pattern = %s, transactionId = '%d', matchType = %d, skipCount = %d",
              pattern.pattern, pattern.id, pattern.matchType, build.set->skipCount);
     const char* fault = addPatterns(build, pattern);
+    if (fault) VX_TRACE(1, kBtMon, kWarning, "Pattern rule of '%s': %s", pattern.name, fault);
     takeTags(build, pattern.id, tags);  // behind the patterns: it takes the text apart
     return fault;
 }

@@ -12,9 +12,8 @@
 // kinds that it has; custom rules add up.
 //
 // Errors    A line that cannot be used is traced and costs no other line.
-// Threads   The thread that takes configuration (control thread), current context; the decode lock must not
-// be
-//           held.
+// Threads   The thread that takes configuration (control thread), current context; the decode lock must
+//           not be held.
 #pragma once
 
 #include "commonlibc/vxbt/vxbt_rule_build.h"
