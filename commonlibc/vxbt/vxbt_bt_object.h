@@ -29,8 +29,8 @@ BTObject* find_bt_obj_in_config_map(const char* name, std::int32_t id, std::int3
                                     std::int32_t verySlow, std::int32_t selfId, std::int32_t parentId);
 // What a rule says of its BT.
 struct VXBtTerms {
-    std::int32_t id, slow,
-        verySlow;  // slow, verySlow: for a BT without thresholds of its own, while connected
+    std::int32_t id;
+    std::int32_t slow, verySlow;  // for a BT without thresholds of its own, while connected
     std::int32_t selfId, parentId;
 };
 // The second half of find_bt_obj_in_config_map: gives an object that was found, or made for it (isNew), its

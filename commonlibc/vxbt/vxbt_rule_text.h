@@ -30,7 +30,7 @@ public:
     VXRuleText(const VXRuleText&) = delete;
     VXRuleText& operator=(const VXRuleText&) = delete;
 
-    // Empty where the file cannot be read; null: refused, it is too long.
+    // Empty where a file cannot be read or is too long; null: a text that was handed in is too long.
     const char* get() const noexcept { return text_; }
 
 private:

@@ -16,7 +16,7 @@ namespace vx {
 
 namespace {
 
-constexpr int kFields = 3;
+constexpr int kFields = 3, kMaxFields = 64;
 constexpr const char* kForAll = "ALL";
 
 struct Pair {
@@ -107,9 +107,9 @@ VXMap* swapIn(const Build& build) {
 
 const char* vxSplitThresholdLine(char* line, VXThresholdLine& out) {
     char shown[kRuleLineSize];
-    char* fields[kFields + 1];
+    char* fields[kMaxFields];
     vxlb_copy_text(shown, sizeof(shown), line);
-    const int count = vxlb_split_keep_empty(line, fields, "|", kFields + 1);
+    const int count = vxlb_split_keep_empty(line, fields, "|", kMaxFields);
     if (count != kFields) {
         VX_TRACE(1, kBtMon, kWarning, "Invalid threshold line = '%s', num_fields = %d", shown, count);
         return "not 3 fields";
