@@ -18,6 +18,7 @@ constexpr std::int32_t kModeMethod = 1, kModeUri = 2, kModeParameter = 3;
 constexpr std::size_t kMethodKeywordSize = 64;
 constexpr std::uint8_t kNoOperator = 0;
 constexpr const char* kFull = "no room for its keywords, a stop and start empties the lexicon";
+constexpr const char* kBadKeyword = "a keyword is empty or holds a byte outside 32 to 126";
 constexpr const char* kNoCriteria = "the match criteria cannot be read";
 
 struct CustomLine {
@@ -35,7 +36,9 @@ const char* addKeyword(VXBTCustomeRule& rule, const CustomLine& line, const char
                        std::uint8_t matchOperator) {
     const bool room = rule.lexiconCount < kLexiconEntries;
     if (add_to_lexicon(&rule, keyword, line.priority, line.btName, matchOperator) == 0) return nullptr;
-    return room ? "a keyword is empty or holds a byte outside 32 to 126" : kFull;
+    if (!room) return kFull;
+    VX_TRACE(1, kBtMon, kWarning, "Custom rule for '%s' is refused: %s", line.btName, kBadKeyword);
+    return kBadKeyword;
 }
 
 const char* takeMethod(VXBTCustomeRule& rule, const CustomLine& line) {
