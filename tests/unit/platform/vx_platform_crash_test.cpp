@@ -3,11 +3,11 @@
 #include <apr_general.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <regex.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
 #include <string>
 
 #include "commonlibc/vxlb_thread.h"
@@ -65,12 +65,20 @@ int fallIn(const std::string& folder, void (*fall)()) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
+bool holds(const std::string& text, const std::string& pattern) {
+    regex_t compiled{};
+    const bool found = ::regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) == 0 &&
+                       ::regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+    ::regfree(&compiled);
+    return found;
+}
+
 // The one dump of a folder; empty unless it is exactly one.
 std::string dumpIn(const TempDir& dir) {
     std::string text;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         const std::string name = entry.path().filename().string();
-        EXPECT_TRUE(text.empty() && std::regex_match(name, std::regex("example_[0-9]+\\.txt"))) << name;
+        EXPECT_TRUE(text.empty() && holds(name, "^example_[0-9]+\\.txt$")) << name;
         text = dir.read(name);
     }
     return text;
@@ -95,10 +103,10 @@ TEST(CrashDumps, TellWhereAndEndTheProcess) {
         std::string wanted = "^Stack Trace with current ThreadID: [0-9]+\nSignal " + std::string(row.head) +
                              ", at 0x[0-9A-F]+, process [0-9]+, Program 1.2\n";
         const std::string text = dumpIn(dir);
-        EXPECT_TRUE(std::regex_search(text, std::regex(wanted))) << text;
+        EXPECT_TRUE(holds(text, wanted)) << text;
         wanted = "\n\\[[0-9]+\\] " + std::string(row.function) +
-                 " - 0x[0-9A-F]+, /.*vx_unit_tests\\+0x[0-9A-F]+\n";
-        EXPECT_TRUE(!*row.function || std::regex_search(text, std::regex(wanted))) << text;
+                 " - 0x[0-9A-F]+, /[^\n]*vx_unit_tests\\+0x[0-9A-F]+\n";
+        EXPECT_TRUE(!*row.function || holds(text, wanted)) << text;
     }
 }
 
