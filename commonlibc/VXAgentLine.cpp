@@ -68,16 +68,16 @@ int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length) 
 }
 
 int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length, VXSendLimit& limit) {
-    {
-        const SendTurn turn(process.sendMutex, limit);
-        apr_socket_t* socket = process.control.get();
-        if (!socket) return -1;
-        if (turn.taken() && vxlb_send_within(vxlb_socket_fd(socket), data, length, limit)) return 0;
-    }
+    // Until the end, since a record is given to another process once the turn is free: what is shut down has
+    // to be the connection that failed.
+    const SendTurn turn(process.sendMutex, limit);
+    apr_socket_t* socket = process.control.get();
+    if (!socket) return -1;
+    if (turn.taken() && vxlb_send_within(vxlb_socket_fd(socket), data, length, limit)) return 0;
+    vxlb_shared_shutdown(process.control, socket);
     VX_TRACE(1, kControlThread, kWarning,
              "Message of %zu bytes to agent process %lld was not taken in time, connection given up", length,
              static_cast<long long>(process.pid.load(std::memory_order_relaxed)));
-    vxlb_shared_shutdown(process.control);
     return -1;
 }
 

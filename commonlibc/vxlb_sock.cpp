@@ -264,9 +264,10 @@ void vxlb_shared_close(VXSharedSocket& handle) {
     if (socket) apr_socket_close(socket);
 }
 
-void vxlb_shared_shutdown(VXSharedSocket& handle) {
+void vxlb_shared_shutdown(VXSharedSocket& handle, const apr_socket_t* only) {
     const VXGuard guard(handle.closeMutex);
-    if (apr_socket_t* socket = handle.get()) apr_socket_shutdown(socket, APR_SHUTDOWN_READWRITE);
+    apr_socket_t* socket = handle.get();
+    if (socket && (!only || socket == only)) apr_socket_shutdown(socket, APR_SHUTDOWN_READWRITE);
 }
 
 }  // namespace vx

@@ -73,7 +73,8 @@ int vxlb_socket_fd(apr_socket_t* socket);  // the system's descriptor, -1 for nu
 void vxlb_shared_put(VXSharedSocket& handle, apr_socket_t* socket);
 // Closes and clears; a null handle is passed over. Only the owner of the read side calls it.
 void vxlb_shared_close(VXSharedSocket& handle);
-// shutdown() in both directions from any thread: the owner sees the end of the stream. No-op when null.
-void vxlb_shared_shutdown(VXSharedSocket& handle);
+// shutdown() in both directions from any thread: the owner sees the end of the stream. No-op when null, and
+// when a socket other than `only` stands there.
+void vxlb_shared_shutdown(VXSharedSocket& handle, const apr_socket_t* only = nullptr);
 
 }  // namespace vx

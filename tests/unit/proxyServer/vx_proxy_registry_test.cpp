@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
+#include "commonlibc/VXAgentLine.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -54,6 +58,24 @@ TEST_F(Registry, ClosesThreeConnectionsOfAProcessAndLeavesDiscovery) {
     running.control.controlThreadId = 1;
     proxyMemClean();
     EXPECT_TRUE(!made.identity.tierName && running.identity.tierName);
+}
+
+// A heartbeat that failed used to end the connection of the process that had the record by then.
+TEST_F(Registry, ASendThatFailedEndsNoConnectionThatCameSince) {
+    vxApplication& made = *makeInstance(1);
+    made.identity.numProcess = 1;
+    processInfo_t& record = *vxProcessRecord(made, 0);
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+        while (!stop) vxSendToAgent(record, "x", 1);
+    });
+    for (int i = 0; i < 2000; ++i) {
+        Agent agent = connect();
+        vxAttachSocket(record, VXConnection::kControl, agent.socket);
+        EXPECT_EQ(agent.peer.readBytes(1), "x") << i;
+    }
+    stop = true;
+    sender.join();
 }
 
 }  // namespace
