@@ -62,6 +62,9 @@ void startApr() {
 void setProxyDefaults() {
     VXLB_FREE(VXProxy.vxHomePath, "text copy", -1);
     VXLB_FREE(VXProxy.vxcHost, "text copy", -1);
+    for (const VXReadBuffer* buffer : {&VXProxy.controlBuf, &VXProxy.dataBuf, &VXProxy.discoveryBuf})
+        VXLB_FREE(buffer->buffer, "control buffer read_socket_buf", -1);
+    VXLB_FREE(VXProxy.threadOps.arrThreadOp, "arrThreadOp", -1);
     std::atomic<vxApplication*>* const attached = VXProxy.attached.load(std::memory_order_relaxed);
     const std::int32_t slots = VXProxy.instanceTableSize;
     std::destroy_at(&VXProxy);

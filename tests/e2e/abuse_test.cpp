@@ -16,7 +16,7 @@
 namespace vx::test {
 namespace {
 
-constexpr long kMaxGrowthKb = 4096;
+constexpr long kMaxGrowthKb = 4096 + kSanitizerGrowthKb;
 constexpr std::size_t kReadBuffer = 131072;
 
 // The same bytes in each run; every sixth or so means something to a parser of ours.

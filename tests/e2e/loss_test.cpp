@@ -15,7 +15,7 @@ namespace {
 
 using Kind = Fault::Kind;
 
-constexpr long kMaxGrowthKb = 2048;
+constexpr long kMaxGrowthKb = 2048 + kSanitizerGrowthKb;
 
 class Loss : public EndToEnd {
 protected:
