@@ -139,7 +139,7 @@ std::string defaultIn(const std::string& help) {
 
 TEST_F(CheckConfig, HelpAndOperatorsGuideNameEverySettingAndItsTrueDefault) {
     setenv("ZOR_APP_AGENT_VXCHOST", "h", 1);
-    ASSERT_EQ(runCheck(), kCheckPassed) << report;
+    ASSERT_EQ(vxCheckConfig(&report), kCheckPassed) << report;
     std::ostringstream guideText;
     guideText << std::ifstream(VX_SOURCE_DIR "/docs/operations.md").rdbuf();
     const std::string guide = guideText.str(), help = vxSettingsHelp();
