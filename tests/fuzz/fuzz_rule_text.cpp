@@ -9,7 +9,8 @@
 #include "tests/support/rule_context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    vx::vxApplication& app = vx::test::ruleContext();
+    const vx::test::RuleContext context;
+    vx::vxApplication& app = *context.app;
     const std::string text = vx::test::textOf(data, size);
     std::set<int> told;
     const auto base = size % 8 == 0 ? vx::VXRuleBuild::Base::kStart : vx::VXRuleBuild::Base::kInForce;

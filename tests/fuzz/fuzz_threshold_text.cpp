@@ -8,8 +8,9 @@
 #include "tests/support/rule_context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    vx::vxApplication& app = vx::test::ruleContext();
-    static const int declared =
+    const vx::test::RuleContext context;
+    const vx::vxApplication& app = *context.app;
+    const int declared =
         vx::vxbt_read_rule_file("7|A|2|0|/a|0\n7|B|3|0|/b|0\n7|Z|0|0|/z|0", vx::VXRuleSource::kText);
     vx::vxbt_read_threshold_file(vx::test::textOf(data, size).c_str(), vx::VXRuleSource::kText);
     vx::test::require(declared == 0);
