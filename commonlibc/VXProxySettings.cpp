@@ -22,7 +22,7 @@ using Verdict = VXSettingVerdict;
 constexpr int kMaxLine = 1023;
 constexpr int kMaxPort = 65535;
 constexpr int kUdpTimeoutWhenNone = 900;
-constexpr int kDefaultUDPThreads = 10, kMaxUDPThreads = 100;
+constexpr int kDefaultUDPThreads = 10;
 constexpr int kMaxMemMode = 2;
 constexpr int kMaxMemPct = 50;
 constexpr int kMinMemMB = 512, kMaxMemMB = 10240;

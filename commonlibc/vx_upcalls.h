@@ -38,6 +38,7 @@ namespace vx {
     X(create_lws_as_connection, bool(const char* host, int port))                                       \
     X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
     X(kill_lws_as_connection, void(void* wsi))                                                          \
+    X(markLongIdleTransactions, void())                                                                 \
     /* from business transactions, methods and monitors */                                              \
     X(resolveTransactionTag, void(vxTD * slot))                                                         \
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
@@ -79,8 +80,7 @@ namespace vx {
     X(initializeVXApplicationGlobal, void())                                                            \
     X(proxy_udp_handler, int(vxApplication * app))                                                      \
     X(vxProxyInitLws, void())                                                                           \
-    X(processThreadOps, void(VXThreadOpsQueue * queue))                                                 \
-    X(startMemoryWatch, void())
+    X(processThreadOps, void(VXThreadOpsQueue * queue))
 
 enum class VXUpcallName : std::size_t {
 #define VX_UPCALL_ENUM(name, ...) name,

@@ -90,6 +90,7 @@ vxTD* popFree(VXFlowpathState_t& state) {
     slot->free_next = slot->free_prev = nullptr;
     --pool.gFreeTLSCnt;
     ++pool.taken;
+    slot->busySerial.store(++pool.lastSerial, std::memory_order_relaxed);
     return slot;
 }
 
@@ -157,6 +158,7 @@ void free_tls_slot(vxTD* slot) {
     unlinkBusy(state, slot);
     slot->busy_next = slot->busy_prev = nullptr;
     slot->inUse.store(0, std::memory_order_relaxed);
+    slot->busySerial.store(0, std::memory_order_relaxed);
     pushFree(slot);
 }
 

@@ -84,6 +84,10 @@ struct alignas(kSlotAlignment) VXPerThreadData_t {
     std::int64_t startArgument;                  // -1 after reset
     std::int64_t startTimeUs;                    // Unix microseconds
     std::atomic<std::int64_t> lastActivityTime;  // ms in the instance's base
+    // Of this stay on a busy list, 0 on the free stack. Growing along a list, and never used again: whoever
+    // holds poolMutex or the decode lock of an instance and meets a serial that he saw on its list knows
+    // that the slot is there still.
+    std::atomic<std::uint64_t> busySerial;
     char* prevTierSeq;
     char* tierCalloutHeader;
     char* excepMessage;
@@ -133,10 +137,11 @@ struct VXSlotPool_t {
     std::mutex mutex;    // a leaf
     vxTD* gFreeTLSHead;  // a stack
     std::int32_t gFreeTLSCnt;
-    std::int32_t taken;     // slots in flight in all instances; at most maxSlots
-    std::int32_t g_tlsidx;  // next index, never reused
-    apr_pool_t* pool;       // the slots' mutexes
-    VXSlotBlock* blocks;    // all of them, newest first
+    std::int32_t taken;        // slots in flight in all instances; at most maxSlots
+    std::int32_t g_tlsidx;     // next index, never reused
+    std::uint64_t lastSerial;  // of the latest slot taken
+    apr_pool_t* pool;          // the slots' mutexes
+    VXSlotBlock* blocks;       // all of them, newest first
 };
 extern VXSlotPool_t VXSlotPool;
 
@@ -148,6 +153,7 @@ struct VXFlowpathState_t {
     std::atomic<std::int64_t> resetCounter;    // slots reset for their age
     std::atomic<std::uint64_t> startsRefused;  // startFP found no slot, since process start
     std::uint8_t ceilingTraced;                // maxSlots was met in this run; poolMutex
+    std::int32_t idleWalks;                    // walks over idle transactions since the last report of them
 };
 
 }  // namespace vx

@@ -15,6 +15,7 @@
 namespace vx {
 
 struct vxApplication;
+struct VXPerThreadData_t;
 
 inline constexpr std::int32_t kInstanceTableStart = 32;
 inline constexpr std::int32_t kInstanceTableStep = 16;
@@ -27,17 +28,23 @@ struct VXReadBuffer {
     std::int32_t size, readOffset, writeOffset, remaining;
 };
 
+inline constexpr std::int32_t kMaxUDPThreads = 100;
+
 // Operations queued for the thread that owns a flowpath.
 struct VXThreadOp {
     std::int32_t code;  // 0: reset a flowpath
     vxApplication* app;
-    std::int64_t flowpathInstance;
+    VXPerThreadData_t* slot;
+    std::uint64_t busySerial;  // the slot's when the operation was queued: another one says that it has gone
+    std::int64_t flowpathInstance;  // for traces
 };
+// Guards    mutex (a leaf): everything but `opCount`, which is written under it and read by any.
 struct VXThreadOpsQueue {
     std::atomic<std::uint16_t> opCount;
     std::uint16_t arrSize, workerId;
     VXThreadOp* arrThreadOp;
     apr_thread_mutex_t* mutex;
+    void (*wake)(VXThreadOpsQueue& queue);  // wakes the owner thread; null: it needs none
     std::uint32_t totalQueued, totalProcessed, processedNow, ignored;
 };
 
@@ -77,6 +84,7 @@ struct VXProxy_t {
     apr_pollset_t* pollset;
     VXReadBuffer controlBuf, dataBuf, discoveryBuf;
     VXThreadOpsQueue threadOps;                          // of the listener
+    VXThreadOpsQueue* workerOps[kMaxUDPThreads];         // of the UDP workers, by their index; or null
     std::atomic<std::atomic<vxApplication*>*> attached;  // attached-client table, as long as VXProxyInstance
     std::int32_t polledSockets;                          // entries of the pollset
     std::uint64_t socketsRefused;                        // closed because the pollset or a list was full
