@@ -106,6 +106,15 @@ void VXASSettingInit(VXSys_t& sys) {
     vx_word_set(sys.vxMonitorIntervalInSec, 10);
 }
 
+void setDigestDefaults(VXDigestSettings& settings, const VXDigestDefaults& defaults) {
+    std::uint64_t percentiles = 0;
+    for (std::int32_t slot = 0; slot < defaults.percentileSlots; ++slot)
+        percentiles = percentiles << 16 | kPercentileDefault;
+    settings.type.store(defaults.type, std::memory_order_relaxed);
+    settings.periodMs.store(defaults.periodMs, std::memory_order_relaxed);
+    settings.percentiles.store(percentiles, std::memory_order_relaxed);
+}
+
 // The proxy that an agent would take; the service itself only keeps the settings.
 void VXAgentSettingInit(VXSys_t& sys) {
     vxlb_copy_text(sys.proxyHost, sizeof(sys.proxyHost), kDefaultProxyHost);
@@ -150,6 +159,8 @@ void VXSysInit(const char* agentType) {
     setVXHome();
     setVxBuild();
     VXASSettingInit(app.VXSys);
+    setDigestDefaults(app.digest.bt, kDigestOfBt);
+    setDigestDefaults(app.digest.backend, kDigestOfBackend);
     VX_UPCALL(controlSockBufInit, app);
     for (const int ofResponse : {0, 1}) VX_UPCALL(initVXHttpReqRespCaptureSettings, ofResponse);
     VX_UPCALL(initVXDynamicSettings);
@@ -224,6 +235,7 @@ bool vxMakeContextMutexes(vxApplication& app) {
         &app.bt.btTagMutex,
         &app.bt.monitorMutex,
         &app.method.mapMutex,
+        &app.exceptionMonitor.mapMutex,
         &app.http.headerMutex,
         &app.control.outbox.mutex,
         &app.discovery.socket.closeMutex,

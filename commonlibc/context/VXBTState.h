@@ -16,6 +16,7 @@
 
 namespace vx {
 
+struct VXDigest;  // vxlb_tdigest.h
 struct VXMap;
 
 inline constexpr std::int32_t kBtIdOthers = 1;
@@ -80,7 +81,7 @@ struct VXBTMonitorDataCounters {
     VXBTCounters counters;  // guarded by mutex
     std::atomic<BTObject*> btObj;
     std::uint8_t isDirty, flag, digestUpdated, tagSent;
-    void* digests[2];
+    VXDigest* digest;  // made with the first value; null until then
     apr_thread_mutex_t* mutex;
     apr_thread_mutex_t* tagMutex;
 };

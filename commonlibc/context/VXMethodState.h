@@ -56,7 +56,7 @@ struct VXBackendMonitorDataCounters {
     std::int64_t invocationCount, callCount, errorCount, totalDuration, minDuration, maxDuration;
     std::atomic<mPP*> mpp;
     std::uint8_t isDirty, digestUpdated;
-    void* digest;
+    VXDigest* digest;  // made with the first value; null until then
     apr_thread_mutex_t* mutex;
 };
 // Method counters of one interval.

@@ -25,6 +25,8 @@
 #include "commonlibc/context/VXControlState.h"
 #include "commonlibc/context/VXDataState.h"
 #include "commonlibc/context/VXDecoderState.h"
+#include "commonlibc/context/VXDigestState.h"
+#include "commonlibc/context/VXExceptionMonitorState.h"
 #include "commonlibc/context/VXFileState.h"
 #include "commonlibc/context/VXIdentity.h"
 #include "commonlibc/context/VXKeywordState.h"
@@ -51,6 +53,8 @@ struct vxApplication {
     VXFlowpathState_t flowpath;
     VXBTState_t bt;
     VXMethodState_t method;
+    VXExceptionMonitorState_t exceptionMonitor;
+    VXDigestState_t digest;
     VXKeywordState_t keywords;
     VXFileState_t files;
     VXTierState_t tiers;
