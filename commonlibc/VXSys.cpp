@@ -243,6 +243,8 @@ bool vxMakeContextMutexes(vxApplication& app) {
     };
     bool allMade = true;
     for (apr_thread_mutex_t** mutex : mutexes) allMade = vxlb_make_mutex(*mutex, app.pool) && allMade;
+    for (VXExceptionTable_t& table : app.exceptions.tables)
+        allMade = vxlb_make_mutex(table.mutex, app.pool) && allMade;
     return allMade;
 }
 

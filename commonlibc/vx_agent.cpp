@@ -190,7 +190,6 @@ vxApplication* vxMakeRoot(const char* poolName, const char* processName, const c
     // A start after one that came to nothing goes on in the same files.
     if (use == VXRootUse::kService && !trace_log_key.load()) VXTraceInit(gProcessName, gPool);
     VXBCISettingInit();
-    for (std::uint32_t& counter : root->method.idCounters) counter = 1;
     readProxySettings(use);
     nameRoot(*root, poolName, agentType);
     readAgentSettings();

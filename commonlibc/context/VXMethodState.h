@@ -92,7 +92,6 @@ struct VXMethodState_t {
     VXAggregateArray<VXMethodMonitorDataCounters> methodArr;
     std::atomic<std::int32_t> enableBackendMonitor, enableMethodMonitor;
     char backendPrefix[1024], backendPrefixID[64], methodPrefix[1024], methodPrefixID[64];
-    std::uint32_t idCounters[6];  // the context's six id counters, started at 1
 };
 
 }  // namespace vx

@@ -27,6 +27,7 @@
 #include "commonlibc/context/VXDecoderState.h"
 #include "commonlibc/context/VXDigestState.h"
 #include "commonlibc/context/VXExceptionMonitorState.h"
+#include "commonlibc/context/VXExceptionState.h"
 #include "commonlibc/context/VXFileState.h"
 #include "commonlibc/context/VXIdentity.h"
 #include "commonlibc/context/VXKeywordState.h"
@@ -59,6 +60,7 @@ struct vxApplication {
     VXFileState_t files;
     VXTierState_t tiers;
     VXHttpState_t http;
+    VXExceptionState_t exceptions;
     VXDiscoveryState_t discovery;
     VXLossState_t losses;
     vxAppLogStruct_t vxAppLogStruct;

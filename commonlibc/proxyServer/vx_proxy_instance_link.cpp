@@ -52,7 +52,6 @@ void makeOnce(vxApplication& app) {
     if (app.flowpath.fpi_tls_map) return;
     initVXManageTIdToTLocal();
     app.flowpath.fpi_tls_map = create_hashmap(app.pool);
-    for (std::uint32_t& counter : app.method.idCounters) counter = 1;
 }
 
 bool makePoolAndMutexes(vxApplication& app) {
