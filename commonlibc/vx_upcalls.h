@@ -30,6 +30,7 @@ namespace vx {
     X(freeTagStructures, void())                                                                        \
     X(dropResetQueueOfInstance, void(vxApplication*))                                                   \
     X(clearBtMetaDataFlags, void())                                                                     \
+    X(clearHeaderMetaDataFlags, void())                                                                 \
     X(replayMetaData, void())                                                                           \
     X(create_lws_data_connection, bool(const char* host, int port))                                     \
     X(send_data_via_lws_socket, int(const char* data, std::int32_t length))                             \
@@ -40,7 +41,8 @@ namespace vx {
     X(kill_lws_as_connection, void(void* wsi))                                                          \
     X(markLongIdleTransactions, void())                                                                 \
     /* from business transactions, methods and monitors */                                              \
-    X(resolveTransactionTag, void(vxTD * slot))                                                         \
+    X(resolveTransactionTag,                                                                            \
+      void(vxTD * slot, const char* name, const char* value, std::int32_t btId, std::int32_t kind))     \
     X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
     X(digestAddBackend, void(VXBackendMonitorDataCounters * slot, std::int64_t duration))               \
     /* from the engine and the decoder */                                                               \

@@ -29,6 +29,7 @@
 #include "commonlibc/context/VXExceptionMonitorState.h"
 #include "commonlibc/context/VXExceptionState.h"
 #include "commonlibc/context/VXFileState.h"
+#include "commonlibc/context/VXHttpState.h"
 #include "commonlibc/context/VXIdentity.h"
 #include "commonlibc/context/VXKeywordState.h"
 #include "commonlibc/context/VXMethodState.h"
@@ -61,6 +62,7 @@ struct vxApplication {
     VXTierState_t tiers;
     VXHttpState_t http;
     VXExceptionState_t exceptions;
+    VXSessionState_t session;
     VXDiscoveryState_t discovery;
     VXLossState_t losses;
     vxAppLogStruct_t vxAppLogStruct;

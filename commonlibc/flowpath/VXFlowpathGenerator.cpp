@@ -30,6 +30,7 @@ namespace {
 constexpr std::size_t kHttpMethodSize = 20;  // with terminator
 constexpr std::size_t kChainSize = 4096;
 constexpr std::uint8_t kEndReasonTestStop = 7;
+constexpr std::int32_t kUrlTag = 1;  // kind of a tag whose value stands in the URL's parameters
 constexpr std::size_t kBeginRequestLength = std::string_view(kBeginRequestName).size();
 
 // The first argument of a start: a caller's chain brings no number of its own.
@@ -88,8 +89,9 @@ void decideSession(const vxApplication& app, vxTD* slot, const char* vxCookie) {
 }
 
 void resolveTags(const vxApplication& app, vxTD* slot) {
-    if (vx_word_get(app.VXSys.tagsEnabled) && slot->tlBTObj && slot->tlBTObj->btId.load() > 0)
-        VX_UPCALL(resolveTransactionTag, slot);
+    if (!vx_word_get(app.VXSys.tagsEnabled) || !slot->tlBTObj) return;
+    const std::int32_t btId = slot->tlBTObj->btId.load(std::memory_order_relaxed);
+    if (btId > 0) VX_UPCALL(resolveTransactionTag, slot, slot->uRLParameters, nullptr, btId, kUrlTag);
 }
 
 void openFirstItem(const vxApplication& app, vxTD* slot, const VXStartArguments& start) {

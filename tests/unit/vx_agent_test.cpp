@@ -15,7 +15,7 @@ namespace {
 // Calls upward that no unit serves yet; a unit that is added takes its names off this list.
 std::istringstream stillEmpty(R"(
     HandleVexalineMessage SendMessageOnUDPSocket VXExceptionMonitorInit VXThreadMonitorInit
-    addMethodInHash check_captureAppLog_thread createVectorPrefixException create_lws_as_connection
+    addMethodInHash check_captureAppLog_thread clearHeaderMetaDataFlags createVectorPrefixException create_lws_as_connection
     create_lws_control_connection create_lws_data_connection digestAddBackend digestAddBt
     dropResetQueueOfInstance freeTagHashLists freeUDPConnections get_file_from_VXC_lws
     get_inst_profile_lws handleExceptionParameters handleUploadDownload initVXDynamicSettings
