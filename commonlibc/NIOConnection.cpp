@@ -127,7 +127,7 @@ void get_as_ip_and_port() {
 
 void closeAutoSensorConnection() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
-    void* wsi = sensor.asWsi.exchange(nullptr);
+    VXLwsConnection* wsi = sensor.asWsi.exchange(nullptr);
     vxCloseLink(linkOf(sensor), sensor.chain, vxlb_now_us() + kSettleTimeUs);
     if (wsi) VX_UPCALL(kill_lws_as_connection, wsi);
 }

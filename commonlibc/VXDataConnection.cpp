@@ -132,7 +132,7 @@ void close_data_connection() {
     vxApplication* app = vxCurrent();
     VXDataState_t& data = app->data;
     VX_UPCALL(dropResetQueueOfInstance, app);
-    void* wsi = data.dataWsi.exchange(nullptr);
+    VXLwsConnection* wsi = data.dataWsi.exchange(nullptr);
     VX_TRACE(1, kControlThread, kInfo, "Going to close Data connection of %s:%d with %s:%d.\n",
              data.dataConnSourceIP, data.dataConnSourcePort, data.dataConnDestIP, data.dataConnDestPort);
     data.controlCommunicationBusyFlag.store(0, std::memory_order_release);

@@ -34,11 +34,11 @@ namespace vx {
     X(replayMetaData, void())                                                                           \
     X(create_lws_data_connection, bool(const char* host, int port))                                     \
     X(send_data_via_lws_socket, int(const char* data, std::int32_t length))                             \
-    X(kill_lws_data_connection, void(void* wsi))                                                        \
+    X(kill_lws_data_connection, void(VXLwsConnection * wsi))                                            \
     /* from the auto-sensor channel */                                                                  \
     X(create_lws_as_connection, bool(const char* host, int port))                                       \
     X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
-    X(kill_lws_as_connection, void(void* wsi))                                                          \
+    X(kill_lws_as_connection, void(VXLwsConnection * wsi))                                              \
     X(markLongIdleTransactions, void())                                                                 \
     /* from business transactions, methods and monitors */                                              \
     X(resolveTransactionTag,                                                                            \

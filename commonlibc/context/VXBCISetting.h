@@ -45,6 +45,8 @@ struct VXBCISetting_t {
     std::atomic<std::int32_t> protoVer;
     std::atomic<std::int32_t> testRunIndex;  // testIdx; also Server's view of it
     std::atomic<std::int64_t> discoveryConnectionId;
+    std::atomic<std::int32_t> tlsVerify;  // 1: the collector's certificate and name are checked
+    std::atomic<std::int32_t> rawWsPath;  // 1: the WebSocket path has no "/" in front
     // Settings; written by the settings passes (start-up, then the control thread), read there.
     std::int32_t logRetentionDays, stackSize, autoScalingMode, saasMode, saasPort, envConfigured;
     std::uint8_t portGiven, protocolGiven, tierFixed, instanceAsTier;
@@ -52,6 +54,7 @@ struct VXBCISetting_t {
     std::int64_t lastModifiedDate, prevFileSize;  // of the settings file, as last read
     VXSharedText attributes, tags;                // JSON
     VXSharedText tierAttr;
+    VXSharedText tlsCaFile;  // certificates to check with; unset: the system's
     VXSharedText endPointPrefix, SaasHost, projectKey, authtoken;
     char criticalFiles[kCriticalFilesSize];  // control thread: keywords, each between commas
 };

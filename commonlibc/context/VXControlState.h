@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "commonlibc/context/VXLwsState.h"
 #include "commonlibc/context/VXSharedSocket.h"
 
 namespace vx {
@@ -30,13 +31,15 @@ struct ctrlBufInfo_t {
 };
 
 // Texts for the collector that other threads leave: the control thread, which owns the connection, sends
-// them. `poll` is that of the connection's read loop, to be woken; null while there is none.
+// them. `poll` is that of the connection's read loop, to be woken, or `lws`
+// the connection; both null while there is none.
 // Guards    mutex (a leaf): everything.
 struct VXOutbox_t {
     apr_thread_mutex_t* mutex;
     char* text;  // kOutboxSize bytes, made with the first text
     std::int32_t length;
     apr_pollset_t* poll;
+    VXLwsConnection* lws;
     std::uint64_t dropped;  // texts that found no room
 };
 
@@ -44,6 +47,7 @@ struct VXControlState_t {
     ctrlBufInfo_t ctrlBufInfo;
     VXOutbox_t outbox;
     VXSharedSocket controlSocket;
+    VXLwsHandle controlWsi;
     std::atomic<std::uint8_t> lws_active;                // 1: the links run over libwebsockets
     std::atomic<std::int32_t> ActiveAgentProtocolIndex;  // 1 TCP, 2 WS, 3 WSS
     std::uint8_t retryCount;                             // attempts before a failover

@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "commonlibc/context/VXLwsState.h"
 #include "commonlibc/context/VXSharedSocket.h"
 
 namespace vx {
@@ -60,8 +61,8 @@ struct VXDataState_t {
     apr_pool_t* connectionPool;  // one connect attempt and its connection (data thread)
     std::atomic<std::uint8_t> data_thread_running;
     std::atomic<std::uint8_t> controlCommunicationBusyFlag;
-    VXSharedSocket dataSocket;                      // data thread puts and closes
-    std::atomic<void*> dataWsi;                     // libwebsockets connection, or null
+    VXSharedSocket dataSocket;  // data thread puts and closes
+    VXLwsHandle dataWsi;
     char dataConnSourceIP[16], dataConnDestIP[16];  // data thread only, for trace
     std::int32_t dataConnSourcePort, dataConnDestPort;
     std::atomic<std::int32_t> dataConnFailCount;
@@ -82,8 +83,8 @@ struct VXAutoSensorState_t {
     std::atomic<std::uint8_t> autoSensor_thread_running;
     std::atomic<std::uint8_t> asStopFlag;
     std::atomic<std::uint8_t> breakFlag;
-    VXSharedSocket asSocket;        // auto-sensor thread puts and closes
-    std::atomic<void*> asWsi;       // libwebsockets connection, or null
+    VXSharedSocket asSocket;  // auto-sensor thread puts and closes
+    VXLwsHandle asWsi;
     char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;
     std::int32_t curBuffers;       // nodes of the chain; dumpMutex
@@ -101,6 +102,7 @@ struct VXLossState_t {
 // The connection on which the collector receives a class list. Listener only.
 struct VXDiscoveryState_t {
     VXSharedSocket socket;
+    VXLwsHandle discoveryWsi;
     apr_pool_t* pool;  // of one connection
 };
 

@@ -32,6 +32,7 @@
 #include "commonlibc/context/VXHttpState.h"
 #include "commonlibc/context/VXIdentity.h"
 #include "commonlibc/context/VXKeywordState.h"
+#include "commonlibc/context/VXLwsState.h"
 #include "commonlibc/context/VXMethodState.h"
 #include "commonlibc/context/VXPerThreadData.h"
 #include "commonlibc/context/VXProxyState.h"
@@ -65,6 +66,7 @@ struct vxApplication {
     VXSessionState_t session;
     VXDiscoveryState_t discovery;
     VXLossState_t losses;
+    VXLwsState_t lws;
     vxAppLogStruct_t vxAppLogStruct;
     VXAutoInstrumentation_t VXAutoInstrumentation;
     VXFlowpathGenerator_t VXFlowpathGenerator;

@@ -9,29 +9,18 @@ namespace vx::test {
 inline void freeSharedTexts(vxApplication& app) {
     VXSys_t& sys = app.VXSys;
     VXBCISetting_t& setting = app.VXBCISetting;
-    for (VXSharedText* text : {&sys.vxHomePath,
-                               &sys.sessionCookieName,
-                               &sys.correlationIDHeader,
-                               &sys.vxBuild,
-                               &setting.agentType,
-                               &setting.agentVersion,
-                               &setting.agentAppName,
-                               &setting.tierName,
-                               &setting.vxAppServerHost,
-                               &setting.appName,
-                               &setting.encodedTierName,
-                               &setting.encodedServerName,
-                               &setting.encodedAppName,
-                               &setting.vxcHost,
-                               &setting.attributes,
-                               &setting.tags,
-                               &setting.tierAttr,
-                               &setting.endPointPrefix,
-                               &setting.SaasHost,
-                               &setting.projectKey,
-                               &setting.authtoken,
-                               &app.session.vxCookieName,
-                               &app.session.cookieDomainName})
+    for (VXSharedText* text : {&sys.vxHomePath,           &sys.sessionCookieName,
+                               &sys.correlationIDHeader,  &sys.vxBuild,
+                               &setting.agentType,        &setting.agentVersion,
+                               &setting.agentAppName,     &setting.tierName,
+                               &setting.vxAppServerHost,  &setting.appName,
+                               &setting.encodedTierName,  &setting.encodedServerName,
+                               &setting.encodedAppName,   &setting.vxcHost,
+                               &setting.attributes,       &setting.tags,
+                               &setting.tierAttr,         &setting.endPointPrefix,
+                               &setting.SaasHost,         &setting.projectKey,
+                               &setting.authtoken,        &setting.tlsCaFile,
+                               &app.session.vxCookieName, &app.session.cookieDomainName})
         setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);
     VXLB_FREE(app.collectors.vxc_server_arr, "vxc_server_arr", -1);
