@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "commonlibc/vxlb_clock.h"
@@ -20,8 +21,21 @@ struct AccessLogOptions {
 };
 
 struct Counts {
-    std::uint64_t lines = 0, broken = 0, transactions = 0, skipped = 0, callouts = 0;
+    std::uint64_t lines = 0, broken = 0, transactions = 0, skipped = 0, callouts = 0, exceptions = 0;
 };
+
+struct FailureRow {
+    int status;
+    const char *name, *message;
+};
+constexpr int kFailureFrom = 500;
+constexpr auto kFailures = std::to_array<FailureRow>({
+    {500, "InternalServerError", "the request could not be handled"},
+    {502, "BadGateway", "a server behind did not answer as it should"},
+    {503, "ServiceUnavailable", "not to be had for the time being"},
+    {504, "GatewayTimeout", "a server behind did not answer in time"},
+});
+constexpr FailureRow kOtherFailure{0, "ServerError", "the request failed"};
 
 void leave(vxagent* agent, std::int64_t number, const std::string& name, int status, std::int64_t wallUs,
            std::int64_t endUs) {
@@ -55,6 +69,55 @@ void reportUpstreams(vxagent* agent, std::int64_t number, const LogLine& line, c
     }
 }
 
+const FailureRow& failureOf(int status) {
+    const auto* const found = std::find_if(kFailures.begin(), kFailures.end(),
+                                           [status](const FailureRow& row) { return row.status == status; });
+    return found == kFailures.end() ? kOtherFailure : *found;
+}
+
+// A request that the server answers with 5xx failed by an exception, whose stack are the servers asked and
+// the request itself.
+void reportFailure(vxagent* agent, std::int64_t number, const LogLine& line, const std::string& label,
+                   const std::string& method, std::int64_t end) {
+    const FailureRow& failure = failureOf(line.status);
+    const std::string name = label + "." + failure.name;
+    std::string stack;
+    for (std::size_t i = line.upstreamCount; i-- > 0;)
+        stack.append(label)
+            .append(".upstream(")
+            .append(line.upstreams[i].address)
+            .append(") answered ")
+            .append(std::to_string(line.upstreams[i].status))
+            .append("\n");
+    stack.append(method).append("(").append(line.url.substr(0, line.url.find('?'))).append(")\n");
+    stack.append(label).append(".request");
+    vxagent_exception exception{};
+    exception.class_name = name.c_str();
+    exception.message = failure.message;
+    exception.throwing_class = label.c_str();
+    exception.method = method.c_str();
+    exception.stack_trace = stack.c_str();
+    exception.time_us = end;
+    vxagent_report_exception(agent, number, &exception);
+}
+
+void reportHeaders(vxagent* agent, std::int64_t number, const LogLine& line, bool ofResponse) {
+    std::vector<std::string> values;
+    values.reserve(line.headers.size());
+    std::vector<vxagent_header> headers;
+    for (const LogHeader& header : line.headers) {
+        if (header.ofResponse != ofResponse) continue;
+        values.push_back(plainText(header.value));
+        headers.push_back({header.name.c_str(), values.back().c_str()});
+    }
+    if (headers.empty()) return;
+    if (ofResponse) {
+        vxagent_response_headers(agent, number, line.status, headers.data(), headers.size());
+    } else {
+        vxagent_request_headers(agent, number, headers.data(), headers.size());
+    }
+}
+
 // A request is one method that holds another, named by the request's method: "nginx.request", "nginx.GET".
 // What was asked of other servers stands inside: "nginx.upstream".
 void report(vxagent* agent, const LogLine& line, const std::string& label, Counts& counts) {
@@ -69,9 +132,15 @@ void report(vxagent* agent, const LogLine& line, const std::string& label, Count
     ++(number ? counts.transactions : counts.skipped);
     if (!number) return;
     counts.callouts += line.upstreamCount;
+    reportHeaders(agent, number, line, false);
     vxagent_enter(agent, number, outer.c_str(), start);
     vxagent_enter(agent, number, inner.c_str(), start);
     reportUpstreams(agent, number, line, label, start, end);
+    if (line.status >= kFailureFrom) {
+        ++counts.exceptions;
+        reportFailure(agent, number, line, label, inner, end);
+    }
+    reportHeaders(agent, number, line, true);
     leave(agent, number, inner, line.status, line.durationUs, end);
     leave(agent, number, outer, line.status, line.durationUs, end);
     vxagent_end(agent, number, line.status, end, 0);
@@ -94,14 +163,13 @@ void printCounts(const vxagent* agent, const Counts& counts) {
     vxagent_statistics now;
     vxagent_get_statistics(agent, &now);
     std::printf(
-        "lines=%llu transactions=%llu callouts=%llu skipped=%llu broken=%llu records=%llu bytes=%llu "
-        "dropped=%llu "
-        "reconnects=%llu\n",
+        "lines=%llu transactions=%llu callouts=%llu exceptions=%llu skipped=%llu broken=%llu records=%llu "
+        "bytes=%llu dropped=%llu reconnects=%llu\n",
         static_cast<unsigned long long>(counts.lines), static_cast<unsigned long long>(counts.transactions),
-        static_cast<unsigned long long>(counts.callouts), static_cast<unsigned long long>(counts.skipped),
-        static_cast<unsigned long long>(counts.broken), static_cast<unsigned long long>(now.sent_records),
-        static_cast<unsigned long long>(now.sent_bytes), static_cast<unsigned long long>(now.dropped),
-        static_cast<unsigned long long>(now.reconnects));
+        static_cast<unsigned long long>(counts.callouts), static_cast<unsigned long long>(counts.exceptions),
+        static_cast<unsigned long long>(counts.skipped), static_cast<unsigned long long>(counts.broken),
+        static_cast<unsigned long long>(now.sent_records), static_cast<unsigned long long>(now.sent_bytes),
+        static_cast<unsigned long long>(now.dropped), static_cast<unsigned long long>(now.reconnects));
 }
 
 int followLog(vxagent* agent, const AccessLogOptions& options) {
@@ -133,9 +201,11 @@ int runAccessLog(int argc, char** argv) {
     given.common.agent = "nginx";
     std::vector<Option> options = {
         {"--file", "FILE",
-         "the log: combined format with the request's seconds as last field; fields like "
-         "upstream_addr=\"..\" in "
-         "front of them (also upstream_status, upstream_response_time) make callouts",
+         "the log: combined format with the request's seconds as last field. Fields like "
+         "upstream_addr=\"..\" "
+         "in front of them (also upstream_status, upstream_response_time) make callouts, http_NAME=\"..\" "
+         "and "
+         "sent_http_NAME=\"..\" headers; a status of 500 and above comes with an exception",
          OptionKind::kText, &given.file, true},
         {"--follow", nullptr, "reports what is written from now on, until a signal", OptionKind::kFlag,
          &given.follow},

@@ -145,6 +145,7 @@ void print(const char* head, std::int64_t number, const Report& report) {
     field("callouts", report.traffic.callouts);
     field("exceptions", report.traffic.exceptions);
     field("chained", report.traffic.chained);
+    field("headers", report.traffic.headers);
     field("started", report.started);
     std::printf(" seconds=%.3f\n", report.seconds);
 }
@@ -154,6 +155,7 @@ void add(Report& total, const Report& report) {
     total.traffic.callouts += report.traffic.callouts;
     total.traffic.exceptions += report.traffic.exceptions;
     total.traffic.chained += report.traffic.chained;
+    total.traffic.headers += report.traffic.headers;
     total.records += report.records;
     total.bytes += report.bytes;
     total.dropped += report.dropped;
@@ -235,6 +237,10 @@ int runLoad(int argc, char** argv) {
          &shape.calloutErrorPct, false, 0, 100},
         {"--exceptions", "PERCENT", "methods and callouts that an exception ends (0)", OptionKind::kNumber,
          &shape.exceptionPct, false, 0, 100},
+        {"--exception-classes", "N", "different exceptions (5)", OptionKind::kCount, &shape.exceptionClasses,
+         false, 1, 1e6},
+        {"--headers", "PERCENT", "transactions with request and response headers (0)", OptionKind::kNumber,
+         &shape.headerPct, false, 0, 100},
         {"--chains", "PERCENT", "transactions that another tier has called (0)", OptionKind::kNumber,
          &shape.chainPct, false, 0, 100},
         {"--callers", "N", "different callers of those (3)", OptionKind::kCount, &shape.callers, false, 1,

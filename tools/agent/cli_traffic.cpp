@@ -1,6 +1,7 @@
 #include "tools/agent/cli_traffic.h"
 
 #include <array>
+#include <cstdio>
 
 #include "commonlibc/vxlb_clock.h"
 
@@ -9,6 +10,8 @@ namespace {
 
 constexpr auto kAreas = std::to_array<const char*>({"shop", "account", "search", "admin", "api"});
 constexpr auto kClasses = std::to_array<const char*>({"Cart", "Order", "User", "Catalog", "Payment", "Mail"});
+constexpr auto kExceptions =
+    std::to_array<const char*>({"Timeout", "OutOfStock", "InvalidState", "NotFound", "Refused"});
 constexpr int kStatusOk = 200, kStatusError = 500;
 constexpr double kSlowFromMs = 3000, kSlowToMs = 8000;
 
@@ -57,7 +60,14 @@ void Traffic::report(vxagent* agent) {
     if (!number) return;
     ++counts_.transactions;
     counts_.chained += !chain.empty();
+    const bool headers = happens(shape_.headerPct);
+    counts_.headers += headers;
+    if (headers) reportRequestHeaders(agent, number);
     reportCalls(agent, number, transaction.start_us, durationUs);
+    if (headers) {
+        const vxagent_header type{"Content-Type", "text/html; charset=utf-8"};
+        vxagent_response_headers(agent, number, status, &type, 1);
+    }
     vxagent_end(agent, number, status, endUs, durationUs / 4);
 }
 
@@ -114,11 +124,40 @@ void Traffic::reportCallout(vxagent* agent, std::int64_t transaction, Clock& clo
     leave(agent, transaction, method);
 }
 
+// Beside the usual ones the trace context that a caller passes on.
+void Traffic::reportRequestHeaders(vxagent* agent, std::int64_t transaction) {
+    const unsigned long high = lot_() | 1U, low = lot_(), span = lot_() | 1U;
+    char trace[64];
+    std::snprintf(trace, sizeof(trace), "00-%016lx%016lx-%016lx-01", high, low, span);
+    const auto headers = std::to_array<vxagent_header>({{"Host", "shop.example"},
+                                                        {"User-Agent", "load/1 (a, b; c=d & e)"},
+                                                        {"Accept", "text/html,*/*;q=0.8"},
+                                                        {"traceparent", trace}});
+    vxagent_request_headers(agent, transaction, headers.data(), headers.size());
+}
+
+void Traffic::reportException(vxagent* agent, std::int64_t transaction, const vxagent_method& method) {
+    const std::uint64_t number = lot_() % static_cast<unsigned>(shape_.exceptionClasses);
+    const std::string name = "com.example." + std::string(kExceptions[number % kExceptions.size()]) +
+                             "Exception" + std::to_string(number),
+                      stack = std::string(method.name) + "(Shop.java:" + std::to_string(number + 1) +
+                              ")\ncom.example.Dispatcher.serve(Dispatcher.java:12)";
+    vxagent_exception exception{};
+    exception.class_name = name.c_str();
+    exception.message = "it did not work out, as drawn by lot";
+    exception.throwing_class = "com.example.Shop";
+    exception.method = method.name;
+    exception.stack_trace = stack.c_str();
+    exception.time_us = method.end_us;
+    vxagent_report_exception(agent, transaction, &exception);
+}
+
 void Traffic::leave(vxagent* agent, std::int64_t transaction, const vxagent_method& method) {
     vxagent_method left = method;
     left.cpu_us = method.wall_us / 4;
     if (happens(shape_.exceptionPct)) {
         ++counts_.exceptions;
+        reportException(agent, transaction, left);
         vxagent_leave_by_exception(agent, transaction, &left);
     } else {
         vxagent_leave(agent, transaction, &left);

@@ -1,7 +1,8 @@
 // Traffic of vxagent load: transactions of random shape, the same for one seed.
 //
 // A transaction's times lie behind it: it ends now and began as long ago as its drawn duration. Its methods
-// are nested up to `depth` and share that time evenly; callouts stand inside them at even distances.
+// are nested up to `depth` and share that time evenly; callouts stand inside them at even distances. What an
+// exception ends reports that exception first.
 //
 // Threads   One per generator.
 #pragma once
@@ -24,6 +25,8 @@ struct TrafficShape {
     double backends = 3;               // of a kind of callout
     double calloutErrorPct = 5;        // callouts of status 500
     double exceptionPct = 0;           // methods and callouts that an exception ends
+    double exceptionClasses = 5;       // different ones
+    double headerPct = 0;              // transactions with request and response headers
     double chainPct = 0;               // transactions that another tier has called
     double callers = 3;                // different ones
     CalloutMix mix{4, 3, 2, 1};
@@ -31,7 +34,7 @@ struct TrafficShape {
 
 // Of the transactions that were taken.
 struct TrafficCounts {
-    std::uint64_t transactions = 0, callouts = 0, exceptions = 0, chained = 0;
+    std::uint64_t transactions = 0, callouts = 0, exceptions = 0, chained = 0, headers = 0;
 };
 
 class Traffic {
@@ -53,6 +56,8 @@ private:
     void openMethod(vxagent* agent, std::int64_t transaction, Clock& clock);
     void closeMethod(vxagent* agent, std::int64_t transaction, Clock& clock);
     void reportCallout(vxagent* agent, std::int64_t transaction, Clock& clock);
+    void reportRequestHeaders(vxagent* agent, std::int64_t transaction);
+    void reportException(vxagent* agent, std::int64_t transaction, const vxagent_method& method);
     void leave(vxagent* agent, std::int64_t transaction, const vxagent_method& method);
 
     const TrafficShape shape_;

@@ -10,9 +10,11 @@
  *     int64_t tx = vxagent_begin(agent, &(vxagent_transaction){.url = "/cart", .method = "GET"});
  *     vxagent_enter(agent, tx, "Cart.show", 0);
  *     vxagent_enter(agent, tx, "Db.query", 0);
+ *     vxagent_report_exception(agent, tx, &(vxagent_exception){.class_name = "Db.Timeout",
+ *                                                              .method = "Db.query"});
  *     vxagent_leave(agent, tx, &(vxagent_method){.name = "Db.query", .backend = "orders:5432", .wall_us =
- * 900}); vxagent_leave(agent, tx, &(vxagent_method){.name = "Cart.show", .status = 200, .wall_us = 1500});
- *     vxagent_end(agent, tx, 200, 0, 0);
+ * 9}); vxagent_leave(agent, tx, &(vxagent_method){.name = "Cart.show", .status = 200, .wall_us = 1500});
+ *     vxagent_end(agent, tx, 500, 0, 0);
  *
  *     vxagent_close(agent, 1000);
  *
@@ -24,8 +26,11 @@
  * with some jitter: when the proxy goes away, and when it closes the data connection because no collector
  * takes data. What was on its way then is lost.
  *
- * Units     Times are microseconds since the Unix epoch, durations microseconds; 0 means now.
- * Limits    A record is at most 10,000 bytes; one that is longer counts as dropped.
+ * Units     Times are microseconds since the Unix epoch, durations microseconds; 0 means now. On the wire an
+ *           exception's time is in milliseconds since the Unix epoch (`exceptionTime`), so that it comes out
+ *           in seconds like the start of its transaction; all other times there are microseconds.
+ * Limits    A record is at most 10,000 bytes; one that is longer counts as dropped. A stack trace is cut to
+ *           what its record has room for, and headers beyond that are left out.
  * Errors    vxagent_open() answers null; no other call fails. A null agent is passed over.
  * Lifetime  A process opens its agents after fork(), not before. Texts are copied.
  * Threads   Any thread may report; vxagent_close() comes last.
@@ -79,6 +84,23 @@ typedef struct vxagent_method {
     int64_t callout_sequence; /* 0: one of the library's own */
 } vxagent_method;
 
+typedef struct vxagent_exception {
+    const char* class_name;
+    const char* message;        /* may be null */
+    const char* throwing_class; /* may be null */
+    const char* method;      /* that threw it, by the name it was entered with; without one it is ignored */
+    const char* cause;       /* may be null */
+    const char* stack_trace; /* innermost frame first, one a line; may be null */
+    int number;              /* passed on as it is; 0: none */
+    int64_t time_us;
+    int64_t thread_id; /* 0: that of the calling thread */
+} vxagent_exception;
+
+typedef struct vxagent_header {
+    const char* name; /* one without a name, or whose name holds "=", "$" or a separator, is left out */
+    const char* value;
+} vxagent_header;
+
 enum vxagent_state {
     VXAGENT_OFFLINE = 0,    /* no proxy */
     VXAGENT_CONNECTED = 1,  /* registered; the proxy does not want records */
@@ -116,6 +138,14 @@ void vxagent_enter(vxagent* agent, int64_t transaction, const char* name, int64_
 void vxagent_leave(vxagent* agent, int64_t transaction, const vxagent_method* method);
 /* Leaves a method that an exception ends, which counts as status 503. */
 void vxagent_leave_by_exception(vxagent* agent, int64_t transaction, const vxagent_method* method);
+/* An exception inside the transaction, caught or not; leaving the methods that it ends is reported apart. */
+void vxagent_report_exception(vxagent* agent, int64_t transaction, const vxagent_exception* exception);
+/* The headers of the request, as soon as they are known, and those of the response. The bytes that separate
+ * headers on the wire ("&"; "|" for Python, 0x7F for go) are percent-encoded in values. */
+void vxagent_request_headers(vxagent* agent, int64_t transaction, const vxagent_header* headers,
+                             size_t count);
+void vxagent_response_headers(vxagent* agent, int64_t transaction, int status, const vxagent_header* headers,
+                              size_t count);
 /* Ends the transaction; its number is not used again. */
 void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us);
 

@@ -9,6 +9,7 @@
 #include "commonlibc/vxlb_encode.h"
 #include "commonlibc/vxlb_writer.h"
 #include "tools/agent/vxagent.h"
+#include "tools/agent/vxagent_headers.h"
 #include "tools/agent/vxagent_session.h"
 
 using vx::VXWireText;
@@ -24,10 +25,12 @@ using vx::agent::Urgency;
 struct vxagent {
     vxagent(Identity identity, const vxagent_options& options)
         : pid(identity.pid),
+          separators(vx::agent::headerSeparators(identity.agentType)),
           session(std::move(identity), options.queue_bytes, options.retry_max_ms),
           sequence(static_cast<std::uint64_t>(vx::vxlb_now_us())) {}
 
     const std::int64_t pid;
+    const vx::agent::HeaderSeparators separators;
     Session session;
     std::atomic<std::uint64_t> sequence;
     std::atomic<std::uint64_t> begun{0}, refused{0};
@@ -44,6 +47,9 @@ constexpr int kSequenceBits = 46;
 constexpr std::uint64_t kSequenceMask = (std::uint64_t{1} << kSequenceBits) - 1;
 constexpr std::uint64_t kProcessMask = 0xFFFF, kProcessBase = 0x10000;
 constexpr std::size_t kUrlMax = 4096;
+constexpr std::size_t kExceptionFixed = 52, kHeadersFixed = 40;  // of the records' fixed parts
+constexpr std::size_t kHeadersMax =
+    vx::agent::kRecordMax - vx::kFrameOverhead - kHeadersFixed - sizeof("resp") + 1;
 
 VXWireText wire(const char* text) {
     return {text, text ? std::strlen(text) : 0};
@@ -82,6 +88,33 @@ VXWireText urlWithMethod(const vxagent_transaction& transaction, char* out, std:
     }
     if (transaction.method && *transaction.method) text.put('|').text(transaction.method);
     return {out, text.length()};
+}
+
+// As much of the stack trace, in whole lines where it has any, as the record has room for.
+void cutStackTrace(vx::VXExceptionRecord& exception) {
+    std::size_t used = vx::kFrameOverhead + kExceptionFixed;
+    for (const VXWireText* text : {&exception.className, &exception.message, &exception.throwingClassName,
+                                   &exception.throwingMethodName, &exception.cause})
+        used += text->length;
+    VXWireText& stack = exception.stackTrace;
+    const std::size_t room = vx::agent::kRecordMax - std::min(used, vx::agent::kRecordMax);
+    if (stack.length <= room) return;
+    stack.length = room;
+    while (stack.length && stack.data[stack.length - 1] != '\n') --stack.length;
+    if (!stack.length) stack.length = room;
+}
+
+void reportHeaders(vxagent* agent, std::int64_t transaction, int status, const char* type,
+                   const vxagent_header* headers, std::size_t count) {
+    if (!reports(agent, transaction) || (count && !headers)) return;
+    char text[kHeadersMax];
+    vx::VXHttpRecord http{};
+    http.flowpathInstance = transaction;
+    http.status = status;
+    http.type = wire(type);
+    http.buffer = {text, vx::agent::joinHeaders(agent->separators, headers, count, text, sizeof(text))};
+    put(*agent, Urgency::kOrdinary,
+        [&http](char* out, std::size_t size) { return vx::transactionEncodeHttp(out, size, http); });
 }
 
 bool validOptions(const vxagent_options& options) {
@@ -186,6 +219,34 @@ void vxagent_leave_by_exception(vxagent* agent, int64_t transaction, const vxage
     exit.endTime = timeOr(method->end_us);
     put(*agent, Urgency::kOrdinary,
         [&exit](char* out, std::size_t size) { return vx::ExceptionMethodExitEncode(out, size, exit); });
+}
+
+void vxagent_report_exception(vxagent* agent, int64_t transaction, const vxagent_exception* given) {
+    if (!reports(agent, transaction) || !given) return;
+    vx::VXExceptionRecord exception{};
+    exception.exceptionInt = given->number;
+    exception.flowpathInstance = transaction;
+    exception.exceptionTime = timeOr(given->time_us) / 1000;
+    exception.exceptionThread = given->thread_id ? given->thread_id : gettid();
+    exception.className = wire(given->class_name);
+    exception.message = wire(given->message);
+    exception.throwingClassName = wire(given->throwing_class);
+    exception.throwingMethodName = wire(given->method);
+    exception.cause = wire(given->cause);
+    exception.stackTrace = wire(given->stack_trace);
+    cutStackTrace(exception);
+    put(*agent, Urgency::kOrdinary,
+        [&exception](char* out, std::size_t size) { return vx::ExceptionEncode(out, size, exception); });
+}
+
+void vxagent_request_headers(vxagent* agent, int64_t transaction, const vxagent_header* headers,
+                             size_t count) {
+    reportHeaders(agent, transaction, 0, "req", headers, count);
+}
+
+void vxagent_response_headers(vxagent* agent, int64_t transaction, int status, const vxagent_header* headers,
+                              size_t count) {
+    reportHeaders(agent, transaction, status ? status : kStatusOk, "resp", headers, count);
 }
 
 void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us) {

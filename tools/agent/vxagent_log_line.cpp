@@ -131,6 +131,31 @@ void keepUpstreamField(std::string_view name, std::string_view value, UpstreamLi
     if (name == "upstream_response_time") lists.durations = value;
 }
 
+// "content_type" to "Content-Type".
+std::string headerName(std::string_view variable) {
+    std::string out(variable);
+    bool first = true;
+    for (char& byte : out) {
+        if (first && byte >= 'a' && byte <= 'z') byte = static_cast<char>(byte - 'a' + 'A');
+        first = byte == '_';
+        if (first) byte = '-';
+    }
+    return out;
+}
+
+// Field `number` behind the size: the combined format has referer and user agent there, in quotes.
+void keepHeaderField(std::string_view name, std::string_view value, int number, LogLine& out) {
+    constexpr std::string_view kRequest = "http_", kResponse = "sent_http_";
+    const bool ofResponse = name.starts_with(kResponse);
+    if (value.empty() || value == "-" || out.headers.size() == kLogHeadersMax) return;
+    const bool quoted = value.data()[-1] == '"';
+    if (name.empty() && quoted && (number == 1 || number == 2))
+        name = number == 1 ? "http_referer" : "http_user_agent";
+    if (!ofResponse && !name.starts_with(kRequest)) return;
+    name.remove_prefix(ofResponse ? kResponse.size() : kRequest.size());
+    out.headers.push_back({headerName(name), value, ofResponse});
+}
+
 void splitUpstreams(UpstreamLists lists, LogLine& out) {
     std::string_view address;
     while (out.upstreamCount < kUpstreamsMax && takeListed(lists.addresses, address)) {
@@ -173,6 +198,7 @@ bool parseLogLine(std::string_view line, LogLine& out) {
     for (; !line.empty(); ++fields) {
         if (!takeField(line, name, value)) return false;
         keepUpstreamField(name, value, upstreams);
+        if (!line.empty()) keepHeaderField(name, value, fields, parsed);
     }
     if (fields < 2 || !parseDuration(value, parsed.durationUs)) return false;
     splitUpstreams(upstreams, parsed);
@@ -183,6 +209,24 @@ bool parseLogLine(std::string_view line, LogLine& out) {
 
 std::int64_t endOf(const LogLine& line, std::int64_t readUs) {
     return std::clamp(readUs, line.endUs, line.endUs + kSecondUs - 1);
+}
+
+std::string plainText(std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned byte = 0;
+        const std::string_view hex = text.substr(std::min(text.size(), i + 2), 2);
+        const bool coded = text[i] == '\\' && i + 1 < text.size() && text[i + 1] == 'x' && hex.size() == 2 &&
+                           std::from_chars(hex.data(), hex.data() + 2, byte, 16).ptr == hex.data() + 2;
+        if (coded) {
+            out += static_cast<char>(byte);
+            i += 3;
+        } else {
+            i += text[i] == '\\' && i + 1 < text.size();
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 std::string methodNameOf(const LogLine& line, std::string_view label) {

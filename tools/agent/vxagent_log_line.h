@@ -12,7 +12,10 @@
 //     upstream_addr="$upstream_addr" upstream_status="$upstream_status"
 //     upstream_response_time="$upstream_response_time"
 //
-// Each holds one value per server that was asked, separated by ", " or " : ".
+// Each holds one value per server that was asked, separated by ", " or " : ". Headers come from the two
+// quoted texts of the combined format and from fields such as
+//
+//     http_host="$http_host" sent_http_content_type="$sent_http_content_type"
 //
 // Lifetime  The texts borrow from the line.
 // Threads   Any; no state.
@@ -23,6 +26,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vx::agent {
 
@@ -34,6 +38,14 @@ struct Upstream {
     std::int64_t durationUs = 0;
 };
 
+inline constexpr std::size_t kLogHeadersMax = 32;  // later ones of a line are left out
+
+struct LogHeader {
+    std::string name;  // as in "Content-Type"
+    std::string_view value;
+    bool ofResponse;
+};
+
 struct LogLine {
     std::string_view method;  // empty when the request line could not be read as one
     std::string_view url;
@@ -42,6 +54,7 @@ struct LogLine {
     std::int64_t durationUs = 0;
     std::array<Upstream, kUpstreamsMax> upstreams;  // in the order they were asked
     std::size_t upstreamCount = 0;
+    std::vector<LogHeader> headers;
 };
 
 // False for a line of another form; `out` is then unchanged.
@@ -49,6 +62,8 @@ bool parseLogLine(std::string_view line, LogLine& out);
 // The request's end: logs count in seconds, so the time of reading is taken where it lies in the logged one,
 // and the nearest end of that second where it does not.
 std::int64_t endOf(const LogLine& line, std::int64_t readUs);
+// What a quoted text of the log stands for: "\x22" and bytes behind a backslash are undone.
+std::string plainText(std::string_view text);
 // "<label>.<method>" with a method of HTTP, or "<label>.OTHER": a log cannot fill the method table.
 std::string methodNameOf(const LogLine& line, std::string_view label);
 

@@ -104,6 +104,29 @@ TEST(LogLine, NamesTheServersThatWereAsked) {
     }
 }
 
+TEST(LogLine, GivesTheHeadersOfRequestAndResponse) {
+    const struct {
+        const char *fields, *headers;
+    } rows[] = {
+        {"12 \"http://a/\" \"curl/7 \\x22x\\\" y\" http_host=\"h\" sent_http_content_type=\"text/html\" "
+         "http_x_y=\"\" http_z=\"-\"",
+         "Referer=http://a/;User-Agent=curl/7 \"x\" y;Host=h;<Content-Type=text/html;"},
+        {"12 \"-\" \"x\\x4\"", "User-Agent=xx4;"},
+        {"12 0.1 0.2", ""},  // times of another format
+        {"http_host=h", "Host=h;"},
+    };
+    for (const auto& row : rows) {
+        const std::string rest = std::string(" 200 ") + row.fields + " 0.125";
+        const std::string text = logLine("21/Nov/2026:09:05:06 +0100", "\"GET / HTTP/1.1\"", rest.c_str());
+        LogLine line;
+        ASSERT_TRUE(parseLogLine(text, line)) << text;
+        std::string headers;
+        for (const LogHeader& header : line.headers)
+            headers += (header.ofResponse ? "<" : "") + header.name + "=" + plainText(header.value) + ";";
+        EXPECT_EQ(headers, row.headers);
+    }
+}
+
 class FollowedFile : public testing::Test {
 protected:
     void write(const std::string& text, std::ios::openmode mode = std::ios::app) const {

@@ -9,6 +9,7 @@
 #include "tests/support/fake_collector.h"
 #include "tests/support/record_stream.h"
 #include "tools/agent/vxagent.h"
+#include "tools/agent/vxagent_headers.h"
 #include "tools/agent/vxagent_lines.h"
 #include "tools/agent/vxagent_link.h"
 #include "tools/agent/vxagent_queue.h"
@@ -32,14 +33,14 @@ struct Frame {
     std::string bytes;
 };
 Frame frameFrom(FakePeer& data) {
-    constexpr std::size_t flowpathAt[] = {4, 32, 24, 4};
+    constexpr std::size_t flowpathAt[] = {4, 32, 24, 4, 0, 28, 32, 12};
     std::string bytes = data.readBytes(14);
     if (bytes.size() < 14) return {-1, 0, bytes};
     const auto total = static_cast<std::size_t>(VXByteView(bytes.data(), bytes.size()).i32At(5));
     bytes += data.readBytes(total - bytes.size());
     const VXByteView view(bytes.data(), bytes.size());
     const std::int32_t type = view.i32At(9);
-    if (bytes.size() < 15 || bytes[0] != '^' || bytes.back() != '\n' || type < 0 || type > 3)
+    if (bytes.size() < 15 || bytes[0] != '^' || bytes.back() != '\n' || type < 0 || type > 7)
         return {-1, 0, bytes};
     return {type, view.i64At(14 + flowpathAt[type]), bytes};
 }
@@ -143,6 +144,46 @@ TEST_F(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
     }
     EXPECT_EQ(vxagent_flush(agent, 5000), 1);
     EXPECT_TRUE(statistics().sent_records == 8 && statistics().state == VXAGENT_SENDING);
+}
+
+TEST_F(AgentSession, SendsExceptionsWithAsMuchOfTheStackAsFitsAndHeadersAsTheirTypeHasThem) {
+    openUntilSending();
+    const std::int64_t number = vxagent_begin(agent, std::vector<vxagent_transaction>(1).data());
+    std::string stack;
+    while (stack.size() < 20000) stack += "at Cart.show(Cart.java:7)\n";
+    vxagent_exception exception{};
+    exception.class_name = "Class";
+    exception.message = "message";
+    exception.method = "Cart.show";
+    exception.stack_trace = stack.c_str();
+    exception.time_us = 1795248306123456;
+    vxagent_report_exception(agent, number, &exception);
+    const vxagent_header headers[] = {{"Host", "a=b&c"}, {"a=b", "x"}, {"", "x"}, {"Accept", nullptr}};
+    vxagent_request_headers(agent, number, headers, 4);
+    vxagent_response_headers(agent, number, 404, headers, 1);
+    EXPECT_EQ(frameFrom(data).type, 2);
+    const Frame thrown = frameFrom(data);
+    EXPECT_TRUE(thrown.type == 5 && thrown.flowpath == number && thrown.bytes.size() > kRecordMax - 40);
+    EXPECT_EQ(VXByteView(thrown.bytes.data(), thrown.bytes.size()).i64At(14 + 36), 1795248306123);
+    EXPECT_EQ(thrown.bytes.substr(66, 46), "ClassmessageCart.showat Cart.show(Cart.java:7)");
+    EXPECT_TRUE(thrown.bytes.ends_with(":7)\n\n")) << "whole lines";
+    for (const std::string text : {"Host=a=b%26c&Accept=req\n", "Host=a=b%26cresp\n"}) {
+        const Frame frame = frameFrom(data);
+        EXPECT_TRUE(frame.type == 6 && frame.flowpath == number && frame.bytes.substr(54) == text) << text;
+    }
+}
+
+TEST(AgentHeaders, AreJoinedByTheSeparatorsOfTheirTypeAsFarAsTheyFit) {
+    const vxagent_header headers[] = {{"A", "1|2"}, {"Long", "0123456789"}, {"B", "3\x7F"}};
+    char out[12];
+    const auto joined = [&](const char* type) {
+        return std::string(out, joinHeaders(headerSeparators(type), headers, 3, out, sizeof(out)));
+    };
+    EXPECT_EQ(joined("Python"), "A$1%7C2|B$3\x7F");
+    EXPECT_EQ(joined("go"),
+              "A$1|2\x7F"
+              "B$3%7F");
+    EXPECT_EQ(joined("Dotnet"), "A=1|2&B=3\x7F");
 }
 
 TEST_F(AgentSession, ReportsOnlyWhileInstrumentationRunsAndFindsTheProxyAgain) {
