@@ -12,6 +12,7 @@
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "commonlibc/vxlb_word.h"
+#include "commonlibc/vxlb_writer.h"
 
 namespace vx {
 
@@ -20,6 +21,7 @@ namespace {
 constexpr std::int32_t kHeartBeatMin = 1, kHeartBeatMax = 3600;  // seconds
 constexpr int kTraceContextFields = 9;
 constexpr std::size_t kTraceContextSize = 1024;
+constexpr std::size_t kUdpKeywordSize = 256;
 constexpr std::int64_t kMsPerSecond = 1000;
 
 VXSys_t& sysOfCurrent() {
@@ -28,7 +30,11 @@ VXSys_t& sysOfCurrent() {
 
 // UDP agents have no control connection: a change that concerns them goes out by datagram.
 void tellUDPAgents(const char* keyword, const char* value) {
-    if (vxCurrent()->identity.isUDP) VX_UPCALL(SendMessageOnUDPSocket, keyword, value);
+    const vxApplication& app = *vxCurrent();
+    if (!app.identity.isUDP && !app.udp.attached.load(std::memory_order_relaxed)) return;
+    char text[kUdpKeywordSize];
+    VXWriter(text, sizeof(text)).text(keyword).put('=').text(value).terminate();
+    VX_UPCALL(SendMessageOnUDPSocket, text);
 }
 
 std::int32_t exactlyOne(const char* value) {

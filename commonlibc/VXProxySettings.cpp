@@ -187,6 +187,8 @@ constexpr VXProxyRow kRows[] = {
      1000000},
     {"maxInstances", takeCeiling, showCeiling, "instances (application identities), 1 to 65536 (1024)",
      &VXCeilings::maxInstances, 1, 65536},
+    {"maxUdpFunctions", takeCeiling, showCeiling,
+     "functions that report by datagram at a time, 1 to 65536 (256)", &VXCeilings::maxUdpFunctions, 1, 65536},
 };
 
 // True when the line belongs to one of the rows, which then took it.

@@ -72,7 +72,7 @@ namespace vx {
     X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
     X(parseDDClientMsgAndSendResp, void(char* line))                                                    \
     X(HandleVexalineMessage, void(char* line))                                                          \
-    X(SendMessageOnUDPSocket, void(const char* keyword, const char* value))                             \
+    X(SendMessageOnUDPSocket, void(const char* text))                                                   \
     X(freeUDPConnections, void(vxApplication * app))                                                    \
     X(create_lws_control_connection, bool(const char* host, int port))                                  \
     X(start_control_connection_service, int())                                                          \
@@ -80,7 +80,6 @@ namespace vx {
     X(rec_control_con_response_lws, int())                                                              \
     /* from the agent side */                                                                           \
     X(initializeVXApplicationGlobal, void())                                                            \
-    X(proxy_udp_handler, int(vxApplication * app))                                                      \
     X(vxProxyInitLws, void())                                                                           \
     X(processThreadOps, void(VXThreadOpsQueue * queue))
 

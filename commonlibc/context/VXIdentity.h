@@ -29,7 +29,7 @@ struct epollPtr_t {
 
 // One agent process. Handles are put and closed by the listener; other threads send under sendMutex.
 struct processInfo_t {
-    std::uint32_t firstWord;                            // records accepted reset it to 0; nothing raises it
+    std::atomic<std::uint32_t> firstWord;               // records accepted reset it to 0; nothing raises it
     std::int32_t controlFd, dataFd, asFd, discoveryFd;  // descriptors, -1 when closed (listener only)
     std::atomic<std::int64_t> pid;                      // -1: the slot is free
     char* dataBuffer;  // heap or null: what the last read of the data connection left of a record

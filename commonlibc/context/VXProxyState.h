@@ -57,6 +57,7 @@ struct VXCeilings {
     std::int32_t maxProcesses = 16384;      // per instance
     std::int32_t maxSlots = 16384;          // transactions in flight, all instances together
     std::int32_t maxInstances = 1024;
+    std::int32_t maxUdpFunctions = 256;
 };
 
 struct VXProxy_t {
@@ -77,10 +78,9 @@ struct VXProxy_t {
     std::int32_t TotalSystemMemory;        // MB
     VXCeilings ceilings;
     std::atomic<std::int32_t> numInstance;
-    std::int32_t numUDPFunctions, numUDPAttached;
+    std::int32_t numUDPFunctions, numUDPAttached;  // VXUdp.registration
     apr_pool_t* listenerPool;  // listener alone
     apr_socket_t* listenSocket;
-    apr_socket_t* udpSocket;
     apr_pollset_t* pollset;
     VXReadBuffer controlBuf, dataBuf, discoveryBuf;
     VXThreadOpsQueue threadOps;                          // of the listener

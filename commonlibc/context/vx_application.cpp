@@ -7,6 +7,7 @@
 namespace vx {
 
 VXProxy_t VXProxy{};
+VXUdpIntake_t& VXUdp = *new VXUdpIntake_t{};  // to the end of the process, whoever still waits then
 std::atomic<std::int32_t> proxyServerFlag{0};
 std::atomic<std::int32_t> proxyStopFlag{0};
 std::atomic<std::int32_t> proxyCleaningFlag{0};

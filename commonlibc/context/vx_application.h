@@ -39,6 +39,7 @@
 #include "commonlibc/context/VXServer.h"
 #include "commonlibc/context/VXSys.h"
 #include "commonlibc/context/VXTierState.h"
+#include "commonlibc/context/VXUdpState.h"
 #include "commonlibc/vxlb_text.h"
 
 namespace vx {
@@ -65,6 +66,7 @@ struct vxApplication {
     VXExceptionState_t exceptions;
     VXSessionState_t session;
     VXDiscoveryState_t discovery;
+    VXUdpContext_t udp;
     VXLossState_t losses;
     VXLwsState_t lws;
     vxAppLogStruct_t vxAppLogStruct;

@@ -125,7 +125,6 @@ bool makeListener() {
     apr_signal(SIGPIPE, countBrokenPipe);
     if (!makeThreadOperations() || !makeBuffers()) return false;
     tlWorkerIndex = 0;
-    if (VXProxy.proxyPort > 0) VX_UPCALL(proxy_udp_handler, vxCurrent());
     learnTotalMemory();
     if (!bindPort()) return false;
     noteBoundAddress();

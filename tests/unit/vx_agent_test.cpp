@@ -21,7 +21,7 @@ std::istringstream stillEmpty(R"(
     get_inst_profile_lws handleExceptionParameters handleUploadDownload initVXDynamicSettings
     initVXHttpReqRespCaptureSettings kill_lws_as_connection kill_lws_data_connection
     markLongIdleTransactions parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
-    parseDynamicSettingsFile parseExceptionMonFile processThreadOps proxy_udp_handler
+    parseDynamicSettingsFile parseExceptionMonFile processThreadOps
     rec_control_con_response_lws resetAppLogSettings resolveTransactionTag sendHttpHdrRep
     sendHttpHdrReq send_as_data_via_lws_socket send_control_data_via_lws_socket send_data_via_lws_socket
     setHttpHashMapNode setblackListForDebugSession start_control_connection_service
