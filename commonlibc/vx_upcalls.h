@@ -40,6 +40,7 @@ namespace vx {
     X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
     X(kill_lws_as_connection, void(VXLwsConnection * wsi))                                              \
     X(markLongIdleTransactions, void())                                                                 \
+    X(monitorCycle, void(VXMonitorPhase phase))                                                         \
     /* from business transactions, methods and monitors */                                              \
     X(resolveTransactionTag,                                                                            \
       void(vxTD * slot, const char* name, const char* value, std::int32_t btId, std::int32_t kind))     \

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <charconv>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -23,6 +24,9 @@
 namespace vx {
 
 class VXWriter {
+    static constexpr double kWholeLimit = 9007199254740992.0;  // 2^53: below it each whole number is exact
+    static constexpr std::size_t kRealMax = 320;               // of the greatest double
+
 public:
     VXWriter(char* buffer, std::size_t size) noexcept : begin_(buffer), at_(buffer), end_(buffer + size) {}
 
@@ -46,11 +50,11 @@ public:
     }
     // A null text writes nothing.
     VXWriter& text(const char* text) noexcept { return text ? bytes(text, std::strlen(text)) : *this; }
-    // A text field of a record: bytes 10 and 13 are written as blanks.
-    VXWriter& recordText(const char* text) noexcept {
+    // A text field of a record, cut at `max` bytes: bytes 10 and 13 are written as blanks.
+    VXWriter& recordText(const char* text, std::size_t max = SIZE_MAX) noexcept {
         if (!text) return *this;
         char* from = at_;
-        bytes(text, std::strlen(text));
+        bytes(text, strnlen(text, max));
         for (; from < at_; ++from)
             if (*from == '\n' || *from == '\r') *from = ' ';
         return *this;
@@ -63,6 +67,8 @@ public:
     VXWriter& hex(std::uint64_t value) noexcept { return digits(value, 16); }
     // `value` / 1000 with three decimals, as "%.3lf" of a number of thousandths prints it.
     VXWriter& thousandths(std::int64_t value) noexcept;
+    // As "%lf" prints it.
+    VXWriter& real(double value) noexcept;
     // Ends the record: appends a newline, or puts it over the last byte when the buffer is full.
     VXWriter& endLine() noexcept {
         takeBackWhenFull();
@@ -115,6 +121,18 @@ inline VXWriter& VXWriter::thousandths(std::int64_t value) noexcept {
     return put(static_cast<char>('0' + decimals / 100))
         .put(static_cast<char>('0' + decimals / 10 % 10))
         .put(static_cast<char>('0' + decimals % 10));
+}
+
+// Most figures of a record are whole numbers.
+inline VXWriter& VXWriter::real(double value) noexcept {
+    if (value > -kWholeLimit && value < kWholeLimit) {
+        const auto whole = static_cast<std::int64_t>(value);
+        if (static_cast<double>(whole) == value && !(whole == 0 && std::signbit(value)))
+            return number(whole).bytes(".000000", 7);
+    }
+    char digits[kRealMax];
+    const auto done = std::to_chars(digits, digits + sizeof(digits), value, std::chars_format::fixed, 6);
+    return bytes(digits, static_cast<std::size_t>(done.ptr - digits));
 }
 
 }  // namespace vx

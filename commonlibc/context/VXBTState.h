@@ -88,6 +88,13 @@ struct VXBTMonitorDataCounters {
 
 struct VXBTTag;  // one tag of a rule's list
 
+// A tag of a flowpath: BTagSeqArray of the slot is a list of these.
+struct VXTagNode {
+    std::int32_t sequence;  // of the tag, in tagSequenceMap
+    const char* text;
+    VXTagNode* next;
+};
+
 // A value of the two tag maps: its place in the order of first sight. Key and value are one block.
 struct VXTagSequence {
     std::int32_t sequence;
@@ -128,6 +135,7 @@ struct VXBTState_t {
     apr_thread_mutex_t* btTagMutex;
     // Monitor.
     VXAggregateArray<VXBTMonitorDataCounters> aggDataArr;  // slot 0: overall; auto-sensor thread only
+    VXAggregateArray<VXBTMonitorDataCounters> aggTagArr;   // by BT id: flowpaths with tags; tagMutex
     std::atomic<std::int32_t> isBTMonitorOn;
     std::int32_t maxBTCount, btMonitorErrorLevel, doNotDiscardFP;  // vx_word_get/set
     std::int32_t currentReportingCount;

@@ -83,7 +83,8 @@ struct VXAutoSensorState_t {
     std::atomic<std::uint8_t> autoSensor_thread_running;
     std::atomic<std::uint8_t> asStopFlag;
     std::atomic<std::uint8_t> breakFlag;
-    VXSharedSocket asSocket;  // auto-sensor thread puts and closes
+    std::atomic<std::uint8_t> lastReport;  // dumpASData accepts while set, though the run has ended
+    VXSharedSocket asSocket;               // auto-sensor thread puts and closes
     VXLwsHandle asWsi;
     char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;

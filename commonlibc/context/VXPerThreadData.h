@@ -41,8 +41,6 @@ inline constexpr std::size_t kSlotAlignment = 4096;     // a page
 inline constexpr std::size_t kUrlSize = 512;
 inline constexpr const char* kUnknownUrl = "UnknownUrl";
 
-struct VXTagNode;  // a tag of a flowpath
-
 struct alignas(kSlotAlignment) VXPerThreadData_t {
     std::uint8_t tlIsFPCaptured;  // method data goes into the blob
     std::uint8_t tlIsFPExcluded;  // no BT matched

@@ -34,6 +34,7 @@
 #include "commonlibc/context/VXKeywordState.h"
 #include "commonlibc/context/VXLwsState.h"
 #include "commonlibc/context/VXMethodState.h"
+#include "commonlibc/context/VXMonitorState.h"
 #include "commonlibc/context/VXPerThreadData.h"
 #include "commonlibc/context/VXProxyState.h"
 #include "commonlibc/context/VXServer.h"
@@ -59,6 +60,7 @@ struct vxApplication {
     VXMethodState_t method;
     VXExceptionMonitorState_t exceptionMonitor;
     VXDigestState_t digest;
+    VXMonitorState_t monitor;
     VXKeywordState_t keywords;
     VXFileState_t files;
     VXTierState_t tiers;

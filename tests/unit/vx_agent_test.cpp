@@ -20,7 +20,7 @@ std::istringstream stillEmpty(R"(
     dropResetQueueOfInstance freeTagHashLists freeUDPConnections get_file_from_VXC_lws
     get_inst_profile_lws handleExceptionParameters handleUploadDownload initVXDynamicSettings
     initVXHttpReqRespCaptureSettings kill_lws_as_connection kill_lws_data_connection
-    markLongIdleTransactions parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
+    markLongIdleTransactions monitorCycle parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
     parseDynamicSettingsFile parseExceptionMonFile processThreadOps
     rec_control_con_response_lws resetAppLogSettings resolveTransactionTag sendHttpHdrRep
     sendHttpHdrReq send_as_data_via_lws_socket send_control_data_via_lws_socket send_data_via_lws_socket
