@@ -18,7 +18,7 @@ std::istringstream stillEmpty(R"(
     addMethodInHash check_captureAppLog_thread clearHeaderMetaDataFlags createVectorPrefixException create_lws_as_connection
     create_lws_control_connection create_lws_data_connection digestAddBackend digestAddBt
     dropResetQueueOfInstance freeTagHashLists freeUDPConnections get_file_from_VXC_lws
-    get_inst_profile_lws handleExceptionParameters handleUploadDownload initVXDynamicSettings
+    get_inst_profile_lws handleUploadDownload initVXDynamicSettings
     initVXHttpReqRespCaptureSettings kill_lws_as_connection kill_lws_data_connection
     markLongIdleTransactions monitorCycle parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
     parseDynamicSettingsFile parseExceptionMonFile processThreadOps
