@@ -113,13 +113,13 @@ std::string EndToEnd::streams(const std::string& kind) const {
 collector::Summary EndToEnd::summaryOfStreams() const {
     collector::Summary summary;
     for (const std::string& path : filesOf(streamsDir, "data_")) {
-        collector::InstanceNames names;
+        collector::InstanceState instance;
         const std::string text = fileText(path);
         std::string_view rest = text;
         rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1));  // the connect line
         while (!rest.empty()) {
             const std::size_t end = rest.find('\n');
-            collector::takeRecord(rest.substr(0, end), names, summary);
+            collector::takeRecord(rest.substr(0, end), instance, summary);
             rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
         }
     }

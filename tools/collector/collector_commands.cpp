@@ -55,6 +55,18 @@ bool reroute(std::string_view rest, CollectorServer& server) {
     return true;
 }
 
+bool printTransaction(std::string_view rest, CollectorServer& server) {
+    const std::string_view word = takeWord(rest);
+    std::int64_t number = 0;
+    const auto [at, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+    if (error != std::errc() || at != word.data() + word.size() || !rest.empty()) return false;
+    if (!server.printTransaction(number))
+        std::printf("no headers or exceptions of transaction %lld are kept\n",
+                    static_cast<long long>(number));
+    std::fflush(stdout);
+    return true;
+}
+
 struct CommandRow {
     std::string_view name;
     const char* arguments;
@@ -81,6 +93,9 @@ constexpr auto kCommands = std::to_array<CommandRow>({
      [](std::string_view rest, CollectorServer& s) {
          return rest.empty() && (s.printTable("so far"), true);
      }},
+    {"transactions", "",
+     [](std::string_view rest, CollectorServer& s) { return rest.empty() && (s.printTransactions(), true); }},
+    {"transaction", "NUMBER", printTransaction},
     {"quit", "", [](std::string_view rest, CollectorServer& s) { return rest.empty() && (s.quit(), true); }},
 });
 

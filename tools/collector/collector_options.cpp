@@ -45,6 +45,7 @@ constexpr const char* kHelp =
     "  thread-dump [N], discover [N]     asks for a thread dump, or for the loaded classes\n"
     "  metadata [N]                      asks for names and ids again\n"
     "  reroute HOST PORT [N]             hands instances to another collector\n"
+    "  transactions, transaction NUMBER  prints the latest transactions with headers or exceptions, or one\n"
     "  table, files, quit                prints the table, or the files handed out; ends\n";
 
 struct NumberRow {

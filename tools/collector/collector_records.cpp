@@ -2,63 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+
+#include "tools/collector/collector_capture.h"
 
 namespace vx::collector {
 
 namespace {
-
-// Takes the text up to `end` from the front of `rest`; without one, all of it.
-std::string_view takeUntil(std::string_view& rest, char end) {
-    const std::size_t at = rest.find(end);
-    const std::string_view taken = rest.substr(0, at);
-    rest = at == std::string_view::npos ? std::string_view() : rest.substr(at + 1);
-    return taken;
-}
-
-// A whole decimal number; a trailing "F" (a forced flowpath) is passed over.
-bool readNumber(std::string_view text, std::int64_t& out) {
-    if (!text.empty() && text.back() == 'F') text.remove_suffix(1);
-    const auto done = std::from_chars(text.data(), text.data() + text.size(), out);
-    return done.ec == std::errc() && done.ptr == text.data() + text.size();
-}
-
-// Takes a number from the front of `rest`; false leaves it.
-bool takeNumber(std::string_view& rest, std::int64_t& out) {
-    const auto done = std::from_chars(rest.data(), rest.data() + rest.size(), out);
-    if (done.ec != std::errc()) return false;
-    rest.remove_prefix(static_cast<std::size_t>(done.ptr - rest.data()));
-    return true;
-}
-
-bool takeChar(std::string_view& rest, char wanted) {
-    if (rest.empty() || rest.front() != wanted) return false;
-    rest.remove_prefix(1);
-    return true;
-}
-
-std::string nameOf(const std::unordered_map<std::int64_t, std::string>& names, std::int64_t id,
-                   const char* kind) {
-    const auto found = names.find(id);
-    return found != names.end() ? found->second : std::string(kind) + " " + std::to_string(id);
-}
-
-// A name as the agent gave it: "&#46;" and the like are undone.
-std::string unescaped(const std::string& name) {
-    std::string out;
-    for (std::size_t at = 0; at < name.size(); ++at) {
-        std::string_view rest = std::string_view(name).substr(at);
-        std::int64_t code = 0;
-        if (rest.starts_with("&#") && (rest.remove_prefix(2), takeNumber(rest, code)) &&
-            takeChar(rest, ';') && code >= ' ' && code < 127) {
-            out += static_cast<char>(code);
-            at = name.size() - rest.size() - 1;
-        } else {
-            out += name[at];
-        }
-    }
-    return out;
-}
 
 const char* targetText(std::int64_t target) {
     switch (target) {
@@ -73,78 +22,123 @@ const char* targetText(std::int64_t target) {
     }
 }
 
-void takeCallout(const BlobItem& item, const InstanceNames& names, Summary& summary) {
-    BackendRow& row = backendRow(summary, unescaped(nameOf(names.methods, item.methodId, "back-end")));
+void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary) {
+    constexpr std::int64_t kCustom = 8;
+    BackendRow& row = backendRow(summary, plainName(nameOf(instance.methods, item.methodId, "back-end")));
     row.target = targetText(item.target);
     ++row.count;
     if (item.failed) ++row.errors;
     row.totalUs += item.us;
     row.maxUs = std::max(row.maxUs, item.us);
+    Figures figures = oneOf(item.us / 1000);
+    figures.error = item.failed;
+    addSingle(instance.run, Monitored::kBackend, item.methodId, figures);
+    if (item.target != kCustom) return;
+    if (Told* told = toldOf(instance.run, Monitored::kBackend, item.methodId)) told->errorsUnknown = true;
 }
 
-void takeBlob(std::string_view blob, const InstanceNames& names, Summary& summary) {
+void takeBlob(std::string_view blob, InstanceState& instance, Summary& summary) {
     BlobItem item;
     while (takeBlobItem(blob, item)) {
         if (item.kind == BlobItem::Kind::kEntry) {
-            ++methodRow(summary, nameOf(names.methods, item.methodId, "method")).entries;
+            ++methodRow(summary, nameOf(instance.methods, item.methodId, "method")).entries;
         } else if (item.kind == BlobItem::Kind::kExit) {
-            MethodRow& row = methodRow(summary, nameOf(names.methods, item.methodId, "method"));
+            MethodRow& row = methodRow(summary, nameOf(instance.methods, item.methodId, "method"));
             ++row.exits;
             row.totalMs += item.ms;
             row.maxMs = std::max(row.maxMs, item.ms);
+            addSingle(instance.run, Monitored::kMethod, item.methodId, oneOf(item.ms));
         } else if (item.kind == BlobItem::Kind::kCallout) {
-            takeCallout(item, names, summary);
+            takeCallout(item, instance, summary);
         }
     }
 }
 
 // "7,id,name" and "5,name,id": the name itself may hold commas.
-bool takeBtName(std::string_view rest, InstanceNames& names, Summary&) {
-    std::int64_t id = 0;
-    if (!readNumber(takeUntil(rest, ','), id) || id < 0 || id > kMaxId) return false;
-    names.bts[id] = rest;
-    return true;
+bool takeBtName(std::string_view rest, InstanceState& instance, Summary&) {
+    const std::string_view id = takeUntil(rest, ',');
+    return setName(instance.bts, id, rest);
 }
-bool takeMethodName(std::string_view rest, InstanceNames& names, Summary&) {
+bool takeMethodName(std::string_view rest, InstanceState& instance, Summary&) {
     const std::size_t comma = rest.rfind(',');
-    std::int64_t id = 0;
-    if (comma == std::string_view::npos || !readNumber(rest.substr(comma + 1), id) || id < 0 || id > kMaxId)
-        return false;
-    names.methods[id] = rest.substr(0, comma);
+    return comma != std::string_view::npos &&
+           setName(instance.methods, rest.substr(comma + 1), rest.substr(0, comma));
+}
+
+// "2,instance,start,thread,thread.1,bt,url,...": only for what is shown of single transactions.
+bool takeHeader(std::string_view rest, InstanceState& instance, Summary& summary) {
+    std::int64_t flowpath = 0, bt = 0;
+    if (!readFlowpath(takeUntil(rest, ','), flowpath)) return false;
+    for (int passed = 0; passed < 3; ++passed) takeUntil(rest, ',');
+    if (!readNumber(takeUntil(rest, ','), bt)) return false;
+    if (KeptTransaction* kept = summary.kept.find(flowpath)) {
+        kept->bt = nameOf(instance.bts, bt, "BT");
+        kept->url = takeUntil(rest, ',');
+    }
     return true;
 }
 
 // "3,instance,blob"
-bool takePartial(std::string_view rest, InstanceNames& names, Summary& summary) {
+bool takePartial(std::string_view rest, InstanceState& instance, Summary& summary) {
     std::int64_t flowpath = 0;
     if (!readNumber(takeUntil(rest, ','), flowpath)) return false;
-    takeBlob(rest, names, summary);
+    takeBlob(rest, instance, summary);
     return true;
 }
 
 // "4,instance,status,category,cpu,duration,bt,endReason,,endField[,tag],blob"
-bool takeEnd(std::string_view rest, InstanceNames& names, Summary& summary) {
-    enum { kFlowpath, kStatus, kCategory, kCpu, kDuration, kBt, kEndReason, kFields };
-    std::array<std::int64_t, kFields> field{};
+enum { kFlowpath, kStatus, kCategory, kCpu, kDuration, kBt, kEndReason, kEndFields };
+using EndFields = std::array<std::int64_t, kEndFields>;
+
+// What was kept of the transaction gets its end, and its exceptions the BT that they came in.
+void endKept(KeptTransaction& kept, const std::string& bt, const EndFields& field, Summary& summary) {
+    kept.ended = true;
+    kept.bt = bt;
+    kept.status = static_cast<int>(field[kStatus]);
+    kept.category = static_cast<int>(field[kCategory]);
+    kept.durationMs = field[kDuration];
+    for (const KeptException& thrown : kept.exceptions) {
+        auto& bts = exceptionRow(summary, thrown.name).bts;
+        if (bts.size() < kMaxBtsOfException || bts.contains(bt)) ++bts[bt];
+    }
+}
+
+bool takeEnd(std::string_view rest, InstanceState& instance, Summary& summary) {
+    constexpr std::int64_t kTakenBack = -99;
+    EndFields field{};
     for (std::int64_t& value : field)
         if (!readNumber(takeUntil(rest, ','), value)) return false;
-    BtRow& row = btRow(summary, nameOf(names.bts, field[kBt], "BT"));
-    if (field[kStatus] == -99 || field[kCategory] == -99) {
+    const std::string bt = nameOf(instance.bts, field[kBt], "BT");
+    BtRow& row = btRow(summary, bt);
+    const Figures figures = oneOf(field[kDuration], static_cast<int>(field[kCategory]));
+    if (field[kCategory] != kTakenBack) {  // one that only its status takes back is in the monitor
+        addSingle(instance.run, Monitored::kBt, field[kBt], figures);
+        addSingle(instance.run, Monitored::kBt, kAllTransactions, figures);
+    }
+    if (field[kStatus] == kTakenBack || field[kCategory] == kTakenBack) {
         ++row.discarded;
         return true;
     }
-    addTransaction(summary, row, static_cast<int>(field[kCategory]), field[kDuration]);
+    ++summary.transactions;
+    row.add(figures);
+    summary.all.add(figures);
+    if (KeptTransaction* kept = summary.kept.find(field[kFlowpath])) endKept(*kept, bt, field, summary);
     takeUntil(rest, ',');
     takeUntil(rest, ',');
     std::string_view behindTag = rest;  // a tag id may stand in front of the blob
     std::int64_t tag = 0;
     if (takeNumber(behindTag, tag) && takeChar(behindTag, ',')) rest = behindTag;
-    takeBlob(rest, names, summary);
+    takeBlob(rest, instance, summary);
+    return true;
+}
+
+bool takeRunEnd(std::string_view, InstanceState& instance, Summary&) {
+    instance.run.over = true;
     return true;
 }
 
 // "91,id,tier,own tier,instance,server,own server,own instance,NA": who calls, as its chain says.
-bool takeCaller(std::string_view rest, InstanceNames&, Summary& summary) {
+bool takeCaller(std::string_view rest, InstanceState&, Summary& summary) {
     enum { kId, kTier, kOwnTier, kInstance, kServer, kFields };
     std::array<std::string_view, kFields> field;
     for (std::string_view& text : field) {
@@ -160,13 +154,23 @@ bool takeCaller(std::string_view rest, InstanceNames&, Summary& summary) {
 
 struct RecordRow {
     int number;
-    bool (*take)(std::string_view rest, InstanceNames& names, Summary& summary);
+    bool (*take)(std::string_view rest, InstanceState& instance, Summary& summary);
 };
 constexpr auto kRecords = std::to_array<RecordRow>({
+    {2, takeHeader},
     {3, takePartial},
     {4, takeEnd},
     {5, takeMethodName},
     {7, takeBtName},
+    {10, takeRunEnd},
+    {12, takeRequestHeaders},
+    {13, takeResponseHeaders},
+    {32, takeExceptionPart<ExceptionPart::kClass>},
+    {33, takeExceptionPart<ExceptionPart::kThrowingClass>},
+    {34, takeExceptionPart<ExceptionPart::kThrowingMethod>},
+    {35, takeExceptionPart<ExceptionPart::kMessage>},
+    {36, takeExceptionPart<ExceptionPart::kCause>},
+    {38, takeException},
     {91, takeCaller},
 });
 
@@ -219,7 +223,7 @@ bool takeBlobItem(std::string_view& blob, BlobItem& item) {
     return true;
 }
 
-void takeRecord(std::string_view line, InstanceNames& names, Summary& summary) {
+void takeRecord(std::string_view line, InstanceState& instance, Summary& summary) {
     if (line.empty()) return;
     std::string_view rest = line;
     std::int64_t number = 0;
@@ -228,7 +232,7 @@ void takeRecord(std::string_view line, InstanceNames& names, Summary& summary) {
         return;
     }
     for (const RecordRow& row : kRecords)
-        if (row.number == number && !row.take(rest, names, summary)) {
+        if (row.number == number && !row.take(rest, instance, summary)) {
             ++summary.unreadable;
             return;
         }

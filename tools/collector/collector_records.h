@@ -1,8 +1,8 @@
 // Decoder of the data stream: text records to figures of the summary.
 //
 // The stream of one instance starts with a 99 record and names what it uses: 7 records give BT ids their
-// names, 5 records methods and back-ends. Ids belong to the instance, so each instance has a decoder state of
-// its own.
+// names, 5 records methods and back-ends, 32 to 36 what exceptions consist of. Ids belong to the instance, so
+// each instance has a decoder state of its own.
 //
 // Limits    Ids above kMaxId have no name of their own; a line may have any length.
 // Errors    A line that is no record adds one to `unreadable` and changes nothing else.
@@ -10,22 +10,15 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
-#include <unordered_map>
 
+#include "tools/collector/collector_instance.h"
 #include "tools/collector/collector_summary.h"
 
 namespace vx::collector {
 
-inline constexpr std::int64_t kMaxId = 1 << 20;
-
-struct InstanceNames {
-    std::unordered_map<std::int64_t, std::string> bts, methods;
-};
-
 // Takes one line of a data stream, without its newline; an empty line is a heartbeat.
-void takeRecord(std::string_view line, InstanceNames& names, Summary& summary);
+void takeRecord(std::string_view line, InstanceState& instance, Summary& summary);
 
 // One item of a sequence blob.
 struct BlobItem {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tools/collector/collector_commands.h"
+#include "tools/collector/collector_table.h"
 
 namespace vx::collector {
 
@@ -189,7 +190,7 @@ void CollectorServer::readFrom(Connection& connection) {
 
 void CollectorServer::takeBytes(Connection& connection, const char* data, std::size_t length) {
     if (connection.kind == StreamKind::kData || connection.kind == StreamKind::kAutoSensor)
-        summary_.bytes += length;
+        runs_.summary().bytes += length;
     std::string_view rest(data, length);
     for (;;) {
         const std::size_t end = rest.find('\n');
@@ -223,9 +224,9 @@ void CollectorServer::takeLine(Connection& connection, std::string_view line) {
             takeControlLine(connection, line);
             break;
         case StreamKind::kData:
-            takeRecord(line, names_[connection.identity.text()], summary_);
-            break;
         case StreamKind::kAutoSensor:
+            runs_.line(connection.kind, line, *connection.instance);
+            break;
         case StreamKind::kDiscovery:
             break;
     }
@@ -241,6 +242,8 @@ void CollectorServer::takeFirstLine(Connection& connection, std::string_view lin
     }
     connection.identity = identityOf(line);
     connection.ids = idsOf(identities_, connection.identity);
+    connection.instance = &runs_.of(connection.identity.text());
+    runs_.opened(connection.kind, *connection.instance);
     openStreamFile(connection);
     keepLine(connection, line);
     announce("connected", connection);
@@ -310,6 +313,7 @@ void CollectorServer::order(Connection& connection, const std::string& line, boo
 void CollectorServer::start(Connection& connection) {
     if (!connection.started) connection.told = files_.present();
     const std::string line = startLine(keywords_, startFields(files_.present()), connection.ids, testIdx_);
+    runs_.ordered(line);
     order(connection, line, !connection.started);
     connection.started = true;
 }
@@ -341,6 +345,7 @@ void CollectorServer::stopAll() {
 }
 
 void CollectorServer::orderAll(const std::string& line, bool hasAnswer, int instance) {
+    runs_.ordered(line);
     for (Connection& connection : connections_)
         if (connection.kind == StreamKind::kControl && (!instance || connection.ids.instance == instance))
             order(connection, line, hasAnswer);
@@ -372,7 +377,10 @@ void CollectorServer::dropClosed() {
             ++at;
             continue;
         }
-        if (at->kind != StreamKind::kUnknown) announce("disconnected", *at);
+        if (at->kind != StreamKind::kUnknown) {
+            runs_.closed(at->kind, *at->instance);
+            announce("disconnected", *at);
+        }
         ::close(at->fd);
         at = connections_.erase(at);
     }
@@ -383,7 +391,15 @@ void CollectorServer::printTable(const char* title) {
                                         [](const Connection& c) { return c.kind == StreamKind::kControl; });
     std::printf("\n=== %s: %ld instance(s) connected, test run %d\n", title, static_cast<long>(controls),
                 testIdx_);
-    printSummary(summary_, stdout, kTableRows);
+    printSummary(runs_.summary(), stdout, kTableRows);
+}
+
+void CollectorServer::printTransactions() {
+    printKept(runs_.summary().kept, stdout, kTableRows);
+}
+
+bool CollectorServer::printTransaction(std::int64_t number) {
+    return collector::printTransaction(runs_.summary().kept, number, stdout);
 }
 
 void CollectorServer::printFiles() {

@@ -1,8 +1,7 @@
 // The collector at work: one poll loop over the listening socket, all connections and standard input.
 //
 //     control connection   connect line -> reply, start line, heartbeats; stop and modify on command
-//     data, auto-sensor    lines to a file and, for data, to the summary
-//
+//     data, auto-sensor    lines to a file and to the summary
 //     discovery            lines to a file
 //
 // A slow or silent peer never holds up the others: reads are as they come, and what goes out waits in a
@@ -17,7 +16,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <list>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -26,8 +24,7 @@
 #include "tools/collector/collector_orders.h"
 #include "tools/collector/collector_out.h"
 #include "tools/collector/collector_protocol.h"
-#include "tools/collector/collector_records.h"
-#include "tools/collector/collector_summary.h"
+#include "tools/collector/collector_runs.h"
 
 namespace vx::collector {
 
@@ -44,7 +41,8 @@ struct Connection {
     std::string peer;
     Identity identity;
     GivenIds ids{};
-    std::string in;  // bytes of a line that has not ended
+    InstanceState* instance = nullptr;  // once the kind is known
+    std::string in;                     // bytes of a line that has not ended
     OutQueue out;
     bool closing = false;
     // Control connections:
@@ -67,7 +65,7 @@ public:
     int port() const { return port_; }
     // Runs until quit, the run time is over, or stopRequested. Prints tables as the options say.
     void run(const volatile int& stopRequested);
-    const Summary& summary() const { return summary_; }
+    const Summary& summary() const { return runs_.summary(); }
     const FileStore& files() const { return files_; }
 
     // Orders of the commands.
@@ -78,6 +76,9 @@ public:
     int testRun() const { return testIdx_; }
     void printTable(const char* title);
     void printFiles();
+    // Transactions with headers or exceptions: the latest, or the one of that number (false: it is not kept).
+    void printTransactions();
+    bool printTransaction(std::int64_t number);
     void quit() { quit_ = true; }
 
 private:
@@ -117,8 +118,7 @@ private:
     Connections connections_;
     Identities identities_;
     FileStore files_;
-    std::map<std::string, InstanceNames> names_;  // by identity text
-    Summary summary_;
+    Runs runs_;
     std::string commandText_;
     Clock::time_point nextTable_, nextHeartbeat_, nextLook_;
 };

@@ -18,8 +18,8 @@ TEST(TakeBlobItem, NeverReadsAnItemOutOfACutOneItCannotFinish) {
 
 class TakeRecord : public testing::Test {
 protected:
-    void take(const char* line) { takeRecord(line, names, summary); }
-    InstanceNames names;
+    void take(const char* line) { takeRecord(line, instance, summary); }
+    InstanceState instance;
     Summary summary;
 };
 
@@ -56,6 +56,33 @@ TEST_F(TakeRecord, AddsCalloutsUpByTheNamesOfTheirBackEnds) {
     take("91,7,Front,Back,shop1,host1,host2,shop2,NA");
     EXPECT_EQ(summary.callers.at("Front/host1/shop1 (7) -> Back").announced, 1u);
     EXPECT_EQ(summary.unreadable, 0u);
+}
+
+TEST_F(TakeRecord, KeepsHeadersAndExceptionsWithTheirTransaction) {
+    for (const char* line :
+         {"7,2,Pay", "32,1,a.Timeout", "33,1,-", "33,2,Cart", "34,1,Cart.show", "35,1,too late, again",
+          "36,1,db", "12,100,1:<a&#46;b&#44; c>|2:7",
+          "38,100,5,6,1,-1,-1,1,2,1,-1,1,1,at%20a%2Cb%7C%7Cat%20c", "38,100F,5,6,1,-1,-1,1,1,1,-1,-1,-1,",
+          "2,100,1,5,5.1,2,/pay?x=1,,0,0,0,,0,-1,,,,5", "13,100,503,", "13,100,503,1:<>",
+          "4,100,503,13,0,40,2,0,,0,"})
+        take(line);
+    const ExceptionRow& row = summary.exceptions.at("a.Timeout");
+    EXPECT_TRUE(row.count == 2 && row.bts.at("Pay") == 2);
+    EXPECT_EQ(row.lastText, "in Cart.show");
+    EXPECT_EQ(row.lastStack, "at a,b\n\nat c\n") << "the last that had one";
+    const KeptTransaction* kept = summary.kept.find(100);
+    ASSERT_TRUE(kept && kept->ended && kept->request.size() == 2 && kept->response.size() == 1);
+    EXPECT_TRUE(kept->bt == "Pay" && kept->url == "/pay?x=1" && kept->status == 503 && kept->category == 13);
+    EXPECT_EQ(kept->request[0] + ";" + kept->request[1], "header 1: a.b, c;header 2: value 7");
+    EXPECT_EQ(kept->exceptions[0].text, "in Cart.show of Cart: too late, again, because of db");
+    EXPECT_EQ(summary.unreadable, 0U);
+    for (const char* line :
+         {"12,100,1<a>", "12,x,", "13,100,1:<a>", "12,100,1:<", "38,100,5,6,1,-1,-1,1", "32,x,y"})
+        take(line);
+    EXPECT_EQ(summary.unreadable, 6U);
+    for (std::size_t i = 0; i < 2 * kKeptTransactions; ++i)
+        summary.kept.of(static_cast<std::int64_t>(1000 + i));
+    EXPECT_TRUE(summary.kept.numbers().size() == kKeptTransactions && !summary.kept.find(100));
 }
 
 TEST_F(TakeRecord, CountsLinesThatAreNoRecordAndGoesOn) {

@@ -1,0 +1,251 @@
+#include "tools/collector/collector_monitors.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "tools/collector/collector_instance.h"
+#include "tools/collector/collector_summary.h"
+
+namespace vx::collector {
+
+namespace {
+
+constexpr std::size_t kFieldsMax = 48;
+constexpr int kNone = -1;  // a monitor has no such figure
+constexpr auto kKindNames = std::to_array<const char*>({"BT ", "back-end ", "method ", "exception "});
+
+// Where a record's figures stand, counted from 0 behind the name.
+struct Layout {
+    int record;
+    Monitored kind;
+    std::size_t fields;
+    int count, average, least, most, normal, slow, verySlow, error;
+};
+constexpr auto kLayouts = std::to_array<Layout>({
+    {74, Monitored::kBt, 40, 4, 1, 2, 3, 10, 14, 18, 22},
+    {75, Monitored::kBackend, 22, 5, 2, 3, 4, kNone, kNone, kNone, 6},
+    {61, Monitored::kMethod, 6, 5, 2, 3, 4, kNone, kNone, kNone, kNone},
+    {63, Monitored::kException, 2, 0, kNone, kNone, kNone, kNone, kNone, kNone, kNone},
+});
+
+using Fields = std::array<double, kFieldsMax>;
+
+// Numbers separated by single blanks. How many there are; 0 for a text that holds something else.
+std::size_t readFields(std::string_view text, Fields& fields) {
+    while (text.ends_with(' ')) text.remove_suffix(1);
+    std::size_t count = 0;
+    const char *at = text.data(), *const end = at + text.size();
+    while (at != end && count < kFieldsMax) {
+        const auto done = std::from_chars(at, end, fields[count++]);
+        if (done.ec != std::errc() || (done.ptr != end && *done.ptr != ' ')) return 0;
+        at = done.ptr == end ? end : done.ptr + 1;
+    }
+    return at == end ? count : 0;
+}
+
+double fieldAt(const Fields& fields, int place) {
+    return place == kNone ? 0 : std::clamp(fields[static_cast<std::size_t>(place)], 0.0, 9e15);
+}
+std::uint64_t countAt(const Fields& fields, int place) {
+    return static_cast<std::uint64_t>(fieldAt(fields, place));
+}
+
+Figures figuresOf(const Layout& layout, const Fields& fields) {
+    Figures out;
+    out.count = countAt(fields, layout.count);
+    if (out.count == 0) return out;
+    out.normal = countAt(fields, layout.normal);
+    out.slow = countAt(fields, layout.slow);
+    out.verySlow = countAt(fields, layout.verySlow);
+    out.error = countAt(fields, layout.error);
+    // Six decimals of an average give the sum back as long as the count has fewer digits than that.
+    out.totalMs = std::llround(fieldAt(fields, layout.average) * static_cast<double>(out.count));
+    out.minMs = std::llround(fieldAt(fields, layout.least));
+    out.maxMs = std::llround(fieldAt(fields, layout.most));
+    return out;
+}
+
+// "3|4|12:Tier_Server_Instance_name|text of tags|figures": the name is what stands behind the third
+// separator.
+struct Head {
+    std::int64_t id = 0;
+    std::string_view name, figures;
+};
+bool readHead(std::string_view text, char separator, Head& head) {
+    for (int ids = 0; ids < 2; ++ids) {
+        const std::size_t bar = text.find('|');
+        if (bar == std::string_view::npos) return false;
+        text.remove_prefix(bar + 1);
+    }
+    const auto done = std::from_chars(text.data(), text.data() + text.size(), head.id);
+    if (done.ec != std::errc() || done.ptr == text.data() + text.size() || *done.ptr != ':') return false;
+    text.remove_prefix(static_cast<std::size_t>(done.ptr - text.data()) + 1);
+    const std::size_t last = text.rfind('|');
+    if (last == std::string_view::npos) return false;
+    head.figures = text.substr(last + 1);
+    head.name = text.substr(0, last);
+    for (int part = 0; part < 3; ++part) {
+        const std::size_t end = head.name.find(separator);
+        if (end == std::string_view::npos) return false;
+        head.name.remove_prefix(end + 1);
+    }
+    return true;
+}
+
+MonitorSide& sideOf(Monitored kind, std::int64_t id, const std::string& name, Summary& summary) {
+    switch (kind) {
+        case Monitored::kBt:
+            return id == kAllTransactions ? summary.all.monitor : btRow(summary, name).monitor;
+        case Monitored::kBackend:
+            return backendRow(summary, name).monitor;
+        case Monitored::kMethod:
+            return methodRow(summary, name).monitor;
+        case Monitored::kException:
+            break;
+    }
+    return exceptionRow(summary, name).monitor;
+}
+
+// The name that the single records know an object by, which is that of its row.
+std::string nameOfObject(const InstanceState& instance, Monitored kind, std::int64_t id,
+                         std::string_view otherwise) {
+    switch (kind) {
+        case Monitored::kBt:
+            return knownName(instance.bts, id, otherwise);
+        case Monitored::kBackend:
+            return plainName(knownName(instance.methods, id, otherwise));
+        case Monitored::kMethod:
+            return knownName(instance.methods, id, otherwise);
+        case Monitored::kException:
+            break;
+    }
+    const auto place = static_cast<std::size_t>(id - 1);
+    return place < instance.run.exceptionNames.size() ? instance.run.exceptionNames[place]
+                                                      : std::string(otherwise);
+}
+
+enum class Answer { kAgrees, kPartial, kDiffers };
+
+Answer compare(const Told& told, bool mayTellMore) {
+    Figures singles = told.singles, monitor = told.monitor;
+    if (told.errorsUnknown) singles.error = monitor.error = 0;
+    if (singles == monitor) return Answer::kAgrees;
+    const bool more = monitor.count >= singles.count && monitor.normal >= singles.normal &&
+                      monitor.slow >= singles.slow && monitor.verySlow >= singles.verySlow &&
+                      monitor.error >= singles.error && monitor.totalMs >= singles.totalMs;
+    return mayTellMore && more ? Answer::kPartial : Answer::kDiffers;
+}
+
+// Methods and exceptions are monitored by name; of the other kinds the monitor knows all or nothing.
+bool isCompared(const Run& run, Monitored kind, const Told& told) {
+    const bool selected = kind == Monitored::kMethod || kind == Monitored::kException;
+    return selected ? told.reported : run.reported[static_cast<std::size_t>(kind)];
+}
+
+// False for a record that cannot be read.
+bool takeFigures(const Layout& layout, std::string_view text, char separator, InstanceState& instance,
+                 Summary& summary) {
+    Head head;
+    Fields fields{};
+    if (!readHead(text, separator, head) || readFields(head.figures, fields) != layout.fields) return false;
+    if (layout.kind == Monitored::kException && head.id == 0) return true;  // all of them together
+    const std::size_t tags = layout.kind == Monitored::kBt ? head.name.find('|') : std::string_view::npos;
+    if (tags != std::string_view::npos) {  // ids are others then: counted, not compared
+        head.name = head.name.substr(0, tags);
+        head.id = head.id == kAllTransactions ? head.id : -1;
+    } else {
+        instance.run.reported[static_cast<std::size_t>(layout.kind)] = true;
+    }
+    if (layout.kind == Monitored::kException) head.id = exceptionId(instance.run, head.name);
+    const Figures figures = figuresOf(layout, fields);
+    MonitorSide& side =
+        sideOf(layout.kind, head.id, nameOfObject(instance, layout.kind, head.id, head.name), summary);
+    side.reported = true;
+    side.figures.add(figures);
+    if (Told* told = toldOf(instance.run, layout.kind, head.id)) {
+        told->reported = true;
+        told->monitor.add(figures);
+    }
+    return true;
+}
+
+}  // namespace
+
+void Figures::add(const Figures& more) {
+    if (more.count == 0) return;
+    minMs = count ? std::min(minMs, more.minMs) : more.minMs;
+    maxMs = count ? std::max(maxMs, more.maxMs) : more.maxMs;
+    count += more.count;
+    normal += more.normal;
+    slow += more.slow;
+    verySlow += more.verySlow;
+    error += more.error;
+    totalMs += more.totalMs;
+}
+
+Figures oneOf(std::int64_t durationMs, int category) {
+    Figures out;
+    out.count = 1;
+    out.totalMs = out.minMs = out.maxMs = durationMs;
+    out.normal = category == 10;
+    out.slow = category == 11;
+    out.verySlow = category == 12;
+    out.error = category == 13;
+    return out;
+}
+
+Told* toldOf(Run& run, Monitored kind, std::int64_t id) {
+    if (id < 0 || id > kMaxId) return nullptr;
+    return &run.objects[static_cast<std::size_t>(kind)][id];
+}
+
+void addSingle(Run& run, Monitored kind, std::int64_t id, const Figures& figures) {
+    if (Told* told = toldOf(run, kind, id)) told->singles.add(figures);
+}
+
+std::int64_t exceptionId(Run& run, std::string_view className) {
+    const auto found = run.exceptionIds.find(std::string(className));
+    if (found != run.exceptionIds.end()) return found->second;
+    if (run.exceptionIds.size() >= kMaxRows) return -1;
+    const auto id = static_cast<std::int64_t>(run.exceptionIds.size()) + 1;
+    run.exceptionIds.emplace(className, id);
+    run.exceptionNames.emplace_back(className);
+    return id;
+}
+
+void takeMonitorRecord(std::string_view line, char separator, InstanceState& instance, Summary& summary) {
+    int number = 0;
+    const auto done = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (done.ec != std::errc() || done.ptr == line.data() + line.size() || *done.ptr != ',') return;
+    ++summary.monitorRecords;
+    line.remove_prefix(static_cast<std::size_t>(done.ptr - line.data()) + 1);
+    for (const Layout& layout : kLayouts)
+        if (layout.record == number && !takeFigures(layout, line, separator, instance, summary))
+            ++summary.unreadable;
+}
+
+void judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
+    const Run& run = instance.run;
+    const bool mayTellMore = sampled || run.broken;
+    bool judged = false;
+    for (std::size_t at = 0; at < kMonitoredKinds; ++at) {
+        const auto kind = static_cast<Monitored>(at);
+        for (const auto& [id, told] : run.objects[at]) {
+            if (!isCompared(run, kind, told) || (told.singles.count == 0 && told.monitor.count == 0))
+                continue;
+            MonitorSide& side = sideOf(
+                kind, id, nameOfObject(instance, kind, id, std::string(kKindNames[at]) + std::to_string(id)),
+                summary);
+            const Answer answer = compare(told, mayTellMore);
+            ++(answer == Answer::kAgrees    ? side.agreed
+               : answer == Answer::kPartial ? side.partial
+                                            : side.differing);
+            side.reported = judged = true;
+        }
+    }
+    if (judged) ++summary.judgedRuns;
+    instance.run = Run{};
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,88 @@
+// What the monitors tell of a run, against what its single records add up to.
+//
+// A run of an instance begins with its first data connection and is over when its 10 record has come and its
+// auto-sensor connection has ended: the last report is on its way until then. Then each object is compared:
+//
+//     kAgrees    the same figures on both sides
+//     kPartial   the monitor tells more, which it may: not every transaction is recorded singly (sampling),
+//                or a connection broke
+//     kDiffers   anything else
+//
+// While a run goes on nothing is compared: reports come in intervals, records when a buffer is sent.
+//
+// What is compared: of BTs counts per category, and the sum, least and greatest duration; of back-ends calls,
+// errors and durations; of methods in the method monitor calls and durations; of exceptions in the exception
+// monitor their count. Not the errors of custom back-ends, which the monitor does not know. Methods of
+// transactions that rules exclude are counted by the monitor alone.
+//
+// Limits    Ids above kMaxId and names beyond kMaxRows are counted, not compared.
+// Units     Milliseconds.
+// Threads   One.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace vx::collector {
+
+inline constexpr std::int64_t kAllTransactions = 0;  // as a BT's id
+
+struct InstanceState;
+struct Summary;
+
+enum class Monitored : std::uint8_t { kBt, kBackend, kMethod, kException };
+inline constexpr std::size_t kMonitoredKinds = 4;
+
+struct Figures {
+    std::uint64_t count = 0, normal = 0, slow = 0, verySlow = 0, error = 0;
+    std::int64_t totalMs = 0, minMs = 0, maxMs = 0;  // the last two only where count is above 0
+
+    void add(const Figures& more);
+    bool operator==(const Figures&) const = default;
+};
+// One occurrence: category 10 normal, 11 slow, 12 very slow, 13 error; 0 for what has none.
+Figures oneOf(std::int64_t durationMs, int category = 0);
+
+// What the monitors say of a row of the table.
+struct MonitorSide {
+    Figures figures;  // of all runs and instances
+    bool reported = false;
+    std::uint64_t agreed = 0, partial = 0, differing = 0;  // ended runs
+};
+
+// One object of a run, told twice.
+struct Told {
+    Figures singles, monitor;
+    bool reported = false;
+    bool errorsUnknown = false;  // to the monitor
+};
+
+struct Run {
+    std::array<std::unordered_map<std::int64_t, Told>, kMonitoredKinds> objects;
+    // Exceptions have one id in their records and another one in the monitor's: here they get a third.
+    std::unordered_map<std::string, std::int64_t> exceptionIds;
+    std::vector<std::string> exceptionNames;  // by that id
+    std::array<bool, kMonitoredKinds> reported{};
+    bool over = false;    // the 10 record has come
+    bool broken = false;  // a connection was made anew
+    int dataConnections = 0, sensorConnections = 0, sensorsOpen = 0;
+};
+
+// Adds to the side of the single records; ids out of range are passed over.
+void addSingle(Run& run, Monitored kind, std::int64_t id, const Figures& figures);
+Told* toldOf(Run& run, Monitored kind, std::int64_t id);
+std::int64_t exceptionId(Run& run, std::string_view className);  // -1 when there is no room
+
+// Takes one line of an auto-sensor connection; one that is no monitor record is only counted. `separator` is
+// that of the names (vxVectorSeparator).
+void takeMonitorRecord(std::string_view line, char separator, InstanceState& instance, Summary& summary);
+
+// Compares the run's objects, adds the answers to their rows, and makes the run a new one.
+void judgeRun(InstanceState& instance, Summary& summary, bool sampled);
+
+}  // namespace vx::collector

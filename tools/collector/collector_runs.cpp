@@ -1,0 +1,43 @@
+#include "tools/collector/collector_runs.h"
+
+#include "tools/collector/collector_records.h"
+
+namespace vx::collector {
+
+void Runs::opened(StreamKind kind, InstanceState& instance) {
+    if (kind != StreamKind::kData && kind != StreamKind::kAutoSensor) return;
+    if (instance.run.over && (kind == StreamKind::kData || instance.run.sensorsOpen == 0)) judge(instance);
+    Run& run = instance.run;
+    int& connections = kind == StreamKind::kData ? run.dataConnections : run.sensorConnections;
+    if (++connections > 1) run.broken = true;
+    if (kind == StreamKind::kAutoSensor) ++run.sensorsOpen;
+}
+
+void Runs::line(StreamKind kind, std::string_view line, InstanceState& instance) {
+    if (kind == StreamKind::kAutoSensor) takeMonitorRecord(line, separator_, instance, summary_);
+    if (kind != StreamKind::kData) return;
+    const bool wasOver = instance.run.over;
+    takeRecord(line, instance, summary_);
+    if (!wasOver && instance.run.over && instance.run.sensorsOpen == 0) judge(instance);
+}
+
+void Runs::closed(StreamKind kind, InstanceState& instance) {
+    if (kind != StreamKind::kAutoSensor) return;
+    if (instance.run.sensorsOpen > 0) --instance.run.sensorsOpen;
+    if (instance.run.over && instance.run.sensorsOpen == 0) judge(instance);
+}
+
+void Runs::ordered(std::string_view line) {
+    const std::string_view percent = fieldOf(line, "bciInstrSessionPct");
+    const std::string_view separator = fieldOf(line, "vxVectorSeparator");
+    const bool starts = line.starts_with("vx_control_req:action=start_instrumentation;");
+    std::int64_t value = 0;
+    if (readNumber(percent, value)) {
+        sampled_ = value < 100 || (sampled_ && !starts);
+    } else if (starts) {
+        sampled_ = true;  // the instance's own default
+    }
+    if (!separator.empty()) separator_ = separator.front();
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,43 @@
+// Instances and their runs, as their connections come and go.
+//
+//     first data connection --records, reports--> 10 record --auto-sensor connection ends--> compared
+//
+// A run whose last report cannot come any more is compared as soon as that is clear: when its next run
+// begins.
+//
+// Threads   One.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "tools/collector/collector_instance.h"
+#include "tools/collector/collector_protocol.h"
+#include "tools/collector/collector_summary.h"
+
+namespace vx::collector {
+
+class Runs {
+public:
+    // The instance of that identity; good for the life of this.
+    InstanceState& of(const std::string& identity) { return instances_[identity]; }
+    void opened(StreamKind kind, InstanceState& instance);
+    // A line behind the connect line.
+    void line(StreamKind kind, std::string_view line, InstanceState& instance);
+    void closed(StreamKind kind, InstanceState& instance);
+    // What a start or modify line says of how much is recorded.
+    void ordered(std::string_view line);
+    Summary& summary() { return summary_; }
+    const Summary& summary() const { return summary_; }
+
+private:
+    void judge(InstanceState& instance) { judgeRun(instance, summary_, sampled_); }
+
+    std::map<std::string, InstanceState> instances_;
+    Summary summary_;
+    bool sampled_ = false;  // not every transaction is recorded singly
+    char separator_ = '_';
+};
+
+}  // namespace vx::collector
