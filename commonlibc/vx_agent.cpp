@@ -27,6 +27,7 @@
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
@@ -64,7 +65,7 @@ void setProxyDefaults() {
     VXLB_FREE(VXProxy.vxcHost, "text copy", -1);
     for (const VXReadBuffer* buffer : {&VXProxy.controlBuf, &VXProxy.dataBuf, &VXProxy.discoveryBuf})
         VXLB_FREE(buffer->buffer, "control buffer read_socket_buf", -1);
-    VXLB_FREE(VXProxy.threadOps.arrThreadOp, "arrThreadOp", -1);
+    vxEndThreadOperations(VXProxy.threadOps);
     std::atomic<vxApplication*>* const attached = VXProxy.attached.load(std::memory_order_relaxed);
     const std::int32_t slots = VXProxy.instanceTableSize;
     std::destroy_at(&VXProxy);
@@ -230,6 +231,8 @@ void vxFillUpcalls() {
     vxUpcalls.freeTagStructures = freeTagStructures;
     vxUpcalls.clearBtMetaDataFlags = clearBtMetaDataFlags;
     vxUpcalls.replayMetaData = replayMetaData;
+    vxUpcalls.dropResetQueueOfInstance = dropResetQueueOfInstance;
+    vxUpcalls.markLongIdleTransactions = markLongIdleTransactions;
     vxUpcalls.initializeVXApplicationGlobal = initializeVXApplicationGlobal;
 }
 

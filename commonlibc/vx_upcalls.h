@@ -78,8 +78,7 @@ namespace vx {
     X(rec_control_con_response_lws, int())                                                              \
     /* from the agent side */                                                                           \
     X(initializeVXApplicationGlobal, void())                                                            \
-    X(vxProxyInitLws, void())                                                                           \
-    X(processThreadOps, void(VXThreadOpsQueue * queue))
+    X(vxProxyInitLws, void())
 // clang-format on
 
 enum class VXUpcallName : std::size_t {

@@ -4,7 +4,6 @@
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
@@ -146,9 +145,7 @@ void vxServeConnection(const apr_pollfd_t& event, int index, int count) {
         return;
     }
     vxApplication& app = *instanceAt(address->appIndex);
-    if (VXProxy.threadOps.opCount.load(std::memory_order_acquire) > 0)
-        VX_UPCALL(processThreadOps, &VXProxy.threadOps);
-    vxSetCurrent(&app);  // behind the operations, which change it
+    vxSetCurrent(&app);
     processInfo_t& process = *processAt(app, address->procIndex);
     Served from{event.desc.s, address, app, process, vxConnectionOf(process, event.desc.s)};
     if (event.rtnevents & APR_POLLNVAL) {

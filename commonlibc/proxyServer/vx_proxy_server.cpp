@@ -14,11 +14,11 @@
 #include "commonlibc/proxyServer/vx_proxy_pending.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
+#include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_sock.h"
-#include "commonlibc/vxlb_thread.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
@@ -31,7 +31,6 @@ constexpr std::int64_t kPollUs = 10000000;
 constexpr std::int64_t kBindRetryUs = 10000000;
 constexpr std::int64_t kAcceptPauseUs = 1000000;
 constexpr std::int64_t kMinTotalMB = 1025, kMaxTotalMB = 1024999;
-constexpr std::uint16_t kThreadOpsStart = 10;
 
 std::mutex wakeMutex;
 apr_pollset_t* wakeTarget = nullptr;  // wakeMutex
@@ -50,13 +49,12 @@ void setWakeTarget(apr_pollset_t* pollset) {
     wakeTarget = pollset;
 }
 
+void wakeForOperations(VXThreadOpsQueue& /*queue*/) {
+    vxWakeListener();
+}
+
 bool makeThreadOperations() {
-    VXThreadOpsQueue& queue = VXProxy.threadOps;
-    queue.arrThreadOp = static_cast<VXThreadOp*>(
-        VXLB_MALLOC_AND_MEMSET(kThreadOpsStart * sizeof(VXThreadOp), "arrThreadOp", -1));
-    if (!queue.arrThreadOp || !vxlb_make_mutex(queue.mutex, VXProxy.listenerPool)) return false;
-    queue.arrSize = kThreadOpsStart;
-    return true;
+    return initializeThreadOperations(VXProxy.threadOps, VXProxy.listenerPool, 0, wakeForOperations);
 }
 
 bool makeBuffers() {
@@ -135,8 +133,7 @@ bool makeListener() {
 void abandonListener() {
     for (VXReadBuffer* buffer : {&VXProxy.controlBuf, &VXProxy.dataBuf, &VXProxy.discoveryBuf})
         VXLB_FREE(std::exchange(buffer->buffer, nullptr), "control buffer read_socket_buf", -1);
-    VXLB_FREE(std::exchange(VXProxy.threadOps.arrThreadOp, nullptr), "arrThreadOp", -1);
-    VXProxy.threadOps.mutex = nullptr;
+    vxEndThreadOperations(VXProxy.threadOps);
     VXProxy.pollset = nullptr;
     VXProxy.listenSocket = nullptr;
     apr_pool_destroy(std::exchange(VXProxy.listenerPool, nullptr));
@@ -239,6 +236,7 @@ void vxProxyInit() {
     while (!stopOrdered()) {
         const apr_pollfd_t* events = nullptr;
         const int count = waitForEvents(events);
+        processThreadOps(VXProxy.threadOps);
         dispatch(events, count);
         vxPendingLook();
         vxEndPollRound();  // behind everything that may name a socket of this round

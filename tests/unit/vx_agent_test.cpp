@@ -17,11 +17,11 @@ std::istringstream stillEmpty(R"(
     HandleVexalineMessage SendMessageOnUDPSocket VXExceptionMonitorInit VXThreadMonitorInit
     addMethodInHash check_captureAppLog_thread clearHeaderMetaDataFlags createVectorPrefixException create_lws_as_connection
     create_lws_control_connection create_lws_data_connection digestAddBackend digestAddBt
-    dropResetQueueOfInstance freeTagHashLists freeUDPConnections get_file_from_VXC_lws
+    freeTagHashLists freeUDPConnections get_file_from_VXC_lws
     get_inst_profile_lws handleUploadDownload initVXDynamicSettings
     initVXHttpReqRespCaptureSettings kill_lws_as_connection kill_lws_data_connection
-    markLongIdleTransactions monitorCycle parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
-    parseDynamicSettingsFile parseExceptionMonFile processThreadOps
+    monitorCycle parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
+    parseDynamicSettingsFile parseExceptionMonFile
     rec_control_con_response_lws resetAppLogSettings resolveTransactionTag sendHttpHdrRep
     sendHttpHdrReq send_as_data_via_lws_socket send_control_data_via_lws_socket send_data_via_lws_socket
     setHttpHashMapNode setblackListForDebugSession start_control_connection_service
