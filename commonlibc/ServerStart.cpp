@@ -17,6 +17,7 @@
 #include "commonlibc/control_connection.h"
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_config.h"
@@ -86,7 +87,7 @@ void initMonitors() {
     VXBTConfigModelInit();
     VXBackendMonitorInit();
     VXMethodMonitorInit();
-    VX_UPCALL(VXExceptionMonitorInit);
+    VXExceptionMonitorInit();
     VX_UPCALL(resetAppLogSettings);
 }
 
@@ -106,7 +107,7 @@ void makeTables() {
     createVectorPrefix();
     createVectorPrefixBackend();
     createVectorPrefixMethod();
-    VX_UPCALL(createVectorPrefixException);
+    createVectorPrefixException();
 }
 
 // The sums are made unsigned: both parts come over the wire.

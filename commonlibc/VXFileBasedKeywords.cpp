@@ -16,6 +16,7 @@
 #include "commonlibc/VXParsingFiles.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
+#include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
 #include "commonlibc/vxbt/vxbt_thresholds.h"
@@ -29,7 +30,8 @@ namespace vx {
 namespace {
 
 constexpr const char* kNoFile = "NA";
-constexpr int kMethodMonitorIndex = 7, kEntryPointsIndex = 13, kProfileIndex = 55, kCriticalListIndex = 90;
+constexpr int kExceptionMonitorIndex = 6, kMethodMonitorIndex = 7, kEntryPointsIndex = 13, kProfileIndex = 55,
+              kCriticalListIndex = 90;
 constexpr int kMonitorTexts = 2;  // kind of resetmethodHashMapNode
 
 // Files that only the agents read: they ask for the cached copy.
@@ -46,7 +48,7 @@ constexpr ParserRow kParsers[] = {
     {0, [](char* text) { vxbt_read_rule_file(text, VXRuleSource::kText); }},
     {1, [](char* text) { vxbt_read_threshold_file(text, VXRuleSource::kText); }},
     {2, [](char* text) { parseBtError(text); }},
-    {6, [](char* text) { VX_UPCALL(parseExceptionMonFile, text); }},
+    {kExceptionMonitorIndex, parseExceptionMonFile},
     {kMethodMonitorIndex, parseMethodMonitor},
     {10, [](char* text) { VX_UPCALL(parseBackendRuleFile, text); }},
     {kEntryPointsIndex, parseEntryFile},
@@ -95,6 +97,11 @@ const char* get_file_from_VXC_wrapper(const char* keyword, int index) {
 
 void noFile(const char* keyword) {
     VX_TRACE(1, kControlThread, kInfo, "Found =NA for keyword '%s', returning ", keyword);
+    if (strcasecmp(keyword, "vxExceptionMonFile") == 0) {
+        char none[] = "NA";
+        parseExceptionMonFile(none);
+        forgetFileInForce(kExceptionMonitorIndex);
+    }
     if (strcasecmp(keyword, "vxMethodMonFile") != 0) return;
     if (methodHashMapNode_t* node = vxCurrent()->method.methodHashMapNode)
         resetmethodHashMapNode(node, kMonitorTexts);

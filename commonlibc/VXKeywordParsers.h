@@ -52,13 +52,14 @@ void setpropheadcheck(char* value, const char* keyword, int index);   // at leas
     X(setRetainAutoInstrMethods)       \
     X(setDebugSessionMode)             \
     X(setMinStackDepthForDebugSession) \
+    X(setBackendErrorDetectionMode)    \
+    X(setExceptionCaptureSettings)     \
+    X(parseExceptionFilteringList)     \
     X(setEnableDDKeywd)                \
     X(setenableVXJTDataTransfer)       \
     X(setbciVXJTDataBufferSetting)     \
     X(setVXJTLogPath)                  \
-    X(parseFormatIPResourceURL)        \
-    X(setDigestPercentileBT)           \
-    X(setDigestPercentileIP)
+    X(parseFormatIPResourceURL)
 #define VX_DECLARE_PARSER(name) void name(char* value, const char* keyword, int index);
 VX_TEXT_PARSERS(VX_DECLARE_PARSER)
 #undef VX_DECLARE_PARSER

@@ -7,6 +7,7 @@
 
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXCriticalFiles.h"
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXFileBasedKeywords.h"
 #include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordFill.h"
@@ -14,7 +15,6 @@
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "commonlibc/context/vx_application.h"
-#include "commonlibc/exception/VXExceptionSettings.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -215,9 +215,9 @@ constexpr VXKeywordRow keywordsMap[] = {
     VX_PARSED(autoInstrRetainChanges, setRetainAutoInstrMethods),
     VX_PARSED(enableAutoInstrSession, setDebugSessionMode),
     VX_PARSED(MinStackDepthDebugSession, setMinStackDepthForDebugSession),
-    VX_VALUE(backendErrorDetectionMode, setBackendErrorDetectionMode),  // 120
-    VX_VALUE(instrExceptions, setExceptionCaptureSettings),
-    VX_VALUE(vxExceptionFilterList, parseExceptionFilteringList),
+    VX_PARSED(backendErrorDetectionMode, setBackendErrorDetectionMode),  // 120
+    VX_PARSED(instrExceptions, setExceptionCaptureSettings),
+    VX_PARSED(vxExceptionFilterList, parseExceptionFilteringList),
     VX_PARSED(enableExceptionInSeqBlob, setEnableExceptionInSeqBlob),
     VX_PARSED(enableDDAI, setEnableDDKeywd),
     VX_PARSED(enableDBBackendName, checkDBBackendName),
@@ -225,8 +225,8 @@ constexpr VXKeywordRow keywordsMap[] = {
     VX_PARSED(bciVXJTDataBufferSetting, setbciVXJTDataBufferSetting),
     VX_PARSED(VXJTLogPath, setVXJTLogPath),
     VX_PARSED(formatIPResourceURL, parseFormatIPResourceURL),
-    VX_PARSED(tDigestPercentileBT, setDigestPercentileBT),  // 130
-    VX_PARSED(tDigestPercentileIP, setDigestPercentileIP),
+    VX_VALUE(tDigestPercentileBT, setDigestPercentileBT),  // 130
+    VX_VALUE(tDigestPercentileIP, setDigestPercentileIP),
     VX_PARSED(vxAgentDebugLogging, setvxAgentDebugLogging),
     VX_PARSED(enableCaptureDataOutsideTxn, setEnableCaptureDataOutsideTxn),
     VX_PARSED(enableOTELStandard, setpropheadcheck),
@@ -332,6 +332,8 @@ constexpr KeywordDefault kDefaults[] = {
     {"enableGCMonitor", "0"},
     {"enableGoroutineMonitor", "0"},
     {"maxExceptionMessageLength", "1000"},
+    {"tDigestPercentileBT", "0"},
+    {"tDigestPercentileIP", "0"},
     {"enableDCHeartBeat", "300"},
 };
 
@@ -370,7 +372,6 @@ void vxlb_init_all_keywords() {
         applyRow(given.index, value, keywordsMap[given.index].name);
     }
     setDefaultCriticalFile();
-    setdefaultValuesForException();
 }
 
 void setdefaultValues() {

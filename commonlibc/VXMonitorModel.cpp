@@ -86,16 +86,4 @@ void freeTagStructures() {
     Free_BT_Tag_Map();
 }
 
-void ResetMonitorData() {
-    vxApplication& app = *vxCurrent();
-    vxAggEach(app.bt.aggDataArr, 1, [](VXBTMonitorDataCounters& slot) {
-        VXGuard guard(slot.mutex);
-        slot.digestUpdated = 0;
-    });
-    vxAggEach(app.method.backendArr, 1, [](VXBackendMonitorDataCounters& slot) {
-        VXGuard guard(slot.mutex);
-        slot.digestUpdated = 0;
-    });
-}
-
 }  // namespace vx

@@ -76,6 +76,14 @@ void vxAggEach(VXAggregateArray<Slot>& array, std::int64_t first, Visit visit) {
     for (std::int64_t index = first; index < size; ++index)
         if (Slot* slot = vxAggSlot(array, index)) visit(*slot);
 }
+// Frees the blocks of an array, and what its slots own, where no thread can use it any more.
+template <class Slot>
+void vxAggFree(VXAggregateArray<Slot>& array) {
+    if constexpr (requires(Slot slot) { slot.digest; })
+        vxAggEach(array, 0, [](Slot& slot) { VXLB_FREE(slot.digest, "digest", -1); });
+    for (auto& block : array.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
+    array.size.store(0, std::memory_order_release);
+}
 
 // a + b of figures that came over the wire: wraps round, never undefined.
 inline std::int64_t vxSum(std::int64_t a, std::int64_t b) noexcept {
@@ -94,8 +102,5 @@ void Free_Tag_Map();
 void Free_BT_Tag_Map();
 // Both tag maps: what a run leaves of its tags.
 void freeTagStructures();
-// Clears what a run leaves in the monitors' digests; passes over what does not exist yet. Counters stay: the
-// auto-sensor thread may still owe a report of them, and each monitor's Init clears them.
-void ResetMonitorData();
 
 }  // namespace vx

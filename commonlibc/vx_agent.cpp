@@ -14,6 +14,7 @@
 #include "commonlibc/Server.h"
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXKeywords.h"
 #include "commonlibc/VXLogRetention.h"
 #include "commonlibc/VXMetadataReplay.h"

@@ -17,7 +17,6 @@
 namespace vx {
 
 // X(name, type of function). Order is free.
-// clang-format off
 #define VX_UPCALL_LIST(X)                                                                               \
     /* from the general settings */                                                                     \
     X(controlSockBufInit, void(vxApplication & app))                                                    \
@@ -45,21 +44,20 @@ namespace vx {
     /* from business transactions, methods and monitors */                                              \
     X(resolveTransactionTag,                                                                            \
       void(vxTD * slot, const char* name, const char* value, std::int32_t btId, std::int32_t kind))     \
-    X(digestAddBt, void(VXBTMonitorDataCounters * slot, std::int64_t duration))                         \
-    X(digestAddBackend, void(VXBackendMonitorDataCounters * slot, std::int64_t duration))               \
     /* from the engine and the decoder */                                                               \
     X(addMethodInHash, void(const char* methodName))                                                    \
     X(updateMethodInHash, void(const char* methodName, std::int64_t wallTime))                          \
+    X(handleExceptionParameters,                                                                        \
+      void(vxTD * slot, std::int64_t time, const char* className, const char* message,                  \
+           const char* throwingClass, const char* throwingMethod, const char* cause, std::int32_t kind, \
+           const char* stackTrace, std::int64_t thread))                                                \
     X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     /* from the collector link */                                                                       \
     X(check_captureAppLog_thread, int())                                                                \
     X(VXThreadMonitorInit, void())                                                                      \
-    X(VXExceptionMonitorInit, void())                                                                   \
-    X(createVectorPrefixException, void())                                                              \
     X(freeTagHashLists, void())                                                                         \
     X(resetAppLogSettings, void())                                                                      \
-    X(parseExceptionMonFile, void(char* text))                                                          \
     X(parseBackendRuleFile, void(char* text))                                                           \
     X(setHttpHashMapNode, void(char* text))                                                             \
     X(setblackListForDebugSession, void(char* text))                                                    \

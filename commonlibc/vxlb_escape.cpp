@@ -64,6 +64,22 @@ std::size_t copyEscaped(char* out, std::size_t size, const char* in, std::size_t
     return written;
 }
 
+struct Reference {
+    char byte;
+    std::size_t width;  // bytes of the text that it stands for
+};
+// The decimal reference of one byte at the beginning of a text, or its first byte as it is.
+Reference readReference(const char* text) {
+    constexpr int kDigits = 3;
+    const Reference plain{*text, 1};
+    if (text[0] != '&' || text[1] != '#') return plain;
+    int code = 0, width = 2;
+    for (; width < 2 + kDigits && text[width] >= '0' && text[width] <= '9'; ++width)
+        code = code * 10 + (text[width] - '0');
+    if (text[width] != ';' || code < 1 || code > 255) return plain;
+    return {static_cast<char>(static_cast<unsigned char>(code)), static_cast<std::size_t>(width) + 1};
+}
+
 }  // namespace
 
 std::size_t escapeURLEncoding(char* destination, std::size_t size, const char* source) {
@@ -95,6 +111,17 @@ std::size_t decodeUnderscore(char* destination, std::size_t size, const char* so
         const bool found = std::strncmp(source, encoded, width) == 0;
         out.put(found ? '_' : *source);
         source += found ? width : 1;
+    }
+    out.terminate();
+    return out.length();
+}
+
+std::size_t decodeHTML(char* destination, std::size_t size, const char* source) {
+    VXWriter out(destination, size);
+    while (source && *source && out.length() + 1 < size) {
+        const Reference reference = readReference(source);
+        out.put(reference.byte);
+        source += reference.width;
     }
     out.terminate();
     return out.length();

@@ -21,6 +21,8 @@ std::size_t replaceCharacterForVXJT(char* destination, std::size_t size, const c
 std::size_t escapeHTMLforBackendName(char* out, std::size_t outSize, const char* in, std::size_t inLength);
 // mode 1: `_` becomes "&#95;"; mode 0: the bytes of escapeHTMLforBackendName, and | and >.
 std::size_t escapeHTML(char* destination, std::size_t size, const char* source, int mode);
+// Undoes the decimal references of the two: "&#46;" becomes its byte, any other text stays.
+std::size_t decodeHTML(char* destination, std::size_t size, const char* source);
 // Undoes "%5F" (mode 1) or "&#95;" (mode 0).
 std::size_t decodeUnderscore(char* destination, std::size_t size, const char* source, int mode);
 // Copies a text field of a record: bytes 10 and 13 become blanks, so that the record stays one line.

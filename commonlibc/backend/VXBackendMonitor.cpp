@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXMonitorModel.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_utils.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_word.h"
@@ -20,7 +20,8 @@ auto slotMaker(vxApplication& app) {
     };
 }
 
-void updatePropertiesOfBackend(VXBackendMonitorDataCounters& slot, std::int64_t duration, bool isError) {
+void updatePropertiesOfBackend(const VXDigestSettings& digests, VXBackendMonitorDataCounters& slot,
+                               std::int64_t duration, bool isError) {
     const std::int64_t extreme = static_cast<std::int32_t>(duration);  // 32 bits on the wire
     VXGuard guard(slot.mutex);
     slot.invocationCount += 1;
@@ -29,8 +30,7 @@ void updatePropertiesOfBackend(VXBackendMonitorDataCounters& slot, std::int64_t 
     slot.totalDuration = vxSum(slot.totalDuration, duration);
     slot.minDuration = std::min(slot.minDuration, extreme);
     slot.maxDuration = std::max(slot.maxDuration, extreme);
-    VX_UPCALL(digestAddBackend, &slot, duration);
-    slot.digestUpdated = 1;
+    vxDigestDuration(digests, slot.digest, slot.digestUpdated, duration);
     slot.isDirty = 1;
 }
 
@@ -73,7 +73,7 @@ bool updateCounterAndDurationForBackend(vxTD*, mPP* backend, std::int64_t durati
         return true;
     }
     if (VXBackendMonitorDataCounters* slot = vxAggSlot(app.method.backendArr, id))
-        updatePropertiesOfBackend(*slot, duration, isError);
+        updatePropertiesOfBackend(app.digest.backend, *slot, duration, isError);
     return false;
 }
 

@@ -6,8 +6,8 @@
 #include <limits>
 
 #include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXMonitorModel.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_utils.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
@@ -83,7 +83,8 @@ std::int32_t tagSequenceOfBt(VXBTState_t& bt, std::int32_t btId) {
     return sequence ? sequence->sequence : -1;
 }
 
-bool updatePropertiesOfBT(VXBTState_t& bt, const vxTD& slot, std::int32_t btId) {
+bool updatePropertiesOfBT(vxApplication& app, const vxTD& slot, std::int32_t btId) {
+    VXBTState_t& bt = app.bt;
     VXBTMonitorDataCounters* target = vxAggSlot(bt.aggDataArr, btId);
     if (!target) return false;
     const std::int32_t sequence = tagSequenceOfBt(bt, btId);
@@ -95,7 +96,7 @@ bool updatePropertiesOfBT(VXBTState_t& bt, const vxTD& slot, std::int32_t btId) 
 
     VXGuard guard(target->mutex);
     updateBTDataCountersForAggregate(target->counters, counters);
-    VX_UPCALL(digestAddBt, target, slot.fpDuration);
+    vxDigestDuration(app.digest.bt, target->digest, target->digestUpdated, slot.fpDuration);
     target->isDirty = 1;
     target->counters.tagSeq = sequence;
     return true;
@@ -162,7 +163,7 @@ bool updateCounterAndDurationForBT(vxTD* slot) {
                  isOn, btId, 0);
         return false;
     }
-    return updatePropertiesOfBT(app.bt, *slot, btId);
+    return updatePropertiesOfBT(app, *slot, btId);
 }
 
 void initVXBTMonitorDataCounters(VXBTCounters& counters) {

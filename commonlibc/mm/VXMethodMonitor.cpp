@@ -4,12 +4,16 @@
 #include <limits>
 
 #include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/VXMonitorReport.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_word.h"
 
 namespace vx {
 
 namespace {
+
+constexpr int kMethodRecord = 61;
+constexpr std::int64_t kMinStart = std::numeric_limits<std::int64_t>::max();
 
 // How a new slot is made ready; method table lock held.
 auto slotMaker(vxApplication& app) {
@@ -27,6 +31,20 @@ void updatePropertiesOfMethod(VXMethodMonitorDataCounters& slot, std::int64_t du
     slot.count += 1;
     slot.entryCount += 1;
     slot.isDirty = 1;
+}
+
+// The figures of a slot at its mutex; the slot begins anew. False: it was never used.
+bool takeOfSlot(VXMethodMonitorDataCounters& slot, VXMethodMonitorDataCounters& taken) {
+    VXGuard guard(slot.mutex);
+    if (!slot.isDirty) return false;
+    taken.count = slot.count;
+    taken.entryCount = slot.entryCount;
+    taken.totalDuration = slot.totalDuration;
+    taken.minDuration = slot.minDuration;
+    taken.maxDuration = slot.maxDuration;
+    initVXMethodMonitorDataCounters(slot);
+    slot.isDirty = 1;
+    return true;
 }
 
 }  // namespace
@@ -86,7 +104,36 @@ void checkAndIncrementAggrMethodDataArray(mPP* method) {
 
 void initVXMethodMonitorDataCounters(VXMethodMonitorDataCounters& slot) {
     slot.count = slot.entryCount = slot.totalDuration = slot.maxDuration = 0;
-    slot.minDuration = std::numeric_limits<std::int64_t>::max();
+    slot.minDuration = kMinStart;
+}
+
+// The rate is a whole number: seconds that are not full do not count.
+void dump61RecordForEveryMethod(char* buffer, std::int32_t* length,
+                                const VXMethodMonitorDataCounters& counters, std::int64_t id,
+                                const char* name) {
+    const vxApplication& app = *vxCurrent();
+    const std::int32_t seconds = std::max(vx_word_get(app.VXSys.vxMonitorIntervalInSec), 1);
+    VXWriter out = vxBeginRecord(buffer, *length);
+    vxPutHead(out, kMethodRecord, app.method.methodPrefixID, id, app.method.methodPrefix, name);
+    out.number(vxInt32(counters.entryCount)).put(' ');
+    out.real(static_cast<double>(counters.count / seconds)).put(' ');
+    out.real(vxRatio(counters.totalDuration, counters.count)).put(' ');
+    out.real(checkAndGetIntMinValue(counters.minDuration, kMinStart)).put(' ');
+    out.number(counters.maxDuration).put(' ').number(vxInt32(counters.count));
+    vxEndRecord(out, buffer, length);
+}
+
+bool generateAndDumpMethodMonitoringRecord(char* buffer, std::int32_t* length) {
+    bool written = false;
+    vxAggEach(vxCurrent()->method.methodArr, 1, [&](VXMethodMonitorDataCounters& slot) {
+        VXMethodMonitorDataCounters taken{};
+        const mPP* method = slot.mPP_.load(std::memory_order_acquire);
+        if (!method || !takeOfSlot(slot, taken)) return;
+        dump61RecordForEveryMethod(buffer, length, taken, method->methodId.load(std::memory_order_relaxed),
+                                   method->aliasMethodName.getOr(method->methodName));
+        written = true;
+    });
+    return written;
 }
 
 }  // namespace vx

@@ -87,8 +87,7 @@ void vxFreeBtStore() {
     vxFreeRuleSet(bt.ruleSet.exchange(nullptr), nullptr);
     destroy_hashmap(std::exchange(bt.thresholds, nullptr));
     freeTagStructures();
-    for (auto& block : bt.aggDataArr.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
-    bt.aggDataArr.size = 0;
+    vxAggFree(bt.aggDataArr);
 }
 
 void vxMakeBtStore() {

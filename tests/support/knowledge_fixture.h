@@ -9,8 +9,7 @@
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
-#include "commonlibc/exception/VXExceptionNames.h"
-#include "commonlibc/exception/VXExceptionSettings.h"
+#include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_config.h"
@@ -24,12 +23,6 @@
 #include "tests/support/dumped_records.h"
 
 namespace vx::test {
-
-template <class Slot>
-void freeAggregateArray(VXAggregateArray<Slot>& array) {
-    for (auto& block : array.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
-    array.size = 0;
-}
 
 template <class T>
 std::set<T*> valuesOf(VXMap* map) {
@@ -45,8 +38,8 @@ std::set<T*> valuesOf(VXMap* map) {
 }
 
 inline void freeMethodTable(VXMethodState_t& method) {
-    freeAggregateArray(method.backendArr);
-    freeAggregateArray(method.methodArr);
+    vxAggFree(method.backendArr);
+    vxAggFree(method.methodArr);
     methodHashMapNode_t* table = method.methodHashMapNode.exchange(nullptr);
     if (!table) return;
     for (mPP* record : valuesOf<mPP>(table->map)) {
@@ -66,14 +59,14 @@ protected:
         VXBTConfigModelInit();
         VXBackendMonitorInit();
         VXMethodMonitorInit();
+        VXExceptionMonitorInit();
         openDumping(*app);
     }
     void TearDown() override {
         closeDumping(*app);
         vxFreeBtStore();
-        vxFreeExceptionNames();
-        setdefaultValuesForException();
         freeMethodTable(app->method);
+        vxAggFree(app->exceptionMonitor.exceptionArr);
         AppFixture::TearDown();
     }
 

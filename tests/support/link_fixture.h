@@ -83,6 +83,7 @@ protected:
         vxFreeChain(app->autoSensor.chain);
         vxFreeBtStore();
         freeMethodTable(app->method);
+        vxAggFree(app->exceptionMonitor.exceptionArr);
         HomeFixture::TearDown();
     }
 

@@ -17,13 +17,15 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string kHead = "vx_control_rep:action=file;keyword=vxExceptionMonFile;size=";
-const std::string kRequest = "vx_control_req:action=send_file;keyword=vxExceptionMonFile;";
-const std::string kNotCome = "Failed to get response of 'vxExceptionMonFile' file base keyword";
+const std::string kHead = "vx_control_rep:action=file;keyword=blackListForDebugSession;size=";
+const std::string kRequest = "vx_control_req:action=send_file;keyword=blackListForDebugSession;";
+const std::string kNotCome = "Failed to get response of 'blackListForDebugSession' file base keyword";
 const std::string kOtherHead =
-    "Didn't receive expected header message while reading response  from VXC for 'vxExceptionMonFile' file "
+    "Didn't receive expected header message while reading response  from VXC for 'blackListForDebugSession' "
+    "file "
     "based keyword.";
-const std::string kFailed = "vx_control_rep:action=FailedvxExceptionMonFile - .cache/a/vxExceptionMonFile\n";
+const std::string kFailed =
+    "vx_control_rep:action=FailedblackListForDebugSession - .cache/a/blackListForDebugSession\n";
 
 // A control connection whose collector has said beforehand all that the code under test is going to read.
 class FileKeywords : public LinkFixture {
@@ -36,7 +38,7 @@ protected:
         app->control.lastHeartBeatTime = vxlb_now_ms();
         app->identity.agentName = agentName_;
         parsed.clear();
-        vxUpcalls.parseExceptionMonFile = [](char* text) {
+        vxUpcalls.setblackListForDebugSession = [](char* text) {
             parsed += std::string(text) + "$";
             *text = '?';  // a parser takes its text apart
         };
@@ -67,29 +69,29 @@ private:
 
 TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByAStart) {
     peer.send(kHead + "5;lmd=1;\nab\ncd");
-    start("vxExceptionMonFile=f.txt|5|1;");
+    start("blackListForDebugSession=f.txt|5|1;");
     EXPECT_EQ(asked(), Lines{kRequest});
     EXPECT_EQ(parsed, "ab\ncd$");
-    EXPECT_EQ(cached("vxExceptionMonFile"), "ab\ncd");
+    EXPECT_EQ(cached("blackListForDebugSession"), "ab\ncd");
 
-    start("vxExceptionMonFile=f.txt|5|1;");
+    start("blackListForDebugSession=f.txt|5|1;");
     EXPECT_EQ(parsed, "ab\ncd$");  // whole again, though its parser has taken a text apart
-    modify("vxExceptionMonFile=f.txt|5|1;");
+    modify("blackListForDebugSession=f.txt|5|1;");
     EXPECT_EQ(parsed, "");
     start("tierID=1;");
     EXPECT_EQ(parsed, "");  // no longer named, no longer in force
-    start("vxExceptionMonFile=f.txt|0|2;");
-    start("vxExceptionMonFile=na;");
+    start("blackListForDebugSession=f.txt|0|2;");
+    start("blackListForDebugSession=na;");
     EXPECT_EQ(parsed, "");
     for (const char* seen : {"ab\ncd$", ""}) {  // a change puts it in force again, once
-        modify("vxExceptionMonFile=f.txt|5|1;");
+        modify("blackListForDebugSession=f.txt|5|1;");
         EXPECT_EQ(parsed, seen);
     }
     EXPECT_EQ(asked(), Lines{});
 
     for (const char* changed : {"f.txt|5|2", "f.txt|6|2", "g.txt|6|2"}) {
         peer.send(kHead + (changed[6] == '5' ? "5;lmd=2;\nabcde" : "6;lmd=2;\nabcdef"));
-        modify(std::string("vxExceptionMonFile=") + changed + ";");
+        modify(std::string("blackListForDebugSession=") + changed + ";");
         EXPECT_EQ(asked(), Lines{kRequest}) << changed;
         EXPECT_EQ(parsed, changed[6] == '5' ? "abcde$" : "abcdef$");
     }
@@ -98,18 +100,18 @@ TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByASta
 
 TEST_F(FileKeywords, AFailedFetchLeavesWhatIsHeldInForce) {
     peer.send(kHead + "3;lmd=1;\nold");
-    start("vxExceptionMonFile=f|3|1;");
+    start("blackListForDebugSession=f|3|1;");
     for (int attempt = 0; attempt < 2; ++attempt) {  // the next line asks again
         asked();
         peer.send(kFailed + kFailed);
-        start("vxExceptionMonFile=f|3|2;");
+        start("blackListForDebugSession=f|3|2;");
         EXPECT_EQ(asked(), (Lines{kRequest, kRequest}));
         EXPECT_EQ(parsed, "old$");
     }
     peer.send(kFailed + kFailed);
-    modify("vxExceptionMonFile=f|3|2;");
+    modify("blackListForDebugSession=f|3|2;");
     EXPECT_EQ(parsed, "");
-    start("vxExceptionMonFile=f|3|1;");
+    start("blackListForDebugSession=f|3|1;");
     EXPECT_EQ(parsed, "old$");
     EXPECT_EQ(warnings(), kNotCome + "; " + kNotCome + "; " + kNotCome);
 }
@@ -120,9 +122,11 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
         std::string answer, parsed, warnings;
     } rows[] = {
         {"plain head", kHead + "3;lmd=1;\nabc", "abc$", ""},
-        {"escaped head", "vx_control_rep:action=file;keyword=vxExceptionMonFile%3Bsize%3D3%3Blmd%3D-1;\nabc",
-         "abc$", ""},
-        {"head with bars", "vx_control_rep:action=file;keyword=vxExceptionMonFile|3|1\r\nabc", "abc$", ""},
+        {"escaped head",
+         "vx_control_rep:action=file;keyword=blackListForDebugSession%3Bsize%3D3%3Blmd%3D-1;\nabc", "abc$",
+         ""},
+        {"head with bars", "vx_control_rep:action=file;keyword=blackListForDebugSession|3|1\r\nabc", "abc$",
+         ""},
         {"a zero byte ends the text only", kHead + "4;lmd=1;\nab" + std::string(1, '\0') + "c", "ab$", ""},
         {"surplus stays for the lines", kHead + "3;lmd=1;\nabcdef\n", "abc$", ""},
         {"other lines before it are dropped",
@@ -132,7 +136,7 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
         {"failed once", kFailed + kHead + "3;lmd=1;\nabc", "abc$", ""},
         {"failed twice", kFailed + kFailed, "", kNotCome},
         {"the late answer of another file",
-         "vx_control_rep:action=file;keyword=vxExceptionMonFile2;size=5000;lmd=1;\n" +
+         "vx_control_rep:action=file;keyword=blackListForDebugSession2;size=5000;lmd=1;\n" +
              std::string(5000, '\n') + kHead + "3;lmd=1;\nabc",
          "abc$", kOtherHead},
         {"size 0", kHead + "0;lmd=1;\n", "", kNotCome},
@@ -152,7 +156,7 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
         controlSockBufReset(*app);
         app->Server.warnings[0] = '\0';
         peer.send(row.answer + "next\n");
-        modify("vxExceptionMonFile=f|9|" + std::to_string(++date) + ";");
+        modify("blackListForDebugSession=f|9|" + std::to_string(++date) + ";");
         EXPECT_EQ(parsed, row.parsed) << row.name;
         EXPECT_EQ(warnings(), row.warnings) << row.name;
         EXPECT_EQ(app->control.closeCtrlConFlag, 0) << row.name;
@@ -160,7 +164,7 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
 }
 
 TEST_F(FileKeywords, NoLineIsTornBetweenReadLoopAndExchange) {
-    const std::string order = std::string(kModifyPrefix) + ";vxExceptionMonFile=f|3|";
+    const std::string order = std::string(kModifyPrefix) + ";blackListForDebugSession=f|3|";
     const std::string answer = "vx_control_req:dropped\n" + kHead + "3;lmd=7;\na\nb";
     const std::string heartbeat = "vx_control_req:action=reconnect;x;dataConnState=0;\n";
     app->Server.instrumentationStarted = 1;
@@ -193,10 +197,10 @@ TEST_F(FileKeywords, ALargeFileComesWhole) {
         for (std::size_t at = 0; at < head.size() + content.size(); at += 1000000)
             peer.send((head + content).substr(at, 1000000));
     });
-    start("vxExceptionMonFile=f|" + size + "|1;");
+    start("blackListForDebugSession=f|" + size + "|1;");
     sender.join();
     EXPECT_TRUE(parsed == content + "$");
-    EXPECT_TRUE(cached("vxExceptionMonFile") == content);
+    EXPECT_TRUE(cached("blackListForDebugSession") == content);
 }
 
 TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
@@ -205,7 +209,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
         app->control.proxyStopRequested = 1;
     });
     const auto before = std::chrono::steady_clock::now();
-    start("vxExceptionMonFile=f|3|1;tierID=9;");  // the time-out is a minute
+    start("blackListForDebugSession=f|3|1;tierID=9;");  // the time-out is a minute
     stopper.join();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
     EXPECT_EQ(getTierID(), 0);
@@ -214,7 +218,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
 TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
     vx_word_set(app->VXSys.fileReadTimeout, 1000);
     app->control.lastHeartBeatTime = vxlb_now_ms() - 500000;
-    start("vxExceptionMonFile=f|3|1;vxBackendNamingRulesFile=g|3|1;tierID=9;");
+    start("blackListForDebugSession=f|3|1;vxBackendNamingRulesFile=g|3|1;tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(asked(), Lines{kRequest});
     EXPECT_EQ(getTierID(), 0);
@@ -223,19 +227,20 @@ TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
 TEST_F(FileKeywords, ALostConnectionEndsThePassAndIsOrderedClosed) {
     peer.send(kHead + "9;lmd=1;\nabc");
     peer.close();
-    start("vxExceptionMonFile=f|9|1;tierID=9;");
+    start("blackListForDebugSession=f|9|1;tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(getTierID(), 0);
 }
 
 TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
     EXPECT_TRUE(isCriticalFile("BTRuleConfig") && isCriticalFile("VXEntryPointsFile"));
-    EXPECT_FALSE(isCriticalFile("BTRule") || isCriticalFile("vxExceptionMonFile") || isCriticalFile(""));
+    EXPECT_FALSE(isCriticalFile("BTRule") || isCriticalFile("blackListForDebugSession") ||
+                 isCriticalFile(""));
     peer.send(
-        "vx_control_rep:action=file;keyword=vxCriticalFileList;size=33;lmd=1;\n"
-        "vxExceptionMonFile\r\nBTTConfig;,;\n" +
+        "vx_control_rep:action=file;keyword=vxCriticalFileList;size=39;lmd=1;\n"
+        "blackListForDebugSession\r\nBTTConfig;,;\n" +
         kFailed + kFailed);
-    start("vxCriticalFileList=c|33|1;vxExceptionMonFile=f|3|1;");
+    start("vxCriticalFileList=c|39|1;blackListForDebugSession=f|3|1;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_TRUE(isCriticalFile("BTTConfig"));
     EXPECT_FALSE(isCriticalFile("BTRuleConfig"));
@@ -243,7 +248,8 @@ TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
     app->control.closeCtrlConFlag = 0;
     setDefaultCriticalFile();  // as at the end of a run
     peer.send(kFailed + kFailed);
-    start("vxCriticalFileList=c|33|1;vxExceptionMonFile=f|3|1;");  // unchanged: in force within the pass
+    start(
+        "vxCriticalFileList=c|39|1;blackListForDebugSession=f|3|1;");  // unchanged: in force within the pass
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
 }
 

@@ -2,13 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "commonlibc/VXMonitorModel.h"
 #include "tests/support/knowledge_fixture.h"
+#include "tests/support/monitor_report.h"
 
 namespace vx::test {
 namespace {
 
-TEST_F(KnowledgeFixture, OnlyAMonitoredMethodIsCountedAndANewRunStartsFromZero) {
+TEST_F(KnowledgeFixture, OnlyAMonitoredMethodIsCountedAndAReportOrANewRunStartsFromZero) {
     mPP monitored{}, plain{}, unassigned{};
     monitored.methodId = 200;
     plain.methodId = 9000;
@@ -23,6 +26,19 @@ TEST_F(KnowledgeFixture, OnlyAMonitoredMethodIsCountedAndANewRunStartsFromZero) 
     EXPECT_TRUE(slot->minDuration == 12 && slot->maxDuration == 12 && slot->isDirty);
     EXPECT_EQ(app->method.methodArr.size, 257);
 
+    const std::string head =
+        std::string("61,") + app->method.methodPrefixID + "200:" + app->method.methodPrefix + "Shown|";
+    char name[] = "method";
+    monitored.methodName = name;
+    monitored.aliasMethodName.text = "Shown";
+    for (int i = 0; i < 23; ++i) updateCounterAndDurationForMethod(nullptr, &monitored, 37);
+    EXPECT_EQ(reportOf(generateAndDumpMethodMonitoringRecord),
+              head + "25 2.000000 35.000000 12.000000 37 25\n")
+        << "whole calls a second";
+    EXPECT_EQ(reportOf(generateAndDumpMethodMonitoringRecord),
+              head + "0 0.000000 0.000000 500000.000000 0 0\n");
+
+    slot->count = 1;
     VXMethodMonitorInit();
     EXPECT_TRUE(slot->count == 0 && slot->minDuration == INT64_MAX);
     EXPECT_TRUE(slot->mPP_ == &monitored && slot->isDirty);
