@@ -186,8 +186,7 @@ int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epol
         const bool recordsFollow = buffer.remaining > length + 1 && newline[1] == kRecordStart;
         *newline = '\0';
         consume(buffer, length + 1);
-        if (length == 0) continue;
-        processReceivedMsg(socket, line, epollPtrSlot);
+        if (length > 0) processReceivedMsg(socket, line, epollPtrSlot);
         if (vxSocketClosed(socket)) return kReadDone;
         if (recordsFollow && *epollPtrSlot) {
             decodeRest(socket, buffer, **epollPtrSlot);
