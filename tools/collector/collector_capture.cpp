@@ -72,7 +72,8 @@ bool takeException(std::string_view rest, InstanceState& instance, Summary& summ
     for (std::int64_t& value : field)
         if (!readNumber(takeUntil(rest, ','), value)) return false;
     KeptException thrown;
-    thrown.name = nameOf(instance.exceptionParts[0], field[kClass], "exception");
+    thrown.name =
+        field[kClass] < 0 ? "(no class)" : nameOf(instance.exceptionParts[0], field[kClass], "exception");
     thrown.text = exceptionText(partOf(instance, ExceptionPart::kThrowingClass, field[kThrower]),
                                 partOf(instance, ExceptionPart::kThrowingMethod, field[kIn]),
                                 partOf(instance, ExceptionPart::kMessage, field[kMessage]),

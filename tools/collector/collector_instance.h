@@ -14,6 +14,7 @@ namespace vx::collector {
 enum class ExceptionPart : std::uint8_t { kClass, kThrowingClass, kThrowingMethod, kMessage, kCause };
 
 struct InstanceState {
+    std::string name;  // as in "Tier/host/app/agent"
     Names bts, methods, headers;
     std::array<Names, 5> exceptionParts;
     Run run;

@@ -137,6 +137,12 @@ Answer compare(const Told& told, bool mayTellMore) {
     return mayTellMore && more ? Answer::kPartial : Answer::kDiffers;
 }
 
+void add(Answer answer, Answers& answers) {
+    ++(answer == Answer::kAgrees    ? answers.agreed
+       : answer == Answer::kPartial ? answers.partial
+                                    : answers.differing);
+}
+
 // Methods and exceptions are monitored by name; of the other kinds the monitor knows all or nothing.
 bool isCompared(const Run& run, Monitored kind, const Told& told) {
     const bool selected = kind == Monitored::kMethod || kind == Monitored::kException;
@@ -225,27 +231,27 @@ void takeMonitorRecord(std::string_view line, char separator, InstanceState& ins
             ++summary.unreadable;
 }
 
-void judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
+Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
     const Run& run = instance.run;
     const bool mayTellMore = sampled || run.broken;
-    bool judged = false;
+    Answers answers;
     for (std::size_t at = 0; at < kMonitoredKinds; ++at) {
         const auto kind = static_cast<Monitored>(at);
         for (const auto& [id, told] : run.objects[at]) {
             if (!isCompared(run, kind, told) || (told.singles.count == 0 && told.monitor.count == 0))
                 continue;
-            MonitorSide& side = sideOf(
-                kind, id, nameOfObject(instance, kind, id, std::string(kKindNames[at]) + std::to_string(id)),
-                summary);
+            const std::string name =
+                nameOfObject(instance, kind, id, std::string(kKindNames[at]) + std::to_string(id));
+            MonitorSide& side = sideOf(kind, id, name, summary);
+            side.reported = true;
             const Answer answer = compare(told, mayTellMore);
-            ++(answer == Answer::kAgrees    ? side.agreed
-               : answer == Answer::kPartial ? side.partial
-                                            : side.differing);
-            side.reported = judged = true;
+            add(answer, side);
+            add(answer, answers);
         }
     }
-    if (judged) ++summary.judgedRuns;
+    if (answers.agreed + answers.partial + answers.differing > 0) ++summary.judgedRuns;
     instance.run = Run{};
+    return answers;
 }
 
 }  // namespace vx::collector

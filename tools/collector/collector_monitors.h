@@ -48,11 +48,13 @@ struct Figures {
 // One occurrence: category 10 normal, 11 slow, 12 very slow, 13 error; 0 for what has none.
 Figures oneOf(std::int64_t durationMs, int category = 0);
 
-// What the monitors say of a row of the table.
-struct MonitorSide {
+struct Answers {
+    std::uint64_t agreed = 0, partial = 0, differing = 0;
+};
+// What the monitors say of a row of the table, and the answers of its ended runs.
+struct MonitorSide : Answers {
     Figures figures;  // of all runs and instances
     bool reported = false;
-    std::uint64_t agreed = 0, partial = 0, differing = 0;  // ended runs
 };
 
 // One object of a run, told twice.
@@ -82,7 +84,8 @@ std::int64_t exceptionId(Run& run, std::string_view className);  // -1 when ther
 // that of the names (vxVectorSeparator).
 void takeMonitorRecord(std::string_view line, char separator, InstanceState& instance, Summary& summary);
 
-// Compares the run's objects, adds the answers to their rows, and makes the run a new one.
-void judgeRun(InstanceState& instance, Summary& summary, bool sampled);
+// Compares the run's objects, adds the answers to their rows, and makes the run a new one. The answers by
+// object.
+Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled);
 
 }  // namespace vx::collector

@@ -65,6 +65,12 @@ bool takeMethodName(std::string_view rest, InstanceState& instance, Summary&) {
            setName(instance.methods, rest.substr(comma + 1), rest.substr(0, comma));
 }
 
+// "6,id,name": a header, or a value that stands in records as an id
+bool takeHeaderName(std::string_view rest, InstanceState& instance, Summary&) {
+    const std::string_view id = takeUntil(rest, ',');
+    return setName(instance.headers, id, rest);
+}
+
 // "2,instance,start,thread,thread.1,bt,url,...": only for what is shown of single transactions.
 bool takeHeader(std::string_view rest, InstanceState& instance, Summary& summary) {
     std::int64_t flowpath = 0, bt = 0;
@@ -161,6 +167,7 @@ constexpr auto kRecords = std::to_array<RecordRow>({
     {3, takePartial},
     {4, takeEnd},
     {5, takeMethodName},
+    {6, takeHeaderName},
     {7, takeBtName},
     {10, takeRunEnd},
     {12, takeRequestHeaders},

@@ -1,8 +1,8 @@
 // Decoder of the data stream: text records to figures of the summary.
 //
 // The stream of one instance starts with a 99 record and names what it uses: 7 records give BT ids their
-// names, 5 records methods and back-ends, 32 to 36 what exceptions consist of. Ids belong to the instance, so
-// each instance has a decoder state of its own.
+// names, 5 records methods and back-ends, 6 headers, 32 to 36 what exceptions consist of. Ids belong to the
+// instance, so each instance has a decoder state of its own.
 //
 // Limits    Ids above kMaxId have no name of their own; a line may have any length.
 // Errors    A line that is no record adds one to `unreadable` and changes nothing else.

@@ -4,6 +4,19 @@
 
 namespace vx::collector {
 
+InstanceState& Runs::of(const std::string& identity) {
+    InstanceState& instance = instances_[identity];
+    instance.name = identity;
+    return instance;
+}
+
+void Runs::judge(InstanceState& instance) {
+    const Answers answers = judgeRun(instance, summary_, sampled_);
+    news_ += "run of " + instance.name + " compared with its monitors: " + std::to_string(answers.agreed) +
+             " objects agree, " + std::to_string(answers.partial) + " recorded in part, " +
+             std::to_string(answers.differing) + " differ\n";
+}
+
 void Runs::opened(StreamKind kind, InstanceState& instance) {
     if (kind != StreamKind::kData && kind != StreamKind::kAutoSensor) return;
     if (instance.run.over && (kind == StreamKind::kData || instance.run.sensorsOpen == 0)) judge(instance);

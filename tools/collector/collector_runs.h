@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tools/collector/collector_instance.h"
 #include "tools/collector/collector_protocol.h"
@@ -21,21 +22,24 @@ namespace vx::collector {
 class Runs {
 public:
     // The instance of that identity; good for the life of this.
-    InstanceState& of(const std::string& identity) { return instances_[identity]; }
+    InstanceState& of(const std::string& identity);
     void opened(StreamKind kind, InstanceState& instance);
     // A line behind the connect line.
     void line(StreamKind kind, std::string_view line, InstanceState& instance);
     void closed(StreamKind kind, InstanceState& instance);
     // What a start or modify line says of how much is recorded.
     void ordered(std::string_view line);
+    // One line for each run that was compared since the last call.
+    std::string takeNews() { return std::exchange(news_, {}); }
     Summary& summary() { return summary_; }
     const Summary& summary() const { return summary_; }
 
 private:
-    void judge(InstanceState& instance) { judgeRun(instance, summary_, sampled_); }
+    void judge(InstanceState& instance);
 
     std::map<std::string, InstanceState> instances_;
     Summary summary_;
+    std::string news_;
     bool sampled_ = false;  // not every transaction is recorded singly
     char separator_ = '_';
 };

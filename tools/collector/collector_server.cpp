@@ -153,6 +153,9 @@ void CollectorServer::pollOnce(int timeoutMs) {
     if (polled[1].revents) readCommands();
     if (polled[0].revents) acceptAll();
     dropClosed();
+    const std::string news = runs_.takeNews();
+    std::fputs(news.c_str(), stdout);
+    if (!news.empty()) std::fflush(stdout);
 }
 
 void CollectorServer::acceptAll() {

@@ -61,7 +61,7 @@ TEST_F(TakeRecord, AddsCalloutsUpByTheNamesOfTheirBackEnds) {
 TEST_F(TakeRecord, KeepsHeadersAndExceptionsWithTheirTransaction) {
     for (const char* line :
          {"7,2,Pay", "32,1,a.Timeout", "33,1,-", "33,2,Cart", "34,1,Cart.show", "35,1,too late, again",
-          "36,1,db", "12,100,1:<a&#46;b&#44; c>|2:7",
+          "36,1,db", "6,1,Via", "12,100,1:<a&#46;b&#44; c>|2:7",
           "38,100,5,6,1,-1,-1,1,2,1,-1,1,1,at%20a%2Cb%7C%7Cat%20c", "38,100F,5,6,1,-1,-1,1,1,1,-1,-1,-1,",
           "2,100,1,5,5.1,2,/pay?x=1,,0,0,0,,0,-1,,,,5", "13,100,503,", "13,100,503,1:<>",
           "4,100,503,13,0,40,2,0,,0,"})
@@ -73,7 +73,7 @@ TEST_F(TakeRecord, KeepsHeadersAndExceptionsWithTheirTransaction) {
     const KeptTransaction* kept = summary.kept.find(100);
     ASSERT_TRUE(kept && kept->ended && kept->request.size() == 2 && kept->response.size() == 1);
     EXPECT_TRUE(kept->bt == "Pay" && kept->url == "/pay?x=1" && kept->status == 503 && kept->category == 13);
-    EXPECT_EQ(kept->request[0] + ";" + kept->request[1], "header 1: a.b, c;header 2: value 7");
+    EXPECT_EQ(kept->request[0] + ";" + kept->request[1], "Via: a.b, c;header 2: value 7");
     EXPECT_EQ(kept->exceptions[0].text, "in Cart.show of Cart: too late, again, because of db");
     EXPECT_EQ(summary.unreadable, 0U);
     for (const char* line :

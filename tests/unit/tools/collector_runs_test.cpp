@@ -70,6 +70,7 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     record("38,101,5,6,1,-1,-1,1,-1,-1,-1,-1,-1,at%20a%2Cb%7Cat%20c");
     report(bt(2, "Cart", 1, 0, 0, 40));
     report(bt(2, "Cart", 0, 0, 0, 0));
+    report(bt(0, "AllTransactions", 2, 0, 0, 40));
     report(
         "75,3|4|8:Tier_host7_shop_HTTP_stock:80|2 0.200000 2.000000 2 2 2 0 0.0 0 0 2 0.0 0 0 2 0 0 0 0 0 0 "
         "0");
@@ -78,6 +79,7 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     record("10,");
     EXPECT_EQ(answers("Cart"), "000") << "the last report is on its way";
     report(bt(3, "Pay", 0, 0, 1, 60));
+    report(bt(0, "AllTransactions", 0, 0, 1, 60));
     report("63,3|4|1:Tier_host7_shop_Timeout|1 0.000000 ");
     report("63,3|4|0:Tier_host7_shop_OverAll|1 0.000000 ");
     runs.closed(StreamKind::kAutoSensor, shop);
@@ -88,6 +90,9 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     EXPECT_EQ(answers(exceptionRow(summary, "Timeout").monitor), "100");
     EXPECT_EQ(summary.bts.size() + summary.backends.size() + summary.methods.size(), 4U)
         << "no rows of its own";
+    EXPECT_EQ(
+        runs.takeNews(),
+        "run of Tier/host7/shop compared with its monitors: 6 objects agree, 0 recorded in part, 0 differ\n");
     EXPECT_TRUE(summary.judgedRuns == 1 && summary.unreadable == 0);
     EXPECT_NE(table().find("  monitor                                           2        2      0         0 "
                            "     0       40.0       40       40  agrees\n"),
