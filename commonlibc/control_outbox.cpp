@@ -74,6 +74,11 @@ bool vxOutboxPut(vxApplication& app, const char* text, std::size_t length) {
     return false;
 }
 
+std::int32_t vxOutboxWaiting(vxApplication& app) {
+    const VXGuard lock(app.control.outbox.mutex);
+    return app.control.outbox.poll ? app.control.outbox.length : -1;
+}
+
 void vxOutboxOpen(vxApplication& app, apr_pollset_t* poll) {
     const VXGuard lock(app.control.outbox.mutex);
     app.control.outbox.poll = poll;

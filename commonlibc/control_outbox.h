@@ -9,7 +9,8 @@
 // Limits    kOutboxSize bytes. A text that finds no room is dropped whole, traced and counted; so is one
 //           that comes while no connection is read.
 // Lifetime  What waits is forgotten when the connection ends: its beginning may have gone out there.
-// Threads   vxOutboxPut: any. The others: control thread of the instance. The outbox mutex guards all; no
+// Threads   vxOutboxPut, vxOutboxWaiting: any. The others: control thread of the instance. The outbox mutex
+// guards all; no
 //           call waits under it.
 #pragma once
 
@@ -25,6 +26,9 @@ namespace vx {
 // what follows on the connection is a line of its own. An empty text is passed over. False when it was
 // dropped.
 bool vxOutboxPut(vxApplication& app, const char* text, std::size_t length);
+
+// Bytes that wait to be sent, -1 while no connection is read. Any thread.
+std::int32_t vxOutboxWaiting(vxApplication& app);
 
 // The connection is read from here on; `poll` (wakeable) is that of its loop.
 void vxOutboxOpen(vxApplication& app, apr_pollset_t* poll);

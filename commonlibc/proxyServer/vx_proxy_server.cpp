@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "commonlibc/VXLosses.h"
-#include "commonlibc/platform/vx_platform.h"
+#include "commonlibc/proxyServer/proxyMemCheck.h"
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "commonlibc/proxyServer/vx_proxy_pending.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
@@ -30,7 +30,6 @@ namespace {
 constexpr std::int64_t kPollUs = 10000000;
 constexpr std::int64_t kBindRetryUs = 10000000;
 constexpr std::int64_t kAcceptPauseUs = 1000000;
-constexpr std::int64_t kMinTotalMB = 1025, kMaxTotalMB = 1024999;
 
 std::mutex wakeMutex;
 apr_pollset_t* wakeTarget = nullptr;  // wakeMutex
@@ -60,24 +59,6 @@ bool makeThreadOperations() {
 bool makeBuffers() {
     return setResetSocketBuffer(VXProxy.controlBuf) && setResetSocketBuffer(VXProxy.dataBuf) &&
            setResetSocketBuffer(VXProxy.discoveryBuf);
-}
-
-void learnTotalMemory() {
-    const std::int64_t total = vx_platform_total_memory_mb();
-    if (total >= kMinTotalMB && total <= kMaxTotalMB) {
-        VXProxy.TotalSystemMemory = static_cast<std::int32_t>(total);
-        VX_TRACE(1, kControlThread, kInfo,
-                 "MemoryThresholds: memThresholdCheckModes=%d, memUsageThresholdPct=%d, "
-                 "memUsageThresholdSizeMB = %d, TotalSystemMemory=%d(MB)",
-                 VXProxy.memThresholdCheckModes, VXProxy.memUsageThresholdPct,
-                 VXProxy.memUsageThresholdSizeMB, VXProxy.TotalSystemMemory);
-    }
-    if (VXProxy.TotalSystemMemory != 0) return;
-    VX_TRACE(1, kControlThread, kError,
-             "MemoryThresholds: failed to get total system memory. Memory Check is disabled. totalMemoryInMB "
-             "%d",
-             static_cast<int>(total));
-    VXProxy.memThresholdCheckModes = 0;
 }
 
 // False when a stop came before the port could be bound.
@@ -123,7 +104,7 @@ bool makeListener() {
     apr_signal(SIGPIPE, countBrokenPipe);
     if (!makeThreadOperations() || !makeBuffers()) return false;
     tlWorkerIndex = 0;
-    learnTotalMemory();
+    vxLearnTotalMemory();
     if (!bindPort()) return false;
     noteBoundAddress();
     return makePollset();

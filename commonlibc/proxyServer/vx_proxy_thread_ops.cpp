@@ -82,13 +82,16 @@ bool append(VXThreadOpsQueue& queue, const VXThreadOp& operation) {
 
 using Turn = std::array<VXThreadOp, kThreadOpsTurn>;
 
-// The oldest operations, off the queue. Their count.
+// The oldest operations, off the queue. Their count. Their instances are pinned: an instance whose operations
+// are dropped, and that nobody pins, is in nobody's hands.
 int takeTurn(VXThreadOpsQueue& queue, Turn& turn) {
     const VXGuard lock(queue.mutex);
     const int count = queue.opCount.load(std::memory_order_relaxed);
     const int taken = std::min(count, kThreadOpsTurn);
     VXThreadOp* const operations = queue.arrThreadOp;
     std::copy_n(operations, taken, turn.begin());
+    for (int i = 0; i < taken; ++i)
+        if (operations[i].app) operations[i].app->udp.pins.fetch_add(1);
     std::copy(operations + taken, operations + count, operations);
     queue.opCount.store(static_cast<std::uint16_t>(count - taken), std::memory_order_release);
     queue.processedNow = 0;
@@ -260,8 +263,13 @@ void processThreadOps(VXThreadOpsQueue& queue) {
     if (queue.opCount.load(std::memory_order_acquire) == 0) return;
     Turn turn;
     const int count = takeTurn(queue, turn);
-    for (int i = 0; i < count; ++i)
-        if (isValid(turn[static_cast<std::size_t>(i)], i)) run(queue, turn[static_cast<std::size_t>(i)]);
+    vxApplication* const former = vxCurrent();
+    for (int i = 0; i < count; ++i) {
+        const VXThreadOp& operation = turn[static_cast<std::size_t>(i)];
+        if (isValid(operation, i)) run(queue, operation);
+        vxSetCurrent(former);
+        if (operation.app) operation.app->udp.pins.fetch_sub(1);
+    }
     reportRun(queue);
     if (queue.opCount.load(std::memory_order_relaxed) > 0 && queue.wake) queue.wake(queue);
 }

@@ -38,7 +38,7 @@ void vxEndThreadOperations(VXThreadOpsQueue& queue);
 // Queues a reset for the slot, which is on the busy list of the current instance with that serial, in the
 // queue of its owner. False when it was left.
 bool queueFPResetThreadOps(vxTD* slot, std::uint64_t busySerial);
-// Runs what is queued: by the owner, between two events. Changes the current context.
+// Runs what is queued: by the owner, between two events.
 void processThreadOps(VXThreadOpsQueue& queue);
 // One line for each queue, at every 30th call.
 void printAllThreadsOperations();
