@@ -17,15 +17,6 @@ constexpr const char kNoTest[] = "vx_meta_data_rep:action=send_meta_data;result=
 constexpr const char kComplete[] = "vx_meta_data_rep:status=complete;\n";
 constexpr int kMaxFields = 64;
 
-struct RecordRow {
-    std::int32_t number;
-    void (*replay)(int first, int second);
-};
-constexpr RecordRow kRecordRows[] = {
-    {5, collectAndSendOnlyCached5Records},
-    {7, collectAndSendOnlyCached7Records},
-};
-
 // Each record type at most once, however often it is named.
 class Asked {
 public:
@@ -33,17 +24,17 @@ public:
         const std::int32_t number = keywordInt(text);
         if (number < 1) return;
         anything_ = true;
-        for (std::size_t i = 0; i < std::size(kRecordRows); ++i)
-            if (kRecordRows[i].number == number) rows_[i] = true;
+        for (std::size_t i = 0; i < kReplayRows.size(); ++i)
+            if (kReplayRows[i].recordNumber == number) rows_[i] = true;
     }
     void replay() const {
-        for (std::size_t i = 0; i < std::size(kRecordRows); ++i)
-            if (!anything_ || rows_[i]) kRecordRows[i].replay(0, 1);
+        for (std::size_t i = 0; i < kReplayRows.size(); ++i)
+            if (!anything_ || rows_[i]) kReplayRows[i].collect(0, 1);
     }
 
 private:
     bool anything_ = false;
-    bool rows_[std::size(kRecordRows)] = {};
+    bool rows_[kReplayRows.size()] = {};
 };
 
 void addNumbers(Asked& asked, char* field) {

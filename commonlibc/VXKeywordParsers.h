@@ -52,9 +52,6 @@ void setpropheadcheck(char* value, const char* keyword, int index);   // at leas
     X(setRetainAutoInstrMethods)       \
     X(setDebugSessionMode)             \
     X(setMinStackDepthForDebugSession) \
-    X(setBackendErrorDetectionMode)    \
-    X(setExceptionCaptureSettings)     \
-    X(parseExceptionFilteringList)     \
     X(setEnableDDKeywd)                \
     X(setenableVXJTDataTransfer)       \
     X(setbciVXJTDataBufferSetting)     \

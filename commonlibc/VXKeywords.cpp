@@ -15,6 +15,7 @@
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/exception/VXExceptionSettings.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -215,9 +216,9 @@ constexpr VXKeywordRow keywordsMap[] = {
     VX_PARSED(autoInstrRetainChanges, setRetainAutoInstrMethods),
     VX_PARSED(enableAutoInstrSession, setDebugSessionMode),
     VX_PARSED(MinStackDepthDebugSession, setMinStackDepthForDebugSession),
-    VX_PARSED(backendErrorDetectionMode, setBackendErrorDetectionMode),  // 120
-    VX_PARSED(instrExceptions, setExceptionCaptureSettings),
-    VX_PARSED(vxExceptionFilterList, parseExceptionFilteringList),
+    VX_VALUE(backendErrorDetectionMode, setBackendErrorDetectionMode),  // 120
+    VX_VALUE(instrExceptions, setExceptionCaptureSettings),
+    VX_VALUE(vxExceptionFilterList, parseExceptionFilteringList),
     VX_PARSED(enableExceptionInSeqBlob, setEnableExceptionInSeqBlob),
     VX_PARSED(enableDDAI, setEnableDDKeywd),
     VX_PARSED(enableDBBackendName, checkDBBackendName),
@@ -372,6 +373,7 @@ void vxlb_init_all_keywords() {
         applyRow(given.index, value, keywordsMap[given.index].name);
     }
     setDefaultCriticalFile();
+    setdefaultValuesForException();
 }
 
 void setdefaultValues() {

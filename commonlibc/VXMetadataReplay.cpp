@@ -2,6 +2,7 @@
 
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXMethodManager.h"
+#include "commonlibc/exception/VXExceptionNames.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -14,7 +15,7 @@ namespace {
 constexpr int kPortion = 256;  // records looked at per turn of a table's lock
 constexpr std::int64_t kPauseUs = 50;
 
-// What is to be told. Methods and BTs are never freed, and their names never change.
+// What is to be told. Methods, BTs and exceptions' names are never freed and never change.
 template <class T>
 struct Noted {
     T* object;
@@ -47,6 +48,15 @@ void tell(const Noted<BTObject>& noted) {
         noted.object->metaDataDumped.store(0, std::memory_order_relaxed);
 }
 
+std::int64_t idToTell(const exceptionProperties& row) {
+    return row.id;
+}
+
+void tell(const Noted<exceptionProperties>& noted) {
+    exceptionProperties& row = *noted.object;
+    row.told.store(dumpExceptionMetaRecord(row.kind, row.id, row.name), std::memory_order_relaxed);
+}
+
 // Tells a list of records portion by portion, each noted under the table's lock and written without it. The
 // list only grows, and at its end: the place where a portion ended stays good, and what is added meanwhile
 // is met there.
@@ -70,16 +80,6 @@ void tellAll(apr_thread_mutex_t* mutex, T* const& first, T* T::*next) {
     }
 }
 
-struct ReplayRow {
-    int recordNumber;
-    void (*collect)(int first, int second);
-};
-// In the order of the wire: 5, 6, 7, 22, 26, 32 to 36, 112. A number without a row has no content.
-constexpr ReplayRow kReplayRows[] = {
-    {5, collectAndSendOnlyCached5Records},
-    {7, collectAndSendOnlyCached7Records},
-};
-
 }  // namespace
 
 void collectAndSendOnlyCached5Records(int, int) {
@@ -92,6 +92,11 @@ void collectAndSendOnlyCached7Records(int, int) {
     tellAll(bt.btMapMutex, bt.firstManaged, &BTObject::nextManaged);
 }
 
+void collectAndSendExceptionNames(ExceptionName kind) {
+    VXExceptionTable_t& table = vxCurrent()->exceptions.tables[static_cast<int>(kind)];
+    tellAll(table.mutex, table.first, &exceptionProperties::next);
+}
+
 void dump11Record(int recordNumber) {
     char record[32];
     VXWriter out(record, sizeof(record));
@@ -100,7 +105,7 @@ void dump11Record(int recordNumber) {
 }
 
 void replayMetaData() {
-    for (const ReplayRow& row : kReplayRows) row.collect(0, 1);
+    for (const VXReplayRow& row : kReplayRows) row.collect(0, 1);
 }
 
 }  // namespace vx

@@ -17,6 +17,7 @@
 namespace vx {
 
 // X(name, type of function). Order is free.
+// clang-format off
 #define VX_UPCALL_LIST(X)                                                                               \
     /* from the general settings */                                                                     \
     X(controlSockBufInit, void(vxApplication & app))                                                    \
@@ -47,10 +48,6 @@ namespace vx {
     /* from the engine and the decoder */                                                               \
     X(addMethodInHash, void(const char* methodName))                                                    \
     X(updateMethodInHash, void(const char* methodName, std::int64_t wallTime))                          \
-    X(handleExceptionParameters,                                                                        \
-      void(vxTD * slot, std::int64_t time, const char* className, const char* message,                  \
-           const char* throwingClass, const char* throwingMethod, const char* cause, std::int32_t kind, \
-           const char* stackTrace, std::int64_t thread))                                                \
     X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     /* from the collector link */                                                                       \

@@ -3,8 +3,10 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <string_view>
 
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/exception/VXException.h"
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "commonlibc/flowpath/VXFlowpathTime.h"
 #include "commonlibc/flowpath/VXManageTierCallOut.h"
@@ -38,6 +40,9 @@ struct Message {
     std::int32_t i32(std::size_t offset) const { return body.fixed.i32At(offset); }
     std::int64_t i64(std::size_t offset) const { return body.fixed.i64At(offset); }
     char* text(std::size_t index) const { return body.text[index]; }
+    std::string_view view(std::size_t index) const {
+        return body.text[index] ? std::string_view(body.text[index], body.length[index]) : "";
+    }
     const char* shown(std::size_t index) const { return body.text[index] ? body.text[index] : ""; }
     long long instance() const { return flowpathInstance; }
 };
@@ -176,8 +181,15 @@ void onException(Message& in) {
         VX_TRACE(2, kFlowpath, kInfo, "-- Not M Type 5  pfpi = %lld ", in.instance());
         return;
     }
-    VX_UPCALL(handleExceptionParameters, slot, in.i64(36), in.text(0), in.text(1), in.text(2), in.text(3),
-              in.text(4), in.i32(0), in.text(5), in.i64(44));
+    handleExceptionParameters(slot, {.className = in.view(0),
+                                     .message = in.view(1),
+                                     .throwingClass = in.view(2),
+                                     .throwingMethod = in.view(3),
+                                     .cause = in.view(4),
+                                     .stackTrace = in.view(5),
+                                     .exceptionTime = in.i64(36),
+                                     .exceptionInt = in.i32(0),
+                                     .exceptionThread = in.i64(44)});
 }
 
 void replaceText(char*& held, const char* text, const char* what) {

@@ -23,6 +23,7 @@ struct exceptionProperties {
     const char* name;           // the map's key
     exceptionProperties* next;  // in the order of their making
     std::int32_t id;
+    ExceptionName kind;
     std::atomic<std::uint8_t> told;  // its metadata record is out
 };
 

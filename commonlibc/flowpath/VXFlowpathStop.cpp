@@ -37,6 +37,10 @@ void emptyBusyList(const vxApplication& app, Leave leave) {
 
 // A run tells once of each table that is full.
 void clearToldCeilings(vxApplication& app) {
+    for (VXExceptionTable_t& table : app.exceptions.tables) {
+        const VXGuard names(table.mutex);
+        table.ceilingTraced = 0;
+    }
     app.tiers.callersTraced = 0;  // decode lock
     {
         const VXGuard pool(app.flowpath.poolMutex);

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "commonlibc/flowpath/VXFlowpathRecords.h"
+#include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_word.h"
 #include "commonlibc/vxlb_writer.h"
 
@@ -108,6 +109,15 @@ void updateFPSeqBlob(vxTD* slot, const VXBlobItem& item) {
     }
     slot->sequenceBlobLen += static_cast<std::int32_t>(out.length());
     checkToDumpFPSeqBlob(slot, item.threadId);
+}
+
+void appendExceptionRecordInSeqBlob(vxTD* slot, std::int64_t threadId) {
+    const VXGuard blob(slot->blobMutex);
+    VXWriter out(slot->sequenceBlob + slot->sequenceBlobLen,
+                 static_cast<std::size_t>(kSequenceBlobSize - slot->sequenceBlobLen));
+    out.put('e').number(slot->seqNo).put('_');
+    slot->sequenceBlobLen += static_cast<std::int32_t>(out.length());
+    checkToDumpFPSeqBlob(slot, threadId);
 }
 
 void checkToDumpFPSeqBlob(vxTD* slot, std::int64_t threadId) {

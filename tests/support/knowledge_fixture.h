@@ -9,6 +9,8 @@
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
+#include "commonlibc/exception/VXExceptionNames.h"
+#include "commonlibc/exception/VXExceptionSettings.h"
 #include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
@@ -65,6 +67,8 @@ protected:
     void TearDown() override {
         closeDumping(*app);
         vxFreeBtStore();
+        vxFreeExceptionNames();
+        setdefaultValuesForException();
         freeMethodTable(app->method);
         vxAggFree(app->exceptionMonitor.exceptionArr);
         AppFixture::TearDown();

@@ -42,10 +42,11 @@ inline std::string resetFrame(std::int64_t flowpath) {
     char out[64];
     return std::string(out, static_cast<std::size_t>(transactionResetEncode(out, sizeof(out), flowpath)));
 }
-// An exception: the record that needs nothing of the engine but a filed slot.
-inline std::string exceptionFrame(std::int64_t flowpath, const char* className) {
+// An exception: the record that needs nothing of the engine but a filed slot with a BT. Its 38 record ends in
+// the stack trace.
+inline std::string exceptionFrame(std::int64_t flowpath, const char* stackTrace) {
     return frameOf(ExceptionEncode,
-                   VXExceptionRecord{0, flowpath, 0, 0, wire(className), {}, {}, {}, {}, {}});
+                   VXExceptionRecord{0, flowpath, 0, 0, wire("E"), {}, {}, wire("m"), {}, wire(stackTrace)});
 }
 inline std::string thrownFrame(std::int64_t flowpath, const char* method) {
     return frameOf(ExceptionMethodExitEncode,

@@ -110,11 +110,11 @@ TEST_F(Keywords, ATestRunThatChangesAsksForTheMetadata) {
 }
 
 TEST_F(Keywords, AValueForALaterUnitIsKeptAsText) {
-    EXPECT_EQ(kept("instrExceptions"), "");
-    apply("instrExceptions", "1%201");
-    EXPECT_EQ(kept("instrExceptions"), "1%201");
-    apply("instrExceptions", std::string(10000, 'e'));
-    EXPECT_EQ(kept("instrExceptions"), std::string(4095, 'e'));
+    EXPECT_EQ(kept("VXJTLogPath"), "");
+    apply("VXJTLogPath", "/logs");
+    EXPECT_EQ(kept("VXJTLogPath"), "/logs");
+    apply("VXJTLogPath", std::string(10000, 'e'));
+    EXPECT_EQ(kept("VXJTLogPath"), std::string(4095, 'e'));
     apply("enableOTELStandard", "1%202%203");  // 9 fields are due
     EXPECT_EQ(kept("enableOTELStandard"), "");
 }

@@ -86,6 +86,20 @@ TEST_F(MetadataReplay, WhatThereWasNoRoomForIsToldWithItsNextUse) {
     EXPECT_EQ(dumpedRecords(*app).back(), "5,once,5");
 }
 
+TEST_F(MetadataReplay, ExceptionsNamesComeAgainLikeTheOthers) {
+    EXPECT_EQ(getIDAndDumpExceptionCause("told"), 1);
+    closeDumping(*app);
+    app->Server.testRunRunning = 1;  // and no node to write into
+    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
+    openDumping(*app);
+    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
+    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
+    EXPECT_EQ(dumpedText(*app), "32,1,new\n");
+    clearDumped(*app);
+    replayMetaData();
+    EXPECT_TRUE(dumpedText(*app).ends_with("32,1,new\n36,1,told\n")) << dumpedText(*app);
+}
+
 TEST_F(MetadataReplay, NamesABackendFiledUnderTwoKeysOnce) {
     app->VXSys.maxIPCount = 1;
     app->data.data_thread_running = 1;

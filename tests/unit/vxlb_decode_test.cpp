@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/exception/VXExceptionNames.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/flowpath/VXPerThreadData.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem_pool.h"
 #include "tests/support/app_fixture.h"
@@ -19,7 +21,12 @@ namespace {
 using namespace test;
 using Names = std::vector<std::string>;
 
-Names accepted;  // class names of the records that came through
+Names accepted;  // stack traces of the exceptions that came through
+
+void accept(const char* record, std::int64_t length) {
+    const std::string_view text(record, static_cast<std::size_t>(length) - 1);
+    if (text.starts_with("38,")) accepted.emplace_back(text.substr(text.rfind(',') + 1));
+}
 
 // One flowpath, 77, whose exceptions are remembered.
 class DecodeStream : public AppFixture {
@@ -28,17 +35,22 @@ protected:
         AppFixture::SetUp();
         app->flowpath.fpi_tls_map = create_hashmap(app->pool);
         app->Server.testRunRunning = 1;
-        vxFileSlot(get_free_tls_slot(), "77");
-        vxUpcalls.handleExceptionParameters =
-            [](vxTD*, std::int64_t, const char* className, const char*, const char*, const char*, const char*,
-               std::int32_t, const char*, std::int64_t) { accepted.emplace_back(className); };
+        fileSlot("77");
+        vxDivertRecords(accept);
         accepted.clear();
     }
     void TearDown() override {
-        vxUpcalls.handleExceptionParameters = nullptr;
+        vxDivertRecords(nullptr);
+        vxFreeExceptionNames();
         vxDropBusyList();
         vxFreeSlotPools();
         AppFixture::TearDown();
+    }
+    static void fileSlot(const char* key) {
+        static BTObject bt;
+        vxTD* slot = get_free_tls_slot();
+        slot->tlBTObj = &bt;
+        vxFileSlot(slot, key);
     }
     std::string carried() const {
         return {app->decoder.partialBuffer, static_cast<std::size_t>(app->decoder.partialLength)};
@@ -137,7 +149,7 @@ TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
 
 TEST_F(DecodeStream, TakesOneRecordOfADatagramAndLeavesTheCarryOver) {
     readBytes(*app, "^");
-    vxFileSlot(get_free_tls_slot(), "request-1");
+    fileSlot("request-1");
     const std::string datagram = "\n" + kGood + kOther;
     decodeMessage(datagram.data(), static_cast<std::int32_t>(datagram.size()), 0, 1, "request-1");
     EXPECT_EQ(accepted, kOneGood);

@@ -46,13 +46,6 @@ protected:
         hashMapForAgent();
         vx_word_set(app->VXSys.bciInstrSessionPct, 100);
         slot = fileSlot("77", kNowUs);
-        vxUpcalls.handleExceptionParameters =
-            [](vxTD*, std::int64_t time, const char* className, const char* message,
-               const char* throwingClass, const char* throwingMethod, const char* cause, std::int32_t kind,
-               const char* stackTrace, std::int64_t thread) {
-                note("exception", time, className, message, throwingClass, throwingMethod, cause, kind,
-                     stackTrace, thread);
-            };
         vxUpcalls.sendHttpHdrReq = [](vxTD*, const char* buffer, const char* type, std::int32_t status) {
             note("request", buffer, type, status);
         };
@@ -187,12 +180,15 @@ TEST_F(Messages, WithoutAFlowpathMapNothingIsTouched) {
 TEST_F(Messages, ExceptionsAndExitsByExceptionReachTheirHandlers) {
     const VXExceptionExitRecord exit{3, 77, 4, 5000, 6, 7, wire("C.m"), wire("db")};
     slot->tlIsFPCaptured = 1;
+    slot->tlBTObj = btOf("shop");
     readBytes(*app,
               entryFrame(77, "C.m", kNowUs) + frameOf(ExceptionMethodExitEncode, exit) + fullException());
     const std::string items(slot->sequenceBlob, static_cast<std::size_t>(slot->sequenceBlobLen));
     EXPECT_TRUE(items.ends_with("3:4_1_5_6___")) << items;
     EXPECT_EQ(slot->statusCode, 503);
-    EXPECT_EQ(calls, std::vector<std::string>{"exception 5 C mess Th me ca 4 st 6"});
+    EXPECT_TRUE(dumpedText(*app).ends_with(
+        "32,1,C\n33,1,Th\n34,1,me\n35,1,mess\n36,1,ca\n38,77,0,0,0,-1,-1,1,1,1,4,1,1,st\n"))
+        << dumpedText(*app);
 }
 
 TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {

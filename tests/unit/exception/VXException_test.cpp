@@ -1,0 +1,187 @@
+#include "commonlibc/exception/VXException.h"
+
+#include "commonlibc/exception/VXExceptionNames.h"
+#include "commonlibc/exception/VXExceptionSettings.h"
+#include "commonlibc/vxlb_mem_hook.h"
+#include "tests/support/flowpath_fixture.h"
+
+namespace vx::test {
+namespace {
+
+class Exceptions : public FlowpathFixture {
+protected:
+    void SetUp() override {
+        FlowpathFixture::SetUp();
+        slot = takeSlotWithBt();
+    }
+    // What a report writes.
+    Records written(const VXExceptionReport& reported) {
+        clearDumped(*app);
+        handleExceptionParameters(slot, reported);
+        return dumpedRecords(*app);
+    }
+
+    const VXExceptionReport report{"E", "gone", "Shop", "Shop.buy", "disk", "at a", atMs(7999) / 1000, 3, 0};
+    vxTD* slot = nullptr;
+};
+
+TEST_F(Exceptions, NamesTravelOnceAndTheirIdsWithEveryException) {
+    EXPECT_EQ(written(report), (Records{"32,1,E", "33,1,Shop", "34,1,Shop.buy", "35,1,gone", "36,1,disk",
+                                        "38,77,7,0,0,-1,-1,1,1,1,3,1,1,at%20a"}));
+    vx_word_set(app->VXSys.enableExceptionInSeqBlob, 1);
+    VXExceptionReport other = report;
+    other.className = "F";
+    EXPECT_EQ(written(other), (Records{"32,2,F", "38,77,7,0,2,-1,-1,2,1,1,3,1,1,at%20a"}));
+    static int allocations;
+    allocations = 0;
+    vxlb_set_allocation_hook([](std::size_t) { return ++allocations > 0; });
+    EXPECT_EQ(written(report), (Records{"38,77,7,0,3,-1,-1,1,1,1,3,1,1,at%20a"}));
+    vxlb_set_allocation_hook(nullptr);
+    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(blobOf(slot), "e2_e3_");
+    EXPECT_EQ(slot->exceptionCount, 3);
+}
+
+TEST_F(Exceptions, WhatIsMissingOrOffIsWrittenAsSuch) {
+    vx_word_set(app->VXSys.maxExceptionMessageLength, 4);
+    mPP* method = searchAndUpdateMethodHashMap("Shop.buy", app->method.methodHashMapNode, 0, kTypePlain, 0);
+    app->data.data_thread_running = 1;
+    const struct {
+        const char* name;
+        void (*change)(VXExceptionReport& report);
+        Records expected;
+    } rows[] = {
+        {"a method that the collector does not know yet is told",
+         [](VXExceptionReport&) {},
+         {"5,Shop.buy,3", "32,1,E", "33,1,Shop", "34,1,Shop.buy", "35,1,gone", "36,1,disk",
+          "38,77,7,3,0,-1,-1,1,1,1,3,1,1,at%20a"}},
+        {"no class, no throwing class, kind 0",
+         [](VXExceptionReport& r) {
+             r.className = r.throwingClass = "";
+             r.exceptionInt = 0;
+         },
+         {"33,2,-", "38,77,7,3,0,-1,-1,-1,2,1,-1,1,1,at%20a"}},
+        {"no message, no cause, no stack trace",
+         [](VXExceptionReport& r) { r.message = r.cause = r.stackTrace = ""; },
+         {"38,77,7,3,0,-1,-1,1,1,1,3,-1,-1,"}},
+        {"a message behind its limit is cut",
+         [](VXExceptionReport& r) { r.message = "gone away"; },
+         {"38,77,7,3,0,-1,-1,1,1,1,3,1,1,at%20a"}},
+        {"line ends break no record",
+         [](VXExceptionReport& r) {
+             r.cause = "a\nb\r,c";
+             r.stackTrace = "a,b\r\nc";
+         },
+         {"36,2,a b ,c", "38,77,7,3,0,-1,-1,1,1,1,3,1,2,a%2Cb %7Cc"}},
+        {"neither causes nor stack traces",
+         [](VXExceptionReport&) {
+             setExceptionCaptureSettings("1%201%201%2010%200");
+             setExceptionCaptureSettings("2%200");
+         },
+         {"38,77,7,3,0,-1,-1,1,1,1,3,1,-1,"}},
+        {"times that nobody can mean",
+         [](VXExceptionReport& r) {
+             r.exceptionTime = INT64_MIN;
+             vxCurrent()->Server.zorEpochDiff = 1;
+         },
+         {"38,77,9223372036854775,3,0,-1,-1,1,1,1,3,1,-1,"}},
+    };
+    for (const auto& row : rows) {
+        VXExceptionReport changed = report;
+        row.change(changed);
+        EXPECT_EQ(written(changed), row.expected) << row.name;
+    }
+    EXPECT_EQ(method->usedFlag, kMethodUsed);
+}
+
+TEST_F(Exceptions, WhatIsNotWantedLeavesNothing) {
+    BTObject* bt = slot->tlBTObj;
+    const struct {
+        const char* name;
+        void (*change)(vxTD& of, VXExceptionReport& report);
+    } rows[] = {
+        {"no throwing method", [](vxTD&, VXExceptionReport& r) { r.throwingMethod = ""; }},
+        {"no BT", [](vxTD& of, VXExceptionReport&) { of.tlBTObj = nullptr; }},
+        {"excluded", [](vxTD& of, VXExceptionReport&) { of.tlIsFPExcluded = 1; }},
+        {"neither class nor message", [](vxTD&, VXExceptionReport& r) { r.className = r.message = ""; }},
+        {"capture off", [](vxTD&, VXExceptionReport&) { setExceptionCaptureSettings("0%201"); }},
+        {"on the filter list", [](vxTD&, VXExceptionReport&) { parseExceptionFilteringList("Z,E,a.b"); }},
+    };
+    for (const auto& row : rows) {
+        VXExceptionReport changed = report;
+        slot->tlBTObj = bt;
+        slot->tlIsFPExcluded = 0;
+        setdefaultValuesForException();
+        row.change(*slot, changed);
+        EXPECT_EQ(written(changed), Records{}) << row.name;
+    }
+    EXPECT_EQ(slot->exceptionCount + slot->seqNo + app->exceptions.tables[0].count, 0);
+    for (const char* list : {"e,E ,EE", "nA", ",,", ""}) {
+        parseExceptionFilteringList("E");
+        parseExceptionFilteringList(list);
+        EXPECT_FALSE(vxIsIgnoredException(app->exceptions, "E")) << list;
+    }
+}
+
+TEST_F(Exceptions, LongTextsAreCutAndTheRecordsStayWhole) {
+    VXExceptionReport wide = report;
+    const std::string name(1100, 'n'), sameStart = name.substr(0, 1023) + "x";
+    const std::string trace(60000, ' ');
+    wide.className = name;
+    wide.stackTrace = trace;
+    const Records records = written(wide);
+    EXPECT_EQ(records.front(), "32,1," + std::string(1017, 'n'));
+    ASSERT_GT(records.back().size(), 65530U);
+    ASSERT_LE(records.back().size(), 65534U);
+    EXPECT_TRUE(records.back().ends_with("%20"));
+    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions(sameStart), 1);
+}
+
+TEST_F(Exceptions, ANameThatCannotBeHeldIsNoName) {
+    VXProxy.ceilings.maxExceptionRows = 1;
+    EXPECT_EQ(written(report).size(), 6U);
+    VXExceptionReport other = report;
+    other.message = "other";
+    EXPECT_EQ(written(other), Records{"38,77,7,0,0,-1,-1,1,1,1,3,-1,1,at%20a"});
+    EXPECT_EQ(app->exceptions.tables[3].ceilingTraced, 1);
+    VXProxy.ceilings = {};
+    dumpFpFromBusyList();
+    vxDropBusyList();
+    EXPECT_EQ(app->exceptions.tables[3].ceilingTraced, 0) << "each run tells of it";
+
+    vxlb_set_allocation_hook([](std::size_t) { return false; });
+    EXPECT_EQ(getIDAndDumpExceptionMessage("no memory"), kNoExceptionName);
+    vxlb_set_allocation_hook(nullptr);
+    EXPECT_EQ(getIDAndDumpExceptionMessage("no memory"), 2);
+}
+
+TEST_F(Exceptions, CaptureSettingsEndAtTheFirstRefusedField) {
+    const struct {
+        const char* value;
+        std::int32_t mode, traces, type, depth, causes;
+    } rows[] = {
+        {"2%201%203%205%200", 2, 1, 3, 5, 0},
+        {"0%201%200%201%201%209%209%209%209", 0, 1, 0, 1, 1},
+        {"3%200", 1, 1, 1, 9999, 1},
+        {"-1", 1, 1, 1, 9999, 1},
+        {"2%202%203%205%200", 2, 1, 1, 9999, 1},
+        {"2%201%202%205%200", 2, 1, 1, 9999, 1},
+        {"2%201%203%200%200", 2, 1, 3, 9999, 1},
+        {"2%201%203%205%202", 2, 1, 3, 5, 1},
+        {"1%200%203%205%200", 1, 0, 1, 9999, 1},
+        {"1", 1, 1, 1, 9999, 1},
+    };
+    for (const auto& row : rows) {
+        const VXExceptionState_t& state = app->exceptions;
+        setdefaultValuesForException();
+        setExceptionCaptureSettings(row.value);
+        EXPECT_EQ(
+            std::vector<int>({state.exceptionCaptureMode, state.stackTraceCaptureMode, state.exceptionType,
+                              state.stackTraceMaxDepth, state.exceptionCauseCaptureMode}),
+            std::vector<int>({row.mode, row.traces, row.type, row.depth, row.causes}))
+            << row.value;
+    }
+}
+
+}  // namespace
+}  // namespace vx::test
