@@ -1,5 +1,6 @@
-// What the fuzz targets of the method table's texts share: an instance whose table the texts fill, and what
-// must hold behind each of them. The instance is made anew now and then, so that the table stays small.
+// What the fuzz targets of the texts about methods and exception classes share: an instance whose tables the
+// texts fill, and what must hold behind each of them. The instance is made anew now and then, so that the
+// table stays small.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +19,7 @@ class MethodTextRunner {
 public:
     explicit MethodTextRunner(void (*parser)(char*)) : parser_(parser) {
         apr_initialize();
-        VXProxy.ceilings.maxMethods = kCeiling;
+        VXProxy.ceilings.maxMethods = VXProxy.ceilings.maxExceptionRows = kCeiling;
         vxlb_set_clock_hooks({.now_us = nullptr, .sleep_us = [](std::int64_t) {}, .random_byte = nullptr});
     }
     ~MethodTextRunner() { close(); }
@@ -56,6 +57,7 @@ private:
             if (!ids.insert(method->methodId).second || method->methodId >= state.methodIdCounter)
                 std::abort();
         if (ids.size() != state.methodCount || ids.size() > kCeiling + 2) std::abort();
+        if (app_->exceptionMonitor.entryCount > kCeiling) std::abort();
     }
     void open() {
         app_ = vxNewApplication();
@@ -66,12 +68,14 @@ private:
         VXBCISettingInit();
         VXBackendMonitorInit();
         VXMethodMonitorInit();
+        VXExceptionMonitorInit();
         openDumping(*app_, 2);
     }
     void close() {
         if (!app_) return;
         closeDumping(*app_);
         freeMethodTable(app_->method);
+        vxAggFree(app_->exceptionMonitor.exceptionArr);
         freeSharedTexts(*app_);
         freeRetiredTexts(app_->retired);
         apr_pool_destroy(app_->pool);

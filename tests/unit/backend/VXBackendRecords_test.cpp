@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cmath>
+#include <cstdio>
 #include <string>
+#include <thread>
 
 #include "commonlibc/VXDigestMonitor.h"
 #include "tests/support/knowledge_fixture.h"
@@ -77,6 +81,37 @@ TEST_F(BackendRecords, DigestsAreKeptOnceOrderedAndWrittenForWhatWasCalledInTheP
     call(shop, 3);
     EXPECT_EQ(reportOf(generateAndDumpBackendDigestRecord), head(794, 5, "HTTP_shop") + "1 3 3 95.00 3.00\n")
         << "nothing from before the pause";
+}
+
+TEST_F(BackendRecords, NoCallIsLostOrCountedTwiceWhileReportsAreTaken) {
+    constexpr int kCalls = 20000;
+    Backend shop(5, kTypeHttp, "HTTP_shop");
+    setDigestPercentileIP("1");
+    call(shop, 1);
+    std::atomic<bool> done{false};
+    std::thread caller([&] {
+        vxSetCurrent(app);
+        for (int i = 1; i < kCalls; ++i) updateCounterAndDurationForBackend(nullptr, &shop, i, i % 4 == 0);
+        done = true;
+    });
+    long long calls = 0, errors = 0, digested = 0, total = 0;
+    for (bool last = false; !last;) {
+        last = done;
+        const std::string record = reportOf(generateAndDumpBackendMonitoringRecord);
+        const std::string digest = reportOf(generateAndDumpBackendDigestRecord);
+        long long part = 0, partErrors = 0, partDigested = 0;
+        double rate = 0, average = 0;
+        std::sscanf(record.c_str() + record.rfind('|'), "|%lld %lf %lf %*d %*d %*d %lld", &part, &rate,
+                    &average, &partErrors);
+        if (!digest.empty()) std::sscanf(digest.c_str() + digest.rfind('|'), "|%lld", &partDigested);
+        calls += part;
+        errors += partErrors;
+        digested += partDigested;
+        total += std::llround(average * static_cast<double>(part));
+    }
+    caller.join();
+    EXPECT_TRUE(calls == kCalls && digested == kCalls && errors == kCalls / 4 - 1);
+    EXPECT_NEAR(static_cast<double>(total), 1 + kCalls * (kCalls - 1.0) / 2, kCalls);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
 #include "commonlibc/VXFileBasedKeywords.h"
 #include "tests/support/knowledge_fixture.h"
@@ -82,6 +83,22 @@ TEST_F(ExceptionMonitor, ClassesBeyondTheCeilingAreLeftOutAndTheArrayGrows) {
     deliver("class301\nclass7\n");
     EXPECT_EQ(report("class301") + report("class300"), 0);
     EXPECT_EQ(report("class7"), 1);
+}
+
+TEST_F(ExceptionMonitor, AClassThatEveryTextNamesIsCountedAllTheTime) {
+    deliver("always\n");
+    std::thread collector([this] {
+        vxSetCurrent(app);
+        for (int i = 0; i < 200; ++i) {
+            std::string text;
+            for (int j = 0; j < 70; ++j) text += "other" + std::to_string(i * j % 90) + "\n";
+            deliver(text + "always|" + std::to_string(i) + "\n");
+        }
+    });
+    const int counted = report("always", 20000);
+    for (int i = 0; i < 100; ++i) records();
+    collector.join();
+    EXPECT_EQ(counted, 20000);
 }
 
 }  // namespace
