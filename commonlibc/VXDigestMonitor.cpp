@@ -23,18 +23,13 @@ constexpr double kPercentileMax = 100;
 
 static_assert(kDigestOfBt.compression == kDigestCompression &&
               kDigestOfBackend.compression == kDigestCompression);
+static_assert(kDigestOfBt.percentileSlots == 1 && kDigestOfBackend.percentileSlots == 1,
+              "an instance begins with kPercentileDefault alone");
 
 struct DigestOrder {
     std::int32_t type, periodMs;
     std::uint64_t percentiles;
 };
-
-std::uint64_t percentilesOf(const VXDigestDefaults& defaults) {
-    std::uint64_t slots = 0;
-    for (std::int32_t i = 0; i < defaults.percentileSlots; ++i)
-        slots = slots << kSlotBits | kPercentileDefault;
-    return slots;
-}
 
 // The whole of `text` as a number between `least` and `greatest`.
 template <class T>
@@ -62,7 +57,7 @@ bool readPercentiles(char* list, double step, std::uint64_t& slots) {
 bool readOrder(char* value, const VXDigestDefaults& defaults, DigestOrder& order) {
     char* field[kFields + 1];
     const int count = vxlb_split_keep_empty(value, field, "%20", kFields + 1);
-    order = {defaults.type, defaults.periodMs, percentilesOf(defaults)};
+    order = {defaults.type, defaults.periodMs, kPercentileDefault};
     if (count < 1 || count > kFields || !readNumber(field[0], 0, 1, order.type)) return false;
     if (count > 1 && !readNumber(field[1], kPeriodMinMs, kPeriodMaxMs, order.periodMs)) return false;
     return count < kFields || readPercentiles(field[2], defaults.percentileStep, order.percentiles);

@@ -107,12 +107,9 @@ void VXASSettingInit(VXSys_t& sys) {
 }
 
 void setDigestDefaults(VXDigestSettings& settings, const VXDigestDefaults& defaults) {
-    std::uint64_t percentiles = 0;
-    for (std::int32_t slot = 0; slot < defaults.percentileSlots; ++slot)
-        percentiles = percentiles << 16 | kPercentileDefault;
     settings.type.store(defaults.type, std::memory_order_relaxed);
     settings.periodMs.store(defaults.periodMs, std::memory_order_relaxed);
-    settings.percentiles.store(percentiles, std::memory_order_relaxed);
+    settings.percentiles.store(kPercentileDefault, std::memory_order_relaxed);
 }
 
 // The proxy that an agent would take; the service itself only keeps the settings.

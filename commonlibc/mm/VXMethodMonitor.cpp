@@ -112,11 +112,11 @@ void dump61RecordForEveryMethod(char* buffer, std::int32_t* length,
                                 const VXMethodMonitorDataCounters& counters, std::int64_t id,
                                 const char* name) {
     const vxApplication& app = *vxCurrent();
-    const std::int32_t seconds = std::max(vx_word_get(app.VXSys.vxMonitorIntervalInSec), 1);
+    const std::int64_t rate = counters.count / std::max(vx_word_get(app.VXSys.vxMonitorIntervalInSec), 1);
     VXWriter out = vxBeginRecord(buffer, *length);
     vxPutHead(out, kMethodRecord, app.method.methodPrefixID, id, app.method.methodPrefix, name);
     out.number(vxInt32(counters.entryCount)).put(' ');
-    out.real(static_cast<double>(counters.count / seconds)).put(' ');
+    out.real(static_cast<double>(rate)).put(' ');
     out.real(vxRatio(counters.totalDuration, counters.count)).put(' ');
     out.real(checkAndGetIntMinValue(counters.minDuration, kMinStart)).put(' ');
     out.number(counters.maxDuration).put(' ').number(vxInt32(counters.count));
