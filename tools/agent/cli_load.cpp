@@ -84,7 +84,10 @@ void generate(vxagent* agent, const LoadOptions& options, int worker, Report& re
 Report work(const LoadOptions& options, int worker) {
     Report report;
     report.pid = getpid();
-    vxagent* agent = openAgent(options.common);
+    CommonOptions common = options.common;
+    const auto atATime = static_cast<int>(options.shortLived ? options.parallel : options.processes);
+    common.function = common.agent + "-" + std::to_string(worker % atATime);
+    vxagent* agent = openAgent(common);
     if (!agent) return report;
     report.started = waitUntilSending(agent, options.common.waitSeconds);
     if (report.started) generate(agent, options, worker, report);

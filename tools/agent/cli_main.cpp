@@ -74,6 +74,8 @@ std::vector<Option> commonOptions(CommonOptions& common) {
         {"--agent", "NAME", "agent (vxagent)", OptionKind::kText, &common.agent},
         {"--type", "NAME", "agent type: Java, Python, php, Dotnet or go (Java)", OptionKind::kText,
          &common.type},
+        {"--udp", nullptr, "reports by datagrams, each process as a function of its own", OptionKind::kFlag,
+         &common.udp},
         {"--wait", "SECONDS", "how long to wait for the proxy to ask for records (30); 0: for ever",
          OptionKind::kNumber, &common.waitSeconds, false, 0, 1e9},
     };
@@ -115,6 +117,8 @@ vxagent* openAgent(const CommonOptions& common) {
     options.server = common.server.c_str();
     options.agent = common.agent.c_str();
     options.agent_type = common.type.c_str();
+    const std::string& function = common.function.empty() ? common.agent : common.function;
+    if (common.udp) options.function = function.c_str();
     vxagent* agent = vxagent_open(&options);
     if (!agent) std::fputs("vxagent: no memory or no thread for the agent\n", stderr);
     return agent;

@@ -31,6 +31,8 @@ struct CommonOptions {
     Address proxy;
     std::string application = "default", tier = "web", server, agent = "vxagent", type = "Java";
     double waitSeconds = 30;
+    bool udp = false;
+    std::string function;  // with udp; empty: the agent's name
 };
 
 // Reads argv behind the mode's name. False with the reason in `error`.

@@ -59,6 +59,10 @@ typedef struct vxagent_options {
     int64_t pid;            /* 0: that of the process */
     size_t queue_bytes;     /* room for records not sent yet; 0: 4 MiB */
     int retry_max_ms;       /* longest pause between attempts to connect; 0: 10,000 */
+    /* Reports by datagrams as the function of that name, for processes too short-lived to connect; null: by
+     * connections. A function has one transaction at a time, and its name belongs to one process of the
+     * server at a time. What a datagram lost on its way carried is lost without a word. */
+    const char* function;
 } vxagent_options;
 
 typedef struct vxagent_transaction {

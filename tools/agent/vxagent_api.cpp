@@ -11,6 +11,7 @@
 #include "tools/agent/vxagent.h"
 #include "tools/agent/vxagent_headers.h"
 #include "tools/agent/vxagent_session.h"
+#include "tools/agent/vxagent_udp.h"
 
 using vx::VXWireText;
 using vx::agent::Identity;
@@ -18,7 +19,21 @@ using vx::agent::isFieldText;
 using vx::agent::PutResult;
 using vx::agent::RecordQueue;
 using vx::agent::Session;
+using vx::agent::UdpSession;
 using vx::agent::Urgency;
+
+namespace {
+
+std::unique_ptr<Session> makeSession(Identity identity, const vxagent_options& options) {
+    if (options.function)
+        return std::make_unique<UdpSession>(std::move(identity), options.function, options.queue_bytes,
+                                            options.retry_max_ms);
+    return std::make_unique<Session>(std::move(identity), options.queue_bytes, options.retry_max_ms);
+}
+
+constexpr std::int64_t kBeginning = -1;
+
+}  // namespace
 
 // A transaction's number: who the process is at the proxy, and a sequence that begins at the time of the
 // start in microseconds. A process that takes the place of another so goes on above its numbers.
@@ -26,13 +41,18 @@ struct vxagent {
     vxagent(Identity identity, const vxagent_options& options)
         : pid(identity.pid),
           separators(vx::agent::headerSeparators(identity.agentType)),
-          session(std::move(identity), options.queue_bytes, options.retry_max_ms),
+          oneAtATime(options.function != nullptr),
+          owned(makeSession(std::move(identity), options)),
+          session(*owned),
           sequence(static_cast<std::uint64_t>(vx::vxlb_now_us())) {}
 
     const std::int64_t pid;
     const vx::agent::HeaderSeparators separators;
-    Session session;
+    const bool oneAtATime;  // a function has one transaction at a time
+    const std::unique_ptr<Session> owned;
+    Session& session;
     std::atomic<std::uint64_t> sequence;
+    std::atomic<std::int64_t> open{0};  // that one; kBeginning before it has a number; 0: none
     std::atomic<std::uint64_t> begun{0}, refused{0};
     std::atomic<std::int64_t> callouts{0};
 };
@@ -67,6 +87,11 @@ bool put(vxagent& agent, Urgency urgency, Encode&& encode) {
     if (result == PutResult::kTakenWake) agent.session.wake();
     if (result == PutResult::kDropped) agent.session.counters().dropped.fetch_add(1);
     return result != PutResult::kDropped;
+}
+
+bool mayBegin(vxagent& agent) {
+    std::int64_t none = 0;
+    return !agent.oneAtATime || agent.open.compare_exchange_strong(none, kBeginning);
 }
 
 std::int64_t nextNumber(vxagent& agent) {
@@ -122,6 +147,7 @@ bool validOptions(const vxagent_options& options) {
                                  options.agent_type};
     const bool named = std::all_of(std::begin(names), std::end(names),
                                    [](const char* name) { return name && isFieldText(name); });
+    if (options.function && !isFieldText(options.function)) return false;
     return named && options.host && *options.host && options.port > 0 && options.port <= 65535 &&
            options.pid > 0 && options.retry_max_ms > 0;
 }
@@ -160,6 +186,10 @@ int vxagent_instrumenting(const vxagent* agent) {
 
 int64_t vxagent_begin(vxagent* agent, const vxagent_transaction* transaction) {
     if (!agent || !transaction || !agent->session.instrumenting()) return 0;
+    if (!mayBegin(*agent)) {
+        agent->refused.fetch_add(1);
+        return 0;
+    }
     char url[kUrlMax];
     vx::VXTransactionStart start{};
     start.flowpathInstance = nextNumber(*agent);
@@ -175,6 +205,7 @@ int64_t vxagent_begin(vxagent* agent, const vxagent_transaction* transaction) {
         return vx::transactionStartEncode(out, size, start);
     });
     (taken ? agent->begun : agent->refused).fetch_add(1);
+    agent->open.store(taken ? start.flowpathInstance : 0);
     return taken ? start.flowpathInstance : 0;
 }
 
@@ -250,7 +281,10 @@ void vxagent_response_headers(vxagent* agent, int64_t transaction, int status, c
 }
 
 void vxagent_end(vxagent* agent, int64_t transaction, int status, int64_t end_us, int64_t cpu_us) {
-    if (!reports(agent, transaction)) return;
+    const bool sends = reports(agent, transaction);
+    // Over also when the proxy went away meanwhile: the next one may begin.
+    if (std::int64_t ended = transaction; agent && ended) agent->open.compare_exchange_strong(ended, 0);
+    if (!sends) return;
     vx::VXTransactionEnd end{};
     end.flowpathInstance = transaction;
     end.status = status ? status : kStatusOk;

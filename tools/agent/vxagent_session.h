@@ -42,7 +42,7 @@ struct SessionCounters {
 class Session {
 public:
     Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs);
-    ~Session();
+    virtual ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -63,12 +63,31 @@ public:
     // Waits until all records put so far are sent or given up. False when the time was not enough.
     bool flush(std::int64_t timeoutMs);
 
+protected:
+    virtual void run();  // the thread's body
+    bool ending() const;
+    void dropRecords();
+    void setInstrumenting(bool on);
+    void noteProgress();
+
+    const Identity identity_;
+    sockaddr_in address_{};
+    RecordQueue queue_;
+    Batch batch_;
+    std::int64_t nowMs_ = 0;
+    std::int64_t takeAtMs_ = 0;  // when the queue is looked at; 0: when it is woken
+    int wakeFd_ = -1;
+    std::atomic<DataState> dataState_{DataState::kNone};
+    std::atomic<bool> controlUp_{false}, instrumenting_{false}, flushing_{false};
+    std::atomic<std::int32_t> procIndex_{-1};
+    std::atomic<std::int64_t> stopByMs_{0};  // 0: not asked to stop
+    SessionCounters counters_;
+    std::atomic<std::uint64_t> finished_{0};  // records sent or given up, of those that were put
+
 private:
     static void* threadBody(void* session);
-    void run();
     void waitForEvents();
     std::int64_t nextDeadline() const;
-    bool ending() const;
 
     void stepControl();
     void onControlLine(const std::string& line);
@@ -83,31 +102,15 @@ private:
     IoResult sendFrames();
     void loseData();
     void closeData();
-    void dropRecords();
     void finish();
-    void setInstrumenting(bool on);
-    void noteProgress();
 
-    const Identity identity_;
-    sockaddr_in address_{};
-    RecordQueue queue_;
-    Batch batch_;
     Link control_, data_;
     StartIds ids_;
-    std::int64_t nowMs_ = 0;
     std::int64_t dataDueMs_ = 0;  // when the data connection's present state has lasted long enough
-    std::int64_t takeAtMs_ = 0;   // when the queue is looked at; 0: when it is woken
-    int wakeFd_ = -1;
     short controlEvents_ = 0, dataEvents_ = 0;
     bool threadMade_ = false;
     pthread_t thread_{};
 
-    std::atomic<DataState> dataState_{DataState::kNone};
-    std::atomic<bool> controlUp_{false}, instrumenting_{false}, flushing_{false};
-    std::atomic<std::int32_t> procIndex_{-1};
-    std::atomic<std::int64_t> stopByMs_{0};  // 0: not asked to stop
-    SessionCounters counters_;
-    std::atomic<std::uint64_t> finished_{0};  // records sent or given up, of those that were put
     std::mutex progressMutex_;
     std::condition_variable progress_;
 };

@@ -1,0 +1,158 @@
+#include "tools/agent/vxagent_udp.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "commonlibc/vxlb_bytes.h"
+#include "tests/support/program.h"
+#include "tools/agent/vxagent.h"
+
+namespace vx::agent {
+namespace {
+
+using test::eventually;
+
+// The proxy's end: a datagram socket on loopback.
+class FakeIntake {
+public:
+    FakeIntake() { open(0); }
+    ~FakeIntake() { ::close(fd_); }
+
+    int port() const { return ntohs(address_.sin_port); }
+    void close() { ::close(fd_); }
+    void reopen() { open(port()); }
+    void answer(const std::string& text) {
+        EXPECT_EQ(
+            sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&sender_), sizeof(sender_)),
+            static_cast<ssize_t>(text.size()));
+    }
+    // The next datagram of that kind, others answered by nothing; empty after 20 s.
+    std::string next(VXWrapType type) {
+        char bytes[65536];
+        for (;;) {
+            pollfd ready{fd_, POLLIN, 0};
+            socklen_t size = sizeof(sender_);
+            if (poll(&ready, 1, 20000) != 1) return "";
+            const ssize_t length =
+                recvfrom(fd_, bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr*>(&sender_), &size);
+            if (length < 0) return "";
+            std::string datagram(bytes, static_cast<std::size_t>(length));
+            if (VXByteView(datagram.data(), datagram.size()).u8At(kWrapMessageTypeAt) ==
+                static_cast<std::uint8_t>(type))
+                return datagram;
+        }
+    }
+
+private:
+    void open(int port) {
+        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+        address_.sin_family = AF_INET;
+        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address_.sin_port = htons(static_cast<std::uint16_t>(port));
+        socklen_t size = sizeof(address_);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address_), size), 0);
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address_), &size);
+    }
+
+    int fd_ = -1;
+    sockaddr_in address_{}, sender_{};
+};
+
+std::int32_t indexOf(const std::string& datagram) {
+    return VXByteView(datagram.data(), datagram.size()).i32At(kWrapContextIndexAt);
+}
+
+class UdpAgent : public testing::Test {
+protected:
+    void SetUp() override {
+        vxagent_options options;
+        vxagent_options_init(&options);
+        options.port = intake.port();
+        options.application = "shop";
+        options.tier = "web";
+        options.server = "host1";
+        options.agent = "fn";
+        options.function = "resize";
+        agent = vxagent_open(&options);
+        ASSERT_TRUE(agent);
+    }
+    void TearDown() override { vxagent_close(agent, 0); }
+    vxagent_statistics statistics() const {
+        vxagent_statistics now;
+        vxagent_get_statistics(agent, &now);
+        return now;
+    }
+    void startTest() {
+        EXPECT_EQ(indexOf(intake.next(VXWrapType::kPendingRuckus)), kWrapIndexUnknown);
+        intake.answer("AppIndex:5");
+        EXPECT_EQ(indexOf(intake.next(VXWrapType::kSettings)), 5);
+        intake.answer(R"(["AppId",{"id":5},"TestInfo",{"TestNumber":4711,"bciInstrSessionPct":100}])");
+        EXPECT_TRUE(eventually([this] { return vxagent_instrumenting(agent) == 1; }));
+    }
+
+    FakeIntake intake;
+    vxagent* agent = nullptr;
+    const vxagent_transaction transaction = [] {
+        vxagent_transaction made{};
+        made.url = "/x";
+        return made;
+    }();
+};
+
+TEST_F(UdpAgent, MakesItselfKnownAndSendsEachRecordBehindAHeader) {
+    const std::string first = intake.next(VXWrapType::kPendingRuckus);
+    EXPECT_NE(first.find("resizeappName=shop;tierName=web;vxAppServerHost=host1;agentName=resize;"),
+              std::string::npos);
+    EXPECT_TRUE(statistics().state == VXAGENT_OFFLINE && vxagent_begin(agent, nullptr) == 0);
+    startTest();
+    const std::int64_t number = vxagent_begin(agent, &transaction);
+    EXPECT_NE(number, 0);
+    EXPECT_EQ(vxagent_begin(agent, &transaction), 0) << "one at a time";
+    vxagent_end(agent, number, 200, 0, 0);
+    EXPECT_EQ(vxagent_flush(agent, 20000), 1);
+    std::string datagram = intake.next(VXWrapType::kRecords);
+    for (int record = 2; record <= 3; ++record) {  // start and end
+        const VXByteView view(datagram.data(), datagram.size());
+        ASSERT_GE(datagram.size(), 45U + 15U);
+        EXPECT_TRUE(view.u8At(0) == '^' && indexOf(datagram) == 5);
+        const auto header = static_cast<std::size_t>(view.i32At(kWrapLengthAt));
+        const auto length = static_cast<std::size_t>(view.i32At(header + 5));
+        EXPECT_TRUE(view.u8At(header) == '^' && view.i32At(header + 9) == record);
+        ASSERT_LE(header + length, datagram.size());
+        EXPECT_EQ(datagram[header + length - 1], '\n');
+        datagram.erase(0, header + length);
+    }
+    EXPECT_TRUE(datagram.empty() && statistics().sent_records == 2 && statistics().refused == 1);
+
+    intake.answer("testIdx=-1");
+    EXPECT_TRUE(eventually([this] { return vxagent_instrumenting(agent) == 0; }));
+    EXPECT_EQ(statistics().state, VXAGENT_CONNECTED);
+}
+
+TEST_F(UdpAgent, MakesItselfKnownAgainWhenThePortWasClosed) {
+    startTest();
+    const std::int64_t number = vxagent_begin(agent, &transaction);
+    intake.close();
+    EXPECT_TRUE(eventually([this] { return statistics().state == VXAGENT_OFFLINE; }));
+    vxagent_end(agent, number, 200, 0, 0);  // of no use, and the next one may begin
+    intake.reopen();
+    startTest();
+    EXPECT_TRUE(statistics().reconnects == 1 && statistics().starts == 2);
+    EXPECT_NE(vxagent_begin(agent, &transaction), 0);
+}
+
+TEST(UdpTexts, AreReadForTheirNumbers) {
+    EXPECT_EQ(numberBehind("AppIndex:12", "AppIndex:", -1), 12);
+    EXPECT_EQ(numberBehind(R"("TestNumber": "7",)", "TestNumber", -1), 7);
+    EXPECT_EQ(numberBehind("AppIndex:", "AppIndex:", -1), -1);
+    EXPECT_EQ(numberBehind("AppIndex:x", "AppIndex:", -1), -1);
+    EXPECT_EQ(numberBehind("TestNumber\":99999999999", "TestNumber", -1), -1);
+}
+
+}  // namespace
+}  // namespace vx::agent
