@@ -26,7 +26,7 @@ namespace {
 
 std::unique_ptr<Session> makeSession(Identity identity, const vxagent_options& options) {
     if (options.function)
-        return std::make_unique<UdpSession>(std::move(identity), options.function, options.queue_bytes,
+        return std::make_unique<UdpSession>(identity, options.function, options.queue_bytes,
                                             options.retry_max_ms);
     return std::make_unique<Session>(std::move(identity), options.queue_bytes, options.retry_max_ms);
 }

@@ -48,7 +48,7 @@ std::int32_t numberBehind(std::string_view text, std::string_view name, std::int
     return done.ec == std::errc() ? value : otherwise;
 }
 
-UdpSession::UdpSession(Identity identity, std::string function, std::size_t queueBytes,
+UdpSession::UdpSession(const Identity& identity, std::string function, std::size_t queueBytes,
                        std::int64_t retryMaxMs)
     : Session(identity, queueBytes, retryMaxMs),
       function_(std::move(function)),

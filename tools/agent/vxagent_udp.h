@@ -38,7 +38,8 @@ std::int32_t numberBehind(std::string_view text, std::string_view name, std::int
 
 class UdpSession final : public Session {
 public:
-    UdpSession(Identity identity, std::string function, std::size_t queueBytes, std::int64_t retryMaxMs);
+    UdpSession(const Identity& identity, std::string function, std::size_t queueBytes,
+               std::int64_t retryMaxMs);
     ~UdpSession() override;
 
 private:
