@@ -26,7 +26,8 @@ std::int32_t settingOr(const std::int32_t& setting, std::int32_t standard) {
 }
 
 bool runWanted(const vxApplication& app) {
-    return app.Server.testRunRunning.load(std::memory_order_acquire) != 0;
+    return app.Server.testRunRunning.load(std::memory_order_acquire) ||
+           app.autoSensor.lastReport.load(std::memory_order_acquire);
 }
 
 // Adds one step of nodes behind the write list; dumpMutex held.

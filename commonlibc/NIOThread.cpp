@@ -7,6 +7,7 @@
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXDataTransfer.h"
 #include "commonlibc/VXLosses.h"
+#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_thread.h"
@@ -18,9 +19,12 @@ namespace vx {
 
 namespace {
 
-constexpr std::int64_t kRetryUs = 60000000;
 constexpr std::int64_t kRoundUs = 1000000;
+constexpr int kRoundsPerTurn = 10;
+constexpr int kTurnsBeforeRetry = 6;
 constexpr std::int64_t kFinalFlushUs = 500000;
+constexpr std::int64_t kEndOfRunStepUs = 10000;
+constexpr int kEndOfRunSteps = 200;
 
 bool stopped() {
     return checkAndStopThreadAS() != 0;
@@ -57,11 +61,43 @@ bool connectionStands(const vxApplication& app) {
            (sensor.asSocket.get() || sensor.asWsi.load(std::memory_order_acquire));
 }
 
-// One session on a connection: sends what the chain holds about every second.
-void report(const vxApplication& app) {
-    while (!stopped() && connectionStands(app)) {
+bool sessionGoesOn(const vxApplication& app) {
+    return !stopped() && connectionStands(app);
+}
+
+// Ten seconds, in which the chain is sent about every second. False when the session ended before.
+bool passTurn(const vxApplication& app) {
+    for (int round = 0; round < kRoundsPerTurn; ++round) {
+        if (!sessionGoesOn(app)) return false;
         flushData();
         vxlb_sleep_watching(kRoundUs, stopped);
+    }
+    flushData();
+    return sessionGoesOn(app);
+}
+
+// One session on a connection.
+void report(const vxApplication& app) {
+    VX_UPCALL(monitorCycle, VXMonitorPhase::kSession);
+    while (passTurn(app)) VX_UPCALL(monitorCycle, VXMonitorPhase::kTurn);
+}
+
+void waitForRetry() {
+    VX_TRACE(1, kControlThread, kInfo, "Going to retry for auto sensor connection after 60 sec.");
+    for (int turn = 0; turn < kTurnsBeforeRetry && !stopped(); ++turn)
+        if (!vxlb_sleep_watching(kRoundsPerTurn * kRoundUs, stopped))
+            VX_UPCALL(monitorCycle, VXMonitorPhase::kIdle);
+}
+
+// A run that the loss of the control link ends has its open transactions counted by the data thread: the last
+// report waits for that.
+void awaitEndOfRun(const vxApplication& app) {
+    for (int step = 0; step < kEndOfRunSteps; ++step) {
+        if (app.Server.tenRecordWritten.load(std::memory_order_acquire) ||
+            !app.data.data_thread_running.load(std::memory_order_acquire) ||
+            proxyStopFlag.load(std::memory_order_acquire))
+            return;
+        vxlb_sleep_us(kEndOfRunStepUs);
     }
 }
 
@@ -76,6 +112,17 @@ void flushAtEnd(VXAutoSensorState_t& sensor) {
     while (vxSendChain(sensor.chain, sensor.asSocket.get(), finalFlushOver) == kSendNoBytes &&
            !finalFlushOver())
         continue;
+}
+
+// The last report of a run, if a connection is there to take it.
+void reportAtEnd(vxApplication& app) {
+    VXAutoSensorState_t& sensor = app.autoSensor;
+    awaitEndOfRun(app);
+    sensor.lastReport.store(1, std::memory_order_release);
+    if (connectionStands(app)) VX_UPCALL(monitorCycle, VXMonitorPhase::kLast);
+    VX_UPCALL(monitorCycle, VXMonitorPhase::kGone);
+    sensor.lastReport.store(0, std::memory_order_release);
+    flushAtEnd(sensor);
 }
 
 apr_status_t launch(vxApplication& app) {
@@ -141,10 +188,9 @@ void* start_autoSensor_thread(apr_thread_t*, void* application) {
         if (startASVXCollectorCommunication()) report(app);
         if (stopped()) break;
         closeAutoSensorConnection();
-        VX_TRACE(1, kControlThread, kInfo, "Going to retry for auto sensor connection after 60 sec.");
-        vxlb_sleep_watching(kRetryUs, stopped);
+        waitForRetry();
     }
-    flushAtEnd(app.autoSensor);
+    reportAtEnd(app);
     cleanAutoSensorThread();
     return nullptr;
 }

@@ -70,7 +70,8 @@ void handleStopInstrumentation(char* line) {
 void handleStoppingCaseAtStopInstrumentCase() {
     vxApplication& app = *vxCurrent();
     Server_t& server = app.Server;
-    server.stopping = 1;  // no new transaction from here on
+    server.stopping = 1;                                // no new transaction from here on:
+    { const VXGuard decode(app.decoder.decodeMutex); }  // a start that has not seen it yet is through
     dumpFpFromBusyList();
     dumpNdDataOverRecord();
     setToStopThread(1);

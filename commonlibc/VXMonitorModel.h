@@ -71,7 +71,7 @@ void vxAggStart(VXAggregateArray<Slot>& array, Make makeSlot) {
 }
 // Calls visit(slot) for every slot from `first` on whose block exists.
 template <class Slot, class Visit>
-void vxAggEach(VXAggregateArray<Slot>& array, std::int64_t first, Visit visit) {
+void vxAggEach(const VXAggregateArray<Slot>& array, std::int64_t first, Visit visit) {
     const std::int64_t size = array.size.load(std::memory_order_acquire);
     for (std::int64_t index = first; index < size; ++index)
         if (Slot* slot = vxAggSlot(array, index)) visit(*slot);

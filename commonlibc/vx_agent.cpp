@@ -18,6 +18,7 @@
 #include "commonlibc/VXKeywords.h"
 #include "commonlibc/VXLogRetention.h"
 #include "commonlibc/VXMetadataReplay.h"
+#include "commonlibc/VXMonitorCycle.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXProxySettings.h"
 #include "commonlibc/VXSettingReport.h"
@@ -230,6 +231,7 @@ void vxFillUpcalls() {
     vxUpcalls.setdefaultValues = setdefaultValues;
     vxUpcalls.ResetMonitorData = ResetMonitorData;
     vxUpcalls.freeTagStructures = freeTagStructures;
+    vxUpcalls.monitorCycle = monitorCycle;
     vxUpcalls.clearBtMetaDataFlags = clearBtMetaDataFlags;
     vxUpcalls.replayMetaData = replayMetaData;
     vxUpcalls.dropResetQueueOfInstance = dropResetQueueOfInstance;

@@ -1,9 +1,7 @@
 #include "commonlibc/bt/VXBTMonitor.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
-#include <limits>
 
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXDigestMonitor.h"
@@ -13,6 +11,7 @@
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "commonlibc/vxlb_word.h"
+#include "commonlibc/vxlb_writer.h"
 
 namespace vx {
 
@@ -21,7 +20,6 @@ namespace {
 constexpr std::int32_t kMaxBtCount = 256;
 constexpr std::int32_t kMaxArraySize = 65536;  // that a keyword asks for
 constexpr std::int32_t kCategoryGeneralOnly = 15;
-constexpr std::int64_t kMinCpuStart = std::numeric_limits<std::int64_t>::max();
 
 struct FigureRow {
     VXFigure VXBTCounters::*figure;
@@ -74,31 +72,84 @@ auto slotMaker(vxApplication& app) {
     };
 }
 
-// The number under which the collector knows the BT's tags; negative when none can be given.
-std::int32_t tagSequenceOfBt(VXBTState_t& bt, std::int32_t btId) {
-    char key[16];
-    *std::to_chars(key, key + sizeof(key) - 1, btId).ptr = '\0';
-    VXGuard guard(bt.btTagMutex);
-    const VXTagSequence* sequence = vxTagSequence(bt.btTagMap, key);
+// The number of a key of the BT-tag map. -1: it has none, and cannot or shall not get one.
+std::int32_t tagSequence(VXBTState_t& bt, const char* key, bool add) {
+    const VXGuard guard(bt.btTagMutex);
+    const auto* sequence = add ? vxTagSequence(bt.btTagMap, key)
+                               : static_cast<const VXTagSequence*>(search_hashmap(key, bt.btTagMap));
     return sequence ? sequence->sequence : -1;
 }
 
-bool updatePropertiesOfBT(vxApplication& app, const vxTD& slot, std::int32_t btId) {
-    VXBTState_t& bt = app.bt;
-    VXBTMonitorDataCounters* target = vxAggSlot(bt.aggDataArr, btId);
-    if (!target) return false;
-    const std::int32_t sequence = tagSequenceOfBt(bt, btId);
-    if (sequence < 0) return false;
+constexpr std::size_t kTagKeySize = 32;
 
+// A BT's own number, that of its flowpaths without tags. The slot keeps what the map told it once in a run.
+std::int32_t ownSequence(VXBTState_t& bt, const VXBTMonitorDataCounters& slot, std::int32_t btId) {
+    if (slot.counters.tagSeq >= 0) return slot.counters.tagSeq;
+    char key[kTagKeySize];
+    VXWriter(key, sizeof(key)).number(btId).terminate();
+    return tagSequence(bt, key, true);
+}
+
+// The slot that counts a BT's flowpaths with tags.
+VXBTMonitorDataCounters* tagSlot(vxApplication& app, std::int32_t btId) {
+    if (VXBTMonitorDataCounters* known = vxAggSlot(app.bt.aggTagArr, btId)) return known;
+    const VXGuard guard(app.bt.btMapMutex);
+    return vxAggEnsureSlot(app.bt.aggTagArr, btId, slotMaker(app));
+}
+
+VXBTCounters countersOf(const vxTD& slot) {
     VXBTCounters counters;
     initVXBTMonitorDataCounters(counters);
     updateBTDataCounters(counters, {slot.tlCategory, slot.fpDuration, slot.fpCPUTime, {0, 0, 0}});
+    return counters;
+}
 
-    VXGuard guard(target->mutex);
+bool countTag(vxApplication& app, const vxTD& slot, std::int32_t btId, const VXTagNode& tag) {
+    char key[kTagKeySize];
+    VXWriter(key, sizeof(key)).number(btId).put('-').number(tag.sequence).terminate();
+    const std::int32_t sequence = tagSequence(app.bt, key, false);
+    VXBTMonitorDataCounters* target = sequence < 0 ? nullptr : tagSlot(app, btId);
+    if (!target) return false;
+    VXBTCounters counters = countersOf(slot);
+    counters.tagString = const_cast<char*>(tag.text);  // copied by the merge
+    counters.tagSeq = sequence;
+    target->btObj.store(slot.tlBTObj, std::memory_order_release);
+
+    const VXGuard guard(target->tagMutex);
+    updateBTDataCountersForAggregate(target->counters, counters);
+    target->isDirty = 1;
+    return true;
+}
+
+// True when a tag has counted the flowpath: its BT's own slot then does not.
+bool countTags(vxApplication& app, const vxTD& slot, std::int32_t btId) {
+    bool counted = false;
+    const VXGuard tags(slot.tagMutex);
+    for (const VXTagNode* tag = slot.BTagSeqArray; tag; tag = tag->next)
+        counted |= countTag(app, slot, btId, *tag);
+    return counted;
+}
+
+bool updatePropertiesOfBT(vxApplication& app, const vxTD& slot, std::int32_t btId) {
+    VXBTMonitorDataCounters* target = vxAggSlot(app.bt.aggDataArr, btId);
+    if (!target) return false;
+    const bool counted = vx_word_get(app.VXSys.tagsEnabled) && countTags(app, slot, btId);
+    VXBTCounters counters;
+    if (counted) {
+        initVXBTMonitorDataCounters(counters);
+    } else {
+        counters = countersOf(slot);
+    }
+
+    const VXGuard guard(target->mutex);
+    const std::int32_t sequence = ownSequence(app.bt, *target, btId);
+    if (sequence < 0) return counted;
+    counters.tagSeq = sequence;
     updateBTDataCountersForAggregate(target->counters, counters);
     vxDigestDuration(app.digest.bt, target->digest, target->digestUpdated, slot.fpDuration);
     target->isDirty = 1;
-    target->counters.tagSeq = sequence;
+    if (!target->btObj.load(std::memory_order_relaxed))
+        target->btObj.store(slot.tlBTObj, std::memory_order_release);
     return true;
 }
 
@@ -118,11 +169,13 @@ void VXBTMonitorInit() {
         VXGuard guard(bt.btMapMutex);
         vxAggStart(bt.aggDataArr, slotMaker(app));
     }
-    vxAggEach(bt.aggDataArr, 0, [](VXBTMonitorDataCounters& slot) {
-        VXGuard guard(slot.mutex);
+    const auto clear = [](VXBTMonitorDataCounters& slot) {
+        const VXGuard guard(slot.mutex), tagGuard(slot.tagMutex);
         VXLB_FREE(slot.counters.tagString, "text copy", -1);
         initVXBTMonitorDataCounters(slot.counters);
-    });
+    };
+    vxAggEach(bt.aggDataArr, 0, clear);
+    vxAggEach(bt.aggTagArr, 0, clear);
     vx_word_set(bt.maxBTCount, kMaxBtCount);
     bt.isBTMonitorOn.store(1, std::memory_order_relaxed);
     bt.currentReportingCount = 0;
@@ -206,8 +259,9 @@ void checkAndIncrementAggrBTDataArray(BTObject* object) {
     VX_TRACE(3, kBtMon, kInfo, "handleSizeBTArr Started ...BTID %d", btId);
     if (VXBTMonitorDataCounters* slot = vxAggEnsureSlot(app.bt.aggDataArr, btId, slotMaker(app));
         slot && slot->btObj.load(std::memory_order_relaxed) != object) {
-        VXGuard guard(slot->mutex);
-        slot->isDirty = slot->flag = slot->digestUpdated = slot->tagSent = 0;
+        const VXGuard guard(slot->mutex);
+        slot->isDirty = slot->counters.duration.count != 0;  // what was counted is reported by any name
+        slot->flag = slot->digestUpdated = slot->tagSent = 0;
         slot->btObj.store(object, std::memory_order_release);
     }
     VX_TRACE(3, kBtMon, kInfo, "handleSizeBTArr completed ...BTID %d", btId);

@@ -9,9 +9,13 @@
 //           current context.
 #pragma once
 
+#include <limits>
+
 #include "commonlibc/context/vx_application.h"
 
 namespace vx {
+
+inline constexpr std::int64_t kMinCpuStart = std::numeric_limits<std::int64_t>::max();
 
 // What one finished flowpath adds to the counters.
 struct VXFlowpathFigures {

@@ -88,6 +88,9 @@ void vxFreeBtStore() {
     destroy_hashmap(std::exchange(bt.thresholds, nullptr));
     freeTagStructures();
     vxAggFree(bt.aggDataArr);
+    vxAggEach(bt.aggTagArr, 0,
+              [](VXBTMonitorDataCounters& slot) { VXLB_FREE(slot.counters.tagString, "text copy", -1); });
+    vxAggFree(bt.aggTagArr);
 }
 
 void vxMakeBtStore() {

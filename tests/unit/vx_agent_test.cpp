@@ -20,7 +20,7 @@ std::istringstream stillEmpty(R"(
     freeTagHashLists freeUDPConnections get_file_from_VXC_lws
     get_inst_profile_lws handleUploadDownload initVXDynamicSettings
     initVXHttpReqRespCaptureSettings kill_lws_as_connection kill_lws_data_connection
-    monitorCycle parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
+    parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
     parseDynamicSettingsFile
     rec_control_con_response_lws resetAppLogSettings resolveTransactionTag sendHttpHdrRep
     sendHttpHdrReq send_as_data_via_lws_socket send_control_data_via_lws_socket send_data_via_lws_socket

@@ -42,6 +42,16 @@ TEST(WriterNumbers, PrintAsPrintfDoes) {
     EXPECT_STREQ(buffer, "-9223372036854775.808 9223372036854775.807");
 }
 
+TEST(WriterNumbers, RealsPrintAsPrintfDoes) {
+    for (const double value : {0.0, -0.0, 0.5, 1.0 / 3, -2.4, 1e6, 123456.7890125, 9007199254740991.0,
+                               9007199254740994.0, -9223372036854775808.0, 1.7e308, 1e-7}) {
+        char expected[400], buffer[400];
+        std::snprintf(expected, sizeof(expected), "%lf", value);
+        VXWriter(buffer, sizeof(buffer)).real(value).terminate();
+        EXPECT_STREQ(buffer, expected);
+    }
+}
+
 TEST(WriterCuts, EndsAtEverySizeWithAWholeLineAndNothingBehind) {
     const std::string whole = "7,-12,a b,ff\n";
     for (std::size_t size = 0; size <= whole.size() + 1; ++size) {

@@ -1,0 +1,133 @@
+#include "commonlibc/VXMonitorCycle.h"
+
+#include <memory>
+
+#include "commonlibc/VXMonitorModel.h"
+#include "commonlibc/VXMonitorReport.h"
+#include "commonlibc/bt/VXBTRecords.h"
+#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/vxlb_clock.h"
+#include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_word.h"
+
+namespace vx {
+
+namespace {
+
+constexpr const char* kBufferName = "monitor records";
+constexpr std::int32_t kSecondsPerMinute = 60;
+constexpr std::int32_t kDefaultTurnsPerWalk = 5;
+
+struct BufferFree {
+    void operator()(char* buffer) const { VXLB_FREE(buffer, kBufferName, -1); }
+};
+using Buffer = std::unique_ptr<char, BufferFree>;
+
+Buffer makeBuffer() {
+    return Buffer(static_cast<char*>(VXLB_MALLOC(kReportBufferSize, kBufferName, -1)));
+}
+
+std::int64_t difference(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+
+bool isDue(std::int64_t next, std::int64_t now) {
+    return difference(next, now) <= 0;
+}
+
+// The first of the times `next`, `next` + interval, ... above `now`, never more than an interval ahead.
+std::int64_t nextAbove(std::int64_t next, std::int64_t now, std::int64_t interval) {
+    if (interval < 1) return vxSum(now, 1);
+    const std::int64_t ahead = difference(next, now);
+    if (ahead > interval) return vxSum(now, interval);
+    if (ahead > 0) return next;
+    const auto passed = 0 - static_cast<std::uint64_t>(ahead);
+    return vxSum(now, interval - static_cast<std::int64_t>(passed % static_cast<std::uint64_t>(interval)));
+}
+
+bool reportingIsOn(const vxApplication& app) {
+    return vx_word_get(app.VXSys.ASSampleInterval) > 0;
+}
+
+struct MonitorRow {
+    bool (*isOn)(const vxApplication& app);
+    bool (*generate)(char* buffer, std::int32_t* length);
+};
+constexpr MonitorRow kMonitors[] = {
+    {[](const vxApplication& app) { return app.bt.isBTMonitorOn.load(std::memory_order_relaxed) != 0; },
+     generateAndDumpBTMonitoringRecord},
+};
+
+void write(bool (*generate)(char* buffer, std::int32_t* length), char* buffer) {
+    std::int32_t length = 0;
+    generate(buffer, &length);
+    vxPassReport(buffer, &length);
+}
+
+void report(const vxApplication& app) {
+    const Buffer buffer = makeBuffer();
+    if (!buffer) return;
+    for (const MonitorRow& row : kMonitors)
+        if (row.isOn(app)) write(row.generate, buffer.get());
+}
+
+void planReport(vxApplication& app) {
+    VXMonitorState_t& cycle = app.monitor;
+    if (reportingIsOn(app))
+        cycle.nextLoggingBufferTime = nextAbove(cycle.nextLoggingBufferTime, cycle.curTimeStamp,
+                                                vx_word_get(app.VXSys.ASReportInterval));
+}
+
+void readTime(vxApplication& app) {
+    app.monitor.curTimeStamp = vxRelativeMs(app, vxlb_now_us());
+}
+
+void beginSession(vxApplication& app) {
+    readTime(app);
+    app.monitor.nextLoggingBufferTime = app.monitor.curTimeStamp;
+    planReport(app);
+}
+
+void walkIdle(vxApplication& app) {
+    const std::int32_t asked = vx_word_get(app.VXBCISetting.FPMaxAllowedAgeInSec) / kSecondsPerMinute;
+    if (++app.monitor.turns < (asked < 1 ? kDefaultTurnsPerWalk : asked)) return;
+    app.monitor.turns = 0;
+    VX_UPCALL(markLongIdleTransactions);
+}
+
+void endTurn(vxApplication& app) {
+    readTime(app);
+    if (reportingIsOn(app) && isDue(app.monitor.nextLoggingBufferTime, app.monitor.curTimeStamp)) report(app);
+    planReport(app);
+    walkIdle(app);
+}
+
+void traceUnreported(const vxApplication& app) {
+    if (!reportingIsOn(app)) return;
+    const std::int64_t transactions = vxUnreportedOfBts();
+    if (transactions)
+        VX_TRACE(1, kBtMon, kWarning, "Monitors: %lld transactions of this run were not reported",
+                 static_cast<long long>(transactions));
+}
+
+}  // namespace
+
+void monitorCycle(VXMonitorPhase phase) {
+    vxApplication& app = *vxCurrent();
+    switch (phase) {
+        case VXMonitorPhase::kSession:
+            return beginSession(app);
+        case VXMonitorPhase::kTurn:
+            return endTurn(app);
+        case VXMonitorPhase::kIdle:
+            return walkIdle(app);
+        case VXMonitorPhase::kLast:
+            if (reportingIsOn(app)) report(app);
+            return;
+        case VXMonitorPhase::kGone:
+            return traceUnreported(app);
+    }
+}
+
+}  // namespace vx
