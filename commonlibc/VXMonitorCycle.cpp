@@ -4,7 +4,11 @@
 
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXMonitorReport.h"
+#include "commonlibc/backend/VXBackendRecords.h"
+#include "commonlibc/bt/VXBTDigest.h"
 #include "commonlibc/bt/VXBTRecords.h"
+#include "commonlibc/mm/VXExceptionMonitor.h"
+#include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -50,16 +54,36 @@ bool reportingIsOn(const vxApplication& app) {
     return vx_word_get(app.VXSys.ASSampleInterval) > 0;
 }
 
+using Generator = bool (*)(char* buffer, std::int32_t* length);
+using IsOn = bool (*)(const vxApplication& app);
+
+// The monitors in the order of a report; null: the generator looks itself.
 struct MonitorRow {
-    bool (*isOn)(const vxApplication& app);
-    bool (*generate)(char* buffer, std::int32_t* length);
+    IsOn isOn;
+    Generator generate;
 };
 constexpr MonitorRow kMonitors[] = {
     {[](const vxApplication& app) { return app.bt.isBTMonitorOn.load(std::memory_order_relaxed) != 0; },
      generateAndDumpBTMonitoringRecord},
+    {[](const vxApplication& app) {
+         return app.method.enableBackendMonitor.load(std::memory_order_relaxed) != 0;
+     },
+     generateAndDumpBackendMonitoringRecord},
+    {nullptr, generateAndDumpMethodMonitoringRecord},
+    {nullptr, generateAndDumpExceptionMonitoringRecord},
 };
 
-void write(bool (*generate)(char* buffer, std::int32_t* length), char* buffer) {
+struct DigestRow {
+    VXDigestSettings VXDigestState_t::*settings;
+    std::int64_t VXMonitorState_t::*next;
+    Generator generate;
+};
+constexpr DigestRow kDigests[] = {
+    {&VXDigestState_t::backend, &VXMonitorState_t::nextBackendDigestTime, generateAndDumpBackendDigestRecord},
+    {&VXDigestState_t::bt, &VXMonitorState_t::nextBTDigestTime, generateAndDumpBTDigestRecord},
+};
+
+void write(Generator generate, char* buffer) {
     std::int32_t length = 0;
     generate(buffer, &length);
     vxPassReport(buffer, &length);
@@ -69,7 +93,18 @@ void report(const vxApplication& app) {
     const Buffer buffer = makeBuffer();
     if (!buffer) return;
     for (const MonitorRow& row : kMonitors)
-        if (row.isOn(app)) write(row.generate, buffer.get());
+        if (!row.isOn || row.isOn(app)) write(row.generate, buffer.get());
+}
+
+void writeDigests(vxApplication& app) {
+    for (const DigestRow& row : kDigests) {
+        const VXDigestSettings& settings = app.digest.*row.settings;
+        std::int64_t& next = app.monitor.*row.next;
+        if (!settings.type.load(std::memory_order_relaxed) || !isDue(next, app.monitor.curTimeStamp))
+            continue;
+        if (const Buffer buffer = makeBuffer()) write(row.generate, buffer.get());
+        next = nextAbove(next, app.monitor.curTimeStamp, settings.periodMs.load(std::memory_order_relaxed));
+    }
 }
 
 void planReport(vxApplication& app) {
@@ -87,6 +122,9 @@ void beginSession(vxApplication& app) {
     readTime(app);
     app.monitor.nextLoggingBufferTime = app.monitor.curTimeStamp;
     planReport(app);
+    for (const DigestRow& row : kDigests)
+        app.monitor.*row.next = vxSum(app.monitor.curTimeStamp,
+                                      (app.digest.*row.settings).periodMs.load(std::memory_order_relaxed));
 }
 
 void walkIdle(vxApplication& app) {
@@ -100,15 +138,32 @@ void endTurn(vxApplication& app) {
     readTime(app);
     if (reportingIsOn(app) && isDue(app.monitor.nextLoggingBufferTime, app.monitor.curTimeStamp)) report(app);
     planReport(app);
+    writeDigests(app);
     walkIdle(app);
+}
+
+template <class Slot>
+long long unreportedIn(const VXAggregateArray<Slot>& array, std::int64_t Slot::*counter) {
+    std::int64_t count = 0;
+    vxAggEach(array, 1, [&](const Slot& slot) {
+        const VXGuard guard(slot.mutex);
+        count = vxSum(count, slot.*counter);
+    });
+    return count;
 }
 
 void traceUnreported(const vxApplication& app) {
     if (!reportingIsOn(app)) return;
-    const std::int64_t transactions = vxUnreportedOfBts();
-    if (transactions)
-        VX_TRACE(1, kBtMon, kWarning, "Monitors: %lld transactions of this run were not reported",
-                 static_cast<long long>(transactions));
+    const long long transactions = vxUnreportedOfBts();
+    const long long calls = unreportedIn(app.method.backendArr, &VXBackendMonitorDataCounters::callCount);
+    const long long methods = unreportedIn(app.method.methodArr, &VXMethodMonitorDataCounters::count);
+    const long long exceptions =
+        unreportedIn(app.exceptionMonitor.exceptionArr, &VXExceptionMonitorDataCounters::count);
+    if (!transactions && !calls && !methods && !exceptions) return;
+    VX_TRACE(1, kBtMon, kWarning,
+             "Monitors: lost unreported: transactions = %lld, back-end calls = %lld, method calls = %lld, "
+             "exceptions = %lld",
+             transactions, calls, methods, exceptions);
 }
 
 }  // namespace

@@ -96,10 +96,10 @@ TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {
     monitorCycle(VXMonitorPhase::kLast);
     EXPECT_EQ(reports(), 1);
     monitorCycle(VXMonitorPhase::kGone);
-    EXPECT_FALSE(trace.says("not reported"));
+    EXPECT_FALSE(trace.says("lost unreported"));
     updateCounterAndDurationForBT(slot.get());
     monitorCycle(VXMonitorPhase::kGone);
-    EXPECT_TRUE(trace.says("Monitors: 1 transactions of this run were not reported"));
+    EXPECT_TRUE(trace.says("Monitors: lost unreported: transactions = 1, back-end calls = 0, "));
 }
 
 // Counts of a BT: all, and by category 10 to 13.
