@@ -8,6 +8,7 @@
 #include "commonlibc/exception/VXExceptionSettings.h"
 #include "commonlibc/flowpath/VXFlowpathTime.h"
 #include "commonlibc/flowpath/VXSequenceBlob.h"
+#include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/vxlb_escape.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_word.h"
@@ -99,6 +100,7 @@ void handleExceptionParameters(vxTD* slot, const VXExceptionReport& report) {
     if (!isWanted(app.exceptions, report)) return;
 
     VXExceptionNumbers numbers = idsOf(app, report);
+    if (!report.className.empty()) updateCounterAndDurationForException(slot, report.className.data());
     vxRaise(slot->exceptionCount);
     ++slot->seqNo;
     if (vx_word_get(app.VXSys.enableExceptionInSeqBlob) == 1) {

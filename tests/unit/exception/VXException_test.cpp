@@ -26,6 +26,8 @@ protected:
 };
 
 TEST_F(Exceptions, NamesTravelOnceAndTheirIdsWithEveryException) {
+    char monitored[] = "E|Errors";
+    parseExceptionMonFile(monitored);
     EXPECT_EQ(written(report), (Records{"32,1,E", "33,1,Shop", "34,1,Shop.buy", "35,1,gone", "36,1,disk",
                                         "38,77,7,0,0,-1,-1,1,1,1,3,1,1,at%20a"}));
     vx_word_set(app->VXSys.enableExceptionInSeqBlob, 1);
@@ -40,6 +42,7 @@ TEST_F(Exceptions, NamesTravelOnceAndTheirIdsWithEveryException) {
     EXPECT_EQ(allocations, 0);
     EXPECT_EQ(blobOf(slot), "e2_e3_");
     EXPECT_EQ(slot->exceptionCount, 3);
+    EXPECT_EQ(vxAggSlot(app->exceptionMonitor.exceptionArr, 1)->count, 2) << "the class that is monitored";
 }
 
 TEST_F(Exceptions, WhatIsMissingOrOffIsWrittenAsSuch) {
