@@ -36,7 +36,6 @@ TEST(Installer, KeepsSettingsWhenRunAgainAndTheHomeWhenTakenAway) {
                              "\nStateDirectory=telemetry/one\n", "\nRestart=on-failure\n"})
         EXPECT_NE(unit.find(line), std::string::npos) << line << unit;
     EXPECT_EQ(unit.find("/usr/local"), std::string::npos);
-
     // What is installed can be started as it stands, once a collector is named.
     const std::string settings = dir.read(config + "vxsettings.conf") + "vxcHost=127.0.0.1\n";
     dir.write(config + "vxsettings.conf", settings);

