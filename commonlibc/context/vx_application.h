@@ -6,11 +6,11 @@
 //
 // Threads   Each thread reaches its context through vxCurrent() and sets it itself (vxSetCurrent); a thread
 //           that serves several instances sets it before touching one and leaves the last one behind.
-// Locks     Order, first to last: reset-queue mutex, decode lock, method table lock (nested), slot tag
-//           mutex, slot blob mutex, BT map mutex, id-table and header-map locks, monitor slot mutex,
-//           dumpMutex, listMutex (those of the auto-sensor channel rank alike). Leaves: pool mutex (the
-//           free slots' mutex inside it), map mutexes, trace mutex, keyword-text mutex, settings-file
-//           mutex, collectors' mutex, outbox mutex, loss mutex, a handle's closeMutex. The message mutex
+// Locks     Order, first to last: decode lock, method table lock (nested), slot tag mutex, slot blob mutex,
+//           BT map mutex, id-table and header-map locks, monitor slot mutex, dumpMutex, listMutex (those of
+//           the auto-sensor channel rank alike). Leaves: that over the reset queues (a queue's inside it),
+//           pool mutex (the free slots' inside it), map mutexes, trace mutex, keyword-text mutex, settings-
+//           file mutex, collectors', outbox and loss mutex, a handle's closeMutex. The message mutex
 //           comes before a process's send mutex; neither is taken under the decode lock.
 #pragma once
 
