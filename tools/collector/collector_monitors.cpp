@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 
 #include "tools/collector/collector_instance.h"
 #include "tools/collector/collector_summary.h"
@@ -30,6 +31,12 @@ constexpr auto kLayouts = std::to_array<Layout>({
 });
 
 using Fields = std::array<double, kFieldsMax>;
+
+struct DigestRow {
+    int record;
+    Monitored kind;
+};
+constexpr auto kDigests = std::to_array<DigestRow>({{793, Monitored::kBt}, {794, Monitored::kBackend}});
 
 // Numbers separated by single blanks. How many there are; 0 for a text that holds something else.
 std::size_t readFields(std::string_view text, Fields& fields) {
@@ -143,10 +150,18 @@ void add(Answer answer, Answers& answers) {
                                     : answers.differing);
 }
 
-// Methods and exceptions are monitored by name; of the other kinds the monitor knows all or nothing.
-bool isCompared(const Run& run, Monitored kind, const Told& told) {
-    const bool selected = kind == Monitored::kMethod || kind == Monitored::kException;
-    return selected ? told.reported : run.reported[static_cast<std::size_t>(kind)];
+bool isClass(const InstanceState& instance, const std::string& name) {
+    const Names& classes = instance.exceptionParts[static_cast<std::size_t>(ExceptionPart::kClass)];
+    return std::any_of(classes.begin(), classes.end(), [&](const auto& row) { return row.second == name; });
+}
+
+// Methods and exceptions are monitored by choice, and exceptions may be told under names that no class has;
+// of the other kinds the monitor knows all or nothing.
+bool isCompared(const InstanceState& instance, Monitored kind, const Told& told, const std::string& name) {
+    if (told.singles.count == 0 && told.monitor.count == 0) return false;
+    if (kind == Monitored::kMethod) return told.reported;
+    if (kind == Monitored::kException) return told.reported && isClass(instance, name);
+    return instance.run.reported[static_cast<std::size_t>(kind)];
 }
 
 // False for a record that cannot be read.
@@ -173,6 +188,27 @@ bool takeFigures(const Layout& layout, std::string_view text, char separator, In
         told->reported = true;
         told->monitor.add(figures);
     }
+    return true;
+}
+
+// "count min max percentile value percentile value ...". False for a record that cannot be read.
+bool takeDigest(const DigestRow& row, std::string_view text, char separator, const InstanceState& instance,
+                Summary& summary) {
+    constexpr std::size_t kFirst = 3;
+    Head head;
+    Fields fields{};
+    if (!readHead(text, separator, head)) return false;
+    const std::size_t count = readFields(head.figures, fields);
+    if (count < kFirst || (count - kFirst) % 2 != 0) return false;
+    char part[96];
+    std::snprintf(part, sizeof(part), "%.0f of %.0f to %.0f ms", fields[0], fields[1], fields[2]);
+    std::string told = part;
+    for (std::size_t at = kFirst; at < count; at += 2) {
+        std::snprintf(part, sizeof(part), ", %g %% below %.1f", fields[at], fields[at + 1]);
+        told += part;
+    }
+    sideOf(row.kind, head.id, nameOfObject(instance, row.kind, head.id, head.name), summary).percentiles =
+        told;
     return true;
 }
 
@@ -229,6 +265,9 @@ void takeMonitorRecord(std::string_view line, char separator, InstanceState& ins
     for (const Layout& layout : kLayouts)
         if (layout.record == number && !takeFigures(layout, line, separator, instance, summary))
             ++summary.unreadable;
+    for (const DigestRow& row : kDigests)
+        if (row.record == number && !takeDigest(row, line, separator, instance, summary))
+            ++summary.unreadable;
 }
 
 Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
@@ -238,10 +277,9 @@ Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
     for (std::size_t at = 0; at < kMonitoredKinds; ++at) {
         const auto kind = static_cast<Monitored>(at);
         for (const auto& [id, told] : run.objects[at]) {
-            if (!isCompared(run, kind, told) || (told.singles.count == 0 && told.monitor.count == 0))
-                continue;
             const std::string name =
                 nameOfObject(instance, kind, id, std::string(kKindNames[at]) + std::to_string(id));
+            if (!isCompared(instance, kind, told, name)) continue;
             MonitorSide& side = sideOf(kind, id, name, summary);
             side.reported = true;
             const Answer answer = compare(told, mayTellMore);

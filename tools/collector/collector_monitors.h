@@ -10,10 +10,14 @@
 //
 // While a run goes on nothing is compared: reports come in intervals, records when a buffer is sent.
 //
+// Records 74 (BTs), 75 (back-ends), 61 (methods) and 63 (exceptions) tell figures; 793 and 794 tell
+// percentiles of BTs and back-ends, of which the last period's are shown and nothing is compared.
+//
 // What is compared: of BTs counts per category, and the sum, least and greatest duration; of back-ends calls,
 // errors and durations; of methods in the method monitor calls and durations; of exceptions in the exception
-// monitor their count. Not the errors of custom back-ends, which the monitor does not know. Methods of
-// transactions that rules exclude are counted by the monitor alone.
+// monitor their count, where they are told under the name of their class. Not the errors of custom back-ends,
+// which the monitor does not know. Methods of transactions that rules exclude are counted by the monitor
+// alone.
 //
 // Limits    Ids above kMaxId and names beyond kMaxRows are counted, not compared.
 // Units     Milliseconds.
@@ -53,7 +57,8 @@ struct Answers {
 };
 // What the monitors say of a row of the table, and the answers of its ended runs.
 struct MonitorSide : Answers {
-    Figures figures;  // of all runs and instances
+    Figures figures;          // of all runs and instances
+    std::string percentiles;  // of the last period, as text
     bool reported = false;
 };
 

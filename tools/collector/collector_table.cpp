@@ -50,6 +50,10 @@ std::string answerOf(const MonitorSide& side) {
     return side.partial ? inRuns("recorded in part", side.partial) : "agrees";
 }
 
+void printPercentiles(const MonitorSide& side, std::FILE* out) {
+    if (!side.percentiles.empty()) std::fprintf(out, "  last period %s\n", side.percentiles.c_str());
+}
+
 void printFigures(const char* name, const Figures& row, std::FILE* out) {
     std::fprintf(out, "%-44.44s %8llu %8llu %6llu %9llu %6llu %10.1f %8lld %8lld", name, wide(row.count),
                  wide(row.normal), wide(row.slow), wide(row.verySlow), wide(row.error),
@@ -60,9 +64,11 @@ void printFigures(const char* name, const Figures& row, std::FILE* out) {
 void printBt(const char* name, const BtRow& row, std::FILE* out) {
     printFigures(name, row, out);
     std::fputc('\n', out);
-    if (!row.monitor.reported) return;
-    printFigures("  monitor", row.monitor.figures, out);
-    std::fprintf(out, "  %s\n", answerOf(row.monitor).c_str());
+    if (row.monitor.reported) {
+        printFigures("  monitor", row.monitor.figures, out);
+        std::fprintf(out, "  %s\n", answerOf(row.monitor).c_str());
+    }
+    printPercentiles(row.monitor, out);
 }
 
 void printBts(const Summary& summary, std::FILE* out, std::size_t most) {
@@ -104,6 +110,7 @@ void printBackends(const Summary& summary, std::FILE* out, std::size_t most) {
                 std::fprintf(out, "%-53s %6s %10llu %10llu %10.1f %8.1f  %s\n", "  monitor", "",
                              wide(told.count), wide(told.error), average(told.totalMs, told.count),
                              static_cast<double>(told.maxMs), answerOf(row.monitor).c_str());
+            printPercentiles(row.monitor, out);
         });
 }
 

@@ -6,7 +6,7 @@
 //       monitor                    41       40        1         0      0       12.5        3     1800  agrees
 //
 // "agrees" is said once a run has ended and been compared, and of as many runs as have been ("DIFFERS in 1 of
-// 3 runs"); before that it says "not compared yet".
+// 3 runs"); before that it says "not compared yet". Percentiles are those of the last period told.
 //
 // Threads   One.
 #pragma once

@@ -82,6 +82,8 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     report(bt(0, "AllTransactions", 0, 0, 1, 60));
     report("63,3|4|1:Tier_host7_shop_Timeout|1 0.000000 ");
     report("63,3|4|0:Tier_host7_shop_OverAll|1 0.000000 ");
+    report("63,3|4|2:Tier_host7_shop_shown name|1 0.000000 ");
+    report("793,3|4|3:Tier_host7_shop_Pay|7 2 871 50.00 14.50 99.90 640.00");
     runs.closed(StreamKind::kAutoSensor, shop);
     EXPECT_EQ(answers("Cart") + answers("Pay"), "100100");
     Summary& summary = runs.summary();
@@ -93,6 +95,9 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     EXPECT_EQ(
         runs.takeNews(),
         "run of Tier/host7/shop compared with its monitors: 6 objects agree, 0 recorded in part, 0 differ\n");
+    EXPECT_NE(table().find("  last period 7 of 2 to 871 ms, 50 % below 14.5, 99.9 % below 640.0\n"),
+              std::string::npos);
+    EXPECT_EQ(answers(exceptionRow(summary, "shown name").monitor), "000") << "no name of a class";
     EXPECT_TRUE(summary.judgedRuns == 1 && summary.unreadable == 0);
     EXPECT_NE(table().find("  monitor                                           2        2      0         0 "
                            "     0       40.0       40       40  agrees\n"),
@@ -166,7 +171,7 @@ TEST_F(CollectorRuns, CountReportsThatCannotBeReadAndPassOverOthers) {
     EXPECT_EQ(runs.summary().unreadable, good.size() - 5);
     EXPECT_EQ(btRow(runs.summary(), "Cart").monitor.figures.count, 0U);
     for (const char* line : {"", "x", "74", "90,1,2", "74,a", "63,1|2|3:a_b_c_d|1e999 nan",
-                             "75,1|2|99999999999999999999:a_b_c_d|1"})
+                             "793,1|2|3:a_b_c_d|1 2 3 4", "75,1|2|99999999999999999999:a_b_c_d|1"})
         report(line);
     report("63,1|2|3:a_b_c_d|1 -1e300");
     EXPECT_FALSE(runs.summary().exceptions.empty());
