@@ -1,0 +1,149 @@
+#include "commonlibc/lws_handler.h"
+
+#include "commonlibc/context/vx_application.h"
+#include "commonlibc/platform/vx_platform_wire.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+constexpr std::int64_t kConnectTimeUs = 20000000, kDiscoveryConnectTimeUs = 3000000;
+constexpr std::int64_t kSendTimeUs = 10000000, kDataSendTimeUs = 60000000, kDiscoverySendTimeUs = 2000000;
+
+bool serviceStops() {
+    return proxyStopFlag.load(std::memory_order_acquire) != 0;
+}
+bool instanceStops() {
+    return serviceStops() || vxCurrent()->control.proxyStopRequested.load(std::memory_order_acquire) != 0;
+}
+bool linkStops() {
+    return instanceStops() || vxCurrent()->control.closeCtrlConFlag.load(std::memory_order_acquire) != 0;
+}
+
+struct Kind {
+    const char* label;  // as in "Control Protcol:WS"
+    const char* name;   // as in "data sending on data connection"
+    VXLwsHandle& (*handle)(vxApplication& app);
+    bool text, reads;
+    std::int64_t connectTimeUs, sendTimeUs;
+    bool (*stop)();
+};
+
+VXLwsHandle& controlHandle(vxApplication& app) {
+    return app.control.controlWsi;
+}
+VXLwsHandle& dataHandle(vxApplication& app) {
+    return app.data.dataWsi;
+}
+VXLwsHandle& autoSensorHandle(vxApplication& app) {
+    return app.autoSensor.asWsi;
+}
+VXLwsHandle& bulkDataHandle(vxApplication& app) {
+    return app.lws.bulkDataWsi;
+}
+VXLwsHandle& logHandle(vxApplication& app) {
+    return app.lws.logWsi;
+}
+VXLwsHandle& discoveryHandle(vxApplication& app) {
+    return app.discovery.discoveryWsi;
+}
+
+// clang-format off
+constexpr Kind kControl{"Control", "control", controlHandle, true, true, kConnectTimeUs, kSendTimeUs, instanceStops};
+constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
+constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
+constexpr Kind kBulkData{"BulkData", "bulk data", bulkDataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
+constexpr Kind kLog{"Log", "log", logHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
+constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, kDiscoverySendTimeUs, serviceStops};
+// clang-format on
+
+VXLwsConnection* held(const VXLwsHandle& handle) {
+    return handle.load(std::memory_order_acquire);
+}
+
+bool create(const Kind& kind, const char* host, int port) {
+    vxApplication& app = *vxCurrent();
+    VXLwsHandle& handle = kind.handle(app);
+    vxLwsEndHandle(handle);
+    VXLwsConnection* connection =
+        vxLwsConnect({.label = kind.label,
+                      .host = host,
+                      .port = port,
+                      .protocol = app.control.ActiveAgentProtocolIndex.load(std::memory_order_relaxed),
+                      .text = kind.text,
+                      .reads = kind.reads,
+                      .timeUs = kind.connectTimeUs,
+                      .stop = kind.stop});
+    handle.store(connection, std::memory_order_release);
+    return connection != nullptr;
+}
+
+int send(const Kind& kind, const char* data, std::int32_t length) {
+    VXLwsConnection* connection = held(kind.handle(*vxCurrent()));
+    if (!connection) {
+        VX_TRACE(1, kControlThread, kError, "%s connection is closed", kind.name);
+        return 1;
+    }
+    if (vxLwsSendAll(*connection, data, length, kind.sendTimeUs, kind.stop)) return 0;
+    VX_TRACE(1, kControlThread, kError, "error: failed to send data on %s connection", kind.name);
+    return 1;
+}
+
+}  // namespace
+
+bool create_lws_control_connection(const char* host, int port) {
+    return create(kControl, host, port);
+}
+bool create_lws_data_connection(const char* host, int port) {
+    return create(kData, host, port);
+}
+bool create_lws_as_connection(const char* host, int port) {
+    return create(kAutoSensor, host, port);
+}
+bool create_lws_bulk_data_connection(const char* host, int port) {
+    return create(kBulkData, host, port);
+}
+bool create_lws_log_connection(const char* host, int port) {
+    return create(kLog, host, port);
+}
+bool create_lws_discovery_connection(const char* host, int port) {
+    return create(kDiscovery, host, port);
+}
+
+int send_control_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kControl, data, length);
+}
+int send_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kData, data, length);
+}
+int send_as_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kAutoSensor, data, length);
+}
+int send_bulk_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kBulkData, data, length);
+}
+int send_log_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kLog, data, length);
+}
+int send_discovery_data_via_lws_socket(const char* data, std::int32_t length) {
+    return send(kDiscovery, data, length);
+}
+
+void vxLwsEndHandle(VXLwsHandle& handle) {
+    vxLwsEnd(handle.exchange(nullptr, std::memory_order_acq_rel));
+}
+
+void clean_discovery_conn() {
+    vxLwsEndHandle(vxCurrent()->discovery.discoveryWsi);
+}
+
+void clean_bulk_data_conn() {
+    vxLwsEndHandle(vxCurrent()->lws.bulkDataWsi);
+}
+
+void vxLwsEndOf(const VXLwsConnection& connection, bool ours, char* ip, std::size_t ipSize, int* port) {
+    vx_platform_connection_end(vxLwsDescriptor(connection), ours, ip, ipSize, port);
+}
+
+}  // namespace vx
