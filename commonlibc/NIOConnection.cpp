@@ -6,7 +6,7 @@
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXDataLink.h"
 #include "commonlibc/VXDataTransfer.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
@@ -23,7 +23,7 @@ bool overLws(const vxApplication& app) {
 }
 
 VXDataLink linkOf(VXAutoSensorState_t& sensor) {
-    return {sensor.asSocket, sensor.connectionPool, sensor.pool};
+    return {sensor.asSocket, sensor.asWsi, sensor.connectionPool, sensor.pool};
 }
 
 bool stopped() {
@@ -50,7 +50,7 @@ bool connect(vxApplication& app) {
                  "[VX DR Feature]; AUTOSENSOR THREAD : Active VXC Server Info: [Host | Port] = [%s | %d]",
                  collector.host, collector.port);
     char error[kSockErrorSize] = "";
-    const bool connected = overLws(app) ? VX_UPCALL(create_lws_as_connection, collector.host, collector.port)
+    const bool connected = overLws(app) ? create_lws_as_connection(collector.host, collector.port)
                                         : vxOpenLink(linkOf(app.autoSensor), collector, kSendTimeUs, error);
     if (!connected)
         VX_TRACE(1, kControlThread, kError,
@@ -76,12 +76,9 @@ int lost(VXAutoSensorState_t& sensor) {
     return kSendLost;
 }
 
-int sendOverLws(const char* data, std::int32_t length) {
-    return VX_UPCALL(send_as_data_via_lws_socket, data, length);
-}
-
-int sendByTransport(const vxApplication& app) {
-    return overLws(app) ? send_as_data_to_vxc() : sendDataToVXC();
+int sendChain(VXAutoSensorState_t& sensor) {
+    const int result = vxSendChain(sensor.chain, vxAutoSensorCarrier(sensor), checkAndStopThreadAS);
+    return result == kSendLost ? lost(sensor) : result;
 }
 
 }  // namespace
@@ -109,8 +106,8 @@ bool send_autoSensor_con_req_msg_to_vxc() {
     vxApplication& app = *vxCurrent();
     setControlAutoSensorReqMessage();
     const VXBCISetting_t& setting = app.VXBCISetting;
-    const bool sent = overLws(app) ? VX_UPCALL(send_as_data_via_lws_socket, setting.autoSensorMessage,
-                                               setting.autoSensorMessageLen) == 0
+    const bool sent = overLws(app) ? send_as_data_via_lws_socket(setting.autoSensorMessage,
+                                                                 setting.autoSensorMessageLen) == 0
                                    : vxSendAll(app.autoSensor.asSocket.get(), setting.autoSensorMessage,
                                                setting.autoSensorMessageLen, stopped);
     if (!sent) VX_TRACE(1, kControlThread, kError, "Unable to send the message.");
@@ -119,6 +116,11 @@ bool send_autoSensor_con_req_msg_to_vxc() {
 
 void get_as_ip_and_port() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    if (const VXLwsConnection* connection = sensor.asWsi.load(std::memory_order_acquire)) {
+        vxLwsEndOf(*connection, true, sensor.sourceIP, sizeof(sensor.sourceIP), &sensor.sourcePort);
+        vxLwsEndOf(*connection, false, sensor.destIP, sizeof(sensor.destIP), &sensor.destPort);
+        return;
+    }
     apr_socket_t* socket = sensor.asSocket.get();
     if (!socket) return;
     get_src_addr(socket, sensor.sourceIP, sizeof(sensor.sourceIP), &sensor.sourcePort);
@@ -127,32 +129,27 @@ void get_as_ip_and_port() {
 
 void closeAutoSensorConnection() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
-    VXLwsConnection* wsi = sensor.asWsi.exchange(nullptr);
     vxCloseLink(linkOf(sensor), sensor.chain, vxlb_now_us() + kSettleTimeUs);
-    if (wsi) VX_UPCALL(kill_lws_as_connection, wsi);
+}
+
+VXCarrier vxAutoSensorCarrier(const VXAutoSensorState_t& sensor) {
+    return {sensor.asSocket.get(), sensor.asWsi.load(std::memory_order_acquire), kSendTimeUs};
 }
 
 int sendDataToVXC() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
-    apr_socket_t* socket = sensor.asSocket.get();
-    if (!socket) return kSendLost;
-    const int result = vxSendChain(sensor.chain, socket, checkAndStopThreadAS);
-    return result == kSendLost ? lost(sensor) : result;
+    return sensor.asSocket.get() ? sendChain(sensor) : kSendLost;
 }
 
 int send_as_data_to_vxc() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
-    if (!sensor.asWsi.load(std::memory_order_acquire)) return kSendLost;
-    while (VXBufferNode* node = vxNodeToSend(sensor.chain)) {
-        if (!vxSendWhole(sensor.chain, *node, sendOverLws)) return lost(sensor);
-        if (checkAndStopThreadAS()) return kThreadEnds;
-    }
-    return kSendDone;
+    return sensor.asWsi.load(std::memory_order_acquire) ? sendChain(sensor) : kSendLost;
 }
 
 int flushData() {
     moveCommonPartialToReadList();
-    return sendByTransport(*vxCurrent());
+    return vxCurrent()->autoSensor.asWsi.load(std::memory_order_acquire) ? send_as_data_to_vxc()
+                                                                         : sendDataToVXC();
 }
 
 bool dumpAndSendDataToVXC(const char* data, std::int32_t length) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "commonlibc/VXDataTransfer.h"
 #include "commonlibc/context/vx_application.h"
 
 namespace vx {
@@ -19,13 +20,14 @@ namespace vx {
 bool startASVXCollectorCommunication();
 // Sends the connect line. False on success, true on failure.
 bool send_autoSensor_con_req_msg_to_vxc();
-// Notes both ends of the TCP connection, for traces.
+// Notes both ends of the connection, for traces.
 void get_as_ip_and_port();
 // Closes what is open; what had not arrived is sent by the next connection.
 void closeAutoSensorConnection();
 
-int sendDataToVXC();        // what the read list holds, over TCP
-int send_as_data_to_vxc();  // over libwebsockets; bytes of a failed send count as sent and as lost
+int sendDataToVXC();                                               // what the read list holds, over TCP
+int send_as_data_to_vxc();                                         // over libwebsockets
+VXCarrier vxAutoSensorCarrier(const VXAutoSensorState_t& sensor);  // the connection that stands
 // Hands over and sends what the chain holds.
 int flushData();
 // The entry of the monitors: copies into the chain, and makes room by sending when it is full. True when

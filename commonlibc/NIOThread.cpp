@@ -109,7 +109,7 @@ int finalFlushOver() {
 void flushAtEnd(VXAutoSensorState_t& sensor) {
     moveCommonPartialToReadList();
     sensor.flushDeadlineUs = vxlb_now_us() + kFinalFlushUs;
-    while (vxSendChain(sensor.chain, sensor.asSocket.get(), finalFlushOver) == kSendNoBytes &&
+    while (vxSendChain(sensor.chain, vxAutoSensorCarrier(sensor), finalFlushOver) == kSendNoBytes &&
            !finalFlushOver())
         continue;
 }

@@ -66,8 +66,4 @@ void parseCurrentRequestMessage(char* line) {
     asked.replay();
 }
 
-void send_pending_control_data() {
-    vxOutboxSend(*vxCurrent());
-}
-
 }  // namespace vx

@@ -15,7 +15,5 @@ namespace vx {
 void handleMetaDataRequest(char* line);
 // Writes the records that the fields of a request name.
 void parseCurrentRequestMessage(char* line);
-// Sends what the outbox holds, as far as the collector takes it now; the read loop sends the rest.
-void send_pending_control_data();
 
 }  // namespace vx

@@ -4,7 +4,7 @@
 
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_outbox.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_writer.h"
@@ -31,10 +31,10 @@ void controlConnectionSendBuffer(const char* text, std::size_t length) {
     vxApplication& app = *vxCurrent();
     char error[kSockErrorSize] = "";
     const auto count = static_cast<std::int32_t>(length);
-    const bool sent = app.control.lws_active
-                          ? VX_UPCALL(send_control_data_via_lws_socket, text, count) == 0
-                          : vxOutboxFinish(app) &&
-                                vxlb_send_n_bytes(app.control.controlSocket.get(), text, count, error) >= 0;
+    const bool sent = vxOutboxFinish(app) &&
+                      (app.control.lws_active
+                           ? send_control_data_via_lws_socket(text, count) == 0
+                           : vxlb_send_n_bytes(app.control.controlSocket.get(), text, count, error) >= 0);
     if (sent) return;
     VX_TRACE(1, kControlThread, kError, "Unable to send '%.*s' to VXC. Error = %s", count, text, error);
     app.control.closeCtrlConFlag = 1;  // a part of it may have gone out

@@ -9,6 +9,7 @@
 #include "commonlibc/VXDataLink.h"
 #include "commonlibc/VXDataSender.h"
 #include "commonlibc/VXSys.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_mem.h"
@@ -27,7 +28,7 @@ constexpr std::size_t kNewConnectionSize = 1024;
 constexpr std::size_t kTextRecordSize = 5120;
 
 VXDataLink linkOf(VXDataState_t& data) {
-    return {data.dataSocket, data.connectionPool, data.dataPool};
+    return {data.dataSocket, data.dataWsi, data.connectionPool, data.dataPool};
 }
 
 bool overLws(const vxApplication& app) {
@@ -39,7 +40,8 @@ bool stopSeen() {
 }
 
 bool sendDirectly(const char* text, std::int32_t length) {
-    if (overLws(*vxCurrent())) return VX_UPCALL(send_data_via_lws_socket, text, length) == 0;
+    if (vxCurrent()->data.dataWsi.load(std::memory_order_acquire))
+        return send_data_via_lws_socket(text, length) == 0;
     return vxSendAll(vxCurrent()->data.dataSocket.get(), text, length, stopSeen);
 }
 
@@ -116,11 +118,12 @@ bool openDataConnection(vxApplication& app) {
              collector.host, collector.port);
     char error[kSockErrorSize] = "";
     const bool lws = overLws(app);
-    const bool connected = lws ? VX_UPCALL(create_lws_data_connection, collector.host, collector.port)
+    const bool connected = lws ? create_lws_data_connection(collector.host, collector.port)
                                : vxOpenLink(linkOf(app.data), collector, kSendTimeUs, error);
     if (!connected) {
         VX_TRACE(1, kControlThread, kError, "Error while creating the data connection with %s:%d. Error %s\n",
                  collector.host, collector.port, error);
+        if (lws) app.data.dataConnFailCount.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
     VX_TRACE(1, kControlThread, kInfo, "Data connection created.");
@@ -132,12 +135,10 @@ void close_data_connection() {
     vxApplication* app = vxCurrent();
     VXDataState_t& data = app->data;
     VX_UPCALL(dropResetQueueOfInstance, app);
-    VXLwsConnection* wsi = data.dataWsi.exchange(nullptr);
     VX_TRACE(1, kControlThread, kInfo, "Going to close Data connection of %s:%d with %s:%d.\n",
              data.dataConnSourceIP, data.dataConnSourcePort, data.dataConnDestIP, data.dataConnDestPort);
     data.controlCommunicationBusyFlag.store(0, std::memory_order_release);
     vxCloseLink(linkOf(data), data.chain, std::max(vxlb_now_us() + kSettleTimeUs, data.flushDeadlineUs));
-    if (wsi) VX_UPCALL(kill_lws_data_connection, wsi);
 }
 
 bool send_data_con_req_msg_to_vxc() {
@@ -154,6 +155,13 @@ bool send_data_con_req_msg_to_vxc() {
 
 void get_data_ip_and_port() {
     VXDataState_t& data = vxCurrent()->data;
+    if (const VXLwsConnection* connection = data.dataWsi.load(std::memory_order_acquire)) {
+        vxLwsEndOf(*connection, true, data.dataConnSourceIP, sizeof(data.dataConnSourceIP),
+                   &data.dataConnSourcePort);
+        vxLwsEndOf(*connection, false, data.dataConnDestIP, sizeof(data.dataConnDestIP),
+                   &data.dataConnDestPort);
+        return;
+    }
     apr_socket_t* socket = data.dataSocket.get();
     if (!socket) return;
     get_src_addr(socket, data.dataConnSourceIP, sizeof(data.dataConnSourceIP), &data.dataConnSourcePort);

@@ -22,7 +22,7 @@ bool openDataConnection(vxApplication& app);
 void close_data_connection();
 // Sends the connect line. False on success, true on failure.
 bool send_data_con_req_msg_to_vxc();
-// Notes both ends of the TCP connection, for traces.
+// Notes both ends of the connection, for traces.
 void get_data_ip_and_port();
 // Everything behind a successful connect line: 99 record, metadata (on the first connection of a thread, or
 // when doNotDumpMetaData asks for it), 110 and 111 records. False when the connection did not take it all, or

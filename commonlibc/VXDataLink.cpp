@@ -4,6 +4,7 @@
 #include <apr_network_io.h>
 
 #include "commonlibc/VXDataTransfer.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/vxlb_sock.h"
 
 namespace vx {
@@ -49,9 +50,10 @@ bool vxSendAll(apr_socket_t* socket, const char* data, std::int64_t length, bool
 }
 
 void vxCloseLink(VXDataLink link, VXBufferChain& chain, std::int64_t untilUs) {
-    apr_socket_t* socket = link.socket.get();
-    vxConnectionGone(chain, socket ? vxSettle(socket, untilUs) : 0);
+    const VXCarrier carrier(link.socket.get(), link.wsi.load(std::memory_order_acquire));
+    vxConnectionGone(chain, carrier ? vxSettle(carrier, untilUs) : 0);
     vxlb_shared_close(link.socket);
+    vxLwsEndHandle(link.wsi);
     destroyPool(link.pool);
 }
 

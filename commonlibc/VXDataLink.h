@@ -1,4 +1,5 @@
-// One TCP connection of a channel to the collector: opening, the connect line, closing in good order.
+// One connection of a channel to the collector: opening, the connect line, closing in good order. A TCP
+// socket is opened here; one over libwebsockets by its kind (lws_handler.h).
 //
 // Limits    A connect takes at most 10 s. A send waits at most the link's time; vxSendAll sends again as long
 //           as nobody asks for a stop.
@@ -12,9 +13,10 @@
 
 namespace vx {
 
-// What a channel lends: its handle, the pool of the present connection and the pool above that.
+// What a channel lends: its handles, the pool of the present connection and the pool above that.
 struct VXDataLink {
     VXSharedSocket& socket;
+    VXLwsHandle& wsi;
     apr_pool_t*& pool;
     apr_pool_t* parent;
 };

@@ -11,6 +11,7 @@ namespace vx {
 namespace {
 
 constexpr int kFlushRounds = 100;
+constexpr std::int64_t kLwsSendTimeUs = 1000000;
 constexpr std::int64_t kFlushTimeUs = 5000000;
 constexpr std::int64_t kServiceStopTimeUs = 2000000;
 constexpr std::int64_t kServiceStopPauseUs = 10000;
@@ -20,23 +21,9 @@ bool runFlagsSet(const vxApplication& app) {
            app.Server.bciDataRunning.load(std::memory_order_acquire);
 }
 
-int sendOverLws(const char* data, std::int32_t length) {
-    return VX_UPCALL(send_data_via_lws_socket, data, length);
-}
-
 bool controlLinkGone(const vxApplication& app) {
     return app.control.controlConnClosed.load(std::memory_order_acquire) ||
            app.control.closeCtrlConFlag.load(std::memory_order_acquire);
-}
-
-// kThreadEnds when the control link has gone behind a send over libwebsockets, or the run ends.
-int checkBehindLwsSend(const vxApplication& app) {
-    if (controlLinkGone(app)) {
-        flushCommonData();
-        VX_TRACE(1, kControlThread, kInfo,
-                 "dataConnectionBreak Control connecton already closed. Going to closing data thread");
-    }
-    return checkAndStopThread();
 }
 
 bool serviceStops() {
@@ -67,9 +54,8 @@ void writeEndOfRun(vxApplication& app) {
 }  // namespace
 
 int dataConnService(int checkStop) {
-    const vxApplication& app = *vxCurrent();
-    return app.control.lws_active.load(std::memory_order_acquire) == 1 ? processDataLws(checkStop)
-                                                                       : processData(checkStop);
+    return vxCurrent()->data.dataWsi.load(std::memory_order_acquire) ? processDataLws(checkStop)
+                                                                     : processData(checkStop);
 }
 
 int processData(int checkStop) {
@@ -77,14 +63,10 @@ int processData(int checkStop) {
     return vxSendChain(app.data.chain, app.data.dataSocket.get(), checkStop ? checkAndStopThread : nullptr);
 }
 
-int processDataLws([[maybe_unused]] int checkStop) {
-    vxApplication& app = *vxCurrent();
-    if (!app.data.dataWsi.load(std::memory_order_acquire)) return kSendLost;
-    while (VXBufferNode* node = vxNodeToSend(app.data.chain)) {
-        if (!vxSendWhole(app.data.chain, *node, sendOverLws)) return kSendLost;
-        if (!app.data.flushing && checkBehindLwsSend(app)) return kThreadEnds;
-    }
-    return kSendDone;
+int processDataLws(int checkStop) {
+    VXDataState_t& data = vxCurrent()->data;
+    const VXCarrier carrier(nullptr, data.dataWsi.load(std::memory_order_acquire), kLwsSendTimeUs);
+    return vxSendChain(data.chain, carrier, checkStop ? checkAndStopThread : nullptr);
 }
 
 void flushCommonData() {

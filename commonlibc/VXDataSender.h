@@ -11,11 +11,11 @@
 
 namespace vx {
 
-// Sends what the read list holds. One of those codes; kThreadEnds only with `checkStop` 1, or over
-// libwebsockets.
+// Sends what the read list holds, on the connection that stands. One of those codes; kThreadEnds only with
+// `checkStop` 1.
 int dataConnService(int checkStop);
 int processData(int checkStop);     // TCP
-int processDataLws(int checkStop);  // libwebsockets; bytes of a failed send count as sent, and as lost
+int processDataLws(int checkStop);  // libwebsockets
 // A last attempt to drain; does nothing off the data thread and is not re-entered.
 void flushCommonData();
 // 0 to go on. Otherwise the run's end has been written (incomplete flowpaths, the 10 record once per stop,

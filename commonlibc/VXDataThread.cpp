@@ -46,6 +46,13 @@ DataState pauseBeforeRetry(const vxApplication& app) {
     return checkAndStopThread() || dataStopSeen(app) ? DataState::kGone : DataState::kConnecting;
 }
 
+// Where no data connection comes about, the control connection is made anew, and all with it.
+void giveUpLinkAfterErrors(vxApplication& app) {
+    if (app.data.dataConnFailCount.load(std::memory_order_relaxed) <= kMaxConnectErrors) return;
+    app.control.closeCtrlConFlag.store(1, std::memory_order_release);
+    app.data.dataConnFailCount.store(0, std::memory_order_relaxed);
+}
+
 DataState connecting(vxApplication& app) {
     VXDataState_t& data = app.data;
     VX_TRACE(1, kControlThread, kInfo, "Going to Create socket for data connection");
@@ -58,15 +65,14 @@ DataState connecting(vxApplication& app) {
         close_data_connection();
     }
     if (mustGo(app)) return DataState::kGone;
-    return openDataConnection(app) ? DataState::kAnnouncing : DataState::kWaiting;
+    if (openDataConnection(app)) return DataState::kAnnouncing;
+    giveUpLinkAfterErrors(app);
+    return DataState::kWaiting;
 }
 
 DataState announcingFailed(vxApplication& app) {
     VX_TRACE(1, kControlThread, kError, "dataConnectionBreak due to send_data_con_req_msg_to_vxc() == FAIL ");
-    if (app.data.dataConnFailCount.load(std::memory_order_relaxed) > kMaxConnectErrors) {
-        app.control.closeCtrlConFlag.store(1, std::memory_order_release);
-        app.data.dataConnFailCount.store(0, std::memory_order_relaxed);
-    }
+    giveUpLinkAfterErrors(app);
     if (mustGo(app)) return DataState::kGone;
     close_data_connection();
     return pauseBeforeRetry(app);
@@ -119,11 +125,6 @@ DataState running(vxApplication& app) {
         if (result == kSendLost || connectionOrderedClosed(app)) return connectionBroken(app, result);
         vxlb_sleep_us(kTickUs);
         if (linkStops(app)) return DataState::kGone;
-        if (app.control.lws_active.load(std::memory_order_acquire) == 1 &&
-            !app.data.dataWsi.load(std::memory_order_acquire)) {
-            close_data_connection();
-            return DataState::kWaiting;
-        }
         movePartialToReadList();
         handleHeartBeat(0);
         if (checkAndStopThread()) return DataState::kGone;

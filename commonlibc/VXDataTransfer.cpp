@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/lws_connection.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -32,12 +33,14 @@ VXBufferNode* behind(VXBufferChain& chain, const VXBufferNode& node) {
 }
 
 // Bytes handed over that the other host has not acknowledged; 0 where nobody knows.
-std::int64_t unacknowledged(apr_socket_t* socket) {
-    return std::max<std::int64_t>(vx_platform_unacknowledged(vxlb_socket_fd(socket)), 0);
+std::int64_t unacknowledged(const VXCarrier& carrier) {
+    if (carrier.lws) return vxLwsUnacknowledged(*carrier.lws);
+    return std::max<std::int64_t>(vx_platform_unacknowledged(vxlb_socket_fd(carrier.socket)), 0);
 }
 
-bool failed(apr_socket_t* socket) {
-    return vx_platform_connection_failed(vxlb_socket_fd(socket));
+bool failed(const VXCarrier& carrier) {
+    if (carrier.lws) return !vxLwsStands(*carrier.lws);
+    return vx_platform_connection_failed(vxlb_socket_fd(carrier.socket));
 }
 
 // Bytes of the head of the read list, and of those behind it, that have arrived.
@@ -77,7 +80,20 @@ std::int32_t recordStart(const VXBufferChain& chain, const VXBufferNode& node, s
 }
 
 // One send of what is left of a node. kSendDone when bytes were taken.
-int sendSome(VXBufferChain& chain, apr_socket_t* socket, VXBufferNode& node) {
+int sendOverLws(VXBufferChain& chain, const VXCarrier& carrier, VXBufferNode& node) {
+    const std::int64_t count =
+        vxLwsSend(*carrier.lws, node.buffer + node.offset, unsent(node), carrier.sendTimeUs);
+    if (count < 0) {
+        VX_TRACE(1, kControlThread, kError, "error: failed to send data on data connection, dataLen = %d",
+                 unsent(node));
+        return kSendLost;
+    }
+    node.offset += static_cast<std::int32_t>(count);
+    chain.heldBytes += count;
+    return count == 0 ? kSendNoBytes : kSendDone;
+}
+
+int sendOverSocket(VXBufferChain& chain, apr_socket_t* socket, VXBufferNode& node) {
     auto count = static_cast<apr_size_t>(unsent(node));
     const apr_status_t status = apr_socket_send(socket, node.buffer + node.offset, &count);
     if (status != APR_SUCCESS && vx_platform_connection_lost(status)) {
@@ -91,18 +107,37 @@ int sendSome(VXBufferChain& chain, apr_socket_t* socket, VXBufferNode& node) {
     return count == 0 ? kSendNoBytes : kSendDone;
 }
 
+int sendSome(VXBufferChain& chain, const VXCarrier& carrier, VXBufferNode& node) {
+    return carrier.lws ? sendOverLws(chain, carrier, node) : sendOverSocket(chain, carrier.socket, node);
+}
+
+// The end of a connection is seen without a send. Over libwebsockets it takes a turn to see it, and to answer
+// the other side's pings.
+bool foundGone(const VXBufferChain& chain, const VXCarrier& carrier) {
+    if (carrier.lws) vxLwsTurn(*carrier.lws, 1);
+    return (chain.heldBytes > 0 || carrier.lws) && failed(carrier);
+}
+
+std::int64_t settleLws(VXLwsConnection& connection, std::int64_t untilUs) {
+    while (vxLwsStands(connection) && vxLwsUnacknowledged(connection) > 0 && vxlb_now_us() < untilUs)
+        vxLwsTurn(connection, kSettleStepUs);
+    const std::int64_t missing = vxLwsUnacknowledged(connection);
+    const bool serviceStops = proxyStopFlag.load(std::memory_order_acquire) != 0;
+    if (missing > 0 && !serviceStops) vx_platform_reset_on_close(vxLwsDescriptor(connection));
+    return missing;
+}
+
 }  // namespace
 
-int vxSendChain(VXBufferChain& chain, apr_socket_t* socket, int (*stop)()) {
-    if (!socket) return kSendLost;
-    if (chain.heldBytes > 0 && failed(socket)) return kSendLost;  // nothing need be sent to see it
-    vxReleaseArrived(chain, socket);
+int vxSendChain(VXBufferChain& chain, const VXCarrier& carrier, int (*stop)()) {
+    if (!carrier || foundGone(chain, carrier)) return kSendLost;
+    vxReleaseArrived(chain, carrier);
     while (VXBufferNode* node = vxNodeToSend(chain)) {
         while (unsent(*node) > 0) {
-            if (const int result = sendSome(chain, socket, *node)) return result;
+            if (const int result = sendSome(chain, carrier, *node)) return result;
             if (stop && stop()) return kThreadEnds;
         }
-        vxReleaseArrived(chain, socket);
+        vxReleaseArrived(chain, carrier);
     }
     return kSendDone;
 }
@@ -117,18 +152,6 @@ VXBufferNode* vxNodeToSend(VXBufferChain& chain) {
     return nullptr;
 }
 
-bool vxSendWhole(VXBufferChain& chain, VXBufferNode& node,
-                 int (*take)(const char* data, std::int32_t length)) {
-    const char* const from = node.buffer + node.offset;
-    const bool taken = take(from, unsent(node)) == 0;
-    if (!taken)
-        chain.recordsDropped.fetch_add(
-            static_cast<std::uint64_t>(std::count(from, from + unsent(node), '\n')),
-            std::memory_order_relaxed);
-    vxGiveBackHead(chain);
-    return taken;
-}
-
 void vxGiveBackHead(VXBufferChain& chain) {
     VXBufferNode& head = *headOf(chain);
     if (head.use_len > 0) chain.headIsTorn = head.buffer[head.use_len - 1] != '\n';
@@ -136,11 +159,13 @@ void vxGiveBackHead(VXBufferChain& chain) {
     moveToWriteList(chain);
 }
 
-void vxReleaseArrived(VXBufferChain& chain, apr_socket_t* socket) {
-    if (headOf(chain)) release(chain, unacknowledged(socket));
+void vxReleaseArrived(VXBufferChain& chain, const VXCarrier& carrier) {
+    if (headOf(chain)) release(chain, unacknowledged(carrier));
 }
 
-std::int64_t vxSettle(apr_socket_t* socket, std::int64_t untilUs) {
+std::int64_t vxSettle(const VXCarrier& carrier, std::int64_t untilUs) {
+    if (carrier.lws) return settleLws(*carrier.lws, untilUs);
+    apr_socket_t* socket = carrier.socket;
     // The other host acknowledges an end at once.
     if (failed(socket) || apr_socket_shutdown(socket, APR_SHUTDOWN_WRITE) != APR_SUCCESS)
         return unacknowledged(socket);

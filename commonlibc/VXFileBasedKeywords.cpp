@@ -88,11 +88,10 @@ bool unchanged(const kywdInfo_t& entry, const char* name, std::int64_t size, std
     return std::strcmp(entry.fileName, name) == 0 && entry.size == size && entry.lmd == lmd;
 }
 
-// Another transport brings files on a road of its own.
 const char* get_file_from_VXC_wrapper(const char* keyword, int index) {
-    if (!vxCurrent()->control.lws_active) return getFileFromVXC(keyword, index);
-    VX_TRACE(2, kControlThread, kInfo, "getting file:[%s] via lws", keyword);
-    return VX_UPCALL(get_file_from_VXC_lws, keyword, index);
+    if (vxCurrent()->control.lws_active)
+        VX_TRACE(2, kControlThread, kInfo, "getting file:[%s] via lws", keyword);
+    return getFileFromVXC(keyword, index);
 }
 
 void noFile(const char* keyword) {

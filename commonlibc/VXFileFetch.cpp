@@ -99,7 +99,7 @@ private:
         char error[kSockErrorSize] = "";
         for (;;) {
             const std::int64_t left = deadline_ - vxlb_now_us();
-            if (!app_.control.controlSocket.get()) {
+            if (!controlConnected(app_.control)) {
                 VX_TRACE(1, kControlThread, kError, "control socket not present");
                 app_.control.closeCtrlConFlag = 1;
                 return 0;

@@ -81,9 +81,7 @@ bool fetchProfile(VXInstrProfRow_t& row) {
                  row.name, static_cast<long long>(row.size));
         return false;
     }
-    const bool came = vxCurrent()->control.lws_active
-                          ? VX_UPCALL(get_inst_profile_lws, &row, row.keywordIndex)
-                          : getInstProfileFile(row);
+    const bool came = getInstProfileFile(row);
     if (!came) noteFailedFetch(kKeyword);
     return came;
 }

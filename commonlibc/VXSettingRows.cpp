@@ -236,6 +236,22 @@ Verdict takeSaasUrl(const char* value, bool) {
     return Verdict::kTaken;
 }
 
+template <std::atomic<std::int32_t> VXBCISetting_t::*member>
+Verdict takeSwitch(const char* value, bool) {
+    int on = 0;
+    if (!vxSettingNumber(value, 0, 1, &on)) return Verdict::kInvalid;
+    (settings().*member).store(on, std::memory_order_relaxed);
+    return Verdict::kTaken;
+}
+template <std::atomic<std::int32_t> VXBCISetting_t::*member>
+std::string showSwitch() {
+    return std::to_string((settings().*member).load(std::memory_order_relaxed));
+}
+
+void setTlsCaFile(const char* path) {
+    setSharedText(vxCurrent()->retired, settings().tlsCaFile, path);
+}
+
 constexpr VXSettingSide kIdentity = VXSettingSide::kIdentity;
 constexpr VXSettingSide kCollector = VXSettingSide::kCollector;
 
@@ -297,6 +313,13 @@ constexpr VXSettingRow kRows[] = {
      showText<&VXBCISetting_t::projectKey>, "project key for the SaaS endpoint"},
     {"vxSaasURL", "ZOR_APP_AGENT_VXSAASURL", kCollector, takeSaasUrl, showText<&VXBCISetting_t::SaasHost>,
      "host:port of the SaaS endpoint that names the collector"},
+    {"vxTlsVerify", nullptr, kCollector, takeSwitch<&VXBCISetting_t::tlsVerify>,
+     showSwitch<&VXBCISetting_t::tlsVerify>,
+     "1: over WSS the collector's certificate and name are checked (0)"},
+    {"vxTlsCaFile", nullptr, kCollector, takeText<setTlsCaFile>, showText<&VXBCISetting_t::tlsCaFile>,
+     "PEM file of certificates to check with; without one the system's"},
+    {"vxRawWsPath", nullptr, kCollector, takeSwitch<&VXBCISetting_t::rawWsPath>,
+     showSwitch<&VXBCISetting_t::rawWsPath>, "1: the WebSocket path has no / in front (0)"},
 };
 static_assert(std::size(kRows) <= 64, "VXBCISetting.envRows holds a bit for each row");
 

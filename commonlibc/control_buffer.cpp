@@ -8,8 +8,10 @@
 
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
+#include "commonlibc/lws_connection.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utiles.h"
 
 namespace vx {
 
@@ -44,6 +46,16 @@ bool skipLongLine(ctrlBufInfo_t* info) {
 
 void skipZeroBytes(ctrlBufInfo_t* info) {
     while (info->readBytes > 0 && *unreadBytes(info) == '\0') consume(info, 1);
+}
+
+int readOverLws(VXLwsConnection& connection, char* out, std::int64_t length, std::int64_t us, char* error) {
+    const std::int64_t count = vxLwsRead(connection, out, length, us);
+    if (count >= 0) {
+        out[count] = '\0';
+        return static_cast<int>(count);
+    }
+    vxlb_copy_text(error, kSockErrorSize, "the connection was closed");
+    return kSockClosed;
 }
 
 }  // namespace
@@ -99,7 +111,10 @@ int fillControlBuffer(ctrlBufInfo_t* info, std::int64_t us, char* error) {
 }
 
 int readPastControlBuffer(char* out, std::int64_t length, std::int64_t us, char* error) {
-    apr_socket_t* socket = vxCurrent()->control.controlSocket.get();
+    const VXControlState_t& control = vxCurrent()->control;
+    if (VXLwsConnection* connection = control.controlWsi.load(std::memory_order_acquire))
+        return readOverLws(*connection, out, length, us, error);
+    apr_socket_t* socket = control.controlSocket.get();
     if (!socket) return kSockClosed;
     apr_pollfd_t descriptor{};
     descriptor.desc_type = APR_POLL_SOCKET;

@@ -6,7 +6,7 @@
 #include "commonlibc/VXConnectMessages.h"
 #include "commonlibc/VXProtocol.h"
 #include "commonlibc/control_outbox.h"
-#include "commonlibc/vx_upcalls.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
@@ -23,7 +23,7 @@ constexpr std::size_t kHeartbeatSize = 2048;
 constexpr int kHeartbeatsPerTrace = 5;
 
 bool createWithLws(const VXCollectorRecord& endpoint, char* error) {
-    if (VX_UPCALL(create_lws_control_connection, endpoint.host, endpoint.port)) return true;
+    if (create_lws_control_connection(endpoint.host, endpoint.port)) return true;
     vxlb_copy_text(error, kSockErrorSize, "no connection over libwebsockets");
     return false;
 }
@@ -77,7 +77,7 @@ bool send_control_con_req_msg_to_vxc() {
     const std::int32_t length = app.VXBCISetting.controlMessageLen;
     if (app.control.lws_active) {
         VX_TRACE(1, kControlThread, kInfo, "Sent control connection request message '%s'", message);
-        if (VX_UPCALL(send_control_data_via_lws_socket, message, length) == 0) return false;
+        if (send_control_data_via_lws_socket(message, length) == 0) return false;
         VX_TRACE(1, kControlThread, kError, "Control conn req to send via lws failed");
         return true;
     }
@@ -103,7 +103,8 @@ void send_control_conn_heartbeat_to_vxc() {
                  "Sending Heart Beat (empty line) to VXC as no data received in last %lld (ms)",
                  static_cast<long long>(vxlb_now_ms() - control.lastHeartBeatTime));
     if (control.lws_active) {
-        if (VX_UPCALL(send_control_data_via_lws_socket, line, length) != 0) control_connection_cleanup();
+        if (!vxOutboxFinish(app) || send_control_data_via_lws_socket(line, length) != 0)
+            control_connection_cleanup();
         return;
     }
     char error[kSockErrorSize] = "";
@@ -114,8 +115,11 @@ void send_control_conn_heartbeat_to_vxc() {
 void get_ip_and_port() {
     vxApplication& app = *vxCurrent();
     VXBCISetting_t& setting = app.VXBCISetting;
-    if (apr_socket_t* socket = app.control.controlSocket.get()) {
-        int port = 0;
+    int port = 0;
+    if (const VXLwsConnection* connection = app.control.controlWsi.load(std::memory_order_acquire)) {
+        vxLwsEndOf(*connection, true, setting.controlSourceIP, sizeof(setting.controlSourceIP), &port);
+        if (port > 0) setting.controlSourcePort = port;
+    } else if (apr_socket_t* socket = app.control.controlSocket.get()) {
         if (get_src_addr(socket, setting.controlSourceIP, sizeof(setting.controlSourceIP), &port) == 0)
             setting.controlSourcePort = port;
     }
@@ -147,13 +151,21 @@ void setConnectionChannel() {
     vxSetCollectorPort(app.collectors.activeVXC, getProtocolPort(protocol));
 }
 
+void closeControlConnection(vxApplication& app) {
+    VXControlState_t& control = app.control;
+    vxlb_shared_close(control.controlSocket);
+    if (!control.controlWsi.load(std::memory_order_acquire)) return;
+    vxOutboxClose(app);  // nobody wakes what is about to end
+    vxLwsEndHandle(control.controlWsi);
+}
+
 void control_connection_cleanup() {
     vxApplication& app = *vxCurrent();
     {
         const VXGuard lock(app.identity.messageMutex);
         app.Server.replyReceived = 0;  // who registers from here on is told by the next reply
     }
-    vxlb_shared_close(app.control.controlSocket);
+    closeControlConnection(app);
     app.Server.testRunRunning = 0;
     VX_TRACE(1, kControlThread, kInfo, "Control connection closed.");
 }

@@ -19,6 +19,11 @@ inline bool linkStopAsked(const vxApplication& app) noexcept {
     return app.control.proxyStopRequested != 0 || proxyStopFlag != 0;
 }
 
+// A connection stands, over whichever transport.
+inline bool controlConnected(const VXControlState_t& control) noexcept {
+    return control.controlSocket.get() || control.controlWsi.load(std::memory_order_acquire);
+}
+
 // The unread bytes of the buffer, terminated: info.readBytes of them.
 inline char* unreadBytes(ctrlBufInfo_t* info) noexcept {
     return info->read_socket_buf + info->readOffset;
@@ -37,6 +42,8 @@ void get_ip_and_port();
 void noteConnection(vxApplication& app);
 // Transport and port of the active record by ActiveAgentProtocolIndex.
 void setConnectionChannel();
+// Closes the connection, over whichever transport, and nothing else; without one it does nothing.
+void closeControlConnection(vxApplication& app);
 // Closes the connection and ends the run: dumpData discards from here on, the threads stop by themselves.
 void control_connection_cleanup();
 

@@ -9,10 +9,10 @@
 #include "commonlibc/ServerStop.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/control_buffer.h"
 #include "commonlibc/control_connection.h"
 #include "commonlibc/control_lines.h"
 #include "commonlibc/control_outbox.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_sock.h"
@@ -175,17 +175,10 @@ Round oneRound(vxApplication& app, SocketWatch& watch, ctrlBufInfo_t* info, std:
     return Round::kGoOn;
 }
 
-void refreshBuild() {
-    if (setVxBuild() != 0) VX_TRACE(1, kControlThread, kError, "handle_msg_from_vxc check: setVxBuild FAIL");
-}
-
 }  // namespace
 
-int handle_msg_from_vxc_lws(ctrlBufInfo_t* info) {
-    if (!vxCurrent()->control.lws_active) return handle_msg_from_vxc(info);
-    refreshBuild();
-    processControlConnectionMessage(info);
-    return VX_UPCALL(start_control_connection_service) != 0 ? 1 : 0;
+void refreshBuild() {
+    if (setVxBuild() != 0) VX_TRACE(1, kControlThread, kError, "handle_msg_from_vxc check: setVxBuild FAIL");
 }
 
 int handle_msg_from_vxc(ctrlBufInfo_t* info) {
@@ -207,9 +200,7 @@ int handle_msg_from_vxc(ctrlBufInfo_t* info) {
 int read_msg_from_vxc(ctrlBufInfo_t* info) {
     vxApplication& app = *vxCurrent();
     char error[kSockErrorSize] = "";
-    const int count =
-        vxlb_read_bytes(app.control.controlSocket.get(), info->read_socket_buf + info->writeOffset,
-                        kControlBufSize - info->writeOffset + 1, error);
+    const int count = fillControlBuffer(info, 0, error);
     if (count == kSockClosed) {
         app.control.controlConnClosed = 1;
         VX_TRACE(1, kControlThread, kError,
@@ -221,8 +212,6 @@ int read_msg_from_vxc(ctrlBufInfo_t* info) {
                  "Received partial line from vxc. Hence Returning. Error Buffer = %s", error);
         return 1;
     }
-    info->readBytes += count;
-    info->writeOffset += count;
     processControlConnectionMessage(info);
     if (app.control.lateVerdict != 0) return 1;
     if (!app.control.closeCtrlConFlag) return 0;

@@ -1,4 +1,4 @@
-// Read loop of the control connection: lines in, liveness watched, heartbeats out.
+// Read loop of a control connection over a plain socket: lines in, liveness watched, heartbeats out.
 //
 // The loop runs until the connection ends. It polls for 10 s at a time, in steps of a second that look at
 // the stop words; a poll without bytes is an idle round.
@@ -12,8 +12,8 @@
 
 namespace vx {
 
-int handle_msg_from_vxc_lws(ctrlBufInfo_t* info);  // the loop of the transport in use
-int handle_msg_from_vxc(ctrlBufInfo_t* info);      // plain socket; 1 at once without one
-int read_msg_from_vxc(ctrlBufInfo_t* info);        // one read and its lines; 1 ends the loop
+void refreshBuild();                           // the build text of the next connect messages
+int handle_msg_from_vxc(ctrlBufInfo_t* info);  // plain socket; 1 at once without one
+int read_msg_from_vxc(ctrlBufInfo_t* info);    // one read and its lines; 1 ends the loop
 
 }  // namespace vx

@@ -32,11 +32,14 @@ std::int32_t vxOutboxWaiting(vxApplication& app);
 
 // The connection is read from here on; `poll` (wakeable) is that of its loop.
 void vxOutboxOpen(vxApplication& app, apr_pollset_t* poll);
+void vxOutboxOpenLws(vxApplication& app, VXLwsConnection& connection);  // the same over libwebsockets
 void vxOutboxClose(vxApplication& app);
 
 enum class VXOutboxState { kEmpty, kWaits, kBroken };
 // Offers what waits to the socket, without waiting.
 VXOutboxState vxOutboxSend(vxApplication& app);
+// The same for the current context: 1 while the connection stands, else 0.
+int send_pending_control_data();
 // Waits until everything has gone out: at most 30 s, and not beyond an order to stop. False when something
 // is left; the connection is then to be given up.
 bool vxOutboxFinish(vxApplication& app);

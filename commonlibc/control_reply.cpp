@@ -213,6 +213,15 @@ int rec_control_con_rep_msg_from_vxc(ctrlBufInfo_t* info) {
     return code < 0 ? receiveFailed(app, info, code) : handle_vxc_con_res_msg(info);
 }
 
+int rec_control_conn_response_lws(ctrlBufInfo_t* info) {
+    vxApplication& app = *vxCurrent();
+    char error[kSockErrorSize] = "";
+    const int code = info->read_socket_buf ? receiveLine(app, info, error) : kSockFailed;
+    if (code >= 0) return 0;
+    receiveFailed(app, info, code);
+    return 1;
+}
+
 int handle_vxc_con_res_msg(ctrlBufInfo_t* info) {
     vxApplication& app = *vxCurrent();
     char* text = unreadBytes(info);

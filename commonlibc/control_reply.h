@@ -15,6 +15,9 @@ inline constexpr int kReplyGoOn = 0, kReplyRefused = 1, kReplyChangeProtocol = 2
 
 // Receives until a newline is there (at most fileReadTimeout) and judges. TCP only.
 int rec_control_con_rep_msg_from_vxc(ctrlBufInfo_t* info);
+// Receives the same over libwebsockets, without judging. 0, or 1 when no reply came: the connection is
+// closed.
+int rec_control_conn_response_lws(ctrlBufInfo_t* info);
 // Judges the bytes received so far: a heartbeat that came first, a SaaS answer, or the reply. A buffer that
 // holds no more than a heartbeat is good; the reply then comes through the read loop.
 int handle_vxc_con_res_msg(ctrlBufInfo_t* info);

@@ -126,7 +126,7 @@ Step connecting(Cycle& cycle) {
     const VXCollectorRecord record = vxChooseEndpoint(cycle.limitHit);
     VX_TRACE(1, kControlThread, kInfo, "Active Vexalines server (VXC) [host|port] = [%s|%d].", record.host,
              record.port);
-    vxlb_shared_close(app.control.controlSocket);  // whatever road led here, before its pool goes
+    closeControlConnection(app);  // whatever road led here, before its pool goes
     cycle.pool = VXPool(nullptr);
     if (!create_control_conn(record, cycle.pool.get(), cycle.error)) return connectFailed(cycle, record);
     cycle.limitHit = false;
@@ -180,7 +180,7 @@ Step afterVerdict(Cycle& cycle, int verdict) {
 
 int receiveReply(Cycle& cycle) {
     if (!cycle.app.control.lws_active) return rec_control_con_rep_msg_from_vxc(&cycle.info);
-    if (VX_UPCALL(rec_control_con_response_lws) != 0) return kReplyRefused;
+    if (rec_control_conn_response_lws(&cycle.info) != 0) return kReplyRefused;
     return handle_vxc_con_res_msg(&cycle.info);
 }
 
@@ -261,7 +261,7 @@ void runCycle(vxApplication& app) {
     Cycle cycle(app);
     for (Step step = Step::kOuterTop; step != Step::kEnd;) step = take(step, cycle);
     // With a plain stop of the service the run stands: its data thread sends what it holds.
-    vxlb_shared_close(app.control.controlSocket);
+    closeControlConnection(app);
     app.control.proxyStopRequested = 0;
 }
 

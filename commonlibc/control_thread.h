@@ -20,6 +20,7 @@
 #include "commonlibc/control_connection.h"
 #include "commonlibc/control_lines.h"
 #include "commonlibc/control_loop.h"
+#include "commonlibc/control_lws.h"
 #include "commonlibc/control_reply.h"
 
 namespace vx {

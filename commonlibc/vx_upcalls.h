@@ -33,13 +33,7 @@ namespace vx {
     X(clearBtMetaDataFlags, void())                                                                     \
     X(clearHeaderMetaDataFlags, void())                                                                 \
     X(replayMetaData, void())                                                                           \
-    X(create_lws_data_connection, bool(const char* host, int port))                                     \
-    X(send_data_via_lws_socket, int(const char* data, std::int32_t length))                             \
-    X(kill_lws_data_connection, void(VXLwsConnection * wsi))                                            \
     /* from the auto-sensor channel */                                                                  \
-    X(create_lws_as_connection, bool(const char* host, int port))                                       \
-    X(send_as_data_via_lws_socket, int(const char* data, std::int32_t length))                          \
-    X(kill_lws_as_connection, void(VXLwsConnection * wsi))                                              \
     X(markLongIdleTransactions, void())                                                                 \
     X(monitorCycle, void(VXMonitorPhase phase))                                                         \
     /* from business transactions, methods and monitors */                                              \
@@ -59,18 +53,12 @@ namespace vx {
     X(setHttpHashMapNode, void(char* text))                                                             \
     X(setblackListForDebugSession, void(char* text))                                                    \
     X(parseDynamicSettingsFile, void(char* text))                                                       \
-    X(get_file_from_VXC_lws, const char*(const char* keyword, int index))                               \
-    X(get_inst_profile_lws, bool(VXInstrProfRow_t * row, int index))                                    \
     X(handleUploadDownload, void(char* line))                                                           \
     X(parseAutoInstrClientMsgAndSendResp, void(char* line))                                             \
     X(parseDDClientMsgAndSendResp, void(char* line))                                                    \
     X(HandleVexalineMessage, void(char* line))                                                          \
     X(SendMessageOnUDPSocket, void(const char* text))                                                   \
     X(freeUDPConnections, void(vxApplication * app))                                                    \
-    X(create_lws_control_connection, bool(const char* host, int port))                                  \
-    X(start_control_connection_service, int())                                                          \
-    X(send_control_data_via_lws_socket, int(const char* data, std::int32_t length))                     \
-    X(rec_control_con_response_lws, int())                                                              \
     /* from the agent side */                                                                           \
     X(initializeVXApplicationGlobal, void())                                                            \
     X(vxProxyInitLws, void())

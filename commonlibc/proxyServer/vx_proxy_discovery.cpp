@@ -5,6 +5,7 @@
 #include "commonlibc/VXBCISettings.h"
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXProtocol.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_send.h"
 #include "commonlibc/vx_upcalls.h"
@@ -33,8 +34,13 @@ bool failedJustNow() {
     return since >= 0 && since < kFailedPauseUs;  // a clock that was set back is no reason to wait
 }
 
+bool stands(const VXDiscoveryState_t& discovery) {
+    return discovery.socket.get() || discovery.discoveryWsi.load(std::memory_order_acquire);
+}
+
 void closeDiscovery(VXDiscoveryState_t& discovery) {
     vxlb_shared_close(discovery.socket);
+    vxLwsEndHandle(discovery.discoveryWsi);
     if (discovery.pool) apr_pool_destroy(discovery.pool);
     discovery.pool = nullptr;
 }
@@ -71,23 +77,37 @@ bool connectOverTcp(vxApplication& app) {
     return true;
 }
 
-bool peerGone(apr_socket_t* socket) {
+bool connectOverLws(const vxApplication& app) {
+    if (failedJustNow() || !app.control.controlWsi.load(std::memory_order_acquire)) return false;
+    if (create_lws_discovery_connection(vxCollectorInUse().host, collectorPort(app))) return true;
+    failedUs = vxlb_now_us();
+    return false;
+}
+
+bool peerGone(const VXDiscoveryState_t& discovery) {
+    if (VXLwsConnection* connection = discovery.discoveryWsi.load(std::memory_order_acquire)) {
+        vxLwsTurn(*connection, 0);
+        return !vxLwsStands(*connection);
+    }
     int atEnd = 0;
-    return apr_socket_atreadeof(socket, &atEnd) != APR_SUCCESS || atEnd;
+    return apr_socket_atreadeof(discovery.socket.get(), &atEnd) != APR_SUCCESS || atEnd;
 }
 
 // A connection that stands and whose other end is there, else a new one. False without one.
 bool haveConnection(vxApplication& app) {
-    if (apr_socket_t* socket = app.discovery.socket.get()) {
-        if (!peerGone(socket)) return true;
+    if (stands(app.discovery)) {
+        if (!peerGone(app.discovery)) return true;
         closeDiscovery(app.discovery);
     }
-    return connectOverTcp(app);
+    return app.control.lws_active.load(std::memory_order_acquire) ? connectOverLws(app) : connectOverTcp(app);
 }
 
 // A message that is not taken ends the connection: what follows would be no line of its own.
 bool sendToCollector(vxApplication& app, const char* text, std::size_t length) {
-    if (vxListenerSend(app.discovery.socket.get(), text, length) == 0) return true;
+    const bool sent = app.discovery.discoveryWsi.load(std::memory_order_acquire)
+                          ? send_discovery_data_via_lws_socket(text, static_cast<std::int32_t>(length)) == 0
+                          : vxListenerSend(app.discovery.socket.get(), text, length) == 0;
+    if (sent) return true;
     VX_TRACE(1, kControlThread, kError, "Discovery connection with VXC was lost, class list given up");
     closeDiscovery(app.discovery);
     return false;
@@ -104,7 +124,7 @@ void writeOpening(const vxApplication& app, VXWriter& out) {
 
 void vxOpenDiscovery(vxApplication& app) {
     vxSetCurrent(&app);
-    if (app.control.lws_active.load(std::memory_order_acquire) || !haveConnection(app)) {
+    if (!haveConnection(app)) {
         VX_TRACE(1, kControlThread, kError, "Discovery socket was not created connextion error");
         return;
     }
@@ -116,7 +136,7 @@ void vxOpenDiscovery(vxApplication& app) {
 }
 
 VXForwarded vxForwardDiscoveryLine(vxApplication& app, const char* line) {
-    if (!app.discovery.socket.get()) return VXForwarded::kNotTaken;
+    if (!stands(app.discovery)) return VXForwarded::kNotTaken;
     const std::size_t size = std::strlen(line) + 1;
     auto* whole = static_cast<char*>(VXLB_MALLOC(size, "discovery line", -1));
     if (!whole) return VXForwarded::kSent;
@@ -131,7 +151,7 @@ VXForwarded vxForwardDiscoveryLine(vxApplication& app, const char* line) {
 }
 
 void vxDiscoveryConnectionGone(vxApplication& app) {
-    if (!app.discovery.socket.get()) return;
+    if (!stands(app.discovery)) return;
     const std::int32_t count = app.identity.numProcess.load(std::memory_order_relaxed);
     for (std::int32_t i = 0; i < count; ++i)
         if (processAt(app, i)->discovery.get()) return;

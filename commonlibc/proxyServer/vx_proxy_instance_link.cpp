@@ -22,8 +22,7 @@ namespace {
 constexpr std::size_t kNameSize = 4 * kIdentitySize;
 
 bool hasLink(const vxApplication& app) {
-    return app.control.controlSocket.get() ||
-           app.control.controlThreadId.load(std::memory_order_acquire) != 0;
+    return controlConnected(app.control) || app.control.controlThreadId.load(std::memory_order_acquire) != 0;
 }
 
 // Texts that are empty are not taken: the settings may have given others.

@@ -87,10 +87,11 @@ void moveRestToStart(VXReadBuffer& buffer) {
     buffer.buffer[buffer.writeOffset] = '\0';
 }
 
-// Somebody at the far end takes data of this instance. Over libwebsockets no control handle stands here.
+// Somebody at the far end takes data of this instance.
 bool collectorTakesData(const vxApplication& app) {
     const bool overLws = app.control.lws_active.load(std::memory_order_acquire) == 1;
-    const bool control = !overLws && app.control.controlSocket.get();
+    const bool control = overLws ? app.control.controlWsi.load(std::memory_order_acquire) != nullptr
+                                 : app.control.controlSocket.get() != nullptr;
     const bool data = overLws ? app.data.dataWsi.load(std::memory_order_acquire) != nullptr
                               : app.data.dataSocket.get() != nullptr;
     if (control && data) return true;

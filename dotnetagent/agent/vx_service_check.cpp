@@ -15,7 +15,6 @@
 #include "commonlibc/VXSys.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vx_agent.h"
-#include "commonlibc/vx_upcalls.h"
 #include "dotnetagent/agent/vx_service.h"
 
 namespace vx {
@@ -141,9 +140,6 @@ std::string collectorSection(const vxApplication& root) {
     const bool portGiven = originOf(std::string(kProxyFileName) + "/vxcPort") != nullptr;
     if (portGiven && primary.port != VXProxy.vxcPort)
         findings->notes.emplace_back("vxcPort of proxysetting.conf is not used: another setting goes before");
-    if (root.control.lws_active.load() && !vxUpcalls.create_lws_control_connection)
-        findings->faults.emplace_back(
-            "the first protocol is not TCP, the only one of this build: VXC_COMM_PROTOCOL=TCP:port");
     std::string text =
         "\nCollector: " + endpointText(primary) + ", protocols " + root.VXSys.supportedProtocolsString;
     if (*backup.host) text += ", backup " + endpointText(backup);

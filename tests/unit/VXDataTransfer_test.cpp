@@ -39,7 +39,9 @@ protected:
         EXPECT_TRUE(vxOpenLink(link(), record, 20000, error));
         return collector.accept();
     }
-    VXDataLink link() { return {app->data.dataSocket, app->data.connectionPool, app->pool}; }
+    VXDataLink link() {
+        return {app->data.dataSocket, app->data.dataWsi, app->data.connectionPool, app->pool};
+    }
     void close(std::int64_t settleUs = 0) { vxCloseLink(link(), chain(), vxlb_now_us() + settleUs); }
     VXBufferChain& chain() { return app->data.chain; }
     int send() {

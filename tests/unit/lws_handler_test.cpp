@@ -1,0 +1,124 @@
+#include "commonlibc/lws_handler.h"
+
+#include <memory>
+#include <string>
+
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/control_outbox.h"
+#include "commonlibc/control_thread.h"
+#include "tests/support/link_fixture.h"
+#include "tests/support/ws_bridge.h"
+
+namespace vx::test {
+namespace {
+
+// An instance whose control thread reaches the collector over WS or WSS.
+class LwsLink : public LinkFixture, public testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        if (name() == "WSS") certificate = std::make_unique<TestCertificate>();
+        front = std::make_unique<WsBridge>(collector.port(), certificate.get());
+        app->identity.agentName = agentName_;
+        app->control.pollTimeUs = 20000;
+        app->VXSys.dataConnState = 1;
+        setProxyVXHome();
+        vx_word_set(app->VXSys.bciDataBufferMaxCount, 8);
+        vx_word_set(app->VXSys.bciDataBufferMaxSize, 65536);
+        writeSettings();
+    }
+    void TearDown() override {
+        app->control.proxyStopRequested = 1;
+        vxJoinControlThread(*app);
+        LinkFixture::TearDown();
+    }
+    static std::string name() { return GetParam(); }
+    std::string protocol() const { return name() + ":" + std::to_string(front->port()); }
+    void writeSettings(const std::string& more = "") {
+        write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nvxcPort=" +
+                                     std::to_string(front->port()) + "\nVXC_COMM_PROTOCOL=" + protocol() +
+                                     "\n" + more);
+    }
+    // Accepts the control connection and answers its connect line; the line.
+    std::string acceptControl(FakePeer& control) {
+        control = collector.accept();
+        std::string line = control.readLine();
+        EXPECT_TRUE(
+            control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%1%50%10;"
+                         "ProtoVersion=1;supportedProtocols=" +
+                         protocol() + "\n"));
+        EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:result=Ok;"));
+        return line;
+    }
+
+    // The next line that is no heartbeat.
+    static std::string answer(FakePeer& control) {
+        std::string line;
+        do line = control.readLine();
+        while (line.starts_with("vx_control_req:action=reconnect;heartBeat"));
+        return line;
+    }
+
+    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<WsBridge> front;
+
+private:
+    char agentName_[8] = "agent";
+};
+
+TEST_P(LwsLink, CarriesARunWithItsFileItsRecordsAndWhatOtherThreadsLeave) {
+    setAppName("Orders 1");
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control;
+    const std::string line = acceptControl(control);
+    EXPECT_TRUE(line.starts_with("vx_ctrl_msg_req:appName=Orders 1;")) << line;
+    EXPECT_NE(line.find(";protoVer=1;"), std::string::npos) << line;
+
+    const std::string file(300000, 'p');
+    control.send("vx_control_req:action=start_instrumentation;testIdx=4;vxPoolFile=p.txt|300000|7;\n");
+    EXPECT_EQ(answer(control), "vx_control_req:action=send_file;keyword=vxPoolFile;");
+    control.send("vx_control_rep:action=file;keyword=vxPoolFile;size=300000;lmd=7;\n" + file);
+    EXPECT_EQ(answer(control), "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
+    EXPECT_TRUE(cached("vxPoolFile") == file);
+
+    FakePeer data = acceptStream("vx_data_msg_req:appName=Orders 1;");
+    EXPECT_EQ(data.readLine(), "99,NewConnection,FPGVersion:1.0") << "directly behind the connect line";
+    EXPECT_TRUE(acceptStream("auto_sensor_thread_hotspot_data_req:"));
+    std::string records, got;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string record = "4," + std::to_string(i) + "\n";
+        dumpData(record.data(), static_cast<std::int64_t>(record.size()));
+        records += record;
+    }
+    const std::string dump(200000, 'd');
+    EXPECT_TRUE(vxOutboxPut(*app, dump.data(), dump.size()));
+    EXPECT_TRUE(answer(control) == dump);
+    while (!got.ends_with("19999")) got += "\n" + data.readLine();
+    EXPECT_NE(got.find(records.substr(0, records.size() - 1)), std::string::npos);
+
+    control.send("vx_control_req:action=stop_instrumentation;stat");
+    control.send("us=stopping;\n");
+    EXPECT_EQ(answer(control), "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;");
+    EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
+    EXPECT_EQ(app->data.chain.recordsDropped, 0U);
+    EXPECT_GT(front->textMessages(), 0);
+    EXPECT_GT(front->binaryMessages(), 0);
+    EXPECT_TRUE(front->paths()[0].starts_with("/collector/vx/Orders 1/")) << front->paths()[0];
+}
+
+TEST_P(LwsLink, AsksForASignOfLifeAndComesBackWhenTheOtherSideEnds) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control;
+    acceptControl(control);
+    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 0;");
+    control.close();
+    acceptControl(control);
+    app->control.closeCtrlConFlag = 1;
+    EXPECT_TRUE(control.ended());
+    acceptControl(control);
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, LwsLink, testing::Values("WS", "WSS"));
+
+}  // namespace
+}  // namespace vx::test
