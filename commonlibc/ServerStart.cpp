@@ -7,6 +7,7 @@
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXDataThread.h"
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXFileBasedKeywords.h"
 #include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordPass.h"
@@ -88,6 +89,7 @@ void initMonitors() {
     VXBackendMonitorInit();
     VXMethodMonitorInit();
     VXExceptionMonitorInit();
+    vxDigestInit();
     VX_UPCALL(resetAppLogSettings);
 }
 

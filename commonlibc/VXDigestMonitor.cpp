@@ -31,6 +31,10 @@ struct DigestOrder {
     std::uint64_t percentiles;
 };
 
+DigestOrder orderOf(const VXDigestDefaults& defaults) {
+    return {defaults.type, defaults.periodMs, kPercentileDefault};
+}
+
 // The whole of `text` as a number between `least` and `greatest`.
 template <class T>
 bool readNumber(const char* text, T least, T greatest, T& number) {
@@ -57,10 +61,16 @@ bool readPercentiles(char* list, double step, std::uint64_t& slots) {
 bool readOrder(char* value, const VXDigestDefaults& defaults, DigestOrder& order) {
     char* field[kFields + 1];
     const int count = vxlb_split_keep_empty(value, field, "%20", kFields + 1);
-    order = {defaults.type, defaults.periodMs, kPercentileDefault};
+    order = orderOf(defaults);
     if (count < 1 || count > kFields || !readNumber(field[0], 0, 1, order.type)) return false;
     if (count > 1 && !readNumber(field[1], kPeriodMinMs, kPeriodMaxMs, order.periodMs)) return false;
     return count < kFields || readPercentiles(field[2], defaults.percentileStep, order.percentiles);
+}
+
+void apply(const DigestOrder& order, VXDigestSettings& settings) {
+    settings.percentiles.store(order.percentiles, relaxed);
+    settings.periodMs.store(order.periodMs, relaxed);
+    settings.type.store(order.type, relaxed);
 }
 
 template <class Slot>
@@ -84,9 +94,7 @@ void applyOrder(const char* value, const char* keyword, const VXDigestDefaults& 
     }
     // What was counted before a pause belongs to no period that a record could name.
     if (order.type && !settings.type.load(relaxed)) emptyDigests(array);
-    settings.percentiles.store(order.percentiles, relaxed);
-    settings.periodMs.store(order.periodMs, relaxed);
-    settings.type.store(order.type, relaxed);
+    apply(order, settings);
     VX_TRACE(1, kControlThread, kInfo, "%s: type = %d, period = %d ms", keyword, order.type, order.periodMs);
 }
 
@@ -135,6 +143,12 @@ void ResetMonitorData() {
     vxApplication& app = *vxCurrent();
     emptyDigests(app.bt.aggDataArr);
     emptyDigests(app.method.backendArr);
+}
+
+void vxDigestInit() {
+    VXDigestState_t& state = vxCurrent()->digest;
+    apply(orderOf(kDigestOfBt), state.bt);
+    apply(orderOf(kDigestOfBackend), state.backend);
 }
 
 void setDigestPercentileBT(const char* value) {

@@ -37,6 +37,9 @@ void vxPutDigest(char* buffer, std::int32_t* length, int record, const char* pre
 // Empties the digests of a context: what a run leaves in them. Counters stay: the auto-sensor thread may
 // still owe a report of them, and each monitor's Init clears them.
 void ResetMonitorData();
+// At each start of a run: digests as an instance begins with them. The end of a run leaves them as they are,
+// for its last report.
+void vxDigestInit();
 // Keyword parsers.
 void setDigestPercentileBT(const char* value);
 void setDigestPercentileIP(const char* value);

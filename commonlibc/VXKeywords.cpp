@@ -333,8 +333,6 @@ constexpr KeywordDefault kDefaults[] = {
     {"enableGCMonitor", "0"},
     {"enableGoroutineMonitor", "0"},
     {"maxExceptionMessageLength", "1000"},
-    {"tDigestPercentileBT", "0"},
-    {"tDigestPercentileIP", "0"},
     {"enableDCHeartBeat", "300"},
 };
 

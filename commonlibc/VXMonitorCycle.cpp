@@ -96,14 +96,20 @@ void report(const vxApplication& app) {
         if (!row.isOn || row.isOn(app)) write(row.generate, buffer.get());
 }
 
-void writeDigests(vxApplication& app) {
+// What a run's end leaves of a period goes out with its last report.
+void writeDigests(vxApplication& app, VXMonitorPhase phase) {
+    const std::int64_t now = app.monitor.curTimeStamp;
     for (const DigestRow& row : kDigests) {
         const VXDigestSettings& settings = app.digest.*row.settings;
+        const std::int64_t period = settings.periodMs.load(std::memory_order_relaxed);
         std::int64_t& next = app.monitor.*row.next;
-        if (!settings.type.load(std::memory_order_relaxed) || !isDue(next, app.monitor.curTimeStamp))
+        if (!settings.type.load(std::memory_order_relaxed)) {
+            next = vxSum(now, period);  // the first period begins when they are ordered
             continue;
-        if (const Buffer buffer = makeBuffer()) write(row.generate, buffer.get());
-        next = nextAbove(next, app.monitor.curTimeStamp, settings.periodMs.load(std::memory_order_relaxed));
+        }
+        if (phase == VXMonitorPhase::kLast || isDue(next, now))
+            if (const Buffer buffer = makeBuffer()) write(row.generate, buffer.get());
+        next = nextAbove(next, now, period);
     }
 }
 
@@ -138,7 +144,7 @@ void endTurn(vxApplication& app) {
     readTime(app);
     if (reportingIsOn(app) && isDue(app.monitor.nextLoggingBufferTime, app.monitor.curTimeStamp)) report(app);
     planReport(app);
-    writeDigests(app);
+    writeDigests(app, VXMonitorPhase::kTurn);
     walkIdle(app);
 }
 
@@ -179,6 +185,7 @@ void monitorCycle(VXMonitorPhase phase) {
             return walkIdle(app);
         case VXMonitorPhase::kLast:
             if (reportingIsOn(app)) report(app);
+            writeDigests(app, phase);
             return;
         case VXMonitorPhase::kGone:
             return traceUnreported(app);

@@ -106,12 +106,6 @@ void VXASSettingInit(VXSys_t& sys) {
     vx_word_set(sys.vxMonitorIntervalInSec, 10);
 }
 
-void setDigestDefaults(VXDigestSettings& settings, const VXDigestDefaults& defaults) {
-    settings.type.store(defaults.type, std::memory_order_relaxed);
-    settings.periodMs.store(defaults.periodMs, std::memory_order_relaxed);
-    settings.percentiles.store(kPercentileDefault, std::memory_order_relaxed);
-}
-
 // The proxy that an agent would take; the service itself only keeps the settings.
 void VXAgentSettingInit(VXSys_t& sys) {
     vxlb_copy_text(sys.proxyHost, sizeof(sys.proxyHost), kDefaultProxyHost);
@@ -156,8 +150,6 @@ void VXSysInit(const char* agentType) {
     setVXHome();
     setVxBuild();
     VXASSettingInit(app.VXSys);
-    setDigestDefaults(app.digest.bt, kDigestOfBt);
-    setDigestDefaults(app.digest.backend, kDigestOfBackend);
     VX_UPCALL(controlSockBufInit, app);
     for (const int ofResponse : {0, 1}) VX_UPCALL(initVXHttpReqRespCaptureSettings, ofResponse);
     VX_UPCALL(initVXDynamicSettings);

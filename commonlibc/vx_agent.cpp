@@ -192,6 +192,7 @@ vxApplication* vxMakeRoot(const char* poolName, const char* processName, const c
     VXSysInit(agentType);
     // A start after one that came to nothing goes on in the same files.
     if (use == VXRootUse::kService && !trace_log_key.load()) VXTraceInit(gProcessName, gPool);
+    vxDigestInit();
     VXBCISettingInit();
     readProxySettings(use);
     nameRoot(*root, poolName, agentType);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commonlibc/VXBCISettings.h"
+#include "commonlibc/VXDigestMonitor.h"
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
@@ -62,6 +63,7 @@ protected:
         VXBackendMonitorInit();
         VXMethodMonitorInit();
         VXExceptionMonitorInit();
+        vxDigestInit();
         openDumping(*app);
     }
     void TearDown() override {

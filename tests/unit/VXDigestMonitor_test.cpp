@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 
-#include "commonlibc/VXKeywords.h"
 #include "commonlibc/bt/VXBTDigest.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "tests/support/knowledge_fixture.h"
@@ -56,7 +55,7 @@ TEST_F(DigestMonitor, TheKeywordSetsTypePeriodAndPercentilesOrNothingAtAll) {
     EXPECT_TRUE(settings.type == 0 && settings.periodMs == 60000 && settings.percentiles == 5000);
     EXPECT_EQ(app->digest.backend.type, 0);
     setDigestPercentileBT("1");
-    setdefaultValues();
+    vxDigestInit();
     EXPECT_EQ(settings.type, 0) << "no run inherits it";
 }
 

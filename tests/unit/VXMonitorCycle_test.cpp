@@ -102,6 +102,27 @@ TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {
     EXPECT_TRUE(trace.says("Monitors: lost unreported: transactions = 1, back-end calls = 0, "));
 }
 
+TEST_F(ReportingCycle, DigestsComeByTheirOwnPeriodOnceTheyAreOrderedAndAtTheEnd) {
+    app->VXSys.ASSampleInterval = 0;  // no other reports
+    const auto slot = std::make_unique<vxTD>();
+    slot->tlBTObj = btOf("/a");
+    slot->tlCategory = kCategoryNormal;
+    monitorCycle(VXMonitorPhase::kSession);
+    std::string made;
+    for (int turn = 0; turn < 8; ++turn) {
+        if (turn == 2) setDigestPercentileBT("1%2020000");
+        updateCounterAndDurationForBT(slot.get());
+        clock.advanceMs(kTurnMs);
+        monitorCycle(VXMonitorPhase::kTurn);
+        made += std::to_string(reports());
+    }
+    for (int i = 0; i < 2; ++i) {
+        monitorCycle(VXMonitorPhase::kLast);
+        made += std::to_string(reports());
+    }
+    EXPECT_EQ(made, "0000101010") << "the last one has what the last turn has brought";
+}
+
 // Counts of a BT: all, and by category 10 to 13.
 using Counts = std::array<std::int64_t, 5>;
 std::map<std::string, Counts> ended;  // by BT id, of the flowpath records
