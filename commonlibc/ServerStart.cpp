@@ -18,6 +18,7 @@
 #include "commonlibc/control_connection.h"
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
 #include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/mm/VXMethodMonitor.h"
 #include "commonlibc/vx_upcalls.h"
@@ -91,6 +92,7 @@ void initMonitors() {
     VXExceptionMonitorInit();
     vxDigestInit();
     VX_UPCALL(resetAppLogSettings);
+    dropHttpHeaderLists();
 }
 
 void applyKeywords(Server_t& server, const char* line) {

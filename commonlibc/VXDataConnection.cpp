@@ -106,6 +106,7 @@ void dumpTextRecord(int number, const char* text, const char* allocationName) {
 // `asked`: the collector wants it, whether it was made in this run or not.
 void replayMetadata(vxApplication& app, bool asked) {
     VX_UPCALL(clearBtMetaDataFlags);
+    VX_UPCALL(clearHeaderMetaDataFlags);
     if (!app.data.replayedThisRun || asked) VX_UPCALL(replayMetaData);
 }
 

@@ -16,6 +16,7 @@
 #include "commonlibc/VXParsingFiles.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
+#include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
 #include "commonlibc/mm/VXExceptionMonitor.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
@@ -53,7 +54,7 @@ constexpr ParserRow kParsers[] = {
     {10, [](char* text) { VX_UPCALL(parseBackendRuleFile, text); }},
     {kEntryPointsIndex, parseEntryFile},
     {kProfileIndex, setMethodHashMapNode},
-    {63, [](char* text) { VX_UPCALL(setHttpHashMapNode, text); }},
+    {63, setHttpHashMapNode},
     {75, keepForAgents},
     {76, keepForAgents},
     {77, keepForAgents},

@@ -19,8 +19,6 @@ namespace vx {
 namespace {
 
 constexpr std::int32_t kHeartBeatMin = 1, kHeartBeatMax = 3600;  // seconds
-constexpr int kTraceContextFields = 9;
-constexpr std::size_t kTraceContextSize = 1024;
 constexpr std::size_t kUdpKeywordSize = 256;
 constexpr std::int64_t kMsPerSecond = 1000;
 
@@ -121,16 +119,6 @@ void setVXVectorSeperator(char* value, const char* /*keyword*/, int /*index*/) {
     if (*value) vx_word_set(sysOfCurrent().vxVectorSeparator, *value);
 }
 
-void setEnableVXSession(char* value, const char* /*keyword*/, int index) {
-    vx_word_set(sysOfCurrent().enableVXSession, keywordInt(value));
-    vxKeepKeywordText(index, value);
-}
-
-void setCorrelationIDHeader(char* value, const char* /*keyword*/, int /*index*/) {
-    vxApplication& app = *vxCurrent();
-    setSharedText(app.retired, app.VXSys.correlationIDHeader, value);
-}
-
 void setEnableExceptionInSeqBlob(char* value, const char* /*keyword*/, int /*index*/) {
     vx_word_set(sysOfCurrent().enableExceptionInSeqBlob, keywordInt(value));
 }
@@ -178,19 +166,6 @@ void setDCHeartBeat(char* value, const char* keyword, int /*index*/) {
         return;
     }
     vx_word_set(sysOfCurrent().dataHeartbeatInterval, seconds);
-}
-
-void setpropheadcheck(char* value, const char* keyword, int index) {
-    char scratch[kTraceContextSize];
-    char* fields[kTraceContextFields];
-    vxlb_copy_text(scratch, sizeof(scratch), value);
-    const int count = vxlb_split_keep_empty(scratch, fields, "%20", kTraceContextFields);
-    if (count < kTraceContextFields) {
-        VX_TRACE(1, kControlThread, kWarning, "Value '%s' of keyword '%s' is refused, it has %d fields of %d",
-                 value, keyword, count, kTraceContextFields);
-        return;
-    }
-    vxKeepKeywordText(index, value);
 }
 
 #define VX_DEFINE_PARSER(name)                                   \

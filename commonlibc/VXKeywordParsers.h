@@ -23,8 +23,6 @@ void setVXMonitorInterval(char* value, const char* keyword, int index);  // belo
 void parseEnableCPUTime(char* value, const char* keyword, int index);
 void setASData(char* value, const char* keyword, int index);             // the first character is the mode
 void setVXVectorSeperator(char* value, const char* keyword, int index);  // the first character
-void setEnableVXSession(char* value, const char* keyword, int index);
-void setCorrelationIDHeader(char* value, const char* keyword, int index);
 void setEnableExceptionInSeqBlob(char* value, const char* keyword, int index);
 void setEnableCaptureDataOutsideTxn(char* value, const char* keyword, int index);
 void setvxAgentDebugLogging(char* value, const char* keyword, int index);
@@ -34,19 +32,15 @@ void checkgcmonitor(char* value, const char* keyword, int index);
 void checkgoroutinemonitor(char* value, const char* keyword, int index);
 void checkExceptionMsg(char* value, const char* keyword, int index);  // at least 1
 void setDCHeartBeat(char* value, const char* keyword, int index);     // 1 to 3600 seconds
-void setpropheadcheck(char* value, const char* keyword, int index);   // at least 9 fields
 
 // Keep the text for the subsystem of that name.
 #define VX_TEXT_PARSERS(X)             \
     X(setDBIPName)                     \
     X(setMonitorEnabledForID)          \
-    X(sethdrListForValueAsId)          \
     X(setThresholdMatchCount)          \
     X(setThreadStackCompareDepth)      \
     X(setThreadReportDumpMode)         \
     X(setASEnableHotspotRecord)        \
-    X(setKWCookie)                     \
-    X(setHttpReqRespCaptureSettings)   \
     X(setClassWeight)                  \
     X(setAutoInstrSessionInterval)     \
     X(setRetainAutoInstrMethods)       \

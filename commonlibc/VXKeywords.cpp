@@ -12,10 +12,12 @@
 #include "commonlibc/VXInstrProfile.h"
 #include "commonlibc/VXKeywordFill.h"
 #include "commonlibc/VXKeywordParsers.h"
+#include "commonlibc/VXSessionKeywords.h"
 #include "commonlibc/backend/VXBackendMonitor.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/exception/VXExceptionSettings.h"
+#include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_trace.h"
 #include "commonlibc/vxlb_utiles.h"
@@ -334,6 +336,13 @@ constexpr KeywordDefault kDefaults[] = {
     {"enableGoroutineMonitor", "0"},
     {"maxExceptionMessageLength", "1000"},
     {"enableDCHeartBeat", "300"},
+    {"captureHTTPReqFullFp", "0%200%200%200"},
+    {"captureHTTPRespFullFp", "0%200%200%200"},
+    {"hdrListForValueAsId", ""},
+    {"enableVXSession", "0%20%20%200%200%200%201800000"},
+    {"KWCookie", "ZorKW"},
+    {"correlationIDHeader", ""},
+    {"enableOTELStandard", "0%200%200%200%200%200%200%200%200"},
 };
 
 void applyRow(int index, char* value, const char* keyword) {
@@ -366,7 +375,7 @@ void vxApplyKeyword(int index, char* value, const char* keyword) {
 
 void vxlb_init_all_keywords() {
     for (const KeywordDefault& given : kDefaults) {
-        char value[32];
+        char value[64];
         vxlb_copy_text(value, sizeof(value), given.value);
         applyRow(given.index, value, keywordsMap[given.index].name);
     }

@@ -3,6 +3,7 @@
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXMethodManager.h"
 #include "commonlibc/exception/VXExceptionNames.h"
+#include "commonlibc/http/VXHttpHeaderMap.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -57,6 +58,16 @@ void tell(const Noted<exceptionProperties>& noted) {
     row.told.store(dumpExceptionMetaRecord(row.kind, row.id, row.name), std::memory_order_relaxed);
 }
 
+// The id of a header's name that records have used, 0 of any other.
+std::int64_t idToTell(const VXHttpHeader& header) {
+    return header.told.load(std::memory_order_relaxed) == kHeaderUnused ? 0 : header.id;
+}
+
+void tell(const Noted<VXHttpHeader>& noted) {
+    const bool told = dumpHttpHeaderName(noted.object->name, noted.object->id);
+    noted.object->told.store(told ? kHeaderTold : kHeaderUntold, std::memory_order_relaxed);
+}
+
 // Tells a list of records portion by portion, each noted under the table's lock and written without it. The
 // list only grows, and at its end: the place where a portion ended stays good, and what is added meanwhile
 // is met there.
@@ -85,6 +96,11 @@ void tellAll(apr_thread_mutex_t* mutex, T* const& first, T* T::*next) {
 void collectAndSendOnlyCached5Records(int, int) {
     VXMethodState_t& state = vxCurrent()->method;
     tellAll(state.mapMutex, state.firstMethod, &mPP::next);
+}
+
+void collectAndSendOnlyCached6Records(int, int) {
+    VXHttpState_t& http = vxCurrent()->http;
+    tellAll(http.headerMutex, http.firstHeader, &VXHttpHeader::next);
 }
 
 void collectAndSendOnlyCached7Records(int, int) {

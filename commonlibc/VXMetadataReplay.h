@@ -12,9 +12,10 @@
 
 namespace vx {
 
-// The 5 records of every method in use, and the 7 records of every live BT. The arguments are those of all
-// collectors and carry nothing here.
+// The 5 records of every method in use, the 6 records of every header name in use, and the 7 records of every
+// live BT. The arguments are those of all collectors and carry nothing here.
 void collectAndSendOnlyCached5Records(int first, int second);
+void collectAndSendOnlyCached6Records(int first, int second);
 void collectAndSendOnlyCached7Records(int first, int second);
 // The metadata records of one table of exceptions' names (32 to 36).
 void collectAndSendExceptionNames(ExceptionName kind);
@@ -29,6 +30,7 @@ struct VXReplayRow {
 // In the order of the wire: 5, 6, 7, 22, 26, 32 to 36, 112. A number without a row has no content.
 inline constexpr auto kReplayRows = std::to_array<VXReplayRow>({
     {5, collectAndSendOnlyCached5Records},
+    {6, collectAndSendOnlyCached6Records},
     {7, collectAndSendOnlyCached7Records},
     {32, collectAndSendOnlyCachedExceptionRecords<ExceptionName::kClass>},
     {33, collectAndSendOnlyCachedExceptionRecords<ExceptionName::kThrowingClass>},

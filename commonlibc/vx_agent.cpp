@@ -27,6 +27,8 @@
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_thread.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/http/VXHttpHeaderMap.h"
+#include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
@@ -234,6 +236,8 @@ void vxFillUpcalls() {
     vxUpcalls.freeTagStructures = freeTagStructures;
     vxUpcalls.monitorCycle = monitorCycle;
     vxUpcalls.clearBtMetaDataFlags = clearBtMetaDataFlags;
+    vxUpcalls.clearHeaderMetaDataFlags = clearHeaderMetaDataFlags;
+    vxUpcalls.initVXHttpReqRespCaptureSettings = initVXHttpReqRespCaptureSettings;
     vxUpcalls.replayMetaData = replayMetaData;
     vxUpcalls.dropResetQueueOfInstance = dropResetQueueOfInstance;
     vxUpcalls.markLongIdleTransactions = markLongIdleTransactions;

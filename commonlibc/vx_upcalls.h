@@ -42,15 +42,12 @@ namespace vx {
     /* from the engine and the decoder */                                                               \
     X(addMethodInHash, void(const char* methodName))                                                    \
     X(updateMethodInHash, void(const char* methodName, std::int64_t wallTime))                          \
-    X(sendHttpHdrReq, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
-    X(sendHttpHdrRep, void(vxTD * slot, const char* buffer, const char* type, std::int32_t status))     \
     /* from the collector link */                                                                       \
     X(check_captureAppLog_thread, int())                                                                \
     X(VXThreadMonitorInit, void())                                                                      \
     X(freeTagHashLists, void())                                                                         \
     X(resetAppLogSettings, void())                                                                      \
     X(parseBackendRuleFile, void(char* text))                                                           \
-    X(setHttpHashMapNode, void(char* text))                                                             \
     X(setblackListForDebugSession, void(char* text))                                                    \
     X(parseDynamicSettingsFile, void(char* text))                                                       \
     X(handleUploadDownload, void(char* line))                                                           \

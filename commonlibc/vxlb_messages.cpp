@@ -12,6 +12,7 @@
 #include "commonlibc/flowpath/VXManageTierCallOut.h"
 #include "commonlibc/flowpath/VXMethodTrace.h"
 #include "commonlibc/flowpath/VXPerThreadData.h"
+#include "commonlibc/http/VXHttpCapture.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_decimal.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
@@ -214,9 +215,9 @@ void onHttpHeaders(Message& in) {
     }
     if (slot->flowpathInstance.load(std::memory_order_relaxed) == 0) return;
     if (request) {
-        VX_UPCALL(sendHttpHdrReq, slot, in.text(0), in.text(1), in.i32(0));
+        sendHttpHdrReq(slot, in.text(0), in.text(1), in.i32(0));
     } else {
-        VX_UPCALL(sendHttpHdrRep, slot, in.text(0), in.text(1), in.i32(0));
+        sendHttpHdrRep(slot, in.text(0), in.text(1), in.i32(0));
     }
 }
 

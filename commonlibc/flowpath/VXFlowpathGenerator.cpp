@@ -15,6 +15,7 @@
 #include "commonlibc/flowpath/VXPerThreadData.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
+#include "commonlibc/vxbt/vxbt_tags.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem_pool.h"
@@ -91,7 +92,8 @@ void decideSession(const vxApplication& app, vxTD* slot, const char* vxCookie) {
 void resolveTags(const vxApplication& app, vxTD* slot) {
     if (!vx_word_get(app.VXSys.tagsEnabled) || !slot->tlBTObj) return;
     const std::int32_t btId = slot->tlBTObj->btId.load(std::memory_order_relaxed);
-    if (btId > 0) VX_UPCALL(resolveTransactionTag, slot, slot->uRLParameters, nullptr, btId, kUrlTag);
+    if (btId > 0 && vxHasTagOfKind(app.bt.ruleSet.load(std::memory_order_acquire), btId, kUrlTag))
+        VX_UPCALL(resolveTransactionTag, slot, slot->uRLParameters, nullptr, btId, kUrlTag);
 }
 
 void openFirstItem(const vxApplication& app, vxTD* slot, const VXStartArguments& start) {

@@ -167,6 +167,14 @@ bool parse_global_tags(VXBTTags& tags, const VXBTTags* kept, char* text) {
     });
 }
 
+bool vxHasTagOfKind(const VXBTRuleSet* set, std::int32_t id, std::int32_t kind) {
+    if (!set) return false;
+    for (const BTTagArray* list : {listOf(&set->tags, id), static_cast<BTTagArray*>(set->tags.global)})
+        for (; list; list = list->next)
+            if (list->type == kind) return true;
+    return false;
+}
+
 void vxFreeTags(VXBTTags& tags, const VXBTTags* kept) {
     clearGlobalTags(tags, kept);
     if (!kept || kept->perBt != tags.perBt) {

@@ -26,6 +26,8 @@ void clearGlobalTags(VXBTTags& tags, const VXBTTags* kept);
 // Puts an entry at the end of the list of an id; the array of lists grows until it holds it.
 bool insert_tag_per_bt(VXBTTags& tags, const VXBTTags* kept, std::int32_t id, BTTagArray* entry);
 bool TagExistInGlobalList(const VXBTTags& tags, const char* key);
+// True when the BT of an id, or all of them, have a tag of that kind (its type). A null set has none.
+bool vxHasTagOfKind(const VXBTRuleSet* set, std::int32_t id, std::int32_t kind);
 // Frees the lists that are not those of `kept` (may be null).
 void vxFreeTags(VXBTTags& tags, const VXBTTags* kept);
 

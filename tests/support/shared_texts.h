@@ -1,7 +1,9 @@
-// Gives back the shared texts and the collector records of a context at the end of a test.
+// Gives back the shared texts, the lists of header names and the collector records of a context at the end of
+// a test.
 #pragma once
 
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/http/VXHttpNameList.h"
 #include "commonlibc/vxlb_mem.h"
 
 namespace vx::test {
@@ -23,6 +25,8 @@ inline void freeSharedTexts(vxApplication& app) {
                                &app.session.vxCookieName, &app.session.cookieDomainName})
         setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);
+    for (VXHttpNameList* list : {&app.http.request.list, &app.http.response.list, &app.http.valuesAsId})
+        vxFreeNameList(*list);
     VXLB_FREE(app.collectors.vxc_server_arr, "vxc_server_arr", -1);
     app.collectors.vxc_server_arr = nullptr;
     app.collectors.vxc_server_list_size = 0;

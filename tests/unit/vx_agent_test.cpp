@@ -15,11 +15,11 @@ namespace {
 // Calls upward that no unit serves yet; a unit that is added takes its names off this list.
 std::istringstream stillEmpty(R"(
     HandleVexalineMessage SendMessageOnUDPSocket VXThreadMonitorInit addMethodInHash
-    check_captureAppLog_thread clearHeaderMetaDataFlags freeTagHashLists freeUDPConnections
-    handleUploadDownload initVXDynamicSettings initVXHttpReqRespCaptureSettings
+    check_captureAppLog_thread freeTagHashLists freeUDPConnections
+    handleUploadDownload initVXDynamicSettings
     parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
-    parseDynamicSettingsFile resetAppLogSettings resolveTransactionTag sendHttpHdrRep sendHttpHdrReq
-    setHttpHashMapNode setblackListForDebugSession updateMethodInHash vxProxyInitLws
+    parseDynamicSettingsFile resetAppLogSettings resolveTransactionTag
+    setblackListForDebugSession updateMethodInHash vxProxyInitLws
 )");
 
 TEST(Upcalls, WhatIsStillEmptyIsWrittenDown) {

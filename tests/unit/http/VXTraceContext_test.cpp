@@ -1,0 +1,136 @@
+#include "commonlibc/http/VXTraceContext.h"
+
+#include "commonlibc/flowpath/VXFlowpathRecords.h"
+#include "tests/support/header_fixture.h"
+#include "tests/support/trace_file.h"
+
+namespace vx::test {
+namespace {
+
+#define TRACE "0af7651916cd43dd8448eb211c80319c"
+#define SPAN "b7ad6b7169203331"
+
+TEST(TraceContext, ATraceparentIsTakenByTheRulesOfItsVersion) {
+    const struct {
+        const char* text;
+        int flags;  // -1: malformed
+    } rows[] = {
+        {"00-" TRACE "-" SPAN "-01", 1},
+        {"00-" TRACE "-" SPAN "-ff", 255},
+        {"cc-" TRACE "-" SPAN "-00", 0},
+        {"cc-" TRACE "-" SPAN "-03-what-follows", 3},
+        {"cc-" TRACE "-" SPAN "-03.", -1},
+        {"00-" TRACE "-" SPAN "-01-more", -1},
+        {"ff-" TRACE "-" SPAN "-01", -1},
+        {"0G-" TRACE "-" SPAN "-01", -1},
+        {"00-0AF7651916CD43DD8448EB211C80319C-" SPAN "-01", -1},
+        {"00-00000000000000000000000000000000-" SPAN "-01", -1},
+        {"00-" TRACE "-0000000000000000-01", -1},
+        {"00-" TRACE "-" SPAN "-0", -1},
+        {"00-" TRACE "-" SPAN "-0x", -1},
+        {"00_" TRACE "-" SPAN "-01", -1},
+        {"00-" TRACE "_" SPAN "-01", -1},
+        {"00-" TRACE "-" SPAN "_01", -1},
+        {"", -1},
+    };
+    for (const auto& row : rows) {
+        VXTraceContext context{"kept", "kept", 77};
+        EXPECT_EQ(vxParseTraceparent(row.text, context), row.flags >= 0) << row.text;
+        EXPECT_EQ(int{context.flags}, row.flags < 0 ? 77 : row.flags) << row.text;
+        EXPECT_STREQ(context.traceId, row.flags < 0 ? "kept" : TRACE) << row.text;
+        EXPECT_STREQ(context.parentId, row.flags < 0 ? "kept" : SPAN) << row.text;
+    }
+}
+
+TEST(TraceContext, ATracestateIsAListOfDifferentKeys) {
+    std::string full, over;
+    for (int i = 0; i < 33; ++i) (i < 32 ? full : over) += "k" + std::to_string(i) + "=v,";
+    for (const std::string& good : {std::string("a=1"), std::string("a=1 , b@c= 2,,3t@s/y=x"), full})
+        EXPECT_TRUE(vxTracestateIsValid(good)) << good;
+    for (const std::string& bad :
+         {std::string(), std::string(" , "), std::string("a"), std::string("a=1,a=2"), std::string("A=1"),
+          std::string("1=1"), std::string("a="), std::string("a=b=c"), std::string("a=\x7F"),
+          std::string("a@1=x"), std::string("=1"), std::string("k\0=1", 4), full + over,
+          "a=" + std::string(257, 'v'), std::string(600, ',') + "a=1"})
+        EXPECT_FALSE(vxTracestateIsValid(bad)) << bad;
+}
+
+TEST(TraceContext, B3NeedsATraceAndASpan) {
+    const struct {
+        const char *trace, *span, *parent, *sampled;
+        int flags;  // -1: malformed
+    } rows[] = {
+        {TRACE, SPAN, "", "", 0},
+        {SPAN, SPAN, SPAN, "1", 1},
+        {TRACE, SPAN, "", "true", 1},
+        {TRACE, SPAN, "", "0", 0},
+        {TRACE, SPAN, "", "2", -1},
+        {TRACE, SPAN, "12", "1", -1},
+        {TRACE, "", "", "1", -1},
+        {"", SPAN, "", "1", -1},
+        {"0000000000000000", SPAN, "", "1", -1},
+        {"B7AD6B7169203331", SPAN, "", "1", -1},
+        {"", "", "", "1", -1},
+    };
+    for (const auto& row : rows) {
+        VXTraceContext context{};
+        EXPECT_EQ(vxParseB3({{}, {}, row.trace, row.span, row.parent, row.sampled, 0, 0}, context),
+                  row.flags >= 0)
+            << row.trace << ' ' << row.span << ' ' << row.sampled;
+        EXPECT_EQ(context.traceId, std::string(row.flags < 0 ? "" : row.trace)) << row.trace;
+        EXPECT_EQ(int{context.flags}, std::max(row.flags, 0)) << row.sampled;
+    }
+}
+
+class TraceHeaders : public HeaderFixture {};
+
+TEST_F(TraceHeaders, LandInTheHeaderRecordOfTheirFlowpath) {
+    const struct {
+        const char *switches, *text, *agentTrace, *tail;
+    } rows[] = {
+        {"1%201%201%201%201", "TraceParent= 00-" TRACE "-" SPAN "-01 &tracestate=a=1", "",
+         "," TRACE "," SPAN ",01,"},
+        {"1%201%201%201%201", "traceparent=00-" TRACE "-" SPAN "-01", "mine", ",mine,,00,"},
+        {"1%201%201%201%201", "traceparent=bad&x-b3-traceid=" SPAN "&X-B3-SpanId=" SPAN, "",
+         "," SPAN "," SPAN ",00,"},
+        {"1%201%201%201%200", "traceparent=bad&X-B3-TraceId=" SPAN "&X-B3-SpanId=" SPAN, "", ",,,00,"},
+        {"1%201%200%201%201", "traceparent=00-" TRACE "-" SPAN "-01", "", ",,,00,"},
+        {"1%201%201%201%201", "traceparent=00-" TRACE "-" SPAN "-01&traceparent=00-" TRACE "-" SPAN "-01", "",
+         ",,,00,"},
+        {"1%200%201%201%201", "traceparent=00-" TRACE "-" SPAN "-01", "", ",,,,"},
+        {"0%201%201%201%201", "traceparent=00-" TRACE "-" SPAN "-01", "", ",,,,"},
+    };
+    for (const auto& row : rows) {
+        resetAllThreadLocals(slot);
+        slot->flowpathInstance = 77;
+        slot->tlBTObj = btOf("shop");
+        vxFileSlot(slot, "77");
+        keyword("enableOTELStandard", std::string(row.switches) + "%200%200%200%200");
+        clearDumped(*app);
+        headers("req", row.text, row.agentTrace);
+        dumpFPHeaderRecord(slot, 12);
+        const std::string record = dumpedText(*app);
+        EXPECT_TRUE(record.ends_with(std::string(",-1") + row.tail + "0\n")) << row.text << '\n' << record;
+    }
+}
+
+TEST_F(TraceHeaders, WhatIsMalformedIsTracedAndLeavesNothing) {
+    TraceFile trace(*app);
+    keyword("enableOTELStandard", "1%201%201%201%201%20a%20b%20c%20d");
+    headers("req", "X-B3-Sampled=1");
+    EXPECT_FALSE(trace.says("is ignored")) << "a decision alone names no trace and is no fault";
+    headers("req", "traceparent=00-" TRACE "-" SPAN "-01&tracestate=A=1");
+    EXPECT_TRUE(trace.says("Header 'tracestate' of fp '77' is malformed and is ignored"));
+    EXPECT_TRUE(slot->OTL_traceID && !slot->OTL_tracestate);
+    headers("req", "traceparent=x&X-B3-TraceId=y");
+    EXPECT_TRUE(trace.says("Header 'traceparent' of fp '77' is malformed and is ignored") &&
+                trace.says("Header 'X-B3' of fp '77' is malformed and is ignored"));
+    headers("req", "traceparent=00-" TRACE "-" SPAN "-01&tracestate=a=1");
+    EXPECT_STREQ(slot->OTL_tracestate, "a=1");
+    keyword("captureHTTPReqFullFp", "3%200%201%205");  // values are cut for the record only
+    headers("res", "traceparent=00-" SPAN TRACE "-" SPAN "-01");
+    EXPECT_STREQ(slot->OTL_traceID, TRACE);
+}
+
+}  // namespace
+}  // namespace vx::test
