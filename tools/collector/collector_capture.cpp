@@ -12,7 +12,7 @@ bool keepHeaders(std::string_view items, const Names& headers, std::vector<std::
         if (!takeNumber(item, id) || !takeChar(item, ':')) return false;
         const bool isText = item.size() > 1 && item.front() == '<' && item.back() == '>';
         if (!isText && !readNumber(item, valueId)) return false;
-        if (kept.size() >= kKeptTexts) continue;
+        if (kept.size() >= kKeptHeaders) continue;
         const std::string value =
             isText ? plainName(item.substr(1, item.size() - 2)) : nameOf(headers, valueId, "value");
         kept.push_back(nameOf(headers, id, "header") + ": " + value);
@@ -34,10 +34,10 @@ std::string exceptionText(const std::string& throwingClass, const std::string& m
     return out;
 }
 
-// "%7C", "%20" and "%2C" are undone; each line ends with a newline.
+// "%7C", "%20" and "%2C" are undone; each line ends with a newline. Cut at kKeptStack bytes.
 std::string plainStack(std::string_view text) {
     std::string out;
-    for (std::size_t at = 0; at < text.size(); ++at) {
+    for (std::size_t at = 0; at < text.size() && out.size() < kKeptStack; ++at) {
         const std::string_view code = text.substr(at, 3);
         const char byte = code == "%7C" ? '\n' : code == "%20" ? ' ' : code == "%2C" ? ',' : '\0';
         out += byte ? byte : text[at];
@@ -85,7 +85,7 @@ bool takeException(std::string_view rest, InstanceState& instance, Summary& summ
     if (!thrown.stack.empty()) row.lastStack = thrown.stack;
     addSingle(instance.run, Monitored::kException, exceptionId(instance.run, thrown.name), oneOf(0));
     KeptTransaction& kept = summary.kept.of(flowpath);
-    if (kept.exceptions.size() < kKeptTexts) kept.exceptions.push_back(std::move(thrown));
+    if (kept.exceptions.size() < kKeptExceptions) kept.exceptions.push_back(std::move(thrown));
     return true;
 }
 

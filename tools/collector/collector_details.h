@@ -1,6 +1,7 @@
 // The latest transactions that came with headers or exceptions, each as far as its records told it.
 //
-// Limits    kKeptTransactions; the oldest gives way. kKeptTexts headers and exceptions of a transaction.
+// Limits    kKeptTransactions; the oldest gives way. Of each, kKeptHeaders of request and response, and
+//           kKeptExceptions with kKeptStack bytes of their stacks.
 // Threads   One.
 #pragma once
 
@@ -15,7 +16,7 @@
 namespace vx::collector {
 
 inline constexpr std::size_t kKeptTransactions = 2000;
-inline constexpr std::size_t kKeptTexts = 64;
+inline constexpr std::size_t kKeptHeaders = 64, kKeptExceptions = 16, kKeptStack = 8192;
 
 struct KeptException {
     std::string name, text;  // the class; where, and with what message

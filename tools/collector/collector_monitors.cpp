@@ -134,14 +134,14 @@ std::string nameOfObject(const InstanceState& instance, Monitored kind, std::int
 
 enum class Answer { kAgrees, kPartial, kDiffers };
 
-Answer compare(const Told& told, bool mayTellMore) {
+Answer compare(const Told& told, bool mayTellMore, bool changed) {
     Figures singles = told.singles, monitor = told.monitor;
     if (told.errorsUnknown) singles.error = monitor.error = 0;
     if (singles == monitor) return Answer::kAgrees;
     const bool more = monitor.count >= singles.count && monitor.normal >= singles.normal &&
                       monitor.slow >= singles.slow && monitor.verySlow >= singles.verySlow &&
                       monitor.error >= singles.error && monitor.totalMs >= singles.totalMs;
-    return mayTellMore && more ? Answer::kPartial : Answer::kDiffers;
+    return changed || (mayTellMore && more) ? Answer::kPartial : Answer::kDiffers;
 }
 
 void add(Answer answer, Answers& answers) {
@@ -282,7 +282,7 @@ Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
             if (!isCompared(instance, kind, told, name)) continue;
             MonitorSide& side = sideOf(kind, id, name, summary);
             side.reported = true;
-            const Answer answer = compare(told, mayTellMore);
+            const Answer answer = compare(told, mayTellMore, run.changed);
             add(answer, side);
             add(answer, answers);
         }

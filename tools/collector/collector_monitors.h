@@ -5,7 +5,7 @@
 //
 //     kAgrees    the same figures on both sides
 //     kPartial   the monitor tells more, which it may: not every transaction is recorded singly (sampling),
-//                or a connection broke
+//                or a connection broke; or what the monitors count was changed in the midst of the run
 //     kDiffers   anything else
 //
 // While a run goes on nothing is compared: reports come in intervals, records when a buffer is sent.
@@ -75,8 +75,9 @@ struct Run {
     std::unordered_map<std::string, std::int64_t> exceptionIds;
     std::vector<std::string> exceptionNames;  // by that id
     std::array<bool, kMonitoredKinds> reported{};
-    bool over = false;    // the 10 record has come
-    bool broken = false;  // a connection was made anew
+    bool over = false;     // the 10 record has come
+    bool broken = false;   // a connection was made anew
+    bool changed = false;  // other objects are monitored than at its beginning
     int dataConnections = 0, sensorConnections = 0, sensorsOpen = 0;
 };
 

@@ -51,6 +51,9 @@ void Runs::ordered(std::string_view line) {
         sampled_ = true;  // the instance's own default
     }
     if (!separator.empty()) separator_ = separator.front();
+    const bool monitors = line.find("MonFile=") != line.npos || line.find("Monitor=") != line.npos;
+    if (monitors && !starts)
+        for (auto& [name, instance] : instances_) instance.run.changed = true;
 }
 
 }  // namespace vx::collector

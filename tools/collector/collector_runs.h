@@ -27,7 +27,7 @@ public:
     // A line behind the connect line.
     void line(StreamKind kind, std::string_view line, InstanceState& instance);
     void closed(StreamKind kind, InstanceState& instance);
-    // What a start or modify line says of how much is recorded.
+    // What a start or modify line says of how much is recorded and monitored.
     void ordered(std::string_view line);
     // One line for each run that was compared since the last call.
     std::string takeNews() { return std::exchange(news_, {}); }

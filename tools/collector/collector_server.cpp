@@ -324,11 +324,13 @@ void CollectorServer::start(Connection& connection) {
 // Sends the orders whose turn it is, and behind them what has changed among the files.
 void CollectorServer::advance(Connection& connection, Clock::time_point now) {
     if (connection.started && connection.orders.idle() && connection.told != files_.present()) {
-        connection.orders.add(modifyLine(changedFields(connection.told, files_.present())), true);
+        const std::string line = modifyLine(changedFields(connection.told, files_.present()));
+        runs_.ordered(line);
+        connection.orders.add(line, true);
         connection.told = files_.present();
     }
-    std::string line;
-    while (!connection.closing && connection.orders.next(line, now)) send(connection, std::move(line));
+    std::string next;
+    while (!connection.closing && connection.orders.next(next, now)) send(connection, std::move(next));
 }
 
 void CollectorServer::startAll() {

@@ -163,6 +163,14 @@ TEST_F(CollectorRuns, AreKeptApartHoweverTheirConnectionsComeAndGo) {
     runs.closed(StreamKind::kAutoSensor, shop);
     end();
     EXPECT_EQ(answers("Cart") + answers("Pay"), "110100") << "not every one was recorded any more";
+    runs.ordered("vx_control_req:action=start_instrumentation;bciInstrSessionPct=100;");
+    begin();
+    record(kPay);
+    runs.ordered("vx_control_req:action=modify;enableBTMonitor=1;");
+    record(kPay);
+    report(bt(3, "Pay", 0, 0, 1, 60));
+    end();
+    EXPECT_EQ(answers("Pay"), "110") << "the monitor began in the midst of it";
 }
 
 TEST_F(CollectorRuns, CountReportsThatCannotBeReadAndPassOverOthers) {
