@@ -1,6 +1,8 @@
 #include "commonlibc/VXSys.h"
 
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vx_upcalls.h"
@@ -131,6 +133,46 @@ void setOnceDefaults(VXSys_t& sys) {
     VXAgentSettingInit(sys);
 }
 
+// Every mutex of a context.
+template <class Visit>
+void eachMutex(vxApplication& app, Visit visit) {
+    apr_thread_mutex_t** const mutexes[] = {
+        &app.identity.messageMutex,
+        &app.control.controlMutex,
+        &app.control.controlSocket.closeMutex,
+        &app.collectors.mutex,
+        &app.data.chain.dumpMutex,
+        &app.data.chain.listMutex,
+        &app.data.dataSocket.closeMutex,
+        &app.autoSensor.chain.dumpMutex,
+        &app.autoSensor.chain.listMutex,
+        &app.autoSensor.asSocket.closeMutex,
+        &app.decoder.decodeMutex,
+        &app.flowpath.poolMutex,
+        &app.bt.btMapMutex,
+        &app.bt.tagSequenceMutex,
+        &app.bt.btTagMutex,
+        &app.bt.monitorMutex,
+        &app.method.mapMutex,
+        &app.exceptionMonitor.mapMutex,
+        &app.http.headerMutex,
+        &app.control.outbox.mutex,
+        &app.discovery.socket.closeMutex,
+        &app.losses.mutex,
+    };
+    for (apr_thread_mutex_t** mutex : mutexes) visit(*mutex);
+    for (VXExceptionTable_t& table : app.exceptions.tables) visit(table.mutex);
+}
+
+// Pages that are alike stay as they are: what was never written takes no memory.
+void copyPages(char* to, const char* from, std::size_t size) {
+    constexpr std::size_t kPage = 4096;
+    for (std::size_t at = 0; at < size; at += kPage) {
+        const std::size_t length = std::min(kPage, size - at);
+        if (std::memcmp(to + at, from + at, length) != 0) std::memcpy(to + at, from + at, length);
+    }
+}
+
 }  // namespace
 
 void VXSysInit(const char* agentType) {
@@ -206,35 +248,28 @@ std::int64_t getBCIStartUpTime() {
 }
 
 bool vxMakeContextMutexes(vxApplication& app) {
-    apr_thread_mutex_t** const mutexes[] = {
-        &app.identity.messageMutex,
-        &app.control.controlMutex,
-        &app.control.controlSocket.closeMutex,
-        &app.collectors.mutex,
-        &app.data.chain.dumpMutex,
-        &app.data.chain.listMutex,
-        &app.data.dataSocket.closeMutex,
-        &app.autoSensor.chain.dumpMutex,
-        &app.autoSensor.chain.listMutex,
-        &app.autoSensor.asSocket.closeMutex,
-        &app.decoder.decodeMutex,
-        &app.flowpath.poolMutex,
-        &app.bt.btMapMutex,
-        &app.bt.tagSequenceMutex,
-        &app.bt.btTagMutex,
-        &app.bt.monitorMutex,
-        &app.method.mapMutex,
-        &app.exceptionMonitor.mapMutex,
-        &app.http.headerMutex,
-        &app.control.outbox.mutex,
-        &app.discovery.socket.closeMutex,
-        &app.losses.mutex,
-    };
+    apr_pool_t* pool = app.udp.mutexPool ? app.udp.mutexPool : app.pool;
     bool allMade = true;
-    for (apr_thread_mutex_t** mutex : mutexes) allMade = vxlb_make_mutex(*mutex, app.pool) && allMade;
-    for (VXExceptionTable_t& table : app.exceptions.tables)
-        allMade = vxlb_make_mutex(table.mutex, app.pool) && allMade;
+    eachMutex(app, [&](apr_thread_mutex_t*& mutex) { allMade = vxlb_make_mutex(mutex, pool) && allMade; });
     return allMade;
+}
+
+bool vxRenewContext(vxApplication& app) {
+    vxApplication* fresh = vxNewApplication();
+    if (!fresh) return false;
+    std::vector<apr_thread_mutex_t*> kept;
+    eachMutex(app, [&](apr_thread_mutex_t*& mutex) { kept.push_back(mutex); });
+    eachMutex(*fresh, [&, next = kept.begin()](apr_thread_mutex_t*& mutex) mutable { mutex = *next++; });
+    fresh->udp.mutexPool = app.udp.mutexPool;
+    // The pins alone may be touched meanwhile, by who is about to find out that the context has gone.
+    char* const to = reinterpret_cast<char*>(&app);
+    const char* const from = reinterpret_cast<const char*>(fresh);
+    const auto pinsAt = static_cast<std::size_t>(reinterpret_cast<char*>(&app.udp.pins) - to);
+    const std::size_t behind = pinsAt + sizeof(app.udp.pins);
+    copyPages(to, from, pinsAt);
+    copyPages(to + behind, from + behind, sizeof(app) - behind);
+    vxFreeApplication(fresh);
+    return true;
 }
 
 void vxCopyKeywordText(char* destination, std::size_t size, const char* member, std::size_t memberSize) {

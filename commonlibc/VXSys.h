@@ -37,8 +37,11 @@ const char* getVXHome();  // of the context, else of the process; never null
 int setVxBuild();
 const char* getVxBuild();          // never null
 std::int64_t getBCIStartUpTime();  // Unix ms
-// Makes every mutex of the context that is still null, in the context's pool. False when one failed.
+// Makes every mutex of the context that is still null, in the context's pool, or in that of its mutexes when
+// it has one. False when one failed.
 bool vxMakeContextMutexes(vxApplication& app);
+// The context as a new one is, but for its mutexes; what it held has been given back. False without memory.
+bool vxRenewContext(vxApplication& app);
 // Copies a keyword text under the text mutex.
 void vxCopyKeywordText(char* destination, std::size_t size, const char* member, std::size_t memberSize);
 

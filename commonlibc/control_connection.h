@@ -14,9 +14,9 @@
 
 namespace vx {
 
-// The instance or the service is to end: no further connection is made.
+// The instance or the service is to end, or its datagram clients are silent: no further connection is made.
 inline bool linkStopAsked(const vxApplication& app) noexcept {
-    return app.control.proxyStopRequested != 0 || proxyStopFlag != 0;
+    return app.control.proxyStopRequested != 0 || proxyStopFlag != 0 || app.identity.udpTimeoutFlag != 0;
 }
 
 // A connection stands, over whichever transport.

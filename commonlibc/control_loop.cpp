@@ -103,10 +103,6 @@ private:
 
 enum class Round { kGoOn, kConnectionEnds, kLoopEnds };
 
-bool loopMustEnd(const vxApplication& app) {
-    return linkStopAsked(app) || app.identity.udpTimeoutFlag;
-}
-
 // The whole poll time in steps; ends early with bytes, an error or an order. What other threads leave for the
 // collector goes out meanwhile and does not count as a sign of life.
 apr_status_t waitForBytes(const vxApplication& app, SocketWatch& watch) {
@@ -118,7 +114,7 @@ apr_status_t waitForBytes(const vxApplication& app, SocketWatch& watch) {
         if (!watch.sendOutbox()) return APR_SUCCESS;  // the read finds the end
         const apr_status_t status = watch.wait(std::min(kPollStep, left));
         if (!APR_STATUS_IS_TIMEUP(status) && !APR_STATUS_IS_EINTR(status)) return status;
-        if (loopMustEnd(app) || app.control.closeCtrlConFlag) return APR_EINTR;
+        if (linkStopAsked(app) || app.control.closeCtrlConFlag) return APR_EINTR;
     }
     return APR_TIMEUP;
 }
@@ -160,7 +156,7 @@ Round idleRound(const vxApplication& app, std::int32_t& idleRounds) {
 }
 
 Round oneRound(vxApplication& app, SocketWatch& watch, ctrlBufInfo_t* info, std::int32_t& idleRounds) {
-    if (loopMustEnd(app)) return Round::kLoopEnds;
+    if (linkStopAsked(app)) return Round::kLoopEnds;
     if (app.control.closeCtrlConFlag == 1 || heartbeatsUnanswered(app)) return Round::kConnectionEnds;
     const apr_status_t status = waitForBytes(app, watch);
     if (APR_STATUS_IS_TIMEUP(status)) return idleRound(app, idleRounds);

@@ -184,12 +184,6 @@ int receiveReply(Cycle& cycle) {
     return handle_vxc_con_res_msg(&cycle.info);
 }
 
-// Silent UDP agents end the instance's link for good.
-Step endForUDP(vxApplication& app) {
-    VX_UPCALL(freeUDPConnections, &app);
-    return Step::kEnd;
-}
-
 Step connectionLost(Cycle& cycle) {
     vxApplication& app = cycle.app;
     VX_TRACE(1, kControlThread, kInfo,
@@ -203,7 +197,6 @@ Step connectionLost(Cycle& cycle) {
              "controlBreak Control Socket was cleaned with %s:%d server due to  "
              "handle_msg_from_vxc(&ctrlBufInfo) == FAIL",
              app.control.destinationIP, app.control.destinationPort);
-    if (app.identity.udpTimeoutFlag) return endForUDP(app);
     return pauseThen(cycle, Step::kConnect);
 }
 
@@ -216,7 +209,7 @@ Step loopEnded(Cycle& cycle) {
     VX_TRACE(1, kControlThread, kError,
              "controlBreak Control Socket was cleaned with %s:%d server due to  UDP timeout",
              app.control.destinationIP, app.control.destinationPort);
-    return endForUDP(app);
+    return Step::kEnd;
 }
 
 Step running(Cycle& cycle) {
@@ -293,6 +286,7 @@ void* control_thread_entry_fun(apr_thread_t*, void* application) {
         app.control.retryAttempts = 0;
         runCycle(app);
     }
+    if (app.identity.udpTimeoutFlag) VX_UPCALL(freeUDPConnections, &app);  // silent: the link ends for good
     app.control.controlThreadId = 0;  // the last access: the next thread may start now
     return nullptr;
 }

@@ -32,6 +32,9 @@
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
+#include "commonlibc/proxyServer/vx_udp_clients.h"
+#include "commonlibc/proxyServer/vx_udp_release.h"
+#include "commonlibc/proxyServer/vx_udp_ruckus.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxlb_hashMapMethod.h"
@@ -241,6 +244,9 @@ void vxFillUpcalls() {
     vxUpcalls.replayMetaData = replayMetaData;
     vxUpcalls.dropResetQueueOfInstance = dropResetQueueOfInstance;
     vxUpcalls.markLongIdleTransactions = markLongIdleTransactions;
+    vxUpcalls.SendMessageOnUDPSocket = SendMessageOnUDPSocket;
+    vxUpcalls.freeUDPConnections = freeUDPConnections;
+    vxUpcalls.HandleVexalineMessage = HandleVexalineMessage;
     vxUpcalls.initializeVXApplicationGlobal = initializeVXApplicationGlobal;
 }
 

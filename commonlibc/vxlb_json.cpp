@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "commonlibc/vxlb_mem.h"
@@ -49,6 +50,23 @@ Json fromText(const char* text) {
     return json_is_object(object.get()) ? std::move(object) : nullptr;
 }
 
+// Texts come from peers: one that is no UTF-8 keeps its ASCII.
+json_t* textValue(const char* text) {
+    if (json_t* value = json_string(text)) return value;
+    std::string ascii(text);
+    for (char& byte : ascii)
+        if (static_cast<unsigned char>(byte) > 127) byte = '?';
+    return json_string(ascii.c_str());
+}
+
+// Writes the document compactly and terminates it; -1, and nothing, when it does not fit.
+int dump(const json_t* document, char* out, std::size_t size) {
+    const std::size_t length = json_dumpb(document, out, size - 1, JSON_COMPACT);
+    const bool whole = length > 0 && length < size;
+    out[whole ? length : 0] = '\0';
+    return whole ? static_cast<int>(length) : -1;
+}
+
 }  // namespace
 
 int vxlb_json_from_pairs(const char* pairs, char* out, std::size_t size) {
@@ -56,10 +74,24 @@ int vxlb_json_from_pairs(const char* pairs, char* out, std::size_t size) {
     *out = '\0';
     const Json object = pairs ? fromText(pairs) : nullptr;
     if (!object) return -1;
-    const std::size_t length = json_dumpb(object.get(), out, size - 1, JSON_COMPACT);
-    const bool whole = length > 0 && length < size;
-    out[whole ? length : 0] = '\0';
-    return whole ? static_cast<int>(length) : -1;
+    return dump(object.get(), out, size);
+}
+
+int vxlb_json_sections(std::span<const VXJsonSection> sections, char* out, std::size_t size) {
+    if (size == 0) return -1;
+    *out = '\0';
+    const Json document(json_array());
+    for (const VXJsonSection& section : sections) {
+        Json object(json_object());
+        for (const VXJsonMember& member : section.members) {
+            if (!member.name) break;
+            json_object_set_new(object.get(), member.name,
+                                member.text ? textValue(member.text) : json_integer(member.number));
+        }
+        json_array_append_new(document.get(), json_string(section.name));
+        json_array_append_new(document.get(), object.release());
+    }
+    return document ? dump(document.get(), out, size) : -1;
 }
 
 }  // namespace vx

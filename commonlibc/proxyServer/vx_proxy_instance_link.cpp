@@ -75,7 +75,7 @@ int make_connection_with_vxc(vxApplication& instance, int isUDP) {
     vxSetCurrent(&instance);
     if (!makePoolAndMutexes(instance)) return 0;
     identity.connectStartTimeMs = vxlb_now_ms();
-    if (isUDP) makeRuckusMap(instance);
+    makeRuckusMap(instance);  // datagram clients may attach themselves to any instance
 
     VXSysInit("proxy");
     readSettings(identity);

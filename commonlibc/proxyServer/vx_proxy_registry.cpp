@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
@@ -63,6 +64,7 @@ InstanceTable* grownTable(const InstanceTable* old, std::int32_t oldSlots) {
 
 // The slots that were there keep their contents; the new ones are empty.
 bool growInstanceTables() {
+    const std::lock_guard lock(VXUdp.registration);  // workers attach clients to entries of the one table
     const std::int32_t slots = VXProxy.instanceTableSize;
     InstanceTable* instances = grownTable(VXProxyInstance.load(), slots);
     InstanceTable* attached = instances ? grownTable(VXProxy.attached.load(), slots) : nullptr;
@@ -88,12 +90,11 @@ processInfo_t** newProcessTable(std::int32_t records, const char* what) {
         VXLB_MALLOC_AND_MEMSET(static_cast<std::size_t>(records) * sizeof(void*), what, -1));
 }
 
-processInfo_t* newProcessRecord() {
+processInfo_t* newProcessRecord(apr_pool_t* pool) {
     void* block = VXLB_MALLOC_AND_MEMSET(sizeof(processInfo_t), "processInfo", -1);
     auto* pair = static_cast<epollPtr_t*>(VXLB_MALLOC_AND_MEMSET(sizeof(epollPtr_t), "epollPtr", -1));
     apr_thread_mutex_t *closeMutex = nullptr, *sendMutex = nullptr;
-    if (!block || !pair || !vxlb_make_mutex(closeMutex, VXProxy.listenerPool) ||
-        !vxlb_make_mutex(sendMutex, VXProxy.listenerPool)) {
+    if (!block || !pair || !vxlb_make_mutex(closeMutex, pool) || !vxlb_make_mutex(sendMutex, pool)) {
         VXLB_FREE(block, "processInfo", -1);
         VXLB_FREE(pair, "epollPtr", -1);
         return nullptr;
@@ -107,6 +108,11 @@ processInfo_t* newProcessRecord() {
     process->epollPtr = pair;
     process->pid.store(kFreePid, std::memory_order_relaxed);
     return process;
+}
+
+// What a function holds goes with it; what an instance holds stays to the end of the process.
+apr_pool_t* poolOf(const vxApplication& instance) {
+    return instance.udp.mutexPool ? instance.pool : VXProxy.listenerPool;
 }
 
 // The eight texts of an instance, with their sizes.
@@ -173,8 +179,8 @@ bool setVXProxyInstance(vxApplication& instance) {
         identity.*row.member = static_cast<char*>(VXLB_MALLOC_AND_MEMSET(row.size, row.name, -1));
         if (!(identity.*row.member)) return false;
     }
-    identity.reservedMap = create_hashmap(VXProxy.listenerPool);
-    identity.udpClientMap = create_hashmap(VXProxy.listenerPool);
+    identity.reservedMap = create_hashmap(poolOf(instance));
+    identity.udpClientMap = create_hashmap(poolOf(instance));
     if (!identity.udpClientMap)
         VX_TRACE(1, kControlThread, kError, "Error in creating map for udp connections...");
     identity.numProcess.store(0, std::memory_order_relaxed);
@@ -216,7 +222,7 @@ bool populateVXProxyInstance(vxApplication& instance, const kwLocalStruct& line,
 processInfo_t* vxProcessRecord(vxApplication& instance, std::int32_t procIndex) {
     if (procIndex < 0 || procIndex >= instance.identity.processCapacity) return nullptr;
     processInfo_t*& record = instance.identity.processInfo.load(std::memory_order_relaxed)[procIndex];
-    if (!record) record = newProcessRecord();
+    if (!record) record = newProcessRecord(poolOf(instance));
     if (record) *record->epollPtr = {instance.identity.appIndex, procIndex};
     return record;
 }

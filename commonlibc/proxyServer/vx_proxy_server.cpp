@@ -15,6 +15,7 @@
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
+#include "commonlibc/proxyServer/vx_udp_receiver.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_mem.h"
@@ -211,6 +212,7 @@ void traceBrokenPipes() {
 
 void vxProxyInit() {
     if (!startListener()) return;
+    vxUdpStart();
     setWakeTarget(VXProxy.pollset);
     VXProxy.listenerRunning.store(1, std::memory_order_release);
     if (vxListenerReport.listening) vxListenerReport.listening(VXProxy.proxyHost, VXProxy.proxyPort);
@@ -226,6 +228,7 @@ void vxProxyInit() {
         traceBrokenPipes();
     }
     setWakeTarget(nullptr);
+    vxUdpStop();
     VXProxy.listenerRunning.store(0, std::memory_order_release);
 }
 

@@ -14,8 +14,8 @@ namespace {
 
 // Calls upward that no unit serves yet; a unit that is added takes its names off this list.
 std::istringstream stillEmpty(R"(
-    HandleVexalineMessage SendMessageOnUDPSocket VXThreadMonitorInit addMethodInHash
-    check_captureAppLog_thread freeTagHashLists freeUDPConnections
+    VXThreadMonitorInit addMethodInHash
+    check_captureAppLog_thread freeTagHashLists
     handleUploadDownload initVXDynamicSettings
     parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
     parseDynamicSettingsFile resetAppLogSettings resolveTransactionTag

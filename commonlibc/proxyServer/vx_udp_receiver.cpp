@@ -1,0 +1,173 @@
+#include "commonlibc/proxyServer/vx_udp_receiver.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "commonlibc/platform/vx_platform_udp.h"
+#include "commonlibc/proxyServer/vx_udp_functions.h"
+#include "commonlibc/proxyServer/vx_udp_nodes.h"
+#include "commonlibc/proxyServer/vx_udp_watchers.h"
+#include "commonlibc/proxyServer/vx_udp_workers.h"
+#include "commonlibc/vxlb_sock.h"
+#include "commonlibc/vxlb_thread.h"
+#include "commonlibc/vxlb_trace.h"
+
+namespace vx {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kSocketQueueBytes = 8 * 1024 * 1024;
+constexpr std::size_t kMaxDatagram = kUdpNodeSize - 1;
+constexpr std::chrono::seconds kBindRetry{10};
+constexpr std::chrono::milliseconds kNap{1}, kPauseAfterError{10};
+constexpr int kThick = 4;  // datagrams within a nap's time for which another nap is worth while
+
+struct Threads {
+    apr_thread_t* thread = nullptr;
+    apr_pool_t* pool = nullptr;
+};
+Threads receiver;  // of the present start; the listener's
+
+bool stopping() {
+    return VXUdp.stopping.load(std::memory_order_acquire) ||
+           proxyStopFlag.load(std::memory_order_acquire) != 0;
+}
+
+void waitForStop(std::chrono::seconds time) {
+    std::unique_lock lock(VXUdp.stopMutex);
+    VXUdp.stopped.wait_for(lock, time, stopping);
+}
+
+void publish(int socket) {
+    const std::lock_guard lock(VXUdp.socketMutex);
+    VXUdp.socket = socket;
+}
+
+// The socket, or -1 at a stop.
+int openSocket() {
+    char error[kSockErrorSize] = "";
+    while (!stopping()) {
+        const int socket = vx_platform_udp_open(VXProxy.proxyPort, kSocketQueueBytes, error, sizeof(error));
+        if (socket >= 0) {
+            VX_TRACE(1, kControlThread, kInfo, "Successully created socket for UDP.");
+            VX_TRACE(1, kControlThread, kInfo, "The system holds up to %d bytes of datagrams that wait",
+                     vx_platform_udp_queue_size(socket));
+            return socket;
+        }
+        VX_TRACE(1, kControlThread, kError,
+                 "Proxy Server Failed to create UDP connection '%s'. Retrying in 10 seconds.", error);
+        waitForStop(kBindRetry);
+    }
+    return -1;
+}
+
+// How thickly datagrams come: whether the last few came within a nap's time.
+class Pace {
+public:
+    void count() { ++taken_; }
+    // The queue is empty: whether to nap, and let some gather, before the next look.
+    bool worthNap() {
+        const Clock::time_point now = Clock::now();
+        const bool thick = taken_ >= kThick && now - since_ <= 2 * kNap;
+        since_ = now;
+        taken_ = 0;
+        return thick;
+    }
+
+private:
+    Clock::time_point since_{};
+    int taken_ = 0;
+};
+
+// Takes the next datagram into the node, waiting for it at most a second. What the system's call says.
+std::int64_t takeDatagram(int socket, VXUdpNode& node, Pace& pace) {
+    VXDatagramEnd from{};
+    std::int64_t count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
+    if (count == kNoDatagram) {
+        if (pace.worthNap()) {
+            std::this_thread::sleep_for(kNap);
+            count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
+        } else {
+            count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, true, &from);
+        }
+    }
+    if (count > 0) pace.count();
+    node.sender = {from.ip, from.port};
+    return count;
+}
+
+void receiveOne(int socket, VXUdpNode* node, Pace& pace) {
+    const std::int64_t count = takeDatagram(socket, *node, pace);
+    if (count > 0) {
+        node->length = static_cast<std::int32_t>(count);
+        node->buffer[count] = '\0';
+        vxUdpHandOver(node);
+        return;
+    }
+    vxUdpGiveNode(node);
+    if (count == kNoDatagram || stopping()) return;
+    VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
+    if (count == kDatagramFailed) std::this_thread::sleep_for(kPauseAfterError);
+}
+
+void receiveLoop(int socket) {
+    Pace pace;
+    while (!stopping()) {
+        if (VXUdpNode* node = vxUdpTakeNode())
+            receiveOne(socket, node, pace);
+        else if (!stopping())
+            VX_TRACE(1, kControlThread, kError, "Write list is empty. Ignoring UDP packet");
+    }
+}
+
+bool makeIntake(vxApplication* root) {
+    if (!udp_buff_list_init(VXProxy.numUDPThreads)) {
+        VX_TRACE(1, kControlThread, kError, "Error in creating udp buffer...");
+        return false;
+    }
+    return vxUdpMakeTables() && vxUdpMakeWorkers(VXProxy.numUDPThreads, root) && vxUdpStartWatchers(root) &&
+           vxlb_thread_start(receiver.thread, receiver.pool, root->pool, proxy_udp_handler, root) ==
+               APR_SUCCESS;
+}
+
+}  // namespace
+
+void* proxy_udp_handler(apr_thread_t*, void* root) {
+    vxSetCurrent(static_cast<vxApplication*>(root));
+    const int socket = openSocket();
+    publish(socket);
+    if (socket >= 0) receiveLoop(socket);
+    return nullptr;
+}
+
+void vxUdpStart() {
+    if (VXProxy.proxyudpTimeout < 1) VXProxy.proxyudpTimeout = kUdpDefaultTimeoutS;
+    VXUdp.stopping.store(false);
+    if (makeIntake(vxCurrent())) return;
+    VX_TRACE(1, kControlThread, kError, "No datagrams are taken: the intake could not be started");
+    vxUdpStop();
+}
+
+void vxUdpStop() {
+    {
+        const std::scoped_lock lock(VXUdp.stopMutex, VXUdp.freeMutex);
+        VXUdp.stopping.store(true);
+    }
+    VXUdp.stopped.notify_all();
+    VXUdp.freed.notify_all();
+    {
+        const std::lock_guard lock(VXUdp.socketMutex);
+        if (VXUdp.socket >= 0) vx_platform_udp_wake(VXUdp.socket);
+    }
+    vxlb_thread_join(receiver.thread, receiver.pool);
+    vxUdpEndWorkers();
+    vxUdpJoinWatchers();
+    udp_buff_list_free();
+    const std::lock_guard lock(VXUdp.socketMutex);
+    vx_platform_udp_close(std::exchange(VXUdp.socket, -1));
+}
+
+}  // namespace vx

@@ -1,0 +1,98 @@
+// Fixture: the UDP intake without its threads. Datagrams are handed to the decoder; answers go to a socket
+// that the test reads. Functions have no control threads: they stand as if theirs had ended.
+#pragma once
+
+#include <string>
+
+#include "commonlibc/platform/vx_platform_udp.h"
+#include "commonlibc/proxyServer/vx_udp_clients.h"
+#include "commonlibc/proxyServer/vx_udp_functions.h"
+#include "commonlibc/proxyServer/vx_udp_message.h"
+#include "commonlibc/proxyServer/vx_udp_release.h"
+#include "commonlibc/vxlb_wrap_header.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/proxy_fixture.h"
+#include "tests/support/record_stream.h"
+
+namespace vx::test {
+
+// One wrapped message of a client that knows its index.
+inline std::string wrapped(VXWrapType type, std::int32_t index, const std::string& payload = "",
+                           std::int32_t attached = 0, std::int64_t key = 0) {
+    std::string out(kWrapDatagramMax, '\0');
+    const VXWrapHeader header{type, 4, key, index, attached, {}, {}, {}, {}};
+    out.resize(static_cast<std::size_t>(
+        vxWrapEncode(out.data(), out.size(), header, {payload.data(), payload.size()})));
+    return out;
+}
+inline constexpr const char* kUdpTags = "appName=shop;vxAppServerHost=host7;tierName=Web_1;agentName=nginx;";
+// One of a client that does not.
+inline std::string introduced(VXWrapType type, const std::string& function, std::int32_t attached = 0,
+                              const char* tags = kUdpTags) {
+    std::string out(kWrapDatagramMax, '\0');
+    const VXWrapHeader header{
+        type, 4, 77, kWrapIndexUnknown, attached, wire("req-"), {}, wire(function.c_str()), wire(tags)};
+    out.resize(static_cast<std::size_t>(vxWrapEncode(out.data(), out.size(), header, {})));
+    return out;
+}
+
+class UdpFixture : public ProxyFixture {
+protected:
+    void SetUp() override {
+        ProxyFixture::SetUp();
+        vxControlThreadStarter = [](vxApplication*) { return 0; };
+        VXProxy.udpTableSize = 2;
+        VXProxy.ceilings = {};
+        ASSERT_TRUE(vxUdpMakeTables());
+        char error[128];
+        VXUdp.socket = vx_platform_udp_open(0, 65536, error, sizeof(error));
+        client_ = vx_platform_udp_open(0, 65536, error, sizeof(error));
+    }
+    void TearDown() override {
+        clock.advanceMs(3600 * 1000);
+        vxUdpEndSilentFunctions(clock.nowMs());
+        vx_platform_udp_close(std::exchange(VXUdp.socket, -1));
+        vx_platform_udp_close(client_);
+        while (vxApplication* free = VXUdp.freeContexts) {
+            VXUdp.freeContexts = free->udp.nextFree;
+            vxUdpRenew(*free);
+            apr_pool_destroy(free->udp.mutexPool);
+            vxFreeApplication(free);
+        }
+        vxSetCurrent(app);
+        ProxyFixture::TearDown();
+    }
+
+    // Hands the decoder a datagram that came from the test's socket, or from another port.
+    void datagram(const std::string& bytes, std::uint16_t port = 0) {
+        decode_udp_Message_wrapper(bytes.data(), static_cast<std::int32_t>(bytes.size()),
+                                   {0x7F000001, port ? port : ownPort()});
+        EXPECT_EQ(vxCurrent(), app);
+    }
+    // The next answer; "(none)" when there is none.
+    std::string answer() const {
+        char buffer[20000];
+        VXDatagramEnd from{};
+        const auto count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), false, &from);
+        return count < 0 ? "(none)" : std::string(buffer, static_cast<std::size_t>(count));
+    }
+    static vxApplication* function(std::int32_t index) {
+        vxApplication* found = vxUdpPin(index);
+        if (found) vxUdpUnpin(*found);
+        return found;
+    }
+
+    FakeClock clock;
+
+private:
+    std::uint16_t ownPort() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof(address);
+        ::getsockname(client_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+
+    int client_ = -1;
+};
+
+}  // namespace vx::test

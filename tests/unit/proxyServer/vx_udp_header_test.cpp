@@ -1,0 +1,108 @@
+#include "commonlibc/proxyServer/vx_udp_header.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/by_name.h"
+#include "tests/support/udp_fixture.h"
+
+namespace vx::test {
+namespace {
+
+using std::string;
+
+// Payloads of the messages that a datagram gives, in a block of exactly its size.
+std::vector<string> messagesOf(const string& bytes) {
+    const auto block = std::make_unique<char[]>(bytes.size());
+    bytes.copy(block.get(), bytes.size());
+    const VXByteView datagram(block.get(), bytes.size());
+    std::vector<string> payloads;
+    std::size_t position = 0;
+    VXByteView message;
+    while (vxUdpNextMessage(datagram, position, message)) {
+        VXUdpHeader header;
+        if (!get_ws_param_values(message, header)) {
+            payloads.emplace_back("(refused)");
+            continue;
+        }
+        for (const VXByteView& text : {header.apiReqId, header.funcName, header.tags})
+            EXPECT_LE(text.size(), message.size());
+        const auto at = static_cast<std::size_t>(header.whLen);
+        payloads.emplace_back(message.data() + at, message.size() - at);
+    }
+    EXPECT_LE(position, bytes.size());
+    return payloads;
+}
+
+// The same datagram with a 32-bit field changed.
+string with(string bytes, std::size_t at, std::int32_t value) {
+    for (int i = 0; i < 4; ++i)
+        bytes[at + static_cast<std::size_t>(i)] =
+            static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * i) & 0xFF);
+    return bytes;
+}
+
+const string kRecord = endFrame(7, 200, 1000);
+const string kRecords = wrapped(VXWrapType::kRecords, 3, kRecord);
+const string kBeat = wrapped(VXWrapType::kHeartbeat, 3);
+const string kNamed = introduced(VXWrapType::kHeartbeat, "pay");
+constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+constexpr auto kRecordLength = kWrapFixedSize + 5;
+
+struct Case {
+    const char* name;
+    string datagram;
+    std::vector<string> payloads;
+};
+class WrappedMessages : public testing::TestWithParam<Case> {};
+
+TEST_P(WrappedMessages, AreCutOutOfADatagram) {
+    EXPECT_EQ(messagesOf(GetParam().datagram), GetParam().payloads);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Datagrams, WrappedMessages,
+    testing::ValuesIn<Case>({
+        {"a_record", kRecords, {kRecord}},
+        {"several", kRecords + kBeat + kNamed + kRecords, {kRecord, "\n", "\n", kRecord}},
+        {"a_record_header_alone", with(kRecords, kWrapLengthAt, 41).substr(0, 41) + "\n", {"\n"}},
+        {"a_text_ends_at_its_newline",
+         wrapped(VXWrapType::kLogText, 3, "a log line") + kBeat,
+         {"a log line\n", "\n"}},
+        {"what_stands_before_a_bad_one_counts", kRecords + "x" + kRecords, {kRecord}},
+        {"a_rest_below_a_header", kRecords + string(40, '^'), {kRecord}},
+        {"header_length_40", with(kBeat, kWrapLengthAt, 40).replace(40, 5, "\n\n\n\n\n"), {"\n"}},
+        {"header_length_39", with(kBeat, kWrapLengthAt, 39), {}},
+        {"header_length_negative", with(kBeat, kWrapLengthAt, -1), {}},
+        {"header_length_beyond", with(kBeat, kWrapLengthAt, kMax), {}},
+        {"header_length_all", with(kBeat, kWrapLengthAt, static_cast<int>(kBeat.size())), {}},
+        {"no_newline", kBeat.substr(0, kBeat.size() - 1) + "x", {}},
+        {"record_length_beyond", with(kRecords, kRecordLength, kMax), {}},
+        {"record_length_one_too_long",
+         with(kRecords, kRecordLength, static_cast<int>(kRecord.size()) + 1),
+         {}},
+        {"record_length_11", with(kRecords, kRecordLength, 11), {}},
+        {"record_length_negative", with(kRecords, kRecordLength, -1), {}},
+        {"record_ends_elsewhere", with(kRecords, kRecordLength, 13), {}},
+        {"record_cut_in_its_header", kRecords.substr(0, 41 + 8), {}},
+        {"text_length_negative", with(kNamed, kWrapAwsReqLenAt, -1), {"(refused)"}},
+        {"texts_beyond_the_header", with(kNamed, kWrapTagsLenAt, kMax), {"(refused)"}},
+        {"texts_one_too_long", with(kNamed, kWrapAwsReqLenAt, 1), {"(refused)"}},
+    }),
+    byName);
+
+TEST(WrappedMessage, NoLengthAndNoFieldLeadsOutOfTheDatagram) {
+    const std::int32_t values[] = {
+        std::numeric_limits<std::int32_t>::min(), -1, 0, 1, 12, 39, 40, 41, 44, 59, 60, 61, kMax - 41, kMax};
+    const string whole = (kRecords + kRecords).substr(0, 60);
+    for (std::size_t size = 0; size <= whole.size(); ++size)
+        for (std::size_t at = kWrapLengthAt; at + 4 <= size; ++at)
+            for (const std::int32_t value : values) messagesOf(with(whole, at, value).substr(0, size));
+}
+
+}  // namespace
+}  // namespace vx::test
