@@ -2,6 +2,8 @@
 
 #include <apr_errno.h>
 
+#include <mutex>
+
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXLosses.h"
 #include "commonlibc/platform/vx_platform.h"
@@ -182,6 +184,17 @@ apr_status_t launch(vxApplication& app) {
     return status;
 }
 
+// Whether a context of the table has a thread that sends.
+bool holdsSender(const std::atomic<vxApplication*>* table, std::int32_t count) {
+    for (std::int32_t i = 0; i < count; ++i) {
+        const vxApplication* app = table[i].load(std::memory_order_acquire);
+        if (app && (app->data.data_thread_running.load(std::memory_order_acquire) ||
+                    app->autoSensor.autoSensor_thread_running.load(std::memory_order_acquire)))
+            return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void vxJoinDataThread(vxApplication& app) {
@@ -234,15 +247,12 @@ void free_agent_data() {
 }
 
 bool vxDataThreadsDrained() {
-    if (!VXProxyInstance.load(std::memory_order_acquire)) return true;
-    const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
-    for (std::int32_t i = 0; i < count; ++i) {
-        const vxApplication* app = instanceAt(i);
-        if (app && (app->data.data_thread_running.load(std::memory_order_acquire) ||
-                    app->autoSensor.autoSensor_thread_running.load(std::memory_order_acquire)))
-            return false;
-    }
-    return true;
+    const auto* instances = VXProxyInstance.load(std::memory_order_acquire);
+    if (instances && holdsSender(instances, VXProxy.numInstance.load(std::memory_order_acquire)))
+        return false;
+    const std::lock_guard lock(VXUdp.registration);
+    const auto* functions = VXUdp.functions.load(std::memory_order_acquire);
+    return !functions || !holdsSender(functions, VXUdp.functionSlots.load(std::memory_order_acquire));
 }
 
 }  // namespace vx
