@@ -48,7 +48,7 @@ void EndToEnd::startCollector(std::vector<std::string> more) {
 void EndToEnd::startService(const std::string& moreSettings) {
     const std::string config = dir.path() + "/proxy/config";
     std::filesystem::create_directories(config);
-    std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n";
+    std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n" << proxySettings;
     const int told = collectorRelayPort ? collectorRelayPort : collectorPort;
     std::ofstream(config + "/vxsettings.conf")
         << "vxcHost=127.0.0.1\nvxcPort=" << told << "\nVXC_COMM_PROTOCOL=TCP:" << told

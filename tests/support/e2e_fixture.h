@@ -47,6 +47,7 @@ protected:
     // Ports of relays in between: what the service is told of the collector, what agents are told of it; 0:
     // none.
     int collectorRelayPort = 0, proxyRelayPort = 0;
+    std::string proxySettings;      // further lines of proxysetting.conf
     int collectors = 0, loads = 0;  // started so far
     std::uint64_t delivered = 0;    // by deliver()
     std::unique_ptr<Program> collector, service;
