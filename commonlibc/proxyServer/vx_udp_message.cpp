@@ -40,7 +40,7 @@ struct Message {
 };
 
 // Decode lock held. The key that finds the request's flowpath; null when there is none, or the function has
-// ended while the lock was waited for.
+// been taken out while the lock was waited for.
 const char* lookupKey(const Message& message) {
     char* key = message.app.identity.lookupKey;
     if (!message.isAttached()) return vxUdpStands(message.index, message.app) ? key : nullptr;
@@ -120,37 +120,53 @@ constexpr void (*kHandlers[])(const Message&) = {
     onSettings<kSettingsAll>,
 };
 
-// The context of a message, kept from ending, and current, to the end of the scope.
+// The context that the messages of a datagram are for, kept from ending, and current, until another is
+// taken or the scope ends.
 class Target {
 public:
-    Target(const VXUdpHeader& header, std::int32_t index) : root_(vxCurrent()) {
-        if (!header.attached)
-            pinned_ = app_ = vxUdpPin(index);
-        else if (header.messageType != 0 || header.requestKey != 0)
-            app_ = vxUdpAttached(index);
-        if (app_) vxSetCurrent(app_);
-    }
-    ~Target() {
-        vxSetCurrent(root_);
-        if (pinned_) vxUdpUnpin(*pinned_);
-    }
+    explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender) {}
+    ~Target() { leave(); }
     Target(const Target&) = delete;
     Target& operator=(const Target&) = delete;
 
-    vxApplication* app() const { return app_; }
+    // The context of a message; null when there is none.
+    vxApplication* take(const VXUdpHeader& header, std::int32_t index) {
+        const bool attached = header.attached != 0;
+        if (attached && header.messageType == 0 && header.requestKey == 0) return nullptr;
+        if (app_ && attached_ == attached && index_ == index) return app_;
+        leave();
+        attached_ = attached;
+        index_ = index;
+        app_ = attached ? vxUdpAttached(index) : vxUdpPin(index);
+        if (app_) hearOf();
+        return app_;
+    }
 
 private:
-    vxApplication* root_;
+    void hearOf() {
+        vxSetCurrent(app_);
+        app_->udp.lastActivityMs.store(vxlb_now_ms(), std::memory_order_relaxed);
+        addUDPClientSocket(sender_);
+    }
+    void leave() {
+        vxSetCurrent(root_);
+        if (app_ && !attached_) vxUdpUnpin(*app_);
+        app_ = nullptr;
+    }
+
+    vxApplication* const root_;
+    const VXUdpAddress sender_;
     vxApplication* app_ = nullptr;
-    vxApplication* pinned_ = nullptr;
+    bool attached_ = false;
+    std::int32_t index_ = kWrapIndexUnknown;
 };
 
 // The index that the message gives, or what its registration gets; -1 refuses it.
 std::int32_t indexOf(const VXUdpHeader& header) {
     if (header.contextIndex != kWrapIndexUnknown) return header.contextIndex;
-    vxApplication* root = vxCurrent();
+    vxApplication* former = vxCurrent();
     const std::int32_t index = record_process_with_ndc_conn(header);
-    vxSetCurrent(root);
+    vxSetCurrent(former);
     return index;
 }
 
@@ -158,33 +174,33 @@ void refuse() {
     VX_TRACE(1, kControlThread, kError, "Failed to process data from client..");
 }
 
-}  // namespace
-
-void decode_udp_Message(const char* buffer, std::int32_t length, VXUdpAddress sender) {
-    const VXByteView bytes(buffer, static_cast<std::size_t>(length));
+void handle(VXByteView bytes, Target& target) {
     VXUdpHeader header;
     if (!get_ws_param_values(bytes, header)) {
         VX_TRACE(1, kControlThread, kError, "Error in parsing data from client..");
         return refuse();
     }
     const std::int32_t index = indexOf(header);
-    if (index < 0) return refuse();
-    const Target target(header, index);
-    vxApplication* app = target.app();
+    vxApplication* app = index >= 0 ? target.take(header, index) : nullptr;
     if (!app) return refuse();
-    app->udp.lastActivityMs.store(vxlb_now_ms(), std::memory_order_relaxed);
-    addUDPClientSocket(sender);
     const auto type = static_cast<std::size_t>(static_cast<std::uint16_t>(header.messageType));
     if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index});
+}
+
+}  // namespace
+
+void decode_udp_Message(const char* buffer, std::int32_t length, VXUdpAddress sender) {
+    Target target(sender);
+    handle(VXByteView(buffer, static_cast<std::size_t>(length)), target);
 }
 
 void decode_udp_Message_wrapper(const char* buffer, std::int32_t length, VXUdpAddress sender) {
     if (length < static_cast<std::int32_t>(kWrapDatagramMin)) return refuse();
     const VXByteView datagram(buffer, static_cast<std::size_t>(length));
+    Target target(sender);
     std::size_t position = 0;
     VXByteView message;
-    while (vxUdpNextMessage(datagram, position, message))
-        decode_udp_Message(message.data(), static_cast<std::int32_t>(message.size()), sender);
+    while (vxUdpNextMessage(datagram, position, message)) handle(message, target);
 }
 
 }  // namespace vx

@@ -65,6 +65,11 @@ void udp_buff_list_free() {
     while (VXUdpNode* node = vxUdpPop(VXUdp.freeList)) freeNode(node);
 }
 
+VXUdpNode* vxUdpTryNode() {
+    const std::lock_guard lock(VXUdp.freeMutex);
+    return vxUdpPop(VXUdp.freeList);
+}
+
 VXUdpNode* vxUdpTakeNode() {
     std::unique_lock lock(VXUdp.freeMutex);
     VXUdp.freed.wait_for(lock, kNodeWait, [] {

@@ -13,7 +13,8 @@ namespace vx {
 bool udp_buff_list_init(std::int32_t workers);
 void udp_buff_list_free();  // where no thread of the intake runs
 
-// The first free node, or null after a second without one, and at a stop.
+VXUdpNode* vxUdpTryNode();  // the first free node, or null
+// The same, or null after a second without one, and at a stop.
 VXUdpNode* vxUdpTakeNode();
 void vxUdpGiveNode(VXUdpNode* node);  // to the tail of the free list
 

@@ -22,8 +22,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kSocketQueueBytes = 8 * 1024 * 1024;
 constexpr std::size_t kMaxDatagram = kUdpNodeSize - 1;
 constexpr std::chrono::seconds kBindRetry{10};
-constexpr std::chrono::milliseconds kNap{1}, kPauseAfterError{10};
-constexpr int kThick = 4;  // datagrams within a nap's time for which another nap is worth while
+constexpr std::chrono::milliseconds kNap{2}, kPauseAfterError{10};
+constexpr std::chrono::milliseconds kWindow{10}, kThickness{1};  // naps from one datagram a millisecond on
 
 struct Threads {
     apr_thread_t* thread = nullptr;
@@ -64,22 +64,25 @@ int openSocket() {
     return -1;
 }
 
-// How thickly datagrams come: whether the last few came within a nap's time.
+// How thickly datagrams come, found anew in each window of time.
 class Pace {
 public:
     void count() { ++taken_; }
     // The queue is empty: whether to nap, and let some gather, before the next look.
     bool worthNap() {
         const Clock::time_point now = Clock::now();
-        const bool thick = taken_ >= kThick && now - since_ <= 2 * kNap;
-        since_ = now;
-        taken_ = 0;
-        return thick;
+        if (now - since_ >= kWindow) {
+            thick_ = taken_ * kThickness >= now - since_;
+            since_ = now;
+            taken_ = 0;
+        }
+        return thick_;
     }
 
 private:
     Clock::time_point since_{};
     int taken_ = 0;
+    bool thick_ = false;
 };
 
 // Takes the next datagram into the node, waiting for it at most a second. What the system's call says.
@@ -87,6 +90,7 @@ std::int64_t takeDatagram(int socket, VXUdpNode& node, Pace& pace) {
     VXDatagramEnd from{};
     std::int64_t count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
     if (count == kNoDatagram) {
+        vxUdpWakeWorkers();
         if (pace.worthNap()) {
             std::this_thread::sleep_for(kNap);
             count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
@@ -116,11 +120,17 @@ void receiveOne(int socket, VXUdpNode* node, Pace& pace) {
 void receiveLoop(int socket) {
     Pace pace;
     while (!stopping()) {
-        if (VXUdpNode* node = vxUdpTakeNode())
+        VXUdpNode* node = vxUdpTryNode();
+        if (!node) {
+            vxUdpWakeWorkers();
+            node = vxUdpTakeNode();
+        }
+        if (node)
             receiveOne(socket, node, pace);
         else if (!stopping())
             VX_TRACE(1, kControlThread, kError, "Write list is empty. Ignoring UDP packet");
     }
+    vxUdpWakeWorkers();
 }
 
 bool makeIntake(vxApplication* root) {

@@ -3,7 +3,7 @@
 //     socket -> receiver -> node -> queue of the sender's worker -> decode_udp_Message_wrapper -> free list
 //
 // All datagrams of one sender go to one worker, in their order. While datagrams come thickly the receiver
-// naps for a millisecond whenever it has emptied the socket's queue, and takes what has gathered then: one
+// naps for two milliseconds whenever it has emptied the socket's queue, and takes what has gathered then: one
 // wake-up for many datagrams. What waits has its room in the socket's queue; what finds that full is lost,
 // counted by the system and told once a minute.
 //

@@ -12,6 +12,7 @@
 #include "commonlibc/exception/VXExceptionNames.h"
 #include "commonlibc/exception/VXExceptionSettings.h"
 #include "commonlibc/flowpath/VXFlowpathStop.h"
+#include "commonlibc/http/VXHttpNameList.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
 #include "commonlibc/proxyServer/vx_udp_clients.h"
@@ -140,6 +141,8 @@ void vxUdpRelease(vxApplication& app) {
     vxFreeExceptionNames();
     parseExceptionFilteringList("");
     freeMethods(app.method);
+    for (VXHttpNameList* list : {&app.http.request.list, &app.http.response.list, &app.http.valuesAsId})
+        vxFreeNameList(*list);
     freeProcessTable(app.identity);
     freeclientdata(app);
     freeTexts(app);

@@ -15,6 +15,10 @@ namespace vx {
 
 namespace {
 
+// Workers that have been given something and sleep; the receiver's.
+udpStorage* toWake[kMaxUDPThreads];
+std::int32_t toWakeCount = 0;
+
 bool stopping() {
     return VXUdp.stopping.load(std::memory_order_acquire);
 }
@@ -85,14 +89,14 @@ bool vxUdpMakeWorkers(std::int32_t count, vxApplication* root) {
 void vxUdpHandOver(VXUdpNode* node) {
     const auto count = static_cast<std::uint32_t>(VXUdp.workerCount.load(std::memory_order_relaxed));
     udpStorage& worker = VXUdp.workers[(node->sender.port ^ node->sender.ip) % count];
-    bool sleeps = false;
-    {
-        const std::lock_guard lock(worker.mutex);
-        worker.lastSender = node->sender;
-        vxUdpAppend(worker.queue, node);
-        sleeps = std::exchange(worker.waiting, false);
-    }
-    if (sleeps) worker.ready.notify_one();
+    const std::lock_guard lock(worker.mutex);
+    worker.lastSender = node->sender;
+    vxUdpAppend(worker.queue, node);
+    if (std::exchange(worker.waiting, false)) toWake[toWakeCount++] = &worker;
+}
+
+void vxUdpWakeWorkers() {
+    while (toWakeCount > 0) toWake[--toWakeCount]->ready.notify_one();
 }
 
 void vxUdpEndWorkers() {
