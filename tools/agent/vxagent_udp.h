@@ -25,7 +25,7 @@
 namespace vx::agent {
 
 inline constexpr std::size_t kDatagramSize = 16384;
-inline constexpr int kBurst = 16;
+inline constexpr int kBurst = 4;
 inline constexpr std::int64_t kPaceMs = 1;
 inline constexpr std::int64_t kAskMs = 250,
                               kAskRunningMs = 2000;  // between questions, outside a test and in it
