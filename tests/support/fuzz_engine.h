@@ -65,6 +65,7 @@ private:
         setdefaultValuesForException();
         freeMethodTable(app->method);
         vxAggFree(app->exceptionMonitor.exceptionArr);
+        for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         freeSharedTexts(*app);
         apr_pool_destroy(app->pool);
         freeRetiredTexts(app->retired);

@@ -82,12 +82,6 @@ TEST_F(Exceptions, WhatIsMissingOrOffIsWrittenAsSuch) {
              setExceptionCaptureSettings("2%200");
          },
          {"38,77,7,3,0,-1,-1,1,1,1,3,1,-1,"}},
-        {"times that nobody can mean",
-         [](VXExceptionReport& r) {
-             r.exceptionTime = INT64_MIN;
-             vxCurrent()->Server.zorEpochDiff = 1;
-         },
-         {"38,77,9223372036854775,3,0,-1,-1,1,1,1,3,1,-1,"}},
     };
     for (const auto& row : rows) {
         VXExceptionReport changed = report;
