@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -130,7 +131,7 @@ void setHttpReqRespCaptureSettings(char* value, const char* keyword, int /*index
 void sethdrListForValueAsId(char* value, const char* /*keyword*/, int /*index*/) {
     VXGatheredNames gathered;
     gathered.count = 0;
-    for (char* at = std::strstr(value, "%2C"); at; at = std::strstr(at, "%2C")) std::memcpy(at, ",,,", 3);
+    for (char* at = std::strstr(value, "%2C"); at; at = std::strstr(at, "%2C")) std::fill_n(at, 3, ',');
     char* names[kMaxListedNames];
     const int count = vxlb_get_tokens_with_multi_delimiter(value, names, ",", kMaxListedNames);
     for (int i = 0; i < count; ++i) vxGatherName(gathered, names[i]);

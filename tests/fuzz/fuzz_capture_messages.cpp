@@ -8,6 +8,8 @@
 #include <cstring>
 #include <string>
 
+#include "commonlibc/VXSessionKeywords.h"
+#include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
 #include "commonlibc/vxlb_messages.h"
 #include "tests/support/fuzz_engine.h"
 #include "tests/support/record_stream.h"
@@ -27,10 +29,25 @@ constexpr Type kTypes[] = {{5, 28}, {6, 32}, {7, 12}};
 void applySettings(vxApplication& app, unsigned bits) {
     vx_word_set(app.VXSys.enableExceptionInSeqBlob, bits & 1);
     vx_word_set(app.VXSys.enableIPResourceURL, bits >> 1 & 1);
-    vx_word_set(app.VXSys.otelEnabled, bits >> 2 & 1);
-    vx_word_set(app.VXSys.otelGlobal, bits >> 2 & 1);
     parseExceptionFilteringList(bits >> 3 & 1 ? "E,F,Shop.Gone" : "NA");
     setExceptionCaptureSettings(bits >> 4 & 1 ? "1%200" : "2%201%201%209%201");
+}
+
+void apply(void (*parser)(char*, const char*, int), const char* keyword, std::string value) {
+    parser(value.data(), keyword, -1);
+}
+
+void applyHeaderSettings(vxApplication& app, unsigned bits) {
+    for (const char* keyword : {"captureHTTPReqFullFp", "captureHTTPRespFullFp"})
+        apply(setHttpReqRespCaptureSettings, keyword, bits & 1 ? "3%200%200%200" : "3%201%201%205");
+    apply(sethdrListForValueAsId, "hdrListForValueAsId", bits >> 1 & 1 ? "Host,A" : "");
+    apply(setpropheadcheck, "enableOTELStandard",
+          bits >> 2 & 1 ? "1%201%201%201%201%200%200%200%200" : "0%200%200%200%200%200%200%200%200");
+    std::string list = "Host\nrequest|A\n";
+    setHttpHashMapNode(list.data());
+    app.VXBCISetting.agentTypeCode = static_cast<std::int32_t>(bits >> 5 & 7);
+    app.Server.isTenRecordDump = 1;
+    app.data.data_thread_running = 1;
 }
 
 void checkRecords(const std::string& text) {
@@ -52,6 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2) return 0;
     vxApplication& app = test::FuzzEngine::forInput();
     applySettings(app, data[1]);
+    applyHeaderSettings(app, data[1]);
     const Type& type = kTypes[data[0] % std::size(kTypes)];
     std::string body(reinterpret_cast<const char*>(data) + 2, size - 2);
     if (body.size() >= type.flowpathAt + sizeof(kFlowpath))

@@ -33,6 +33,8 @@ TEST_F(Slots, ResetReturnsEveryFieldButWhatBelongsToThePool) {
     std::memset(static_cast<void*>(slot), 0x5A, numbers);
     std::memcpy(&slot->tlsIdx, clean + offsetof(vxTD, tlsIdx), sizeof(slot->tlsIdx));
     std::memcpy(&slot->tlThreadId, clean + offsetof(vxTD, tlThreadId), sizeof(slot->tlThreadId));
+    std::memcpy(static_cast<void*>(&slot->busySerial), clean + offsetof(vxTD, busySerial),
+                sizeof(slot->busySerial));
     slot->inUse = 1;
     slot->methodTableHeld = 0;
     takeMethodTable(slot);
