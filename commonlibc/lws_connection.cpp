@@ -10,6 +10,7 @@
 #include "commonlibc/lws_connection_state.h"
 #include "commonlibc/lws_context.h"
 #include "commonlibc/lws_url.h"
+#include "commonlibc/platform/vx_platform_wire.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
 
@@ -73,7 +74,8 @@ void startConnect(VXLwsConnection& connection, const VXLwsTarget& target, const 
     lws_client_connect_info info{};
     info.context = connection.context;
     info.vhost = connection.vhost;
-    info.address = info.host = info.origin = target.host;
+    info.host = info.origin = target.host;
+    info.address = target.address ? target.address : target.host;
     info.port = target.port;
     info.path = path;
     info.pwsi = &connection.wsi;
@@ -144,7 +146,12 @@ VXLwsConnection* vxLwsConnect(const VXLwsTarget& target) {
     startConnect(*connection, target, path ? path : "/");
     VXLB_FREE(path, "websocket url", -1);
     waitForConnect(*connection, target);
-    if (vxLwsStands(*connection)) return connection;
+    if (vxLwsStands(*connection)) {
+        int peerPort = 0;
+        vx_platform_connection_end(vxLwsDescriptor(*connection), false, connection->peer,
+                                   sizeof(connection->peer), &peerPort);
+        return connection;
+    }
     VX_TRACE(1, kControlThread, kError, "%s client connection failed", target.label);
     vxLwsEnd(connection);
     return nullptr;
@@ -245,6 +252,10 @@ std::int64_t vxLwsRead(VXLwsConnection& connection, char* out, std::int64_t size
         if (connection.wsi) lws_rx_flow_control(connection.wsi, 1);
     }
     return count;
+}
+
+const char* vxLwsPeer(const VXLwsConnection& connection) {
+    return connection.peer;
 }
 
 int vxLwsDescriptor(const VXLwsConnection& connection) {

@@ -28,8 +28,9 @@
 namespace vx {
 
 struct VXLwsTarget {
-    const char* label;  // of traces, as in "Control"
-    const char* host;
+    const char* label;    // of traces, as in "Control"
+    const char* host;     // its name, as the other side knows it
+    const char* address;  // where it was found to be; null: found by the name
     int port;
     int protocol;         // kProtocolTCP, kProtocolWS or kProtocolWSS
     bool text;            // messages are text where they can be, else binary
@@ -72,5 +73,7 @@ bool vxLwsReadable(const VXLwsConnection& connection);
 std::int64_t vxLwsRead(VXLwsConnection& connection, char* out, std::int64_t size, std::int64_t us);
 
 int vxLwsDescriptor(const VXLwsConnection& connection);  // -1 when there is none
+// The other side's address, as it was when the connection came to stand; any thread that may wake it.
+const char* vxLwsPeer(const VXLwsConnection& connection);
 
 }  // namespace vx

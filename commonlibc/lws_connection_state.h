@@ -32,7 +32,8 @@ struct VXLwsConnection {
     lws_sorted_usec_list_t timer;
     const char* label;
     VXLwsPhase phase;
-    bool framed;  // WebSocket; else raw
+    char peer[16];  // address; written once, before others know the connection
+    bool framed;    // WebSocket; else raw
     bool text;
     bool receiveHeld;  // the other side is not read: the buffer has no room
 

@@ -2,7 +2,9 @@
 
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/platform/vx_platform_wire.h"
+#include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utiles.h"
 
 namespace vx {
 
@@ -21,6 +23,8 @@ bool linkStops() {
     return instanceStops() || vxCurrent()->control.closeCtrlConFlag.load(std::memory_order_acquire) != 0;
 }
 
+constexpr std::size_t kAddressSize = 16;
+
 struct Kind {
     const char* label;  // as in "Control Protcol:WS"
     const char* name;   // as in "data sending on data connection"
@@ -28,6 +32,7 @@ struct Kind {
     bool text, reads;
     std::int64_t connectTimeUs, sendTimeUs;
     bool (*stop)();
+    bool atControlPeer;  // connects where the control connection does, without finding the host's address
 };
 
 VXLwsHandle& controlHandle(vxApplication& app) {
@@ -50,25 +55,37 @@ VXLwsHandle& discoveryHandle(vxApplication& app) {
 }
 
 // clang-format off
-constexpr Kind kControl{"Control", "control", controlHandle, true, true, kConnectTimeUs, kSendTimeUs, instanceStops};
-constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
-constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
-constexpr Kind kBulkData{"BulkData", "bulk data", bulkDataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
-constexpr Kind kLog{"Log", "log", logHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops};
-constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, kDiscoverySendTimeUs, serviceStops};
+constexpr Kind kControl{"Control", "control", controlHandle, true, true, kConnectTimeUs, kSendTimeUs, instanceStops, false};
+constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
+constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
+constexpr Kind kBulkData{"BulkData", "bulk data", bulkDataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
+constexpr Kind kLog{"Log", "log", logHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
+constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, kDiscoverySendTimeUs, serviceStops, true};
 // clang-format on
 
 VXLwsConnection* held(const VXLwsHandle& handle) {
     return handle.load(std::memory_order_acquire);
 }
 
+// The address of the collector that the control thread's connection has found. False without one that is
+// being read.
+bool controlPeer(VXOutbox_t& outbox, char (&address)[kAddressSize]) {
+    const VXGuard lock(outbox.mutex);  // the connection stands as long as the outbox names it
+    if (!outbox.lws) return false;
+    vxlb_copy_text(address, sizeof(address), vxLwsPeer(*outbox.lws));
+    return *address != '\0';
+}
+
 bool create(const Kind& kind, const char* host, int port) {
     vxApplication& app = *vxCurrent();
+    char address[kAddressSize];
+    if (kind.atControlPeer && !controlPeer(app.control.outbox, address)) return false;
     VXLwsHandle& handle = kind.handle(app);
     vxLwsEndHandle(handle);
     VXLwsConnection* connection =
         vxLwsConnect({.label = kind.label,
                       .host = host,
+                      .address = kind.atControlPeer ? address : nullptr,
                       .port = port,
                       .protocol = app.control.ActiveAgentProtocolIndex.load(std::memory_order_relaxed),
                       .text = kind.text,

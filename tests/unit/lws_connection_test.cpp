@@ -1,11 +1,18 @@
 #include "commonlibc/lws_connection.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
+#include "commonlibc/VXDataConnection.h"
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXDataSender.h"
+#include "commonlibc/control_outbox.h"
 #include "commonlibc/lws_handler.h"
 #include "commonlibc/lws_url.h"
+#include "tests/support/dumped_records.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/ws_bridge.h"
 
@@ -30,7 +37,8 @@ protected:
     }
     int port() const { return front ? front->port() : collector.port(); }
     void open(bool reads = true, bool text = true) {
-        connection = vxLwsConnect({"Test", "127.0.0.1", port(), GetParam(), text, reads, 10000000, nullptr});
+        connection = vxLwsConnect(
+            {"Test", "localhost", "127.0.0.1", port(), GetParam(), text, reads, 10000000, nullptr});
         ASSERT_NE(connection, nullptr);
         peer = collector.accept();
         ASSERT_TRUE(peer);
@@ -72,7 +80,148 @@ TEST_P(Lws, CarriesTheSameBytesBothWays) {
     EXPECT_EQ(vxLwsSend(*connection, "x", 1, 1000), -1);
 }
 
+TEST_P(Lws, WhatHadNotArrivedBeginsAgainOnTheNextConnection) {
+    constexpr int kRecords = 9000;
+    openDumping(*app, 100, 100000);
+    std::string all;
+    for (int i = 0; i < kRecords; ++i) {
+        const std::string record = std::to_string(i) + "," + std::string(900, 'x') + "\n";
+        dumpData(record.data(), static_cast<std::int64_t>(record.size()));
+        all += record;
+    }
+    movePartialToReadList(app->data.chain);
+    ASSERT_TRUE(create_lws_data_connection("127.0.0.1", port()));
+    peer = collector.accept();
+    ASSERT_TRUE(peer);
+    if (front) front->holdReading(true);
+    EXPECT_TRUE(eventually([&] { return processDataLws(0) == kSendNoBytes; })) << "a peer that does not read";
+    if (front) {
+        front = std::make_unique<WsBridge>(collector.port(), certificate.get());  // resets the old one's
+    } else {
+        peer.reset();
+    }
+    EXPECT_TRUE(eventually([&] { return processDataLws(0) == kSendLost; }));
+    close_data_connection();
+
+    ASSERT_TRUE(create_lws_data_connection("127.0.0.1", port()));
+    peer = collector.accept();
+    std::string rest;
+    std::thread reader([&] { rest = peer.readToEnd(3); });
+    EXPECT_TRUE(eventually([&] { return processDataLws(0) == kSendDone; }));
+    close_data_connection();
+    reader.join();
+    const int first = std::atoi(rest.c_str());
+    EXPECT_GT(first, 0) << "some had arrived";
+    EXPECT_TRUE(rest == all.substr(all.find("\n" + std::to_string(first) + ",") + 1)) << first;
+    EXPECT_EQ(app->data.chain.recordsDropped, 0U);
+    closeDumping(*app);
+}
+
+long openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+long residentPages() {
+    long size = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return resident;
+}
+
+TEST_P(Lws, HundredsOfConnectionsHaveTheMemoryAndDescriptorsOfOne) {
+    const auto connectOnce = [&](int port) {
+        vxLwsEnd(vxLwsConnect(
+            {"Test", "localhost", "127.0.0.1", port, GetParam(), true, true, 10000000, nullptr}));
+    };
+    long descriptors = 0, pages = 0;
+    for (int i = 0; i < 300; ++i) {
+        connectOnce(i % 3 == 2 ? 1 : port());  // each third is refused
+        if (i % 3 == 0) collector.accept().close();
+        if (i % 3 == 1) collector.accept().reset();
+        if (i == 100) descriptors = openDescriptors(), pages = residentPages();
+    }
+    EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptors + 4; })) << descriptors;
+    EXPECT_LT(residentPages() - pages, 512) << "two megabytes";
+}
+
+TEST_P(Lws, EachKindHasAConnectionOfItsOwnThatEndsWithItsOrder) {
+    const struct {
+        bool (*create)(const char*, int);
+        int (*send)(const char*, std::int32_t);
+        VXLwsHandle& handle;
+    } kinds[] = {
+        {create_lws_control_connection, send_control_data_via_lws_socket, app->control.controlWsi},
+        {create_lws_data_connection, send_data_via_lws_socket, app->data.dataWsi},
+        {create_lws_as_connection, send_as_data_via_lws_socket, app->autoSensor.asWsi},
+        {create_lws_bulk_data_connection, send_bulk_data_via_lws_socket, app->lws.bulkDataWsi},
+        {create_lws_log_connection, send_log_data_via_lws_socket, app->lws.logWsi},
+        {create_lws_discovery_connection, send_discovery_data_via_lws_socket, app->discovery.discoveryWsi},
+    };
+    std::vector<FakePeer> peers;
+    for (const auto& kind : kinds) {
+        EXPECT_EQ(kind.send("x\n", 2), 1) << "without a connection";
+        ASSERT_TRUE(kind.create("127.0.0.1", port()));
+        peers.push_back(collector.accept());
+        if (peers.size() == 1) vxOutboxOpenLws(*app, *app->control.controlWsi);  // as its read loop does
+        EXPECT_EQ(kind.send("a line\n", 7), 0);
+        EXPECT_EQ(peers.back().readLine(), "a line");
+    }
+    vxOutboxClose(*app);
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        vxLwsEndHandle(kinds[i].handle);
+        EXPECT_TRUE(peers[i].ended());
+        EXPECT_EQ(kinds[i].handle.load(), nullptr);
+    }
+    collector.stopListening();
+    front.reset();
+    EXPECT_FALSE(create_lws_control_connection("127.0.0.1", port() ? port() : 1)) << "nobody listens";
+    app->control.ActiveAgentProtocolIndex = 0;
+    EXPECT_FALSE(create_lws_control_connection("127.0.0.1", 1)) << "no protocol";
+}
+
 INSTANTIATE_TEST_SUITE_P(Protocols, Lws, testing::Values(kProtocolTCP, kProtocolWS, kProtocolWSS));
+
+using LwsSettings = LinkFixture;
+
+TEST_F(LwsSettings, CertificatesAreCheckedOnlyWhenAskedFor) {
+    const TestCertificate certificate;
+    const WsBridge front(collector.port(), &certificate);
+    app->control.ActiveAgentProtocolIndex = kProtocolWSS;
+    const struct {
+        int verify;
+        const char* caFile;
+        const char* host;
+        bool taken;
+    } rows[] = {
+        {0, "", "127.0.0.1", true},
+        {1, "", "localhost", false},  // of no authority that the system knows
+        {1, certificate.certificate.c_str(), "localhost", true},
+        {1, certificate.certificate.c_str(), "127.0.0.1", false},  // another name
+    };
+    for (const auto& row : rows) {
+        app->VXBCISetting.tlsVerify = row.verify;
+        setSharedText(app->retired, app->VXBCISetting.tlsCaFile, row.caFile);
+        EXPECT_EQ(create_lws_control_connection(row.host, front.port()), row.taken) << row.host << row.verify;
+        vxLwsEndHandle(app->control.controlWsi);
+    }
+}
+
+TEST_F(LwsSettings, ThePathNamesTheInstanceAndEndsNoRequestLine) {
+    setAppName("a b\r\nX: \"y\"");
+    setTierName("t");
+    setAppServerName("h\xC3\xA9");
+    setSharedText(app->retired, app->VXBCISetting.attributes, "{'k':1}");
+    const auto path = [] {
+        char* url = setWebsocketUrl();
+        std::string text = url;
+        VXLB_FREE(url, "websocket url", -1);
+        return text;
+    };
+    const std::string bare = "collector/vx/a%20b%0D%0AX:%20%22y%22/t/h%C3%A9?tierAttributes={%27k%27:1}&";
+    EXPECT_EQ(path(), "/" + bare);
+    app->VXBCISetting.rawWsPath = 1;
+    EXPECT_EQ(path(), bare);
+    setAppName(std::string(5000, '"').c_str());
+    EXPECT_EQ(path().size(), 13 + 3 * 1010U) << "cut";
+}
 
 }  // namespace
 }  // namespace vx::test

@@ -7,6 +7,7 @@
 #include "commonlibc/control_outbox.h"
 #include "commonlibc/control_thread.h"
 #include "tests/support/link_fixture.h"
+#include "tests/support/tcp_relay.h"
 #include "tests/support/ws_bridge.h"
 
 namespace vx::test {
@@ -19,6 +20,7 @@ protected:
         LinkFixture::SetUp();
         if (name() == "WSS") certificate = std::make_unique<TestCertificate>();
         front = std::make_unique<WsBridge>(collector.port(), certificate.get());
+        relay = std::make_unique<TcpRelay>(front->port());
         app->identity.agentName = agentName_;
         app->control.pollTimeUs = 20000;
         app->VXSys.dataConnState = 1;
@@ -33,10 +35,10 @@ protected:
         LinkFixture::TearDown();
     }
     static std::string name() { return GetParam(); }
-    std::string protocol() const { return name() + ":" + std::to_string(front->port()); }
+    std::string protocol() const { return name() + ":" + std::to_string(relay->port()); }
     void writeSettings(const std::string& more = "") {
         write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nvxcPort=" +
-                                     std::to_string(front->port()) + "\nVXC_COMM_PROTOCOL=" + protocol() +
+                                     std::to_string(relay->port()) + "\nVXC_COMM_PROTOCOL=" + protocol() +
                                      "\n" + more);
     }
     // Accepts the control connection and answers its connect line; the line.
@@ -61,6 +63,7 @@ protected:
 
     std::unique_ptr<TestCertificate> certificate;
     std::unique_ptr<WsBridge> front;
+    std::unique_ptr<TcpRelay> relay;  // in front of it
 
 private:
     char agentName_[8] = "agent";
@@ -116,6 +119,53 @@ TEST_P(LwsLink, AsksForASignOfLifeAndComesBackWhenTheOtherSideEnds) {
     app->control.closeCtrlConFlag = 1;
     EXPECT_TRUE(control.ended());
     acceptControl(control);
+}
+
+TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
+    int struck = 0;
+    for (const Way way : {Way::kUp, Way::kDown}) {
+        for (const std::int64_t bytes : {0, 1, 100, 250, 700}) {
+            const auto kind = bytes % 4 ? Fault::Kind::kCut : Fault::Kind::kReset;
+            relay->add({.kind = kind, .way = way, .bytes = bytes});
+            if (struck == 0) vxStartControlThread(app);
+            const auto deadline = deadlineIn(kPeerSeconds);
+            while (relay->struck() == struck && std::chrono::steady_clock::now() < deadline) {
+                FakePeer broken = collector.accept(0.05);  // it may come so far
+                if (broken)
+                    broken.send("vx_ctrl_msg_rep:result=Ok;state=1;supportedProtocols=" + protocol() + ";" +
+                                std::string(2000, 'x') + "\n");
+                ::usleep(1000);
+            }
+            ASSERT_EQ(relay->struck(), ++struck) << bytes;
+        }
+    }
+    for (int i = 0; i < 20; ++i) {
+        FakePeer control = collector.accept();
+        if (!control.readLine(1).starts_with("vx_ctrl_msg_req:")) continue;  // one of the broken
+        control.send(
+            "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%1%50%10;"
+            "supportedProtocols=" +
+            protocol() + "\n");
+        if (control.readLine(1).starts_with("vx_control_req:action=reconnect;heartBeat")) return;
+    }
+    FAIL() << "no connection stands";
+}
+
+TEST_P(LwsLink, TheCollectorsReplyMovesItToAnotherProtocolAndBack) {
+    const std::string tcp = "TCP:" + std::to_string(collector.port());
+    write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=" + tcp +
+                                 "," + protocol() + "\n");
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    const std::string orders[] = {protocol() + "," + tcp, tcp + "," + protocol(), tcp};
+    const char* const versions[] = {";protoVer=0;", ";protoVer=1;", ";protoVer=0;"};
+    for (int i = 0; i < 3; ++i) {
+        FakePeer control = collector.accept();
+        EXPECT_NE(control.readLine().find(versions[i]), std::string::npos) << i;
+        control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;supportedProtocols=" + orders[i] +
+                     "\n");
+        EXPECT_EQ(control.ended(i == 2 ? 0.1 : kPeerSeconds), i < 2) << i;
+    }
+    EXPECT_EQ(front->paths().size(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, LwsLink, testing::Values("WS", "WSS"));
