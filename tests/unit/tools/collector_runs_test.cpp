@@ -51,7 +51,7 @@ protected:
         std::FILE* out = ::open_memstream(&text, &size);
         printSummary(runs.summary(), out, 20);
         std::fclose(out);
-        const std::string made(text, size);
+        std::string made(text, size);
         std::free(text);
         return made;
     }
