@@ -66,14 +66,21 @@ protected:
     // Hands the decoder a datagram that came from the test's socket, or from another port.
     void datagram(const std::string& bytes, std::uint16_t port = 0) {
         decode_udp_Message_wrapper(bytes.data(), static_cast<std::int32_t>(bytes.size()),
-                                   {0x7F000001, port ? port : ownPort()});
+                                   {0x7F000001, port ? port : portOf(client_)});
         EXPECT_EQ(vxCurrent(), app);
     }
-    // The next answer; "(none)" when there is none.
-    std::string answer() const {
+    // The same over the test's own socket, towards the intake.
+    void send(const std::string& bytes) const {
+        const auto port = static_cast<std::uint16_t>(VXProxy.proxyPort);
+        EXPECT_TRUE(vx_platform_udp_send(client_, bytes.data(), bytes.size(), {0x7F000001, port}));
+    }
+    // The next answer; "(none)" when none is there, or comes within so many seconds.
+    std::string answer(int seconds = 0) const {
         char buffer[20000];
         VXDatagramEnd from{};
-        const auto count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), false, &from);
+        std::int64_t count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), false, &from);
+        for (int i = 0; count == kNoDatagram && i < seconds; ++i)
+            count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), true, &from);
         return count < 0 ? "(none)" : std::string(buffer, static_cast<std::size_t>(count));
     }
     static vxApplication* function(std::int32_t index) {
@@ -82,16 +89,16 @@ protected:
         return found;
     }
 
-    FakeClock clock;
-
-private:
-    std::uint16_t ownPort() const {
+    static std::uint16_t portOf(int socket) {
         sockaddr_in address{};
         socklen_t length = sizeof(address);
-        ::getsockname(client_, reinterpret_cast<sockaddr*>(&address), &length);
+        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
         return ntohs(address.sin_port);
     }
 
+    FakeClock clock;
+
+private:
     int client_ = -1;
 };
 
