@@ -34,5 +34,16 @@ TEST_F(Datagrams, FunctionsDeliverEveryTransactionInEachOfTheirLives) {
     EXPECT_EQ(service->wait(), 0) << service->output();
 }
 
+TEST_F(Datagrams, AServiceThatHasComeBackGetsToKnowItsFunctions) {
+    startCollector();
+    startService();
+    const auto functions = startLoad({"--udp", "--processes", "2", "--rate", "40", "--duration", "1000"});
+    ASSERT_TRUE(arrive(10)) << traceText();
+    service->signal(SIGTERM);
+    EXPECT_EQ(service->wait(), 0);
+    startService();
+    EXPECT_TRUE(arrive(arrived() + 10)) << traceText();
+}
+
 }  // namespace
 }  // namespace vx::test
