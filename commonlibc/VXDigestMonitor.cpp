@@ -6,7 +6,6 @@
 
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXMonitorReport.h"
-#include "commonlibc/vxbt/vxbt_utils.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_utiles.h"
 

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <cstring>
+#include <new>
 
 #include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXMonitorReport.h"
@@ -66,14 +67,18 @@ bool splitLine(char* text, ExceptionLine& line) {
     return true;
 }
 
-// A new entry of the map, of the map's pool; null beyond the ceiling or without memory. Map lock held.
+// A new entry of the map, one block of the map's pool; null beyond the ceiling or without memory. Map lock
+// held.
 VXExceptionEntry* addEntry(VXExceptionMonitorState_t& state, const char* className) {
     if (!state.map || state.entryCount >= VXProxy.ceilings.maxExceptionRows) return nullptr;
-    auto* entry = static_cast<VXExceptionEntry*>(apr_pcalloc(state.map->pool, sizeof(VXExceptionEntry)));
-    if (!entry) return nullptr;
-    entry->className = apr_pstrdup(state.map->pool, className);
     VXExceptionMonitorDataCounters* slot = checkAndIncrementAggrExceptionDataArray(state.entryCount + 1);
-    if (!entry->className || !slot) return nullptr;
+    const std::size_t keySize = std::strlen(className) + 1;
+    void* block = slot ? apr_palloc(state.map->pool, sizeof(VXExceptionEntry) + keySize) : nullptr;
+    if (!block) return nullptr;
+    auto* entry = new (block) VXExceptionEntry{};
+    char* key = reinterpret_cast<char*>(entry + 1);
+    std::memcpy(key, className, keySize);
+    entry->className = key;
     entry->id = ++state.entryCount;
     slot->exceptionEntry.store(entry, std::memory_order_release);
     modify_hashmap(entry->className, entry, state.map);
