@@ -67,7 +67,8 @@ struct Wanted {
     vxTD* slot;
     const VXHttpReqRespCaptureSettings_t& settings;
     std::int32_t btId;
-    bool tags, record, trace;
+    VXMap* names;  // null: no record is wanted
+    bool tags, trace;
 };
 
 // How much of a value is written.
@@ -85,16 +86,16 @@ VXHttpHeader* announced(VXHttpHeader* row) {
     return row;
 }
 
-void capture(const vxApplication& app, const Wanted& wanted, const char* name, char* value, Items& items) {
+void capture(const Wanted& wanted, const char* name, char* value, Items& items) {
     if (vx_word_get(wanted.settings.hdrMode) == kListedHeaders && !vxNameListed(wanted.settings.list, name))
         return;
-    VXHttpHeader* row = announced(searchAndUpdatehttpHashMapNode(name, app.http.headers));
+    VXHttpHeader* row = announced(searchAndUpdatehttpHashMapNode(name, wanted.names));
     if (!row) return;
     char encoded[kEncodedSize];
     const std::size_t length =
         checkHdrModeLengthAndEncodeHeadeValue(encoded, sizeof(encoded), value, wanted.settings);
     const VXHttpHeader* valueRow =
-        row->valueAsId ? announced(vxHttpValueRow(encoded, app.http.headers)) : nullptr;
+        row->valueAsId ? announced(vxHttpValueRow(encoded, wanted.names)) : nullptr;
     items.add(row->id, {encoded, length}, valueRow);
 }
 
@@ -114,10 +115,11 @@ void eachHeader(char* text, Separators separators, Take take) {
 
 Wanted whatIsWanted(const vxApplication& app, vxTD* slot, const VXHttpReqRespCaptureSettings_t& settings,
                     bool ofRequest) {
-    Wanted wanted{slot, settings, slot->tlBTObj->btId.load(std::memory_order_relaxed), false, false, false};
+    Wanted wanted{slot, settings, slot->tlBTObj->btId.load(std::memory_order_relaxed), nullptr, false, false};
     wanted.tags = vx_word_get(app.VXSys.tagsEnabled) && wanted.btId > 0 &&
                   vxHasTagOfKind(app.bt.ruleSet.load(std::memory_order_acquire), wanted.btId, kHeaderTag);
-    wanted.record = vx_word_get(settings.captureLevel) >= kLevelOfRecords;
+    // The map may have been made by another thread just now: its lock says where it stands.
+    if (vx_word_get(settings.captureLevel) >= kLevelOfRecords) wanted.names = initHttpHashMapNode();
     wanted.trace = ofRequest && vxTraceContextOn(app);
     return wanted;
 }
@@ -128,7 +130,7 @@ bool hasHeaders(const vxTD* slot, const char* buffer) {
 
 void takeHeaders(const vxApplication& app, const Wanted& wanted, const char* buffer,
                  std::int32_t recordNumber, std::int32_t status) {
-    if (!wanted.tags && !wanted.record && !wanted.trace) return;
+    if (!wanted.tags && !wanted.names && !wanted.trace) return;
     char text[kTextSize];
     vxlb_copy_text(text, sizeof(text), buffer);
     Items items;
@@ -137,10 +139,10 @@ void takeHeaders(const vxApplication& app, const Wanted& wanted, const char* buf
     eachHeader(text, separatorsOf(agentType), [&](const char* name, char* value) {
         if (wanted.tags) VX_UPCALL(resolveTransactionTag, wanted.slot, name, value, wanted.btId, kHeaderTag);
         if (wanted.trace) vxNoteTraceHeader(app.http.trace, traceHeaders, name, value);
-        if (wanted.record) capture(app, wanted, name, value, items);
+        if (wanted.names) capture(wanted, name, value, items);
     });
     if (wanted.trace) vxTakeTraceContext(wanted.slot, traceHeaders);
-    if (wanted.record) dumpHttpReqRepRecord(wanted.slot, items.text(), recordNumber, status);
+    if (wanted.names) dumpHttpReqRepRecord(wanted.slot, items.text(), recordNumber, status);
 }
 
 }  // namespace
