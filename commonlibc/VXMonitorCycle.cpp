@@ -166,7 +166,7 @@ void traceUnreported(const vxApplication& app) {
     const long long exceptions =
         unreportedIn(app.exceptionMonitor.exceptionArr, &VXExceptionMonitorDataCounters::count);
     if (!transactions && !calls && !methods && !exceptions) return;
-    VX_TRACE(1, kBtMon, kWarning,
+    VX_TRACE(1, kControlThread, kWarning,
              "Monitors: lost unreported: transactions = %lld, back-end calls = %lld, method calls = %lld, "
              "exceptions = %lld",
              transactions, calls, methods, exceptions);

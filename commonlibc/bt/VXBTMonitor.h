@@ -5,8 +5,10 @@
 //
 // Units     Milliseconds; CPU time in the unit that the flowpath delivers.
 // Limits    The merge allocates nothing once the BT's slot exists and the BT was counted once in this run.
-// Threads   The merge takes the BT-tag mutex, then the slot's; growth needs the BT map mutex. All on the
-//           current context.
+// Tags      With tags on, a flowpath whose tags the BT-tag map knows is counted in a slot of aggTagArr; the
+//           BT's own slot takes no more than its duration for the digest.
+// Threads   The merge takes the slot's mutex and, in it, the BT-tag mutex (a leaf); with tags the flowpath's
+//           tag mutex around both. Growth needs the BT map mutex. All on the current context.
 #pragma once
 
 #include <limits>

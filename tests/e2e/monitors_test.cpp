@@ -1,6 +1,7 @@
 // Monitor records between the real programs: what a run has counted is with the collector when it has ended.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <sstream>
 #include <string>
@@ -11,6 +12,20 @@
 
 namespace vx::test {
 namespace {
+
+// Transactions that the 74 records of all streams tell of, in the line of all.
+std::uint64_t reportedTransactions(const std::string& sensor) {
+    std::uint64_t sum = 0;
+    std::istringstream lines(sensor);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("74,") || line.find("AllTransactions|") == std::string::npos) continue;
+        std::istringstream figures(line.substr(line.rfind('|') + 1));
+        std::string field;
+        for (int i = 0; i < 5; ++i) figures >> field;
+        sum += std::stoull(field);
+    }
+    return sum;
+}
 
 class Monitors : public EndToEnd {
 protected:
@@ -70,6 +85,30 @@ TEST_F(Monitors, BackendsMethodsExceptionsAndPercentilesAddUpToWhatTheAgentsSent
     EXPECT_EQ(counted("61", "_Buying"), 7);
     EXPECT_TRUE(counted("63", "_Gone") == 7 && counted("63", "_OverAll") == 7) << streams("auto-sensor");
     EXPECT_EQ(counted("63", "_Never"), 0);
+}
+
+TEST_F(Monitors, ReportsOfARunAddUpToItsTransactionsThoughItEndsInTheMidstOfThem) {
+    startCollector(
+        {"--keywords", dir.write("keywords", "zorEpochDiff=1388534400\nbciInstrSessionPct=100\n")});
+    startService();
+    const auto load = startLoad({"--processes", "3", "--rate", "60", "--duration", "1000", "--errors", "20",
+                                 "--slow", "20", "--urls", "5"});
+    for (int run = 1; run <= 2; ++run) {
+        SCOPED_TRACE(run);
+        ASSERT_TRUE(arrive(arrived() + 60)) << traceText();
+        collector->say("stop");
+        ASSERT_TRUE(collector->outputHolds(" compared with its monitors: ", run)) << traceText();
+        collector->say("start");
+    }
+    const std::string output = collector->output();
+    EXPECT_EQ(occurrences(output, " objects agree, 0 recorded in part, 0 differ"), 2) << output;
+    EXPECT_EQ(occurrences(output, " 0 objects agree"), 0) << output;
+    load->signal(SIGKILL);
+    load->wait();
+    collector->say("stop");
+    ASSERT_TRUE(collector->outputHolds(" compared with its monitors: ", 3));
+    EXPECT_EQ(reportedTransactions(streams("auto-sensor")), arrived()) << traceText();
+    EXPECT_EQ(traceText().find("lost unreported"), std::string::npos);
 }
 
 }  // namespace
