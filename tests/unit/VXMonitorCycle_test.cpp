@@ -31,7 +31,14 @@ protected:
         vxFreeChain(app->autoSensor.chain);
         KnowledgeFixture::TearDown();
     }
-    // Reports since the last call.
+    // A transaction of the BT "/a" has ended.
+    void countOne() {
+        const auto slot = std::make_unique<vxTD>();
+        slot->tlBTObj = btOf("/a");
+        slot->tlCategory = kCategoryNormal;
+        updateCounterAndDurationForBT(slot.get());
+    }
+    // Lines of all transactions since the last call.
     int reports() {
         movePartialToReadList(app->autoSensor.chain);
         int count = 0;
@@ -87,17 +94,29 @@ TEST_F(ReportingCycle, WalksOverIdleTransactionsEveryFewTurnsWithAndWithoutAConn
     }
 }
 
+TEST_F(ReportingCycle, WritesDigestsAtPeriodsOfTheirOwn) {
+    app->VXSys.ASSampleInterval = 0;  // stops the reports, and nothing else
+    app->digest.bt.type = 1;
+    app->digest.bt.periodMs = 3 * kTurnMs;
+    monitorCycle(VXMonitorPhase::kSession);
+    std::string made;
+    for (int turn = 0; turn < 7; ++turn) {
+        countOne();
+        clock.advanceMs(kTurnMs);
+        monitorCycle(VXMonitorPhase::kTurn);
+        made += std::to_string(reports());
+    }
+    EXPECT_EQ(made, "0010010");
+}
+
 TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {
     const TraceFile trace(*app, 1);
-    const auto slot = std::make_unique<vxTD>();
-    slot->tlBTObj = btOf("/a");
-    slot->tlCategory = kCategoryNormal;
-    updateCounterAndDurationForBT(slot.get());
+    countOne();
     monitorCycle(VXMonitorPhase::kLast);
     EXPECT_EQ(reports(), 1);
     monitorCycle(VXMonitorPhase::kGone);
     EXPECT_FALSE(trace.says("lost unreported"));
-    updateCounterAndDurationForBT(slot.get());
+    countOne();
     monitorCycle(VXMonitorPhase::kGone);
     EXPECT_TRUE(trace.says("Monitors: lost unreported: transactions = 1, back-end calls = 0, "));
 }
