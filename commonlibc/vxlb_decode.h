@@ -29,5 +29,8 @@ namespace vx {
 //                 the carry-over is neither read nor written
 int decodeMessage(const char* buffer, std::int32_t bytesRead, std::int32_t procIndex, int singleRecord,
                   const char* fpKey);
+// The same for bytes that came at `nowUs`: what comes together reads the clock once.
+int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
+                      int singleRecord, const char* fpKey);
 
 }  // namespace vx

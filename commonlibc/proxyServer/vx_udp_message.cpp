@@ -29,6 +29,7 @@ struct Message {
     VXByteView bytes;
     vxApplication& app;
     std::int32_t index;
+    std::int64_t nowUs;  // when its datagram was taken up
 
     bool isAttached() const { return header.attached != 0; }
     // Header and newline taken off.
@@ -53,7 +54,8 @@ void onRecords(const Message& message) {
     const char* key = lookupKey(message);
     if (!key) return;
     const auto at = static_cast<std::size_t>(message.header.whLen);
-    decodeMessage(message.bytes.data() + at, static_cast<std::int32_t>(message.bytes.size() - at), 0, 1, key);
+    vxDecodeMessageAt(message.nowUs, message.bytes.data() + at,
+                      static_cast<std::int32_t>(message.bytes.size() - at), 0, 1, key);
 }
 
 void onRuckusResponse(const Message& message) {
@@ -124,7 +126,7 @@ constexpr void (*kHandlers[])(const Message&) = {
 // taken or the scope ends.
 class Target {
 public:
-    explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender) {}
+    explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender), nowUs_(vxlb_now_us()) {}
     ~Target() { leave(); }
     Target(const Target&) = delete;
     Target& operator=(const Target&) = delete;
@@ -142,10 +144,12 @@ public:
         return app_;
     }
 
+    std::int64_t nowUs() const { return nowUs_; }
+
 private:
     void hearOf() {
         vxSetCurrent(app_);
-        app_->udp.lastActivityMs.store(vxlb_now_ms(), std::memory_order_relaxed);
+        app_->udp.lastActivityMs.store(nowUs_ / 1000, std::memory_order_relaxed);
         addUDPClientSocket(sender_);
     }
     void leave() {
@@ -156,6 +160,7 @@ private:
 
     vxApplication* const root_;
     const VXUdpAddress sender_;
+    const std::int64_t nowUs_;
     vxApplication* app_ = nullptr;
     bool attached_ = false;
     std::int32_t index_ = kWrapIndexUnknown;
@@ -184,7 +189,7 @@ void handle(VXByteView bytes, Target& target) {
     vxApplication* app = index >= 0 ? target.take(header, index) : nullptr;
     if (!app) return refuse();
     const auto type = static_cast<std::size_t>(static_cast<std::uint16_t>(header.messageType));
-    if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index});
+    if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index, target.nowUs()});
 }
 
 }  // namespace
