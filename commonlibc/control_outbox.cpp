@@ -98,8 +98,9 @@ bool vxOutboxPut(vxApplication& app, const char* text, std::size_t length) {
 }
 
 std::int32_t vxOutboxWaiting(vxApplication& app) {
-    const VXGuard lock(app.control.outbox.mutex);
-    return app.control.outbox.poll ? app.control.outbox.length : -1;
+    const VXOutbox_t& box = app.control.outbox;
+    const VXGuard lock(box.mutex);
+    return box.poll || box.lws ? box.length : -1;
 }
 
 void vxOutboxOpen(vxApplication& app, apr_pollset_t* poll) {

@@ -26,6 +26,7 @@ namespace {
 constexpr std::int64_t kMinTotalMB = 1025, kMaxTotalMB = 1024999;
 constexpr std::uint8_t kModeOff = 0, kModeDump = 2;
 constexpr std::int64_t kAlertUs = 2000000, kAlertStepUs = 10000;
+constexpr std::int64_t kLwsFlushUs = 200000;  // of these: for what libwebsockets has taken and not sent yet
 constexpr std::size_t kMaxCoreFiles = 100;
 constexpr std::size_t kKeptDumps = 3;
 constexpr std::int64_t kDumpSpanUs = 3600000000;
@@ -148,8 +149,11 @@ void sendAlertToVXC(int usedMB) {
         "   Proxy will be restarted%s. MemoryThresholds: " VX_MEMORY_SETTINGS " MB     \n",
         usedMB, dumps ? "( and generated proc dump)" : "", VX_MEMORY_SETTING_VALUES);
     if (!vxOutboxPut(*app, text, static_cast<std::size_t>(length))) return;
-    for (std::int64_t waited = 0; waited < kAlertUs && vxOutboxWaiting(*app) > 0; waited += kAlertStepUs)
+    const bool overLws = app->control.lws_active.load(std::memory_order_acquire) == 1;
+    const std::int64_t most = overLws ? kAlertUs - kLwsFlushUs : kAlertUs;
+    for (std::int64_t waited = 0; waited < most && vxOutboxWaiting(*app) > 0; waited += kAlertStepUs)
         vxlb_sleep_us(kAlertStepUs);
+    if (overLws) vxlb_sleep_us(kLwsFlushUs);
     VX_TRACE(1, kControlThread, kInfo, "MemoryThresholds: SendToVXC: %s", text);
 }
 
