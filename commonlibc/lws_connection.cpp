@@ -57,6 +57,7 @@ lws_context_creation_info creationInfo(VXLwsConnection& connection, int protocol
     info.pt_serv_buf_size = kServiceBuffer;
     info.user = &connection;
     info.vhost_name = "collector";
+    info.http_proxy_address = ":0";  // none, whatever the variable http_proxy of the host says
     if (protocol != kProtocolWSS) return info;
     info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
     info.client_ssl_cipher_list = "DEFAULT:@SECLEVEL=1";

@@ -150,6 +150,7 @@ WsBridge::WsBridge(int targetPort, const TestCertificate* certificate) : inside_
     info.user = inside_.get();
     info.fd_limit_per_thread = 256;
     info.iface = "127.0.0.1";
+    info.http_proxy_address = ":0";  // none
     if (certificate) {
         info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
         info.ssl_cert_filepath = certificate->certificate.c_str();

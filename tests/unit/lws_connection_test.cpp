@@ -27,6 +27,7 @@ protected:
         if (GetParam() == kProtocolWSS) certificate = std::make_unique<TestCertificate>();
         if (GetParam() != kProtocolTCP)
             front = std::make_unique<WsBridge>(collector.port(), certificate.get());
+        setenv("http_proxy", "127.0.0.1:1", 1);  // of no concern to the service
         app->control.ActiveAgentProtocolIndex = GetParam();
         app->control.lws_active = 1;
     }
