@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace vx;
     static vxApplication* const root = makeProcess();
     if (size == 0) return 0;
-    nowUs += data[0] * 10'000'000;
+    nowUs += std::int64_t{data[0]} * 10'000'000;
     vxSetCurrent(root);
     proxy_udp_client_handler(data[0]);
     proxy_udp_ruckus_handler(1);
