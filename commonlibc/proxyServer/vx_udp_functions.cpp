@@ -126,8 +126,9 @@ vxApplication* takeContext() {
     for (vxApplication** link = &VXUdp.freeContexts; *link; link = &(*link)->udp.nextFree) {
         vxApplication* app = *link;
         if (!isFree(*app)) continue;
-        *link = app->udp.nextFree;
-        vxUdpRenew(*app);
+        vxApplication* const next = app->udp.nextFree;
+        if (!vxUdpRenew(*app)) return nullptr;
+        *link = next;
         return app;
     }
     return vxNewApplication();

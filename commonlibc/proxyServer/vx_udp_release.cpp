@@ -148,10 +148,10 @@ void vxUdpRelease(vxApplication& app) {
     freeTexts(app);
 }
 
-void vxUdpRenew(vxApplication& app) {
+bool vxUdpRenew(vxApplication& app) {
     vxJoinControlThread(app);
     if (app.pool) apr_pool_destroy(std::exchange(app.pool, nullptr));
-    vxRenewContext(app);
+    return vxRenewContext(app);
 }
 
 }  // namespace vx

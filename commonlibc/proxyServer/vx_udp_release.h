@@ -17,7 +17,8 @@ void freeUDPConnections(vxApplication* app);
 
 // Frees what the context holds beside its pool. Nobody else knows the context any more.
 void vxUdpRelease(vxApplication& app);
-// Gives the pool back and makes the block as a new one is, but for its mutexes.
-void vxUdpRenew(vxApplication& app);
+// Gives the pool back and makes the block as a new one is, but for its mutexes. False without memory: it is
+// not to be used then.
+bool vxUdpRenew(vxApplication& app);
 
 }  // namespace vx
