@@ -76,10 +76,17 @@ bool passTurn(const vxApplication& app) {
     return sessionGoesOn(app);
 }
 
+// What the monitors take out of their slots goes into the chain, though the run may end while they write.
+void letMonitorsReport(vxApplication& app, VXMonitorPhase phase) {
+    app.autoSensor.lastReport.store(1, std::memory_order_release);
+    VX_UPCALL(monitorCycle, phase);
+    app.autoSensor.lastReport.store(0, std::memory_order_release);
+}
+
 // One session on a connection.
-void report(const vxApplication& app) {
+void report(vxApplication& app) {
     VX_UPCALL(monitorCycle, VXMonitorPhase::kSession);
-    while (passTurn(app)) VX_UPCALL(monitorCycle, VXMonitorPhase::kTurn);
+    while (passTurn(app)) letMonitorsReport(app, VXMonitorPhase::kTurn);
 }
 
 void waitForRetry() {
@@ -89,8 +96,8 @@ void waitForRetry() {
             VX_UPCALL(monitorCycle, VXMonitorPhase::kIdle);
 }
 
-// A run that the loss of the control link ends has its open transactions counted by the data thread: the last
-// report waits for that.
+// A run that nobody has ended in order (the control link is lost, a start takes its place) may have its open
+// transactions counted by the data thread: the last report waits for that.
 void awaitEndOfRun(const vxApplication& app) {
     for (int step = 0; step < kEndOfRunSteps; ++step) {
         if (app.Server.tenRecordWritten.load(std::memory_order_acquire) ||
@@ -116,13 +123,10 @@ void flushAtEnd(VXAutoSensorState_t& sensor) {
 
 // The last report of a run, if a connection is there to take it.
 void reportAtEnd(vxApplication& app) {
-    VXAutoSensorState_t& sensor = app.autoSensor;
     awaitEndOfRun(app);
-    sensor.lastReport.store(1, std::memory_order_release);
-    if (connectionStands(app)) VX_UPCALL(monitorCycle, VXMonitorPhase::kLast);
+    if (connectionStands(app)) letMonitorsReport(app, VXMonitorPhase::kLast);
     VX_UPCALL(monitorCycle, VXMonitorPhase::kGone);
-    sensor.lastReport.store(0, std::memory_order_release);
-    flushAtEnd(sensor);
+    flushAtEnd(app.autoSensor);
 }
 
 apr_status_t launch(vxApplication& app) {

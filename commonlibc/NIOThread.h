@@ -8,11 +8,10 @@
 // connecting. The thread goes when the run, the control link, the instance or the service ends.
 //
 // Turns     While it reports, the monitors' cycle (monitorCycle) is told of every ten seconds that have
-// passed;
-//           while it waits, too.
+//           passed; while it waits, too.
 // Stop      Every wait but a connect (10 s) ends within a second of a stop word. A run that ends while the
-//           connection stands gets a last report of the monitors; where the loss of the control link ends it,
-//           the data thread gets 2 s to count what is open. What the chain holds then gets half a second to
+//           connection stands gets a last report of the monitors; where nobody ended it in order, the data
+//           thread gets 2 s to count what is open. What the chain holds then gets half a second to
 //           go out; the rest is thrown away and counted.
 // Lifetime  Joined by the next start. Its pools are remade by each start and each connect attempt: nothing
 //           grows.

@@ -96,6 +96,19 @@ TEST_F(AutoSensorThread, EachStopWordEndsItWhereverItStands) {
     }
 }
 
+TEST_F(AutoSensorThread, AReportThatTheEndOfTheRunOvertakesArrives) {
+    vxUpcalls.monitorCycle = [](VXMonitorPhase phase) {
+        if (phase != VXMonitorPhase::kTurn) return;
+        vxCurrent()->Server.testRunRunning = 0;
+        EXPECT_TRUE(dumpAndSendDataToVXC("74,overtaken\n", 13));
+    };
+    start();
+    FakePeer remote = acceptStream(kAutoSensorLine);
+    EXPECT_EQ(remote.readToEnd(), "74,overtaken\n");
+    EXPECT_TRUE(ended());
+    EXPECT_EQ(dump("74,of no run\n"), 1);
+}
+
 TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
     vx_word_set(app->VXSys.ASDataBufferSize, 8);
     vx_word_set(app->VXSys.ASDataBufferMaxCount, 2);
