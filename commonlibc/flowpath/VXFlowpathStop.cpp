@@ -58,7 +58,10 @@ void dumpFpFromBusyList() {
         VX_TRACE(2, kFlowpath, kInfo, "gBusyTLSHead is null. Hence returning.");
         return;
     }
-    emptyBusyList(app, dumpIncompleteFPAtTestStop);
+    emptyBusyList(app, [](vxTD* slot) {
+        // One that has ended was counted: the run's flags fell before it was given back.
+        if (!slot->fpEnded.load(std::memory_order_relaxed)) dumpIncompleteFPAtTestStop(slot);
+    });
     flushCommonData();
 }
 

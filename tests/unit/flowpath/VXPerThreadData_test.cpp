@@ -95,6 +95,7 @@ TEST_F(Slots, AreFoundByTheirKeyUntilItIsFiledAgainOrReset) {
 TEST_F(Slots, TheEndOfATestEndsAllFlowpathsAndAStartDropsThem) {
     file(5);
     takeSlot();  // without a BT it leaves no record
+    file(7)->fpEnded = 1;
     dumpFpFromBusyList();
     EXPECT_EQ(flowpathRecords(),
               (Records{"2,5,5,9,9.1,2,,,0,0,0,,7,-1,,,,5000", "4,5,200,12,0,595000,2,7,,0,"}));
