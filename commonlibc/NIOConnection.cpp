@@ -1,5 +1,7 @@
 #include "commonlibc/NIOConnection.h"
 
+#include <string_view>
+
 #include "commonlibc/NIODataDispatcher.h"
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXConnectMessages.h"
@@ -81,6 +83,28 @@ int sendChain(VXAutoSensorState_t& sensor) {
     return result == kSendLost ? lost(sensor) : result;
 }
 
+// How much of a report goes into the chain at a time: whole records, as many as a node has room for, at least
+// one. More than two nodes hold does not fit, however many are free.
+std::int32_t pieceOf(const VXBufferChain& chain, const char* data, std::int32_t length) {
+    const VXBufferNode* node = chain.VXBCIAgentBB.load(std::memory_order_acquire);
+    if (!node) node = chain.VXCollectorBB.load(std::memory_order_acquire);
+    if (!node || length <= node->buff_size) return length;
+    const std::string_view report(data, static_cast<std::size_t>(length));
+    const auto room = static_cast<std::size_t>(node->buff_size);
+    std::size_t end = report.rfind('\n', room - 1);
+    if (end == std::string_view::npos) end = report.find('\n', room);
+    return end == std::string_view::npos ? length : static_cast<std::int32_t>(end) + 1;
+}
+
+// 0, or a code of VXDataDispatcher.h.
+int dumpAndSendPiece(const char* data, std::int32_t length) {
+    const int result = vxTryDumpAS(data, length);
+    if (result == 0 || result == kChainCut || flushData() == kSendLost) return result;
+    const int second = vxTryDumpAS(data, length);
+    if (second == 0) flushData();
+    return second;
+}
+
 }  // namespace
 
 bool startASVXCollectorCommunication() {
@@ -153,13 +177,15 @@ int flushData() {
 }
 
 bool dumpAndSendDataToVXC(const char* data, std::int32_t length) {
-    const int result = vxTryDumpAS(data, length);
-    if (result == 0) return true;
-    if (result == kChainCut || flushData() == kSendLost || vxTryDumpAS(data, length) != 0) {
-        vxRefuseAS(data, length);
-        return false;
-    }
-    flushData();
+    do {
+        const std::int32_t piece = pieceOf(vxCurrent()->autoSensor.chain, data, length);
+        if (dumpAndSendPiece(data, piece) != 0) {
+            vxRefuseAS(data, length);  // the rest too: a peer that takes nothing is waited for once
+            return false;
+        }
+        data += piece;
+        length -= piece;
+    } while (length > 0);
     return true;
 }
 

@@ -30,8 +30,8 @@ int send_as_data_to_vxc();                                         // over libwe
 VXCarrier vxAutoSensorCarrier(const VXAutoSensorState_t& sensor);  // the connection that stands
 // Hands over and sends what the chain holds.
 int flushData();
-// The entry of the monitors: copies into the chain, and makes room by sending when it is full. True when
-// the data is on its way.
+// The entry of the monitors: copies whole records into the chain, a node's worth at a time, and makes room by
+// sending when it is full. True when all of them are on their way.
 bool dumpAndSendDataToVXC(const char* data, std::int32_t length);
 // 0 while the run goes on and no stop is asked for, else 1.
 int checkAndStopThreadAS();

@@ -111,17 +111,18 @@ TEST_F(AutoSensorThread, AReportThatTheEndOfTheRunOvertakesArrives) {
 
 TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
     vx_word_set(app->VXSys.ASDataBufferSize, 8);
-    vx_word_set(app->VXSys.ASDataBufferMaxCount, 2);
+    vx_word_set(app->VXSys.ASDataBufferMaxCount, 4);
     app->Server.asDataRunning = app->Server.testRunRunning = 1;
     ASNioInit();
     ASSERT_TRUE(startASVXCollectorCommunication());
     FakePeer remote = acceptStream(kAutoSensorLine);
+    EXPECT_TRUE(dumpAndSendDataToVXC("74,abc\n74,def\n74,ghi\n", 21)) << "more than two nodes hold";
     for (int i = 0; i < 20; ++i) dumpAndSendDataToVXC("74,abc\n", 7);
     closeAutoSensorConnection();
     const auto received = static_cast<std::uint64_t>(std::ranges::count(remote.readToEnd(), '\n'));
-    EXPECT_GE(received, 2u);
+    EXPECT_GE(received, 3u);
     vxDiscardChain(chain());
-    EXPECT_EQ(received + chain().recordsDropped, 20u);
+    EXPECT_EQ(received + chain().recordsDropped, 23u);
     EXPECT_FALSE(dumpAndSendDataToVXC("74,longer than two nodes\n", 25));
 }
 
