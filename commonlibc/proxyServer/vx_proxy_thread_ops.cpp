@@ -103,8 +103,10 @@ enum class Outcome : std::uint8_t { kEnded, kGone, kMoved };
 // The decode lock is held: a slot of this stay is not given back by another.
 Outcome endIdle(const vxApplication& app, const VXThreadOp& operation) {
     vxTD* slot = operation.slot;
-    if (slot->busySerial.load(std::memory_order_relaxed) != operation.busySerial) return Outcome::kGone;
+    // Whatever stay the slot is in: the mark may have been set just behind the change of stays, and it would
+    // keep the walk from the new one for ever. A mark that is cleared in excess is set by the next walk.
     slot->queuedForReset.store(0, std::memory_order_relaxed);
+    if (slot->busySerial.load(std::memory_order_relaxed) != operation.busySerial) return Outcome::kGone;
     const bool inRun = app.Server.testRunRunning;  // outside, the stop ends what is busy
     if (!inRun || !isIdle(app, *slot, vxRelativeMs(app, vxlb_now_us()))) return Outcome::kMoved;
     if (!slot->fpEnded.load(std::memory_order_relaxed)) endFP(slot, kStatusOfForcedEnd, 0, 0, 0);
@@ -250,11 +252,12 @@ bool queueFPResetThreadOps(vxTD* slot, std::uint64_t busySerial) {
         slot->queuedForReset.store(0, std::memory_order_relaxed);
         return false;
     }
-    VX_TRACE(2, kFlowpath, kInfo,
-             "Added queued FP reset thread operation flowpathInstance %lld opCount %d worker id %d "
-             "total_operation_queued %d",
-             static_cast<long long>(instance), queue.opCount.load(std::memory_order_relaxed), queue.workerId,
-             static_cast<int>(queue.totalQueued));
+    if (app.flowpath.idleWalks + 1 == kWalkReport)  // the walk that reports
+        VX_TRACE(2, kFlowpath, kInfo,
+                 "Added queued FP reset thread operation flowpathInstance %lld opCount %d worker id %d "
+                 "total_operation_queued %d",
+                 static_cast<long long>(instance), queue.opCount.load(std::memory_order_relaxed),
+                 queue.workerId, static_cast<int>(queue.totalQueued));
     if (queue.wake) queue.wake(queue);
     return true;
 }

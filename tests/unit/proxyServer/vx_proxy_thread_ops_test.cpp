@@ -122,6 +122,11 @@ TEST_F(ResetQueue, TheOwnerLooksAgain) {
     EXPECT_TRUE(vxFindSlot("13", 2) == other && vxFindSlot("12", 2) == moved && !moved->queuedForReset);
     EXPECT_TRUE(queue.totalProcessed == 0 && queue.ignored == 2);
 
+    // A slot that changed hands between the walk and the queue: its new transaction stays watched.
+    queueFPResetThreadOps(other, other->busySerial - 1);
+    processThreadOps(queue);
+    EXPECT_TRUE(vxFindSlot("13", 2) == other && !other->queuedForReset);
+
     // Outside a run nothing is ended here: the stop does it.
     watchAfterSilence();
     app->Server.testRunRunning = 0;
