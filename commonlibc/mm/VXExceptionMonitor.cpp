@@ -100,16 +100,19 @@ bool applyLine(VXExceptionMonitorState_t& state, const ExceptionLine& line) {
 }
 
 // Reads the lines of a text into the delivery behind the one in force, so that a class which both name is
-// counted all the time. How many found no room.
+// counted all the time; the lock is not held while lines are taken apart and traced. How many found no room.
 int applyLines(VXExceptionMonitorState_t& state, char* text) {
     VXTextLines lines(text);
+    ExceptionLine portion[kPortion];
     int refused = 0;
     for (char* line = lines.next(); line;) {
+        int count = 0;
+        for (; line && count < kPortion; line = lines.next())
+            if (splitLine(line, portion[count])) ++count;
         {
             VXExceptionMapLock lock;
-            ExceptionLine split{};
-            for (int count = 0; line && count < kPortion; ++count, line = lines.next())
-                if (splitLine(line, split) && !applyLine(state, split)) ++refused;
+            for (int i = 0; i < count; ++i)
+                if (!applyLine(state, portion[i])) ++refused;
         }
         if (line) vxlb_sleep_us(kPauseUs);  // lets in who waits for the lock
     }
