@@ -28,6 +28,7 @@ namespace {
 constexpr std::int64_t kAgeLimitSeconds = 300;
 constexpr std::int32_t kExceptionStatus = 503;
 constexpr std::size_t kCorrelationSize = sizeof(vxTD::correlationHeader);
+constexpr std::size_t kTraceIdMax = 64, kTracestateMax = 512;  // bytes; every slot may hold them
 
 // One message on its way to the engine.
 struct Message {
@@ -193,10 +194,25 @@ void onException(Message& in) {
                                      .exceptionThread = in.i64(44)});
 }
 
-void replaceText(char*& held, const char* text, const char* what) {
-    if (!text) return;
+// A comma would shift the fields behind the id in its record.
+bool isTraceId(std::string_view text) {
+    return text.size() <= kTraceIdMax && text.find(',') == std::string_view::npos;
+}
+
+bool isTracestate(std::string_view text) {
+    return text.size() <= kTracestateMax;
+}
+
+// What the agent knows of the trace takes the place of what is held; no text leaves it.
+void replaceText(const Message& in, char*& held, std::size_t index, bool (*fits)(std::string_view),
+                 const char* what) {
+    if (in.view(index).empty()) return;
+    if (!fits(in.view(index))) {
+        VX_TRACE(2, kFlowpath, kWarning, "%s of fp '%lld' is malformed and is ignored", what, in.instance());
+        return;
+    }
     VXLB_FREE(held, what, -1);
-    held = vxlb_strdup(text);
+    held = vxlb_strdup(in.text(index));
 }
 
 void onHttpHeaders(Message& in) {
@@ -207,9 +223,9 @@ void onHttpHeaders(Message& in) {
     }
     const bool request = in.text(1) && std::strcmp(in.text(1), "req") == 0;
     if (request) {
-        replaceText(slot->OTL_tracestate, in.text(4), "OTL_tracestate");
-        replaceText(slot->OTL_traceID, in.text(2), "OTL_traceID");
-        replaceText(slot->OTL_parentID, in.text(3), "OTL_parentID");
+        replaceText(in, slot->OTL_tracestate, 4, isTracestate, "OTL_tracestate");
+        replaceText(in, slot->OTL_traceID, 2, isTraceId, "OTL_traceID");
+        replaceText(in, slot->OTL_parentID, 3, isTraceId, "OTL_parentID");
         slot->traceFlag = in.body.fixed.u8At(12);
         slot->traceState = in.i32(16);
     }

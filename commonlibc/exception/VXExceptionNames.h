@@ -49,7 +49,7 @@ constexpr int vxExceptionRecordNumber(ExceptionName kind) {
 }
 // Writes "<number>,<id>,<text>", at most 1,023 bytes. False when there was no room for it.
 [[nodiscard]] bool dumpExceptionMetaRecord(ExceptionName kind, std::int32_t id, const char* text);
-// Frees all rows of the current context (tests only).
+// Frees all rows of the current context, which nobody uses any more.
 void vxFreeExceptionNames();
 
 }  // namespace vx

@@ -187,9 +187,17 @@ TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
     readBytes(*app, patched(httpFrame("req"), 28, 500) + patched(patched(httpFrame("req"), 20, 0), 28, -3));
     EXPECT_STREQ(slot->OTL_tracestate, "k=v");
     EXPECT_STREQ(slot->OTL_traceID, "id");
+    // What would swell a slot or shift the fields of a record is no trace.
+    const std::string wide(65, 'a'), list(513, 'k');
+    readBytes(*app, frameOf(transactionEncodeHttp,
+                            VXHttpRecord{201, 3, 9, 77, wire("A"), wire("req"), wire(wide.c_str()),
+                                         wire("par,ent"), wire(list.c_str())}));
+    EXPECT_STREQ(slot->OTL_traceID, "id");
+    EXPECT_STREQ(slot->OTL_parentID, "idpare");
+    EXPECT_STREQ(slot->OTL_tracestate, "k=v");
     slot->flowpathInstance = 0;
     readBytes(*app, httpFrame("req") + httpFrame("rep"));
-    EXPECT_EQ(dumpedText(*app), "13,77,201,\n12,77,\n12,77,\n12,77,\n12,77,\n");
+    EXPECT_EQ(dumpedText(*app), "13,77,201,\n12,77,\n12,77,\n12,77,\n12,77,\n12,77,\n");
 }
 
 TEST_F(Messages, AnExitSetsTheCalloutSequence) {
