@@ -7,9 +7,10 @@
 // The limits are memUsageThresholdSizeMB and memUsageThresholdPct, of TotalSystemMemory: what the host has,
 // or what the control groups of the process leave of it.
 //
-// Limits    The alert has 2 s to go out. Dumps: three on the disk and three an hour, by
-// ShouldGenerateCoreDump. Errors    What the system does not tell ends the check with a trace line. Threads
-// One thread of the process checks; vxLearnTotalMemory before it.
+// Limits    The alert has 2 s to go out. Dumps: three stay on the disk beside a new one, and there are three
+//           an hour (ShouldGenerateCoreDump).
+// Errors    What the system does not tell ends the check with a trace line.
+// Threads   One thread of the process checks; vxLearnTotalMemory before it.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 #include "commonlibc/proxyServer/vx_udp_functions.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -189,10 +190,11 @@ std::int32_t findFunction(const Registration& from) {
     return -1;
 }
 
-// A control thread that ended, for want of settings perhaps, is started again.
+// A control thread that ended, for want of settings perhaps, is started again; not with every datagram.
 void linkAgain(std::int32_t index) {
     vxApplication* app = VXUdp.functions.load(std::memory_order_relaxed)[index].load();
-    if (threadEnded(*app)) make_connection_with_vxc(*app, 1);
+    const std::int64_t sinceStart = vxlb_now_ms() - app->identity.connectStartTimeMs;
+    if (threadEnded(*app) && std::llabs(sinceStart) >= kMsPerSecond) make_connection_with_vxc(*app, 1);
 }
 
 bool sameInstance(const VXIdentity_t& identity, const kwLocalStruct& line) {

@@ -1,5 +1,7 @@
 #include "commonlibc/proxyServer/vx_udp_receiver.h"
 
+#include <apr_errno.h>
+
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -133,14 +135,27 @@ void receiveLoop(int socket) {
     vxUdpWakeWorkers();
 }
 
+bool startReceiver(vxApplication* root) {
+    const apr_status_t status =
+        vxlb_thread_start(receiver.thread, receiver.pool, root->pool, proxy_udp_handler, root);
+    if (status == APR_SUCCESS) {
+        VX_TRACE(1, kControlThread, kInfo, "Created udp thread with port '%d' and timeout %ld (secs)",
+                 VXProxy.proxyPort, static_cast<long>(VXProxy.proxyudpTimeout));
+        return true;
+    }
+    char error[kSockErrorSize];
+    VX_TRACE(1, kControlThread, kError, "Error in creating udp thread... '%s'",
+             apr_strerror(status, error, sizeof(error)));
+    return false;
+}
+
 bool makeIntake(vxApplication* root) {
     if (!udp_buff_list_init(VXProxy.numUDPThreads)) {
         VX_TRACE(1, kControlThread, kError, "Error in creating udp buffer...");
         return false;
     }
     return vxUdpMakeTables() && vxUdpMakeWorkers(VXProxy.numUDPThreads, root) && vxUdpStartWatchers(root) &&
-           vxlb_thread_start(receiver.thread, receiver.pool, root->pool, proxy_udp_handler, root) ==
-               APR_SUCCESS;
+           startReceiver(root);
 }
 
 }  // namespace

@@ -96,8 +96,8 @@ void proxy_udp_ruckus_handler(std::int64_t round) {
     vxApplication* root = vxCurrent();
     vxUdpEachFunction(expireFor);
     const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
-    for (std::int32_t i = 1; i < count; ++i)
-        if (vxApplication* app = vxUdpAttached(i)) expireFor(*app);
+    for (std::int32_t i = 0; i < count; ++i)  // clients may be attached to them later, or never
+        if (vxApplication* app = instanceAt(i)) expireFor(*app);
     vxSetCurrent(root);
     if (round % kMemoryRounds == 0) checkMemoryUsage();
 }

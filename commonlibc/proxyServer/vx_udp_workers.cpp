@@ -15,7 +15,8 @@ namespace vx {
 
 namespace {
 
-// Workers that have been given something and sleep; the receiver's.
+// Workers that have been given something and sleep; the receiver's. One that operations woke meanwhile may
+// stand here twice.
 udpStorage* toWake[kMaxUDPThreads];
 std::int32_t toWakeCount = 0;
 
@@ -92,7 +93,9 @@ void vxUdpHandOver(VXUdpNode* node) {
     const std::lock_guard lock(worker.mutex);
     worker.lastSender = node->sender;
     vxUdpAppend(worker.queue, node);
-    if (std::exchange(worker.waiting, false)) toWake[toWakeCount++] = &worker;
+    if (!std::exchange(worker.waiting, false)) return;
+    if (toWakeCount == kMaxUDPThreads) vxUdpWakeWorkers();
+    toWake[toWakeCount++] = &worker;
 }
 
 void vxUdpWakeWorkers() {

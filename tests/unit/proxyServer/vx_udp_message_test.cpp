@@ -87,7 +87,12 @@ TEST_F(UdpMessages, RecordsOfAFunctionFindTheirFlowpathByTheRequest) {
 
 TEST_F(UdpMessages, ClientsAttachThemselvesToAnInstance) {
     Agent agent = process(4711);
+    vxSetCurrent(&instance());
+    HandleVexalineMessage(string("VexalineMessage 2.0;RKMID=7;duration=1;").data());
     vxSetCurrent(app);
+    clock.advanceMs(3001);
+    proxy_udp_ruckus_handler(1);
+    EXPECT_EQ(vxlb_map_count(instance().ruckusMap), 0U) << "though nobody has come for it";
     datagram(introduced(VXWrapType::kPendingRuckus, "", 1));
     EXPECT_EQ(answer(), "AppIndex:1");
     EXPECT_EQ(VXProxy.numUDPAttached, 1);
