@@ -3,7 +3,8 @@
 // One transport is in use, chosen by lws_active: a TCP socket (autoSensor.asSocket) or a libwebsockets
 // connection (autoSensor.asWsi).
 //
-// Limits    A connect takes at most 10 s. A send waits at most 250 ms; then it counts as "took no bytes".
+// Limits    A connect takes at most 10 s, over libwebsockets 20 s. A send waits at most 250 ms; then it
+//           counts as "took no bytes".
 // Errors    The codes of VXDataTransfer.h. A lost connection closes and sets the break flag.
 // Threads   The auto-sensor thread, on the current context. checkAndStopThreadAS any.
 #pragma once

@@ -178,6 +178,7 @@ void setToStopThread(int stop) {
 
 void stopNIO() {
     setToStopThread(1);
+    vxCurrent()->autoSensor.breakFlag.store(1, std::memory_order_release);
     vxlb_shared_shutdown(vxCurrent()->autoSensor.asSocket);
 }
 

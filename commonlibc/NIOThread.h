@@ -9,10 +9,10 @@
 //
 // Turns     While it reports, the monitors' cycle (monitorCycle) is told of every ten seconds that have
 //           passed; while it waits, too.
-// Stop      Every wait but a connect (10 s) ends within a second of a stop word. A run that ends while the
-//           connection stands gets a last report of the monitors; where nobody ended it in order, the data
-//           thread gets 2 s to count what is open. What the chain holds then gets half a second to
-//           go out; the rest is thrown away and counted.
+// Stop      Every wait but a connect (10 s, over libwebsockets 20 s) ends within a second of a stop word. A
+//           run that ends while the connection stands gets a last report of the monitors; where nobody ended
+//           it in order, the data thread gets 2 s to count what is open. What the chain holds then gets half
+//           a second to go out; the rest is thrown away and counted.
 // Lifetime  Joined by the next start. Its pools are remade by each start and each connect attempt: nothing
 //           grows.
 // Threads   ASNioInit, create_autoSensor_thread, vxJoinAutoSensorThread: the control thread.
@@ -35,7 +35,8 @@ int create_autoSensor_thread();
 void vxJoinAutoSensorThread(vxApplication& app);
 // 1 orders the thread to end, 0 lets the next one run.
 void setToStopThread(int stop);
-// Orders the end and shuts the connection down, so that a send that waits for the peer ends too.
+// Orders the end and breaks the connection off, so that a send that waits for the peer ends too, and over
+// libwebsockets a connect of this thread or the data thread.
 void stopNIO();
 void* start_autoSensor_thread(apr_thread_t* thread, void* application);  // APR_THREAD_FUNC body
 // What the sampling of stack traces needs at the start of a session: nothing is sampled, the intervals are

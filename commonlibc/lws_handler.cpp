@@ -22,6 +22,12 @@ bool instanceStops() {
 bool linkStops() {
     return instanceStops() || vxCurrent()->control.closeCtrlConFlag.load(std::memory_order_acquire) != 0;
 }
+// Or a start waits in vain for the threads of the former run (stopNIO).
+bool runStops() {
+    const VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
+    return linkStops() || (sensor.asStopFlag.load(std::memory_order_acquire) &&
+                           sensor.breakFlag.load(std::memory_order_acquire));
+}
 
 constexpr std::size_t kAddressSize = 16;
 
@@ -56,8 +62,8 @@ VXLwsHandle& discoveryHandle(vxApplication& app) {
 
 // clang-format off
 constexpr Kind kControl{"Control", "control", controlHandle, true, true, kConnectTimeUs, kSendTimeUs, instanceStops, false};
-constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
-constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
+constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, runStops, false};
+constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, runStops, false};
 constexpr Kind kBulkData{"BulkData", "bulk data", bulkDataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
 constexpr Kind kLog{"Log", "log", logHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
 constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, kDiscoverySendTimeUs, serviceStops, true};

@@ -165,6 +165,9 @@ TEST_P(Lws, EachKindHasAConnectionOfItsOwnThatEndsWithItsOrder) {
         EXPECT_EQ(kind.send("a line\n", 7), 0);
         EXPECT_EQ(peers.back().readLine(), "a line");
     }
+    stopNIO();  // in vain has the former run been waited for
+    for (const auto create : {create_lws_data_connection, create_lws_as_connection})
+        EXPECT_FALSE(create("127.0.0.1", port()));
     vxOutboxClose(*app);
     for (std::size_t i = 0; i < peers.size(); ++i) {
         vxLwsEndHandle(kinds[i].handle);
