@@ -2,7 +2,7 @@
 //
 //     ["AppId",{"id":3},"TierInfo",{"tierID":7,"AppServerID":2,"appID":1},"TestInfo",{...}, ...]
 //
-// An object's name stands in front of it. Part 0 holds all of them, others some (docs/datagrams.md).
+// An object's name stands in front of it. Number 0 asks for all of them, others for some (docs/datagrams.md).
 //
 // Threads   Any, on the current context.
 #pragma once
