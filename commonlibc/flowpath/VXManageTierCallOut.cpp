@@ -45,9 +45,9 @@ Chain takeApart(char* text) {
 
 void setPreviousSequence(vxTD* slot, const char* text) {
     VXLB_FREE(slot->prevTierSeq, "SeqNo", -1);
-    const std::size_t size = std::strlen(text) + 1;
+    const std::size_t size = strnlen(text, kFieldSize - 1) + 1;
     slot->prevTierSeq = static_cast<char*>(VXLB_MALLOC(size, "SeqNo", -1));
-    if (slot->prevTierSeq) std::memcpy(slot->prevTierSeq, text, size);
+    if (slot->prevTierSeq) vxlb_copy_text(slot->prevTierSeq, size, text);
 }
 
 // What tells one caller from another. The length.

@@ -5,7 +5,8 @@
 // A caller is met for the first time when the text of its fields 3, 6, 7 and 8 is; then a 91 record names
 // it, once in the life of the instance; when there is no room for that record, its next flowpath brings it.
 //
-// Limits    A field of the 91 record is cut at 1,023 bytes, a caller's text at 4,095. maxCallers callers;
+// Limits    A field of the 91 record and the sequence are cut at 1,023 bytes, a caller's text at 4,095.
+// maxCallers callers;
 //           beyond them none is announced, and that is traced once per run. A caller takes its text and a
 //           map entry.
 // Threads   Under the decode lock.

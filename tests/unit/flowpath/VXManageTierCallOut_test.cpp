@@ -66,8 +66,9 @@ TEST_F(TierCallout, FieldsThatAreMissingOrEmptyAreToldApart) {
 TEST_F(TierCallout, LongTextsAreCutAndAFullTableAnnouncesNobody) {
     VXProxy.ceilings.maxCallers = 2;
     const std::string field(5000, 'f');
-    EXPECT_EQ(chain("1_2_3_" + field + "_x_y_" + field + "_" + field + "_" + field), 0);
+    EXPECT_EQ(chain("1_2_" + field + "_" + field + "_x_y_" + field + "_" + field + "_" + field), 0);
     const std::string cut = field.substr(0, 1023);
+    EXPECT_EQ(slot->prevTierSeq, cut) << "each slot may hold one";
     const std::string all = "91," + cut + "," + cut + ",my_tier," + cut + "," + cut + ",srv,app,NA";
     EXPECT_EQ(flowpathRecords(), Records{all});
 
