@@ -1,8 +1,9 @@
 // Shared texts: short strings that one thread replaces while others read them.
 //
 // A reader takes the pointer and may keep it for the life of the context: a replaced copy is not freed
-// but goes on the context's list of retired texts. Texts change rarely (an identity, a host name), and
-// setting an equal value changes nothing, so the list stays short.
+// but goes on the context's list of retired texts. Texts change rarely (an identity, a host name), setting
+// an equal value changes nothing, and a value that comes back (a default behind each run) finds its copy on
+// the list: the list stays short.
 //
 // Errors    setSharedText() answers whether the text changed; a failed allocation counts as "not".
 // Lifetime  A pointer from get() is good until the context's list is freed (process end).
@@ -13,10 +14,11 @@
 
 namespace vx {
 
-// A text on the list of texts that readers may still hold.
+// A copy of a text; readers hold `text`. Once listed it stays on its list, in use or not.
 struct VXRetiredText {
     VXRetiredText* next;
-    char* text;
+    std::atomic<bool> listed;
+    char text[1];  // as long as the text and its terminator
 };
 
 // Head of a context's list of retired texts.

@@ -19,7 +19,7 @@ namespace vx {
 struct VXExceptionEntry {
     std::int32_t id;         // from 1 on
     std::uint32_t delivery;  // of the text that named it last
-    VXSharedText displayName;
+    std::atomic<const char*> displayName;
     VXExceptionEntry* next;  // in the order of their making
     const char* className;   // the map's key; behind this structure
 };

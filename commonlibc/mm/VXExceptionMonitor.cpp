@@ -92,9 +92,9 @@ bool applyLine(VXExceptionMonitorState_t& state, const ExceptionLine& line) {
     auto* entry = static_cast<VXExceptionEntry*>(search_hashmap(line.className, state.map));
     if (!entry) entry = addEntry(state, line.className);
     if (!entry) return false;
-    if (std::strcmp(entry->displayName.getOr(""), line.displayName) != 0)
-        entry->displayName.text.store(apr_pstrdup(state.map->pool, line.displayName),
-                                      std::memory_order_release);
+    const char* former = entry->displayName.load(std::memory_order_relaxed);
+    if (!former || std::strcmp(former, line.displayName) != 0)
+        entry->displayName.store(apr_pstrdup(state.map->pool, line.displayName), std::memory_order_release);
     entry->delivery = state.delivery + 1;
     return true;
 }
@@ -242,7 +242,8 @@ bool generateAndDumpExceptionMonitoringRecord(char* buffer, std::int32_t* length
         VXExceptionMonitorDataCounters taken{};
         const VXExceptionEntry* entry = slot.exceptionEntry.load(std::memory_order_acquire);
         if (!entry || !takeOfSlot(slot, taken)) return;
-        dump63RecordForEveryMethod(buffer, length, taken, entry->id, entry->displayName.get());
+        dump63RecordForEveryMethod(buffer, length, taken, entry->id,
+                                   entry->displayName.load(std::memory_order_acquire));
         updateExceptionDataCountersForAggregate(*overall, taken);
     });
     dump63RecordForEveryMethod(buffer, length, *overall, 0, kOverallName);
