@@ -91,14 +91,16 @@ void freeArray(VXAggregateArray<Slot>& array) {
     array.size = 0;
 }
 
-void freeMethods(VXMethodState_t& method) {
+void freeMethods(vxApplication& app) {
+    VXMethodState_t& method = app.method;
     freeArray(method.backendArr);
     freeArray(method.methodArr);
     for (mPP* record = std::exchange(method.firstMethod, nullptr); record;) {
         mPP* next = record->next;
         for (char* text : {record->methodName, record->moduleName, record->calloutText, record->returnType,
-                           record->arguments, const_cast<char*>(record->aliasMethodName.get())})
+                           record->arguments})
             VXLB_FREE(text, "text copy", -1);
+        setSharedText(app.retired, record->aliasMethodName, nullptr);
         VXLB_FREE(record, "methodPropProperties", -1);
         record = next;
     }
@@ -140,7 +142,7 @@ void vxUdpRelease(vxApplication& app) {
     freeArray(app.exceptionMonitor.exceptionArr);
     vxFreeExceptionNames();
     parseExceptionFilteringList("");
-    freeMethods(app.method);
+    freeMethods(app);
     for (VXHttpNameList* list : {&app.http.request.list, &app.http.response.list, &app.http.valuesAsId})
         vxFreeNameList(*list);
     freeProcessTable(app.identity);

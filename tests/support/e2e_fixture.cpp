@@ -117,10 +117,10 @@ collector::Summary EndToEnd::summaryOfStreams() const {
         const std::string text = fileText(path);
         std::string_view rest = text;
         rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1));  // the connect line
-        while (!rest.empty()) {
-            const std::size_t end = rest.find('\n');
+        // What a lost connection leaves behind its last newline is no record.
+        for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
             collector::takeRecord(rest.substr(0, end), instance, summary);
-            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+            rest.remove_prefix(end + 1);
         }
     }
     return summary;

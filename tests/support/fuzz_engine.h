@@ -63,7 +63,7 @@ private:
         vxFreeBtStore();
         vxFreeExceptionNames();
         setdefaultValuesForException();
-        freeMethodTable(app->method);
+        freeMethodTable(*app);
         vxAggFree(app->exceptionMonitor.exceptionArr);
         for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         freeSharedTexts(*app);

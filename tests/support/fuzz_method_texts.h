@@ -74,7 +74,7 @@ private:
     void close() {
         if (!app_) return;
         closeDumping(*app_);
-        freeMethodTable(app_->method);
+        freeMethodTable(*app_);
         vxAggFree(app_->exceptionMonitor.exceptionArr);
         freeSharedTexts(*app_);
         freeRetiredTexts(app_->retired);

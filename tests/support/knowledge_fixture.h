@@ -40,15 +40,17 @@ std::set<T*> valuesOf(VXMap* map) {
     return values;
 }
 
-inline void freeMethodTable(VXMethodState_t& method) {
+inline void freeMethodTable(vxApplication& app) {
+    VXMethodState_t& method = app.method;
     vxAggFree(method.backendArr);
     vxAggFree(method.methodArr);
     methodHashMapNode_t* table = method.methodHashMapNode.exchange(nullptr);
     if (!table) return;
     for (mPP* record : valuesOf<mPP>(table->map)) {
         for (char* text : {record->methodName, record->moduleName, record->calloutText, record->returnType,
-                           record->arguments, const_cast<char*>(record->aliasMethodName.get())})
+                           record->arguments})
             VXLB_FREE(text, "text copy", -1);
+        setSharedText(app.retired, record->aliasMethodName, nullptr);
         VXLB_FREE(record, "methodPropProperties", -1);
     }
     VXLB_FREE(table, "methodHashMapNode", -1);
@@ -71,7 +73,7 @@ protected:
         vxFreeBtStore();
         vxFreeExceptionNames();
         setdefaultValuesForException();
-        freeMethodTable(app->method);
+        freeMethodTable(*app);
         vxAggFree(app->exceptionMonitor.exceptionArr);
         AppFixture::TearDown();
     }

@@ -75,6 +75,7 @@ protected:
         vxlb_set_clock_hooks({});
         VXLB_FREE(app->identity.startInstrumentation, "start line", -1);
         VXLB_FREE(app->control.ctrlBufInfo.read_socket_buf, "control socket buffer", -1);
+        VXLB_FREE(app->control.outbox.text, "control outbox", -1);
         makeInstrProfTableFree();
         VXLB_FREE(app->files.heldProfiles, "InstrProfTable", -1);
         for (kywdInfo_t& entry : app->files.kywdInfo) VXLB_FREE(entry.content, "file content", -1);
@@ -82,7 +83,7 @@ protected:
         vxFreeChain(app->data.chain);
         vxFreeChain(app->autoSensor.chain);
         vxFreeBtStore();
-        freeMethodTable(app->method);
+        freeMethodTable(*app);
         vxAggFree(app->exceptionMonitor.exceptionArr);
         HomeFixture::TearDown();
     }
