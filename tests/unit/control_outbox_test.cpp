@@ -15,7 +15,6 @@ class Outbox : public LinkFixture {
 protected:
     void TearDown() override {
         endLoop();
-        VXLB_FREE(app->control.outbox.text, "control outbox", -1);
         LinkFixture::TearDown();
     }
     // The control thread of a connection, from here on.
