@@ -57,7 +57,7 @@ TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
     EXPECT_EQ(service->wait(), 1);
     std::string dump = newDump(before);
     EXPECT_TRUE(dump.starts_with("Stack Trace with current ThreadID: ")) << dump;
-    EXPECT_NE(dump.find("\nSignal 11, code 0, sent by process " + std::to_string(::getpid()) + ", at 0x"),
+    EXPECT_NE(dump.find("\nSignal 11, code -6, sent by process " + std::to_string(::getpid()) + ", at 0x"),
               std::string::npos)
         << dump;
     EXPECT_NE(dump.find("] main - 0x"), std::string::npos) << dump;

@@ -10,14 +10,9 @@
 #include <string>
 #include <vector>
 
-namespace vx::test {
+#include "tests/support/sanitizer_growth.h"
 
-// What a sanitizer keeps of freed blocks is no growth of the program.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr long kSanitizerGrowthKb = 65536;
-#else
-inline constexpr long kSanitizerGrowthKb = 0;
-#endif
+namespace vx::test {
 
 class Program {
 public:
