@@ -12,6 +12,7 @@
 #include "commonlibc/control_connection.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_mem.h"
+#include "tests/support/shared_texts.h"
 
 namespace vx::test {
 
@@ -35,7 +36,7 @@ inline vxApplication& bareContext() {
 inline void clearLink(vxApplication& app) {
     controlSockBufReset(app);
     VXLB_FREE(std::exchange(app.identity.startInstrumentation, nullptr), "start line", -1);
-    freeRetiredTexts(app.retired);
+    renewSharedTexts(app);
     app.control.closeCtrlConFlag = 0;
     app.control.lateVerdict = 0;
     app.Server.replyReceived = 0;
