@@ -79,7 +79,7 @@ struct VXProxy_t {
     VXCeilings ceilings;
     std::atomic<std::int32_t> numInstance;
     std::int32_t numUDPFunctions, numUDPAttached;  // VXUdp.registration
-    apr_pool_t* listenerPool;  // listener alone
+    apr_pool_t* listenerPool;                      // listener alone
     apr_socket_t* listenSocket;
     apr_pollset_t* pollset;
     VXReadBuffer controlBuf, dataBuf, discoveryBuf;
