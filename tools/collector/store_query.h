@@ -1,0 +1,190 @@
+// Questions to a store: what the page shows and the export writes.
+//
+// A StoreQuery has a connection of its own, which only reads; the writer goes on meanwhile. Every question is
+// bounded: by its own limit of rows, and by kQueryTime, behind which the database gives up.
+//
+// Units     Times are milliseconds since the Unix epoch (UTC), spans hold their `from` and not their `to`;
+//           durations are milliseconds.
+// Errors    kOk; kCut: a limit was met, what is there is true but not all; kFailed: error() tells why, and
+// the
+//           output is empty.
+// Limits    kMostRows rows in an answer, kMostSteps steps in a series.
+// Threads   One at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/collector/collector_monitors.h"
+#include "tools/collector/store_details.h"
+
+namespace vx::collector {
+
+inline constexpr std::size_t kMostRows = 10000;
+inline constexpr std::size_t kMostSteps = 1000;
+inline constexpr int kQueryTimeMs = 4000;
+
+enum class Answered { kOk, kCut, kFailed };
+
+struct TimeSpan {
+    std::int64_t from = 0, to = INT64_MAX;
+};
+
+// --- overview and sums ---
+
+// What is asked of sums. `stepMs` is made a multiple of the interval in which sums are kept (10 s; 10 min for
+// what is older than two days), and so great that the span has at most kMostSteps; `from` is rounded down to
+// it.
+struct SumsQuery {
+    Monitored kind = Monitored::kBt;
+    TimeSpan span;
+    std::int64_t stepMs = 10000;
+    std::int64_t instance = 0;  // 0: all
+};
+struct SumsRow {
+    std::string name;
+    Figures figures;              // of the whole span; figures.totalMs / figures.count is the average
+    std::uint64_t discarded = 0;  // taken back by the sender, or excluded: not in the figures
+    double p95Ms = 0;             // within 2 % of the true one; exact below 64 ms
+    std::vector<Figures> steps;   // one for each step of the span
+};
+struct Sums {
+    TimeSpan span;  // as rounded
+    std::int64_t stepMs = 0;
+    std::vector<SumsRow> rows;   // most counted first; at most 500, the rest in one row "(more)"
+    std::vector<Figures> steps;  // all rows together, by step: charts by category
+    Figures all;
+    double p95Ms = 0;  // of all
+};
+
+// --- single transactions ---
+
+struct TransactionsQuery {
+    TimeSpan span;                       // of their ends
+    std::string bt, backend, exception;  // exact names; empty: any
+    std::string url;                     // a part of it; empty: any
+    int category = 0;                    // 10, 11, 12, 13; 0: any; -1: all but normal ones
+    std::int64_t status = -1;            // -1: any
+    std::int64_t minMs = 0, maxMs = INT64_MAX;
+    std::int64_t session = 0;   // 0: any
+    std::int64_t instance = 0;  // 0: any
+    std::int64_t flowpath = 0;  // the number in the records; 0: any
+    // Paging, latest first: the `at` and `id` of the last row of the page before.
+    std::int64_t beforeAt = INT64_MAX, beforeId = INT64_MAX;
+    std::size_t limit = 100;
+};
+// TransactionRow and TransactionDetails: store_details.h
+
+// --- back-ends ---
+
+struct BackendSums {
+    std::string name, kind;  // kind: "HTTP", "DB", "MQ", "custom"
+    std::uint64_t count = 0, errors = 0;
+    double averageMs = 0, maxMs = 0, p95Ms = 0;
+};
+// Who calls whom: an instance's transactions call a back-end, or go on in another instance.
+struct CallEdge {
+    std::int64_t fromInstance = 0;
+    std::int64_t toInstance = 0;  // 0: to a back-end
+    std::string backend;          // of that name
+    std::uint64_t count = 0, errors = 0;
+    double averageMs = 0;
+};
+struct Backends {
+    std::vector<BackendSums> rows;
+    std::vector<CallEdge> edges;
+};
+
+// --- exceptions ---
+
+struct ExceptionSums {
+    std::string name;  // class
+    std::uint64_t count = 0;
+    std::int64_t lastAt = 0;
+    std::int64_t lastTransaction = 0;                        // id of the last one's transaction
+    std::string lastText, lastStack;                         // stack: lines, each with its newline
+    std::vector<std::pair<std::string, std::uint64_t>> bts;  // most counted first, at most 20
+};
+
+// --- monitors beside sums ---
+
+// What the monitors told and what the single records add up to, per object and step. The monitors' figures
+// stand at the time of their arrival, some seconds behind the ends that they count: neighbouring steps trade
+// some, and what was not recorded singly (sampling) is in the monitors alone.
+struct MonitorStep {
+    std::int64_t at = 0;
+    Figures monitor, singles;
+};
+struct MonitorRow {
+    std::string name;
+    Figures monitor, singles;  // of the whole span
+    std::vector<MonitorStep> steps;
+};
+// Ended runs, each object compared exactly.
+struct RunComparison {
+    std::int64_t at = 0, instance = 0;
+    std::uint64_t agreed = 0, partial = 0, differing = 0;
+};
+
+// --- instances and links ---
+
+struct InstanceRow {
+    std::int64_t instance = 0;  // the key, below 2^53
+    std::string tier, server, app, agent;
+    std::int64_t firstAt = 0, lastAt = 0;  // of anything that came from it
+};
+// What came over the link of an instance in an interval of 10 s.
+struct LinkRow {
+    std::int64_t at = 0, instance = 0;
+    std::int64_t records = 0, monitorRecords = 0, bytes = 0;  // of data and auto-sensor connections
+    std::int64_t unreadable = 0;                              // lines that are no record
+    std::int64_t dropped = 0;     // transactions that found no room on their way into the store
+    std::int64_t incomplete = 0;  // transactions whose end or beginning did not come
+    std::int64_t connects = 0, disconnects = 0;
+};
+
+// --- requests, for rules ---
+
+struct RequestRow {
+    std::int64_t id = 0;
+    std::string bt;
+    std::string url, query;          // split at the first "?"
+    std::vector<NameValue> headers;  // of the request, as far as captured
+};
+
+class Database;
+
+class StoreQuery {
+public:
+    StoreQuery();
+    ~StoreQuery();
+    StoreQuery(const StoreQuery&) = delete;
+    StoreQuery& operator=(const StoreQuery&) = delete;
+
+    // A database file, which is there already (a StoreWriter makes it). False with the reason in error().
+    bool openFile(const std::string& path);
+    const std::string& error() const { return error_; }
+
+    Answered sums(const SumsQuery& query, Sums& out);
+    Answered transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out);
+    // kFailed with an empty error() when there is none of that id.
+    Answered transaction(std::int64_t id, TransactionDetails& out);
+    Answered backends(TimeSpan span, Backends& out);
+    Answered exceptions(TimeSpan span, std::vector<ExceptionSums>& out);
+    Answered monitors(const SumsQuery& query, std::vector<MonitorRow>& out);
+    Answered comparisons(TimeSpan span, std::vector<RunComparison>& out);
+    Answered instances(std::vector<InstanceRow>& out);
+    // Oldest first; of one instance, or of all (0).
+    Answered links(TimeSpan span, std::int64_t instance, std::vector<LinkRow>& out);
+    // The latest, latest first.
+    Answered requests(std::size_t most, std::vector<RequestRow>& out);
+
+private:
+    std::unique_ptr<Database> database_;
+    std::string error_;
+};
+
+}  // namespace vx::collector
