@@ -110,8 +110,10 @@ TEST_P(Lws, WhatHadNotArrivedBeginsAgainOnTheNextConnection) {
     ASSERT_TRUE(create_lws_data_connection("127.0.0.1", port()));
     peer = collector.accept();
     std::string rest;
-    std::thread reader([&] { rest = peer.readToEnd(30); });
-    EXPECT_TRUE(eventually([&] { return processDataLws(0) == kSendDone; }));
+    std::thread reader([&] { rest = peer.readToEnd(90); });
+    EXPECT_TRUE(
+        eventually([&] { return processDataLws(0) == kSendDone && !app->data.chain.VXCollectorBB; }, 60))
+        << "a close gives what is on its way no more than a moment";
     close_data_connection();
     reader.join();
     const int first = std::atoi(rest.c_str());
