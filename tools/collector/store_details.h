@@ -33,7 +33,8 @@ struct TransactionRow {
     std::int64_t duration = 0, cpu = 0;  // ms; CPU as the agent gave it
     std::int64_t status = 0, category = 0, endReason = 0;
     std::string bt, url;  // the URL with its parameters
-    std::int64_t session = 0, page = 0, parent = 0;
+    std::string session;  // digits, as the records have it: more than 64 bits hold
+    std::int64_t page = 0, parent = 0;
     std::int64_t previous = 0;  // flowpath of the calling tier's transaction; 0: none
     std::string correlation;
     std::string traceId, callerSpan;  // hex digits of the trace context; empty: none

@@ -20,6 +20,7 @@
 
 #include "tools/collector/collector_monitors.h"
 #include "tools/collector/store_details.h"
+#include "tools/collector/store_rows.h"
 
 namespace vx::collector {
 
@@ -69,7 +70,7 @@ struct TransactionsQuery {
     int category = 0;                    // 10, 11, 12, 13; 0: any; -1: all but normal ones
     std::int64_t status = -1;            // -1: any
     std::int64_t minMs = 0, maxMs = INT64_MAX;
-    std::int64_t session = 0;   // 0: any
+    std::string session;        // all its digits; empty: any
     std::int64_t instance = 0;  // 0: any
     std::int64_t flowpath = 0;  // the number in the records; 0: any
     // Paging, latest first: the `at` and `id` of the last row of the page before.
@@ -123,29 +124,6 @@ struct MonitorRow {
     Figures monitor, singles;  // of the whole span
     std::vector<MonitorStep> steps;
 };
-// Ended runs, each object compared exactly.
-struct RunComparison {
-    std::int64_t at = 0, instance = 0;
-    std::uint64_t agreed = 0, partial = 0, differing = 0;
-};
-
-// --- instances and links ---
-
-struct InstanceRow {
-    std::int64_t instance = 0;  // the key, below 2^53
-    std::string tier, server, app, agent;
-    std::int64_t firstAt = 0, lastAt = 0;  // of anything that came from it
-};
-// What came over the link of an instance in an interval of 10 s.
-struct LinkRow {
-    std::int64_t at = 0, instance = 0;
-    std::int64_t records = 0, monitorRecords = 0, bytes = 0;  // of data and auto-sensor connections
-    std::int64_t unreadable = 0;                              // lines that are no record
-    std::int64_t dropped = 0;     // transactions that found no room on their way into the store
-    std::int64_t incomplete = 0;  // transactions whose end or beginning did not come
-    std::int64_t connects = 0, disconnects = 0;
-};
-
 // --- requests, for rules ---
 
 struct RequestRow {

@@ -1,0 +1,234 @@
+#include "tools/collector/store_schema.h"
+
+#include <array>
+
+namespace vx::collector {
+
+namespace {
+
+constexpr ColumnType kText = ColumnType::kText;
+constexpr ColumnType kNumber = ColumnType::kNumber;
+
+constexpr Column key(const char* name, ColumnType type = kNumber) {
+    return {name, type, Fold::kKey};
+}
+constexpr Column sum(const char* name) {
+    return {name, kNumber, Fold::kAdd};
+}
+
+constexpr auto kTransactionColumns = std::to_array<Column>({
+    key("id"),
+    {"instance"},
+    {"flowpath"},
+    {"at"},
+    {"start"},
+    {"duration"},
+    {"cpu"},
+    {"status"},
+    {"category"},
+    {"end_reason"},
+    {"bt", kText},
+    {"url", kText},
+    {"session", kText},
+    {"page"},
+    {"parent"},
+    {"previous"},
+    {"correlation", kText},
+    {"trace_id", kText},
+    {"caller_span", kText},
+    {"callouts"},
+    {"exceptions"},
+});
+constexpr auto kRecordColumns = std::to_array<Column>({key("tx"), {"lines", kText}});
+constexpr auto kCalloutColumns = std::to_array<Column>({
+    key("tx"),
+    key("n"),
+    {"instance"},
+    {"at"},
+    {"bt", kText},
+    {"backend", kText},
+    {"target", kText},
+    {"us"},
+    {"failed"},
+    {"status"},
+});
+constexpr auto kExceptionColumns = std::to_array<Column>({
+    key("tx"),
+    key("n"),
+    {"instance"},
+    {"at"},
+    {"bt", kText},
+    {"class", kText},
+    {"place", kText},
+    {"stack", kText},
+});
+constexpr auto kNameColumns = std::to_array<Column>({
+    key("instance"),
+    key("kind"),
+    key("id"),
+    key("since"),
+    {"name", kText},
+});
+constexpr auto kSumColumns = std::to_array<Column>({
+    key("step"),
+    key("kind"),
+    key("at"),
+    key("instance"),
+    key("name", kText),
+    sum("count"),
+    sum("normal"),
+    sum("slow"),
+    sum("very_slow"),
+    sum("error"),
+    sum("discarded"),
+    sum("total_us"),
+    {"least", kNumber, Fold::kLeast},
+    {"most", kNumber, Fold::kMost},
+});
+constexpr auto kBucketColumns = std::to_array<Column>({
+    key("step"),
+    key("kind"),
+    key("at"),
+    key("instance"),
+    key("name", kText),
+    key("bucket"),
+    sum("count"),
+});
+constexpr auto kMonitorColumns = std::to_array<Column>({
+    key("at"),
+    key("instance"),
+    key("kind"),
+    key("name", kText),
+    sum("count"),
+    sum("normal"),
+    sum("slow"),
+    sum("very_slow"),
+    sum("error"),
+    sum("total"),
+    {"least", kNumber, Fold::kLeast},
+    {"most", kNumber, Fold::kMost},
+    {"line", kText},
+});
+constexpr auto kLinkColumns = std::to_array<Column>({
+    key("at"),
+    key("instance"),
+    sum("records"),
+    sum("monitor_records"),
+    sum("bytes"),
+    sum("unreadable"),
+    sum("dropped"),
+    sum("incomplete"),
+    sum("connects"),
+    sum("disconnects"),
+});
+constexpr auto kInstanceColumns = std::to_array<Column>({
+    key("instance"),
+    {"tier", kText},
+    {"server", kText},
+    {"app", kText},
+    {"agent", kText},
+    {"epoch"},
+    {"first", kNumber, Fold::kLeast},
+    {"last", kNumber, Fold::kMost},
+});
+constexpr auto kComparisonColumns = std::to_array<Column>({
+    key("at"),
+    key("instance"),
+    sum("agreed"),
+    sum("partial"),
+    sum("differing"),
+});
+
+constexpr auto kTableRows = std::to_array<Table>({
+    {"transactions", kTransactionColumns, false, nullptr},
+    {"records", kRecordColumns, false, nullptr},
+    {"callouts", kCalloutColumns, false, nullptr},
+    {"exceptions", kExceptionColumns, false, nullptr},
+    {"names", kNameColumns, true, nullptr},
+    {"sums", kSumColumns, true, "at"},
+    {"buckets", kBucketColumns, true, "at"},
+    {"monitors", kMonitorColumns, true, "at"},
+    {"links", kLinkColumns, true, "at"},
+    {"instances", kInstanceColumns, true, "last"},
+    {"comparisons", kComparisonColumns, true, "at"},
+});
+static_assert(kTableRows.size() == kTables, "every TableId needs one row");
+
+// Lists are read latest first, of one BT, of what is not normal; chains by the calling transaction.
+constexpr auto kIndexes = std::to_array<const char*>({
+    "CREATE INDEX transactions_at ON transactions(at)",
+    "CREATE INDEX transactions_bt ON transactions(bt, at)",
+    "CREATE INDEX transactions_bad ON transactions(category, at) WHERE category > 10",
+    "CREATE INDEX transactions_previous ON transactions(previous) WHERE previous <> 0",
+    "CREATE INDEX callouts_backend ON callouts(backend, at)",
+    "CREATE INDEX exceptions_class ON exceptions(class, at)",
+});
+
+// "a, b, c" of the columns that `wanted` picks, each as `form` makes it.
+template <class Wanted, class Form>
+std::string listOf(const Table& table, Wanted wanted, Form form) {
+    std::string out;
+    for (const Column& column : table.columns) {
+        if (!wanted(column)) continue;
+        if (!out.empty()) out += ", ";
+        out += form(column);
+    }
+    return out;
+}
+bool any(const Column&) {
+    return true;
+}
+bool isKey(const Column& column) {
+    return column.fold == Fold::kKey;
+}
+std::string nameOnly(const Column& column) {
+    return column.name;
+}
+
+std::string folded(const Column& column) {
+    const std::string name = column.name;
+    switch (column.fold) {
+        case Fold::kAdd:
+            return name + " = " + name + " + excluded." + name;
+        case Fold::kLeast:
+            return name + " = min(" + name + ", excluded." + name + ")";
+        case Fold::kMost:
+            return name + " = max(" + name + ", excluded." + name + ")";
+        default:
+            return name + " = excluded." + name;
+    }
+}
+
+}  // namespace
+
+const Table& tableOf(TableId id) {
+    return kTableRows[id];
+}
+
+std::string sqliteCreate(const Table& table) {
+    const std::string keys = listOf(table, isKey, nameOnly);
+    const bool rowId = keys.find(',') == std::string::npos;  // a single number is the row's own number
+    return "CREATE TABLE " + std::string(table.name) + "(" +
+           listOf(table, any,
+                  [](const Column& column) {
+                      return std::string(column.name) +
+                             (column.type == ColumnType::kText ? " TEXT" : " INTEGER") + " NOT NULL";
+                  }) +
+           ", PRIMARY KEY(" + keys + "))" + (rowId ? "" : " WITHOUT ROWID");
+}
+
+std::string sqliteInsert(const Table& table) {
+    std::string out = table.folds ? "INSERT INTO " : "INSERT OR REPLACE INTO ";
+    out += std::string(table.name) + "(" + listOf(table, any, nameOnly) + ") VALUES(" +
+           listOf(table, any, [](const Column&) { return "?"; }) + ")";
+    if (!table.folds) return out;
+    return out + " ON CONFLICT(" + listOf(table, isKey, nameOnly) + ") DO UPDATE SET " +
+           listOf(
+               table, [](const Column& column) { return column.fold != Fold::kKey; }, folded);
+}
+
+std::span<const char* const> sqliteIndexes() {
+    return kIndexes;
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,54 @@
+// The tables of a store, as one list of columns from which the statements of each dialect are made.
+//
+// Rows of a folding table with the same key become one: numbers are added, least and most kept, other
+// columns take the later value. SQLite folds on insertion; an engine that only appends keeps all of them, and
+// every query adds up either way.
+//
+// Threads   Any; no state.
+#pragma once
+
+#include <span>
+#include <string>
+
+namespace vx::collector {
+
+// Grows with each change of the tables. A file of a newer version is refused.
+inline constexpr int kSchemaVersion = 1;
+
+enum class ColumnType { kNumber, kText };
+enum class Fold { kKey, kAdd, kLeast, kMost, kLatest };
+struct Column {
+    const char* name;
+    ColumnType type = ColumnType::kNumber;
+    Fold fold = Fold::kLatest;
+};
+struct Table {
+    const char* name;
+    std::span<const Column> columns;
+    bool folds;
+    const char* time;  // the column by which old rows go; null: they go otherwise
+};
+
+enum TableId {
+    kTransactions,
+    kRecords,
+    kCallouts,
+    kExceptions,
+    kNames,
+    kSums,
+    kBuckets,
+    kMonitors,
+    kLinks,
+    kInstances,
+    kComparisons,
+    kTables
+};
+const Table& tableOf(TableId id);
+
+// Statements of SQLite.
+std::string sqliteCreate(const Table& table);
+std::string sqliteInsert(const Table& table);
+// Further statements of a new file: indexes.
+std::span<const char* const> sqliteIndexes();
+
+}  // namespace vx::collector
