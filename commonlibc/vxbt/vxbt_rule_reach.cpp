@@ -5,10 +5,9 @@
 #include <memory>
 #include <set>
 
-#include "commonlibc/vxbt/vxbt_automaton.h"
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
-#include "commonlibc/vxbt/vxbt_state_machine.h"
+#include "commonlibc/vxbt/vxbt_rule_probe.h"
 
 namespace vx {
 
@@ -18,26 +17,6 @@ constexpr std::int32_t kFirstId = 2;  // 1 is also the answer of a machine that 
 constexpr std::array kFills = {"x", "", "/x", "x9/y"};
 constexpr std::array kTails = {"", "x", "/x"};
 constexpr const char* kNeverMatches = "no request can match it";
-
-// A machine that is given back.
-struct Machine : vxlb_state_machine {
-    Machine() : vxlb_state_machine{} { vxlb_state_machine_init(this, 0); }
-    ~Machine() { vxlb_state_machine_free(this); }
-    Machine(const Machine&) = delete;
-    Machine& operator=(const Machine&) = delete;
-};
-
-std::int32_t search(const vxlb_state_machine& machine, const VXRuleRequest& request) {
-    return vxlb_state_machine_search(&machine, request.url.c_str(),
-                                     static_cast<std::int64_t>(request.url.size()), request.query.c_str(),
-                                     request.method.c_str());
-}
-
-int addTo(vxlb_state_machine& machine, const std::string& pattern, const std::string& method, std::int32_t id,
-          std::int32_t matchType, std::int32_t mode) {
-    return vxlb_state_machine_add(&machine, pattern.c_str(), pattern.size(), method.c_str(), method.size(),
-                                  id, matchType, mode);
-}
 
 // The text with `fill` in place of each run of "*".
 std::string filled(const std::string& text, const char* fill) {
@@ -96,14 +75,6 @@ std::int32_t keywordOf(const vxlbTrie& machine, const VXBTCustomeRule& rules, co
     return -1;
 }
 
-// An automaton that is given back.
-struct Automaton : vxlbTrie {
-    explicit Automaton(const VXBTCustomeRule& rules) : vxlbTrie{} { vxlb_init_automaton(this, &rules); }
-    ~Automaton() { vxlb_free_automaton(this); }
-    Automaton(const Automaton&) = delete;
-    Automaton& operator=(const Automaton&) = delete;
-};
-
 void addKeyword(VXBTCustomeRule& rules, const VXBTLexiconEntry& entry) {
     add_to_lexicon(&rules, entry.keyword, entry.priority, entry.btName, entry.constraint);
 }
@@ -112,7 +83,7 @@ bool matchesAlone(const VXBTLexiconEntry& entry) {
     const auto alone = std::make_unique<VXBTCustomeRule>();
     vxlb_build_lexicon(alone.get());
     addKeyword(*alone, entry);
-    const Automaton machine(*alone);
+    const VXProbeAutomaton machine(*alone);
     const std::vector<std::string> texts = textsOf(entry);
     return std::any_of(texts.begin(), texts.end(),
                        [&](const std::string& text) { return keywordOf(machine, *alone, text) >= 0; });
@@ -120,13 +91,9 @@ bool matchesAlone(const VXBTLexiconEntry& entry) {
 
 }  // namespace
 
-VXPatternReach::VXPatternReach() {
-    vxlb_state_machine_init(&all_, 0);
-}
+VXPatternReach::VXPatternReach() : all_(std::make_unique<VXProbeMachine>()) {}
 
-VXPatternReach::~VXPatternReach() {
-    vxlb_state_machine_free(&all_);
-}
+VXPatternReach::~VXPatternReach() = default;
 
 void VXPatternReach::add(int line, const VXPatternLine& rule) {
     rules_.push_back({line, rule.name, rule.url, rule.query, rule.method, *rule.header != '\0', rule.id,
@@ -135,11 +102,11 @@ void VXPatternReach::add(int line, const VXPatternLine& rule) {
     const auto place = static_cast<std::int32_t>(rules_.size()) - 1 + kFirstId;
     const Rule& added = rules_.back();
     noteClash(added);
-    addTo(all_, added.pattern, added.method, added.id == 0 ? 0 : place, added.matchType, added.mode);
+    all_->add(added.pattern, added.method, added.id == 0 ? 0 : place, added.matchType, added.mode);
 }
 
 const VXPatternReach::Rule* VXPatternReach::winner(const VXRuleRequest& request) const {
-    const std::int32_t id = search(all_, request);
+    const std::int32_t id = all_->search(request);
     const std::int32_t place = id - kFirstId;
     return place >= 0 && place < static_cast<std::int32_t>(rules_.size())
                ? &rules_[static_cast<std::size_t>(place)]
@@ -156,12 +123,12 @@ std::string VXPatternReach::warningOf(const Rule& rule) const {
     if (rule.id < kBtIdOthers && rule.id != kBtIdExcluded)
         return "id " + std::to_string(rule.id) + " names no BT, " +
                (rule.id == 0 ? "it never matches" : "what it takes is \"Others\"");
-    Machine alone;
-    addTo(alone, rule.pattern, rule.method, rule.id, rule.matchType, rule.mode);
+    VXProbeMachine alone;
+    alone.add(rule.pattern, rule.method, rule.id, rule.matchType, rule.mode);
     bool matches = false, reached = false;
     const Rule* before = nullptr;
     eachRequest(rule.url, rule.query, rule.method, rule.matchType == 1, [&](const VXRuleRequest& request) {
-        if (request.url.empty() || search(alone, request) != rule.id) return true;
+        if (request.url.empty() || alone.search(request) != rule.id) return true;
         matches = true;
         const Rule* taken = winner(request);
         reached = taken == &rule || (taken && taken->id == rule.id && taken->hasHeader && rule.hasHeader);
@@ -216,13 +183,13 @@ void VXCustomReach::add(int line, const VXBTCustomeRule& alone) {
 }
 
 int VXCustomReach::lineOf(const std::string& url) const {
-    const std::int32_t keyword = keywordOf(Automaton(rules_), rules_, url);
+    const std::int32_t keyword = keywordOf(VXProbeAutomaton(rules_), rules_, url);
     return keyword < 0 ? 0 : lines_[static_cast<std::size_t>(keyword)];
 }
 
 // Empty: one of the line's keywords is reached.
 std::string VXCustomReach::warningOf(int line) const {
-    const Automaton all(rules_);
+    const VXProbeAutomaton all(rules_);
     bool matches = false;
     int before = 0;
     for (std::int32_t i = 0; i < rules_.lexiconCount; ++i) {

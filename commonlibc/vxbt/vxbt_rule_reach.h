@@ -14,6 +14,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ struct VXRuleWarning {
     int line;  // of the rule
     std::string text;
 };
+
+struct VXProbeMachine;
 
 class VXPatternReach {
 public:
@@ -59,7 +62,7 @@ private:
     std::map<std::int32_t, Rule> byId_;   // the last line of each
     std::map<std::string, Rule> byName_;  // likewise
     std::vector<VXRuleWarning> clashes_;
-    vxlb_state_machine all_{};  // ids: places in rules_, from kFirstId
+    std::unique_ptr<VXProbeMachine> all_;  // ids: places in rules_, from kFirstId
 };
 
 class VXCustomReach {

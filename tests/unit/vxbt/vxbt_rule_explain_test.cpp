@@ -1,0 +1,111 @@
+#include "commonlibc/vxbt/vxbt_rule_explain.h"
+
+#include <apr_general.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "commonlibc/vxbt/vxbt_rule_execute.h"
+#include "tests/support/by_name.h"
+
+namespace vx::test {
+namespace {
+
+constexpr const char* kWords[] = {"names", "outdone", "fails", "mute"};
+
+struct Case {
+    const char* name;
+    const char* rules;
+    const char* request;  // method, URL
+    const char* header;
+    const char* told;  // BT, then for each line what becomes of it
+};
+class ExplainRequest : public testing::TestWithParam<Case> {
+protected:
+    ExplainRequest() { apr_initialize(); }
+    ~ExplainRequest() override { apr_terminate(); }
+};
+
+std::string explained(const Case& at) {
+    VXRuleReading reading;
+    EXPECT_TRUE(reading.good() && reading.read(at.rules));
+    const std::string request = at.request;
+    const std::size_t blank = request.find(' ');
+    const VXUrlParts parts = vxSplitUrl(std::string_view(at.request).substr(blank + 1));
+    const VXExplanation got = vxExplainRequest(
+        reading, {std::string(parts.path), std::string(parts.query), request.substr(0, blank)}, at.header);
+    std::string out = got.answer.bt.empty() ? "excluded" : got.answer.bt;
+    out += " " + std::to_string(got.line);
+    for (const VXLineReason& line : got.lines)
+        out += std::string("\n") + kWords[static_cast<int>(line.verdict)] + ": " + line.reason;
+    return out;
+}
+
+TEST_P(ExplainRequest, TellsWhatEachLineSaysToIt) {
+    EXPECT_EQ(explained(GetParam()), GetParam().told);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, ExplainRequest,
+    testing::ValuesIn<Case>({
+        {"longest_and_exact", "7|A|2|1|/a|0\n7|B|3|1|/a/b|0\n7|C|4|0|/a/b/c|0\n7|D|5|0|/a/b|0", "GET /a/b/c",
+         nullptr,
+         "C 3\noutdone: line 3 is exact\noutdone: line 3 is exact\nnames: takes the request\n"
+         "fails: the URL goes on behind \"/a/b\", and the rule is exact"},
+        {"longer_prefix", "7|A|2|1|/a|0\n7|B|3|1|/a/b|0\n7|X|4|1|/a/x|0", "GET /a/bc", nullptr,
+         "B 2\noutdone: line 2 fits more of the URL\nnames: takes the request\n"
+         "fails: the URL fits \"/a/x\" only as far as \"/a/\""},
+        {"same_pattern", "7|A|2|0|/a|0\n#\n7|B|3|0|/a|0\n7|bad\n5|9", "GET /a", nullptr,
+         "B 3\noutdone: line 3 has the same pattern and stands behind it\nmute: a comment\n"
+         "names: takes the request\nmute: fewer than 6 fields\nmute: a setting"},
+        {"exclusion", "7|H|2|1|/h|1\n7|A|3|1|*|0", "GET /h/x", nullptr,
+         "excluded 1\nnames: takes the request, which is excluded\noutdone: line 1 fits more of the URL"},
+        {"query_and_method", "7|Q|2|0|/a|0|1|x=1\n7|M|3|0|/a|0|2|-|POST\n7|P|4|1|/a|0|1|y=", "GET /a?x=2",
+         nullptr,
+         "Others 0\nfails: no parameter of the query is \"x=1\"\nfails: the method is GET, the rule asks for "
+         "POST\nfails: no parameter of the query begins with \"y=\""},
+        {"no_query", "7|B|2|0|/a|0|3|x=1|POST", "GET /a", nullptr,
+         "Others 0\nfails: the request has no query, the rule asks for \"x=1\""},
+        {"both_but_method", "7|B|2|0|/a|0|3|x=1|POST", "GET /a?x=1", nullptr,
+         "Others 0\nfails: the method is GET, the rule asks for POST"},
+        {"wildcard_and_query", "7|W|2|0|/a/*/z|0|1|x=1", "GET /a/b/z?x=1", nullptr,
+         "Others 0\nfails: the URL needed its \"*\": then only partial rules ask for query and method"},
+        {"header_missing", "7|E|2|0|/a|0|0|-|-|S=e|-\n7|F|2|0|/b|0|0|-|-|-|-", "GET /a", "S=u",
+         "Others 0\nfails: the request does not have the header \"S=e\", so that it is \"Others\"\n"
+         "fails: the URL fits \"/b\" only as far as \"/\""},
+        {"one_of_two_headers", "7|E|2|0|/a|0|0|-|-|S=e|-\n7|E|2|0|/a|0|0|-|-|S=u|-", "GET /a", "S=e",
+         "E 1\nnames: takes the request\nfails: the request does not have the header \"S=u\", so that it is "
+         "\"Others\""},
+        {"customs",
+         "2|2|r|A|-|1|1|[input1=startswith&&input2=/a]|-\n2|2|r|B|-|1|2|[input1=endswith&&input2=/b]|-\n"
+         "2|2|r|C|-|1|2|[input1=contains&&input2=/a]|-\n2|2|r|D|-|1|2|[input1=EQUALS&&input2=/b]|-\n"
+         "2|1|r|E|-|1|9|GET|-\n1|1|n|d|-|-|-|-|-",
+         "GET /a/b", nullptr,
+         "B 2\noutdone: line 2 has a higher priority\nnames: its keyword is the best in the URL\n"
+         "fails: \"/a\" stands only at the very beginning of the URL, where it does not count\n"
+         "fails: \"/b\" is not the whole URL\nfails: its keyword \"GET\" has no operator that a URL can "
+         "meet\n"
+         "mute: custom rules go before the global rule"},
+        {"global", "1|2|n|d|FromFirst|1|Request-Method|-|-", "PUT /a/b", nullptr,
+         "/a.PUT 1\nnames: name: the first 1 segments of the URL, then \".\" and the method"},
+        {"default_rule", "# none", "GET /a/b/c", nullptr, "/a/b 0\nmute: a comment"},
+    }),
+    byName);
+
+// A reading that is given a second text is what a running instance is after a change: custom rules add up.
+TEST(RuleReading, TakesAFurtherTextAsAChange) {
+    apr_initialize();
+    {
+        VXRuleReading reading;
+        ASSERT_TRUE(reading.read("2|2|r|A|-|1|1|[input1=EQUALS&&input2=/a]|-"));
+        ASSERT_TRUE(reading.read("2|2|r|B|-|1|1|[input1=EQUALS&&input2=/b]|-"));
+        EXPECT_EQ(reading.classify({"/a", "", ""}, nullptr).bt, "A");
+        EXPECT_EQ(reading.classify({"/b", "", ""}, nullptr).bt, "B");
+        EXPECT_EQ(vxCurrent(), nullptr);
+        EXPECT_FALSE(reading.read(std::string(2 << 20, '7')));
+    }
+    apr_terminate();
+}
+
+}  // namespace
+}  // namespace vx::test
