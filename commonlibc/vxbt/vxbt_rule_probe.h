@@ -7,10 +7,13 @@
 #include <string>
 
 #include "commonlibc/vxbt/vxbt_automaton.h"
-#include "commonlibc/vxbt/vxbt_rule_reach.h"
 #include "commonlibc/vxbt/vxbt_state_machine.h"
 
 namespace vx {
+
+struct VXRuleRequest {
+    std::string url, query, method;
+};
 
 struct VXProbeMachine : vxlb_state_machine {
     VXProbeMachine() : vxlb_state_machine{} { vxlb_state_machine_init(this, 0); }

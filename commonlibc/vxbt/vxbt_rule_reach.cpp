@@ -7,7 +7,6 @@
 
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_rule_execute.h"
-#include "commonlibc/vxbt/vxbt_rule_probe.h"
 
 namespace vx {
 
@@ -91,10 +90,6 @@ bool matchesAlone(const VXBTLexiconEntry& entry) {
 
 }  // namespace
 
-VXPatternReach::VXPatternReach() : all_(std::make_unique<VXProbeMachine>()) {}
-
-VXPatternReach::~VXPatternReach() = default;
-
 void VXPatternReach::add(int line, const VXPatternLine& rule) {
     rules_.push_back({line, rule.name, rule.url, rule.query, rule.method, *rule.header != '\0', rule.id,
                       rule.matchType, rule.mode, rule.pattern});
@@ -102,11 +97,11 @@ void VXPatternReach::add(int line, const VXPatternLine& rule) {
     const auto place = static_cast<std::int32_t>(rules_.size()) - 1 + kFirstId;
     const Rule& added = rules_.back();
     noteClash(added);
-    all_->add(added.pattern, added.method, added.id == 0 ? 0 : place, added.matchType, added.mode);
+    all_.add(added.pattern, added.method, added.id == 0 ? 0 : place, added.matchType, added.mode);
 }
 
 const VXPatternReach::Rule* VXPatternReach::winner(const VXRuleRequest& request) const {
-    const std::int32_t id = all_->search(request);
+    const std::int32_t id = all_.search(request);
     const std::int32_t place = id - kFirstId;
     return place >= 0 && place < static_cast<std::int32_t>(rules_.size())
                ? &rules_[static_cast<std::size_t>(place)]

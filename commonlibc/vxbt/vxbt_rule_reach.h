@@ -14,31 +14,21 @@
 #pragma once
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "commonlibc/vxbt/vxbt_pattern_rule.h"
+#include "commonlibc/vxbt/vxbt_rule_probe.h"
 
 namespace vx {
 
-struct VXRuleRequest {
-    std::string url, query, method;
-};
 struct VXRuleWarning {
     int line;  // of the rule
     std::string text;
 };
 
-struct VXProbeMachine;
-
 class VXPatternReach {
 public:
-    VXPatternReach();
-    ~VXPatternReach();
-    VXPatternReach(const VXPatternReach&) = delete;
-    VXPatternReach& operator=(const VXPatternReach&) = delete;
-
     // An accepted line.
     void add(int line, const VXPatternLine& rule);
     // The line whose rule takes a request, whatever its headers; 0: none does.
@@ -62,7 +52,7 @@ private:
     std::map<std::int32_t, Rule> byId_;   // the last line of each
     std::map<std::string, Rule> byName_;  // likewise
     std::vector<VXRuleWarning> clashes_;
-    std::unique_ptr<VXProbeMachine> all_;  // ids: places in rules_, from kFirstId
+    VXProbeMachine all_;  // ids: places in rules_, from kFirstId
 };
 
 class VXCustomReach {
