@@ -54,7 +54,8 @@ struct VXBCISetting_t {
     std::int64_t lastModifiedDate, prevFileSize;  // of the settings file, as last read
     VXSharedText attributes, tags;                // JSON
     VXSharedText tierAttr;
-    VXSharedText tlsCaFile;  // certificates to check with; unset: the system's
+    VXSharedText tlsCaFile;                    // certificates to check with; unset: the system's
+    VXSharedText agentCertFile, agentKeyFile;  // of the listener for agents; unset: proxy.cert of the home
     VXSharedText endPointPrefix, SaasHost, projectKey, authtoken;
     char criticalFiles[kCriticalFilesSize];  // control thread: keywords, each between commas
 };

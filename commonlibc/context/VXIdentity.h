@@ -15,6 +15,7 @@
 namespace vx {
 
 struct VXMap;
+struct VXAgentWs;  // VXAgentWs.h
 
 inline constexpr std::size_t kIdentitySize = 1024;  // identity strings, terminator included
 inline constexpr std::size_t kAgentTypeSize = 64;
@@ -27,13 +28,15 @@ struct epollPtr_t {
     std::int32_t procIndex;
 };
 
-// One agent process. Handles are put and closed by the listener; other threads send under sendMutex.
+// One agent process. Handles are put and closed by the listener; other threads send under sendMutex. A
+// connection has a socket or, while the listener serves WebSockets, a WebSocket, never both.
 struct processInfo_t {
     std::atomic<std::uint32_t> firstWord;               // records accepted reset it to 0; nothing raises it
     std::int32_t controlFd, dataFd, asFd, discoveryFd;  // descriptors, -1 when closed (listener only)
     std::atomic<std::int64_t> pid;                      // -1: the slot is free
     char* dataBuffer;  // heap or null: what the last read of the data connection left of a record
     VXSharedSocket control, data, autoSensor, discovery;
+    std::atomic<VXAgentWs*> controlWs, dataWs, asWs, discoveryWs;  // put and cleared under sendMutex
     char* discoveryTail;  // heap or null: what lay behind the last newline of the discovery connection
     std::int32_t discoveryTailLength;
     epollPtr_t* epollPtr;           // the process's own pair; outlives its connections

@@ -65,6 +65,7 @@ struct VXProxy_t {
     std::uint8_t memThresholdCheckModes;  // default 1
     std::uint8_t memUsageThresholdPct;    // default 20
     std::uint8_t proxyUnixDomain;         // nothing sets it
+    std::uint8_t proxyAgentWebSocket;     // agents come over: 0 TCP, 1 WebSocket, 2 WebSocket over TLS
     char* vxHomePath;
     char* vxcHost;
     char proxyHost[256];                   // default "127.0.0.1"

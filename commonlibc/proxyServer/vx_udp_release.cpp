@@ -61,6 +61,7 @@ void freeTexts(vxApplication& app) {
                                &setting.tierAttr,         &setting.endPointPrefix,
                                &setting.SaasHost,         &setting.projectKey,
                                &setting.authtoken,        &setting.tlsCaFile,
+                               &setting.agentCertFile,    &setting.agentKeyFile,
                                &app.session.vxCookieName, &app.session.cookieDomainName})
         setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);

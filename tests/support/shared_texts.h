@@ -27,6 +27,7 @@ void eachSharedText(vxApplication& app, Visit visit) {
                                &setting.tierAttr,         &setting.endPointPrefix,
                                &setting.SaasHost,         &setting.projectKey,
                                &setting.authtoken,        &setting.tlsCaFile,
+                               &setting.agentCertFile,    &setting.agentKeyFile,
                                &app.session.vxCookieName, &app.session.cookieDomainName})
         visit(*text);
 }
