@@ -22,6 +22,8 @@ struct VXCollectorRecord {
     std::int32_t port;
     char host[kHostSize];  // empty: none
     std::int32_t isSaas;
+    std::int32_t givenPort;  // `port` as settings or a reroute gave it; negotiation may have changed that
+    std::int32_t protocol;   // how it is reached: 1 TCP, 2 WS, 3 WSS; 0: not tried, as configured
 };
 
 struct VXCollectors_t {
