@@ -35,7 +35,7 @@ protected:
     }
     FakePeer connect() {
         char error[kSockErrorSize];
-        const VXCollectorRecord record{1, collector.port(), "127.0.0.1", 0};
+        const VXCollectorRecord record{1, collector.port(), "127.0.0.1", 0, 0, 0};
         EXPECT_TRUE(vxOpenLink(link(), record, 20000, error));
         return collector.accept();
     }
