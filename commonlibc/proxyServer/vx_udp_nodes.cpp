@@ -55,7 +55,8 @@ bool udp_buff_list_init(std::int32_t workers) {
             udp_buff_list_free();
             return false;
         }
-        vxUdpGiveNode(node);
+        const std::lock_guard lock(VXUdp.freeMutex);
+        vxUdpAppend(VXUdp.freeList, node);
     }
     return true;
 }
@@ -65,26 +66,28 @@ void udp_buff_list_free() {
     while (VXUdpNode* node = vxUdpPop(VXUdp.freeList)) freeNode(node);
 }
 
-VXUdpNode* vxUdpTryNode() {
-    const std::lock_guard lock(VXUdp.freeMutex);
-    return vxUdpPop(VXUdp.freeList);
-}
-
-VXUdpNode* vxUdpTakeNode() {
+int vxUdpTakeNodes(VXUdpNode** out, int most, bool wait) {
     std::unique_lock lock(VXUdp.freeMutex);
-    VXUdp.freed.wait_for(lock, kNodeWait, [] {
-        return VXUdp.freeList.head || VXUdp.stopping.load(std::memory_order_relaxed);
-    });
-    return vxUdpPop(VXUdp.freeList);
+    if (wait)
+        VXUdp.freed.wait_for(lock, kNodeWait, [] {
+            return VXUdp.freeList.head || VXUdp.stopping.load(std::memory_order_relaxed);
+        });
+    int count = 0;
+    while (count < most && VXUdp.freeList.head) out[count++] = vxUdpPop(VXUdp.freeList);
+    return count;
 }
 
-void vxUdpGiveNode(VXUdpNode* node) {
+void vxUdpGiveNodes(VXUdpQueue& nodes) {
+    if (!nodes.head) return;
     bool wasEmpty = false;
     {
         const std::lock_guard lock(VXUdp.freeMutex);
-        wasEmpty = !VXUdp.freeList.head;
-        vxUdpAppend(VXUdp.freeList, node);
+        VXUdpQueue& list = VXUdp.freeList;
+        wasEmpty = !list.head;
+        (wasEmpty ? list.head : list.tail->next) = nodes.head;
+        list.tail = nodes.tail;
     }
+    nodes = {};
     if (wasEmpty) VXUdp.freed.notify_one();
 }
 

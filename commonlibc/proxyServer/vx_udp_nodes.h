@@ -13,10 +13,10 @@ namespace vx {
 bool udp_buff_list_init(std::int32_t workers);
 void udp_buff_list_free();  // where no thread of the intake runs
 
-VXUdpNode* vxUdpTryNode();  // the first free node, or null
-// The same, or null after a second without one, and at a stop.
-VXUdpNode* vxUdpTakeNode();
-void vxUdpGiveNode(VXUdpNode* node);  // to the tail of the free list
+// Takes the free nodes, at most `most`. How many; with `wait` it waits for the first one, at most a second
+// and not at a stop.
+int vxUdpTakeNodes(VXUdpNode** out, int most, bool wait);
+void vxUdpGiveNodes(VXUdpQueue& nodes);  // all of them, to the tail of the free list
 
 void vxUdpAppend(VXUdpQueue& queue, VXUdpNode* node);  // the queue's lock is held
 VXUdpNode* vxUdpPop(VXUdpQueue& queue);                // likewise; null when it is empty

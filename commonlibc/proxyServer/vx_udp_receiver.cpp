@@ -46,6 +46,7 @@ void waitForStop(std::chrono::seconds time) {
 void publish(int socket) {
     const std::lock_guard lock(VXUdp.socketMutex);
     VXUdp.socket = socket;
+    VXUdp.lostTold = 0;
 }
 
 // The socket, or -1 at a stop.
@@ -69,7 +70,7 @@ int openSocket() {
 // How thickly datagrams come, found anew in each window of time.
 class Pace {
 public:
-    void count() { ++taken_; }
+    void count(int taken) { taken_ += taken; }
     // The queue is empty: whether to nap, and let some gather, before the next look.
     bool worthNap() {
         const Clock::time_point now = Clock::now();
@@ -87,52 +88,78 @@ private:
     bool thick_ = false;
 };
 
-// Takes the next datagram into the node, waiting for it at most a second. What the system's call says.
-std::int64_t takeDatagram(int socket, VXUdpNode& node, Pace& pace) {
-    VXDatagramEnd from{};
-    std::int64_t count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
-    if (count == kNoDatagram) {
-        vxUdpWakeWorkers();
-        if (pace.worthNap()) {
-            std::this_thread::sleep_for(kNap);
-            count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, false, &from);
-        } else {
-            count = vx_platform_udp_receive(socket, node.buffer, kMaxDatagram, true, &from);
-        }
+// The receiver's side of the free list: nodes that datagrams are to come into.
+class Inlet {
+public:
+    explicit Inlet(int socket) : socket_(socket) {}
+    ~Inlet() {
+        VXUdpQueue left{};
+        for (int i = 0; i < count_; ++i) vxUdpAppend(left, nodes_[i]);
+        vxUdpGiveNodes(left);
     }
-    if (count > 0) pace.count();
-    node.sender = {from.ip, from.port};
-    return count;
-}
+    Inlet(const Inlet&) = delete;
+    Inlet& operator=(const Inlet&) = delete;
 
-void receiveOne(int socket, VXUdpNode* node, Pace& pace) {
-    const std::int64_t count = takeDatagram(socket, *node, pace);
-    if (count > 0) {
-        node->length = static_cast<std::int32_t>(count);
-        node->buffer[count] = '\0';
-        vxUdpHandOver(node);
-        return;
+    // False when all nodes are with the workers, and none comes back within a second.
+    bool takeNodes() {
+        count_ += vxUdpTakeNodes(nodes_ + count_, kMostDatagrams - count_, count_ == 0);
+        return count_ > 0;
     }
-    vxUdpGiveNode(node);
-    if (count == kNoDatagram || stopping()) return;
-    VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
-    if (count == kDatagramFailed) std::this_thread::sleep_for(kPauseAfterError);
-}
+    // Receives what is there, or waits for it at most a second, and hands it to the workers.
+    void receive() {
+        const bool naps = emptied_ && pace_.worthNap();
+        if (naps) std::this_thread::sleep_for(kNap);
+        for (int i = 0; i < count_; ++i) rooms_[i].buffer = nodes_[i]->buffer;
+        const int got = vx_platform_udp_receive(socket_, rooms_, count_, kMaxDatagram, emptied_ && !naps);
+        emptied_ = got < count_;
+        if (got > 0)
+            handOver(got);
+        else if (got == kDatagramFailed && !stopping())
+            failed();
+    }
+
+private:
+    void handOver(int got) {
+        int kept = 0;
+        for (int i = 0; i < count_; ++i) {
+            VXUdpNode* node = nodes_[i];
+            if (i < got && fill(*node, rooms_[i]))
+                vxUdpHandOver(node);
+            else
+                nodes_[kept++] = node;
+        }
+        count_ = kept;
+        pace_.count(got);
+        vxUdpWakeWorkers();
+    }
+    static bool fill(VXUdpNode& node, const VXDatagramRoom& room) {
+        node.sender = {room.sender.ip, room.sender.port};
+        node.length = static_cast<std::int32_t>(room.length);
+        node.buffer[room.length] = '\0';
+        if (room.length == 0) VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
+        return room.length > 0;
+    }
+    static void failed() {
+        VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
+        std::this_thread::sleep_for(kPauseAfterError);
+    }
+
+    const int socket_;
+    Pace pace_;
+    bool emptied_ = true;  // the last look took all that was there
+    int count_ = 0;
+    VXUdpNode* nodes_[kMostDatagrams];
+    VXDatagramRoom rooms_[kMostDatagrams];
+};
 
 void receiveLoop(int socket) {
-    Pace pace;
+    Inlet inlet(socket);
     while (!stopping()) {
-        VXUdpNode* node = vxUdpTryNode();
-        if (!node) {
-            vxUdpWakeWorkers();
-            node = vxUdpTakeNode();
-        }
-        if (node)
-            receiveOne(socket, node, pace);
+        if (inlet.takeNodes())
+            inlet.receive();
         else if (!stopping())
             VX_TRACE(1, kControlThread, kError, "Write list is empty. Ignoring UDP packet");
     }
-    vxUdpWakeWorkers();
 }
 
 bool startReceiver(vxApplication* root) {
@@ -191,6 +218,7 @@ void vxUdpStop() {
     vxUdpEndWorkers();
     vxUdpJoinWatchers();
     udp_buff_list_free();
+    vxUdpTellLosses();
     const std::lock_guard lock(VXUdp.socketMutex);
     vx_platform_udp_close(std::exchange(VXUdp.socket, -1));
 }

@@ -2,10 +2,10 @@
 //
 //     socket -> receiver -> node -> queue of the sender's worker -> decode_udp_Message_wrapper -> free list
 //
-// All datagrams of one sender go to one worker, in their order. While datagrams come thickly the receiver
-// naps for two milliseconds whenever it has emptied the socket's queue, and takes what has gathered then: one
-// wake-up for many datagrams. What waits has its room in the socket's queue; what finds that full is lost,
-// counted by the system and told once a minute.
+// All datagrams of one sender go to one worker, in their order. The receiver takes what has gathered in one
+// call, up to 64 datagrams, and wakes each worker once for it. While datagrams come thickly it naps for two
+// milliseconds whenever it has emptied the socket's queue. What waits has its room in the socket's queue;
+// what finds that full is lost, counted by the system and told once a minute, and at the end.
 //
 // Limits    See vx_udp_nodes. With no node free the receiver waits for one, at most a second at a time.
 // Errors    A port that cannot be bound is tried again every 10 s.

@@ -56,15 +56,17 @@ bool start(Watcher& watcher, vxApplication* root, const char* what) {
     return false;
 }
 
-// How many datagrams the system had no room for, while they grow.
-void tellLost() {
+void tellLostDatagrams() {
     const std::lock_guard lock(VXUdp.socketMutex);
     const std::int64_t lost = VXUdp.socket >= 0 ? vx_platform_udp_lost(VXUdp.socket) : -1;
-    if (lost <= 0 || static_cast<std::uint64_t>(lost) == VXUdp.lostTold) return;
-    const auto now = static_cast<std::uint64_t>(lost);
-    VX_TRACE(1, kControlThread, kWarning, "UDP datagrams lost for want of room: %llu (+%llu)",
-             static_cast<unsigned long long>(now), static_cast<unsigned long long>(now - VXUdp.lostTold));
-    VXUdp.lostTold = now;
+    if (lost < 0) return;
+    // The system's count begins anew at 2^32, ours does not.
+    const std::uint32_t growth =
+        static_cast<std::uint32_t>(lost) - static_cast<std::uint32_t>(VXUdp.lostTold);
+    if (growth == 0) return;
+    VXUdp.lostTold += growth;
+    VX_TRACE(1, kControlThread, kWarning, "UDP datagrams lost for want of room: %llu (+%u)",
+             static_cast<unsigned long long>(VXUdp.lostTold), growth);
 }
 
 void expireFor(vxApplication& app) {
@@ -83,13 +85,17 @@ void vxUdpJoinWatchers() {
     vxlb_thread_join(ruckusWatcher.thread, ruckusWatcher.pool);
 }
 
+void vxUdpTellLosses() {
+    vxUdpTellRefusals();
+    tellLostDatagrams();
+}
+
 void proxy_udp_client_handler(std::int64_t round) {
     vxApplication* root = vxCurrent();
     vxUdpEndSilentFunctions(vxlb_now_ms());
     vxSetCurrent(root);
     if (round % kTellRounds != 0) return;
-    vxUdpTellRefusals();
-    tellLost();
+    vxUdpTellLosses();
 }
 
 void proxy_udp_ruckus_handler(std::int64_t round) {

@@ -16,6 +16,9 @@ namespace vx {
 bool vxUdpStartWatchers(vxApplication* root);
 void vxUdpJoinWatchers();  // VXUdp.stopping is set
 
+// Traces how many functions were refused, and how many datagrams the system had no room for, while they grow.
+void vxUdpTellLosses();
+
 // Bodies of their rounds; `round` counts from 1.
 void proxy_udp_client_handler(std::int64_t round);
 void proxy_udp_ruckus_handler(std::int64_t round);

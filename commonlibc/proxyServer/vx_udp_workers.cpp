@@ -37,12 +37,16 @@ VXUdpQueue waitForWork(udpStorage& worker) {
     return std::exchange(worker.queue, {});
 }
 
+// The nodes go back as many at a time as are a worker's share: the receiver never waits for a long queue.
 void handle(VXUdpQueue& taken, vxApplication* root) {
-    while (VXUdpNode* node = vxUdpPop(taken)) {
+    VXUdpQueue done{};
+    for (std::int32_t i = 1; VXUdpNode* node = vxUdpPop(taken); ++i) {
         vxSetCurrent(root);
         if (!stopping()) decode_udp_Message_wrapper(node->buffer, node->length, node->sender);
-        vxUdpGiveNode(node);
+        vxUdpAppend(done, node);
+        if (i % kUdpNodesPerWorker == 0) vxUdpGiveNodes(done);
     }
+    vxUdpGiveNodes(done);
 }
 
 void* runWorker(apr_thread_t*, void* argument) {
@@ -109,7 +113,7 @@ void vxUdpEndWorkers() {
         udpStorage& worker = VXUdp.workers[i];
         vxlb_thread_join(worker.thread, worker.threadPool);
         vxEndThreadOperations(worker.threadOps);
-        while (VXUdpNode* node = vxUdpPop(worker.queue)) vxUdpGiveNode(node);
+        vxUdpGiveNodes(worker.queue);
     }
     std::destroy_n(VXUdp.workers, static_cast<std::size_t>(count));
     VXLB_FREE(std::exchange(VXUdp.workers, nullptr), "udpStorage", -1);

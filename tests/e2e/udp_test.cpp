@@ -5,34 +5,51 @@
 
 #include "tests/support/e2e_fixture.h"
 #include "tests/support/raw_agent.h"
+#include "tests/support/ws_bridge.h"
 
 namespace vx::test {
 namespace {
 
 class Datagrams : public EndToEnd {};
 
-TEST_F(Datagrams, FunctionsDeliverEveryTransactionInEachOfTheirLives) {
+// Functions whose links to the collector run over the protocol.
+class FunctionLives : public Datagrams, public testing::WithParamInterface<const char*> {
+protected:
+    const std::string protocol = GetParam();
+    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<WsBridge> front;
+};
+
+TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
     proxySettings = "proxyudpTimeout=4\n";
     startCollector();
-    startService();
+    std::string settings;
+    if (protocol != "TCP") {
+        if (protocol == "WSS") certificate = std::make_unique<TestCertificate>();
+        front = std::make_unique<WsBridge>(collectorPort, certificate.get());
+        const std::string port = std::to_string(front->port());
+        settings = "vxcPort=" + port + "\nVXC_COMM_PROTOCOL=" + protocol + ":" + port + "\n";
+    }
+    startService(settings);
     const std::vector<std::string> asFunctions = {"--udp", "--processes", "2", "--rate", "20"};
+    makeInstance("shop");
+    const int descriptors = descriptorsOf(service->pid());
     for (int life = 1; life <= 2; ++life) {
         SCOPED_TRACE(life);
         const std::string output = deliver(20, asFunctions);
         EXPECT_EQ(reported(output, "total", "transactions"), 40u) << output;
-        const auto ended = [&](const char* name) {
-            const std::string line = std::string("closing connection with vxc func=") + name;
-            std::size_t count = 0, at = 0;
-            const std::string text = traceText();
-            while ((at = text.find(line, at) + 1) != 0) ++count;
-            return count >= static_cast<std::size_t>(life);
-        };
-        ASSERT_TRUE(eventually([&] { return ended("raw-0") && ended("raw-1"); }, 60)) << traceText();
+        for (const std::string name : {"raw-0", "raw-1"})
+            ASSERT_TRUE(eventually(
+                [&] { return occurrences(traceText(), "closing connection with vxc func=" + name) == life; },
+                60))
+                << traceText();
+        EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors; }));
     }
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
     service->signal(SIGTERM);
     EXPECT_EQ(service->wait(), 0) << service->output();
 }
+INSTANTIATE_TEST_SUITE_P(Over, FunctionLives, testing::Values("TCP", "WSS"));
 
 TEST_F(Datagrams, AServiceThatHasComeBackGetsToKnowItsFunctions) {
     startCollector();

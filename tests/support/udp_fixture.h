@@ -77,11 +77,11 @@ protected:
     // The next answer; "(none)" when none is there, or comes within so many seconds.
     std::string answer(int seconds = 0) const {
         char buffer[20000];
-        VXDatagramEnd from{};
-        std::int64_t count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), false, &from);
+        VXDatagramRoom room{buffer, 0, {}};
+        int count = vx_platform_udp_receive(client_, &room, 1, sizeof(buffer), false);
         for (int i = 0; count == kNoDatagram && i < seconds; ++i)
-            count = vx_platform_udp_receive(client_, buffer, sizeof(buffer), true, &from);
-        return count < 0 ? "(none)" : std::string(buffer, static_cast<std::size_t>(count));
+            count = vx_platform_udp_receive(client_, &room, 1, sizeof(buffer), true);
+        return count < 0 ? "(none)" : std::string(buffer, static_cast<std::size_t>(room.length));
     }
     static vxApplication* function(std::int32_t index) {
         vxApplication* found = vxUdpPin(index);

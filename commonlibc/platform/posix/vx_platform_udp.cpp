@@ -56,16 +56,27 @@ int vx_platform_udp_queue_size(int descriptor) {
     return ::getsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &bytes, &size) == 0 ? bytes : 0;
 }
 
-std::int64_t vx_platform_udp_receive(int descriptor, char* buffer, std::size_t size, bool wait,
-                                     VXDatagramEnd* sender) {
-    sockaddr_in from{};
-    socklen_t length = sizeof(from);
-    const ssize_t count = ::recvfrom(descriptor, buffer, size, wait ? 0 : MSG_DONTWAIT,
-                                     reinterpret_cast<sockaddr*>(&from), &length);
-    if (count < 0) return isWait(errno) ? kNoDatagram : kDatagramFailed;
-    if (count == 0 && length == 0) return kNoDatagram;  // woken: nobody sent this
-    *sender = {ntohl(from.sin_addr.s_addr), ntohs(from.sin_port)};
-    return count;
+int vx_platform_udp_receive(int descriptor, VXDatagramRoom* rooms, int count, std::size_t size, bool wait) {
+    mmsghdr heads[kMostDatagrams];
+    iovec parts[kMostDatagrams];
+    sockaddr_in from[kMostDatagrams];
+    for (int i = 0; i < count; ++i) {
+        parts[i] = {rooms[i].buffer, size};
+        heads[i] = {};
+        heads[i].msg_hdr.msg_iov = &parts[i];
+        heads[i].msg_hdr.msg_iovlen = 1;
+        heads[i].msg_hdr.msg_name = &from[i];
+        heads[i].msg_hdr.msg_namelen = sizeof(from[i]);
+    }
+    const int got = ::recvmmsg(descriptor, heads, static_cast<unsigned>(count),
+                               wait ? MSG_WAITFORONE : MSG_DONTWAIT, nullptr);
+    if (got < 0) return isWait(errno) ? kNoDatagram : kDatagramFailed;
+    for (int i = 0; i < got; ++i) {
+        if (heads[i].msg_hdr.msg_namelen == 0) return i > 0 ? i : kNoDatagram;  // woken: nobody sent this
+        rooms[i].length = heads[i].msg_len;
+        rooms[i].sender = {ntohl(from[i].sin_addr.s_addr), ntohs(from[i].sin_port)};
+    }
+    return got > 0 ? got : kNoDatagram;
 }
 
 void vx_platform_udp_wake(int descriptor) {
