@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tests/support/raw_agent.h"
+#include "tests/support/ws_bridge.h"
 #include "tools/collector/collector_records.h"
 
 namespace vx::test {
@@ -28,17 +29,15 @@ std::vector<std::string> filesOf(const std::string& folder, const std::string& p
 
 void EndToEnd::startCollector(std::vector<std::string> more) {
     Program::Setup setup;
-    setup.arguments = {programPath("vxcollector"),
-                       "--listen",
-                       std::to_string(collectorPort),
-                       "--host",
-                       "127.0.0.1",
-                       "--out",
-                       streamsDir,
-                       "--retry-policy",
-                       "3%1%10%60",
-                       "--heartbeat",
-                       "1"};
+    const std::string port = std::to_string(collectorPort);
+    const std::string way = collectorWay == "TCP" ? "--listen" : collectorWay == "WS" ? "--ws" : "--wss";
+    setup.arguments = {
+        programPath("vxcollector"), way,         port,          "--host", "127.0.0.1", "--out", streamsDir,
+        "--retry-policy",           "3%1%10%60", "--heartbeat", "1"};
+    if (way == "--wss") {
+        static const TestCertificate own;
+        setup.arguments.insert(setup.arguments.end(), {"--cert", own.certificate, "--key", own.key});
+    }
     setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
     setup.outputFile = dir.path() + "/collector" + std::to_string(++collectors) + ".log";
     collector = std::make_unique<Program>(setup);
@@ -51,7 +50,7 @@ void EndToEnd::startService(const std::string& moreSettings) {
     std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n" << proxySettings;
     const int told = collectorRelayPort ? collectorRelayPort : collectorPort;
     std::ofstream(config + "/vxsettings.conf")
-        << "vxcHost=127.0.0.1\nvxcPort=" << told << "\nVXC_COMM_PROTOCOL=TCP:" << told
+        << "vxcHost=127.0.0.1\nvxcPort=" << told << "\nVXC_COMM_PROTOCOL=" << collectorWay << ":" << told
         << "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n"
         << moreSettings;
     Program::Setup setup;

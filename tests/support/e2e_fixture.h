@@ -47,6 +47,8 @@ protected:
     // Ports of relays in between: what the service is told of the collector, what agents are told of it; 0:
     // none.
     int collectorRelayPort = 0, proxyRelayPort = 0;
+    // What the collector listens for and the service is told: "TCP", "WS" or "WSS".
+    std::string collectorWay = "TCP";
     std::string proxySettings;      // further lines of proxysetting.conf
     int collectors = 0, loads = 0;  // started so far
     std::uint64_t delivered = 0;    // by deliver()

@@ -1,28 +1,38 @@
 #include "tools/collector/collector_options.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace vx::collector {
 
 namespace {
 
 constexpr const char* kHelp =
-    "Usage: vxcollector --listen PORT [options]\n"
+    "Usage: vxcollector [--listen PORT] [--ws PORT] [--wss PORT] [options]\n"
     "       vxcollector --check-rules FILE [--url URL] [--method M] [--query Q] [--header H]\n"
     "\n"
     "A collector for one machine: accepts the control, data and auto-sensor connections of VXProxyService,\n"
     "starts and stops instrumentation, keeps the streams and prints what they tell.\n"
     "\n"
     "  --listen PORT       TCP port (0: any free port)\n"
+    "  --ws PORT           port for WebSocket connections (WS)\n"
+    "  --wss PORT          port for WebSocket connections over TLS (WSS); needs --cert and --key\n"
+    "  --cert FILE, --key FILE  certificate (with its chain) and private key, in PEM form\n"
+    "  --offer LIST        protocols in replies to instances, as in WSS:443,WS:80,TCP:8080; an instance "
+    "takes\n"
+    "                      the first that it has. Default: the ports above when there are several, else "
+    "what\n"
+    "                      the instance says of itself\n"
     "  --host ADDRESS      address to listen on (default 0.0.0.0)\n"
     "  --keywords FILE     keywords of the start line, one key=value a line, in place of the default ones\n"
     "  --files DIR         hands out the files of DIR (below)\n"
     "  --out DIR           writes every stream to a file in DIR\n"
     "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
-    "  --port-file FILE    writes the port in use to FILE\n"
+    "  --port-file FILE    writes the ports in use to FILE, one a line: TCP, WS, WSS\n"
     "  --interval SECONDS  pause between tables on a terminal (default 5)\n"
     "  --heartbeat SECONDS pause between heartbeats (default 10)\n"
     "  --seconds N         ends after N seconds\n"
@@ -68,6 +78,19 @@ constexpr auto kTexts = std::to_array<TextRow>({
     {"--out", &Options::outDir},
     {"--retry-policy", &Options::retryPolicy},
     {"--port-file", &Options::portFile},
+    {"--cert", &Options::certificateFile},
+    {"--key", &Options::keyFile},
+    {"--offer", &Options::offer},
+});
+
+struct PortRow {
+    const char* name;
+    int Options::*member;
+};
+constexpr auto kPorts = std::to_array<PortRow>({
+    {"--listen", &Options::listenPort},
+    {"--ws", &Options::wsPort},
+    {"--wss", &Options::wssPort},
 });
 
 OptionsResult bad(const char* text, const char* value) {
@@ -83,6 +106,13 @@ bool readNumber(const char* text, double& out) {
     return true;
 }
 
+bool readPort(const char* text, int& out) {
+    double port = 0;
+    if (!readNumber(text, port) || port > 65535 || port != static_cast<int>(port)) return false;
+    out = static_cast<int>(port);
+    return true;
+}
+
 // 1 taken, 0 not an option with a value, -1 a bad value.
 int takeValue(const char* name, const char* value, Options& out) {
     for (const TextRow& row : kTexts)
@@ -92,11 +122,33 @@ int takeValue(const char* name, const char* value, Options& out) {
         }
     for (const NumberRow& row : kNumbers)
         if (!std::strcmp(name, row.name)) return readNumber(value, out.*row.member) ? 1 : -1;
-    if (std::strcmp(name, "--listen") != 0) return 0;
-    double port = 0;
-    if (!readNumber(value, port) || port > 65535 || port != static_cast<int>(port)) return -1;
-    out.listenPort = static_cast<int>(port);
-    return 1;
+    for (const PortRow& row : kPorts)
+        if (!std::strcmp(name, row.name)) return readPort(value, out.*row.member) ? 1 : -1;
+    return 0;
+}
+
+// A comma list of names with ports, as instances understand it.
+bool isOffer(std::string_view list) {
+    do {
+        const std::string_view item = list.substr(0, list.find(','));
+        const std::size_t colon = item.find(':');
+        const std::string_view name = item.substr(0, colon);
+        int port = 0;
+        if (colon == std::string_view::npos || (name != "TCP" && name != "WS" && name != "WSS") ||
+            !readPort(std::string(item.substr(colon + 1)).c_str(), port) || port == 0)
+            return false;
+        list.remove_prefix(std::min(list.size(), item.size() + 1));
+    } while (!list.empty());
+    return true;
+}
+
+OptionsResult checkWays(const Options& options) {
+    if (options.listenPort < 0 && options.wsPort < 0 && options.wssPort < 0)
+        return bad("an option is missing:", "--listen PORT");
+    if (options.wssPort >= 0 && (options.certificateFile.empty() || options.keyFile.empty()))
+        return bad("--wss needs", "--cert FILE --key FILE");
+    if (!options.offer.empty() && !isOffer(options.offer)) return bad("bad value", options.offer.c_str());
+    return OptionsResult::kRun;
 }
 
 }  // namespace
@@ -122,8 +174,7 @@ OptionsResult readOptions(int argc, char** argv, Options& out) {
         if (taken < 0) return bad("bad value", argv[i + 1]);
         ++i;
     }
-    if (out.listenPort < 0) return bad("an option is missing:", "--listen PORT");
-    return OptionsResult::kRun;
+    return checkWays(out);
 }
 
 }  // namespace vx::collector

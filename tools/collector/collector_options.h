@@ -7,7 +7,10 @@
 namespace vx::collector {
 
 struct Options {
-    int listenPort = -1;  // 0: a port of the system's choice, printed at start
+    int listenPort = -1;  // 0: a port of the system's choice, printed at start; below 0: none
+    int wsPort = -1, wssPort = -1;
+    std::string certificateFile, keyFile;  // of WSS
+    std::string offer;                     // protocols in replies, as in "WSS:443,TCP:80"; empty: see Ways
     std::string listenHost = "0.0.0.0";
     std::string keywordsFile;               // one key=value a line; replaces the default keywords
     std::string filesDir;                   // files to hand out; empty: none

@@ -67,7 +67,8 @@ std::string connectReply(std::string_view connectLine, const Options& options, i
         "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=" + options.retryPolicy +
         ";ProtoVersion=1";
     const std::string_view protocols = fieldOf(connectLine, "supportedProtocols");
-    if (!protocols.empty()) reply.append(";supportedProtocols=").append(protocols);
+    if (!protocols.empty())
+        reply.append(";supportedProtocols=").append(options.offer.empty() ? protocols : options.offer);
     return reply + ";procIndex=" + std::to_string(instance) + "\n";
 }
 

@@ -37,7 +37,7 @@ struct GivenIds {
 GivenIds idsOf(Identities& identities, const Identity& identity);
 
 // The reply to a connect line. Names state, retryPolicy and ProtoVersion within its first five fields, and
-// the protocol, with the very port, that the agent says it has.
+// the protocols of the offer; without one those that the instance says it has, with its own ports.
 std::string connectReply(std::string_view connectLine, const Options& options, int instance);
 // The start line: `keywords` is "key=value;key=value" or empty for the default ones, `fields` what
 // startFields() says of the files.

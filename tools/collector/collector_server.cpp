@@ -71,7 +71,6 @@ CollectorServer::CollectorServer(const Options& options)
 
 CollectorServer::~CollectorServer() {
     for (const Connection& connection : connections_) ::close(connection.fd);
-    if (listenFd_ >= 0) ::close(listenFd_);
 }
 
 bool CollectorServer::open(std::string& error) {
@@ -82,28 +81,12 @@ bool CollectorServer::open(std::string& error) {
         error = systemError(options_.outDir.c_str());
         return false;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(options_.listenPort));
-    if (::inet_pton(AF_INET, options_.listenHost.c_str(), &address.sin_addr) != 1) {
-        error = "not an IPv4 address: '" + options_.listenHost + "'";
-        return false;
-    }
-    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    socklen_t size = sizeof(address);
-    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        ::listen(listenFd_, 128) != 0 ||
-        ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        error = systemError(("port " + std::to_string(options_.listenPort)).c_str());
-        return false;
-    }
-    port_ = ntohs(address.sin_port);
+    if (!ways_.open(options_, error)) return false;
+    if (options_.offer.empty()) options_.offer = ways_.offer();
     if (options_.portFile.empty()) return true;
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(options_.portFile.c_str(), "w"));
     if (!file) error = systemError(options_.portFile.c_str());
-    return file && std::fprintf(file.get(), "%d\n", port_) > 0;
+    return file && std::fputs(ways_.ports().c_str(), file.get()) >= 0;
 }
 
 void CollectorServer::run(const volatile int& stopRequested) {
@@ -136,22 +119,22 @@ void CollectorServer::run(const volatile int& stopRequested) {
 void CollectorServer::pollOnce(int timeoutMs) {
     std::vector<pollfd> polled;
     std::vector<Connection*> owners;
-    polled.push_back({listenFd_, POLLIN, 0});
     polled.push_back({stdinOpen_ ? STDIN_FILENO : -1, POLLIN, 0});
     for (Connection& connection : connections_) {
         const auto events = static_cast<short>(POLLIN | (connection.out.empty() ? 0 : POLLOUT));
         polled.push_back({connection.fd, events, 0});
         owners.push_back(&connection);
     }
+    ways_.poll(polled);
     if (::poll(polled.data(), polled.size(), timeoutMs) < 1) return;
     for (std::size_t i = 0; i < owners.size(); ++i) {
-        const short events = polled[i + 2].revents;
+        const short events = polled[i + 1].revents;
         if (events & POLLOUT) flush(*owners[i]);
         if (events & (POLLIN | POLLHUP | POLLERR)) readFrom(*owners[i]);
         if (events && owners[i]->file) std::fflush(owners[i]->file.get());
     }
-    if (polled[1].revents) readCommands();
-    if (polled[0].revents) acceptAll();
+    if (polled[0].revents) readCommands();
+    acceptAll();
     dropClosed();
     const std::string news = runs_.takeNews();
     std::fputs(news.c_str(), stdout);
@@ -159,22 +142,16 @@ void CollectorServer::pollOnce(int timeoutMs) {
 }
 
 void CollectorServer::acceptAll() {
-    for (;;) {
-        sockaddr_in address{};
-        socklen_t size = sizeof(address);
-        const int fd =
-            ::accept4(listenFd_, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) return;
+    ws::Accepted arrived;
+    while (ways_.take(arrived)) {
         if (connections_.size() >= kMaxConnections) {
             std::fprintf(stderr, "vxcollector: more than %zu connections, one refused\n", kMaxConnections);
-            ::close(fd);
+            ::close(arrived.fd);
             continue;
         }
-        char host[INET_ADDRSTRLEN] = "";
-        ::inet_ntop(AF_INET, &address.sin_addr, host, sizeof(host));
         Connection& connection = connections_.emplace_back();
-        connection.fd = fd;
-        connection.peer = std::string(host) + ":" + std::to_string(ntohs(address.sin_port));
+        connection.fd = arrived.fd;
+        connection.peer = std::move(arrived.peer);
     }
 }
 

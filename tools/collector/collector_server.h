@@ -1,4 +1,4 @@
-// The collector at work: one poll loop over the listening socket, all connections and standard input.
+// The collector at work: one poll loop over the ways in, all connections and standard input.
 //
 //     control connection   connect line -> reply, start line, heartbeats; stop and modify on command
 //     data, auto-sensor    lines to a file and to the summary
@@ -25,6 +25,7 @@
 #include "tools/collector/collector_out.h"
 #include "tools/collector/collector_protocol.h"
 #include "tools/collector/collector_runs.h"
+#include "tools/collector/collector_ways.h"
 
 namespace vx::collector {
 
@@ -62,7 +63,8 @@ public:
 
     // Binds and listens; false with the reason in `error`.
     bool open(std::string& error);
-    int port() const { return port_; }
+    // Where it listens, as in "127.0.0.1:8080 (TCP)".
+    std::string ways() const { return ways_.text(options_.listenHost); }
     // Runs until quit, the run time is over, or stopRequested. Prints tables as the options say.
     void run(const volatile int& stopRequested);
     const Summary& summary() const { return runs_.summary(); }
@@ -108,8 +110,7 @@ private:
 
     Options options_;
     std::string keywords_;
-    int listenFd_ = -1;
-    int port_ = 0;
+    Ways ways_;  // outlives the connections
     bool stdinOpen_ = true;
     bool quit_ = false;
     bool wanted_ = false;  // instrumentation is to run on every instance

@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vxcollector: %s\n", error.c_str());
         return 1;
     }
-    std::printf("vxcollector %s listening on %s:%d\n", VX_VERSION, options.listenHost.c_str(), server.port());
+    std::printf("vxcollector %s listening on %s\n", VX_VERSION, server.ways().c_str());
     std::fflush(stdout);
     server.run(stopRequested);
     return 0;

@@ -93,7 +93,7 @@ TEST_F(TakeRecord, CountsLinesThatAreNoRecordAndGoesOn) {
     EXPECT_EQ(summary.records, 0u);
 }
 
-TEST(CollectorProtocol, ReplyNamesThePolicyWithinFiveFieldsAndTheAgentsOwnPorts) {
+TEST(CollectorProtocol, ReplyNamesThePolicyWithinFiveFieldsAndTheAgentsOwnPortsOrTheOffer) {
     Options options;
     const std::string line =
         "vx_ctrl_msg_req:appName=a;vxAppServerHost=s;tierName=t_1;agentName=g;supportedProtocols=TCP:7000,"
@@ -101,6 +101,9 @@ TEST(CollectorProtocol, ReplyNamesThePolicyWithinFiveFieldsAndTheAgentsOwnPorts)
     EXPECT_EQ(connectReply(line, options, 3),
               "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%5%10%60;ProtoVersion=1;"
               "supportedProtocols=TCP:7000,WSS:443;procIndex=3\n");
+    options.offer = "WSS:8443,TCP:8080";
+    EXPECT_NE(connectReply(line, options, 3).find(";supportedProtocols=WSS:8443,TCP:8080;procIndex"),
+              std::string::npos);
     EXPECT_EQ(identityOf(line).text(), "t_1/s/a/g");
     EXPECT_EQ(kindOf("vx_data_msg_req:x"), StreamKind::kData);
 }
