@@ -1,0 +1,42 @@
+// Questions to the collector. Every answer is JSON; a fault is an ApiError with words for a reader.
+
+const PATIENCE_MS = 15000;
+
+export class ApiError extends Error {
+    /** `status` is 0 when the collector did not answer at all. */
+    constructor(message, status) {
+        super(message);
+        this.status = status;
+    }
+}
+
+async function ask(path, options, signal) {
+    const limit = AbortSignal.timeout(PATIENCE_MS);
+    const both = new AbortController();
+    for (const s of [limit, signal]) s?.addEventListener("abort", () => both.abort(s.reason), { once: true });
+    let reply;
+    let body = {};
+    try {
+        reply = await fetch(path, { ...options, signal: both.signal, credentials: "same-origin" });
+        if (reply.headers.get("content-type")?.startsWith("application/json")) body = await reply.json();
+    } catch (error) {
+        if (signal?.aborted) throw error;
+        throw new ApiError("The collector does not answer.", 0);
+    }
+    if (!reply.ok) throw new ApiError(body.error ?? `The collector answered ${reply.status}.`, reply.status);
+    return body;
+}
+
+/** GET with parameters; empty ones are left out. */
+export function get(path, params = {}, signal = undefined) {
+    const query = new URLSearchParams();
+    for (const [key, value] of Object.entries(params))
+        if (value !== undefined && value !== null && value !== "") query.set(key, value);
+    const text = query.toString();
+    return ask(path + (text ? "?" + text : ""), {}, signal);
+}
+
+export function post(path, body, signal = undefined) {
+    const headers = { "Content-Type": "application/json" };
+    return ask(path, { method: "POST", headers, body: JSON.stringify(body) }, signal);
+}

@@ -1,0 +1,179 @@
+// The frame around the views: which one shows, when it asks again, and what is said while the collector is gone.
+import { get } from "./api.js";
+import { h, replace } from "./dom.js";
+import { rate, spanText } from "./format.js";
+import { SPANS, changed, route, span, to } from "./router.js";
+import { backends } from "./views/backends.js";
+import { exceptions } from "./views/exceptions.js";
+import { link } from "./views/link.js";
+import { monitors } from "./views/monitors.js";
+import { overview } from "./views/overview.js";
+import { rules } from "./views/rules.js";
+import { transaction } from "./views/transaction.js";
+import { transactions } from "./views/transactions.js";
+
+const POLL_MS = 2000;
+
+// A view: make(context) -> { node, load(signal) } with, where needed, route() that takes a change of the address
+// without a new view, refresh: "always" (also when nothing was stored) or "never", and close().
+const VIEWS = {
+    overview: { title: "Overview", make: overview },
+    transactions: { title: "Transactions", make: transactions },
+    backends: { title: "Back-ends", make: backends },
+    exceptions: { title: "Exceptions", make: exceptions },
+    monitors: { title: "Monitors", make: monitors },
+    link: { title: "Link", make: link },
+    rules: { title: "Rules", make: rules },
+    transaction: { title: "Transaction", make: transaction, within: "transactions" },
+};
+
+const byId = (id) => document.getElementById(id);
+const main = byId("main");
+const context = { status: null };
+let shown = null;  // { name, path, view, serial, busy, asked, error, loading: AbortController }
+let previous = null;  // the status before: rates are differences
+
+function drawNav() {
+    const name = VIEWS[route().path[0]]?.within ?? route().path[0];
+    replace(byId("nav"), Object.entries(VIEWS).filter(([, view]) => !view.within).map(([key, view]) =>
+        h("a", { href: to(key), "aria-current": key === name && "page" }, view.title)));
+}
+
+function drawSpan() {
+    const now = span();
+    const select = byId("span");
+    const options = SPANS.map((s) => h("option", { value: s }, `Last ${spanText(s)}`));
+    if (!now.live) options.unshift(h("option", { value: "fixed" }, `${spanText(now.seconds)}, fixed`));
+    replace(select, options);
+    select.value = now.live ? String(now.seconds) : "fixed";
+}
+
+function drawScheme() {
+    const dark = document.documentElement.dataset.scheme === "dark";
+    const text = dark ? "Use the light scheme" : "Use the dark scheme";
+    const button = replace(byId("scheme"), dark ? "☀" : "☾");
+    button.setAttribute("aria-label", text);
+    button.title = text;
+}
+
+function drawLive(status) {
+    const connected = status.instances.filter((i) => i.connected).length;
+    const seconds = previous ? (status.now - previous.now) / 1000 : 0;
+    const records = seconds > 0 && status.started === previous.started
+        ? `, ${rate(Math.max(0, status.records - previous.records) / seconds)} records` : "";
+    const text = connected === 1 ? "1 instance" : `${connected} instances`;
+    const live = byId("live");
+    live.className = connected ? "live on" : "live";
+    // Only what is news is announced: the figure changes at every poll.
+    if (live.dataset.text !== text) {
+        live.dataset.text = text;
+        replace(live, h("a", { href: to("link") }, text), h("span", { class: "records", "aria-hidden": "true" }));
+    }
+    live.querySelector(".records").textContent = records;
+}
+
+// What stands between the reader and fresh figures, or nothing.
+function tell(error) {
+    if (error?.status === 401) location.assign("/login");
+    const line = byId("gone");
+    line.hidden = !error;
+    if (!error) return;
+    line.textContent = error.status === 0
+        ? "The collector does not answer. What shows here is what it said last; the page goes on trying."
+        : error.message;
+    if (error.status === 0) {
+        byId("live").className = "live off";
+        byId("live").dataset.text = "gone";
+        replace(byId("live"), "no connection");
+    }
+}
+
+// Asks the view again. A fault stays with it until it has its answer.
+async function reload() {
+    const mine = shown;
+    const serial = context.status?.serial;
+    mine.busy = true;
+    mine.asked = Date.now();
+    try {
+        await mine.view.load(mine.loading.signal);
+        mine.serial = serial;
+        mine.error = null;
+    } catch (error) {
+        if (error.status !== undefined) mine.error = error;
+        else if (!mine.loading.signal.aborted) throw error;
+    } finally {
+        mine.busy = false;
+    }
+}
+
+function due() {
+    if (!shown) return false;
+    if (shown.error) return true;
+    if (shown.view.refresh === "never") return false;
+    if (shown.view.refresh === "always" || shown.serial !== context.status.serial) return true;
+    return span().live && Date.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
+}
+
+async function poll() {
+    let error = null;
+    try {
+        const status = await get("/api/status");
+        previous = context.status;
+        context.status = status;
+        drawLive(status);
+        if (due() && !shown.busy) await reload();
+    } catch (fault) {
+        if (fault.status === undefined) throw fault;
+        error = fault;
+    }
+    tell(error ?? shown.error);
+}
+
+function open(name, path) {
+    shown?.loading.abort();
+    shown?.view.close?.();
+    const view = VIEWS[name].make(context);
+    shown = { name, path, view, serial: null, busy: false, asked: 0, error: null, loading: new AbortController() };
+    replace(main, view.node);
+    scrollTo(0, 0);
+}
+
+async function navigate(event) {
+    const { path } = route();
+    const name = VIEWS[path[0]] ? path[0] : "overview";
+    const same = shown?.name === name && shown.path === path.join("/");
+    document.title = `${VIEWS[name].title} · VXProxy collector`;
+    if (same && shown.view.route) {
+        shown.view.route();
+        shown.loading.abort();
+        shown.loading = new AbortController();
+    } else {
+        open(name, path.join("/"));
+        if (event) main.focus({ preventScroll: true });
+    }
+    drawNav();
+    drawSpan();
+    await reload();
+    tell(shown.error);
+}
+
+// Turns follow each other; while nobody looks there are none.
+async function turn() {
+    if (!document.hidden) await poll().catch((error) => console.error(error));
+    setTimeout(turn, POLL_MS);
+}
+
+byId("span").addEventListener("change", (event) => {
+    if (event.target.value !== "fixed") location.hash = changed({ span: event.target.value, from: null, to: null });
+});
+byId("scheme").addEventListener("click", () => window.turnScheme());
+document.addEventListener("schemechange", drawScheme);
+document.addEventListener("visibilitychange", () => document.hidden || poll().catch((error) => console.error(error)));
+document.querySelector(".skip").addEventListener("click", (event) => {
+    event.preventDefault();
+    main.focus();
+});
+addEventListener("hashchange", navigate);
+drawScheme();
+navigate();
+turn();

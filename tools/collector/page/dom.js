@@ -1,0 +1,36 @@
+// Elements from plain values. Text always goes in as text, never as markup.
+
+const SVG = "http://www.w3.org/2000/svg";
+
+function fill(node, props, children) {
+    for (const [name, value] of Object.entries(props ?? {})) {
+        if (value === undefined || value === null || value === false) continue;
+        if (name.startsWith("on")) node.addEventListener(name.slice(2), value);
+        else if (name === "style") for (const [key, text] of Object.entries(value)) node.style.setProperty(key, text);
+        else if (name === "value" || name === "checked") node[name] = value;
+        else node.setAttribute(name, value === true ? "" : String(value));
+    }
+    append(node, children);
+    return node;
+}
+
+function append(node, children) {
+    for (const child of children.flat(Infinity))
+        if (child !== undefined && child !== null && child !== false) node.append(child);
+}
+
+/** h("a", { href, class, onclick }, "text", node, [more]): empty children and props are left out. */
+export function h(tag, props, ...children) {
+    return fill(document.createElement(tag), props, children);
+}
+
+/** The same for SVG. */
+export function svg(tag, props, ...children) {
+    return fill(document.createElementNS(SVG, tag), props, children);
+}
+
+export function replace(node, ...children) {
+    node.replaceChildren();
+    append(node, children);
+    return node;
+}

@@ -1,0 +1,84 @@
+// Tables that are kept up to date in place: a row that has not changed is not touched, so that focus, selection and
+// scroll positions stay. On narrow screens each row becomes a card (style.css), labelled by the column's title.
+import { h, replace } from "./dom.js";
+
+/**
+ * @param columns [{ title, cell(row) -> text or node, num: right-aligned figure, sort(row) -> key, hint }]
+ * @param options { label, key(row) -> identity, empty: text or node, sorted: index, descending }
+ * @returns { node, update(rows) }
+ */
+export function table(columns, options) {
+    let rows = [];
+    let order = { by: options.sorted ?? -1, down: options.descending ?? true };
+    const known = new Map();  // key -> { tr, text of the row it shows }
+    const body = h("tbody");
+    const heads = columns.map((column, i) => head(column, i));
+    const empty = h("div", { class: "empty", hidden: true }, options.empty ?? "Nothing here yet.");
+    const inner = h("table", { class: "data", "aria-label": options.label }, h("thead", {}, h("tr", {}, heads)), body);
+    const node = h("div", { class: "table" }, inner, empty);
+
+    function head(column, i) {
+        const props = { scope: "col", class: column.num && "num", title: column.hint };
+        if (!column.sort) return h("th", props, column.title);
+        const turn = () => {
+            order = { by: i, down: order.by === i ? !order.down : Boolean(column.num) };
+            update(rows);
+        };
+        return h("th", props, h("button", { type: "button", class: "sort", onclick: turn }, column.title));
+    }
+
+    function cells(row) {
+        return columns.map((column) =>
+            h("td", { class: [column.num && "num", column.class].filter(Boolean).join(" ") || undefined,
+                      "data-label": column.title }, column.cell(row)));
+    }
+
+    function show(row) {
+        const key = String(options.key(row));
+        const text = JSON.stringify(row);
+        let entry = known.get(key);
+        if (!entry) known.set(key, (entry = { tr: h("tr"), text: null }));
+        if (entry.text !== text || options.always) {
+            const links = [...entry.tr.querySelectorAll("a, button")];
+            const focused = links.indexOf(document.activeElement);
+            replace(entry.tr, cells(row));
+            if (focused >= 0) entry.tr.querySelectorAll("a, button")[focused]?.focus({ preventScroll: true });
+            entry.text = text;
+        }
+        return [key, entry.tr];
+    }
+
+    function arranged() {
+        const sort = columns[order.by]?.sort;
+        if (!sort) return rows;
+        const sign = order.down ? -1 : 1;
+        const compare = (a, b) => (typeof a === "string" ? a.localeCompare(b) : (a ?? -1) - (b ?? -1));
+        return [...rows].sort((a, b) => sign * compare(sort(a), sort(b)));
+    }
+
+    function update(wanted) {
+        rows = wanted;
+        heads.forEach((th, i) => {
+            if (i === order.by) th.setAttribute("aria-sort", order.down ? "descending" : "ascending");
+            else th.removeAttribute("aria-sort");
+        });
+        const shown = arranged().map(show);
+        const alive = new Set(shown.map(([key]) => key));
+        for (const [key, entry] of known)
+            if (!alive.has(key)) {
+                entry.tr.remove();
+                known.delete(key);
+            }
+        shown.forEach(([, tr], i) => {
+            if (body.children[i] !== tr) body.insertBefore(tr, body.children[i] ?? null);
+        });
+        empty.hidden = rows.length > 0;
+        inner.hidden = rows.length === 0;
+    }
+    return { node, update };
+}
+
+/** The link of a row: it takes clicks anywhere in the row that no other link takes. */
+export function rowLink(href, ...children) {
+    return h("a", { class: "row-link", href }, children);
+}
