@@ -2,7 +2,7 @@
 import { existsSync, mkdtempSync, rmSync } from "node:fs";
 import { createRequire } from "node:module";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { join, resolve } from "node:path";
 
 const FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                "--disable-background-networking", "--disable-component-update", "--disable-sync"];
@@ -20,7 +20,7 @@ export function chromiumPath() {
 
 /** { context, faults: what the console complained of, page(), close() }; `modules` is the folder of node_modules. */
 export async function openBrowser(modules) {
-    const { chromium } = createRequire(join(modules, "x.js"))("playwright-core");
+    const { chromium } = createRequire(resolve(modules, "x.js"))("playwright-core");
     const profile = mkdtempSync(join(tmpdir(), "vxpage."));
     const context = await chromium.launchPersistentContext(profile, {
         executablePath: chromiumPath(), args: FLAGS, headless: true, viewport: { width: 1280, height: 900 },

@@ -71,7 +71,7 @@ export function timeChart(options) {
     function build(data) {
         const width = Math.max(200, canvas.clientWidth);
         return new uPlot({
-            width, height: HEIGHT, legend: { show: false }, padding: [8, 8, 0, 0],
+            width, height: HEIGHT, legend: { show: false }, padding: [8, 20, 0, 0],
             cursor: { y: false, points: { show: !options.stacked }, drag: { x: true, y: false, setScale: false } },
             select: { show: true, left: 0, top: 0, width: 0, height: 0 },
             scales: { y: { range: (u, low, high) => [0, high > 0 ? high * 1.08 : 1] } },

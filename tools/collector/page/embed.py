@@ -5,7 +5,6 @@ Usage: embed.py OUT.cpp URL=FILE...
 
 Each FILE is served under its URL. A file with an ending that has no content type here is an error.
 """
-import hashlib
 import os
 import sys
 
@@ -37,14 +36,13 @@ def main():
         with open(path, "rb") as file:
             data = file.read()
         bodies.append(f"constexpr char kBody{number}[] =\n{literal(data)};\n")
-        tag = hashlib.sha256(data).hexdigest()[:16]
-        rows.append(f'    {{"{url}", "{kind}", "\\"{tag}\\"", {{kBody{number}, {len(data)}}}}},\n')
+        rows.append(f'    {{"{url}", "{kind}", {{kBody{number}, {len(data)}}}}},\n')
     with open(out, "w", encoding="ascii") as file:
-        file.write('#include "tools/collector/page_assets.h"\n\nnamespace vx::collector {\n\nnamespace {\n\n')
+        file.write('#include "tools/collector/page_files.h"\n\nnamespace vx::collector {\n\nnamespace {\n\n')
         file.writelines(bodies)
-        file.write("\nconstexpr PageAsset kAssets[] = {\n")
+        file.write("\nconstexpr PageFile kFiles[] = {\n")
         file.writelines(rows)
-        file.write("};\n\n}  // namespace\n\nstd::span<const PageAsset> pageAssets() {\n    return kAssets;\n}\n\n")
+        file.write("};\n\n}  // namespace\n\nstd::span<const PageFile> pageFiles() {\n    return kFiles;\n}\n\n")
         file.write("}  // namespace vx::collector\n")
 
 

@@ -27,6 +27,8 @@ export function table(columns, options) {
         return h("th", props, h("button", { type: "button", class: "sort", onclick: turn }, column.title));
     }
 
+    const links = (tr) => [...tr.querySelectorAll("a, button")];
+
     function cells(row) {
         return columns.map((column) =>
             h("td", { class: [column.num && "num", column.class].filter(Boolean).join(" ") || undefined,
@@ -39,10 +41,7 @@ export function table(columns, options) {
         let entry = known.get(key);
         if (!entry) known.set(key, (entry = { tr: h("tr"), text: null }));
         if (entry.text !== text || options.always) {
-            const links = [...entry.tr.querySelectorAll("a, button")];
-            const focused = links.indexOf(document.activeElement);
             replace(entry.tr, cells(row));
-            if (focused >= 0) entry.tr.querySelectorAll("a, button")[focused]?.focus({ preventScroll: true });
             entry.text = text;
         }
         return [key, entry.tr];
@@ -56,7 +55,14 @@ export function table(columns, options) {
         return [...rows].sort((a, b) => sign * compare(sort(a), sort(b)));
     }
 
+    // What has the focus in a row: the row and which of its links. A row that is moved or filled anew loses it.
+    function focusNow() {
+        const tr = body.contains(document.activeElement) && document.activeElement.closest("tr");
+        return tr ? { tr, place: links(tr).indexOf(document.activeElement) } : null;
+    }
+
     function update(wanted) {
+        const focus = focusNow();
         rows = wanted;
         heads.forEach((th, i) => {
             if (i === order.by) th.setAttribute("aria-sort", order.down ? "descending" : "ascending");
@@ -72,6 +78,8 @@ export function table(columns, options) {
         shown.forEach(([, tr], i) => {
             if (body.children[i] !== tr) body.insertBefore(tr, body.children[i] ?? null);
         });
+        if (focus && !focus.tr.contains(document.activeElement))
+            links(focus.tr)[focus.place]?.focus({ preventScroll: true });
         empty.hidden = rows.length > 0;
         inner.hidden = rows.length === 0;
     }

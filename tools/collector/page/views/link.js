@@ -81,7 +81,7 @@ export function link(context) {
     let now = Date.now();
     const list = table([
         { title: "Instance", cell: (i) => rowLink(to("transactions", { instance: i.key }), i.name), sort: (i) => i.name },
-        { title: "State", cell: (i) => h("span", { class: `verdict ${i.connected ? "agrees" : "differs"}` },
+        { title: "State", cell: (i) => h("span", { class: `verdict ${i.connected ? "agrees" : "away"}` },
                                          i.connected ? (i.started ? "Running" : "Connected") : "Gone") },
         { title: "Agent", cell: (i) => i.agent || "–" },
         { title: "Last heartbeat", num: true, cell: (i) => ago(i.lastHeartbeat, now), sort: (i) => i.lastHeartbeat },

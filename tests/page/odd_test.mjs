@@ -1,0 +1,173 @@
+// The page against a collector of the test's own: hostile texts, a collector that goes away, filters, keys, rules.
+// Usage: node odd_test.mjs PAGE_DIR FOLDER_OF_NODE_MODULES
+import assert from "node:assert/strict";
+import { after, before, beforeEach, test } from "node:test";
+import { openBrowser, tooWide } from "./browser.mjs";
+import { EVIL, answers, fakeCollector } from "./fake_collector.mjs";
+
+const [pageDir, modules] = process.argv.slice(2);
+const VIEWS = ["overview", "transactions", "transaction/812", "backends", "exceptions", "monitors", "link", "rules"];
+
+let browser, page, fake, table;
+
+before(async () => {
+    browser = await openBrowser(modules);
+    page = browser.page();
+});
+beforeEach(async () => {
+    fake?.server.closeAllConnections();
+    fake?.server.close();
+    table = answers();
+    fake = await fakeCollector(pageDir, modules, table);
+    browser.faults.length = 0;
+    await page.setViewportSize({ width: 1280, height: 900 });
+});
+after(async () => {
+    await browser.close();
+    fake.server.closeAllConnections();
+    fake.server.close();
+});
+
+const show = (view) => page.goto(fake.url + "#/" + view).then(() => page.reload());
+// Waits until an address that holds a text has been asked for; returns it.
+async function askedFor(text) {
+    for (let turn = 0; turn < 600; turn++) {
+        const found = fake.asked.findLast((address) => address.includes(text));
+        if (found) return found;
+        await page.waitForTimeout(100);
+    }
+    assert.fail(`nobody asked for ${text}`);
+}
+
+test("every view shows hostile texts as texts, in both widths and schemes", async () => {
+    const told = { overview: "table td", transactions: "td.url", "transaction/812": "h1", backends: ".map", exceptions: "article h2",
+                   monitors: "table td", link: "table td", rules: ".editor" };
+    for (const [width, colorScheme] of [[1280, "light"], [400, "dark"]]) {
+        await page.setViewportSize({ width, height: 900 });
+        await page.emulateMedia({ colorScheme });
+        for (const view of VIEWS) {
+            await show(view);
+            await page.locator(told[view]).first().waitFor();
+            assert.equal(await tooWide(page), false, `${view} at ${width}`);
+            if (view !== "rules") assert.ok((await page.locator("main").textContent()).includes(EVIL), view);
+            assert.equal(await page.evaluate(() => document.documentElement.dataset.scheme), colorScheme);
+        }
+    }
+    assert.equal(await page.evaluate(() => window.evil), undefined);
+    assert.deepEqual(browser.faults, []);
+});
+
+test("a collector that goes away is told, and is taken up again", async () => {
+    await show("overview");
+    await page.locator("text=Cart").waitFor();
+    const { port } = fake.server.address();
+    fake.server.close();
+    fake.server.closeAllConnections();
+    await page.locator("#gone", { hasText: "does not answer" }).waitFor();
+    assert.ok(await page.locator("text=Cart").isVisible(), "what was shown stays");
+    await new Promise((done) => fake.server.listen(port, "127.0.0.1", done));
+    await page.locator("#gone").waitFor({ state: "hidden" });
+});
+
+test("figures move while the focus stays", async () => {
+    let count = 5;
+    const overview = table["GET /api/overview"];
+    table["GET /api/overview"] = (p) => {
+        const data = overview(p);
+        data.rows[1].count = count;
+        return data;
+    };
+    await show("overview");
+    const link = page.locator("a.row-link", { hasText: "Cart" });
+    await link.focus();
+    count = 987654;
+    await page.locator("td", { hasText: "987,654" }).waitFor();
+    assert.equal(await page.evaluate(() => document.activeElement.textContent), "Cart");
+    await page.keyboard.press("Enter");
+    await page.locator("h1", { hasText: "Transactions" }).waitFor();
+    assert.match(page.url(), /bt=Cart/);
+    // A click on the chart asks for the transactions of that step.
+    await show("overview");
+    await page.locator(".plot canvas").first().waitFor();
+    await page.locator(".plot").first().click({ position: { x: 300, y: 90 } });
+    await page.waitForURL(/from=\d+&to=\d+/);
+});
+
+test("filters stand in the address, older rows come below", async () => {
+    await show("transactions?bt=Cart&instance=8124");
+    await page.locator("td.url").first().waitFor();
+    assert.match(await askedFor("/api/transactions?"), /bt=Cart&.*instance=8124/);
+    await page.locator(".chip", { hasText: "Web/host1/shop" }).waitFor();
+    await page.fill("input[name=url]", "/x?a=1&b");
+    await askedFor("url=%2Fx%3Fa%3D1%26b");
+    await page.selectOption("select[name=category]", "error");
+    await askedFor("category=error");
+    await page.locator("text=Show older").click();
+    await askedFor("before=1%3A901");
+    await page.locator(".under .note", { hasText: "200 shown" }).waitFor();
+    await page.locator(".clear").click();
+    await page.waitForFunction(() => !location.hash.includes("category"));
+    assert.equal(await page.inputValue("input[name=url]"), "");
+    table["GET /api/transactions"] = () => ({ rows: [], next: null });
+    await page.fill("input[name=bt]", "nobody");
+    await page.locator("text=No transaction in this time passes the filters.").waitFor();
+});
+
+test("a tree opens and closes by key; what is not there is said", async () => {
+    await show("transaction/812");
+    const rows = page.locator("table.tree tbody tr");
+    await rows.first().waitFor();
+    assert.equal(await rows.count(), 7);
+    await page.locator("button.knob").nth(2).focus();
+    await page.keyboard.press("Enter");
+    assert.equal(await rows.count(), 5, "the two below Price.all() are away");
+    assert.equal(await page.evaluate(() => document.activeElement.getAttribute("aria-expanded")), "false");
+    await show("transaction/0");
+    await page.locator("text=This transaction is not in the store.").waitFor();
+    table["GET /api/status"] = () => ({ fault: 401, error: "no token" });
+    await page.waitForURL(/\/login$/);
+});
+
+test("a rule is looked at before it is saved", async () => {
+    await show("rules");
+    await page.fill("input[name=url]", "/shop/cart");
+    await page.fill("textarea[name=headers]", "Shop: eu\nX: a: b");
+    let body;
+    table["POST /api/rules/try"] = (p, given) => ((body = given), answers()["POST /api/rules/try"]());
+    await page.locator("text=Which rule names it?").click();
+    await page.locator(".rule-lines .names", { hasText: "Names it" }).waitFor();
+    assert.deepEqual(body, { url: "/shop/cart", method: "GET", query: "", headers: { Shop: "eu", X: "a: b" } });
+
+    const save = page.locator("text=Save and send");
+    assert.ok(await save.isDisabled());
+    await page.locator(".editor").fill("7|Basket|2|0|/shop/cart|0\n");
+    assert.ok(await save.isDisabled(), "not before the preview");
+    await page.getByRole("button", { name: "Preview" }).click();
+    await page.locator("text=would move").waitFor();
+    assert.ok((await page.locator(".moves").textContent()).includes(EVIL));
+    table["POST /api/rules"] = () => ({ fault: 409, error: "The file has changed." });
+    await save.click();
+    await page.locator("[role=alert]", { hasText: "Somebody changed the rules" }).waitFor();
+    table["POST /api/rules"] = (p, given) => ((body = given), answers()["POST /api/rules"](p, given));
+    await save.click();
+    await page.locator("text=Saved and sent").waitFor();
+    assert.deepEqual(body, { text: "7|Basket|2|0|/shop/cart|0\n", digest: "1" });
+    assert.ok(await save.isDisabled());
+});
+
+test("the frame is reached by key, the scheme is kept", async () => {
+    await page.emulateMedia({ colorScheme: "light" });
+    await show("overview");
+    await page.keyboard.press("Tab");
+    assert.equal(await page.evaluate(() => document.activeElement.className), "skip");
+    await page.locator("#scheme").click();
+    await page.reload();
+    assert.equal(await page.evaluate(() => document.documentElement.dataset.scheme), "dark");
+    await page.selectOption("#span", "3600");
+    await page.waitForURL(/span=3600/);
+    await page.locator("nav a", { hasText: "Exceptions" }).click();
+    await page.locator("summary").first().click();
+    await page.locator("pre.stack").first().waitFor();
+    assert.match(page.url(), /exceptions\?span=3600/);
+    assert.deepEqual(browser.faults, []);
+});
