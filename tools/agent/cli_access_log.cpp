@@ -217,7 +217,7 @@ int runAccessLog(int argc, char** argv) {
     for (const Option& option : commonOptions(given.common)) options.push_back(option);
     int code = kExitOk;
     if (!readOptions("access-log", options, argc, argv, code)) return code;
-    if (!checkNames("access-log", given.common)) return kExitUsage;
+    if (!checkCommon("access-log", given.common)) return kExitUsage;
     given.once = given.once || !given.follow;
     catchSignals();
     vxagent* agent = openAgent(given.common);

@@ -270,7 +270,7 @@ int runLoad(int argc, char** argv) {
     if (!readOptions("load", options, argc, argv, code)) return code;
     if (given.rate < 0) given.rate = given.shortLived ? 0 : kRateDefault;
     if (!checkShape(given)) return kExitUsage;
-    if (!checkNames("load", given.common)) return kExitUsage;
+    if (!checkCommon("load", given.common)) return kExitUsage;
     catchSignals();
     return runWorkers(given);
 }

@@ -76,6 +76,8 @@ std::vector<Option> commonOptions(CommonOptions& common) {
          &common.type},
         {"--udp", nullptr, "reports by datagrams, each process as a function of its own", OptionKind::kFlag,
          &common.udp},
+        {"--ws", nullptr, "connects over WebSocket (WS)", OptionKind::kFlag, &common.ws},
+        {"--wss", nullptr, "connects over WebSocket and TLS (WSS)", OptionKind::kFlag, &common.wss},
         {"--wait", "SECONDS", "how long to wait for the proxy to ask for records (30); 0: for ever",
          OptionKind::kNumber, &common.waitSeconds, false, 0, 1e9},
     };
@@ -95,7 +97,11 @@ bool readOptions(const char* mode, const std::vector<Option>& options, int argc,
     return false;
 }
 
-bool checkNames(const char* mode, const CommonOptions& common) {
+bool checkCommon(const char* mode, const CommonOptions& common) {
+    if (common.udp + common.ws + common.wss > 1) {
+        std::fprintf(stderr, "vxagent %s: only one of --udp, --ws and --wss\n", mode);
+        return false;
+    }
     for (const std::string* name :
          {&common.application, &common.tier, &common.server, &common.agent, &common.type}) {
         if (isFieldText(*name)) continue;
@@ -118,6 +124,7 @@ vxagent* openAgent(const CommonOptions& common) {
     options.agent = common.agent.c_str();
     options.agent_type = common.type.c_str();
     const std::string& function = common.function.empty() ? common.agent : common.function;
+    options.transport = common.wss ? VXAGENT_WSS : common.ws ? VXAGENT_WS : VXAGENT_TCP;
     if (common.udp) options.function = function.c_str();
     vxagent* agent = vxagent_open(&options);
     if (!agent) std::fputs("vxagent: no memory or no thread for the agent\n", stderr);

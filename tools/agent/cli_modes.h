@@ -24,8 +24,8 @@ bool stopRequested();
 std::vector<Option> commonOptions(CommonOptions& common);
 // Prints the mode's usage when asked to, and reads its options. True when the mode may go on; else `code`.
 bool readOptions(const char* mode, const std::vector<Option>& options, int argc, char** argv, int& code);
-// False, with the reason printed, for names that cannot be sent.
-bool checkNames(const char* mode, const CommonOptions& common);
+// False, with the reason printed, for names that cannot be sent, or several transports at once.
+bool checkCommon(const char* mode, const CommonOptions& common);
 // Null, with a line about it, when the agent cannot be made.
 vxagent* openAgent(const CommonOptions& common);
 // Waits until the data connection stands. False after `seconds` (0: never) or a signal.

@@ -31,7 +31,7 @@ struct CommonOptions {
     Address proxy;
     std::string application = "default", tier = "web", server, agent = "vxagent", type = "Java";
     double waitSeconds = 30;
-    bool udp = false;
+    bool udp = false, ws = false, wss = false;
     std::string function;  // with udp; empty: the agent's name
 };
 

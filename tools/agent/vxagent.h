@@ -19,8 +19,9 @@
  *     vxagent_close(agent, 1000);
  *
  * The host is never held up: records go into a bounded queue, and one thread of the library's own does all
- * that concerns sockets. A full queue drops records, which are counted. The proxy says when it wants
- * records (instrumentation); until then vxagent_begin() answers 0 and every call with 0 does nothing.
+ * that concerns sockets (a second one, over WebSocket, the framing). A full queue drops records, which are
+ * counted. The proxy says when it wants records (instrumentation); until then vxagent_begin() answers 0 and
+ * every call with 0 does nothing.
  *
  * The library connects again by itself, after 100 ms at first and twice as long each time up to a ceiling,
  * with some jitter: when the proxy goes away, and when it closes the data connection because no collector
@@ -47,6 +48,9 @@ extern "C" {
 
 typedef struct vxagent vxagent;
 
+/* How connections to the proxy are made; the proxy listens for one of them. A certificate is not checked. */
+enum vxagent_transport { VXAGENT_TCP = 0, VXAGENT_WS = 1, VXAGENT_WSS = 2 };
+
 typedef struct vxagent_options {
     const char* host; /* of the proxy; null: "127.0.0.1" */
     int port;
@@ -59,6 +63,7 @@ typedef struct vxagent_options {
     int64_t pid;            /* 0: that of the process */
     size_t queue_bytes;     /* room for records not sent yet; 0: 4 MiB */
     int retry_max_ms;       /* longest pause between attempts to connect; 0: 10,000 */
+    int transport;          /* enum vxagent_transport */
     /* Reports by datagrams as the function of that name, for processes too short-lived to connect; null: by
      * connections. A function has one transaction at a time, and its name belongs to one process of the
      * server at a time. What a datagram lost on its way carried is lost without a word. */

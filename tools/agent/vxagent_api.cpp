@@ -28,7 +28,8 @@ std::unique_ptr<Session> makeSession(Identity identity, const vxagent_options& o
     if (options.function)
         return std::make_unique<UdpSession>(identity, options.function, options.queue_bytes,
                                             options.retry_max_ms);
-    return std::make_unique<Session>(std::move(identity), options.queue_bytes, options.retry_max_ms);
+    return std::make_unique<Session>(std::move(identity), options.queue_bytes, options.retry_max_ms,
+                                     options.transport);
 }
 
 constexpr std::int64_t kBeginning = -1;
@@ -149,7 +150,8 @@ bool validOptions(const vxagent_options& options) {
                                    [](const char* name) { return name && isFieldText(name); });
     if (options.function && !isFieldText(options.function)) return false;
     return named && options.host && *options.host && options.port > 0 && options.port <= 65535 &&
-           options.pid > 0 && options.retry_max_ms > 0;
+           options.pid > 0 && options.retry_max_ms > 0 && options.transport >= VXAGENT_TCP &&
+           options.transport <= VXAGENT_WSS;
 }
 
 void fillDefaults(vxagent_options& options) {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +16,12 @@ namespace {
 
 constexpr std::size_t kReadSize = 65536;
 constexpr int kReadsPerTurn = 8;
+
+int dial(const Link& link, const sockaddr_in& address) {
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+    return link.pipes->dial(link.host, text, ntohs(address.sin_port));
+}
 
 bool wouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -48,7 +55,8 @@ bool resolveHost(const std::string& host, int port, sockaddr_in& address) {
 }
 
 void openLink(Link& link, const sockaddr_in& address, std::int64_t nowMs) {
-    link.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    link.fd =
+        link.pipes ? dial(link, address) : socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     link.out.clear();
     link.in.clear();
     link.skipping = false;
@@ -56,18 +64,28 @@ void openLink(Link& link, const sockaddr_in& address, std::int64_t nowMs) {
         closeLink(link, nowMs);
         return;
     }
-    const int on = 1;
-    setsockopt(link.fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     link.state = LinkState::kConnecting;
     link.connectByMs = nowMs + kConnectMs;
+    if (link.pipes) return;
+    const int on = 1;
+    setsockopt(link.fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     const int result = connect(link.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     if (result != 0 && errno != EINPROGRESS) closeLink(link, nowMs);
 }
 
+short connectEvents(const Link& link) {
+    return link.pipes ? POLLIN : POLLOUT;
+}
+
 IoResult finishConnect(Link& link) {
     int error = 0;
+    char byte = 0;
     socklen_t size = sizeof(error);
-    if (getsockopt(link.fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) return IoResult::kLost;
+    if (link.pipes) {
+        if (recv(link.fd, &byte, 1, 0) != 1) return IoResult::kLost;
+    } else if (getsockopt(link.fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
+        return IoResult::kLost;
+    }
     link.state = LinkState::kUp;
     return IoResult::kDone;
 }

@@ -1,4 +1,5 @@
-// One TCP connection that is made again and again: non-blocking, with growing pauses between attempts.
+// One connection, plain or WebSocket, that is made again and again: non-blocking, with growing pauses between
+// attempts.
 //
 //     kDown --open--> kConnecting --connected--> kUp --lost or refused--> kDown (not before retryAtMs)
 //
@@ -13,6 +14,8 @@
 #include <random>
 #include <string>
 #include <string_view>
+
+#include "tools/ws/ws_pipes.h"
 
 namespace vx::agent {
 
@@ -44,12 +47,16 @@ struct Link {
     std::string out;  // to be sent; begins with what is not sent yet
     std::string in;   // received, without a newline yet
     bool skipping = false;
+    ws::WsPipes* pipes = nullptr;  // makes WebSocket connections; null: plain ones
+    std::string host;              // with pipes: the name of the other side
 };
 
 // The IPv4 address of a host; numeric ones need no look-up.
 bool resolveHost(const std::string& host, int port, sockaddr_in& address);
 // Begins to connect; a failure counts as an attempt.
 void openLink(Link& link, const sockaddr_in& address, std::int64_t nowMs);
+// What a link that connects is polled for.
+short connectEvents(const Link& link);
 // Looks how a connect has ended. kDone: the link is up.
 IoResult finishConnect(Link& link);
 // Sends what stands in `out`. kLost leaves the link to the caller.

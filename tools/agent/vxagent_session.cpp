@@ -23,17 +23,19 @@ constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 constexpr short kBroken = POLLHUP | POLLERR | POLLNVAL;
 
 short wanted(const Link& link, bool more) {
-    if (link.state == LinkState::kConnecting) return POLLOUT;
+    if (link.state == LinkState::kConnecting) return connectEvents(link);
     return static_cast<short>(more || !link.out.empty() ? POLLIN | POLLOUT : POLLIN);
 }
 
 }  // namespace
 
-Session::Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs)
-    : identity_(std::move(identity)), queue_(queueBytes) {
+Session::Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs, int transport)
+    : identity_(std::move(identity)), queue_(queueBytes), transport_(transport) {
     const auto seed = static_cast<unsigned>(vxlb_now_us() ^ identity_.pid);
     for (Link* link : {&control_, &data_}) {
         link->backoff.maxMs = retryMaxMs;
+        if (transport_ != VXAGENT_TCP) link->pipes = &pipes_;
+        link->host = identity_.host;
         link->backoff.lot.seed(seed + (link == &data_ ? 1 : 0));
     }
 }
@@ -46,6 +48,7 @@ Session::~Session() {
 bool Session::start() {
     wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd_ < 0 || !queue_.ready()) return false;
+    if (transport_ != VXAGENT_TCP && !pipes_.open(transport_ == VXAGENT_WSS)) return false;
     sigset_t all, before;  // signals are the host's
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -59,6 +62,7 @@ void Session::stop(std::int64_t lingerMs) {
     stopByMs_.store(monotonicMs() + std::max(lingerMs, std::int64_t{0}));
     wake();
     pthread_join(thread_, nullptr);
+    pipes_.end(kFarewellMs);
     threadMade_ = false;
 }
 

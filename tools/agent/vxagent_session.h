@@ -11,7 +11,8 @@
 // collector takes data. A new connection therefore first sends a newline, and records follow when it is
 // still open a moment later.
 //
-// Threads   The I/O thread runs it; the host's threads read the atomic members and put records.
+// Threads   The I/O thread runs it (over WebSocket, a second one owns the library of the connections); the
+// host's threads read the atomic members and put records.
 #pragma once
 
 #include <netinet/in.h>
@@ -28,10 +29,11 @@
 
 namespace vx::agent {
 
-inline constexpr std::int64_t kProbeMs = 20;    // from the data line to the newline behind it
-inline constexpr std::int64_t kSettleMs = 100;  // from there to the first record
-inline constexpr std::int64_t kLingerMs = 5;    // records gather for so long before they are sent
-inline constexpr std::size_t kSendMax = 32768;  // of one send; one segment on loopback
+inline constexpr std::int64_t kProbeMs = 20;       // from the data line to the newline behind it
+inline constexpr std::int64_t kSettleMs = 100;     // from there to the first record
+inline constexpr std::int64_t kFarewellMs = 1000;  // for the ends of WebSockets
+inline constexpr std::int64_t kLingerMs = 5;       // records gather for so long before they are sent
+inline constexpr std::size_t kSendMax = 32768;     // of one send; one segment on loopback
 
 enum class DataState : std::uint8_t { kNone, kConnecting, kProbing, kSettling, kSending };
 
@@ -41,7 +43,8 @@ struct SessionCounters {
 
 class Session {
 public:
-    Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs);
+    // `transport` is of enum vxagent_transport.
+    Session(Identity identity, std::size_t queueBytes, std::int64_t retryMaxMs, int transport);
     virtual ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -104,6 +107,8 @@ private:
     void closeData();
     void finish();
 
+    const int transport_;
+    ws::WsPipes pipes_;  // the connections, unless they are plain
     Link control_, data_;
     StartIds ids_;
     std::int64_t dataDueMs_ = 0;  // when the data connection's present state has lasted long enough

@@ -12,7 +12,7 @@
 #include <limits>
 
 #include "commonlibc/vxlb_clock.h"
-
+#include "tools/agent/vxagent.h"
 namespace vx::agent {
 namespace {
 
@@ -50,7 +50,7 @@ std::int32_t numberBehind(std::string_view text, std::string_view name, std::int
 
 UdpSession::UdpSession(const Identity& identity, std::string function, std::size_t queueBytes,
                        std::int64_t retryMaxMs)
-    : Session(identity, queueBytes, retryMaxMs),
+    : Session(identity, queueBytes, retryMaxMs, VXAGENT_TCP),
       function_(std::move(function)),
       request_(std::to_string(identity.pid) + "-" + std::to_string(vxlb_now_us())),
       tags_(tagsOf(identity, function_)),

@@ -197,7 +197,7 @@ void WsPipes::Inside::startDials() {
         info.address = dial.address.c_str();
         info.port = dial.port;
         info.path = "/";
-        info.protocol = info.local_protocol_name = kProtocol;
+        info.local_protocol_name = kProtocol;
         info.opaque_user_data = &pipe;
         info.alpn = "http/1.1";
         info.ssl_connection = LCCSCF_HTTP_NO_FOLLOW_REDIRECT | (tls ? kTlsUnchecked : 0);

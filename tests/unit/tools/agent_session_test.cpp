@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "commonlibc/vxlb_bytes.h"
 #include "tests/support/fake_collector.h"
 #include "tests/support/record_stream.h"
+#include "tests/support/ws_bridge.h"
 #include "tools/agent/vxagent.h"
 #include "tools/agent/vxagent_headers.h"
 #include "tools/agent/vxagent_lines.h"
@@ -45,14 +47,19 @@ Frame frameFrom(FakePeer& data) {
     return {type, view.i64At(14 + flowpathAt[type]), bytes};
 }
 
-class AgentSession : public testing::Test {
+// By each transport.
+class AgentSession : public testing::TestWithParam<int> {
 protected:
     void TearDown() override { vxagent_close(agent, 0); }
 
+    int port() const { return front ? front->port() : proxy.port(); }
     void open(std::size_t queueBytes = 0) {
+        if (GetParam() == VXAGENT_WSS) own = std::make_unique<TestCertificate>();
+        if (GetParam() != VXAGENT_TCP) front = std::make_unique<WsBridge>(proxy.port(), own.get());
         vxagent_options options;
         vxagent_options_init(&options);
-        options.port = proxy.port();
+        options.port = port();
+        options.transport = GetParam();
         options.application = "shop";
         options.tier = "web";
         options.server = "host1";
@@ -120,12 +127,14 @@ protected:
     }
 
     FakeCollector proxy;
+    std::unique_ptr<TestCertificate> own;
+    std::unique_ptr<WsBridge> front;
     vxagent* agent = nullptr;
     FakePeer control, data;
     std::string registration, dataLine;
 };
 
-TEST_F(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
+TEST_P(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
     openUntilSending();
     EXPECT_TRUE(registration.starts_with("vx_ctrl_msg_req:appName=shop;vxAppServerHost=host1;tierName=web;"));
     for (const char* field : {";pid=4711;", ";agentType=Java;", ";agentName=nginx;"})
@@ -133,7 +142,7 @@ TEST_F(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
     EXPECT_EQ(dataLine,
               "vx_data_msg_req:appName=shop;appID=4;vxAppServerID=-5;vxAppServerHost=host1;"
               "tierName=web;tierID=3;VXCollectorIP=127.0.0.1;VXCollectorPort=" +
-                  std::to_string(proxy.port()) + ";testIdx=11;pid=4711;agentName=nginx");
+                  std::to_string(port()) + ";testIdx=11;pid=4711;agentName=nginx");
     const std::int64_t number = report();
     EXPECT_EQ(number >> 46, 65536 + 5);
     EXPECT_EQ(report(), number + 1);
@@ -146,7 +155,7 @@ TEST_F(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
     EXPECT_TRUE(statistics().sent_records == 8 && statistics().state == VXAGENT_SENDING);
 }
 
-TEST_F(AgentSession, SendsExceptionsWithAsMuchOfTheStackAsFitsAndHeadersAsTheirTypeHasThem) {
+TEST_P(AgentSession, SendsExceptionsWithAsMuchOfTheStackAsFitsAndHeadersAsTheirTypeHasThem) {
     openUntilSending();
     const std::int64_t number = vxagent_begin(agent, std::vector<vxagent_transaction>(1).data());
     std::string stack;
@@ -186,7 +195,7 @@ TEST(AgentHeaders, AreJoinedByTheSeparatorsOfTheirTypeAsFarAsTheyFit) {
     EXPECT_EQ(joined("Dotnet"), "A=1|2&B=3\x7F");
 }
 
-TEST_F(AgentSession, ReportsOnlyWhileInstrumentationRunsAndFindsTheProxyAgain) {
+TEST_P(AgentSession, ReportsOnlyWhileInstrumentationRunsAndFindsTheProxyAgain) {
     open();
     EXPECT_EQ(report(), 0);
     registerAgent();
@@ -224,7 +233,7 @@ TEST_F(AgentSession, ReportsOnlyWhileInstrumentationRunsAndFindsTheProxyAgain) {
     acceptAndDeliver();
 }
 
-TEST_F(AgentSession, KeepsItsRecordsWhileTheProxyClosesDataConnections) {
+TEST_P(AgentSession, KeepsItsRecordsWhileTheProxyClosesDataConnections) {
     open();
     registerAgent();
     startInstrumentation();
@@ -239,7 +248,7 @@ TEST_F(AgentSession, KeepsItsRecordsWhileTheProxyClosesDataConnections) {
     EXPECT_EQ(statistics().reconnects, 3U);
 }
 
-TEST_F(AgentSession, BeginsANewConnectionWithAWholeRecord) {
+TEST_P(AgentSession, BeginsANewConnectionWithAWholeRecord) {
     openUntilSending();
     ASSERT_TRUE(comes(VXAGENT_SENDING));
     for (int i = 0; i < 5000; ++i) report();
@@ -251,9 +260,10 @@ TEST_F(AgentSession, BeginsANewConnectionWithAWholeRecord) {
     for (int i = 0; i < 100; ++i) ASSERT_NE(frameFrom(data).type, -1);
 }
 
-TEST_F(AgentSession, NeverWaitsForAPeerThatDoesNotRead) {
+TEST_P(AgentSession, NeverWaitsForAPeerThatDoesNotRead) {
     openUntilSending(64 << 10);
     ASSERT_TRUE(comes(VXAGENT_SENDING));
+    if (front) front->holdReading(true);
     int refused = 0;
     for (int full = 0; full < 1000 && vxagent_flush(agent, 300); ++full)
         for (int i = 0; i < 500; ++i) refused += report() == 0;
@@ -267,7 +277,7 @@ TEST_F(AgentSession, NeverWaitsForAPeerThatDoesNotRead) {
     EXPECT_LE(now.queued_bytes, now.queue_bytes);
 }
 
-TEST_F(AgentSession, ClosingSendsWhatIsQueuedDataConnectionFirst) {
+TEST_P(AgentSession, ClosingSendsWhatIsQueuedDataConnectionFirst) {
     openUntilSending();
     for (int i = 0; i < 1000; ++i) report();
     std::string sent;
@@ -284,6 +294,9 @@ TEST_F(AgentSession, ClosingSendsWhatIsQueuedDataConnectionFirst) {
     EXPECT_EQ(frames, 4000U);
     EXPECT_TRUE(control.ended());
 }
+
+INSTANTIATE_TEST_SUITE_P(By, AgentSession, testing::Values(VXAGENT_TCP, VXAGENT_WS, VXAGENT_WSS),
+                         [](const auto& one) { return std::to_string(one.param); });
 
 TEST(AgentOptions, AreRefusedWhenTheyCannotStandInALine) {
     for (const char* server : {static_cast<const char*>(nullptr), "", "a;b", "a\n", "good"}) {
