@@ -24,7 +24,8 @@ std::string partOf(const InstanceState& instance, ExceptionPart part, std::int64
     return knownName(instance.exceptionParts[static_cast<std::size_t>(part)], id, "");
 }
 
-// "in Cart.show of Shop: message, because of cause"
+}  // namespace
+
 std::string exceptionText(const std::string& throwingClass, const std::string& method,
                           const std::string& message, const std::string& cause) {
     std::string out = "in " + (method.empty() ? "?" : method);
@@ -46,8 +47,6 @@ std::string plainStack(std::string_view text) {
     if (!out.empty() && out.back() != '\n') out += '\n';
     return out;
 }
-
-}  // namespace
 
 // "instance,items"
 bool takeRequestHeaders(std::string_view rest, InstanceState& instance, Summary& summary) {

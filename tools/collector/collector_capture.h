@@ -12,6 +12,12 @@
 
 namespace vx::collector {
 
+// "in Cart.show of Shop: message, because of cause"; texts may be empty.
+std::string exceptionText(const std::string& throwingClass, const std::string& method,
+                          const std::string& message, const std::string& cause);
+// The stack of a 38 record: lines, each with its newline, cut at kKeptStack bytes.
+std::string plainStack(std::string_view text);
+
 // 12 and 13
 bool takeRequestHeaders(std::string_view rest, InstanceState& instance, Summary& summary);
 bool takeResponseHeaders(std::string_view rest, InstanceState& instance, Summary& summary);

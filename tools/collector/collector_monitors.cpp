@@ -170,31 +170,19 @@ bool isCompared(const InstanceState& instance, Monitored kind, const Told& told,
     return instance.run.reported[static_cast<std::size_t>(kind)];
 }
 
-// False for a record that cannot be read.
-bool takeFigures(const Layout& layout, std::string_view text, char separator, InstanceState& instance,
-                 Summary& summary) {
-    Head head;
-    Fields fields{};
-    if (!readHead(text, separator, head) || readFields(head.figures, fields) != layout.fields) return false;
-    if (layout.kind == Monitored::kException && head.id == 0) return true;  // all of them together
-    const std::size_t tags = layout.kind == Monitored::kBt ? head.name.find('|') : std::string_view::npos;
-    if (tags != std::string_view::npos) {  // ids are others then: counted, not compared
-        head.name = head.name.substr(0, tags);
-        head.id = head.id == kAllTransactions ? head.id : -1;
-    } else {
-        instance.run.reported[static_cast<std::size_t>(layout.kind)] = true;
-    }
-    if (layout.kind == Monitored::kException) head.id = exceptionId(instance.run, head.name);
-    const Figures figures = figuresOf(layout, fields);
+// Adds a report to its row, and to its object of the run.
+void takeReport(MonitorReport report, InstanceState& instance, Summary& summary) {
+    if (report.overall) return;
+    if (!report.tagged) instance.run.reported[static_cast<std::size_t>(report.kind)] = true;
+    if (report.kind == Monitored::kException) report.id = exceptionId(instance.run, report.name);
     MonitorSide& side =
-        sideOf(layout.kind, head.id, nameOfObject(instance, layout.kind, head.id, head.name), summary);
+        sideOf(report.kind, report.id, nameOfObject(instance, report.kind, report.id, report.name), summary);
     side.reported = true;
-    side.figures.add(figures);
-    if (Told* told = toldOf(instance.run, layout.kind, head.id)) {
+    side.figures.add(report.figures);
+    if (Told* told = toldOf(instance.run, report.kind, report.id)) {
         told->reported = true;
-        told->monitor.add(figures);
+        told->monitor.add(report.figures);
     }
-    return true;
 }
 
 // "count min max percentile value percentile value ...". False for a record that cannot be read.
@@ -262,15 +250,44 @@ std::int64_t exceptionId(Run& run, std::string_view className) {
     return id;
 }
 
+ReportRead readReport(std::string_view line, char separator, MonitorReport& out) {
+    int number = 0;
+    const auto done = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (done.ec != std::errc() || done.ptr == line.data() + line.size() || *done.ptr != ',')
+        return ReportRead::kOther;
+    line.remove_prefix(static_cast<std::size_t>(done.ptr - line.data()) + 1);
+    const auto layout = std::find_if(kLayouts.begin(), kLayouts.end(),
+                                     [number](const Layout& row) { return row.record == number; });
+    if (layout == kLayouts.end()) return ReportRead::kOther;
+    Head head;
+    Fields fields{};
+    if (!readHead(line, separator, head) || readFields(head.figures, fields) != layout->fields)
+        return ReportRead::kUnreadable;
+    out = {layout->kind, head.id, head.name, false, false, figuresOf(*layout, fields)};
+    out.overall = layout->kind == Monitored::kException && head.id == 0;
+    const std::size_t tags = layout->kind == Monitored::kBt ? head.name.find('|') : std::string_view::npos;
+    if (tags == std::string_view::npos) return ReportRead::kRead;
+    out.tagged = true;  // ids are others then: counted, not compared
+    out.name = head.name.substr(0, tags);
+    if (out.id != kAllTransactions) out.id = -1;
+    return ReportRead::kRead;
+}
+
+std::string reportedName(const InstanceState& instance, const MonitorReport& report) {
+    if (report.kind == Monitored::kException) return std::string(report.name);
+    return nameOfObject(instance, report.kind, report.id, report.name);
+}
+
 void takeMonitorRecord(std::string_view line, char separator, InstanceState& instance, Summary& summary) {
     int number = 0;
     const auto done = std::from_chars(line.data(), line.data() + line.size(), number);
     if (done.ec != std::errc() || done.ptr == line.data() + line.size() || *done.ptr != ',') return;
     ++summary.monitorRecords;
+    MonitorReport report;
+    const ReportRead answer = readReport(line, separator, report);
+    if (answer == ReportRead::kUnreadable) ++summary.unreadable;
+    if (answer == ReportRead::kRead) takeReport(report, instance, summary);
     line.remove_prefix(static_cast<std::size_t>(done.ptr - line.data()) + 1);
-    for (const Layout& layout : kLayouts)
-        if (layout.record == number && !takeFigures(layout, line, separator, instance, summary))
-            ++summary.unreadable;
     for (const DigestRow& row : kDigests)
         if (row.record == number && !takeDigest(row, line, separator, instance, summary))
             ++summary.unreadable;

@@ -85,6 +85,19 @@ void addSingle(Run& run, Monitored kind, std::int64_t id, const Figures& figures
 Told* toldOf(Run& run, Monitored kind, std::int64_t id);
 std::int64_t exceptionId(Run& run, std::string_view className);  // -1 when there is no room
 
+// What a record of figures (74, 75, 61, 63) tells of one object; `name` borrows from the line.
+struct MonitorReport {
+    Monitored kind = Monitored::kBt;
+    std::int64_t id = 0;    // kAllTransactions; -1 where it is that of a tag
+    std::string_view name;  // as the monitor has it
+    bool tagged = false, overall = false;  // of a tag; of all exceptions together
+    Figures figures;
+};
+enum class ReportRead { kOther, kUnreadable, kRead };  // kOther: another record
+ReportRead readReport(std::string_view line, char separator, MonitorReport& out);
+// The name that the single records know the object by; of an exception, the monitor's.
+std::string reportedName(const InstanceState& instance, const MonitorReport& report);
+
 // Takes one line of an auto-sensor connection; one that is no monitor record is only counted. `separator` is
 // that of the names (vxVectorSeparator).
 void takeMonitorRecord(std::string_view line, char separator, InstanceState& instance, Summary& summary);

@@ -9,19 +9,6 @@ namespace vx::collector {
 
 namespace {
 
-const char* targetText(std::int64_t target) {
-    switch (target) {
-        case 1:
-            return "HTTP";
-        case 8:
-            return "custom";
-        case 13:
-            return "MQ";
-        default:
-            return "DB";
-    }
-}
-
 void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary) {
     BackendRow& row = backendRow(summary, plainName(nameOf(instance.methods, item.methodId, "back-end")));
     row.target = targetText(item.target);
@@ -68,15 +55,13 @@ bool takeHeaderName(std::string_view rest, InstanceState& instance, Summary&) {
     return setName(instance.headers, id, rest);
 }
 
-// "2,instance,start,thread,thread.1,bt,url,...": only for what is shown of single transactions.
+// Only for what is shown of single transactions.
 bool takeHeader(std::string_view rest, InstanceState& instance, Summary& summary) {
-    std::int64_t flowpath = 0, bt = 0;
-    if (!readFlowpath(takeUntil(rest, ','), flowpath)) return false;
-    for (int passed = 0; passed < 3; ++passed) takeUntil(rest, ',');
-    if (!readNumber(takeUntil(rest, ','), bt)) return false;
-    if (KeptTransaction* kept = summary.kept.find(flowpath)) {
-        kept->bt = nameOf(instance.bts, bt, "BT");
-        kept->url = takeUntil(rest, ',');
+    HeaderRecord header;
+    if (!readHeader(rest, header)) return false;
+    if (KeptTransaction* kept = summary.kept.find(header.flowpath)) {
+        kept->bt = nameOf(instance.bts, header.bt, "BT");
+        kept->url = header.url;
     }
     return true;
 }
@@ -89,17 +74,13 @@ bool takePartial(std::string_view rest, InstanceState& instance, Summary& summar
     return true;
 }
 
-// "4,instance,status,category,cpu,duration,bt,endReason,,endField[,tag],blob"
-enum { kFlowpath, kStatus, kCategory, kCpu, kDuration, kBt, kEndReason, kEndFields };
-using EndFields = std::array<std::int64_t, kEndFields>;
-
 // What was kept of the transaction gets its end, and its exceptions the BT that they came in.
-void endKept(KeptTransaction& kept, const std::string& bt, const EndFields& field, Summary& summary) {
+void endKept(KeptTransaction& kept, const std::string& bt, const EndRecord& end, Summary& summary) {
     kept.ended = true;
     kept.bt = bt;
-    kept.status = static_cast<int>(field[kStatus]);
-    kept.category = static_cast<int>(field[kCategory]);
-    kept.durationMs = field[kDuration];
+    kept.status = static_cast<int>(end.status);
+    kept.category = static_cast<int>(end.category);
+    kept.durationMs = end.durationMs;
     for (const KeptException& thrown : kept.exceptions) {
         auto& bts = exceptionRow(summary, thrown.name).bts;
         if (bts.size() < kMaxBtsOfException || bts.contains(bt)) ++bts[bt];
@@ -107,31 +88,24 @@ void endKept(KeptTransaction& kept, const std::string& bt, const EndFields& fiel
 }
 
 bool takeEnd(std::string_view rest, InstanceState& instance, Summary& summary) {
-    constexpr std::int64_t kTakenBack = -99;
-    EndFields field{};
-    for (std::int64_t& value : field)
-        if (!readNumber(takeUntil(rest, ','), value)) return false;
-    const std::string bt = nameOf(instance.bts, field[kBt], "BT");
+    EndRecord end;
+    if (!readEnd(rest, end)) return false;
+    const std::string bt = nameOf(instance.bts, end.bt, "BT");
     BtRow& row = btRow(summary, bt);
-    const Figures figures = oneOf(field[kDuration], static_cast<int>(field[kCategory]));
-    if (field[kCategory] != kTakenBack) {  // one that only its status takes back is in the monitor
-        addSingle(instance.run, Monitored::kBt, field[kBt], figures);
+    const Figures figures = oneOf(end.durationMs, static_cast<int>(end.category));
+    if (end.category != kTakenBack) {  // one that only its status takes back is in the monitor
+        addSingle(instance.run, Monitored::kBt, end.bt, figures);
         addSingle(instance.run, Monitored::kBt, kAllTransactions, figures);
     }
-    if (field[kStatus] == kTakenBack || field[kCategory] == kTakenBack) {
+    if (end.takenBack()) {
         ++row.discarded;
         return true;
     }
     ++summary.transactions;
     row.add(figures);
     summary.all.add(figures);
-    if (KeptTransaction* kept = summary.kept.find(field[kFlowpath])) endKept(*kept, bt, field, summary);
-    takeUntil(rest, ',');
-    takeUntil(rest, ',');
-    std::string_view behindTag = rest;  // a tag id may stand in front of the blob
-    std::int64_t tag = 0;
-    if (takeNumber(behindTag, tag) && takeChar(behindTag, ',')) rest = behindTag;
-    takeBlob(rest, instance, summary);
+    if (KeptTransaction* kept = summary.kept.find(end.flowpath)) endKept(*kept, bt, end, summary);
+    takeBlob(end.blob, instance, summary);
     return true;
 }
 
@@ -178,52 +152,131 @@ constexpr auto kRecords = std::to_array<RecordRow>({
     {91, takeCaller},
 });
 
-// "T4:7:1.500:10:-:3::::200_" behind its letter: number, back-end, milliseconds with three decimals, target.
+// "T4:7:1.500:10:-:3::::200:parameters_" behind its letter: number, back-end, milliseconds with three
+// decimals, target, query, start; then the status, of a failed one in front of the three further fields.
 bool takeCalloutItem(std::string_view& rest, BlobItem& item) {
     std::string_view text = takeUntil(rest, '_');
-    std::int64_t number = 0, ms = 0, fraction = 0;
-    if (!takeNumber(text, number) || !takeChar(text, ':') || !takeNumber(text, item.methodId) ||
+    std::int64_t ms = 0, fraction = 0;
+    if (!takeNumber(text, item.seq) || !takeChar(text, ':') || !takeNumber(text, item.methodId) ||
         !takeChar(text, ':') || !takeNumber(text, ms) || !takeChar(text, '.') ||
         !takeNumber(text, fraction) || !takeChar(text, ':') || !takeNumber(text, item.target))
         return false;
-    item.us = ms * 1000 + fraction;
+    item.us = std::clamp<std::int64_t>(ms, 0, kMostMs) * 1000 + std::clamp<std::int64_t>(fraction, 0, 999);
+    takeChar(text, ':');
+    item.query = takeUntil(text, ':');
+    readNumber(takeUntil(text, ':'), item.ms);
+    std::string_view fields[4];
+    for (std::string_view& field : fields) field = takeUntil(text, ':');
+    readNumber(fields[item.failed ? 0 : 3], item.status);
+    item.text = text;
     return true;
 }
 
-}  // namespace
+// "e7_", "T..._" and "E..._"
+bool takeMarkedItem(std::string_view& rest, BlobItem& item) {
+    const char mark = rest.front();
+    item.kind = mark == 'e' ? BlobItem::Kind::kException : BlobItem::Kind::kCallout;
+    item.failed = mark == 'E';
+    rest.remove_prefix(1);
+    if (mark != 'e') return takeCalloutItem(rest, item);
+    readNumber(takeUntil(rest, '_'), item.seq);
+    return true;
+}
 
-bool takeBlobItem(std::string_view& blob, BlobItem& item) {
-    std::string_view rest = blob;
-    if (rest.empty()) return false;
-    const char first = rest.front();
-    item = {};
-    if (first == 'T' || first == 'E' || first == 'e') {
-        item.kind = first == 'e' ? BlobItem::Kind::kException : BlobItem::Kind::kCallout;
-        item.failed = first == 'E';
-        rest.remove_prefix(1);
-        if (first == 'e') {
-            takeUntil(rest, '_');
-        } else if (!takeCalloutItem(rest, item)) {
-            return false;
-        }
-        blob = rest;
-        return true;
-    }
-    std::int64_t thread = 0, direction = 0, sequence = 0, cpu = 0;
-    if (!takeNumber(rest, item.methodId) || !takeChar(rest, ':') || !takeNumber(rest, thread)) return false;
+// "7:77_0_3__", "7:77:1:/url_0_3__", "7:77_1_12____", "7:77_1_40_5___"
+bool takeMethodItem(std::string_view& rest, BlobItem& item) {
+    std::int64_t direction = 0, sequence = 0;
+    if (!takeNumber(rest, item.methodId) || !takeChar(rest, ':') || !takeNumber(rest, item.thread))
+        return false;
     if (takeChar(rest, ':')) {  // "1:url": the item's own fields stand behind the text's last "_0_"
         const std::size_t end = rest.find("_0_");
         if (end == std::string_view::npos) return false;
+        item.text = rest.substr(0, end);
+        takeUntil(item.text, ':');
         rest.remove_prefix(end);
     }
     if (!takeChar(rest, '_') || !takeNumber(rest, direction)) return false;
     if (takeChar(rest, ':') && !takeNumber(rest, sequence)) return false;
     if (!takeChar(rest, '_') || !takeNumber(rest, item.ms) || !takeChar(rest, '_')) return false;
-    takeNumber(rest, cpu);
+    takeNumber(rest, item.cpu);
     while (takeChar(rest, '_')) {
     }
+    item.ms = std::clamp<std::int64_t>(item.ms, 0, kMostMs);
     item.kind = direction == 0 ? BlobItem::Kind::kEntry : BlobItem::Kind::kExit;
+    return true;
+}
+
+}  // namespace
+
+const char* targetText(std::int64_t target) {
+    switch (target) {
+        case 1:
+            return "HTTP";
+        case 8:
+            return "custom";
+        case 13:
+            return "MQ";
+        default:
+            return "DB";
+    }
+}
+
+bool takeBlobItem(std::string_view& blob, BlobItem& item) {
+    std::string_view rest = blob;
+    if (rest.empty()) return false;
+    item = {};
+    const bool marked = rest.front() == 'T' || rest.front() == 'E' || rest.front() == 'e';
+    if (!(marked ? takeMarkedItem(rest, item) : takeMethodItem(rest, item))) return false;
     blob = rest;
+    return true;
+}
+
+bool readHeader(std::string_view rest, HeaderRecord& header) {
+    // Fields behind the URL, from the last one on.
+    enum { kStartRel, kFlags, kSpan, kTrace, kStartArgument, kEndReason, kEmpty, kPage, kSession, kParent };
+    header = {};
+    std::string_view identity = takeUntil(rest, ',');
+    if (!readNumber(takeUntil(identity, ':'), header.flowpath)) return false;
+    readNumber(takeUntil(identity, ':'), header.previous);
+    for (int passed = 0; passed < 3; ++passed) takeUntil(rest, ',');
+    if (!readNumber(takeUntil(rest, ','), header.bt)) return false;
+    std::array<std::string_view, kParent + 1> field;
+    for (std::string_view& text : field) {
+        const std::size_t comma = rest.rfind(',');
+        if (comma == std::string_view::npos) return false;
+        text = rest.substr(comma + 1);
+        rest.remove_suffix(rest.size() - comma);
+    }
+    const std::size_t comma = rest.rfind(',');
+    if (comma == std::string_view::npos) return false;
+    header.url = rest.substr(0, comma);
+    header.correlation = rest.substr(comma + 1);
+    readNumber(field[kParent], header.parent);
+    readNumber(field[kPage], header.page);
+    header.session = field[kSession];
+    header.traceId = field[kTrace];
+    header.callerSpan = field[kSpan];
+    return readNumber(field[kStartRel], header.startRelMs);
+}
+
+bool readEnd(std::string_view rest, EndRecord& end) {
+    enum { kFlowpath, kStatus, kCategory, kCpu, kDuration, kBt, kEndReason, kFields };
+    std::array<std::int64_t, kFields> field{};
+    for (std::int64_t& value : field)
+        if (!readNumber(takeUntil(rest, ','), value)) return false;
+    end.flowpath = field[kFlowpath];
+    end.status = field[kStatus];
+    end.category = field[kCategory];
+    end.cpu = field[kCpu];
+    end.durationMs = std::clamp<std::int64_t>(field[kDuration], 0, kMostMs);
+    end.bt = field[kBt];
+    end.endReason = field[kEndReason];
+    takeUntil(rest, ',');
+    takeUntil(rest, ',');
+    std::string_view behindTag = rest;  // a tag id may stand in front of the blob
+    std::int64_t tag = 0;
+    if (takeNumber(behindTag, tag) && takeChar(behindTag, ',')) rest = behindTag;
+    end.blob = rest;
     return true;
 }
 

@@ -95,9 +95,15 @@ enum class NameKind : std::uint8_t {
 // The name of an id, as it was when the transaction ended; empty when it is not known.
 using NameLookup = std::function<std::string(NameKind kind, std::int64_t id)>;
 
-// Fills all but row, caller and callees from the lines. `startMs` is the transaction's start and `durationMs`
-// its duration; `epochMs` the instance's epoch base.
-void readDetails(std::string_view lines, const TransactionRow& row, std::int64_t epochMs,
+// Stands among the lines of a transaction in place of those for which there was no room.
+inline constexpr std::string_view kCutLine = "...";
+
+// Fills items, headers, exceptions, arguments and records from the lines. `durationMs` is that of the
+// transaction, `epochMs` the base of the times in its instance's records.
+void readDetails(std::string_view lines, std::int64_t durationMs, std::int64_t epochMs,
                  const NameLookup& nameOf, TransactionDetails& out);
+// What stands behind "38,". False where it cannot be read.
+bool readException(std::string_view rest, std::int64_t epochMs, const NameLookup& nameOf,
+                   TransactionException& out);
 
 }  // namespace vx::collector

@@ -1,0 +1,40 @@
+#include "tools/collector/store.h"
+
+#include <chrono>
+
+namespace vx::collector {
+
+std::int64_t epochNow() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+Store::~Store() {
+    if (intake_) intake_->flush(epochNow(), true);
+}
+
+bool Store::openFile(const std::string& path, const Retention& retention, std::string& error) {
+    auto sink = std::make_unique<SqliteSink>();
+    if (!sink->open(path, retention, error)) return false;
+    intake_.emplace(queue_, sink->nextId());
+    writer_ = std::make_unique<StoreWriter>(queue_, std::move(sink));
+    return true;
+}
+
+StoreStatus Store::status() const {
+    StoreStatus out;
+    out.queuedBytes = queue_.bytes();
+    out.dropped = intake_->dropped();
+    out.lostSums = intake_->lostSums();
+    const StoreWriter::Status writer = writer_->status();
+    out.commits = writer.commits;
+    out.written = writer.transactions;
+    out.dropped += writer.lost;
+    out.bytes = writer.holds.bytes;
+    out.oldestAt = writer.holds.oldestAt;
+    out.fault = writer.fault;
+    return out;
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,49 @@
+// The collector's store: intake, queue and writer together.
+//
+// Lifetime  open() once; the end hands over and writes what has come.
+// Threads   intake() and flush() by the one that reads the connections; status() by any.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/collector/store_intake.h"
+#include "tools/collector/store_sqlite.h"
+#include "tools/collector/store_writer.h"
+
+namespace vx::collector {
+
+struct StoreStatus {
+    const char* kind = "sqlite";
+    std::uint64_t queuedBytes = 0;
+    std::uint64_t commits = 0;   // grows whenever something was stored
+    std::uint64_t written = 0;   // transactions since the start
+    std::uint64_t dropped = 0;   // transactions that found no room, or could not be written
+    std::uint64_t lostSums = 0;  // occurrences that are in no sum
+    std::int64_t bytes = 0, oldestAt = 0;  // what it holds; the latter 0: nothing
+    std::string fault;                     // why nothing is written at the moment; empty: all is well
+};
+
+class Store {
+public:
+    Store() = default;
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    bool openFile(const std::string& path, const Retention& retention, std::string& error);
+    StoreIntake& intake() { return *intake_; }
+    StoreStatus status() const;
+
+private:
+    StoreQueue queue_;
+    std::optional<StoreIntake> intake_;
+    std::unique_ptr<StoreWriter> writer_;
+};
+
+// Milliseconds since the Unix epoch.
+std::int64_t epochNow();
+
+}  // namespace vx::collector

@@ -1,0 +1,266 @@
+#include "tools/collector/store_sqlite.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace vx::collector {
+
+namespace {
+
+constexpr int kApplicationId = 0x56585052;  // marks the file as one of ours
+constexpr int kBusyMs = 2000;
+constexpr std::int64_t kAgedEvery = 60'000;
+constexpr int kVacuumPages = 500;
+
+// Binds the values of a row in their order.
+class Binder : public RowSink {
+public:
+    explicit Binder(sqlite3_stmt* statement) : statement_(statement) {}
+    void number(std::int64_t value) override { sqlite3_bind_int64(statement_, ++at_, value); }
+    // The row outlives the step.
+    void text(std::string_view value) override {
+        sqlite3_bind_text64(statement_, ++at_, value.empty() ? "" : value.data(), value.size(), SQLITE_STATIC,
+                            SQLITE_UTF8);
+    }
+    bool step() {
+        at_ = 0;
+        const bool done = sqlite3_step(statement_) == SQLITE_DONE;
+        return sqlite3_reset(statement_) == SQLITE_OK && done;
+    }
+
+private:
+    sqlite3_stmt* statement_;
+    int at_ = 0;
+};
+
+// An error that goes away by itself, or when somebody makes room.
+bool isPassing(int code) {
+    switch (code & 0xFF) {
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+        case SQLITE_NOMEM:
+        case SQLITE_READONLY:
+        case SQLITE_IOERR:
+        case SQLITE_FULL:
+        case SQLITE_CANTOPEN:
+        case SQLITE_INTERRUPT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+SqliteSink::~SqliteSink() {
+    for (sqlite3_stmt* statement : inserts_) sqlite3_finalize(statement);
+    sqlite3_close(database_);
+    if (lockFd_ >= 0) ::close(lockFd_);
+}
+
+bool SqliteSink::open(const std::string& path, const Retention& retention, std::string& error) {
+    retention_ = retention;
+    if (!lock(path, error)) return false;
+    if (sqlite3_open_v2(path.c_str(), &database_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK ||
+        !prepareFile(error)) {
+        if (error.empty()) error = database_ ? sqlite3_errmsg(database_) : "no memory";
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
+}
+
+// Two writers would give the same ids out. The lock goes with the process.
+bool SqliteSink::lock(const std::string& path, std::string& error) {
+    lockFd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (lockFd_ < 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (::flock(lockFd_, LOCK_EX | LOCK_NB) == 0) return true;
+    error = path + ": another vxcollector writes it";
+    return false;
+}
+
+bool SqliteSink::prepareFile(std::string& error) {
+    sqlite3_busy_timeout(database_, kBusyMs);
+    // Says at once whether the file is a database at all.
+    const std::int64_t version = number("PRAGMA user_version", -1);
+    if (version < 0) return false;
+    const std::int64_t tables = number("SELECT count(*) FROM sqlite_master", -1);
+    if (tables < 0) return false;
+    if (tables > 0 && number("PRAGMA application_id") != kApplicationId) {
+        error = "a database of another program";
+        return false;
+    }
+    if (version > kSchemaVersion) {
+        error = "written by a newer vxcollector (version " + std::to_string(version) + " of the tables, " +
+                std::to_string(kSchemaVersion) + " is known)";
+        return false;
+    }
+    if (tables == 0 && !create(error)) return false;
+    if (!run("PRAGMA journal_mode=WAL") || !run("PRAGMA synchronous=NORMAL") ||
+        !run("PRAGMA journal_size_limit=67108864") || !run("PRAGMA cache_size=-32768"))
+        return false;
+    for (int id = 0; id < kTables; ++id) {
+        sqlite3_stmt* statement = nullptr;
+        const std::string sql = sqliteInsert(tableOf(static_cast<TableId>(id)));
+        if (sqlite3_prepare_v3(database_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
+            SQLITE_OK)
+            return false;
+        inserts_.push_back(statement);
+    }
+    nextId_ = std::max(number("SELECT max(id) FROM transactions"),
+                       number("SELECT value FROM meta WHERE name = 'last_id'")) +
+              1;
+    return run("UPDATE meta SET value = value WHERE name = 'last_id'");  // says whether it can be written
+}
+
+bool SqliteSink::create(std::string&) {
+    // Before the first table, or it has no effect.
+    if (!run("PRAGMA auto_vacuum=INCREMENTAL") || !run("BEGIN IMMEDIATE")) return false;
+    bool made =
+        run("PRAGMA application_id=" + std::to_string(kApplicationId)) &&
+        run("PRAGMA user_version=" + std::to_string(kSchemaVersion)) &&
+        run("CREATE TABLE meta(name TEXT NOT NULL PRIMARY KEY, value NOT NULL) WITHOUT ROWID") &&
+        run("INSERT INTO meta VALUES('version', " + std::to_string(kSchemaVersion) + "), ('last_id', 0)");
+    for (int id = 0; id < kTables; ++id) made = made && run(sqliteCreate(tableOf(static_cast<TableId>(id))));
+    for (const char* index : sqliteIndexes()) made = made && run(index);
+    return made && run("COMMIT");
+}
+
+bool SqliteSink::run(const std::string& sql) {
+    return sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// The first value of the first row; `otherwise` on an error, 0 for no value.
+std::int64_t SqliteSink::number(const std::string& sql, std::int64_t otherwise) {
+    sqlite3_stmt* statement = nullptr;
+    std::int64_t value = otherwise;
+    if (sqlite3_prepare_v2(database_, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK) {
+        const int answer = sqlite3_step(statement);
+        if (answer == SQLITE_ROW) value = sqlite3_column_int64(statement, 0);
+        if (answer == SQLITE_DONE) value = 0;
+    }
+    sqlite3_finalize(statement);
+    return value;
+}
+
+template <class Row>
+bool SqliteSink::insert(TableId table, const std::vector<Row>& rows) {
+    Binder binder(inserts_[table]);
+    for (const Row& row : rows) {
+        putRow(row, binder);
+        if (!binder.step()) return false;
+    }
+    return true;
+}
+
+bool SqliteSink::insertAll(const Batch& batch) {
+    Binder lines(inserts_[kRecords]);
+    for (const StoredTransaction& row : batch.transactions) {
+        putLines(row, lines);
+        if (!lines.step()) return false;
+    }
+    return insert(kInstances, batch.instances) && insert(kNames, batch.names) &&
+           insert(kTransactions, batch.transactions) && insert(kCallouts, batch.callouts) &&
+           insert(kExceptions, batch.exceptions) && insert(kSums, batch.sums) &&
+           insert(kBuckets, batch.buckets) && insert(kMonitors, batch.monitors) &&
+           insert(kLinks, batch.links) && insert(kComparisons, batch.comparisons);
+}
+
+StoreSink::Wrote SqliteSink::write(std::span<const Batch> batches, std::string& fault) {
+    std::int64_t last = nextId_ - 1;
+    bool done = run("BEGIN IMMEDIATE");
+    for (const Batch& batch : batches) {
+        done = done && insertAll(batch);
+        if (!batch.transactions.empty()) last = std::max(last, batch.transactions.back().row.id);
+    }
+    if (done && last >= nextId_)
+        done = run("UPDATE meta SET value = " + std::to_string(last) + " WHERE name = 'last_id'");
+    if (done && run("COMMIT")) {
+        nextId_ = last + 1;
+        return Wrote::kDone;
+    }
+    const int code = sqlite3_extended_errcode(database_);
+    fault = sqlite3_errmsg(database_);
+    for (sqlite3_stmt* statement : inserts_) sqlite3_reset(statement);
+    if (sqlite3_get_autocommit(database_) == 0) run("ROLLBACK");
+    return isPassing(code) ? Wrote::kLater : Wrote::kNever;
+}
+
+bool SqliteSink::forgetSlice(std::int64_t lastId) {
+    const std::string last = std::to_string(lastId);
+    const bool done = run("BEGIN IMMEDIATE") && run("DELETE FROM transactions WHERE id <= " + last) &&
+                      run("DELETE FROM records WHERE tx <= " + last) &&
+                      run("DELETE FROM callouts WHERE tx <= " + last) &&
+                      run("DELETE FROM exceptions WHERE tx <= " + last) && run("COMMIT");
+    if (!done && sqlite3_get_autocommit(database_) == 0) run("ROLLBACK");
+    return done;
+}
+
+bool SqliteSink::forgetSumsBefore(std::int64_t step, std::int64_t at) {
+    bool done = true;
+    for (std::size_t kind = 0; kind < kMonitoredKinds; ++kind)
+        for (const char* table : {"sums", "buckets"})
+            done = done && run("DELETE FROM " + std::string(table) + " WHERE step = " + std::to_string(step) +
+                               " AND kind = " + std::to_string(kind) + " AND at < " + std::to_string(at));
+    return done;
+}
+
+// Tables that have a time of their own.
+bool SqliteSink::forgetOld(std::int64_t at) {
+    const std::string before = std::to_string(at);
+    bool done = forgetSumsBefore(kLongSumStep, at);
+    for (int id = 0; id < kTables; ++id) {
+        const Table& table = tableOf(static_cast<TableId>(id));
+        if (!table.time || id == kSums || id == kBuckets) continue;
+        done =
+            done && run("DELETE FROM " + std::string(table.name) + " WHERE " + table.time + " < " + before);
+    }
+    return done && run("DELETE FROM names WHERE instance NOT IN (SELECT instance FROM instances)");
+}
+
+std::int64_t SqliteSink::usedBytes() {
+    return (number("PRAGMA page_count") - number("PRAGMA freelist_count")) * number("PRAGMA page_size");
+}
+
+bool SqliteSink::retain(std::int64_t now, std::string& fault) {
+    const auto horizon = now - static_cast<std::int64_t>(retention_.keepDays * 86'400'000.0);
+    const auto most = static_cast<std::int64_t>(retention_.keepMb * 1024 * 1024);
+    const bool full = usedBytes() > most;
+    const std::string oldest =
+        "(SELECT id, at FROM transactions ORDER BY id LIMIT " + std::to_string(kSlice) + ")";
+    const std::int64_t last =
+        number("SELECT max(id) FROM " + oldest + (full ? "" : " WHERE at < " + std::to_string(horizon)));
+    bool done = last <= 0 || forgetSlice(last);
+    if (done && full && last <= 0) {  // no transaction is left: sums give way, the oldest tenth of the time
+        const std::int64_t first =
+            number("SELECT min(at) FROM sums WHERE step = " + std::to_string(kLongSumStep));
+        done = first == 0 || forgetOld(first + std::max(kLongSumStep, (now - first) / 10));
+        done = done && forgetSumsBefore(kSumStep, first + std::max(kLongSumStep, (now - first) / 10));
+    }
+    if (done && now >= nextAged_) {
+        done = forgetOld(horizon) && forgetSumsBefore(kSumStep, std::max(horizon, now - kShortSumsMs));
+        nextAged_ = now + kAgedEvery;
+    }
+    if (done && number("PRAGMA freelist_count") > kVacuumPages)
+        done = run("PRAGMA incremental_vacuum(" + std::to_string(kVacuumPages) + ")");
+    if (!done) fault = sqlite3_errmsg(database_);
+    return done && last > 0;
+}
+
+StoreSink::Holds SqliteSink::holds() {
+    return {number("PRAGMA page_count") * number("PRAGMA page_size"),
+            number("SELECT at FROM transactions ORDER BY id LIMIT 1")};
+}
+
+}  // namespace vx::collector

@@ -1,0 +1,67 @@
+// The store as a database file.
+//
+// One transaction of the database for each call of write(): what is committed stays, whatever happens to the
+// process. A journal of changes ahead of the file (WAL) lets readers go on while it is written.
+//
+// Retention by the age of transactions, and by size: the oldest go first, kSlice at a time, and what a file
+// no longer needs goes back to the system in steps. Sums of kSumStep are kept for two days.
+//
+// Errors    open() refuses, with the reason: a file that is no database or somebody else's, one of a newer
+//           version, one that cannot be written, one that another vxcollector writes.
+// Threads   One at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/collector/store_schema.h"
+#include "tools/collector/store_sink.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace vx::collector {
+
+struct Retention {
+    double keepDays = 7;
+    double keepMb = 4096;  // of the file, without what waits in its journal
+};
+
+inline constexpr std::int64_t kShortSumsMs = 2 * 86'400'000LL;
+inline constexpr int kSlice = 2000;
+
+class SqliteSink : public StoreSink {
+public:
+    ~SqliteSink() override;
+    bool open(const std::string& path, const Retention& retention, std::string& error);
+    // Greater than the id of every transaction that the file has had.
+    std::int64_t nextId() const { return nextId_; }
+
+    Wrote write(std::span<const Batch> batches, std::string& fault) override;
+    bool retain(std::int64_t now, std::string& fault) override;
+    Holds holds() override;
+
+private:
+    bool lock(const std::string& path, std::string& error);
+    bool prepareFile(std::string& error);
+    bool create(std::string& error);
+    bool run(const std::string& sql);
+    std::int64_t number(const std::string& sql, std::int64_t otherwise = 0);
+    template <class Row>
+    bool insert(TableId table, const std::vector<Row>& rows);
+    bool insertAll(const Batch& batch);
+    bool forgetSlice(std::int64_t lastId);
+    bool forgetOld(std::int64_t now);
+    bool forgetSumsBefore(std::int64_t step, std::int64_t at);
+    std::int64_t usedBytes();
+
+    sqlite3* database_ = nullptr;
+    int lockFd_ = -1;
+    std::vector<sqlite3_stmt*> inserts_;  // by TableId
+    Retention retention_;
+    std::int64_t nextId_ = 1;
+    std::int64_t nextAged_ = 0;  // when the tables without transactions are looked at again
+};
+
+}  // namespace vx::collector

@@ -1,0 +1,93 @@
+#include "tools/collector/store_writer.h"
+
+#include <cstdio>
+#include <utility>
+
+namespace vx::collector {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kPatience{500};
+constexpr std::chrono::seconds kLookEvery{2};
+
+std::int64_t epochMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+StoreWriter::StoreWriter(StoreQueue& queue, std::unique_ptr<StoreSink> sink)
+    : queue_(queue), sink_(std::move(sink)), thread_([this] { work(); }) {}
+
+StoreWriter::~StoreWriter() {
+    queue_.close();
+    thread_.join();
+}
+
+StoreWriter::Status StoreWriter::status() const {
+    const std::scoped_lock lock(mutex_);
+    return status_;
+}
+
+void StoreWriter::work() {
+    for (;;) {
+        const bool last = queue_.closed();
+        const std::vector<Batch> batches = queue_.take(kPatience);
+        if (!batches.empty()) writeAll(batches);
+        queue_.done(batches);
+        if (batches.empty() && last) return;
+        if (!last) retain();
+    }
+}
+
+void StoreWriter::writeAll(const std::vector<Batch>& batches) {
+    std::uint64_t transactions = 0;
+    for (const Batch& batch : batches) transactions += batch.transactions.size();
+    std::string fault;
+    auto answer = StoreSink::Wrote::kLater;
+    for (int tries = 0; answer == StoreSink::Wrote::kLater; ++tries) {
+        if (tries > 0) queue_.pause(kRetryMs);
+        const bool last = queue_.closed() && tries >= kLastTries;
+        fault.clear();
+        answer = sink_->write(batches, fault);
+        if (last && answer == StoreSink::Wrote::kLater) answer = StoreSink::Wrote::kNever;
+        tell(fault);
+    }
+    const std::scoped_lock lock(mutex_);
+    if (answer == StoreSink::Wrote::kNever) {
+        status_.lost += transactions;
+        return;
+    }
+    ++status_.commits;
+    status_.transactions += transactions;
+}
+
+void StoreWriter::retain() {
+    const auto end = Clock::now() + kRetainMs;
+    std::string fault;
+    while (sink_->retain(epochMs(), fault) && Clock::now() < end) {
+    }
+    if (!fault.empty()) tell(fault);
+    if (Clock::now() < looked_ + kLookEvery) return;
+    looked_ = Clock::now();
+    const StoreSink::Holds holds = sink_->holds();
+    const std::scoped_lock lock(mutex_);
+    status_.holds = holds;
+}
+
+// Each new state of things once.
+void StoreWriter::tell(const std::string& fault) {
+    const std::scoped_lock lock(mutex_);
+    if (fault == status_.fault) return;
+    if (fault.empty()) {
+        std::fputs("vxcollector: the store takes records again\n", stderr);
+    } else {
+        std::fprintf(stderr, "vxcollector: the store takes no records: %s\n", fault.c_str());
+    }
+    status_.fault = fault;
+}
+
+}  // namespace vx::collector

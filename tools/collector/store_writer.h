@@ -1,0 +1,59 @@
+// The thread that writes: takes batches from the queue, each turn as one transaction of the database, and
+// gives up what is too old in between.
+//
+// What cannot be written now is tried again every kRetryMs, while the queue fills up and the intake counts
+// what it has to drop; a fault is told once, and again when it is over. What can never be written is counted
+// and left.
+//
+// Lifetime  The end writes what waits: the queue must be closed before. A sink that does not take it within
+//           kLastTries is given up.
+// Threads   Its own; status() by any.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "tools/collector/store_queue.h"
+#include "tools/collector/store_sink.h"
+
+namespace vx::collector {
+
+inline constexpr std::chrono::milliseconds kRetryMs{1000};
+inline constexpr std::chrono::milliseconds kRetainMs{200};  // longest time at a stretch
+inline constexpr int kLastTries = 3;
+
+class StoreWriter {
+public:
+    struct Status {
+        std::uint64_t commits = 0;       // grows whenever something was stored
+        std::uint64_t transactions = 0;  // stored since the start
+        std::uint64_t lost = 0;          // transactions that could not be written
+        StoreSink::Holds holds;          // a few seconds old
+        std::string fault;               // empty: none
+    };
+
+    StoreWriter(StoreQueue& queue, std::unique_ptr<StoreSink> sink);
+    ~StoreWriter();
+    StoreWriter(const StoreWriter&) = delete;
+    StoreWriter& operator=(const StoreWriter&) = delete;
+    Status status() const;
+
+private:
+    void work();
+    void writeAll(const std::vector<Batch>& batches);
+    void retain();
+    void tell(const std::string& fault);
+
+    StoreQueue& queue_;
+    const std::unique_ptr<StoreSink> sink_;
+    mutable std::mutex mutex_;
+    Status status_;
+    std::chrono::steady_clock::time_point looked_{};
+    std::thread thread_;  // the last member: it uses the others
+};
+
+}  // namespace vx::collector
