@@ -88,8 +88,8 @@ std::int64_t exceptionId(Run& run, std::string_view className);  // -1 when ther
 // What a record of figures (74, 75, 61, 63) tells of one object; `name` borrows from the line.
 struct MonitorReport {
     Monitored kind = Monitored::kBt;
-    std::int64_t id = 0;    // kAllTransactions; -1 where it is that of a tag
-    std::string_view name;  // as the monitor has it
+    std::int64_t id = 0;                   // kAllTransactions; -1 where it is that of a tag
+    std::string_view name;                 // as the monitor has it
     bool tagged = false, overall = false;  // of a tag; of all exceptions together
     Figures figures;
 };

@@ -31,6 +31,9 @@ constexpr const char* kHelp =
     "  --keywords FILE     keywords of the start line, one key=value a line, in place of the default ones\n"
     "  --files DIR         hands out the files of DIR (below)\n"
     "  --out DIR           writes every stream to a file in DIR\n"
+    "  --db FILE           stores what arrives in a database file (docs/collector.md tells what is in it)\n"
+    "  --keep-days N       gives up what is older (default 7; 0: never)\n"
+    "  --keep-mb N         gives up the oldest when the database is larger (default 4096; 0: never)\n"
     "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
     "  --port-file FILE    writes the ports in use to FILE, one a line: TCP, WS, WSS\n"
     "  --interval SECONDS  pause between tables on a terminal (default 5)\n"
@@ -66,6 +69,8 @@ constexpr auto kNumbers = std::to_array<NumberRow>({
     {"--interval", &Options::tableSeconds},
     {"--heartbeat", &Options::heartbeatSeconds},
     {"--seconds", &Options::runSeconds},
+    {"--keep-days", &Options::keepDays},
+    {"--keep-mb", &Options::keepMb},
 });
 struct TextRow {
     const char* name;
@@ -76,6 +81,7 @@ constexpr auto kTexts = std::to_array<TextRow>({
     {"--keywords", &Options::keywordsFile},
     {"--files", &Options::filesDir},
     {"--out", &Options::outDir},
+    {"--db", &Options::databaseFile},
     {"--retry-policy", &Options::retryPolicy},
     {"--port-file", &Options::portFile},
     {"--cert", &Options::certificateFile},

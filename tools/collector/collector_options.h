@@ -17,6 +17,8 @@ struct Options {
     std::string outDir;                     // streams are written here when given
     std::string retryPolicy = "3%5%10%60";  // attempts % seconds % heartbeats missed % heartbeat period
     std::string portFile;                   // the bound port is written here when given
+    std::string databaseFile;               // what arrives is stored there when given
+    double keepDays = 7, keepMb = 4096;     // how long, and how much of it
     double tableSeconds = 5;                // pause between tables on a terminal
     double heartbeatSeconds = 10;
     double runSeconds = 0;  // ends by itself after this; 0: never

@@ -12,6 +12,7 @@ InstanceState& Runs::of(const std::string& identity) {
 
 void Runs::judge(InstanceState& instance) {
     const Answers answers = judgeRun(instance, summary_, sampled_);
+    if (intake_) intake_->compared(instance, answers, now_);
     news_ += "run of " + instance.name + " compared with its monitors: " + std::to_string(answers.agreed) +
              " objects agree, " + std::to_string(answers.partial) + " recorded in part, " +
              std::to_string(answers.differing) + " differ\n";
@@ -28,9 +29,10 @@ void Runs::opened(StreamKind kind, InstanceState& instance) {
 
 void Runs::line(StreamKind kind, std::string_view line, InstanceState& instance) {
     if (kind == StreamKind::kAutoSensor) takeMonitorRecord(line, separator_, instance, summary_);
-    if (kind != StreamKind::kData) return;
     const bool wasOver = instance.run.over;
-    takeRecord(line, instance, summary_);
+    if (kind == StreamKind::kData) takeRecord(line, instance, summary_);
+    if (intake_) intake_->line(kind, line, instance, separator_, now_);
+    if (kind != StreamKind::kData) return;
     if (!wasOver && instance.run.over && instance.run.sensorsOpen == 0) judge(instance);
 }
 
@@ -41,6 +43,7 @@ void Runs::closed(StreamKind kind, InstanceState& instance) {
 }
 
 void Runs::ordered(std::string_view line) {
+    if (intake_) intake_->ordered(line);
     const std::string_view percent = fieldOf(line, "bciInstrSessionPct");
     const std::string_view separator = fieldOf(line, "vxVectorSeparator");
     const bool starts = line.starts_with("vx_control_req:action=start_instrumentation;");

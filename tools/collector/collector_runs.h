@@ -16,6 +16,7 @@
 #include "tools/collector/collector_instance.h"
 #include "tools/collector/collector_protocol.h"
 #include "tools/collector/collector_summary.h"
+#include "tools/collector/store_intake.h"
 
 namespace vx::collector {
 
@@ -29,6 +30,9 @@ public:
     void closed(StreamKind kind, InstanceState& instance);
     // What a start or modify line says of how much is recorded and monitored.
     void ordered(std::string_view line);
+    // What arrives goes there as well; `now` of the turns to come, in milliseconds since the Unix epoch.
+    void storeIn(StoreIntake* intake) { intake_ = intake; }
+    void turn(std::int64_t now) { now_ = now; }
     // One line for each run that was compared since the last call.
     std::string takeNews() { return std::exchange(news_, {}); }
     Summary& summary() { return summary_; }
@@ -40,6 +44,8 @@ private:
     std::map<std::string, InstanceState> instances_;
     Summary summary_;
     std::string news_;
+    StoreIntake* intake_ = nullptr;
+    std::int64_t now_ = 0;
     bool sampled_ = false;  // not every transaction is recorded singly
     char separator_ = '_';
 };

@@ -76,7 +76,7 @@ CollectorServer::~CollectorServer() {
 bool CollectorServer::open(std::string& error) {
     if (!options_.keywordsFile.empty() && !readKeywords(options_.keywordsFile, keywords_, error))
         return false;
-    if (!files_.open(error)) return false;
+    if (!files_.open(error) || !openStore(error)) return false;
     if (!options_.outDir.empty() && ::mkdir(options_.outDir.c_str(), 0755) != 0 && errno != EEXIST) {
         error = systemError(options_.outDir.c_str());
         return false;
@@ -87,6 +87,17 @@ bool CollectorServer::open(std::string& error) {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(options_.portFile.c_str(), "w"));
     if (!file) error = systemError(options_.portFile.c_str());
     return file && std::fputs(ways_.ports().c_str(), file.get()) >= 0;
+}
+
+bool CollectorServer::openStore(std::string& error) {
+    if (options_.databaseFile.empty()) return true;
+    store_ = std::make_unique<Store>();
+    if (!store_->openFile(options_.databaseFile, {options_.keepDays, options_.keepMb}, error)) {
+        store_.reset();
+        return false;
+    }
+    runs_.storeIn(&store_->intake());
+    return true;
 }
 
 void CollectorServer::run(const volatile int& stopRequested) {
@@ -126,7 +137,11 @@ void CollectorServer::pollOnce(int timeoutMs) {
         owners.push_back(&connection);
     }
     ways_.poll(polled);
-    if (::poll(polled.data(), polled.size(), timeoutMs) < 1) return;
+    const int ready = ::poll(polled.data(), polled.size(), timeoutMs);
+    const std::int64_t now = epochNow();
+    runs_.turn(now);
+    if (store_) store_->intake().flush(now);
+    if (ready < 1) return;
     for (std::size_t i = 0; i < owners.size(); ++i) {
         const short events = polled[i + 1].revents;
         if (events & POLLOUT) flush(*owners[i]);
@@ -224,6 +239,7 @@ void CollectorServer::takeFirstLine(Connection& connection, std::string_view lin
     connection.ids = idsOf(identities_, connection.identity);
     connection.instance = &runs_.of(connection.identity.text());
     runs_.opened(connection.kind, *connection.instance);
+    if (store_) store_->intake().opened(connection.kind, connection.identity, epochNow());
     openStreamFile(connection);
     keepLine(connection, line);
     announce("connected", connection);
@@ -361,6 +377,7 @@ void CollectorServer::dropClosed() {
         }
         if (at->kind != StreamKind::kUnknown) {
             runs_.closed(at->kind, *at->instance);
+            if (store_) store_->intake().closed(at->kind, at->identity, epochNow());
             announce("disconnected", *at);
         }
         ::close(at->fd);

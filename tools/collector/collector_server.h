@@ -26,6 +26,7 @@
 #include "tools/collector/collector_protocol.h"
 #include "tools/collector/collector_runs.h"
 #include "tools/collector/collector_ways.h"
+#include "tools/collector/store.h"
 
 namespace vx::collector {
 
@@ -68,6 +69,8 @@ public:
     // Runs until quit, the run time is over, or stopRequested. Prints tables as the options say.
     void run(const volatile int& stopRequested);
     const Summary& summary() const { return runs_.summary(); }
+    // Null without --db.
+    const Store* store() const { return store_.get(); }
     const FileStore& files() const { return files_; }
 
     // Orders of the commands.
@@ -88,6 +91,7 @@ private:
     using Connections = std::list<Connection>;
 
     void pollOnce(int timeoutMs);
+    bool openStore(std::string& error);
     void acceptAll();
     void readFrom(Connection& connection);
     void takeBytes(Connection& connection, const char* data, std::size_t length);
@@ -119,6 +123,7 @@ private:
     Connections connections_;
     Identities identities_;
     FileStore files_;
+    std::unique_ptr<Store> store_;
     Runs runs_;
     std::string commandText_;
     Clock::time_point nextTable_, nextHeartbeat_, nextLook_;

@@ -1,14 +1,6 @@
 #include "tools/collector/store.h"
 
-#include <chrono>
-
 namespace vx::collector {
-
-std::int64_t epochNow() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 Store::~Store() {
     if (intake_) intake_->flush(epochNow(), true);

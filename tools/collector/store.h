@@ -18,10 +18,10 @@ namespace vx::collector {
 struct StoreStatus {
     const char* kind = "sqlite";
     std::uint64_t queuedBytes = 0;
-    std::uint64_t commits = 0;   // grows whenever something was stored
-    std::uint64_t written = 0;   // transactions since the start
-    std::uint64_t dropped = 0;   // transactions that found no room, or could not be written
-    std::uint64_t lostSums = 0;  // occurrences that are in no sum
+    std::uint64_t commits = 0;             // grows whenever something was stored
+    std::uint64_t written = 0;             // transactions since the start
+    std::uint64_t dropped = 0;             // transactions that found no room, or could not be written
+    std::uint64_t lostSums = 0;            // occurrences that are in no sum
     std::int64_t bytes = 0, oldestAt = 0;  // what it holds; the latter 0: nothing
     std::string fault;                     // why nothing is written at the moment; empty: all is well
 };
@@ -42,8 +42,5 @@ private:
     std::optional<StoreIntake> intake_;
     std::unique_ptr<StoreWriter> writer_;
 };
-
-// Milliseconds since the Unix epoch.
-std::int64_t epochNow();
 
 }  // namespace vx::collector

@@ -176,6 +176,17 @@ bool readException(std::string_view rest, std::int64_t epochMs, const NameLookup
     return true;
 }
 
+std::vector<NameValue> readRequestHeaders(std::string_view lines, const NameLookup& nameOf) {
+    std::vector<NameValue> out;
+    while (!lines.empty()) {
+        std::string_view rest = takeUntil(lines, '\n');
+        if (takeUntil(rest, ',') != "12") continue;
+        takeUntil(rest, ',');
+        readHeaders(rest, nameOf, out);
+    }
+    return out;
+}
+
 void readDetails(std::string_view lines, std::int64_t durationMs, std::int64_t epochMs,
                  const NameLookup& nameOf, TransactionDetails& out) {
     Tree tree(nameOf, out);

@@ -102,6 +102,8 @@ inline constexpr std::string_view kCutLine = "...";
 // transaction, `epochMs` the base of the times in its instance's records.
 void readDetails(std::string_view lines, std::int64_t durationMs, std::int64_t epochMs,
                  const NameLookup& nameOf, TransactionDetails& out);
+// Only the headers of the request.
+std::vector<NameValue> readRequestHeaders(std::string_view lines, const NameLookup& nameOf);
 // What stands behind "38,". False where it cannot be read.
 bool readException(std::string_view rest, std::int64_t epochMs, const NameLookup& nameOf,
                    TransactionException& out);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tools/collector/collector_monitors.h"
+#include "tools/collector/store_database.h"
 #include "tools/collector/store_details.h"
 #include "tools/collector/store_rows.h"
 
@@ -26,9 +27,6 @@ namespace vx::collector {
 
 inline constexpr std::size_t kMostRows = 10000;
 inline constexpr std::size_t kMostSteps = 1000;
-inline constexpr int kQueryTimeMs = 4000;
-
-enum class Answered { kOk, kCut, kFailed };
 
 struct TimeSpan {
     std::int64_t from = 0, to = INT64_MAX;
@@ -133,8 +131,6 @@ struct RequestRow {
     std::vector<NameValue> headers;  // of the request, as far as captured
 };
 
-class Database;
-
 class StoreQuery {
 public:
     StoreQuery();
@@ -161,6 +157,14 @@ public:
     Answered requests(std::size_t most, std::vector<RequestRow>& out);
 
 private:
+    Answered ask(const Sql& sql, const Database::Take& take, Answered& worst);
+    Answered round(SumsQuery& query);
+    std::string nameOf(std::int64_t instance, NameKind kind, std::int64_t id, std::int64_t transaction);
+    Answered readLines(TransactionDetails& out);
+    Answered neighbours(TransactionDetails& out);
+    Answered tierEdges(TimeSpan span, std::vector<CallEdge>& edges);
+    Answered lastOf(ExceptionSums& row, TimeSpan span);
+
     std::unique_ptr<Database> database_;
     std::string error_;
 };

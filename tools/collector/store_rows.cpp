@@ -1,5 +1,7 @@
 #include "tools/collector/store_rows.h"
 
+#include <chrono>
+
 namespace vx::collector {
 
 namespace {
@@ -91,6 +93,12 @@ void putRow(const InstanceRow& row, RowSink& out) {
 
 void putRow(const RunComparison& row, RowSink& out) {
     putNumbers(out, row.at, row.instance, row.agreed, row.partial, row.differing);
+}
+
+std::int64_t epochNow() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 // FNV-1a, folded to 53 bits: JSON and its readers keep it exact.

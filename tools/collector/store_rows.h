@@ -113,6 +113,8 @@ void putRow(const InstanceRow& row, RowSink& out);
 void putRow(const RunComparison& row, RowSink& out);
 void putLines(const StoredTransaction& row, RowSink& out);  // of `records`
 
+// Milliseconds since the Unix epoch, now.
+std::int64_t epochNow();
 // The key of an instance: the same for the same identity, in every collector.
 std::int64_t instanceKey(std::string_view identity);
 

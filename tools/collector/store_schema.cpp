@@ -154,11 +154,12 @@ constexpr auto kTableRows = std::to_array<Table>({
 });
 static_assert(kTableRows.size() == kTables, "every TableId needs one row");
 
-// Lists are read latest first, of one BT, of what is not normal; chains by the calling transaction.
+// Lists are read latest first, of one BT, of what is not normal; chains over tiers by flowpaths.
 constexpr auto kIndexes = std::to_array<const char*>({
     "CREATE INDEX transactions_at ON transactions(at)",
     "CREATE INDEX transactions_bt ON transactions(bt, at)",
     "CREATE INDEX transactions_bad ON transactions(category, at) WHERE category > 10",
+    "CREATE INDEX transactions_flowpath ON transactions(flowpath)",
     "CREATE INDEX transactions_previous ON transactions(previous) WHERE previous <> 0",
     "CREATE INDEX callouts_backend ON callouts(backend, at)",
     "CREATE INDEX exceptions_class ON exceptions(class, at)",

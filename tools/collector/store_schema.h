@@ -14,6 +14,7 @@ namespace vx::collector {
 
 // Grows with each change of the tables. A file of a newer version is refused.
 inline constexpr int kSchemaVersion = 1;
+inline constexpr int kApplicationId = 0x56585052;  // marks a database file as one of ours
 
 enum class ColumnType { kNumber, kText };
 enum class Fold { kKey, kAdd, kLeast, kMost, kLatest };

@@ -13,7 +13,6 @@ namespace vx::collector {
 
 namespace {
 
-constexpr int kApplicationId = 0x56585052;  // marks the file as one of ours
 constexpr int kBusyMs = 2000;
 constexpr std::int64_t kAgedEvery = 60'000;
 constexpr int kVacuumPages = 500;
@@ -234,9 +233,10 @@ std::int64_t SqliteSink::usedBytes() {
 }
 
 bool SqliteSink::retain(std::int64_t now, std::string& fault) {
-    const auto horizon = now - static_cast<std::int64_t>(retention_.keepDays * 86'400'000.0);
-    const auto most = static_cast<std::int64_t>(retention_.keepMb * 1024 * 1024);
-    const bool full = usedBytes() > most;
+    const std::int64_t horizon =
+        retention_.keepDays > 0 ? now - static_cast<std::int64_t>(retention_.keepDays * 86'400'000.0) : 0;
+    const bool full =
+        retention_.keepMb > 0 && static_cast<double>(usedBytes()) > retention_.keepMb * 1024 * 1024;
     const std::string oldest =
         "(SELECT id, at FROM transactions ORDER BY id LIMIT " + std::to_string(kSlice) + ")";
     const std::int64_t last =

@@ -24,8 +24,8 @@ struct sqlite3_stmt;
 namespace vx::collector {
 
 struct Retention {
-    double keepDays = 7;
-    double keepMb = 4096;  // of the file, without what waits in its journal
+    double keepDays = 7;   // 0: for ever
+    double keepMb = 4096;  // of the file, without what waits in its journal; 0: no limit
 };
 
 inline constexpr std::int64_t kShortSumsMs = 2 * 86'400'000LL;

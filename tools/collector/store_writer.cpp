@@ -11,12 +11,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPatience{500};
 constexpr std::chrono::seconds kLookEvery{2};
 
-std::int64_t epochMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 }  // namespace
 
 StoreWriter::StoreWriter(StoreQueue& queue, std::unique_ptr<StoreSink> sink)
@@ -68,7 +62,7 @@ void StoreWriter::writeAll(const std::vector<Batch>& batches) {
 void StoreWriter::retain() {
     const auto end = Clock::now() + kRetainMs;
     std::string fault;
-    while (sink_->retain(epochMs(), fault) && Clock::now() < end) {
+    while (sink_->retain(epochNow(), fault) && Clock::now() < end) {
     }
     if (!fault.empty()) tell(fault);
     if (Clock::now() < looked_ + kLookEvery) return;

@@ -1,0 +1,259 @@
+#include "tools/collector/store_query.h"
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+#include <unordered_map>
+
+namespace vx::collector {
+
+namespace {
+
+constexpr std::size_t kMostCallees = 100, kMostRequests = 5000;
+constexpr const char* kTransactionColumns =
+    "id, instance, flowpath, at, start, duration, cpu, status, category, end_reason, bt, url, session, page, "
+    "parent, previous, correlation, trace_id, caller_span, callouts, exceptions";
+
+TransactionRow transactionOf(const ResultRow& row) {
+    TransactionRow out;
+    int at = 0;
+    for (std::int64_t* number : {&out.id, &out.instance, &out.flowpath, &out.at, &out.start, &out.duration,
+                                 &out.cpu, &out.status, &out.category, &out.endReason})
+        *number = row.number(at++);
+    for (std::string* text : {&out.bt, &out.url, &out.session}) *text = row.text(at++);
+    for (std::int64_t* number : {&out.page, &out.parent, &out.previous}) *number = row.number(at++);
+    for (std::string* text : {&out.correlation, &out.traceId, &out.callerSpan}) *text = row.text(at++);
+    out.callouts = row.number(at++);
+    out.exceptions = row.number(at);
+    return out;
+}
+
+void addSpan(Sql& sql, TimeSpan span) {
+    sql.add(" AND at >= ?", span.from).add(" AND at < ?", span.to);
+}
+
+// Conditions of a list, each behind an " AND ".
+void addFilters(Sql& sql, const TransactionsQuery& query, const Database& database) {
+    addSpan(sql, query.span);
+    if (!query.bt.empty()) sql.add(" AND bt = ?", query.bt);
+    if (!query.url.empty()) sql.add(" AND ").add(database.contains("url"), query.url);
+    if (!query.session.empty()) sql.add(" AND session = ?", query.session);
+    if (query.category > 0) sql.add(" AND category = ?", query.category);
+    if (query.category < 0) sql.add(" AND category > 10");
+    if (query.status >= 0) sql.add(" AND status = ?", query.status);
+    if (query.minMs > 0) sql.add(" AND duration >= ?", query.minMs);
+    if (query.maxMs < INT64_MAX) sql.add(" AND duration <= ?", query.maxMs);
+    if (query.instance) sql.add(" AND instance = ?", query.instance);
+    if (query.flowpath) sql.add(" AND flowpath = ?", query.flowpath);
+    if (!query.backend.empty()) {
+        sql.add(" AND id IN (SELECT tx FROM callouts WHERE backend = ?", query.backend);
+        addSpan(sql, query.span);
+        sql.add(")");
+    }
+    if (!query.exception.empty()) {
+        sql.add(" AND id IN (SELECT tx FROM exceptions WHERE class = ?", query.exception);
+        addSpan(sql, query.span);
+        sql.add(")");
+    }
+    if (query.beforeAt < INT64_MAX)
+        sql.add(" AND (at < ?", query.beforeAt)
+            .add(" OR (at = ?", query.beforeAt)
+            .add(" AND id < ?))", query.beforeId);
+}
+
+}  // namespace
+
+StoreQuery::StoreQuery() = default;
+StoreQuery::~StoreQuery() = default;
+
+bool StoreQuery::openFile(const std::string& path) {
+    database_ = openSqlite(path, error_);
+    return database_ != nullptr;
+}
+
+Answered StoreQuery::ask(const Sql& sql, const Database::Take& take, Answered& worst) {
+    error_.clear();
+    const Answered answer = database_->select(sql, take, error_);
+    worst = std::max(worst, answer);
+    return answer;
+}
+
+Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    Sql sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE 1 = 1");
+    addFilters(sql, query, *database_);
+    const std::size_t limit = std::min(query.limit, kMostRows);
+    sql.add(" ORDER BY at DESC, id DESC LIMIT ?", static_cast<std::int64_t>(limit));
+    ask(
+        sql, [&](const ResultRow& row) { out.push_back(transactionOf(row)); }, answer);
+    return answer;
+}
+
+// The name that was in force when the transaction ended: the latest before it, of the same collector.
+std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_t id,
+                               std::int64_t transaction) {
+    std::string name;
+    Answered ignored = Answered::kOk;
+    Sql sql("SELECT name FROM names WHERE instance = ?");
+    sql.add("", instance).add(" AND kind = ?", static_cast<std::int64_t>(kind)).add(" AND id = ?", id);
+    sql.add(" AND since <= ?", transaction).add(" ORDER BY since DESC LIMIT 1");
+    ask(
+        sql, [&](const ResultRow& row) { name = row.text(0); }, ignored);
+    return name;
+}
+
+Answered StoreQuery::transaction(std::int64_t id, TransactionDetails& out) {
+    out = {};
+    Answered answer = Answered::kOk;
+    const auto fill = [&](const ResultRow& row) { out.row = transactionOf(row); };
+    ask(Sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE id = ?").add("", id),
+        fill, answer);
+    if (answer == Answered::kOk && out.row.id != id) answer = Answered::kFailed;  // there is none
+    if (answer == Answered::kOk) answer = readLines(out);
+    if (answer != Answered::kFailed) answer = std::max(answer, neighbours(out));
+    if (answer == Answered::kFailed) out = {};
+    return answer;
+}
+
+Answered StoreQuery::readLines(TransactionDetails& out) {
+    Answered answer = Answered::kOk;
+    std::string lines;
+    std::int64_t epochMs = 0;
+    ask(
+        Sql("SELECT lines FROM records WHERE tx = ?").add("", out.row.id),
+        [&](const ResultRow& row) { lines = row.text(0); }, answer);
+    ask(
+        Sql("SELECT epoch FROM instances WHERE instance = ? ORDER BY last").add("", out.row.instance),
+        [&](const ResultRow& row) { epochMs = row.number(0); }, answer);
+    if (answer != Answered::kOk) return answer;
+    std::map<std::pair<NameKind, std::int64_t>, std::string> known;
+    const NameLookup lookup = [&](NameKind kind, std::int64_t id) {
+        const auto [at, added] = known.try_emplace({kind, id});
+        if (added) at->second = nameOf(out.row.instance, kind, id, out.row.id);
+        return at->second;
+    };
+    readDetails(lines, out.row.duration, epochMs, lookup, out);
+    return out.cut ? Answered::kCut : Answered::kOk;
+}
+
+Answered StoreQuery::neighbours(TransactionDetails& out) {
+    Answered answer = Answered::kOk;
+    if (out.row.previous)
+        ask(
+            Sql("SELECT id FROM transactions WHERE flowpath = ? ORDER BY id DESC LIMIT 1")
+                .add("", out.row.previous),
+            [&](const ResultRow& row) { out.caller = row.number(0); }, answer);
+    if (out.row.flowpath)
+        ask(
+            Sql("SELECT id FROM transactions WHERE previous = ?")
+                .add("", out.row.flowpath)
+                .add(" AND previous <> 0 ORDER BY id LIMIT ?", static_cast<std::int64_t>(kMostCallees)),
+            [&](const ResultRow& row) { out.callees.push_back(row.number(0)); }, answer);
+    return answer;
+}
+
+Answered StoreQuery::comparisons(TimeSpan span, std::vector<RunComparison>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    Sql sql("SELECT at, instance, agreed, partial, differing FROM comparisons WHERE 1 = 1");
+    addSpan(sql, span);
+    sql.add(" ORDER BY at DESC LIMIT ?", static_cast<std::int64_t>(kMostRows));
+    ask(
+        sql,
+        [&](const ResultRow& row) {
+            out.push_back({row.number(0), row.number(1), static_cast<std::uint64_t>(row.number(2)),
+                           static_cast<std::uint64_t>(row.number(3)),
+                           static_cast<std::uint64_t>(row.number(4))});
+        },
+        answer);
+    return answer;
+}
+
+Answered StoreQuery::instances(std::vector<InstanceRow>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    Sql sql(
+        "SELECT instance, max(tier), max(server), max(app), max(agent), max(epoch), min(first), max(last) "
+        "FROM instances GROUP BY instance ORDER BY max(last) DESC LIMIT ?");
+    sql.add("", static_cast<std::int64_t>(kMostRows));
+    ask(
+        sql,
+        [&](const ResultRow& row) {
+            out.push_back({row.number(0), row.text(1), row.text(2), row.text(3), row.text(4), row.number(5),
+                           row.number(6), row.number(7)});
+        },
+        answer);
+    return answer;
+}
+
+Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::vector<LinkRow>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    Sql sql(
+        "SELECT at, instance, sum(records), sum(monitor_records), sum(bytes), sum(unreadable), sum(dropped), "
+        "sum(incomplete), sum(connects), sum(disconnects) FROM links WHERE 1 = 1");
+    addSpan(sql, span);
+    if (instance) sql.add(" AND instance = ?", instance);
+    sql.add(" GROUP BY at, instance ORDER BY at, instance LIMIT ?", static_cast<std::int64_t>(kMostRows));
+    ask(
+        sql,
+        [&](const ResultRow& row) {
+            LinkRow link;
+            int at = 0;
+            for (std::int64_t* number :
+                 {&link.at, &link.instance, &link.records, &link.monitorRecords, &link.bytes,
+                  &link.unreadable, &link.dropped, &link.incomplete, &link.connects, &link.disconnects})
+                *number = row.number(at++);
+            out.push_back(link);
+        },
+        answer);
+    if (answer == Answered::kOk && out.size() == kMostRows) answer = Answered::kCut;
+    return answer;
+}
+
+Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    std::vector<std::int64_t> instances;
+    Sql sql("SELECT id, instance, bt, url FROM transactions ORDER BY id DESC LIMIT ?");
+    sql.add("", static_cast<std::int64_t>(std::min(most, kMostRequests)));
+    ask(
+        sql,
+        [&](const ResultRow& row) {
+            RequestRow& request = out.emplace_back();
+            request.id = row.number(0);
+            instances.push_back(row.number(1));
+            request.bt = row.text(2);
+            const std::string url = row.text(3);
+            const std::size_t mark = url.find('?');
+            request.url = url.substr(0, mark);
+            if (mark != std::string::npos) request.query = url.substr(mark + 1);
+        },
+        answer);
+    if (out.empty() || answer == Answered::kFailed) return answer;
+    std::unordered_map<std::int64_t, std::size_t> places;
+    for (std::size_t at = 0; at < out.size(); ++at) places[out[at].id] = at;
+    std::map<std::tuple<std::int64_t, std::int64_t, std::int64_t>, std::string> known;
+    std::vector<std::pair<std::size_t, std::string>> lines;
+    ask(
+        Sql("SELECT tx, lines FROM records WHERE tx >= ?").add("", out.back().id),
+        [&](const ResultRow& row) {
+            const auto place = places.find(row.number(0));
+            if (place != places.end()) lines.emplace_back(place->second, row.text(1));
+        },
+        answer);
+    for (const auto& [place, text] : lines) {
+        const NameLookup lookup = [&, at = place](NameKind kind, std::int64_t id) {
+            if (kind != NameKind::kHeader) return std::string();
+            const auto [found, added] =
+                known.try_emplace({instances[at], static_cast<std::int64_t>(kind), id});
+            if (added) found->second = nameOf(instances[at], kind, id, out.front().id);
+            return found->second;
+        };
+        out[place].headers = readRequestHeaders(text, lookup);
+    }
+    return answer;
+}
+
+}  // namespace vx::collector
