@@ -196,12 +196,12 @@ StoreSink::Wrote SqliteSink::write(std::span<const Batch> batches, std::string& 
     return isPassing(code) ? Wrote::kLater : Wrote::kNever;
 }
 
-bool SqliteSink::forgetSlice(std::int64_t lastId) {
-    const std::string last = std::to_string(lastId);
-    const bool done = run("BEGIN IMMEDIATE") && run("DELETE FROM transactions WHERE id <= " + last) &&
-                      run("DELETE FROM records WHERE tx <= " + last) &&
-                      run("DELETE FROM callouts WHERE tx <= " + last) &&
-                      run("DELETE FROM exceptions WHERE tx <= " + last) && run("COMMIT");
+// Those that the condition on an id picks; their own rows last, since the condition may look at them.
+bool SqliteSink::forgetTransactions(const std::string& ids) {
+    const bool done = run("BEGIN IMMEDIATE") && run("DELETE FROM records WHERE tx " + ids) &&
+                      run("DELETE FROM callouts WHERE tx " + ids) &&
+                      run("DELETE FROM exceptions WHERE tx " + ids) &&
+                      run("DELETE FROM transactions WHERE id " + ids) && run("COMMIT");
     if (!done && sqlite3_get_autocommit(database_) == 0) run("ROLLBACK");
     return done;
 }
@@ -237,12 +237,20 @@ bool SqliteSink::retain(std::int64_t now, std::string& fault) {
         retention_.keepDays > 0 ? now - static_cast<std::int64_t>(retention_.keepDays * 86'400'000.0) : 0;
     const bool full =
         retention_.keepMb > 0 && static_cast<double>(usedBytes()) > retention_.keepMb * 1024 * 1024;
-    const std::string oldest =
-        "(SELECT id, at FROM transactions ORDER BY id LIMIT " + std::to_string(kSlice) + ")";
-    const std::int64_t last =
-        number("SELECT max(id) FROM " + oldest + (full ? "" : " WHERE at < " + std::to_string(horizon)));
-    bool done = last <= 0 || forgetSlice(last);
-    if (done && full && last <= 0) {  // no transaction is left: sums give way, the oldest tenth of the time
+    const std::string slice = std::to_string(kSlice);
+    bool done = true, more = false;
+    if (full) {
+        const std::int64_t last =
+            number("SELECT max(id) FROM (SELECT id FROM transactions ORDER BY id LIMIT " + slice + ")");
+        more = last > 0;
+        if (more) done = forgetTransactions("<= " + std::to_string(last));
+    } else if (horizon > 0) {
+        const std::string old =
+            "FROM transactions WHERE at < " + std::to_string(horizon) + " ORDER BY at LIMIT " + slice;
+        more = number("SELECT id " + old) > 0;
+        if (more) done = forgetTransactions("IN (SELECT id " + old + ")");
+    }
+    if (done && full && !more) {  // no transaction is left: sums give way, the oldest tenth of the time
         const std::int64_t first =
             number("SELECT min(at) FROM sums WHERE step = " + std::to_string(kLongSumStep));
         done = first == 0 || forgetOld(first + std::max(kLongSumStep, (now - first) / 10));
@@ -255,7 +263,7 @@ bool SqliteSink::retain(std::int64_t now, std::string& fault) {
     if (done && number("PRAGMA freelist_count") > kVacuumPages)
         done = run("PRAGMA incremental_vacuum(" + std::to_string(kVacuumPages) + ")");
     if (!done) fault = sqlite3_errmsg(database_);
-    return done && last > 0;
+    return done && more;
 }
 
 StoreSink::Holds SqliteSink::holds() {

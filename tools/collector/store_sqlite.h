@@ -51,7 +51,7 @@ private:
     template <class Row>
     bool insert(TableId table, const std::vector<Row>& rows);
     bool insertAll(const Batch& batch);
-    bool forgetSlice(std::int64_t lastId);
+    bool forgetTransactions(const std::string& ids);
     bool forgetOld(std::int64_t now);
     bool forgetSumsBefore(std::int64_t step, std::int64_t at);
     std::int64_t usedBytes();

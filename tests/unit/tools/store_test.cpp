@@ -1,0 +1,271 @@
+#include "tools/collector/store.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "tests/support/program.h"
+#include "tests/support/temp_dir.h"
+#include "tools/collector/collector_runs.h"
+#include "tools/collector/store_query.h"
+#include "tools/collector/store_sums.h"
+
+namespace vx::collector {
+namespace {
+
+using test::TempDir;
+
+constexpr std::int64_t kEpoch = 1'388'534'400'000;
+const Identity kShop{"Web", "host1", "shop", ""};
+
+// A store with the runs that feed it, on a clock that stands still.
+class StoreTest : public testing::Test {
+protected:
+    void open(const Retention& retention = {}) {
+        store = std::make_unique<Store>();
+        std::string error;
+        ASSERT_TRUE(store->openFile(file, retention, error)) << error;
+        runs.storeIn(&store->intake());
+        runs.turn(now);
+        store->intake().opened(StreamKind::kData, kShop, now);
+    }
+    void take(const std::string& line, const Identity& identity = kShop) {
+        runs.line(StreamKind::kData, line, runs.of(identity.text()));
+    }
+    // A transaction that began `ago` milliseconds before now.
+    void transaction(std::int64_t number, std::int64_t ago, std::int64_t duration, int category = 10,
+                     const std::string& items = "", const std::string& url = "/shop") {
+        const std::string id = std::to_string(number);
+        take("2," + id + ",1,5,5.1,2," + url + ",,0,0,0,,0,-1,,,," + std::to_string(now - ago - kEpoch));
+        take("4," + id + ",200," + std::to_string(category) + ",7," + std::to_string(duration) + ",2,0,,0," +
+             items);
+    }
+    // Ends the store, so that all is written, and opens the questions.
+    void close() {
+        runs.storeIn(nullptr);
+        store.reset();
+        ASSERT_TRUE(query.openFile(file)) << query.error();
+    }
+    SumsQuery lastMinutes(Monitored kind = Monitored::kBt) const {
+        SumsQuery asked;
+        asked.kind = kind;
+        asked.span = {now - 300'000, now + 10'000};
+        return asked;
+    }
+
+    TempDir dir;
+    const std::string file = dir / "store.db";
+    const std::int64_t now = epochNow();
+    Runs runs;
+    std::unique_ptr<Store> store;
+    StoreQuery query;
+};
+
+TEST(StoreSums, PercentilesAreWithinTwoPercent) {
+    for (std::int64_t ms = 0; ms < 5'000'000; ms += 1 + ms / 100) {
+        const double middle = bucketMiddle(bucketOf(ms));
+        ASSERT_NEAR(middle, static_cast<double>(ms), ms < 64 ? 0 : static_cast<double>(ms) * 0.02) << ms;
+    }
+    EXPECT_GT(bucketMiddle(bucketOf(kMostMs)), 9.8e10);
+    EXPECT_EQ(percentileOf({{10, 95}, {50, 5}}, 95), 10);
+    EXPECT_EQ(percentileOf({{10, 94}, {50, 6}}, 95), 50);
+}
+
+TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
+    open();
+    for (const char* line :
+         {"7,2,Pay", "5,Shop.buy(a,b),7", "5,Shop.load,8", "5,HTTP_pay&#46;example,9", "6,1,Via",
+          "32,1,a.Timeout", "33,1,Cart", "34,1,show", "35,1,too late", "36,1,db"})
+        take(line);
+    take("12,100,1:<a&#46;b>");
+    take("2,100:55:3,1,5,x.1,2,/pay,now?x=1,2,corr,9,700000000000000000000,3,,0,-1,abc,def,01," +
+         std::to_string(now - 1000 - kEpoch));
+    take("38,100,5,7,4,-1,-1,1,1,1,3,1,1,at%20a%7Cat%20b");
+    take("3,100,7:5_0_0__8:5:1:/u_0_2__");
+    take("7,2,Pay");  // told again: no new name
+    take(
+        "4,100F,503,13,9,40,2,0,,0,8:5_1_10_4___T3:9:5.250:1:-:15::::200_E4:9:1.000:10:6:22:500::::a_b_e4_7:"
+        "5_1_30____");
+    take("5,Shop.sell,7");  // from now on: not what the transaction meant
+    close();
+    std::vector<TransactionRow> rows;
+    ASSERT_EQ(query.transactions({}, rows), Answered::kOk);
+    ASSERT_EQ(rows.size(), 1U);
+    const TransactionRow& row = rows[0];
+    EXPECT_TRUE(row.bt == "Pay" && row.url == "/pay,now?x=1,2" && row.correlation == "corr" &&
+                row.parent == 9);
+    EXPECT_TRUE(row.session == "700000000000000000000" && row.page == 3 && row.previous == 55);
+    EXPECT_TRUE(row.traceId == "abc" && row.callerSpan == "def" && row.status == 503 && row.category == 13);
+    EXPECT_TRUE(row.at == now - 960 && row.duration == 40 && row.callouts == 2 && row.exceptions == 1);
+
+    TransactionDetails tx;
+    ASSERT_EQ(query.transaction(row.id, tx), Answered::kOk) << query.error();
+    struct {
+        const char* name;
+        int depth, parent;
+        double start, duration, self;
+    } const wanted[] = {{"Shop.buy(a,b)", 0, -1, 0, 30, 13.75},
+                        {"Shop.load", 1, 0, 2, 10, 10},
+                        {"HTTP_pay.example", 1, 0, 15, 5.25, 5.25},
+                        {"HTTP_pay.example", 1, 0, 22, 1, 1},
+                        {"a.Timeout", 1, 0, 23, 0, 0}};
+    ASSERT_EQ(tx.items.size(), std::size(wanted));
+    for (std::size_t i = 0; i < std::size(wanted); ++i) {
+        const TransactionItem& item = tx.items[i];
+        EXPECT_EQ(item.name, wanted[i].name);
+        EXPECT_TRUE(item.depth == wanted[i].depth && item.parent == wanted[i].parent) << i;
+        EXPECT_DOUBLE_EQ(item.startMs, wanted[i].start) << i;
+        EXPECT_DOUBLE_EQ(item.durationMs, wanted[i].duration) << i;
+        EXPECT_DOUBLE_EQ(item.selfMs, wanted[i].self) << i;
+    }
+    EXPECT_TRUE(tx.items[1].query == "/u" && tx.items[2].status == 200 && tx.items[2].target == "HTTP");
+    EXPECT_TRUE(tx.items[3].failed && tx.items[3].status == 500 && tx.items[3].target == "DB");
+    ASSERT_EQ(tx.request.size(), 1U);
+    EXPECT_TRUE(tx.request[0].name == "Via" && tx.request[0].value == "a.b");
+    ASSERT_EQ(tx.exceptions.size(), 1U);
+    EXPECT_TRUE(tx.exceptions[0].message == "too late" && tx.exceptions[0].stack == "at a\nat b\n");
+    EXPECT_EQ(tx.records.size(), 5U);
+    EXPECT_EQ(query.transaction(row.id + 1, tx), Answered::kFailed);
+
+    std::vector<ExceptionSums> thrown;
+    ASSERT_EQ(query.exceptions(lastMinutes().span, thrown), Answered::kOk);
+    ASSERT_EQ(thrown.size(), 1U);
+    EXPECT_EQ(thrown[0].lastText, "in show of Cart: too late, because of db");
+    EXPECT_TRUE(thrown[0].lastTransaction == row.id && thrown[0].bts.at(0).first == "Pay");
+    std::vector<RequestRow> requests;
+    ASSERT_EQ(query.requests(10, requests), Answered::kOk);
+    EXPECT_TRUE(requests.at(0).url == "/pay,now" && requests[0].query == "x=1,2" &&
+                requests[0].headers.size() == 1);
+}
+
+TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
+    open();
+    take("7,2,Pay");
+    take("5,DB_orders,9");
+    Figures sent;
+    for (int i = 0; i < 500; ++i) {
+        const int category = 10 + i % 4;
+        transaction(1000 + i, 1000 + i * 400, i, category, i % 2 ? "T1:9:2.500:10:-:0::::200_" : "",
+                    "/item/" + std::to_string(i));
+        sent.add(oneOf(i, category));
+    }
+    take("4,5000,-99,10,0,40,2,0,,0,");
+    close();
+    Sums sums;
+    ASSERT_EQ(query.sums(lastMinutes(), sums), Answered::kOk) << query.error();
+    ASSERT_EQ(sums.rows.size(), 1U);
+    EXPECT_TRUE(sums.all == sent && sums.rows[0].figures == sent && sums.rows[0].discarded == 1);
+    EXPECT_NEAR(sums.p95Ms, 474, 10);
+    Figures bySteps;
+    for (const Figures& step : sums.steps) bySteps.add(step);
+    EXPECT_TRUE(bySteps == sent);
+    SumsQuery longSteps = lastMinutes();
+    longSteps.stepMs = kLongSumStep;
+    ASSERT_EQ(query.sums(longSteps, sums), Answered::kOk);
+    EXPECT_TRUE(sums.all == sent && sums.steps.size() <= 2) << "both steps say the same";
+
+    Backends backends;
+    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk);
+    ASSERT_EQ(backends.rows.size(), 1U);
+    EXPECT_TRUE(backends.rows[0].count == 250 && backends.rows[0].averageMs == 2.5 &&
+                backends.rows[0].kind == "DB");
+    EXPECT_TRUE(backends.edges.size() == 1 && backends.edges[0].fromInstance == instanceKey(kShop.text()));
+
+    const auto countOf = [&](auto change) {
+        TransactionsQuery asked;
+        asked.limit = 1000;
+        change(asked);
+        std::vector<TransactionRow> rows;
+        EXPECT_EQ(query.transactions(asked, rows), Answered::kOk) << query.error();
+        return rows.size();
+    };
+    EXPECT_EQ(countOf([](auto& asked) { asked.category = -1; }), 375U);
+    EXPECT_EQ(countOf([](auto& asked) { asked.backend = "DB_orders"; }), 250U);
+    EXPECT_EQ(countOf([](auto& asked) { asked.url = "/item/49"; }), 11U);
+    EXPECT_EQ(countOf([](auto& asked) { asked.minMs = 100, asked.maxMs = 109; }), 10U);
+    EXPECT_EQ(countOf([](auto& asked) { asked.bt = "Pay' OR '1'='1"; }), 0U);
+    EXPECT_EQ(countOf([](auto& asked) { asked.flowpath = 1007; }), 1U);
+    TransactionsQuery page;
+    page.limit = 77;
+    std::size_t seen = 0;
+    for (std::vector<TransactionRow> rows;
+         query.transactions(page, rows) == Answered::kOk && !rows.empty();) {
+        seen += rows.size();
+        EXPECT_TRUE(rows.front().at <= page.beforeAt);
+        page.beforeAt = rows.back().at;
+        page.beforeId = rows.back().id;
+    }
+    EXPECT_EQ(seen, 500U) << "pages neither skip nor repeat";
+}
+
+TEST_F(StoreTest, ShowsMonitorsBesideSumsAndTiersThatCallEachOther) {
+    const Identity stock{"Stock", "host2", "app", ""};
+    open();
+    store->intake().opened(StreamKind::kData, stock, now);
+    take("7,2,Pay");
+    take("7,2,Look", stock);
+    transaction(77, 2000, 40);
+    take("2,88:77:3,1,5,x.1,2,/stock,,0,0,0,,0,-1,,,," + std::to_string(now - 1990 - kEpoch), stock);
+    take("4,88,200,13,0,20,2,0,,0,", stock);
+    const std::string figures =
+        "|0.1 40.0 40 40 1 0.0 0 40.0 40 40 1 0 500000 0 0 0 500000 0 0 0 500000 0 0 0 0 0.5 0 1 0 500000 0 "
+        "1 0 500000 "
+        "0 1 0 500000 0 1";
+    runs.line(StreamKind::kAutoSensor, "74,3|7|2:Web_host1_shop_Pay" + figures, runs.of(kShop.text()));
+    runs.line(StreamKind::kAutoSensor, "74,3|7|0:Web_host1_shop_AllTransactions" + figures,
+              runs.of(kShop.text()));
+    close();
+    std::vector<MonitorRow> rows;
+    SumsQuery ofShop = lastMinutes();
+    ofShop.instance = instanceKey(kShop.text());
+    ASSERT_EQ(query.monitors(ofShop, rows), Answered::kOk) << query.error();
+    ASSERT_EQ(rows.size(), 2U);
+    for (const MonitorRow& row : rows) {
+        EXPECT_TRUE(row.monitor == row.singles && row.singles.count == 1) << row.name;
+    }
+    Backends backends;
+    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk);
+    ASSERT_EQ(backends.edges.size(), 1U);
+    EXPECT_TRUE(backends.edges[0].fromInstance == instanceKey(kShop.text()) &&
+                backends.edges[0].toInstance == instanceKey(stock.text()) && backends.edges[0].errors == 1);
+    TransactionsQuery called;
+    called.flowpath = 88;
+    std::vector<TransactionRow> found;
+    TransactionDetails callee, caller;
+    ASSERT_EQ(query.transactions(called, found), Answered::kOk);
+    ASSERT_EQ(query.transaction(found.at(0).id, callee), Answered::kOk);
+    ASSERT_EQ(query.transaction(callee.caller, caller), Answered::kOk);
+    EXPECT_TRUE(caller.row.flowpath == 77 && caller.callees.at(0) == callee.row.id);
+    std::vector<InstanceRow> instances;
+    ASSERT_EQ(query.instances(instances), Answered::kOk);
+    EXPECT_EQ(instances.size(), 2U);
+}
+
+TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
+    open({1, 0});
+    take("7,2,Pay");
+    for (int i = 0; i < 10; ++i) transaction(i + 1, i * 9'000'000, 5);  // two and a half hours each
+    close();
+    open({1.0 / 4, 0});
+    ASSERT_TRUE(test::eventually([&] {
+        std::vector<TransactionRow> rows;
+        return query.transactions({}, rows) == Answered::kOk && rows.size() == 3;
+    }));
+    for (int i = 0; i < 20'000; ++i) transaction(100 + i, 10, 5, 10, "", "/" + std::string(300, 'x'));
+    close();
+    open({0, 4});
+    ASSERT_TRUE(test::eventually([&] { return store->status().bytes < 8 * 1024 * 1024; }));
+    close();
+    std::vector<TransactionRow> rows;
+    TransactionsQuery all;
+    all.limit = kMostRows;
+    ASSERT_EQ(query.transactions(all, rows), Answered::kOk);
+    ASSERT_GT(rows.size(), 1000U);
+    EXPECT_EQ(rows.front().flowpath, 100 + 19'999) << "the youngest stay";
+}
+
+}  // namespace
+}  // namespace vx::collector
