@@ -257,14 +257,17 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
     for (int i = 0; i < 20'000; ++i) transaction(100 + i, 10, 5, 10, "", "/" + std::string(300, 'x'));
     close();
     open({0, 4});
-    ASSERT_TRUE(test::eventually([&] { return store->status().bytes < 8 * 1024 * 1024; }));
+    ASSERT_TRUE(test::eventually([&] {
+        const std::int64_t bytes = store->status().bytes;
+        return bytes > 0 && bytes < 6 * 1024 * 1024;
+    }));
     close();
     std::vector<TransactionRow> rows;
     TransactionsQuery all;
     all.limit = kMostRows;
     ASSERT_EQ(query.transactions(all, rows), Answered::kOk);
-    ASSERT_GT(rows.size(), 1000U);
-    EXPECT_EQ(rows.front().flowpath, 100 + 19'999) << "the youngest stay";
+    EXPECT_GT(rows.size(), 1000U);
+    EXPECT_EQ(rows.at(0).flowpath, 100 + 19'999) << "the youngest stay";
 }
 
 }  // namespace
