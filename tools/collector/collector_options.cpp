@@ -36,6 +36,11 @@ constexpr const char* kHelp =
     "  --keep-mb N         gives up the oldest when the database is larger (default 4096; 0: never)\n"
     "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
     "  --port-file FILE    writes the ports in use to FILE, one a line: TCP, WS, WSS\n"
+    "  --http PORT         serves a web page of what arrives (0: any free port, printed at start)\n"
+    "  --http-host ADDRESS address of the page (default 127.0.0.1); another than a loopback one needs a "
+    "token\n"
+    "  --http-token-file FILE  its first line is the token (16 characters or more) that the page asks for\n"
+    "  --http-name NAME    a further name of this machine by which browsers may ask for the page\n"
     "  --interval SECONDS  pause between tables on a terminal (default 5)\n"
     "  --heartbeat SECONDS pause between heartbeats (default 10)\n"
     "  --seconds N         ends after N seconds\n"
@@ -87,6 +92,9 @@ constexpr auto kTexts = std::to_array<TextRow>({
     {"--cert", &Options::certificateFile},
     {"--key", &Options::keyFile},
     {"--offer", &Options::offer},
+    {"--http-host", &Options::httpHost},
+    {"--http-token-file", &Options::httpTokenFile},
+    {"--http-name", &Options::httpName},
 });
 
 struct PortRow {
@@ -97,6 +105,7 @@ constexpr auto kPorts = std::to_array<PortRow>({
     {"--listen", &Options::listenPort},
     {"--ws", &Options::wsPort},
     {"--wss", &Options::wssPort},
+    {"--http", &Options::httpPort},
 });
 
 OptionsResult bad(const char* text, const char* value) {

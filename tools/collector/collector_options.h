@@ -19,7 +19,11 @@ struct Options {
     std::string portFile;                   // the bound port is written here when given
     std::string databaseFile;               // what arrives is stored there when given
     double keepDays = 7, keepMb = 4096;     // how long, and how much of it
-    double tableSeconds = 5;                // pause between tables on a terminal
+    int httpPort = -1;                      // of the web page; below 0: none
+    std::string httpHost = "127.0.0.1";
+    std::string httpTokenFile;  // its token is asked for; needed where others reach the page
+    std::string httpName;       // a further name of this machine, as browsers call it
+    double tableSeconds = 5;    // pause between tables on a terminal
     double heartbeatSeconds = 10;
     double runSeconds = 0;  // ends by itself after this; 0: never
     bool autoStart = true;  // starts instrumentation as soon as an instance connects

@@ -27,6 +27,21 @@ int idOf(std::map<std::string, int, std::less<>>& ids, const std::string& name) 
 
 }  // namespace
 
+const char* kindText(StreamKind kind) {
+    switch (kind) {
+        case StreamKind::kControl:
+            return "control";
+        case StreamKind::kData:
+            return "data";
+        case StreamKind::kAutoSensor:
+            return "auto-sensor";
+        case StreamKind::kDiscovery:
+            return "discovery";
+        default:
+            return "unknown";
+    }
+}
+
 StreamKind kindOf(std::string_view firstLine) {
     for (const KindRow& row : kKinds)
         if (firstLine.starts_with(row.prefix)) return row.kind;

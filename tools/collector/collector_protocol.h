@@ -14,6 +14,7 @@
 namespace vx::collector {
 
 enum class StreamKind { kUnknown, kControl, kData, kAutoSensor, kDiscovery };
+const char* kindText(StreamKind kind);
 // Kind of a connection by its first line.
 StreamKind kindOf(std::string_view firstLine);
 

@@ -14,6 +14,7 @@
 #include <ctime>
 #include <vector>
 
+#include "commonlibc/vxlb_clock.h"
 #include "tools/collector/collector_commands.h"
 #include "tools/collector/collector_table.h"
 
@@ -26,6 +27,7 @@ constexpr std::size_t kTableRows = 20;
 constexpr int kReadsPerTurn = 16;  // one busy stream must not starve the others
 constexpr std::size_t kShownLineMax = 400;
 constexpr auto kLookEvery = std::chrono::milliseconds(250);
+constexpr auto kStatusEvery = std::chrono::seconds(1);
 
 std::chrono::steady_clock::duration secondsOf(double seconds) {
     return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -47,25 +49,10 @@ std::string fileName(const std::string& text) {
     return out.substr(0, 150);
 }
 
-const char* kindText(StreamKind kind) {
-    switch (kind) {
-        case StreamKind::kControl:
-            return "control";
-        case StreamKind::kData:
-            return "data";
-        case StreamKind::kAutoSensor:
-            return "auto-sensor";
-        case StreamKind::kDiscovery:
-            return "discovery";
-        default:
-            return "unknown";
-    }
-}
-
 }  // namespace
 
 CollectorServer::CollectorServer(const Options& options)
-    : options_(options), wanted_(options.autoStart), files_(options.filesDir) {
+    : options_(options), wanted_(options.autoStart), files_(options.filesDir), startedAt_(vxlb_now_ms()) {
     if (wanted_) testIdx_ = 1;
 }
 
@@ -117,6 +104,10 @@ void CollectorServer::run(const volatile int& stopRequested) {
             files_.look();
             nextLook_ = now + kLookEvery;
         }
+        if (shown_ && now >= nextStatus_) {
+            publishStatus();
+            nextStatus_ = now + kStatusEvery;
+        }
         for (Connection& connection : connections_)
             if (connection.kind == StreamKind::kControl) advance(connection, now);
         if (terminal && now >= nextTable_) {
@@ -162,10 +153,12 @@ void CollectorServer::acceptAll() {
         if (connections_.size() >= kMaxConnections) {
             std::fprintf(stderr, "vxcollector: more than %zu connections, one refused\n", kMaxConnections);
             ::close(arrived.fd);
+            ++refused_;
             continue;
         }
         Connection& connection = connections_.emplace_back();
         connection.fd = arrived.fd;
+        connection.since = connection.heardAt = vxlb_now_ms();
         connection.peer = std::move(arrived.peer);
     }
 }
@@ -184,6 +177,8 @@ void CollectorServer::readFrom(Connection& connection) {
 }
 
 void CollectorServer::takeBytes(Connection& connection, const char* data, std::size_t length) {
+    connection.heardAt = vxlb_now_ms();
+    connection.received += length;
     if (connection.kind == StreamKind::kData || connection.kind == StreamKind::kAutoSensor)
         runs_.summary().bytes += length;
     std::string_view rest(data, length);

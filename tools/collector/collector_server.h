@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -26,6 +27,7 @@
 #include "tools/collector/collector_protocol.h"
 #include "tools/collector/collector_runs.h"
 #include "tools/collector/collector_ways.h"
+#include "tools/collector/page_status.h"
 #include "tools/collector/store.h"
 
 namespace vx::collector {
@@ -47,6 +49,8 @@ struct Connection {
     std::string in;                     // bytes of a line that has not ended
     OutQueue out;
     bool closing = false;
+    std::int64_t since = 0, heardAt = 0;  // milliseconds since the Unix epoch
+    std::uint64_t received = 0;           // bytes
     // Control connections:
     Orders orders;
     bool started = false;  // a start was ordered and no stop since
@@ -72,6 +76,11 @@ public:
     // Null without --db.
     const Store* store() const { return store_.get(); }
     const FileStore& files() const { return files_; }
+    // What the page shows of the connections; renewed each second while somebody looks at it.
+    const StatusBoard& board() {
+        shown_ = true;
+        return board_;
+    }
 
     // Orders of the commands.
     void startAll();
@@ -110,6 +119,9 @@ private:
     void heartbeatAll();
     void readCommands();
     void dropClosed();
+    void publishStatus();
+    void addStatus(const Connection& connection);
+    void forgetOldest();
     void announce(const char* what, const Connection& connection);
 
     Options options_;
@@ -124,9 +136,14 @@ private:
     Identities identities_;
     FileStore files_;
     std::unique_ptr<Store> store_;
+    bool shown_ = false;
+    StatusBoard board_;
+    std::map<std::string, InstanceStatus> known_;  // by name
+    std::uint64_t refused_ = 0;
+    const std::int64_t startedAt_;
     Runs runs_;
     std::string commandText_;
-    Clock::time_point nextTable_, nextHeartbeat_, nextLook_;
+    Clock::time_point nextTable_, nextHeartbeat_, nextLook_, nextStatus_;
 };
 
 }  // namespace vx::collector

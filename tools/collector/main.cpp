@@ -2,9 +2,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "commonlibc/vxbt/vxbt_rule_check.h"
 #include "tools/collector/collector_options.h"
+#include "tools/collector/collector_page.h"
 #include "tools/collector/collector_server.h"
 
 namespace {
@@ -38,6 +40,15 @@ int main(int argc, char** argv) {
     if (!server.open(error)) {
         std::fprintf(stderr, "vxcollector: %s\n", error.c_str());
         return 1;
+    }
+    std::unique_ptr<vx::collector::CollectorPage> page;
+    if (options.httpPort >= 0) {
+        page = std::make_unique<vx::collector::CollectorPage>(options, server.board(), server.store());
+        if (!page->start(error)) {
+            std::fprintf(stderr, "vxcollector: %s\n", error.c_str());
+            return 1;
+        }
+        std::printf("page at %s\n", page->address().c_str());
     }
     std::printf("vxcollector %s listening on %s\n", VX_VERSION, server.ways().c_str());
     std::fflush(stdout);

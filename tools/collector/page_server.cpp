@@ -1,0 +1,273 @@
+#include "tools/collector/page_server.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+
+#include "commonlibc/lws_context.h"
+
+namespace vx::collector {
+
+namespace {
+
+constexpr std::size_t kPart = 16 * 1024;  // of an answer, at a time
+constexpr std::size_t kHeadRoom = 4096;
+constexpr std::int64_t kTickUs = 1'000'000;
+constexpr unsigned kOwnDescriptors = 8;  // of the library itself
+
+std::int64_t nowSeconds() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string headerOf(lws* wsi, lws_token_indexes token) {
+    const int length = lws_hdr_total_length(wsi, token);
+    if (length <= 0) return "";
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    const int copied = lws_hdr_copy(wsi, text.data(), length + 1, token);
+    text.resize(static_cast<std::size_t>(std::max(copied, 0)));
+    return text;
+}
+
+// The library has decoded the pieces of the query, one for each parameter.
+void takeArguments(lws* wsi, PageRequest& request) {
+    char piece[kMostHeaders];
+    for (int i = 0;; ++i) {
+        const int length = lws_hdr_copy_fragment(wsi, piece, sizeof(piece), WSI_TOKEN_HTTP_URI_ARGS, i);
+        if (length < 0) return;
+        const std::string_view text(piece, static_cast<std::size_t>(length));
+        const std::size_t equals = std::min(text.find('='), text.size());
+        request.arguments.emplace_back(text.substr(0, equals),
+                                       equals < text.size() ? text.substr(equals + 1) : std::string_view());
+    }
+}
+
+constexpr std::pair<const char*, const char*> kFixedHeaders[] = {
+    {"content-security-policy:",
+     "default-src 'self'; img-src 'self' data:; object-src 'none'; base-uri 'none'; form-action 'self'; "
+     "frame-ancestors 'none'"},
+    {"x-content-type-options:", "nosniff"},
+    {"x-frame-options:", "DENY"},
+    {"referrer-policy:", "same-origin"},
+    {"cross-origin-resource-policy:", "same-origin"},
+    {"cache-control:", "no-store"},
+};
+
+// Writes the head of an answer into a buffer.
+class Head {
+public:
+    explicit Head(lws* wsi) : wsi_(wsi) {}
+    bool begin(const PageAnswer& answer, std::size_t length) {
+        return lws_add_http_common_headers(wsi_, static_cast<unsigned>(answer.status), answer.type.c_str(),
+                                           length, &at_, end()) == 0;
+    }
+    bool add(const char* name, std::string_view value) {
+        return lws_add_http_header_by_name(wsi_, reinterpret_cast<const unsigned char*>(name),
+                                           reinterpret_cast<const unsigned char*>(value.data()),
+                                           static_cast<int>(value.size()), &at_, end()) == 0;
+    }
+    bool send() { return lws_finalize_write_http_header(wsi_, start(), &at_, end()) == 0; }
+
+private:
+    unsigned char* start() { return buffer_ + LWS_PRE; }
+    unsigned char* end() { return buffer_ + sizeof(buffer_); }
+
+    lws* wsi_;
+    unsigned char buffer_[LWS_PRE + kHeadRoom];
+    unsigned char* at_ = buffer_ + LWS_PRE;
+};
+
+}  // namespace
+
+PageServer::PageServer(std::string host, int port, PageHandler handler)
+    : host_(std::move(host)), port_(port), handler_(std::move(handler)), protocols_{} {
+    protocols_[0].name = "http";
+    protocols_[0].callback = onEvent;
+}
+
+PageServer::~PageServer() {
+    stop();
+}
+
+bool PageServer::start(std::string& error) {
+    lws_context_creation_info info{};
+    lws_vhost* vhost = nullptr;
+    info.port = port_;
+    info.iface = host_.c_str();
+    info.protocols = protocols_;
+    info.user = this;
+    info.options = LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+    info.server_string = "vxcollector";
+    info.vhost_name = "page";
+    info.timeout_secs = kRequestSeconds;
+    info.keepalive_timeout = kIdleSeconds;
+    info.max_http_header_data = kMostHeaders;
+    info.max_http_header_pool = kMostConnections;
+    info.fd_limit_per_thread = kMostConnections + kOwnDescriptors;
+    context_ = vxMakeLwsContext(info, &vhost);
+    if (!context_) {
+        error = "the page cannot listen on " + host_ + ":" + std::to_string(port_);
+        return false;
+    }
+    port_ = lws_get_vhost_listen_port(vhost);
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void PageServer::stop() {
+    if (!context_) return;
+    stopped_.store(true, std::memory_order_release);
+    lws_cancel_service(context_);
+    thread_.join();
+    vxEndLwsContext(context_);
+    context_ = nullptr;
+}
+
+// The tick ends the library's wait, so that a stop and late peers are seen.
+void PageServer::run() {
+    struct Tick {
+        lws_sorted_usec_list_t timer{};
+        lws_context* context;
+    } tick{.context = context_};
+    const auto onTick = [](lws_sorted_usec_list_t* timer) {
+        lws_cancel_service(reinterpret_cast<Tick*>(timer)->context);
+    };
+    for (std::int64_t next = 0; !stopped_.load(std::memory_order_acquire);) {
+        if (nowSeconds() >= next) {
+            lws_sul_schedule(context_, 0, &tick.timer, onTick, kTickUs);
+            next = nowSeconds() + 1;
+            endLate();
+        }
+        if (lws_service(context_, 0) < 0) break;
+    }
+    lws_sul_cancel(&tick.timer);
+}
+
+void PageServer::endLate() {
+    const std::int64_t now = nowSeconds();
+    for (const auto& [wsi, exchange] : exchanges_)
+        if (exchange->deadline < now) lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
+}
+
+int PageServer::onEvent(lws* wsi, lws_callback_reasons reason, void*, void* in, std::size_t length) {
+    auto* server = static_cast<PageServer*>(lws_context_user(lws_get_context(wsi)));
+    return server ? server->serve(wsi, reason, static_cast<const char*>(in), length) : 0;
+}
+
+int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std::size_t length) {
+    switch (reason) {
+        case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+            if (connections_ < kMostConnections) return 0;
+            refused_.fetch_add(1, std::memory_order_relaxed);
+            return 1;
+        case LWS_CALLBACK_WSI_CREATE:
+            ++connections_;
+            return 0;
+        case LWS_CALLBACK_WSI_DESTROY:
+            if (connections_ > 0) --connections_;
+            exchanges_.erase(wsi);
+            return 0;
+        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+            return -1;
+        case LWS_CALLBACK_HTTP:
+            return takeRequest(wsi, {in, length});
+        case LWS_CALLBACK_HTTP_BODY:
+            return takeBody(wsi, {in, length});
+        case LWS_CALLBACK_HTTP_BODY_COMPLETION: {
+            const auto at = exchanges_.find(wsi);
+            return at == exchanges_.end() ? -1 : answer(wsi, *at->second);
+        }
+        case LWS_CALLBACK_HTTP_WRITEABLE:
+            return sendSome(wsi);
+        case LWS_CALLBACK_CLOSED_HTTP:
+            exchanges_.erase(wsi);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+int PageServer::takeRequest(lws* wsi, std::string_view path) {
+    auto& held = exchanges_[wsi];
+    held = std::make_unique<Exchange>();
+    Exchange& exchange = *held;
+    PageRequest& request = exchange.request;
+    exchange.deadline = nowSeconds() + kRequestSeconds;
+    request.path = path;
+    request.post = lws_hdr_total_length(wsi, WSI_TOKEN_POST_URI) > 0;
+    request.host = headerOf(wsi, WSI_TOKEN_HOST);
+    request.origin = headerOf(wsi, WSI_TOKEN_ORIGIN);
+    request.contentType = headerOf(wsi, WSI_TOKEN_HTTP_CONTENT_TYPE);
+    request.authorization = headerOf(wsi, WSI_TOKEN_HTTP_AUTHORIZATION);
+    request.cookie = headerOf(wsi, WSI_TOKEN_HTTP_COOKIE);
+    takeArguments(wsi, request);
+    if (!request.post) {
+        if (lws_hdr_total_length(wsi, WSI_TOKEN_GET_URI) > 0) return answer(wsi, exchange);
+        return refuse(wsi, exchange, 405, "only GET and POST are served");
+    }
+    const std::string length = headerOf(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
+    const auto [end, code] = std::from_chars(length.data(), length.data() + length.size(), exchange.expected);
+    if (length.empty() || code != std::errc{} || end != length.data() + length.size())
+        return refuse(wsi, exchange, 411, "a body needs its length");
+    if (exchange.expected > kMostBody) return refuse(wsi, exchange, 413, "the body has more than 1 MB");
+    return exchange.expected == 0 ? answer(wsi, exchange) : 0;
+}
+
+int PageServer::takeBody(lws* wsi, std::string_view part) {
+    const auto at = exchanges_.find(wsi);
+    if (at == exchanges_.end() || at->second->headed) return -1;
+    std::string& body = at->second->request.body;
+    if (body.size() + part.size() > at->second->expected) return -1;
+    body.append(part);
+    return 0;
+}
+
+int PageServer::refuse(lws* wsi, Exchange& exchange, int status, const char* why) {
+    exchange.answer = pageFault(status, why);
+    exchange.closes = true;
+    return sendHead(wsi, exchange);
+}
+
+int PageServer::answer(lws* wsi, Exchange& exchange) {
+    exchange.answer = handler_(exchange.request);
+    return sendHead(wsi, exchange);
+}
+
+int PageServer::sendHead(lws* wsi, Exchange& exchange) {
+    const PageAnswer& answer = exchange.answer;
+    exchange.deadline = nowSeconds() + kAnswerSeconds;
+    exchange.headed = true;
+    Head head(wsi);
+    bool good = head.begin(answer, exchange.bytes().size());
+    for (const auto& [name, value] : kFixedHeaders) good = good && head.add(name, value);
+    if (!answer.location.empty()) good = good && head.add("location:", answer.location);
+    if (!answer.setCookie.empty()) good = good && head.add("set-cookie:", answer.setCookie);
+    if (!good || !head.send()) return -1;
+    lws_callback_on_writable(wsi);
+    return 0;
+}
+
+int PageServer::sendSome(lws* wsi) {
+    const auto at = exchanges_.find(wsi);
+    if (at == exchanges_.end() || !at->second->headed) return 0;
+    Exchange& exchange = *at->second;
+    const std::string_view rest = exchange.bytes().substr(exchange.sent);
+    const std::size_t length = std::min(rest.size(), kPart);
+    unsigned char buffer[LWS_PRE + kPart];
+    std::copy_n(rest.data(), length, buffer + LWS_PRE);
+    const bool last = length == rest.size();
+    if (lws_write(wsi, buffer + LWS_PRE, length, last ? LWS_WRITE_HTTP_FINAL : LWS_WRITE_HTTP) <
+        static_cast<int>(length))
+        return -1;
+    exchange.sent += length;
+    if (!last) {
+        lws_callback_on_writable(wsi);
+        return 0;
+    }
+    const bool closes = exchange.closes;
+    exchanges_.erase(at);
+    return closes || lws_http_transaction_completed(wsi) ? -1 : 0;
+}
+
+}  // namespace vx::collector

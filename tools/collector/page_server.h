@@ -1,0 +1,86 @@
+// HTTP for the page: a thread of its own, which takes requests apart and sends answers.
+//
+// What to answer is the handler's matter; it is called on the server's thread, one request at a time. Nothing
+// here touches the intake, so that neither a slow browser nor a long question holds it up.
+//
+// Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody; a request that has
+// not
+//           come after kRequestSeconds, an answer that has not been taken after kAnswerSeconds, and a
+//           connection that is silent for kIdleSeconds end with their connection.
+// Lifetime  stop() (or the end of the object) ends the thread; the handler must outlive it.
+// Threads   start() and stop() of one thread.
+#pragma once
+
+#include <libwebsockets.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "tools/collector/page_request.h"
+
+namespace vx::collector {
+
+inline constexpr std::size_t kMostConnections = 64;
+inline constexpr std::size_t kMostHeaders = 8192;
+inline constexpr std::size_t kMostBody = 1024 * 1024;
+inline constexpr int kRequestSeconds = 10, kAnswerSeconds = 30, kIdleSeconds = 60;
+
+using PageHandler = std::function<PageAnswer(const PageRequest&)>;
+
+class PageServer {
+public:
+    PageServer(std::string host, int port, PageHandler handler);
+    ~PageServer();
+    PageServer(const PageServer&) = delete;
+    PageServer& operator=(const PageServer&) = delete;
+
+    // Binds, and starts the thread. False with the reason in `error`.
+    bool start(std::string& error);
+    void stop();
+    int port() const { return port_; }
+    // Connections that found no place.
+    std::uint64_t refused() const { return refused_.load(std::memory_order_relaxed); }
+
+private:
+    // One request on its way, and its answer.
+    struct Exchange {
+        PageRequest request;
+        PageAnswer answer;
+        std::int64_t deadline = 0;  // seconds of the steady clock
+        std::size_t expected = 0;   // bytes of the body
+        std::size_t sent = 0;
+        bool headed = false;  // the answer's head is out
+        bool closes = false;  // no further request on this connection
+        std::string_view bytes() const { return answer.bytes.empty() ? answer.body : answer.bytes; }
+    };
+
+    static int onEvent(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length);
+    int serve(lws* wsi, lws_callback_reasons reason, const char* in, std::size_t length);
+    int takeRequest(lws* wsi, std::string_view path);
+    int takeBody(lws* wsi, std::string_view part);
+    int answer(lws* wsi, Exchange& exchange);
+    int refuse(lws* wsi, Exchange& exchange, int status, const char* why);
+    int sendHead(lws* wsi, Exchange& exchange);
+    int sendSome(lws* wsi);
+    void run();
+    void endLate();
+
+    const std::string host_;
+    int port_;
+    const PageHandler handler_;
+    lws_protocols protocols_[2];
+    lws_context* context_ = nullptr;
+    std::unordered_map<lws*, std::unique_ptr<Exchange>> exchanges_;
+    std::size_t connections_ = 0;
+    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<bool> stopped_{false};
+    std::thread thread_;
+};
+
+}  // namespace vx::collector
