@@ -49,14 +49,16 @@ void vxLossesWalk() {
     if (lastWalkUs <= nowUs && nowUs - lastWalkUs < kWalkUs) return;  // a clock set back counts as a minute
     lastWalkUs = nowUs;
     if (!VXProxyInstance.load(std::memory_order_acquire)) return;
-    vxApplication* const before = vxCurrent();
     const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
     for (std::int32_t i = 1; i < count; ++i) {
-        vxApplication* app = instanceAt(i);
-        if (!app) continue;
-        vxSetCurrent(app);
-        tell(*app, false);
+        if (vxApplication* app = instanceAt(i)) vxLossesTell(*app);
     }
+}
+
+void vxLossesTell(vxApplication& app) {
+    vxApplication* const before = vxCurrent();
+    vxSetCurrent(&app);
+    tell(app, false);
     vxSetCurrent(before);
 }
 

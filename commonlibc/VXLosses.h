@@ -12,7 +12,7 @@
 //
 // Limits    One line a minute and instance while something grows, one at the end of each run. A line that
 //           the trace level hides is not used up.
-// Threads   vxLossesWalk: the listener. vxLossesAtThreadEnd: data and auto-sensor thread.
+// Threads   vxLossesWalk: the listener. vxLossesTell: any. vxLossesAtThreadEnd: data and auto-sensor thread.
 #pragma once
 
 #include "commonlibc/context/vx_application.h"
@@ -21,6 +21,8 @@ namespace vx {
 
 // Once a minute: a line for each instance whose losses have grown. Cheap otherwise.
 void vxLossesWalk();
+// The line of one context, when its losses have grown.
+void vxLossesTell(vxApplication& app);
 // A sending thread of the instance has cleared its running flag: the last one of a run tells the losses,
 // grown or not.
 void vxLossesAtThreadEnd(vxApplication& app);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "commonlibc/proxyServer/vx_udp_refusals.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
@@ -13,6 +14,7 @@ constexpr std::int32_t kMinHeaderLength = 40;
 constexpr std::int64_t kRecordHead = 9;  // bytes of a record up to the end of its length
 constexpr std::int64_t kRecordLengthAt = 5;
 constexpr std::int32_t kMinRecordLength = 12;
+constexpr const char* kWrongHeaderLength = "Wrong msg header len";
 constexpr char kMessageEnd = '\n';
 constexpr const char* kAgentTypes[] = {"Python", "php", "Dotnet", "Java", "go"};
 
@@ -74,9 +76,20 @@ Extent extentOf(VXByteView message) {
                : textExtent(message, length);
 }
 
-// The texts that speak of bytes end with how many were read.
-void traceFault(const char* fault, int position, std::size_t size) {
-    if (std::strstr(fault, "read bytes"))
+// What is wrong with the message in front of `rest`; its extent, without a fault, where nothing is.
+Extent checkedExtent(VXByteView rest) {
+    if (rest.u8At(0) != kWrapMarker) return {0, "First byte is not ^"};
+    if (rest.i32At(kWrapLengthAt) < kMinHeaderLength) return {0, kWrongHeaderLength};
+    return extentOf(rest);
+}
+
+// The texts that speak of bytes end with how many were read, that of the header's length with it.
+void traceFault(const char* fault, int position, VXByteView rest, std::size_t size) {
+    if (!vxUdpTracesRefusal()) return;
+    if (fault == kWrongHeaderLength)
+        VX_TRACE(1, kControlThread, kError, "Failed to parse UDP packet at pos %d. %s %d", position, fault,
+                 rest.i32At(kWrapLengthAt));
+    else if (std::strstr(fault, "read bytes"))
         VX_TRACE(1, kControlThread, kError, "Failed to parse UDP packet at pos %d. %s %d", position, fault,
                  static_cast<int>(size));
     else
@@ -103,19 +116,10 @@ bool vxUdpNextMessage(VXByteView datagram, std::size_t& position, VXByteView& me
     VXByteView rest = datagram;
     rest.take(position);
     if (rest.size() < kWrapFixedSize) return false;
-    const auto at = static_cast<int>(position);
-    if (rest.u8At(0) != kWrapMarker) {
-        VX_TRACE(1, kControlThread, kError, "Failed to parse UDP packet at pos %d. First byte is not ^", at);
-        return false;
-    }
-    if (rest.i32At(kWrapLengthAt) < kMinHeaderLength) {
-        VX_TRACE(1, kControlThread, kError, "Failed to parse UDP packet at pos %d. Wrong msg header len %d",
-                 at, rest.i32At(kWrapLengthAt));
-        return false;
-    }
-    const Extent extent = extentOf(rest);
+    const Extent extent = checkedExtent(rest);
     if (extent.fault) {
-        traceFault(extent.fault, at, datagram.size());
+        traceFault(extent.fault, static_cast<int>(position), rest, datagram.size());
+        vxUdpCountRefusal();
         return false;
     }
     message = rest.take(static_cast<std::size_t>(extent.newline) + 1);

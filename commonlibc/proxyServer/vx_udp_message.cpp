@@ -9,6 +9,7 @@
 #include "commonlibc/proxyServer/vx_udp_clients.h"
 #include "commonlibc/proxyServer/vx_udp_functions.h"
 #include "commonlibc/proxyServer/vx_udp_header.h"
+#include "commonlibc/proxyServer/vx_udp_refusals.h"
 #include "commonlibc/proxyServer/vx_udp_ruckus.h"
 #include "commonlibc/proxyServer/vx_udp_settings.h"
 #include "commonlibc/vxlb_clock.h"
@@ -176,13 +177,14 @@ std::int32_t indexOf(const VXUdpHeader& header) {
 }
 
 void refuse() {
-    VX_TRACE(1, kControlThread, kError, "Failed to process data from client..");
+    if (vxUdpTracesRefusal()) VX_TRACE(1, kControlThread, kError, "Failed to process data from client..");
+    vxUdpCountRefusal();
 }
 
 void handle(VXByteView bytes, Target& target) {
     VXUdpHeader header;
     if (!get_ws_param_values(bytes, header)) {
-        VX_TRACE(1, kControlThread, kError, "Error in parsing data from client..");
+        if (vxUdpTracesRefusal()) VX_TRACE(1, kControlThread, kError, "Error in parsing data from client..");
         return refuse();
     }
     const std::int32_t index = indexOf(header);

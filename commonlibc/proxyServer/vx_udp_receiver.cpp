@@ -9,6 +9,7 @@
 #include "commonlibc/platform/vx_platform_udp.h"
 #include "commonlibc/proxyServer/vx_udp_functions.h"
 #include "commonlibc/proxyServer/vx_udp_nodes.h"
+#include "commonlibc/proxyServer/vx_udp_refusals.h"
 #include "commonlibc/proxyServer/vx_udp_watchers.h"
 #include "commonlibc/proxyServer/vx_udp_workers.h"
 #include "commonlibc/vxlb_sock.h"
@@ -112,10 +113,10 @@ public:
         for (int i = 0; i < count_; ++i) rooms_[i].buffer = nodes_[i]->buffer;
         const int got = vx_platform_udp_receive(socket_, rooms_, count_, kMaxDatagram, emptied_ && !naps);
         emptied_ = got < count_;
-        if (got > 0)
-            handOver(got);
-        else if (got == kDatagramFailed && !stopping())
-            failed();
+        if (got > 0) handOver(got);
+        if (got != kDatagramFailed || stopping()) return;
+        traceFailure();
+        std::this_thread::sleep_for(kPauseAfterError);
     }
 
 private:
@@ -136,12 +137,13 @@ private:
         node.sender = {room.sender.ip, room.sender.port};
         node.length = static_cast<std::int32_t>(room.length);
         node.buffer[room.length] = '\0';
-        if (room.length == 0) VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
+        if (room.length == 0) traceFailure();
         return room.length > 0;
     }
-    static void failed() {
-        VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
-        std::this_thread::sleep_for(kPauseAfterError);
+    static void traceFailure() {
+        if (vxUdpTracesRefusal())
+            VX_TRACE(1, kControlThread, kError, "Failed to receive data from UDP socket");
+        vxUdpCountRefusal();
     }
 
     const int socket_;

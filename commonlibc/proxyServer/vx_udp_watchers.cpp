@@ -4,9 +4,11 @@
 
 #include <chrono>
 
+#include "commonlibc/VXLosses.h"
 #include "commonlibc/platform/vx_platform_udp.h"
 #include "commonlibc/proxyServer/proxyMemCheck.h"
 #include "commonlibc/proxyServer/vx_udp_functions.h"
+#include "commonlibc/proxyServer/vx_udp_refusals.h"
 #include "commonlibc/proxyServer/vx_udp_ruckus.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_sock.h"
@@ -86,6 +88,8 @@ void vxUdpJoinWatchers() {
 }
 
 void vxUdpTellLosses() {
+    vxUdpEachFunction(vxLossesTell);
+    vxUdpTellRefusedMessages();
     vxUdpTellRefusals();
     tellLostDatagrams();
 }
@@ -94,8 +98,7 @@ void proxy_udp_client_handler(std::int64_t round) {
     vxApplication* root = vxCurrent();
     vxUdpEndSilentFunctions(vxlb_now_ms());
     vxSetCurrent(root);
-    if (round % kTellRounds != 0) return;
-    vxUdpTellLosses();
+    if (round % kTellRounds == 0) vxUdpTellLosses();
 }
 
 void proxy_udp_ruckus_handler(std::int64_t round) {

@@ -16,7 +16,8 @@ namespace vx {
 bool vxUdpStartWatchers(vxApplication* root);
 void vxUdpJoinWatchers();  // VXUdp.stopping is set
 
-// Traces how many functions were refused, and how many datagrams the system had no room for, while they grow.
+// Traces what functions lost, what was refused, and the datagrams that the system had no room for, as far as
+// they have grown.
 void vxUdpTellLosses();
 
 // Bodies of their rounds; `round` counts from 1.

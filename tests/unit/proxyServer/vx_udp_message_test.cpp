@@ -11,6 +11,7 @@
 #include "commonlibc/vxlb_hashMapMethod.h"
 #include "commonlibc/vxlb_mem_pool.h"
 #include "commonlibc/vxlb_word.h"
+#include "tests/support/program.h"
 #include "tests/support/trace_file.h"
 #include "tests/support/udp_fixture.h"
 
@@ -130,6 +131,32 @@ TEST_F(UdpMessages, FunctionsBeyondTheCeilingAreRefusedAndCounted) {
     for (int round = 1; round <= 12; ++round) proxy_udp_client_handler(round);
     const string told = "UDP functions refused: ";
     EXPECT_TRUE(trace.says(told) && trace.text().find(told) == trace.text().rfind(told));
+}
+
+TEST_F(UdpMessages, WhatIsRefusedOrLostIsToldAsANumberOnceAMinute) {
+    const TraceFile trace(*app, 1);
+    for (int i = 0; i < 100; ++i) datagram(wrapped(VXWrapType::kHeartbeat, 7));
+    EXPECT_EQ(occurrences(trace.text(), "Failed to process data from client.."), 20);
+    proxy_udp_client_handler(6);
+    EXPECT_TRUE(trace.says("UDP messages refused: 100 (+100)"));
+    datagram(wrapped(VXWrapType::kHeartbeat, 7));
+    EXPECT_EQ(occurrences(trace.text(), "Failed to process data from client.."), 21);
+
+    VXProxy.proxyPort = portOf(VXUdp.socket);
+    VXUdp.lostTold = 0;
+    for (int i = 0; i < 1000; ++i) send(string(1000, 'x'));
+    proxy_udp_client_handler(12);
+    proxy_udp_client_handler(18);
+    char buffer[2000];
+    VXDatagramRoom rooms[7];
+    for (VXDatagramRoom& room : rooms) room.buffer = buffer;
+    int held = 0;
+    for (int got = 0; got >= 0; got = vx_platform_udp_receive(VXUdp.socket, rooms, 7, sizeof(buffer), false))
+        held += got;
+    const string lost = std::to_string(1000 - held);
+    EXPECT_TRUE(trace.says("UDP datagrams lost for want of room: " + lost + " (+" + lost + ")"));
+    EXPECT_EQ(occurrences(trace.text(), "UDP datagrams lost"), 1);
+    EXPECT_GT(held, 10);
 }
 
 TEST_F(UdpMessages, AContextRemembersAsManyClientsAsItMay) {
