@@ -15,6 +15,7 @@
 #include "commonlibc/control_outbox.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/platform/vx_platform_memory.h"
+#include "commonlibc/proxyServer/vx_udp_functions.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
@@ -62,6 +63,24 @@ vxApplication* connectedInstance() {
         if (app && vxOutboxWaiting(*app) >= 0) return app;
     }
     return nullptr;
+}
+
+// Leaves the alert with the owner of the context's connection, and waits until it is on its way.
+void alert(vxApplication& app, int usedMB) {
+    const bool dumps = VXProxy.memThresholdCheckModes == kModeDump;
+    char text[1024];
+    const int length = std::snprintf(
+        text, sizeof(text),
+        "agent_event:Version=1.0;Severity=1;Message=     ZorVXProxy used memory (%d MB) exceeded threshold.  "
+        "   Proxy will be restarted%s. MemoryThresholds: " VX_MEMORY_SETTINGS " MB     \n",
+        usedMB, dumps ? "( and generated proc dump)" : "", VX_MEMORY_SETTING_VALUES);
+    if (!vxOutboxPut(app, text, static_cast<std::size_t>(length))) return;
+    const bool overLws = app.control.lws_active.load(std::memory_order_acquire) == 1;
+    const std::int64_t most = overLws ? kAlertUs - kLwsFlushUs : kAlertUs;
+    for (std::int64_t waited = 0; waited < most && vxOutboxWaiting(app) > 0; waited += kAlertStepUs)
+        vxlb_sleep_us(kAlertStepUs);
+    if (overLws) vxlb_sleep_us(kLwsFlushUs);
+    VX_TRACE(1, kControlThread, kInfo, "MemoryThresholds: SendToVXC: %s", text);
 }
 
 struct DumpFile {
@@ -139,22 +158,13 @@ void checkMemoryUsage() {
 }
 
 void sendAlertToVXC(int usedMB) {
-    vxApplication* app = connectedInstance();
-    if (!app) return;
-    const bool dumps = VXProxy.memThresholdCheckModes == kModeDump;
-    char text[1024];
-    const int length = std::snprintf(
-        text, sizeof(text),
-        "agent_event:Version=1.0;Severity=1;Message=     ZorVXProxy used memory (%d MB) exceeded threshold.  "
-        "   Proxy will be restarted%s. MemoryThresholds: " VX_MEMORY_SETTINGS " MB     \n",
-        usedMB, dumps ? "( and generated proc dump)" : "", VX_MEMORY_SETTING_VALUES);
-    if (!vxOutboxPut(*app, text, static_cast<std::size_t>(length))) return;
-    const bool overLws = app->control.lws_active.load(std::memory_order_acquire) == 1;
-    const std::int64_t most = overLws ? kAlertUs - kLwsFlushUs : kAlertUs;
-    for (std::int64_t waited = 0; waited < most && vxOutboxWaiting(*app) > 0; waited += kAlertStepUs)
-        vxlb_sleep_us(kAlertStepUs);
-    if (overLws) vxlb_sleep_us(kLwsFlushUs);
-    VX_TRACE(1, kControlThread, kInfo, "MemoryThresholds: SendToVXC: %s", text);
+    if (vxApplication* app = connectedInstance()) return alert(*app, usedMB);
+    bool told = false;  // there may be functions only
+    vxUdpEachFunction([&](vxApplication& app) {
+        if (told || vxOutboxWaiting(app) < 0) return;
+        told = true;
+        alert(app, usedMB);
+    });
 }
 
 void GenerateCoreDump() {

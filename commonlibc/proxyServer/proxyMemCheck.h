@@ -26,7 +26,8 @@ void vxLearnTotalMemory();
 void checkMemoryUsage();
 // True when that much is beyond a limit.
 bool vxBeyondMemoryLimit(std::int64_t usedMB);
-// Tells the first instance's collector that is connected, and waits until it is on its way.
+// Tells the collector of the first instance, or else function, that is connected, and waits until it is on
+// its way.
 void sendAlertToVXC(int usedMB);
 // Leaves a dump of the process in the home's logs folder, if there is not one too many.
 void GenerateCoreDump();

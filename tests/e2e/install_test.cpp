@@ -43,6 +43,17 @@ TEST(Installer, KeepsSettingsWhenRunAgainAndTheHomeWhenTakenAway) {
                    {"VXHOME=" + (dir / home)},
                    dir / "output"});
     EXPECT_EQ(check.wait(), 0) << dir.read("output");
+    if (fs::exists("/usr/bin/systemd-analyze")) {  // which tells of every line that systemd would pass over
+        std::string here = unit;
+        const std::string root = dir / "root";
+        for (std::size_t at = 0; (at = here.find("/opt/vx/", at)) != std::string::npos; at += root.size() + 1)
+            here.insert(at, root);
+        Program verify({{"/usr/bin/systemd-analyze", "verify", dir.write("vxproxy.service", here)},
+                        {},
+                        dir / "verified"});
+        EXPECT_EQ(verify.wait(30), 0);
+        EXPECT_EQ(dir.read("verified"), "");
+    }
 
     ASSERT_EQ(run({}), 0);
     EXPECT_EQ(dir.read(config + "vxsettings.conf"), settings);
