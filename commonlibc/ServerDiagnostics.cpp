@@ -16,7 +16,7 @@ namespace {
 void relayToFirst(const vxApplication& app, const char* line) {
     if (app.identity.numProcess.load(std::memory_order_acquire) < 1) return;
     processInfo_t* process = processAt(app, 0);
-    if (process && process->control.get()) vxRelayLine(*process, line);
+    if (process && vxHasControl(*process)) vxRelayLine(*process, line);
 }
 
 // The number behind "id=" (case ignored), else behind the first semicolon; 0 without one.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "commonlibc/VXAgentWs.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
 
@@ -60,6 +61,20 @@ struct FramedLine {
     }
 };
 
+long long tracedPid(const processInfo_t& process) {
+    return static_cast<long long>(process.pid.load(std::memory_order_relaxed));
+}
+
+// The send mutex is held: the connection stays.
+int queueForAgent(const processInfo_t& process, VXAgentWs& record, const char* data, std::size_t length) {
+    if (send_on_wsi(data, record, length) == 0) return 0;
+    VX_TRACE(1, kControlThread, kWarning,
+             "Message of %zu bytes to agent process %lld was not taken, too much waits for it, connection "
+             "given up",
+             length, tracedPid(process));
+    return -1;
+}
+
 }  // namespace
 
 int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length) {
@@ -71,13 +86,15 @@ int vxSendToAgent(processInfo_t& process, const char* data, std::size_t length, 
     // Until the end, since a record is given to another process once the turn is free: what is shut down has
     // to be the connection that failed.
     const SendTurn turn(process.sendMutex, limit);
+    VXAgentWs* record = turn.taken() ? process.controlWs.load(std::memory_order_acquire) : nullptr;
+    if (record) return queueForAgent(process, *record, data, length);
     apr_socket_t* socket = process.control.get();
     if (!socket) return -1;
     if (turn.taken() && vxlb_send_within(vxlb_socket_fd(socket), data, length, limit)) return 0;
     vxlb_shared_shutdown(process.control, socket);
     VX_TRACE(1, kControlThread, kWarning,
              "Message of %zu bytes to agent process %lld was not taken in time, connection given up", length,
-             static_cast<long long>(process.pid.load(std::memory_order_relaxed)));
+             tracedPid(process));
     return -1;
 }
 
@@ -96,7 +113,7 @@ int vxRelayToAll(const char* line) {
     const std::int32_t count = app->identity.numProcess.load(std::memory_order_acquire);
     for (std::int32_t i = 0; i < count; ++i) {
         processInfo_t* process = processAt(*app, i);
-        if (process && process->control.get() &&
+        if (process && vxHasControl(*process) &&
             vxSendToAgent(*process, framed.text.get(), framed.length) == 0)
             ++reached;
     }

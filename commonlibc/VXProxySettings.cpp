@@ -23,12 +23,18 @@ constexpr int kMaxLine = 1023;
 constexpr int kMaxPort = 65535;
 constexpr int kUdpTimeoutWhenNone = 900;
 constexpr int kDefaultUDPThreads = 10;
+constexpr int kMaxAgentWebSocket = 2;
 constexpr int kMaxMemMode = 2;
 constexpr int kMaxMemPct = 50;
 constexpr int kMinMemMB = 512, kMaxMemMB = 10240;
 constexpr int kMemoryRows = 3;  // the last ones before the ceilings
 
 bool portGiven = false;  // by the file that is being read
+
+// What does not fit a byte is out of every bound; it stays so.
+std::uint8_t byteOf(int value) {
+    return static_cast<std::uint8_t>(std::clamp(value, 0, UINT8_MAX));
+}
 
 Verdict takeProxyConType(const VXProxyRow& /*row*/, const char* value) {
     int type = 0;
@@ -40,6 +46,13 @@ Verdict takeProxyConType(const VXProxyRow& /*row*/, const char* value) {
 Verdict takeProxyPort(const VXProxyRow& /*row*/, const char* value) {
     if (!vxSettingNumber(value, 0, kMaxPort, &VXProxy.proxyPort)) return Verdict::kInvalid;
     portGiven = true;
+    return Verdict::kTaken;
+}
+
+Verdict takeAgentWebSocket(const VXProxyRow& /*row*/, const char* value) {
+    int kind = 0;
+    if (!vxSettingNumber(value, 0, kMaxAgentWebSocket, &kind)) return Verdict::kInvalid;
+    VXProxy.proxyAgentWebSocket = byteOf(kind);
     return Verdict::kTaken;
 }
 
@@ -82,11 +95,6 @@ Verdict takeVxcPort(const VXProxyRow& /*row*/, const char* value) {
     vxSetCollectorPort(0, vxCurrent()->VXBCISetting.vxcPort.load(std::memory_order_relaxed));
     VX_TRACE(1, kControlThread, kInfo, "VXC Port = %d", VXProxy.vxcPort);
     return Verdict::kTaken;
-}
-
-// What does not fit a byte is out of every bound; it stays so.
-std::uint8_t byteOf(int value) {
-    return static_cast<std::uint8_t>(std::clamp(value, 0, UINT8_MAX));
 }
 
 Verdict takeMemMode(const VXProxyRow& /*row*/, const char* value) {
@@ -156,6 +164,8 @@ constexpr VXProxyRow kRows[] = {
      "connection type word, kept in the place of vxcPort: the later line decides (0)"},
     {"proxyPort", takeProxyPort, showNumber<&VXProxy_t::proxyPort>,
      "TCP and UDP port on which agents reach the service; 0 takes a free one (1111)"},
+    {"proxyAgentWebSocket", takeAgentWebSocket, showNumber<&VXProxy_t::proxyAgentWebSocket>,
+     "how agents connect: 0 plain TCP, 1 WebSocket, 2 WebSocket over TLS (0)"},
     {"proxyudpTimeout", takeUdpTimeout, showUdpTimeout,
      "seconds of silence after which a UDP function is dropped; below 1 counts as the default (900)"},
     {"numUDPThreads", takeUdpThreads, showNumber<&VXProxy_t::numUDPThreads>,

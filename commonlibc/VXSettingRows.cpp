@@ -248,8 +248,9 @@ std::string showSwitch() {
     return std::to_string((settings().*member).load(std::memory_order_relaxed));
 }
 
-void setTlsCaFile(const char* path) {
-    setSharedText(vxCurrent()->retired, settings().tlsCaFile, path);
+template <VXSharedText VXBCISetting_t::*member>
+void setFile(const char* path) {
+    setSharedText(vxCurrent()->retired, settings().*member, path);
 }
 
 constexpr VXSettingSide kIdentity = VXSettingSide::kIdentity;
@@ -316,8 +317,15 @@ constexpr VXSettingRow kRows[] = {
     {"vxTlsVerify", nullptr, kCollector, takeSwitch<&VXBCISetting_t::tlsVerify>,
      showSwitch<&VXBCISetting_t::tlsVerify>,
      "1: over WSS the collector's certificate and name are checked (0)"},
-    {"vxTlsCaFile", nullptr, kCollector, takeText<setTlsCaFile>, showText<&VXBCISetting_t::tlsCaFile>,
+    {"vxTlsCaFile", nullptr, kCollector, takeText<setFile<&VXBCISetting_t::tlsCaFile>>,
+     showText<&VXBCISetting_t::tlsCaFile>,
      "PEM file of certificates to check with; without one the system's"},
+    {"vxAgentCertFile", nullptr, kCollector, takeText<setFile<&VXBCISetting_t::agentCertFile>>,
+     showText<&VXBCISetting_t::agentCertFile>,
+     "PEM file: certificate for agents over WSS; without one config/proxy.cert of the home"},
+    {"vxAgentKeyFile", nullptr, kCollector, takeText<setFile<&VXBCISetting_t::agentKeyFile>>,
+     showText<&VXBCISetting_t::agentKeyFile>,
+     "PEM file: its key; without one it stands with the certificate"},
     {"vxRawWsPath", nullptr, kCollector, takeSwitch<&VXBCISetting_t::rawWsPath>,
      showSwitch<&VXBCISetting_t::rawWsPath>, "1: the WebSocket path has no / in front (0)"},
 };

@@ -117,7 +117,7 @@ void tellProcesses(vxApplication& app, const char* line, std::int32_t count) {
     if (!message) return;
     for (std::int32_t i = 0; i < count; ++i) {
         processInfo_t* process = processAt(app, i);
-        if (!process || !process->control.get()) continue;
+        if (!process || !vxHasControl(*process)) continue;
         VXWriter out(message.get(), length + kIndexFieldSize);
         out.bytes(line, length).text(";procIndex=").number(i).put('\n');
         vxSendToAgent(*process, message.get(), out.length());

@@ -5,6 +5,7 @@
 #include "commonlibc/lws_account.h"
 #include "commonlibc/lws_connection_state.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utf8.h"
 
 namespace vx {
 
@@ -18,32 +19,11 @@ VXLwsConnection& connectionOf(lws* wsi) {
     return *static_cast<VXLwsConnection*>(lws_context_user(lws_get_context(wsi)));
 }
 
-// Bytes of a UTF-8 sequence by its first one; 0: none begins so.
-std::size_t sequenceLength(unsigned char first) {
-    if (first < 0x80) return 1;
-    if (first < 0xC2 || first > 0xF4) return 0;
-    return first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-}
-
-// A peer may close on a text message that is no UTF-8.
-bool isUtf8(const unsigned char* at, const unsigned char* end) {
-    while (at < end) {
-        const std::size_t length = sequenceLength(*at);
-        if (length == 0 || length > static_cast<std::size_t>(end - at)) return false;
-        for (std::size_t i = 1; i < length; ++i)
-            if ((at[i] & 0xC0) != 0x80) return false;
-        const bool overlong = (*at == 0xE0 && at[1] < 0xA0) || (*at == 0xF0 && at[1] < 0x90);
-        const bool outside = (*at == 0xED && at[1] > 0x9F) || (*at == 0xF4 && at[1] > 0x8F);
-        if (overlong || outside) return false;
-        at += length;
-    }
-    return true;
-}
-
 lws_write_protocol modeOf(const VXLwsConnection& connection) {
     if (!connection.framed) return LWS_WRITE_HTTP;
-    const unsigned char* from = connection.block + LWS_PRE;
-    return connection.text && isUtf8(from, from + connection.to_send) ? LWS_WRITE_TEXT : LWS_WRITE_BINARY;
+    const char* from = reinterpret_cast<const char*>(connection.block + LWS_PRE);
+    const bool text = connection.text && vxlb_is_utf8(from, static_cast<std::size_t>(connection.to_send));
+    return text ? LWS_WRITE_TEXT : LWS_WRITE_BINARY;  // a peer may close on text that is no UTF-8
 }
 
 // The library calls only when what it had has gone to the system.

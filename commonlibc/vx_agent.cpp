@@ -29,6 +29,7 @@
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/http/VXHttpHeaderMap.h"
 #include "commonlibc/http/VXHttpReqRespCaptureSettings.h"
+#include "commonlibc/proxyServer/vx_proxy_lws.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
@@ -176,7 +177,11 @@ void makeFlowpathTables(vxApplication& root) {
 void enterLoop(vxApplication& root) {
     if (VXProxy.proxyMode) {
         VX_TRACE(1, kControlThread, kInfo, "Proxy is running ...");
-        vxProxyInit();
+        if (VXProxy.proxyAgentWebSocket) {
+            vxProxyInitLws();
+        } else {
+            vxProxyInit();
+        }
         return;
     }
     VX_TRACE(1, kControlThread, kInfo, "Going to start control thread ...");

@@ -57,8 +57,7 @@ namespace vx {
     X(SendMessageOnUDPSocket, void(const char* text))                                                   \
     X(freeUDPConnections, void(vxApplication * app))                                                    \
     /* from the agent side */                                                                           \
-    X(initializeVXApplicationGlobal, void())                                                            \
-    X(vxProxyInitLws, void())
+    X(initializeVXApplicationGlobal, void())
 // clang-format on
 
 enum class VXUpcallName : std::size_t {

@@ -154,7 +154,7 @@ void vxDiscoveryConnectionGone(vxApplication& app) {
     if (!stands(app.discovery)) return;
     const std::int32_t count = app.identity.numProcess.load(std::memory_order_relaxed);
     for (std::int32_t i = 0; i < count; ++i)
-        if (processAt(app, i)->discovery.get()) return;
+        if (vxConnectionStands(*processAt(app, i), VXConnection::kDiscovery)) return;
     closeDiscovery(app.discovery);
 }
 

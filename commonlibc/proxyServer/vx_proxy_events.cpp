@@ -1,5 +1,7 @@
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 
+#include <algorithm>
+
 #include "commonlibc/proxyServer/vx_proxy_discovery.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
@@ -17,14 +19,23 @@ struct Served {
     vxApplication& app;
     processInfo_t& process;
     VXConnection kind;
-    VXPeer peer{socket};
+    VXAgentWs* wsi;
+    VXPeer peer{socket, wsi};
 
     int tracedPid() const { return static_cast<int>(process.pid.load(std::memory_order_relaxed)); }
 };
 
+// A WebSocket has handed over more than the buffer takes at once.
+bool goesOn(const Served& from) {
+    return from.wsi && !from.wsi->closing && from.wsi->inLength > 0;
+}
+
 int readLines(const Served& from, VXReadBuffer& buffer) {
     epollPtr_t* address = from.address;
-    return readMessageFromSocket(from.socket, buffer, &address);
+    int result = readMessageFromSocket(from.socket, buffer, &address, from.wsi);
+    while (result == kReadDone && goesOn(from))
+        result = readMessageFromSocket(from.socket, buffer, &address, from.wsi);
+    return result;
 }
 
 int readControlLines(const Served& from) {
@@ -36,7 +47,13 @@ int readDiscoveryLines(const Served& from) {
 }
 
 int readRecords(const Served& from) {
-    return readDataFromSocket(from.socket, VXProxy.dataBuf, from.address->appIndex, from.address->procIndex);
+    const auto read = [&from] {
+        return readDataFromSocket(from.socket, VXProxy.dataBuf, from.address->appIndex,
+                                  from.address->procIndex, from.wsi);
+    };
+    int result = read();
+    while (result == kReadDone && goesOn(from)) result = read();
+    return result;
 }
 
 struct ConnectionRow {
@@ -65,7 +82,10 @@ void closeServed(Served& from) {
     }
     vxCloseConnection(from.process, from.kind, true);
     if (from.kind == VXConnection::kDiscovery) vxDiscoveryConnectionGone(from.app);
-    if (!from.process.control.get() && !from.process.data.get() && !from.process.autoSensor.get())
+    constexpr VXConnection kLasting[] = {VXConnection::kControl, VXConnection::kData,
+                                         VXConnection::kAutoSensor};
+    if (std::none_of(std::begin(kLasting), std::end(kLasting),
+                     [&](VXConnection kind) { return vxConnectionStands(from.process, kind); }))
         from.process.pid.store(kFreePid, std::memory_order_release);
 }
 
@@ -78,6 +98,9 @@ bool isSilent(const Served& from) {
 void hangUp(Served& from) {
     if (from.kind == VXConnection::kDiscovery)
         VX_TRACE(1, kControlThread, kInfo, "Received HANGUP event on unknown fd. Ignoring...");
+    else if (!isSilent(from) && from.wsi)
+        VX_TRACE(1, kControlThread, kInfo, "HANGUP received. (%s) [pid = %d]", rowOf(from.kind).name,
+                 from.tracedPid());
     else if (!isSilent(from))
         VX_TRACE(1, kControlThread, kInfo, "HANGUP received. (%s) [pid = %d] ['%s':'%d']",
                  rowOf(from.kind).name, from.tracedPid(), from.peer.ip(), from.peer.port());
@@ -95,16 +118,25 @@ void readServed(Served& from) {
     closeServed(from);
 }
 
-// True when the pair names a record that exists.
-bool isValid(const epollPtr_t& address, int index, int events) {
+// How many records there are below the instance that the pair names.
+std::int32_t recordsOf(const epollPtr_t& address) {
     const bool appFits = address.appIndex >= 0 && address.appIndex < VXProxy.instanceTableSize;
     const vxApplication* app = appFits ? instanceAt(address.appIndex) : nullptr;
-    const std::int32_t count = app ? app->identity.numProcess.load(std::memory_order_relaxed) : 0;
-    if (app && address.procIndex >= 0 && address.procIndex < count) return true;
+    return app ? app->identity.numProcess.load(std::memory_order_relaxed) : 0;
+}
+
+bool namesRecord(const epollPtr_t& address) {
+    return address.procIndex >= 0 && address.procIndex < recordsOf(address);
+}
+
+// True when the pair names a record that exists.
+bool isValid(const epollPtr_t& address, int index, int events) {
+    if (namesRecord(address)) return true;
     VX_TRACE(1, kControlThread, kError,
              "Invalid epoll context data, appIndex = %d, procIndex = %d (numInstance = %d, numProcess = %d) "
              "i = %d, num = %d",
-             address.appIndex, address.procIndex, VXProxy.numInstance.load(), count, index, events);
+             address.appIndex, address.procIndex, VXProxy.numInstance.load(), recordsOf(address), index,
+             events);
     return false;
 }
 
@@ -136,6 +168,23 @@ void serve(const apr_pollfd_t& event, Served& from) {
     }
 }
 
+// Of a WebSocket whose pair names a record; its instance is made current.
+Served servedBy(VXAgentWs& wsi) {
+    vxApplication& app = *instanceAt(wsi.address->appIndex);
+    vxSetCurrent(&app);
+    processInfo_t& process = *processAt(app, wsi.address->procIndex);
+    return {nullptr, wsi.address, app, process, vxConnectionOf(process, nullptr, &wsi), &wsi};
+}
+
+void traceMessage(const Served& from) {
+    VX_TRACE(3, kControlThread, kInfo, "%s '%s:%d'", rowOf(from.kind).tag, from.peer.ip(), from.peer.port());
+    if (from.kind != VXConnection::kData) return;
+    constexpr std::size_t kShown = 10;
+    VX_TRACE(3, kControlThread, kInfo, "Received for app %s, pid %d size:%d data:%.*s",
+             from.app.identity.appName, from.tracedPid(), static_cast<int>(from.wsi->inLength),
+             static_cast<int>(std::min(from.wsi->inLength, kShown)), from.wsi->in);
+}
+
 }  // namespace
 
 void vxServeConnection(const apr_pollfd_t& event, int index, int count) {
@@ -147,7 +196,7 @@ void vxServeConnection(const apr_pollfd_t& event, int index, int count) {
     vxApplication& app = *instanceAt(address->appIndex);
     vxSetCurrent(&app);
     processInfo_t& process = *processAt(app, address->procIndex);
-    Served from{event.desc.s, address, app, process, vxConnectionOf(process, event.desc.s)};
+    Served from{event.desc.s, address, app, process, vxConnectionOf(process, event.desc.s), nullptr};
     if (event.rtnevents & APR_POLLNVAL) {
         VX_TRACE(1, kControlThread, kError, "Invalid descriptor. Closing socket.");
         if (from.kind == VXConnection::kCount)
@@ -157,6 +206,38 @@ void vxServeConnection(const apr_pollfd_t& event, int index, int count) {
         return;
     }
     serve(event, from);
+}
+
+int vxServeWebSocket(VXAgentWs& wsi) {
+    if (!namesRecord(*wsi.address)) {
+        VX_TRACE(1, kControlThread, kError, "Invalid epoll context data, appIndex = %d,  procIndex = %d",
+                 wsi.address->appIndex, wsi.address->procIndex);
+        return -1;
+    }
+    Served from = servedBy(wsi);
+    if (from.kind == VXConnection::kCount) return -1;
+    traceMessage(from);
+    const int result = rowOf(from.kind).read(from);
+    if (wsi.closing) return -1;
+    if (result >= 0) return 0;
+    vxWebSocketGone(wsi);
+    return -1;
+}
+
+bool vxCarriesRecords(const VXAgentWs& wsi) {
+    if (!wsi.address || !namesRecord(*wsi.address)) return false;
+    const processInfo_t& process = *processAt(*instanceAt(wsi.address->appIndex), wsi.address->procIndex);
+    return process.dataWs.load(std::memory_order_relaxed) == &wsi;
+}
+
+void vxWebSocketGone(VXAgentWs& wsi) {
+    if (!wsi.address || !namesRecord(*wsi.address)) return;
+    Served from = servedBy(wsi);
+    if (from.kind == VXConnection::kCount) {
+        VX_TRACE(1, kControlThread, kInfo, "Received HANGUP event on unknown fd. Ignoring...");
+        return;
+    }
+    hangUp(from);
 }
 
 }  // namespace vx

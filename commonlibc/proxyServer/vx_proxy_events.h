@@ -8,10 +8,20 @@
 
 #include <apr_poll.h>
 
+#include "commonlibc/VXAgentWs.h"
+
 namespace vx {
 
 // Serves one entry of the pollset whose client data is a process's pair. `index` of `count` events of this
 // round: for traces.
 void vxServeConnection(const apr_pollfd_t& event, int index, int count);
+
+// The same for a WebSocket that has registered: reads what it has handed over (`in`), the lines of a message
+// or bytes of the record stream. 0, or -1 when it is closed.
+int vxServeWebSocket(VXAgentWs& wsi);
+// True when it carries the record stream.
+bool vxCarriesRecords(const VXAgentWs& wsi);
+// It has gone, or is to go, with what hangs on it.
+void vxWebSocketGone(VXAgentWs& wsi);
 
 }  // namespace vx

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXFileCache.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_send.h"
@@ -100,9 +101,13 @@ bool isThere(const Request& request) {
 
 // What the agent cannot be told ends the process's connections.
 void giveUp(const Request& request, const char* what) {
-    VX_TRACE(1, kControlThread, kError,
-             "Send Failed, Control Connection Closed. Unable to send %s - %s, connection fd = %d", what,
-             request.name, request.process.controlFd);
+    if (request.process.control.get())
+        VX_TRACE(1, kControlThread, kError,
+                 "Send Failed, Control Connection Closed. Unable to send %s - %s, connection fd = %d", what,
+                 request.name, request.process.controlFd);
+    else
+        VX_TRACE(1, kControlThread, kError, "Send Failed, Control Connection Closed. Unable to send %s - %s",
+                 what, request.name);
     closeAllConnectionsOfProcess(request.address.appIndex, request.address.procIndex);
     request.app.identity.activeProcesses.fetch_sub(1, std::memory_order_relaxed);
 }
@@ -153,7 +158,7 @@ void statAndSendFileContent(const char* name, epollPtr_t* address, int isProfile
                     app,
                     *processAt(app, address->procIndex),
                     ""};
-    if (!request.process.control.get()) return;  // asked over another connection, which outlived it
+    if (!vxHasControl(request.process)) return;  // asked over another connection, which outlived it
     Answer answer;
     if (findPath(request, isProfile != 0) && isThere(request) && readAnswer(request, answer))
         sendFile(request, answer);

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "commonlibc/VXAgentWs.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
 
@@ -95,6 +96,10 @@ bool vxSocketClosed(apr_socket_t* socket) {
     return vxlb_socket_fd(socket) < 0;
 }
 
+bool vxConnectionClosed(apr_socket_t* socket, const VXAgentWs* wsi) {
+    return wsi ? wsi->closing : vxSocketClosed(socket);
+}
+
 void vxEndPollRound() {
     for (apr_pool_t* pool : closedPools()) apr_pool_destroy(pool);
     closedPools().clear();
@@ -103,7 +108,10 @@ void vxEndPollRound() {
 void VXPeer::look() const {
     if (port_ >= 0) return;
     port_ = 0;
-    get_dst_addr(socket_, ip_, sizeof(ip_), &port_);
+    if (wsi_)
+        vxAgentWsPeer(*wsi_, ip_, sizeof(ip_), &port_);
+    else
+        get_dst_addr(socket_, ip_, sizeof(ip_), &port_);
 }
 
 const char* VXPeer::ip() const {

@@ -32,10 +32,14 @@ bool vxSocketClosed(apr_socket_t* socket);
 // Destroys the pools of the sockets that were closed in this round.
 void vxEndPollRound();
 
-// Address of a socket's peer for trace lines, looked up when it is first asked for.
+// True when a connection, a socket of the pollset or a WebSocket, has been closed; this is how one that was
+// closed while its lines were handled is told apart.
+bool vxConnectionClosed(apr_socket_t* socket, const VXAgentWs* wsi);
+
+// Address of a connection's peer for trace lines, looked up when it is first asked for.
 class VXPeer {
 public:
-    explicit VXPeer(apr_socket_t* socket) : socket_(socket) {}
+    explicit VXPeer(apr_socket_t* socket, const VXAgentWs* wsi = nullptr) : socket_(socket), wsi_(wsi) {}
     const char* ip() const;
     int port() const;
 
@@ -43,6 +47,7 @@ private:
     void look() const;
 
     apr_socket_t* socket_;
+    const VXAgentWs* wsi_;
     mutable char ip_[64] = "";
     mutable int port_ = -1;
 };

@@ -2,8 +2,10 @@
 
 #include <apr_errno.h>
 
+#include <algorithm>
 #include <cstring>
 
+#include "commonlibc/VXAgentWs.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_relay.h"
@@ -17,12 +19,22 @@ namespace vx {
 namespace {
 
 constexpr char kRecordStart = '^';
-constexpr std::int32_t kMaxMessage = kReadBufSize - 1;
+
+// Of what the library has handed over, as much as there is room for.
+int takeHandedOver(VXAgentWs& wsi, VXReadBuffer& buffer, apr_size_t room) {
+    const apr_size_t count = std::min(wsi.inLength, room);
+    if (count) std::memcpy(buffer.buffer + buffer.writeOffset, wsi.in, count);
+    buffer.buffer[buffer.writeOffset + static_cast<std::int32_t>(count)] = '\0';
+    wsi.in += count;
+    wsi.inLength -= count;
+    return static_cast<int>(count);
+}
 
 // One read at most up to `limit` bytes in the buffer, terminated. The count, or a code.
-int receive(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t limit) {
+int receive(apr_socket_t* socket, VXAgentWs* wsi, VXReadBuffer& buffer, std::int32_t limit) {
     auto count = static_cast<apr_size_t>(limit - buffer.writeOffset);
     if (count == 0) return kReadFailed;
+    if (wsi) return takeHandedOver(*wsi, buffer, count);
     apr_socket_timeout_set(socket, 0);  // readiness may be false: a read never waits
     const apr_status_t status = apr_socket_recv(socket, buffer.buffer + buffer.writeOffset, &count);
     if (APR_STATUS_IS_EAGAIN(status) || APR_STATUS_IS_EINTR(status)) return 0;
@@ -37,9 +49,9 @@ processInfo_t* processOf(const epollPtr_t* address) {
 }
 
 // The process whose discovery connection this is, else null.
-processInfo_t* discoveryProcess(const apr_socket_t* socket, const epollPtr_t* address) {
+processInfo_t* discoveryProcess(const apr_socket_t* socket, const VXAgentWs* wsi, const epollPtr_t* address) {
     processInfo_t* process = processOf(address);
-    return process && process->discovery.get() == socket ? process : nullptr;
+    return process && vxConnectionOf(*process, socket, wsi) == VXConnection::kDiscovery ? process : nullptr;
 }
 
 void putTailInFront(const processInfo_t& process, VXReadBuffer& buffer) {
@@ -125,13 +137,15 @@ void keepCarryOver(VXDecoderState_t& decoder, processInfo_t& process) {
     decoder.partialBuffer[0] = '\0';
 }
 
-void decodeRest(const apr_socket_t* socket, VXReadBuffer& buffer, const epollPtr_t& address) {
+void decodeRest(const apr_socket_t* socket, const VXAgentWs* wsi, VXReadBuffer& buffer,
+                const epollPtr_t& address) {
     vxApplication& app = *instanceAt(address.appIndex);
     processInfo_t& process = *processAt(app, address.procIndex);
     vxSetCurrent(&app);
     const VXGuard lock(app.decoder.decodeMutex);
     decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
-    if (process.data.get() == socket) keepCarryOver(app.decoder, process);  // others have no next read
+    if (vxConnectionOf(process, socket, wsi) == VXConnection::kData)
+        keepCarryOver(app.decoder, process);  // others have no next read
     setResetSocketBuffer(buffer);
 }
 
@@ -148,11 +162,12 @@ bool setResetSocketBuffer(VXReadBuffer& buffer) {
     return true;
 }
 
-int readMessageFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot) {
+int readMessageFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot,
+                          VXAgentWs* wsi) {
     if (!setResetSocketBuffer(buffer)) return kReadFailed;
-    processInfo_t* discovery = discoveryProcess(socket, *epollPtrSlot);
+    processInfo_t* discovery = discoveryProcess(socket, wsi, *epollPtrSlot);
     if (discovery) putTailInFront(*discovery, buffer);
-    const int count = receive(socket, buffer, kMaxMessage);
+    const int count = receive(socket, wsi, buffer, kMaxMessage);
     if (count == 0) return kReadNothing;
     if (count == kReadClosed) {
         traceClosed(count, *epollPtrSlot);
@@ -164,17 +179,17 @@ int readMessageFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t
     }
     const bool waitsForNewline = discovery && count > 0 && buffer.writeOffset < kMaxMessage;
     if (!(waitsForNewline && !nextNewline(buffer))) {
-        const int result = processdatamsg(socket, buffer, epollPtrSlot);
+        const int result = processdatamsg(socket, buffer, epollPtrSlot, wsi);
         if (result != kReadDone) return result;
     }
-    if (discovery && !vxSocketClosed(socket)) {
+    if (discovery && !vxConnectionClosed(socket, wsi)) {
         VX_TRACE(3, kControlThread, kInfo, "Method Called for AD ");
         keepTail(*discovery, buffer);
     }
     return kReadDone;
 }
 
-int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot) {
+int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot, VXAgentWs* wsi) {
     char* newline = nextNewline(buffer);
     if (!newline) {
         VX_TRACE(1, kControlThread, kError,
@@ -187,10 +202,10 @@ int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epol
         const bool recordsFollow = buffer.remaining > length + 1 && newline[1] == kRecordStart;
         *newline = '\0';
         consume(buffer, length + 1);
-        if (length > 0) processReceivedMsg(socket, line, epollPtrSlot);
-        if (vxSocketClosed(socket)) return kReadDone;
+        if (length > 0) processReceivedMsg(socket, line, epollPtrSlot, wsi);
+        if (vxConnectionClosed(socket, wsi)) return kReadDone;
         if (recordsFollow && *epollPtrSlot) {
-            decodeRest(socket, buffer, **epollPtrSlot);
+            decodeRest(socket, wsi, buffer, **epollPtrSlot);
             return kReadDone;
         }
     }
@@ -199,13 +214,13 @@ int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epol
 }
 
 int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t appIndex,
-                       std::int32_t procIndex) {
+                       std::int32_t procIndex, VXAgentWs* wsi) {
     vxApplication& app = *vxCurrent();
     if (!setResetSocketBuffer(buffer)) return kReadFailed;
     const VXGuard lock(app.decoder.decodeMutex);
     processInfo_t& process = *processAt(app, procIndex);
     putCarryOverInFront(process, buffer);
-    const int count = receive(socket, buffer, kReadBufSize);
+    const int count = receive(socket, wsi, buffer, kReadBufSize);
     if (count == 0) return kReadNothing;
     if (!collectorTakesData(app)) return kReadClosed;
     if (count == kReadFailed)

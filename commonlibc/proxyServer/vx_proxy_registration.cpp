@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "commonlibc/VXAgentWs.h"
 #include "commonlibc/proxyServer/vx_proxy_instance_link.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/proxyServer/vx_proxy_registration_line.h"
@@ -25,11 +26,22 @@ struct Registration {
     apr_socket_t* socket;
     epollPtr_t** slot;
     const kwLocalStruct& line;
-    VXPeer peer{socket};
+    VXAgentWs* wsi;
+    VXPeer peer{socket, wsi};
 
     int tracedPid() const { return static_cast<int>(line.pid); }
-    void refuse() { cleanAndRemoveSocket(socket, false); }
+    void refuse() {
+        if (wsi)
+            vxCloseAgentWs(*wsi);
+        else
+            cleanAndRemoveSocket(socket, false);
+    }
 };
+
+// The library polls a WebSocket itself.
+bool addInPoll(apr_socket_t* socket, const VXAgentWs* wsi, epollPtr_t* address) {
+    return wsi || addSocketInEpoll(socket, address);
+}
 
 bool same(const char* a, const char* b) {
     return a && b && std::strcmp(a, b) == 0;
@@ -119,6 +131,7 @@ int giveUpRecord(processInfo_t& process, epollPtr_t** slot) {
         const VXGuard lock(process.sendMutex);
         const VXGuard closing(process.control.closeMutex);
         process.control.socket.store(nullptr, std::memory_order_release);
+        process.controlWs.store(nullptr, std::memory_order_release);
     }
     process.controlFd = -1;
     process.pid.store(kFreePid, std::memory_order_release);
@@ -146,7 +159,7 @@ std::int32_t placeOf(vxApplication& app, const Registration& from, bool& isNew) 
                  "Control connection received again from application with pId = %d, '%s:%d'",
                  from.tracedPid(), from.peer.ip(), from.peer.port());
         processInfo_t& process = *processAt(app, place);
-        if (process.control.get()) app.identity.activeProcesses.fetch_sub(1);
+        if (vxConnectionStands(process, VXConnection::kControl)) app.identity.activeProcesses.fetch_sub(1);
         vxCloseConnection(process, VXConnection::kControl, true);
         return place;
     }
@@ -166,7 +179,8 @@ bool joinInstance(std::int32_t appIndex, Registration& from) {
     vxApplication& app = *instanceAt(appIndex);
     bool isNew = false;
     const std::int32_t place = placeOf(app, from, isNew);
-    if (place >= 0 && populateProcessInfo(appIndex, place, from.line.pid, from.slot, from.socket, isNew) == 0)
+    if (place >= 0 &&
+        populateProcessInfo(appIndex, place, from.line.pid, from.slot, from.socket, isNew, from.wsi) == 0)
         return true;
     VX_TRACE(1, kControlThread, kError,
              "Control connection registration failed with proxy, pId = %d, '%s:%d'", from.tracedPid(),
@@ -215,10 +229,10 @@ void foundInstance(Registration& from) {
         return;
     }
     processInfo_t& process = *vxProcessRecord(*app, 0);
-    vxAttachSocket(process, VXConnection::kControl, from.socket);
+    vxAttachSocket(process, VXConnection::kControl, from.socket, from.wsi);
     *from.slot = process.epollPtr;
     app->identity.numProcess.store(1, std::memory_order_release);
-    if (addSocketInEpoll(from.socket, process.epollPtr)) {
+    if (addInPoll(from.socket, from.wsi, process.epollPtr)) {
         app->identity.activeProcesses.store(1, std::memory_order_relaxed);
         VX_TRACE(1, kControlThread, kInfo, "Process Info populated for Application with pid = %d, '%s:%d'",
                  from.tracedPid(), from.peer.ip(), from.peer.port());
@@ -270,8 +284,8 @@ void registerFurther(const FurtherRow& row, Registration& from) {
         return;
     }
     processInfo_t& process = *processAt(app, place);
-    vxAttachSocket(process, row.kind, from.socket);
-    if (!addSocketInEpoll(from.socket, process.epollPtr)) {
+    vxAttachSocket(process, row.kind, from.socket, from.wsi);
+    if (!addInPoll(from.socket, from.wsi, process.epollPtr)) {
         vxCloseConnection(process, row.kind, false);
         return;
     }
@@ -282,10 +296,11 @@ void registerFurther(const FurtherRow& row, Registration& from) {
 
 }  // namespace
 
-void parseProxyMsgReq(apr_socket_t* socket, char* fields, epollPtr_t** epollPtrSlot, int connectionType) {
+void parseProxyMsgReq(apr_socket_t* socket, char* fields, epollPtr_t** epollPtrSlot, int connectionType,
+                      VXAgentWs* wsi) {
     kwLocalStruct line;
     vxParseRegistrationLine(fields, line);
-    Registration from{socket, epollPtrSlot, line};
+    Registration from{socket, epollPtrSlot, line, wsi};
     if (connectionType == kConTypeControl) {
         if (line.pid == kFreePid) {  // marks a free record
             VX_TRACE(1, kControlThread, kError,
@@ -306,17 +321,17 @@ void parseProxyMsgReq(apr_socket_t* socket, char* fields, epollPtr_t** epollPtrS
 }
 
 int populateProcessInfo(std::int32_t appIndex, std::int32_t procIndex, std::int64_t pid,
-                        epollPtr_t** epollPtrSlot, apr_socket_t* socket, int addProcess) {
+                        epollPtr_t** epollPtrSlot, apr_socket_t* socket, int addProcess, VXAgentWs* wsi) {
     vxApplication& app = *instanceAt(appIndex);
     processInfo_t& process = *vxProcessRecord(app, procIndex);
-    const VXPeer peer(socket);
+    const VXPeer peer(socket, wsi);
     process.firstWord = 0;
     process.pid.store(pid, std::memory_order_relaxed);
-    vxAttachSocket(process, VXConnection::kControl, socket);
+    vxAttachSocket(process, VXConnection::kControl, socket, wsi);
     if (!*epollPtrSlot) *epollPtrSlot = process.epollPtr;
     if (addProcess) app.identity.numProcess.fetch_add(1, std::memory_order_release);
 
-    if (!tellWhatWasMissed(app, process, peer) || !addSocketInEpoll(socket, process.epollPtr))
+    if (!tellWhatWasMissed(app, process, peer) || !addInPoll(socket, wsi, process.epollPtr))
         return giveUpRecord(process, epollPtrSlot);
     app.identity.activeProcesses.fetch_add(1, std::memory_order_relaxed);
     VX_TRACE(1, kControlThread, kInfo, "Process Info populated for Application with pid = %d, '%s:%d'",

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "commonlibc/VXAgentWs.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
@@ -29,12 +30,13 @@ constexpr std::int32_t kProcessGrowBy = 510;
 struct ConnectionRow {
     VXSharedSocket processInfo_t::*handle;
     std::int32_t processInfo_t::*descriptor;
+    std::atomic<VXAgentWs*> processInfo_t::*wsi;
 };
 constexpr ConnectionRow kConnectionRows[] = {
-    {&processInfo_t::control, &processInfo_t::controlFd},
-    {&processInfo_t::data, &processInfo_t::dataFd},
-    {&processInfo_t::autoSensor, &processInfo_t::asFd},
-    {&processInfo_t::discovery, &processInfo_t::discoveryFd},
+    {&processInfo_t::control, &processInfo_t::controlFd, &processInfo_t::controlWs},
+    {&processInfo_t::data, &processInfo_t::dataFd, &processInfo_t::dataWs},
+    {&processInfo_t::autoSensor, &processInfo_t::asFd, &processInfo_t::asWs},
+    {&processInfo_t::discovery, &processInfo_t::discoveryFd, &processInfo_t::discoveryWs},
 };
 static_assert(std::size(kConnectionRows) == static_cast<std::size_t>(VXConnection::kCount));
 
@@ -139,6 +141,14 @@ void freeDataBuffer(processInfo_t& process) {
 void freeDiscoveryTail(processInfo_t& process) {
     VXLB_FREE(std::exchange(process.discoveryTail, nullptr), "discovery tail", -1);
     process.discoveryTailLength = 0;
+}
+
+// What it answers nobody sends on any more.
+VXAgentWs* takeWebSocket(processInfo_t& process, VXConnection kind) {
+    std::atomic<VXAgentWs*>& handle = process.*rowOf(kind).wsi;
+    if (!handle.load(std::memory_order_relaxed)) return nullptr;
+    const VXGuard lock(process.sendMutex);
+    return handle.exchange(nullptr, std::memory_order_acq_rel);
 }
 
 bool threadsMayRun(const vxApplication& app) {
@@ -253,8 +263,13 @@ std::int32_t vxFindProcess(const vxApplication& instance, std::int64_t pid) {
     return -1;
 }
 
-void vxAttachSocket(processInfo_t& process, VXConnection kind, apr_socket_t* socket) {
+void vxAttachSocket(processInfo_t& process, VXConnection kind, apr_socket_t* socket, VXAgentWs* wsi) {
     vxCloseConnection(process, kind, true);
+    if (wsi) {
+        const VXGuard lock(process.sendMutex);
+        (process.*rowOf(kind).wsi).store(wsi, std::memory_order_release);
+        return;
+    }
     process.*rowOf(kind).descriptor = vxlb_socket_fd(socket);
     vxlb_shared_put(process.*rowOf(kind).handle, socket);
 }
@@ -266,6 +281,7 @@ void vxCloseConnection(processInfo_t& process, VXConnection kind, bool removeFro
         const VXGuard lock(process.sendMutex);
         cleanAndRemoveSocket(handle, removeFromPoll);
     }
+    if (VXAgentWs* wsi = takeWebSocket(process, kind)) vxCloseAgentWs(*wsi);
     process.*rowOf(kind).descriptor = -1;
     if (kind == VXConnection::kData) {
         process.firstWord = 0;
@@ -274,10 +290,17 @@ void vxCloseConnection(processInfo_t& process, VXConnection kind, bool removeFro
     if (kind == VXConnection::kDiscovery) freeDiscoveryTail(process);
 }
 
-VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* socket) {
+bool vxConnectionStands(const processInfo_t& process, VXConnection kind) {
+    return (process.*rowOf(kind).handle).get() || (process.*rowOf(kind).wsi).load(std::memory_order_relaxed);
+}
+
+VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* socket, const VXAgentWs* wsi) {
+    const auto isThis = [&](const ConnectionRow& row) {
+        return wsi ? (process.*row.wsi).load(std::memory_order_relaxed) == wsi
+                   : (process.*row.handle).get() == socket;
+    };
     std::size_t kind = 0;
-    while (kind < std::size(kConnectionRows) && (process.*kConnectionRows[kind].handle).get() != socket)
-        ++kind;
+    while (kind < std::size(kConnectionRows) && !isThis(kConnectionRows[kind])) ++kind;
     return static_cast<VXConnection>(kind);
 }
 

@@ -46,12 +46,15 @@ bool vxGrowProcessTable(vxApplication& instance);
 // Index of the record with that pid, else -1.
 std::int32_t vxFindProcess(const vxApplication& instance, std::int64_t pid);
 
-// Puts a connection's socket into its record, closing the one that stood there.
-void vxAttachSocket(processInfo_t& process, VXConnection kind, apr_socket_t* socket);
+// Puts a connection's socket, or its WebSocket, into its record, closing the one that stood there.
+void vxAttachSocket(processInfo_t& process, VXConnection kind, apr_socket_t* socket,
+                    VXAgentWs* wsi = nullptr);
+bool vxConnectionStands(const processInfo_t& process, VXConnection kind);
 // Closes a connection of the record, if it stands, and what belongs to it.
 void vxCloseConnection(processInfo_t& process, VXConnection kind, bool removeFromPoll);
-// Which connection of the record the socket is; kCount: none.
-VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* socket);
+// Which connection of the record the socket or WebSocket is; kCount: none.
+VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* socket,
+                            const VXAgentWs* wsi = nullptr);
 // Closes control, data and auto-sensor connection and frees the record. The discovery connection stays; the
 // count of active processes is the caller's.
 void closeAllConnectionsOfProcess(std::int32_t appIndex, std::int32_t procIndex);

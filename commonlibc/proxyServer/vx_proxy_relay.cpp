@@ -24,7 +24,8 @@ struct AgentLine {
     epollPtr_t* address;
     vxApplication& app;
     processInfo_t& process;
-    VXPeer peer{socket};
+    VXAgentWs* wsi;
+    VXPeer peer{socket, wsi};
 
     char* behindPrefix() const { return text + std::strlen(prefix); }
 };
@@ -64,7 +65,8 @@ bool takeProfileRequest(AgentLine& line) {
 bool takeDiscoveryLine(AgentLine& line) {
     if (!VXProxy.proxyMode) return false;
     const VXForwarded result = vxForwardDiscoveryLine(line.app, line.text);
-    if (result == VXForwarded::kLost && line.process.discovery.get() == line.socket)
+    if (result == VXForwarded::kLost &&
+        vxConnectionOf(line.process, line.socket, line.wsi) == VXConnection::kDiscovery)
         vxCloseConnection(line.process, VXConnection::kDiscovery, true);
     return result != VXForwarded::kNotTaken;
 }
@@ -128,11 +130,11 @@ void traceRegistration(const RegistrationRow& row, const char* line, const VXPee
         VX_TRACE(2, kControlThread, kInfo, "%s ... '%s:%d'", line, peer.ip(), peer.port());
 }
 
-void registerConnection(apr_socket_t* socket, char* line, epollPtr_t** slot) {
+void registerConnection(apr_socket_t* socket, char* line, epollPtr_t** slot, VXAgentWs* wsi) {
     for (const RegistrationRow& row : kRegistrationRows) {
         if (!beginsWith(line, row.prefix)) continue;
-        traceRegistration(row, line, VXPeer(socket));
-        parseProxyMsgReq(socket, line + std::strlen(row.prefix), slot, row.type);
+        traceRegistration(row, line, VXPeer(socket, wsi));
+        parseProxyMsgReq(socket, line + std::strlen(row.prefix), slot, row.type, wsi);
         if (row.type == kConTypeDiscovery && *slot) vxOpenDiscovery(*instanceAt((*slot)->appIndex));
         return;
     }
@@ -140,15 +142,15 @@ void registerConnection(apr_socket_t* socket, char* line, epollPtr_t** slot) {
 
 }  // namespace
 
-void processReceivedMsg(apr_socket_t* socket, char* line, epollPtr_t** epollPtrSlot) {
+void processReceivedMsg(apr_socket_t* socket, char* line, epollPtr_t** epollPtrSlot, VXAgentWs* wsi) {
     if (!*epollPtrSlot) {
-        registerConnection(socket, line, epollPtrSlot);
+        registerConnection(socket, line, epollPtrSlot, wsi);
         return;
     }
     vxApplication& app = *instanceAt((*epollPtrSlot)->appIndex);
     vxSetCurrent(&app);
     processInfo_t& process = *processAt(app, (*epollPtrSlot)->procIndex);
-    AgentLine agentLine{line, "", socket, *epollPtrSlot, app, process};
+    AgentLine agentLine{line, "", socket, *epollPtrSlot, app, process, wsi};
     for (const LineRow& row : kLineRows) {
         if (!beginsWith(line, row.prefix)) continue;
         agentLine.prefix = row.prefix;

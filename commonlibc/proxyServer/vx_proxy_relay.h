@@ -13,7 +13,9 @@
 namespace vx {
 
 // `line` is terminated, without its newline, and may be changed in place, its terminator included. The
-// connection may be closed afterwards (vxSocketClosed).
-void processReceivedMsg(apr_socket_t* socket, char* line, epollPtr_t** epollPtrSlot);
+// connection, a socket or a WebSocket (then the socket is null), may be closed afterwards
+// (vxConnectionClosed).
+void processReceivedMsg(apr_socket_t* socket, char* line, epollPtr_t** epollPtrSlot,
+                        VXAgentWs* wsi = nullptr);
 
 }  // namespace vx

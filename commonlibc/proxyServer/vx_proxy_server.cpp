@@ -1,81 +1,30 @@
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 
 #include <apr_errno.h>
-#include <apr_general.h>
-#include <apr_signal.h>
 
-#include <csignal>
-#include <mutex>
-#include <utility>
-
-#include "commonlibc/VXLosses.h"
-#include "commonlibc/proxyServer/proxyMemCheck.h"
 #include "commonlibc/proxyServer/vx_proxy_events.h"
+#include "commonlibc/proxyServer/vx_proxy_listener.h"
 #include "commonlibc/proxyServer/vx_proxy_pending.h"
 #include "commonlibc/proxyServer/vx_proxy_poll.h"
-#include "commonlibc/proxyServer/vx_proxy_read.h"
-#include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
-#include "commonlibc/proxyServer/vx_udp_receiver.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_clock.h"
-#include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
 
 namespace vx {
 
-VXListenerReport vxListenerReport{};
-
 namespace {
 
 constexpr std::int64_t kPollUs = 10000000;
-constexpr std::int64_t kBindRetryUs = 10000000;
 constexpr std::int64_t kAcceptPauseUs = 1000000;
-
-std::mutex wakeMutex;
-apr_pollset_t* wakeTarget = nullptr;  // wakeMutex
-
-std::atomic<int> brokenPipes{0};  // signals that the loop has not traced yet
 
 // When accepting goes on after the system ran out of descriptors, 0 while it does.
 std::int64_t acceptAgainUs = 0;
 
-bool stopOrdered() {
-    return proxyStopFlag.load(std::memory_order_acquire) != 0;
-}
-
-void setWakeTarget(apr_pollset_t* pollset) {
-    const std::lock_guard lock(wakeMutex);
-    wakeTarget = pollset;
-}
-
-void wakeForOperations(VXThreadOpsQueue& /*queue*/) {
-    vxWakeListener();
-}
-
-bool makeThreadOperations() {
-    return initializeThreadOperations(VXProxy.threadOps, VXProxy.listenerPool, 0, wakeForOperations);
-}
-
-bool makeBuffers() {
-    return setResetSocketBuffer(VXProxy.controlBuf) && setResetSocketBuffer(VXProxy.dataBuf) &&
-           setResetSocketBuffer(VXProxy.discoveryBuf);
-}
-
-// False when a stop came before the port could be bound.
-bool bindPort() {
-    char error[kSockErrorSize] = "";
-    bool reported = false;
-    while (!stopOrdered()) {
-        VXProxy.listenSocket = create_socket_and_bind(VXProxy.proxyPort, VXProxy.listenerPool, error);
-        if (VXProxy.listenSocket) return true;
-        VX_TRACE(1, kControlThread, kError, "Proxy Server Failed to listen on port %d. Error: '%s'",
-                 VXProxy.proxyPort, error);
-        VX_TRACE(1, kControlThread, kInfo, "Retry in 10 seconds.");
-        if (!reported && vxListenerReport.bindFailed) vxListenerReport.bindFailed(VXProxy.proxyPort, error);
-        reported = true;
-        vxlb_sleep_watching(kBindRetryUs, stopOrdered);
-    }
+bool bindPort(char* reason) {
+    VXProxy.listenSocket = create_socket_and_bind(VXProxy.proxyPort, VXProxy.listenerPool, reason);
+    if (VXProxy.listenSocket) return true;
+    VX_TRACE(1, kControlThread, kError, "Proxy Server Failed to listen on port %d. Error: '%s'",
+             VXProxy.proxyPort, reason);
     return false;
 }
 
@@ -96,37 +45,14 @@ bool makePollset() {
     return false;
 }
 
-void countBrokenPipe(int) {
-    brokenPipes.fetch_add(1, std::memory_order_relaxed);
-}
-
-bool makeListener() {
-    apr_signal_init(VXProxy.listenerPool);
-    apr_signal(SIGPIPE, countBrokenPipe);
-    if (!makeThreadOperations() || !makeBuffers()) return false;
-    tlWorkerIndex = 0;
-    vxLearnTotalMemory();
-    if (!bindPort()) return false;
+bool startListener() {
+    if (!vxListenerStart() || !vxListenerBind(bindPort)) return false;
     noteBoundAddress();
     return makePollset();
 }
 
-// What was made goes again: the next attempt starts from nothing, on the same port.
-void abandonListener() {
-    for (VXReadBuffer* buffer : {&VXProxy.controlBuf, &VXProxy.dataBuf, &VXProxy.discoveryBuf})
-        VXLB_FREE(std::exchange(buffer->buffer, nullptr), "control buffer read_socket_buf", -1);
-    vxEndThreadOperations(VXProxy.threadOps);
-    VXProxy.pollset = nullptr;
-    VXProxy.listenSocket = nullptr;
-    apr_pool_destroy(std::exchange(VXProxy.listenerPool, nullptr));
-}
-
-bool startListener() {
-    apr_initialize();
-    if (apr_pool_create(&VXProxy.listenerPool, nullptr) != APR_SUCCESS) return false;
-    if (makeListener()) return true;
-    abandonListener();
-    return false;
+void wakePoll() {
+    apr_pollset_wakeup(VXProxy.pollset);
 }
 
 // Out of descriptors: the listening socket leaves the pollset for a while, or it would wake every round.
@@ -203,38 +129,25 @@ void dispatch(const apr_pollfd_t* events, int count) {
     }
 }
 
-void traceBrokenPipes() {
-    if (brokenPipes.exchange(0, std::memory_order_relaxed) > 0)
-        VX_TRACE(1, kControlThread, kInfo, "SIGPIPE received, ignoring... sig value = %d", SIGPIPE);
-}
-
 }  // namespace
 
 void vxProxyInit() {
-    if (!startListener()) return;
-    vxUdpStart();
-    setWakeTarget(VXProxy.pollset);
-    VXProxy.listenerRunning.store(1, std::memory_order_release);
-    if (vxListenerReport.listening) vxListenerReport.listening(VXProxy.proxyHost, VXProxy.proxyPort);
-    while (!stopOrdered()) {
+    if (!startListener()) {
+        vxListenerAbandon();
+        return;
+    }
+    vxListenerRuns(wakePoll);
+    while (!vxListenerStopOrdered()) {
         const apr_pollfd_t* events = nullptr;
         const int count = waitForEvents(events);
-        processThreadOps(VXProxy.threadOps);
+        vxListenerOperations();
         dispatch(events, count);
         vxPendingLook();
         vxEndPollRound();  // behind everything that may name a socket of this round
         resumeAccepting();
-        vxLossesWalk();
-        traceBrokenPipes();
+        vxListenerWork();
     }
-    setWakeTarget(nullptr);
-    vxUdpStop();
-    VXProxy.listenerRunning.store(0, std::memory_order_release);
-}
-
-void vxWakeListener() {
-    const std::lock_guard lock(wakeMutex);
-    if (wakeTarget) apr_pollset_wakeup(wakeTarget);
+    vxListenerEnds();
 }
 
 }  // namespace vx

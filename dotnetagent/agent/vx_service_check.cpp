@@ -14,6 +14,7 @@
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/proxyServer/vx_proxy_lws_certificate.h"
 #include "commonlibc/vx_agent.h"
 #include "dotnetagent/agent/vx_service.h"
 
@@ -22,6 +23,7 @@ namespace vx {
 namespace {
 
 constexpr std::size_t kKeyColumn = 32;
+constexpr std::size_t kReasonSize = 1024;
 constexpr const char* kVariablePrefix = "ZOR_";
 
 // A value that is in force, and the line (0: a variable) that gave it.
@@ -146,6 +148,17 @@ std::string collectorSection(const vxApplication& root) {
     return text + "\n";
 }
 
+// The files that a start would need, if agents come over WSS.
+void checkCertificate() {
+    if (VXProxy.proxyAgentWebSocket != kAgentsOverWss) return;
+    VXAgentCertificate paths;
+    vxAgentCertificate(paths);
+    char reason[kReasonSize];
+    const VXCertificateVerdict verdict = vxCheckAgentCertificate(paths, reason, sizeof(reason));
+    if (verdict == VXCertificateVerdict::kUnusable) findings->faults.emplace_back(reason);
+    if (verdict == VXCertificateVerdict::kExpired) findings->notes.emplace_back(reason);
+}
+
 // A misspelt variable has no effect; it may also be meant for an agent, so it is no fault.
 void noteUnknownVariables() {
     for (char** variable = environ; variable && *variable; ++variable) {
@@ -185,6 +198,7 @@ int vxCheckConfig(std::string* report) {
     *report = "Home: " + std::string(home) + " (" +
               (variable ? std::string("from ") + variable : "VXHOME is not set") + ")\n";
     *report += proxySection() + agentSection(*root) + collectorSection(*root);
+    checkCertificate();
     noteUnknownVariables();
     *report += listOf("Notes:", found.notes) + listOf("Faults:", found.faults);
     *report += found.faults.empty() ? "\nThe configuration is in order.\n"

@@ -19,7 +19,7 @@ std::istringstream stillEmpty(R"(
     handleUploadDownload initVXDynamicSettings
     parseAutoInstrClientMsgAndSendResp parseBackendRuleFile parseDDClientMsgAndSendResp
     parseDynamicSettingsFile resetAppLogSettings resolveTransactionTag
-    setblackListForDebugSession updateMethodInHash vxProxyInitLws
+    setblackListForDebugSession updateMethodInHash
 )");
 
 TEST(Upcalls, WhatIsStillEmptyIsWrittenDown) {
