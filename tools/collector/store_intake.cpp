@@ -169,6 +169,8 @@ void StoreIntake::name(int number, std::string_view rest, Feed& feed) {
     const std::string_view text = number == 5 ? before : behind;
     const std::size_t hash = std::hash<std::string_view>()(text);
     const auto key = static_cast<std::uint64_t>(number) << 32 | static_cast<std::uint64_t>(id);
+    // Names go with their instance: the store has to know it first.
+    if (feed.names.empty()) batch_.instances.push_back(feed.row);
     const auto [known, added] = feed.names.try_emplace(key, hash);
     if (!added && known->second == hash) return;
     known->second = hash;
