@@ -8,6 +8,7 @@
 #include "tools/collector/collector_options.h"
 #include "tools/collector/collector_page.h"
 #include "tools/collector/collector_server.h"
+#include "tools/collector/export_command.h"
 
 namespace {
 
@@ -22,6 +23,10 @@ void requestStop(int) {
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "--check-rules") == 0)
         return vx::vxCheckRulesCommand("vxcollector", argc - 2, argv + 2);
+    if (argc > 1 && std::strcmp(argv[1], "export") == 0)
+        return vx::collector::exportCommand(argc - 2, argv + 2);
+    if (argc > 1 && std::strcmp(argv[1], "export") == 0)
+        return vx::collector::exportCommand(argc - 2, argv + 2);
     vx::collector::Options options;
     switch (vx::collector::readOptions(argc, argv, options)) {
         case vx::collector::OptionsResult::kExitOk:

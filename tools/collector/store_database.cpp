@@ -29,6 +29,7 @@ private:
 
 class SqliteDatabase : public Database {
 public:
+    explicit SqliteDatabase(int timeMs) : timeMs_(timeMs) {}
     ~SqliteDatabase() override { sqlite3_close(database_); }
 
     bool open(const std::string& path, std::string& error) {
@@ -54,7 +55,7 @@ public:
 
     Answered select(const Sql& sql, const Take& take, std::string& error) override {
         sqlite3_stmt* statement = nullptr;
-        end_ = Clock::now() + std::chrono::milliseconds(kQueryTimeMs);
+        end_ = Clock::now() + std::chrono::milliseconds(timeMs_);
         int answer = sqlite3_prepare_v2(database_, sql.text().c_str(), -1, &statement, nullptr);
         if (answer == SQLITE_OK) {
             bind(statement, sql);
@@ -85,14 +86,15 @@ private:
         }
     }
 
+    const int timeMs_;
     sqlite3* database_ = nullptr;
     Clock::time_point end_{};
 };
 
 }  // namespace
 
-std::unique_ptr<Database> openSqlite(const std::string& path, std::string& error) {
-    auto database = std::make_unique<SqliteDatabase>();
+std::unique_ptr<Database> openSqlite(const std::string& path, int timeMs, std::string& error) {
+    auto database = std::make_unique<SqliteDatabase>(timeMs);
     error.clear();
     if (!database->open(path, error)) return nullptr;
     return database;

@@ -1,6 +1,6 @@
 // A database that is asked: one statement for each dialect, answers row by row.
 //
-// Limits    A statement that takes longer than kQueryTimeMs is ended and answers kCut.
+// Limits    A statement that takes longer than the time given is ended and answers kCut.
 // Threads   One at a time.
 #pragma once
 
@@ -63,6 +63,6 @@ public:
 };
 
 // A file that is there already, for reading. Null with the reason in `error`.
-std::unique_ptr<Database> openSqlite(const std::string& path, std::string& error);
+std::unique_ptr<Database> openSqlite(const std::string& path, int timeMs, std::string& error);
 
 }  // namespace vx::collector

@@ -66,8 +66,8 @@ void addFilters(Sql& sql, const TransactionsQuery& query, const Database& databa
 StoreQuery::StoreQuery() = default;
 StoreQuery::~StoreQuery() = default;
 
-bool StoreQuery::openFile(const std::string& path) {
-    database_ = openSqlite(path, error_);
+bool StoreQuery::openFile(const std::string& path, int timeMs) {
+    database_ = openSqlite(path, timeMs, error_);
     return database_ != nullptr;
 }
 
@@ -103,13 +103,40 @@ std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_
     return name;
 }
 
-Answered StoreQuery::transaction(std::int64_t id, TransactionDetails& out) {
+Answered StoreQuery::transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
+                                        std::vector<TransactionRow>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    Sql sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE id > ?");
+    sql.add("", afterId);
+    addSpan(sql, span);
+    sql.add(" ORDER BY id LIMIT ?", static_cast<std::int64_t>(std::min(limit, kMostRows)));
+    ask(
+        sql, [&](const ResultRow& row) { out.push_back(transactionOf(row)); }, answer);
+    return answer;
+}
+
+// The one row that a condition picks.
+Answered StoreQuery::oneRow(const char* condition, std::int64_t value, TransactionRow& out) {
     out = {};
     Answered answer = Answered::kOk;
-    const auto fill = [&](const ResultRow& row) { out.row = transactionOf(row); };
-    ask(Sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE id = ?").add("", id),
-        fill, answer);
-    if (answer == Answered::kOk && out.row.id != id) answer = Answered::kFailed;  // there is none
+    ask(
+        Sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE ").add(condition, value),
+        [&](const ResultRow& row) { out = transactionOf(row); }, answer);
+    return answer == Answered::kOk && out.id == 0 ? Answered::kFailed : answer;
+}
+
+Answered StoreQuery::transactionRow(std::int64_t id, TransactionRow& out) {
+    return oneRow("id = ?", id, out);
+}
+
+Answered StoreQuery::callerOf(const TransactionRow& row, TransactionRow& out) {
+    return oneRow("flowpath = ? AND flowpath <> 0 ORDER BY id DESC LIMIT 1", row.previous, out);
+}
+
+Answered StoreQuery::transaction(std::int64_t id, TransactionDetails& out) {
+    out = {};
+    Answered answer = transactionRow(id, out.row);
     if (answer == Answered::kOk) answer = readLines(out);
     if (answer != Answered::kFailed) answer = std::max(answer, neighbours(out));
     if (answer == Answered::kFailed) out = {};
@@ -139,11 +166,8 @@ Answered StoreQuery::readLines(TransactionDetails& out) {
 
 Answered StoreQuery::neighbours(TransactionDetails& out) {
     Answered answer = Answered::kOk;
-    if (out.row.previous)
-        ask(
-            Sql("SELECT id FROM transactions WHERE flowpath = ? ORDER BY id DESC LIMIT 1")
-                .add("", out.row.previous),
-            [&](const ResultRow& row) { out.caller = row.number(0); }, answer);
+    TransactionRow caller;
+    if (out.row.previous && callerOf(out.row, caller) == Answered::kOk) out.caller = caller.id;
     if (out.row.flowpath)
         ask(
             Sql("SELECT id FROM transactions WHERE previous = ?")

@@ -139,13 +139,19 @@ public:
     StoreQuery& operator=(const StoreQuery&) = delete;
 
     // A database file, which is there already (a StoreWriter makes it). False with the reason in error().
-    bool openFile(const std::string& path);
+    bool openFile(const std::string& path, int timeMs = kQueryTimeMs);
     const std::string& error() const { return error_; }
 
     Answered sums(const SumsQuery& query, Sums& out);
     Answered transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out);
+    // Those behind `afterId`, in the order of their ids: for whoever wants all.
+    Answered transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
+                                std::vector<TransactionRow>& out);
     // kFailed with an empty error() when there is none of that id.
+    Answered transactionRow(std::int64_t id, TransactionRow& out);
     Answered transaction(std::int64_t id, TransactionDetails& out);
+    // The transaction of another tier that called this one. kFailed with an empty error() when there is none.
+    Answered callerOf(const TransactionRow& row, TransactionRow& out);
     Answered backends(TimeSpan span, Backends& out);
     Answered exceptions(TimeSpan span, std::vector<ExceptionSums>& out);
     Answered monitors(const SumsQuery& query, std::vector<MonitorRow>& out);
@@ -158,6 +164,7 @@ public:
 
 private:
     Answered ask(const Sql& sql, const Database::Take& take, Answered& worst);
+    Answered oneRow(const char* condition, std::int64_t value, TransactionRow& out);
     Answered round(SumsQuery& query);
     std::string nameOf(std::int64_t instance, NameKind kind, std::int64_t id, std::int64_t transaction);
     Answered readLines(TransactionDetails& out);
