@@ -1,11 +1,12 @@
 #include "tools/collector/store.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <unistd.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <memory>
+#include <utility>
 
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
@@ -268,6 +269,94 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
     ASSERT_EQ(query.transactions(all, rows), Answered::kOk);
     EXPECT_GT(rows.size(), 1000U);
     EXPECT_EQ(rows.at(0).flowpath, 100 + 19'999) << "the youngest stay";
+}
+
+TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
+    constexpr std::int64_t kSent = 40'000;
+    open();
+    take("7,2,Pay");
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlim_t most = std::exchange(limit.rlim_cur, 1024 * 1024);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string url = "/" + std::string(2500, 'x');
+    for (int i = 0; i < kSent; ++i) transaction(1 + i, 1000, 5, 10, "", url);
+    ASSERT_TRUE(test::eventually([&] { return !store->status().fault.empty(); }));
+    EXPECT_LE(store->status().queuedBytes, kMostQueued + kLargeBatch);
+    limit.rlim_cur = most;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ASSERT_TRUE(test::eventually([&] { return store->status().fault.empty(); }));
+    const auto dropped = static_cast<std::int64_t>(store->status().dropped);
+    close();
+    EXPECT_GT(dropped, 0);
+    Sums sums;
+    ASSERT_EQ(query.sums(lastMinutes(), sums), Answered::kOk);
+    EXPECT_EQ(sums.all.count, static_cast<std::uint64_t>(kSent)) << "sums know of all";
+    std::int64_t stored = 0, told = 0;
+    std::vector<TransactionRow> rows;
+    for (std::int64_t last = 0;
+         query.transactionsBehind(last, {}, 5000, rows) == Answered::kOk && !rows.empty();) {
+        stored += static_cast<std::int64_t>(rows.size());
+        last = rows.back().id;
+    }
+    std::vector<LinkRow> links;
+    ASSERT_EQ(query.links({}, 0, links), Answered::kOk);
+    for (const LinkRow& link : links) told += link.dropped;
+    EXPECT_EQ(stored + dropped, kSent);
+    EXPECT_EQ(told, dropped);
+}
+
+TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
+    const auto refusal = [&](const std::string& path) {
+        std::string error;
+        EXPECT_FALSE(SqliteSink().open(path, {}, error));
+        return error;
+    };
+    const auto execute = [](const std::string& path, const char* sql) {
+        sqlite3* database = nullptr;
+        sqlite3_open(path.c_str(), &database);
+        sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
+        sqlite3_close(database);
+    };
+    const std::string text(5000, 'x');
+    EXPECT_NE(refusal(dir.write("text", text)).find("file is not a database"), std::string::npos);
+    EXPECT_EQ(dir.read("text"), text);
+    execute(dir / "other", "CREATE TABLE a(b)");
+    EXPECT_NE(refusal(dir / "other").find("a database of another program"), std::string::npos);
+    EXPECT_NE(refusal(dir / "no/where").find("No such file"), std::string::npos);
+    open();
+    EXPECT_NE(refusal(file).find("another vxcollector writes it"), std::string::npos);
+    close();
+    execute(file, "PRAGMA user_version = 2");
+    EXPECT_NE(refusal(file).find("written by a newer vxcollector"), std::string::npos);
+    EXPECT_FALSE(query.openFile(file));
+    EXPECT_FALSE(query.openFile(dir / "absent"));
+    EXPECT_FALSE(query.openFile(dir / "other"));
+}
+
+TEST_F(StoreTest, ForgetsTransactionsWithoutAnEndAndCountsThem) {
+    open();
+    take("7,2,Pay");
+    const std::string items(200'000, 'x');
+    for (int i = 0; i < 500; ++i) {  // 100 MB: more than may be in flight
+        take("2," + std::to_string(i + 1) + ",1,5,5.1,2,/a,,0,0,0,,0,-1,,,,5");
+        take("3," + std::to_string(i + 1) + "," + items);
+        take("3," + std::to_string(i + 1) + "," + items);  // more than is kept of one
+    }
+    take("4,500,200,10,0,40,2,0,,0,");
+    take("10,");
+    close();
+    std::vector<LinkRow> links;
+    ASSERT_EQ(query.links({}, 0, links), Answered::kOk);
+    ASSERT_GE(links.size(), 1U);
+    EXPECT_EQ(links[0].incomplete, 499);
+    std::vector<TransactionRow> rows;
+    TransactionDetails tx;
+    ASSERT_EQ(query.transactions({}, rows), Answered::kOk);
+    ASSERT_EQ(rows.size(), 1U);
+    EXPECT_EQ(query.transaction(rows[0].id, tx), Answered::kCut);
+    EXPECT_TRUE(tx.cut && tx.records.size() == 3);
 }
 
 }  // namespace
