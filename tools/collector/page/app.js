@@ -13,6 +13,7 @@ import { transaction } from "./views/transaction.js";
 import { transactions } from "./views/transactions.js";
 
 const POLL_MS = 2000;
+const SETTLED_MS = 120000;  // nothing comes for a time that is longer ago
 
 // A view: make(context) -> { node, load(signal) } with, where needed, route() that takes a change of the address
 // without a new view, refresh: "always" (also when nothing was stored) or "never", and close().
@@ -30,7 +31,7 @@ const VIEWS = {
 const byId = (id) => document.getElementById(id);
 const main = byId("main");
 const context = { status: null };
-let shown = null;  // { name, path, view, serial, busy, asked, error, loading: AbortController }
+let shown = null;  // { name, path, view, serial, busy, asked, took, error, loading: AbortController }
 let previous = null;  // the status before: rates are differences
 
 function drawNav() {
@@ -91,27 +92,32 @@ function tell(error) {
 // Asks the view again. A fault stays with it until it has its answer.
 async function reload() {
     const mine = shown;
+    const { signal } = mine.loading;
     const serial = context.status?.serial;
     mine.busy = true;
     mine.asked = Date.now();
     try {
-        await mine.view.load(mine.loading.signal);
+        await mine.view.load(signal);
         mine.serial = serial;
         mine.error = null;
     } catch (error) {
         if (error.status !== undefined) mine.error = error;
-        else if (!mine.loading.signal.aborted) throw error;
+        else if (!signal.aborted) throw error;
     } finally {
         mine.busy = false;
+        mine.took = Date.now() - mine.asked;
     }
 }
 
+// Whether the view has to ask again: never so often that the collector answers this page most of the time.
 function due() {
-    if (!shown) return false;
+    if (!shown || shown.busy || Date.now() - shown.asked < 4 * shown.took) return false;
     if (shown.error) return true;
     if (shown.view.refresh === "never") return false;
+    const time = span();
+    if (!time.live && time.to < context.status.now - SETTLED_MS) return false;
     if (shown.view.refresh === "always" || shown.serial !== context.status.serial) return true;
-    return span().live && Date.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
+    return Date.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
 }
 
 async function poll() {
@@ -121,7 +127,7 @@ async function poll() {
         previous = context.status;
         context.status = status;
         drawLive(status);
-        if (due() && !shown.busy) await reload();
+        if (due()) await reload();
     } catch (fault) {
         if (fault.status === undefined) throw fault;
         error = fault;
@@ -133,7 +139,7 @@ function open(name, path) {
     shown?.loading.abort();
     shown?.view.close?.();
     const view = VIEWS[name].make(context);
-    shown = { name, path, view, serial: null, busy: false, asked: 0, error: null, loading: new AbortController() };
+    shown = { name, path, view, serial: null, busy: false, asked: 0, took: 0, error: null, loading: new AbortController() };
     replace(main, view.node);
     scrollTo(0, 0);
 }

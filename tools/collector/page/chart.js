@@ -4,10 +4,11 @@ import { h, replace } from "./dom.js";
 import { clock } from "./format.js";
 
 const HEIGHT = 190;
+const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap((power) => [1, 2, 5].map((n) => n * 10 ** power));  // steps of an axis of counts
 
 /**
  * @param options {
- *   title, label(data) -> text for who cannot see it, format(value) -> text,
+ *   title, whole: figures are counts, label(data) -> text for who cannot see it, format(value) -> text,
  *   series: [{ key, name, colour: custom property, href() }], stacked, onPick(fromMs, toMs)
  * }
  * @returns { node, update({ times: ms[], step: ms, values: { key: number[] }, summary: { key: number } }), close() }
@@ -76,7 +77,7 @@ export function timeChart(options) {
             select: { show: true, left: 0, top: 0, width: 0, height: 0 },
             scales: { y: { range: (u, low, high) => [0, high > 0 ? high * 1.08 : 1] } },
             axes: [axis({ space: 64, size: 24, values: (u, splits) => splits.map((t) => moment(t, u)) }),
-                   axis({ size: 62, space: 36, values: (u, splits) => splits.map((v) => options.format(v)) })],
+                   axis({ size: 62, space: 36, ...(options.whole && { incrs: WHOLE }), values: (u, splits) => splits.map((v) => options.format(v)) })],
             series: [{}, ...drawn.map(seriesOf)],
             hooks: { setCursor: [(u) => readout(u.cursor.idx)], setSelect: [picked] },
         }, data, canvas);

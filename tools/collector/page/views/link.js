@@ -49,7 +49,7 @@ function flowCharts() {
                  { key: "monitorRecords", name: "Of monitors", colour: "callout" }],
     });
     const lost = timeChart({
-        title: "Losses", format: count, stacked: true,
+        title: "Losses", format: count, stacked: true, whole: true,
         label: ({ summary }) => "Losses over time: " + Object.keys(LOSSES).map((k) => `${LOSSES[k]} ${summary[k]}`).join(", "),
         series: Object.keys(LOSSES).map((key, i) => ({ key, name: LOSSES[key], colour: ["error", "verySlow", "none"][i] })),
     });

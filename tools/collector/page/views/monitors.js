@@ -9,22 +9,29 @@ import { rowLink, table } from "../table.js";
 const KINDS = { bt: "Business transactions", backend: "Back-ends", method: "Methods", exception: "Exceptions" };
 const FILTER = { bt: "bt", backend: "backend", exception: "exception" };
 
+const ALL = "(all)";  // the row that sums up the others
+
 const kindNow = () => (KINDS[route().params.get("kind")] ? route().params.get("kind") : "bt");
 
-// Reports come behind what they count: by as much as a reporting interval.
-const SETTLING = 7;  // steps of 10 s
+// A report comes behind what it counts, by as much as a reporting interval: near both ends of the time shown, one side
+// has what the other does not have yet, or no more. No greater difference than that is no contradiction.
+const LAG_MS = 70000;
 
 function verdict(row) {
-    if (row.monitor.count === row.singles.count) return { word: "agrees", text: "Agrees" };
-    const settled = row.steps.slice(0, -SETTLING);
-    const even = settled.reduce((sum, i) => sum + i.monitor - i.singles, 0) === 0;
-    return even && span().live ? { word: "settling", text: "Settling" } : { word: "differs", text: "Differs" };
+    const over = row.monitor.count - row.singles.count;
+    if (over === 0) return { word: "agrees", text: "Agrees" };
+    const step = row.steps.length > 1 ? row.steps[1].at - row.steps[0].at : LAG_MS;
+    const edge = Math.ceil(LAG_MS / step);
+    const sum = (steps, side) => steps.reduce((total, one) => total + one[side], 0);
+    const before = sum(row.steps.slice(0, edge), "monitor");
+    const behind = sum(row.steps.slice(-edge), "singles");
+    return over <= before && -over <= behind ? { word: "edges", text: "Agrees within edges" } : { word: "differs", text: "Differs" };
 }
 
 function singles(row) {
     const filter = FILTER[kindNow()];
     const text = count(row.singles.count);
-    return filter ? rowLink(to("transactions", { [filter]: row.name }), text) : text;
+    return filter ? rowLink(to("transactions", { [filter]: row.name === ALL ? "" : row.name }), text) : text;
 }
 
 function columns() {
@@ -36,7 +43,7 @@ function columns() {
         { title: "Average, records", num: true, cell: (r) => ms(r.singles.averageMs) },
         { title: "Errors", num: true, hint: "Monitor / single records",
           cell: (r) => `${count(r.monitor.error)} / ${count(r.singles.error)}` },
-        { title: "Verdict", sort: (r) => verdict(r).word,
+        { title: "Verdict", hint: "Within edges: the difference is no greater than what lies near the ends of the time shown", sort: (r) => verdict(r).word,
           cell: (r) => h("span", { class: `verdict ${verdict(r).word}` }, verdict(r).text) },
         { title: "Per interval", class: "trend", cell: (r) => spark(r.steps.map((i) => i.monitor)) },
     ];
@@ -67,9 +74,9 @@ export function monitors() {
         list.update(rows);
         const words = rows.map((r) => verdict(r).word);
         const of = (word) => words.filter((w) => w === word).length;
-        said.textContent = rows.length === 0 ? "" : `${of("agrees")} of ${rows.length} agree` +
-            (of("settling") ? `, ${of("settling")} wait for the last interval` : "") +
-            (of("differs") ? `, ${of("differs")} differ` : "") + ".";
+        const parts = [`${of("agrees")} of ${rows.length} agree`, of("edges") && `${of("edges")} within the edges of the time shown`,
+                       `${of("differs")} differ`];
+        said.textContent = rows.length === 0 ? "" : parts.filter(Boolean).join(", ") + ".";
     }
     return { node, load, route: drawTabs };
 }
