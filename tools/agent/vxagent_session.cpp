@@ -218,6 +218,7 @@ void Session::onStart(const std::string& line) {
 void Session::onStop() {
     control_.out += kAcknowledgement;
     takeAtMs_ = 0;
+    sentAtMs_ = nowMs_;
     if (dataState_.load() == DataState::kSending) sendRecords();
     setInstrumenting(false);
     closeData();
@@ -269,10 +270,10 @@ void Session::advanceData() {
     const DataState state = dataState_.load();
     if (state == DataState::kProbing && nowMs_ >= dataDueMs_) {
         data_.out += '\n';
-        dataDueMs_ = nowMs_ + kSettleMs;
-        dataState_.store(DataState::kSettling);
+        settle();
     } else if (state == DataState::kSettling && nowMs_ >= dataDueMs_) {
         data_.backoff.reset();
+        sentAtMs_ = nowMs_;
         dataState_.store(DataState::kSending);
     }
     const IoResult result = sendOut(data_);
@@ -281,6 +282,12 @@ void Session::advanceData() {
     } else if (result == IoResult::kDone && dataState_.load() == DataState::kSending) {
         sendRecords();
     }
+}
+
+// A newline is on its way: records may follow if the connection is still open a moment later.
+void Session::settle() {
+    dataDueMs_ = nowMs_ + kSettleMs;
+    dataState_.store(DataState::kSettling);
 }
 
 void Session::openData() {
@@ -296,6 +303,11 @@ void Session::sendRecords() {
         }
         const bool now = nowMs_ >= takeAtMs_ || queue_.pressed() || flushing_.load() || stopByMs_.load();
         if (!now) return;
+        if (nowMs_ - sentAtMs_ >= kIdleMs) {
+            data_.out += '\n';
+            settle();
+            return;
+        }
         queue_.take(batch_);
         takeAtMs_ = 0;
     }
@@ -314,6 +326,7 @@ IoResult Session::sendFrames() {
     std::size_t sent = 0;
     const IoResult result = sendBytes(data_, batch_.data + batch_.at, batch_.wholeFrames(kSendMax), sent);
     const std::uint64_t completed = batch_.advance(sent);
+    if (sent) sentAtMs_ = nowMs_;
     counters_.sentBytes.fetch_add(sent);
     counters_.sentRecords.fetch_add(completed);
     finished_.fetch_add(completed);

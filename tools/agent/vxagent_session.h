@@ -6,10 +6,11 @@
 //
 //         kNone --start--> kConnecting --line sent--> kSettling --kept open--> kSending
 //           ^  stop, control lost     ^------ closed by the proxy, back-off ------|
+//                                     ^------ records after a pause --------------|
 //
 // The proxy takes no notice of a data line, and it closes a data connection when it reads from one while no
-// collector takes data. A new connection therefore first sends a newline, and records follow when it is
-// still open a moment later.
+// collector takes data. A new connection, or one that was silent for kIdleMs, therefore first sends a
+// newline, and records follow when it is still open a moment later.
 //
 // Threads   The I/O thread runs it (over WebSocket, a second one owns the library of the connections); the
 // host's threads read the atomic members and put records.
@@ -32,8 +33,9 @@ namespace vx::agent {
 inline constexpr std::int64_t kProbeMs = 20;       // from the data line to the newline behind it
 inline constexpr std::int64_t kSettleMs = 100;     // from there to the first record
 inline constexpr std::int64_t kFarewellMs = 1000;  // for the ends of WebSockets
-inline constexpr std::int64_t kLingerMs = 5;       // records gather for so long before they are sent
-inline constexpr std::size_t kSendMax = 32768;     // of one send; one segment on loopback
+inline constexpr std::int64_t kIdleMs = 1000;
+inline constexpr std::int64_t kLingerMs = 5;    // records gather for so long before they are sent
+inline constexpr std::size_t kSendMax = 32768;  // of one send; one segment on loopback
 
 enum class DataState : std::uint8_t { kNone, kConnecting, kProbing, kSettling, kSending };
 
@@ -100,6 +102,7 @@ private:
 
     void stepData();
     void advanceData();
+    void settle();
     void openData();
     void sendRecords();
     IoResult sendFrames();
@@ -111,6 +114,7 @@ private:
     ws::WsPipes pipes_;  // the connections, unless they are plain
     Link control_, data_;
     StartIds ids_;
+    std::int64_t sentAtMs_ = 0;   // the latest records, or when the data connection was ready for them
     std::int64_t dataDueMs_ = 0;  // when the data connection's present state has lasted long enough
     short controlEvents_ = 0, dataEvents_ = 0;
     bool threadMade_ = false;

@@ -36,7 +36,9 @@ struct Frame {
 };
 Frame frameFrom(FakePeer& data) {
     constexpr std::size_t flowpathAt[] = {4, 32, 24, 4, 0, 28, 32, 12};
-    std::string bytes = data.readBytes(14);
+    std::string bytes = data.readBytes(1);
+    while (bytes == "\n") bytes = data.readBytes(1);  // in front of records after a pause
+    bytes += data.readBytes(13);
     if (bytes.size() < 14) return {-1, 0, bytes};
     const auto total = static_cast<std::size_t>(VXByteView(bytes.data(), bytes.size()).i32At(5));
     bytes += data.readBytes(total - bytes.size());
