@@ -62,10 +62,12 @@ bool CollectorPage::start(std::string& error) {
     if (store_) parts.storeStatus = [this] { return store_->status(); };
     api_ = std::make_unique<PageApi>(std::move(parts));
     server_ = std::make_unique<PageServer>(
-        options_.httpHost, options_.httpPort, [this](const PageRequest& request) {
+        options_.httpHost, options_.httpPort,
+        [this](const PageRequest& request) {
             const auto now = std::chrono::steady_clock::now().time_since_epoch();
             return api_->answer(request, std::chrono::duration_cast<std::chrono::seconds>(now).count());
-        });
+        },
+        PagePatience{});
     return server_->start(error);
 }
 

@@ -80,8 +80,8 @@ private:
 
 }  // namespace
 
-PageServer::PageServer(std::string host, int port, PageHandler handler)
-    : host_(std::move(host)), port_(port), handler_(std::move(handler)), protocols_{} {
+PageServer::PageServer(std::string host, int port, PageHandler handler, PagePatience patience)
+    : host_(std::move(host)), port_(port), handler_(std::move(handler)), patience_(patience), protocols_{} {
     protocols_[0].name = "http";
     protocols_[0].callback = onEvent;
 }
@@ -100,8 +100,9 @@ bool PageServer::start(std::string& error) {
     info.options = LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
     info.server_string = "vxcollector";
     info.vhost_name = "page";
-    info.timeout_secs = kRequestSeconds;
-    info.keepalive_timeout = kIdleSeconds;
+    info.timeout_secs = static_cast<unsigned>(patience_.request);
+    info.timeout_secs_ah_idle = static_cast<unsigned>(patience_.request);  // while headers come
+    info.keepalive_timeout = patience_.idle;
     info.max_http_header_data = kMostHeaders;
     info.max_http_header_pool = kMostConnections;
     info.fd_limit_per_thread = kMostConnections + kOwnDescriptors;
@@ -193,7 +194,7 @@ int PageServer::takeRequest(lws* wsi, std::string_view path) {
     held = std::make_unique<Exchange>();
     Exchange& exchange = *held;
     PageRequest& request = exchange.request;
-    exchange.deadline = nowSeconds() + kRequestSeconds;
+    exchange.deadline = nowSeconds() + patience_.request;
     request.path = path;
     request.post = lws_hdr_total_length(wsi, WSI_TOKEN_POST_URI) > 0;
     request.host = headerOf(wsi, WSI_TOKEN_HOST);
@@ -236,7 +237,7 @@ int PageServer::answer(lws* wsi, Exchange& exchange) {
 
 int PageServer::sendHead(lws* wsi, Exchange& exchange) {
     const PageAnswer& answer = exchange.answer;
-    exchange.deadline = nowSeconds() + kAnswerSeconds;
+    exchange.deadline = nowSeconds() + patience_.answer;
     exchange.headed = true;
     Head head(wsi);
     bool good = head.begin(answer, exchange.bytes().size());

@@ -3,10 +3,9 @@
 // What to answer is the handler's matter; it is called on the server's thread, one request at a time. Nothing
 // here touches the intake, so that neither a slow browser nor a long question holds it up.
 //
-// Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody; a request that has
-// not
-//           come after kRequestSeconds, an answer that has not been taken after kAnswerSeconds, and a
-//           connection that is silent for kIdleSeconds end with their connection.
+// Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody. A connection ends
+//           when its request has not come, its answer has not been taken, or nothing was asked in the time
+//           of PagePatience.
 // Lifetime  stop() (or the end of the object) ends the thread; the handler must outlive it.
 // Threads   start() and stop() of one thread.
 #pragma once
@@ -29,13 +28,15 @@ namespace vx::collector {
 inline constexpr std::size_t kMostConnections = 64;
 inline constexpr std::size_t kMostHeaders = 8192;
 inline constexpr std::size_t kMostBody = 1024 * 1024;
-inline constexpr int kRequestSeconds = 10, kAnswerSeconds = 30, kIdleSeconds = 60;
+struct PagePatience {
+    int request = 10, answer = 30, idle = 60;  // seconds
+};
 
 using PageHandler = std::function<PageAnswer(const PageRequest&)>;
 
 class PageServer {
 public:
-    PageServer(std::string host, int port, PageHandler handler);
+    PageServer(std::string host, int port, PageHandler handler, PagePatience patience);
     ~PageServer();
     PageServer(const PageServer&) = delete;
     PageServer& operator=(const PageServer&) = delete;
@@ -74,6 +75,7 @@ private:
     const std::string host_;
     int port_;
     const PageHandler handler_;
+    const PagePatience patience_;
     lws_protocols protocols_[2];
     lws_context* context_ = nullptr;
     std::unordered_map<lws*, std::unique_ptr<Exchange>> exchanges_;
