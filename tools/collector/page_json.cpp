@@ -1,5 +1,6 @@
 #include "tools/collector/page_json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -22,6 +23,11 @@ bool secondFits(unsigned char first, unsigned char second) {
         default:
             return second >= 0x80 && second <= 0xBF;
     }
+}
+
+// Bytes that stand for themselves.
+bool isPlain(char byte) {
+    return byte >= ' ' && byte < 127 && byte != '"' && byte != '\\';
 }
 
 const char* shortEscape(char byte) {
@@ -128,6 +134,10 @@ JsonText& JsonText::item(double value) {
 void JsonText::quote(std::string_view text) {
     append("\"");
     while (!text.empty() && !full_) {
+        const auto special = std::find_if_not(text.begin(), text.end(), isPlain);
+        append({text.data(), static_cast<std::size_t>(special - text.begin())});
+        text.remove_prefix(static_cast<std::size_t>(special - text.begin()));
+        if (text.empty()) break;
         std::size_t length = utf8Length(text);
         const char byte = text[0];
         if (length == 0) {

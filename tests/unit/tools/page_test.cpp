@@ -1,10 +1,10 @@
 // The page's answers without a socket: who may ask, what rules say, and how JSON is written.
 #include <apr_general.h>
 #include <gtest/gtest.h>
-#include <jansson.h>
 
 #include <memory>
 
+#include "tests/support/page_fixture.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/page_api.h"
 #include "tools/collector/page_json.h"
@@ -12,22 +12,10 @@
 namespace vx::collector {
 namespace {
 
+using test::pageGet;
+using test::pagePost;
+
 constexpr const char* kToken = "0123456789abcdef";
-
-PageRequest get(const std::string& path) {
-    PageRequest request;
-    request.path = path;
-    request.host = "127.0.0.1:8080";
-    return request;
-}
-
-PageRequest post(const std::string& path, const std::string& body) {
-    PageRequest request = get(path);
-    request.post = true;
-    request.body = body;
-    request.contentType = "application/json";
-    return request;
-}
 
 class Page : public testing::Test {
 protected:
@@ -37,16 +25,7 @@ protected:
     ~Page() override { apr_terminate(); }
 
     PageAnswer ask(const PageRequest& request, std::int64_t now = 0) { return api.answer(request, now); }
-    // The answer as JSON without blanks; members in the order of their names.
-    std::string json(const PageRequest& request) {
-        const PageAnswer answer = ask(request);
-        json_t* root = json_loads(answer.body.c_str(), 0, nullptr);
-        char* text = json_dumps(root, JSON_COMPACT | JSON_SORT_KEYS);
-        std::string out = text ? text : "no JSON: " + answer.body;
-        std::free(text);
-        json_decref(root);
-        return out;
-    }
+    std::string json(const PageRequest& request) { return test::compactJson(ask(request).body); }
 
     test::TempDir dir;
     StatusBoard board;
@@ -65,7 +44,7 @@ class GuardedPage : public Page {
 protected:
     GuardedPage() : Page(kToken) {}
     PageAnswer login(const std::string& token, std::int64_t now = 0) {
-        PageRequest request = post("/login", "x=1&token=" + token);
+        PageRequest request = pagePost("/login", "x=1&token=" + token);
         request.contentType = "application/x-www-form-urlencoded";
         return ask(request, now);
     }
@@ -102,7 +81,7 @@ TEST_F(Page, AnswersThisMachineOnly) {
         {"127.0.0.1:8080", "https://127.0.0.1:8080", "application/json", "/api/rules/try", true, 400},
     };
     for (const auto& row : rows) {
-        PageRequest request = get(row.path);
+        PageRequest request = pageGet(row.path);
         request.host = row.host;
         request.origin = row.origin;
         request.contentType = row.type;
@@ -112,12 +91,12 @@ TEST_F(Page, AnswersThisMachineOnly) {
 }
 
 TEST_F(GuardedPage, AsksForItsToken) {
-    EXPECT_EQ(ask(get("/api/status")).status, 401);
-    EXPECT_EQ(ask(post("/api/rules", "{}")).status, 401);
-    EXPECT_EQ(ask(get("/")).location, "/login");
-    EXPECT_EQ(ask(get("/style.css")).status, 200);  // the login page's own
+    EXPECT_EQ(ask(pageGet("/api/status")).status, 401);
+    EXPECT_EQ(ask(pagePost("/api/rules", "{}")).status, 401);
+    EXPECT_EQ(ask(pageGet("/")).location, "/login");
+    EXPECT_EQ(ask(pageGet("/style.css")).status, 200);  // the login page's own
 
-    PageRequest bearer = get("/");
+    PageRequest bearer = pageGet("/");
     for (const char* wrong :
          {"Bearer ", "Bearer 0123456789abcdee", "Bearer 0123456789abcdef0", "0123456789abcdef"}) {
         bearer.authorization = wrong;
@@ -131,7 +110,7 @@ TEST_F(GuardedPage, AsksForItsToken) {
     EXPECT_EQ(answer.status, 303);
     EXPECT_NE(answer.setCookie.find("; HttpOnly; SameSite=Strict"), std::string::npos);
     EXPECT_EQ(answer.setCookie.find(kToken), std::string::npos);
-    PageRequest browser = get("/");
+    PageRequest browser = pageGet("/");
     browser.cookie = "a=b; " + answer.setCookie.substr(0, answer.setCookie.find(';'));
     EXPECT_EQ(ask(browser, kSessionSeconds - 1).status, 200);
     EXPECT_EQ(ask(browser, kSessionSeconds).status, 303);
@@ -148,7 +127,7 @@ TEST_F(GuardedPage, AsksForItsToken) {
 
 TEST_F(GuardedPage, KeepsSoManyLogins) {
     const std::string first = login(kToken).setCookie;
-    PageRequest browser = get("/");
+    PageRequest browser = pageGet("/");
     browser.cookie = first.substr(0, first.find(';'));
     for (std::size_t i = 1; i < kMostSessions; ++i) login(kToken);
     EXPECT_EQ(ask(browser).status, 200);
@@ -171,21 +150,21 @@ TEST_F(Page, TokenFilesHoldAToken) {
 TEST_F(Page, TriesRules) {
     dir.write("BTRuleConfig", "7|Shop|2|1|/shop|0\n7|Cart|3|0|/shop/cart|0|1|x=1\n");
     EXPECT_EQ(
-        json(post("/api/rules/try", R"({"url":"/shop/cart?x=1","method":"GET"})")),
+        json(pagePost("/api/rules/try", R"({"url":"/shop/cart?x=1","method":"GET"})")),
         R"({"bt":"Cart","btId":3,"deciding":"patterns","excluded":false,"line":2,"lines":[)"
         R"({"kind":"pattern rule","number":1,"outcome":"outdone","reason":"line 2 asks for more of the request",)"
         R"("text":"7|Shop|2|1|/shop|0"},)"
         R"({"kind":"pattern rule","number":2,"outcome":"names","reason":"takes the request",)"
         R"("text":"7|Cart|3|0|/shop/cart|0|1|x=1"}],"why":"line 2 names it \"Cart\""})");
-    const std::string edited = json(post(
+    const std::string edited = json(pagePost(
         "/api/rules/try", R"({"url":"/a","headers":{"S":"e"},"text":"1|1|n|d|-|-|Request-Header|S|-"})"));
     EXPECT_NE(edited.find(R"("bt":"/a.e")"), std::string::npos) << edited;
     for (const char* bad :
          {"", "[]", "{\"url\":7}", "{\"url\":\"\"}", "{\"url\":\"/a\",\"headers\":{\"S\":1}}",
           "{\"url\":\"/a\",\"text\":\"a\\u0000b\"}", "{\"url\":\"/a\",\"url\":\"/b\"}"})
-        EXPECT_EQ(ask(post("/api/rules/try", bad)).status, 400) << bad;
+        EXPECT_EQ(ask(pagePost("/api/rules/try", bad)).status, 400) << bad;
     EXPECT_EQ(
-        ask(post("/api/rules/try", R"({"url":"/a","text":")" + std::string(300000, '#') + "\"}")).status,
+        ask(pagePost("/api/rules/try", R"({"url":"/a","text":")" + std::string(300000, '#') + "\"}")).status,
         413);
 }
 
@@ -197,8 +176,8 @@ TEST_F(Page, PreviewsHowRequestsMove) {
               {6, "Others", "/o", "", {}},
               {5, "Past", "/shop", "", {}}};  // named by other rules
     const std::string told =
-        json(post("/api/rules/preview", R"({"text":"7|Cart|3|1|/shop/cart|0\n7|Shop|2|1|/shop|1\n)"
-                                        R"(7|Place|4|0|/o|0|2|-|POST\n7|bad\n"})"));
+        json(pagePost("/api/rules/preview", R"({"text":"7|Cart|3|1|/shop/cart|0\n7|Shop|2|1|/shop|1\n)"
+                                            R"(7|Place|4|0|/o|0|2|-|POST\n7|bad\n"})"));
     for (
         const char* part :
         {R"("looked":5,"moved":4)",
@@ -211,21 +190,22 @@ TEST_F(Page, PreviewsHowRequestsMove) {
 }
 
 TEST_F(Page, SavesWhatWasEdited) {
-    EXPECT_NE(json(get("/api/rules")).find(R"("digest":"none","editable":true)"), std::string::npos);
-    EXPECT_EQ(ask(post("/api/rules", R"({"text":"7|A|2|0|/a|0\n","digest":"none"})")).status, 200);
+    EXPECT_NE(json(pageGet("/api/rules")).find(R"("digest":"none","editable":true)"), std::string::npos);
+    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"7|A|2|0|/a|0\n","digest":"none"})")).status, 200);
     EXPECT_EQ(dir.read("BTRuleConfig"), "7|A|2|0|/a|0\n");
-    const std::string shown = json(get("/api/rules"));
+    const std::string shown = json(pageGet("/api/rules"));
     const std::string digest = shown.substr(shown.find("\"digest\":\"") + 10, 16);
     dir.write("BTRuleConfig", "7|B|2|0|/b|0\n");
-    EXPECT_EQ(ask(post("/api/rules", R"({"text":"","digest":")" + digest + "\"}")).status, 409);
-    EXPECT_EQ(ask(post("/api/rules", R"({"text":""})")).status, 400);
+    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"","digest":")" + digest + "\"}")).status, 409);
+    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":""})")).status, 400);
     EXPECT_EQ(dir.read("BTRuleConfig"), "7|B|2|0|/b|0\n");
-    EXPECT_EQ(PageRules("").save(post("/api/rules", "{}")).status, 409);  // no folder to hand out files of
+    EXPECT_EQ(PageRules("").save(pagePost("/api/rules", "{}")).status,
+              409);  // no folder to hand out files of
     // A file that is too long to be edited here is told so, and never overwritten.
     dir.write("BTRuleConfig", std::string(kMostRulesText + 1, '#'));
-    EXPECT_NE(json(get("/api/rules")).find(R"("editable":false,"fault":"a rule text of more)"),
+    EXPECT_NE(json(pageGet("/api/rules")).find(R"("editable":false,"fault":"a rule text of more)"),
               std::string::npos);
-    EXPECT_EQ(ask(post("/api/rules", R"({"text":"","digest":"none"})")).status, 409);
+    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"","digest":"none"})")).status, 409);
 }
 
 TEST(PageJson, WritesWhateverTextsHold) {

@@ -1,0 +1,152 @@
+// The data behind the page, from records to JSON.
+#include "tools/collector/page_views.h"
+
+#include <apr_general.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "commonlibc/vxlb_clock.h"
+#include "tests/support/page_fixture.h"
+#include "tests/support/temp_dir.h"
+#include "tools/collector/collector_runs.h"
+#include "tools/collector/store.h"
+
+namespace vx::collector {
+namespace {
+
+constexpr std::int64_t kEpoch = 1'388'534'400'000;
+const Identity kShop{"Web", "host1", "shop", ""};
+
+// A transaction with everything, and some plain ones.
+class PageViews : public testing::Test {
+protected:
+    PageViews() {
+        apr_initialize();
+        Store store;
+        std::string error;
+        EXPECT_TRUE(store.openFile(dir / "db", {}, error)) << error;
+        runs.storeIn(&store.intake());
+        runs.turn(now);
+        store.intake().opened(StreamKind::kData, kShop, now);
+        for (const char* line : {"7,2,Cart", "7,3,<b>", "5,Shop.buy,7", "5,HTTP_pay&#46;example,9", "6,1,Via",
+                                 "32,1,a.Gone", "33,1,Shop", "34,1,buy", "35,1,too late", "36,1,db"})
+            take(line);
+        transaction(1, 2, 13, 40, 500, "7:5_0_0__T1:9:4.125:1:-:3::::200_e2_7:5_1_12____",
+                    "/cart?id=7&x=\"\xff");
+        take("12,1,1:<a>");
+        for (int i = 2; i <= 5; ++i) transaction(i, 3, 10, 10, 200, "", "/b");
+        runs.storeIn(nullptr);
+    }
+    ~PageViews() override { apr_terminate(); }
+
+    void take(const std::string& line) { runs.line(StreamKind::kData, line, runs.of(kShop.text())); }
+    void transaction(int number, int bt, int category, int duration, int status, const std::string& items,
+                     const std::string& url) {
+        const std::string id = std::to_string(number);
+        take("2," + id + ",1,5,5.1," + std::to_string(bt) + "," + url + ",,0,0,0,,0,-1,,,," +
+             std::to_string(now - 1000 - kEpoch));
+        if (number == 1) take("38,1,5,7,2,-1,-1,1,1,1,3,1,1,at%20a%7Cat%20b");
+        if (number == 1) take("12,1,1:<a>");
+        take("4," + id + "," + std::to_string(status) + "," + std::to_string(category) + ",7," +
+             std::to_string(duration) + "," + std::to_string(bt) + ",0,,0," + items);
+    }
+    PageAnswer ask(const std::string& path) {
+        if (!query) {
+            query = std::make_unique<StoreQuery>();
+            EXPECT_TRUE(query->openFile(dir / "db")) << query->error();
+        }
+        PageApi api({&board, query.get(), [] { return StoreStatus{}; }, &rules, &guard, {}});
+        return api.answer(test::pageGet(path), 0);
+    }
+    std::string json(const std::string& path) { return test::compactJson(ask(path).body); }
+    void expectParts(const std::string& path, std::initializer_list<const char*> parts) {
+        const std::string told = json(path);
+        for (const char* part : parts) EXPECT_NE(told.find(part), std::string::npos) << part << "\n" << told;
+    }
+
+    test::TempDir dir;
+    const std::int64_t now = vxlb_now_ms();
+    Runs runs;
+    std::unique_ptr<StoreQuery> query;
+    StatusBoard board;
+    PageRules rules{""};
+    PageGuard guard{"", {}};
+};
+
+TEST_F(PageViews, TellWhatIsStored) {
+    expectParts("/api/overview",
+                {R"("all":{"averageMs":16,"count":5,"error":1,"maxMs":40,"minMs":10,"normal":4)",
+                 R"("complete":true)", R"("name":"<b>")", R"("name":"Cart","normal":0)"});
+    expectParts("/api/overview?kind=backend", {R"("name":"HTTP_pay.example")"});
+    expectParts(
+        "/api/transactions?bt=Cart",
+        {R"("bt":"Cart","callouts":1,"category":"error")", R"("durationMs":40)", R"("number":"1")",
+         R"("status":500,"url":"/cart?id=7&x=\"?")", R"("next":null)", R"("instance":"Web/host1/shop")"});
+    const std::string row = json("/api/transactions?bt=Cart");
+    const std::string id =
+        row.substr(row.find("\"id\":\"") + 6, row.find("\",\"inst") - row.find("\"id\":\"") - 6);
+    expectParts(
+        "/api/transactions/" + id,
+        {R"("cpu":0,"depth":0,"durationMs":12,"kind":"method","name":"Shop.buy","open":false,"parent":-1,)"
+         R"("selfMs":7.875)",
+         R"({"atMs":3,"depth":1,"durationMs":4.125,"failed":false,"kind":"callout","name":"HTTP_pay.example",)"
+         R"("parent":0)",
+         R"("kind":"exception","name":"a.Gone","parent":0,"seq":2)",
+         R"("thrown":[{"at":1388534405000,"cause":"db","class":"a.Gone","message":"too late","seq":2,)"
+         R"("stack":["at a","at b"],"throwingClass":"Shop","throwingMethod":"buy"}])",
+         R"("requestHeaders":[{"name":"Via","value":"a"}])", R"("records":["2,1,1,5,)", R"("caller":null)"});
+    expectParts("/api/backends", {R"("backend":"HTTP_pay.example","calls":1)", R"("from":"Web/host1/shop")",
+                                  R"("to":"HTTP_pay.example","toKind":"backend")"});
+    expectParts("/api/exceptions", {R"("class":"a.Gone","count":1)", R"("lastStack":["at a","at b"])",
+                                    ("\"lastTransaction\":\"" + id + "\"").c_str()});
+    expectParts("/api/instances", {R"("name":"Web/host1/shop")", R"("tier":"Web")"});
+    expectParts("/api/links", {R"("connects":1)", R"("instance":"Web/host1/shop")"});
+    expectParts("/api/monitors", {R"("kind":"bt")", R"("rows":[)"});
+}
+
+// Each page of the list begins where the one before has ended.
+TEST_F(PageViews, ListsGoOnWhereTheyWereCut) {
+    std::string before, numbers;
+    for (int i = 0; i < 5; ++i) {
+        const std::string told = json("/api/transactions?limit=1" + before);
+        const std::size_t at = told.find("\"number\":\"");
+        numbers += told.substr(at + 10, 1);
+        const std::size_t next = told.find("\"next\":\"");
+        ASSERT_NE(next, std::string::npos) << told;
+        before = "&before=" + told.substr(next + 8, told.find('"', next + 8) - next - 8);
+    }
+    EXPECT_NE(json("/api/transactions?limit=1" + before).find("\"next\":null,\"rows\":[]"),
+              std::string::npos);
+    std::sort(numbers.begin(), numbers.end());
+    EXPECT_EQ(numbers, "12345");
+}
+
+TEST_F(PageViews, RefuseWhatCannotBeAsked) {
+    for (const char* bad :
+         {"overview?from=x", "overview?from=2&to=1", "overview?from=-1", "overview?step=0", "overview?kind=x",
+          "overview?instance=9007199254740992", "transactions?category=bad", "transactions?status=abc",
+          "transactions?limit=0", "transactions?limit=1001", "transactions?before=1",
+          "transactions?before=1:2x", "transactions?min=99999999999999999999", "backends?to=x",
+          "exceptions?from=", "links?instance=x", "monitors?kind=%00"}) {
+        const int status = ask(std::string("/api/") + bad).status;
+        EXPECT_EQ(status, std::string(bad) == "exceptions?from=" ? 200 : 400) << bad;
+    }
+    for (const char* missing : {"0", "", "x", "1x", "-1", "999999", "99999999999999999999"})
+        EXPECT_EQ(ask(std::string("/api/transactions/") + missing).status, 404) << missing;
+}
+
+TEST_F(PageViews, ShowThePictureOfThePollLoop) {
+    auto status = std::make_shared<CollectorStatus>();
+    status->records = 7;
+    status->instances.push_back({1, 77, kShop, true, 5, 0, {{"control", "127.0.0.1:1", 2, 5, 10}}});
+    board.put(status);
+    expectParts(
+        "/api/status",
+        {R"("connections":[{"bytes":10,"kind":"control","lastHeard":5,"peer":"127.0.0.1:1","since":2}])",
+         R"("key":"77","lastHeard":5,"lastHeartbeat":null,"name":"Web/host1/shop","number":1)",
+         R"("records":7)", R"("connected":true)", R"("rules":{"editable":false})", R"("store":{"bytes":0)"});
+}
+
+}  // namespace
+}  // namespace vx::collector
