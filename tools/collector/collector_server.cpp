@@ -115,6 +115,7 @@ void CollectorServer::run(const volatile int& stopRequested) {
             nextTable_ = now + secondsOf(std::max(0.2, options_.tableSeconds));
         }
     }
+    if (store_) store_->finish();
     printTable("at the end");
 }
 
@@ -386,6 +387,16 @@ void CollectorServer::printTable(const char* title) {
     std::printf("\n=== %s: %ld instance(s) connected, test run %d\n", title, static_cast<long>(controls),
                 testIdx_);
     printSummary(runs_.summary(), stdout, kTableRows);
+    if (store_) printStore();
+}
+
+void CollectorServer::printStore() {
+    const StoreStatus status = store_->status();
+    std::printf("store: %llu transactions, dropped %llu, %lld bytes%s%s\n",
+                static_cast<unsigned long long>(status.written),
+                static_cast<unsigned long long>(status.dropped), static_cast<long long>(status.bytes),
+                status.fault.empty() ? "" : ", takes no records: ", status.fault.c_str());
+    std::fflush(stdout);
 }
 
 void CollectorServer::printTransactions() {

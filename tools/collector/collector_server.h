@@ -89,6 +89,7 @@ public:
     void orderAll(const std::string& line, bool hasAnswer, int instance = 0);
     int testRun() const { return testIdx_; }
     void printTable(const char* title);
+    void printStore();
     void printFiles();
     // Transactions with headers or exceptions: the latest, or the one of that number (false: it is not kept).
     void printTransactions();

@@ -3,7 +3,12 @@
 namespace vx::collector {
 
 Store::~Store() {
-    if (intake_) intake_->flush(epochNow(), true);
+    if (writer_) finish();
+}
+
+void Store::finish() {
+    intake_->flush(epochNow(), true);
+    writer_->finish();
 }
 
 bool Store::openFile(const std::string& path, const Retention& retention, std::string& error) {

@@ -34,6 +34,8 @@ public:
     Store& operator=(const Store&) = delete;
 
     bool openFile(const std::string& path, const Retention& retention, std::string& error);
+    // Hands over and writes what has come; nothing is taken from then on.
+    void finish();
     StoreIntake& intake() { return *intake_; }
     StoreStatus status() const;
 

@@ -17,8 +17,12 @@ StoreWriter::StoreWriter(StoreQueue& queue, std::unique_ptr<StoreSink> sink)
     : queue_(queue), sink_(std::move(sink)), thread_([this] { work(); }) {}
 
 StoreWriter::~StoreWriter() {
+    finish();
+}
+
+void StoreWriter::finish() {
     queue_.close();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
 }
 
 StoreWriter::Status StoreWriter::status() const {

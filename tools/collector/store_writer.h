@@ -38,6 +38,8 @@ public:
 
     StoreWriter(StoreQueue& queue, std::unique_ptr<StoreSink> sink);
     ~StoreWriter();
+    // Writes what waits and ends.
+    void finish();
     StoreWriter(const StoreWriter&) = delete;
     StoreWriter& operator=(const StoreWriter&) = delete;
     Status status() const;
