@@ -13,9 +13,11 @@
 
 #include <apr_pools.h>
 
+#include <initializer_list>
 #include <new>
 
 #include "commonlibc/context/vx_application.h"
+#include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_thread.h"
 #include "commonlibc/vxlb_trace.h"
@@ -83,6 +85,18 @@ void vxAggFree(VXAggregateArray<Slot>& array) {
         vxAggEach(array, 0, [](Slot& slot) { VXLB_FREE(slot.digest, "digest", -1); });
     for (auto& block : array.blocks) VXLB_FREE(block.exchange(nullptr), "Data Array", -1);
     array.size.store(0, std::memory_order_release);
+}
+
+// Takes the figures of a slot at its mutex; `begin` makes them what they are at first. False: it was never
+// used.
+template <class Slot>
+bool vxTakeFigures(Slot& slot, Slot& taken, std::initializer_list<std::int64_t Slot::*> figures,
+                   void (*begin)(Slot&)) {
+    const VXGuard guard(slot.mutex);
+    if (!slot.isDirty) return false;
+    for (const auto figure : figures) taken.*figure = slot.*figure;
+    begin(slot);
+    return true;
 }
 
 // a + b of figures that came over the wire: wraps round, never undefined.

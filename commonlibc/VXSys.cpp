@@ -272,6 +272,24 @@ bool vxRenewContext(vxApplication& app) {
     return true;
 }
 
+std::array<VXSharedText*, 26> vxSharedTexts(vxApplication& app) {
+    VXSys_t& sys = app.VXSys;
+    VXBCISetting_t& setting = app.VXBCISetting;
+    return {&sys.vxHomePath,           &sys.sessionCookieName,
+            &sys.correlationIDHeader,  &sys.vxBuild,
+            &setting.agentType,        &setting.agentVersion,
+            &setting.agentAppName,     &setting.tierName,
+            &setting.vxAppServerHost,  &setting.appName,
+            &setting.encodedTierName,  &setting.encodedServerName,
+            &setting.encodedAppName,   &setting.vxcHost,
+            &setting.attributes,       &setting.tags,
+            &setting.tierAttr,         &setting.endPointPrefix,
+            &setting.SaasHost,         &setting.projectKey,
+            &setting.authtoken,        &setting.tlsCaFile,
+            &setting.agentCertFile,    &setting.agentKeyFile,
+            &app.session.vxCookieName, &app.session.cookieDomainName};
+}
+
 void vxCopyKeywordText(char* destination, std::size_t size, const char* member, std::size_t memberSize) {
     if (size == 0) return;
     const std::lock_guard lock(vxTextMutex);

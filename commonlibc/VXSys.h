@@ -12,6 +12,7 @@
 //           bytes.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <mutex>
 
@@ -42,6 +43,8 @@ std::int64_t getBCIStartUpTime();  // Unix ms
 bool vxMakeContextMutexes(vxApplication& app);
 // The context as a new one is, but for its mutexes; what it held has been given back. False without memory.
 bool vxRenewContext(vxApplication& app);
+// Every text of the context that its threads share.
+std::array<VXSharedText*, 26> vxSharedTexts(vxApplication& app);
 // Copies a keyword text under the text mutex.
 void vxCopyKeywordText(char* destination, std::size_t size, const char* member, std::size_t memberSize);
 

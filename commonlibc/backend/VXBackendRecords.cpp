@@ -27,19 +27,12 @@ bool nameOfBackend(const mPP& backend, char* name) {
     return true;
 }
 
-// The figures of a slot at its mutex; the slot begins anew. False: it was never called.
 bool takeOfSlot(VXBackendMonitorDataCounters& slot, VXBackendMonitorDataCounters& taken) {
-    VXGuard guard(slot.mutex);
-    if (!slot.isDirty) return false;
-    taken.invocationCount = slot.invocationCount;
-    taken.callCount = slot.callCount;
-    taken.errorCount = slot.errorCount;
-    taken.totalDuration = slot.totalDuration;
-    taken.minDuration = slot.minDuration;
-    taken.maxDuration = slot.maxDuration;
-    initOnStartInstrumentationIP(slot);
-    slot.isDirty = 1;
-    return true;
+    using Slot = VXBackendMonitorDataCounters;
+    return vxTakeFigures(slot, taken,
+                         {&Slot::invocationCount, &Slot::callCount, &Slot::errorCount, &Slot::totalDuration,
+                          &Slot::minDuration, &Slot::maxDuration},
+                         initOnStartInstrumentationIP);
 }
 
 bool takeDigestOfSlot(VXBackendMonitorDataCounters& slot, VXDigest& taken) {

@@ -126,15 +126,9 @@ bool saysNoText(const char* text) {
            text[length + std::strspn(text + length, "\r\n")] == '\0';
 }
 
-// The figures of a slot at its mutex; the slot begins anew. False: it was never counted.
 bool takeOfSlot(VXExceptionMonitorDataCounters& slot, VXExceptionMonitorDataCounters& taken) {
-    VXGuard guard(slot.mutex);
-    if (!slot.isDirty) return false;
-    taken.count = slot.count;
-    taken.entryCount = slot.entryCount;
-    initVXExceptionMonitorDataCounters(slot);
-    slot.isDirty = 1;
-    return true;
+    using Slot = VXExceptionMonitorDataCounters;
+    return vxTakeFigures(slot, taken, {&Slot::count, &Slot::entryCount}, initVXExceptionMonitorDataCounters);
 }
 
 }  // namespace

@@ -33,18 +33,12 @@ void updatePropertiesOfMethod(VXMethodMonitorDataCounters& slot, std::int64_t du
     slot.isDirty = 1;
 }
 
-// The figures of a slot at its mutex; the slot begins anew. False: it was never used.
 bool takeOfSlot(VXMethodMonitorDataCounters& slot, VXMethodMonitorDataCounters& taken) {
-    VXGuard guard(slot.mutex);
-    if (!slot.isDirty) return false;
-    taken.count = slot.count;
-    taken.entryCount = slot.entryCount;
-    taken.totalDuration = slot.totalDuration;
-    taken.minDuration = slot.minDuration;
-    taken.maxDuration = slot.maxDuration;
-    initVXMethodMonitorDataCounters(slot);
-    slot.isDirty = 1;
-    return true;
+    using Slot = VXMethodMonitorDataCounters;
+    return vxTakeFigures(
+        slot, taken,
+        {&Slot::count, &Slot::entryCount, &Slot::totalDuration, &Slot::minDuration, &Slot::maxDuration},
+        initVXMethodMonitorDataCounters);
 }
 
 }  // namespace

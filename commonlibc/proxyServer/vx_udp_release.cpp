@@ -7,6 +7,7 @@
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXDataThread.h"
 #include "commonlibc/VXInstrProfile.h"
+#include "commonlibc/VXMonitorModel.h"
 #include "commonlibc/VXSys.h"
 #include "commonlibc/control_thread.h"
 #include "commonlibc/exception/VXExceptionNames.h"
@@ -48,22 +49,7 @@ void freeProcessTable(VXIdentity_t& identity) {
 }
 
 void freeTexts(vxApplication& app) {
-    VXSys_t& sys = app.VXSys;
-    VXBCISetting_t& setting = app.VXBCISetting;
-    for (VXSharedText* text : {&sys.vxHomePath,           &sys.sessionCookieName,
-                               &sys.correlationIDHeader,  &sys.vxBuild,
-                               &setting.agentType,        &setting.agentVersion,
-                               &setting.agentAppName,     &setting.tierName,
-                               &setting.vxAppServerHost,  &setting.appName,
-                               &setting.encodedTierName,  &setting.encodedServerName,
-                               &setting.encodedAppName,   &setting.vxcHost,
-                               &setting.attributes,       &setting.tags,
-                               &setting.tierAttr,         &setting.endPointPrefix,
-                               &setting.SaasHost,         &setting.projectKey,
-                               &setting.authtoken,        &setting.tlsCaFile,
-                               &setting.agentCertFile,    &setting.agentKeyFile,
-                               &app.session.vxCookieName, &app.session.cookieDomainName})
-        setSharedText(app.retired, *text, nullptr);
+    for (VXSharedText* text : vxSharedTexts(app)) setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);
     for (char*& text : app.keywords.text) freeText(text, "keyword text");
 }
@@ -80,22 +66,10 @@ void freeLink(vxApplication& app) {
     for (kywdInfo_t& entry : app.files.kywdInfo) freeText(entry.content, "file content");
 }
 
-template <class Slot>
-void freeArray(VXAggregateArray<Slot>& array) {
-    for (auto& block : array.blocks) {
-        Slot* slots = block.exchange(nullptr);
-        if constexpr (requires { slots->digest; })
-            for (std::int32_t i = 0; slots && i < kAggBlockSlots; ++i)
-                VXLB_FREE(slots[i].digest, "digest", i);
-        VXLB_FREE(slots, "Data Array", -1);
-    }
-    array.size = 0;
-}
-
 void freeMethods(vxApplication& app) {
     VXMethodState_t& method = app.method;
-    freeArray(method.backendArr);
-    freeArray(method.methodArr);
+    vxAggFree(method.backendArr);
+    vxAggFree(method.methodArr);
     for (mPP* record = std::exchange(method.firstMethod, nullptr); record;) {
         mPP* next = record->next;
         for (char* text : {record->methodName, record->moduleName, record->calloutText, record->returnType,
@@ -138,9 +112,9 @@ void vxUdpRelease(vxApplication& app) {
     vxUdpFreeClients(app);
     vxUdpFreeRuckus(app);
     freeLink(app);
-    freeArray(app.bt.aggDataArr);
+    vxAggFree(app.bt.aggDataArr);
     vxFreeBtStore();
-    freeArray(app.exceptionMonitor.exceptionArr);
+    vxAggFree(app.exceptionMonitor.exceptionArr);
     vxFreeExceptionNames();
     parseExceptionFilteringList("");
     freeMethods(app);

@@ -10,11 +10,7 @@ namespace vx::test {
 namespace {
 
 TEST_F(EndToEnd, CalloutsReachTheTableByBackEndWithTheirErrorsAndCallersOnce) {
-    Program::Setup setup;
-    setup.arguments = {programPath("vxagent"), "load", "--entry-points"};
-    setup.outputFile = dir / "entry.txt";
-    ASSERT_EQ(Program(setup).wait(), 0);
-    dir.write("files/VXEntryPointsFile", dir.read("entry.txt"));
+    writeEntryPoints();
     startCollector({"--files", dir / "files"});
     startService();
 

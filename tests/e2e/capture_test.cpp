@@ -10,11 +10,7 @@ namespace vx::test {
 namespace {
 
 TEST_F(EndToEnd, ExceptionsAndHeadersComeWithTheirTransactionsAndTheMonitorsAgree) {
-    Program::Setup setup;
-    setup.arguments = {programPath("vxagent"), "load", "--entry-points"};
-    setup.outputFile = dir / "entry.txt";
-    ASSERT_EQ(Program(setup).wait(), 0);
-    dir.write("files/VXEntryPointsFile", dir.read("entry.txt"));
+    writeEntryPoints();
     dir.write("files/vxMethodMonFile", "example|com.example.shop.Cart.method0|carts\n");
     dir.write("files/vxExceptionMonFile",
               "com.example.TimeoutException0\ncom.example.OutOfStockException1|stock\n");

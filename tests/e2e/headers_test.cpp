@@ -6,7 +6,6 @@
 #include <string>
 
 #include "tests/support/e2e_fixture.h"
-#include "tests/support/raw_agent.h"
 #include "tests/support/record_stream.h"
 
 namespace vx::test {
@@ -26,14 +25,7 @@ TEST_F(EndToEnd, HeadersComeAsTheKeywordsSayAndWithTheirNamesInEveryRun) {
                               "captureHTTPReqFullFp=3%201\ncaptureHTTPRespFullFp=3\n"
                               "enableOTELStandard=1%201%201%201%201%200%200%200%200\n")});
     startService();
-    const auto comes = [this](int number, std::uint64_t count) {
-        return eventually([&] { return summaryOfStreams().byNumber[number] >= count; });
-    };
-    for (unsigned run = 1; run <= 2; ++run) {
-        SCOPED_TRACE(run);
-        RawAgent agent(proxyPort, "shop", run);
-        ASSERT_TRUE(agent.start()) << traceText();
-        ASSERT_TRUE(comes(99, run));
+    inTwoRuns([&](RawAgent& agent, int run) {
         const std::int64_t flowpath = 7000 + run;
         const std::string number = std::to_string(flowpath);
         agent.openData().send(
@@ -52,11 +44,7 @@ TEST_F(EndToEnd, HeadersComeAsTheKeywordsSayAndWithTheirNamesInEveryRun) {
         EXPECT_NE(here.find(",0af7651916cd43dd8448eb211c80319c,b7ad6b7169203331,01,"), std::string::npos)
             << here;
         EXPECT_LT(here.find("\n6,1,"), here.find("\n12," + number)) << "a name comes ahead of its id";
-        collector->say("stop");
-        ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok", run));
-        ASSERT_TRUE(comes(10, run));
-        collector->say("start");
-    }
+    });
 }
 
 }  // namespace

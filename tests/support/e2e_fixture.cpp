@@ -6,7 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include "tests/support/raw_agent.h"
 #include "tests/support/ws_bridge.h"
 #include "tools/collector/collector_records.h"
 
@@ -84,6 +83,30 @@ void EndToEnd::makeInstance(const std::string& application) {
     RawAgent first(proxyPort, application, 1);
     ASSERT_TRUE(first.start()) << traceText();
     ASSERT_TRUE(collector->outputHolds("data connection of Tier/host7/" + application + "/raw"));
+}
+
+void EndToEnd::writeEntryPoints() const {
+    const std::string entries = dir / "entry.txt";
+    ASSERT_EQ(Program({{programPath("vxagent"), "load", "--entry-points"}, {}, entries}).wait(), 0);
+    dir.write("files/VXEntryPointsFile", fileText(entries));
+}
+
+void EndToEnd::inTwoRuns(const std::function<void(RawAgent& agent, int run)>& body) {
+    const auto comes = [this](int number, int count) {
+        return eventually(
+            [&] { return summaryOfStreams().byNumber[number] >= static_cast<unsigned>(count); });
+    };
+    for (int run = 1; run <= 2; ++run) {
+        SCOPED_TRACE(run);
+        RawAgent agent(proxyPort, "shop", static_cast<unsigned>(run));
+        ASSERT_TRUE(agent.start()) << traceText();
+        ASSERT_TRUE(comes(99, run));  // before, the agents' data connections are closed
+        ASSERT_NO_FATAL_FAILURE(body(agent, run));
+        collector->say("stop");
+        ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok", run));
+        ASSERT_TRUE(comes(10, run));
+        collector->say("start");
+    }
 }
 
 std::string EndToEnd::deliver(int transactions, std::vector<std::string> arguments,

@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/support/program.h"
+#include "tests/support/raw_agent.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_summary.h"
 
@@ -25,6 +27,11 @@ protected:
     // Makes the instance of an application, and waits until it passes data on: what comes before that is
     // lost.
     void makeInstance(const std::string& application);
+    // The entry points of vxagent's load, as a file that a collector with --files hands out.
+    void writeEntryPoints() const;
+    // Two test runs of application "shop", an agent process in each: `body` while the run's data connection
+    // stands.
+    void inTwoRuns(const std::function<void(RawAgent& agent, int run)>& body);
 
     // Runs a load of that many transactions a process to its end, and waits until all have arrived; its
     // output.

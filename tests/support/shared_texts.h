@@ -6,45 +6,25 @@
 #include <utility>
 #include <vector>
 
-#include "commonlibc/context/vx_application.h"
+#include "commonlibc/VXSys.h"
 #include "commonlibc/http/VXHttpNameList.h"
 #include "commonlibc/vxlb_mem.h"
 
 namespace vx::test {
 
-template <class Visit>
-void eachSharedText(vxApplication& app, Visit visit) {
-    VXSys_t& sys = app.VXSys;
-    VXBCISetting_t& setting = app.VXBCISetting;
-    for (VXSharedText* text : {&sys.vxHomePath,           &sys.sessionCookieName,
-                               &sys.correlationIDHeader,  &sys.vxBuild,
-                               &setting.agentType,        &setting.agentVersion,
-                               &setting.agentAppName,     &setting.tierName,
-                               &setting.vxAppServerHost,  &setting.appName,
-                               &setting.encodedTierName,  &setting.encodedServerName,
-                               &setting.encodedAppName,   &setting.vxcHost,
-                               &setting.attributes,       &setting.tags,
-                               &setting.tierAttr,         &setting.endPointPrefix,
-                               &setting.SaasHost,         &setting.projectKey,
-                               &setting.authtoken,        &setting.tlsCaFile,
-                               &setting.agentCertFile,    &setting.agentKeyFile,
-                               &app.session.vxCookieName, &app.session.cookieDomainName})
-        visit(*text);
-}
-
 // The texts in force stay, as copies of their own; what they replaced is given back.
 inline void renewSharedTexts(vxApplication& app) {
     std::vector<std::pair<VXSharedText*, std::string>> inForce;
-    eachSharedText(app, [&](VXSharedText& text) {
-        if (text.get()) inForce.emplace_back(&text, text.get());
-        setSharedText(app.retired, text, nullptr);
-    });
+    for (VXSharedText* text : vxSharedTexts(app)) {
+        if (text->get()) inForce.emplace_back(text, text->get());
+        setSharedText(app.retired, *text, nullptr);
+    }
     freeRetiredTexts(app.retired);
     for (auto& [text, value] : inForce) setSharedText(app.retired, *text, value.c_str());
 }
 
 inline void freeSharedTexts(vxApplication& app) {
-    eachSharedText(app, [&](VXSharedText& text) { setSharedText(app.retired, text, nullptr); });
+    for (VXSharedText* text : vxSharedTexts(app)) setSharedText(app.retired, *text, nullptr);
     freeRetiredTexts(app.retired);
     for (VXHttpNameList* list : {&app.http.request.list, &app.http.response.list, &app.http.valuesAsId})
         vxFreeNameList(*list);
