@@ -8,6 +8,7 @@
 #include "commonlibc/VXAgentWs.h"
 #include "commonlibc/lws_context.h"
 #include "commonlibc/proxyServer/vx_proxy_listener.h"
+#include "commonlibc/proxyServer/vx_proxy_lws_accept.h"
 #include "commonlibc/proxyServer/vx_proxy_lws_callbacks.h"
 #include "commonlibc/proxyServer/vx_proxy_lws_certificate.h"
 #include "commonlibc/vxlb_sock.h"
@@ -22,10 +23,8 @@ constexpr lws_usec_t kTurnUs = 10000000;
 constexpr unsigned kOwnDescriptors = 3;  // of the library: listening, waking; and one that it keeps free
 constexpr unsigned kServiceBuffer = 65536;
 constexpr unsigned kHandshakeSeconds = 20;
-constexpr int kAliveSeconds = 600, kAliveProbes = 5, kAliveInterval = 60;  // of connections without a word
 // A WebSocket on which nothing came for so long is asked for a sign of life, and given up without one.
 constexpr lws_retry_bo_t kIdlePolicy = {nullptr, 0, 0, 300, 600, 0};
-constexpr const char* kAnyAddress = "0.0.0.0";
 
 // The loop's; it has one at a time.
 struct {
@@ -40,18 +39,14 @@ void onTime(lws_sorted_usec_list_t* /*timer*/) {
     lws_cancel_service(server.context);
 }
 
-lws_context_creation_info creationInfo(int port) {
+lws_context_creation_info creationInfo() {
     lws_context_creation_info info{};
     info.protocols = kAgentProtocols;
     info.vhost_name = "http";
-    info.port = port;
-    info.options = LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+    info.port = CONTEXT_PORT_NO_LISTEN_SERVER;  // the listening socket is ours, see vx_proxy_lws_accept
     info.fd_limit_per_thread = static_cast<unsigned>(kPollsetSize) + kOwnDescriptors;
     info.pt_serv_buf_size = kServiceBuffer;
     info.timeout_secs = kHandshakeSeconds;
-    info.ka_time = kAliveSeconds;
-    info.ka_probes = kAliveProbes;
-    info.ka_interval = kAliveInterval;
     info.retry_and_idle_policy = &kIdlePolicy;
     info.http_proxy_address = ":0";  // none, whatever the variable http_proxy of the host says
     return info;
@@ -61,8 +56,8 @@ lws_context_creation_info creationInfo(int port) {
 bool addCertificate(lws_context_creation_info& info, const VXAgentCertificate& paths) {
     VX_TRACE(1, kControlThread, kInfo, "vxHome:[%s]", paths.certificate);
     const VXCertificateVerdict verdict = vxCheckAgentCertificate(paths, server.reason, sizeof(server.reason));
-    if (verdict != VXCertificateVerdict::kGood)
-        VX_TRACE(1, kControlThread, kError, "Agents over WSS: %s", server.reason);
+    if (verdict == VXCertificateVerdict::kExpired)
+        VX_TRACE(1, kControlThread, kWarning, "Agents over WSS: %s", server.reason);
     if (verdict == VXCertificateVerdict::kUnusable) return false;
     info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
     info.ssl_cert_filepath = paths.certificate;
@@ -79,8 +74,9 @@ bool attemptStart(char* reason) {
 }
 
 void noteBoundPort() {
-    VXProxy.proxyPort = lws_get_vhost_listen_port(server.vhost);
-    vxlb_copy_text(VXProxy.proxyHost, sizeof(VXProxy.proxyHost), kAnyAddress);
+    int port = 0;
+    if (get_src_addr(VXProxy.listenSocket, VXProxy.proxyHost, sizeof(VXProxy.proxyHost), &port) == 0)
+        VXProxy.proxyPort = port;
     VX_TRACE(1, kControlThread, kInfo, "Proxy Started at '%% s:%d'", VXProxy.proxyPort);
 }
 
@@ -91,26 +87,36 @@ void turn() {
     lws_sul_cancel(&server.timer);
 }
 
-// Behind it nobody wakes the context any more.
 void endServer() {
-    vxSetAgentWsContext(nullptr);
+    vxSetAgentWsContext(nullptr);  // nobody wakes it any more
     vxEndLwsContext(std::exchange(server.context, nullptr));
+    if (VXProxy.listenSocket) apr_socket_close(std::exchange(VXProxy.listenSocket, nullptr));
+}
+
+int giveUp() {
+    VX_TRACE(1, kControlThread, kError, "Agents over WebSocket, port %d: %s", VXProxy.proxyPort,
+             server.reason);
+    endServer();
+    return -1;
 }
 
 }  // namespace
 
 int create_proxy_server(int port) {
-    lws_context_creation_info info = creationInfo(port);
+    lws_context_creation_info info = creationInfo();
     VXAgentCertificate paths;
     if (VXProxy.proxyAgentWebSocket == kAgentsOverWss) {
         vxAgentCertificate(paths);
-        if (!addCertificate(info, paths)) return -1;
+        if (!addCertificate(info, paths)) return giveUp();
     }
+    apr_socket_t* socket = create_socket_and_bind(port, VXProxy.listenerPool, server.reason);
+    if (!socket) return giveUp();
+    VXProxy.listenSocket = socket;
+    apr_socket_timeout_set(socket, 0);  // accepting never waits
     server.context = vxMakeLwsContext(info, &server.vhost);
-    if (server.context) return 0;
-    std::snprintf(server.reason, sizeof(server.reason), "port %d cannot be bound", port);
-    VX_TRACE(1, kControlThread, kError, "Agents over WebSocket: %s", server.reason);
-    return -1;
+    if (server.context && vxLwsListen(server.vhost, vxlb_socket_fd(socket))) return 0;
+    std::snprintf(server.reason, sizeof(server.reason), "no context");
+    return giveUp();
 }
 
 void vxProxyInitLws() {

@@ -5,6 +5,7 @@
 #include "commonlibc/VXAgentWs.h"
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "commonlibc/proxyServer/vx_proxy_listener.h"
+#include "commonlibc/proxyServer/vx_proxy_lws_accept.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/vxlb_guard.h"
@@ -48,12 +49,14 @@ int handOver(VXAgentWs& record, const char* in, std::size_t length) {
     return result;
 }
 
-// Not connection of the record stream: lines, in whole messages.
+// Of a connection of lines: they come in whole messages.
 int takePart(VXAgentWs& record, const char* in, std::size_t length, bool last) {
     if (last && !record.parts) return handOver(record, in, length);
     if (!vxKeepAgentPart(record, in, length, static_cast<std::size_t>(kMaxMessage))) {
         VX_TRACE(1, kControlThread, kError,
-                 "Message of an agent is longer than %d bytes. Closing the connection.", kMaxMessage);
+                 "Message of an agent is longer than %d bytes, or too many are not complete. Closing the "
+                 "connection.",
+                 kMaxMessage);
         vxWebSocketGone(record);
         return -1;
     }
@@ -152,6 +155,7 @@ const lws_protocols kAgentProtocols[] = {
     {"VX_ws", callback_proxy_ws, sizeof(VXAgentWs*), kReceiveSize, 0, nullptr, 0},
     {"raw_control", callback_proxy_raw, sizeof(VXAgentWs*), 0, 0, nullptr, 0},
     {"ws_control", callback_proxy_ws, sizeof(VXAgentWs*), kReceiveSize, 0, nullptr, 0},
+    {kAcceptProtocol, callback_proxy_accept, 0, 0, 0, nullptr, 0},
     {nullptr, nullptr, 0, 0, 0, nullptr, 0},
 };
 

@@ -18,7 +18,8 @@ namespace vx {
 inline constexpr int kUnknownSeconds = 30;
 inline constexpr int kSlowSeconds = 60;
 
-// "VX_ws", "raw_control" and "ws_control"; a peer that names none gets the first.
+// "VX_ws", "raw_control" and "ws_control"; a peer that names none gets the first. Behind them the listening
+// descriptor's.
 extern const lws_protocols kAgentProtocols[];
 
 int callback_proxy_ws(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);

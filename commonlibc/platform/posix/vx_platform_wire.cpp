@@ -1,12 +1,15 @@
 #include "commonlibc/platform/vx_platform_wire.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 
 namespace vx {
@@ -20,6 +23,19 @@ bool acknowledgedBytes(int descriptor, std::int64_t* out) {
     if (::getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < kNeeded) return false;
     *out = static_cast<std::int64_t>(info.tcpi_bytes_acked);
     return true;
+}
+
+void setOption(int descriptor, int level, int option, int value) {
+    static_cast<void>(::setsockopt(descriptor, level, option, &value, sizeof(value)));
+}
+
+// A peer that went without a word is found out within a quarter of an hour.
+void keepAlive(int descriptor) {
+    constexpr int kIdleSeconds = 600, kIntervalSeconds = 60, kProbes = 5;
+    setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, kIdleSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, kIntervalSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, kProbes);
 }
 
 }  // namespace
@@ -51,6 +67,26 @@ bool vx_platform_connection_end(int descriptor, bool ours, char* ip, std::size_t
     for (std::size_t i = 0; i < sizeof(text); ++i) ip[i] = text[i];
     *port = ntohs(address.sin_port);
     return true;
+}
+
+int vx_platform_accept(int listening, int* error) {
+    const int descriptor = ::accept4(listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor < 0) {
+        *error = errno;
+        const bool none = errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED;
+        return none ? -1 : -2;
+    }
+    keepAlive(descriptor);
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    return descriptor;
+}
+
+int vx_platform_copy_descriptor(int descriptor) {
+    return ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+}
+
+void vx_platform_close_descriptor(int descriptor) {
+    ::close(descriptor);
 }
 
 }  // namespace vx
