@@ -1,11 +1,13 @@
 // A headless Chromium for tests of the page: its own profile, every console error kept.
-import { existsSync, mkdtempSync, rmSync } from "node:fs";
-import { createRequire } from "node:module";
-import { tmpdir } from "node:os";
-import { join, resolve } from "node:path";
+import {existsSync, mkdtempSync, rmSync} from "node:fs";
+import {createRequire} from "node:module";
+import {tmpdir} from "node:os";
+import {join, resolve} from "node:path";
 
-const FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-               "--disable-background-networking", "--disable-component-update", "--disable-sync"];
+const FLAGS = [
+    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync"
+];
 const PATIENCE_MS = 60000;  // a loaded machine, not a slow page
 
 /** Exit code 77, which ctest takes for "skipped", where the machine has no browser. */
@@ -18,12 +20,18 @@ export function chromiumPath() {
     return path;
 }
 
-/** { context, faults: what the console complained of, page(), close() }; `modules` is the folder of node_modules. */
+/**
+ * { context, faults: what the console complained of, page(), close() }; `modules` is the folder of
+ * node_modules.
+ */
 export async function openBrowser(modules) {
-    const { chromium } = createRequire(resolve(modules, "x.js"))("playwright-core");
+    const {chromium} = createRequire(resolve(modules, "x.js"))("playwright-core");
     const profile = mkdtempSync(join(tmpdir(), "vxpage."));
     const context = await chromium.launchPersistentContext(profile, {
-        executablePath: chromiumPath(), args: FLAGS, headless: true, viewport: { width: 1280, height: 900 },
+        executablePath: chromiumPath(),
+        args: FLAGS,
+        headless: true,
+        viewport: {width: 1280, height: 900},
     });
     context.setDefaultTimeout(PATIENCE_MS);
     const faults = [];
@@ -36,11 +44,12 @@ export async function openBrowser(modules) {
     context.on("page", watch);
     context.pages().forEach(watch);
     return {
-        context, faults,
+        context,
+        faults,
         page: () => context.pages()[0],
         async close() {
             await context.close();
-            rmSync(profile, { recursive: true, force: true });
+            rmSync(profile, {recursive: true, force: true});
         },
     };
 }

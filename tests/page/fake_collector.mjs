@@ -1,4 +1,6 @@
-// A collector that answers the page's questions with what a test says: for cases that real traffic does not bring.
+// A collector that answers the page's questions with what a test says: for cases that real traffic does not
+// bring.
+// clang-format off
 import { existsSync, readFileSync } from "node:fs";
 import { createServer } from "node:http";
 import { extname, join } from "node:path";

@@ -1,12 +1,14 @@
-// The page against a collector of the test's own: hostile texts, a collector that goes away, filters, keys, rules.
-// Usage: node odd_test.mjs PAGE_DIR FOLDER_OF_NODE_MODULES
+// The page against a collector of the test's own: hostile texts, a collector that goes away, filters, keys,
+// rules. Usage: node odd_test.mjs PAGE_DIR FOLDER_OF_NODE_MODULES
 import assert from "node:assert/strict";
-import { after, before, beforeEach, test } from "node:test";
-import { openBrowser, tooWide } from "./browser.mjs";
-import { EVIL, answers, fakeCollector } from "./fake_collector.mjs";
+import {after, before, beforeEach, test} from "node:test";
+
+import {openBrowser, tooWide} from "./browser.mjs";
+import {answers, EVIL, fakeCollector} from "./fake_collector.mjs";
 
 const [pageDir, modules] = process.argv.slice(2);
-const VIEWS = ["overview", "transactions", "transaction/812", "backends", "exceptions", "monitors", "link", "rules"];
+const VIEWS =
+    ["overview", "transactions", "transaction/812", "backends", "exceptions", "monitors", "link", "rules"];
 
 let browser, page, fake, table;
 
@@ -20,7 +22,7 @@ beforeEach(async () => {
     table = answers();
     fake = await fakeCollector(pageDir, modules, table);
     browser.faults.length = 0;
-    await page.setViewportSize({ width: 1280, height: 900 });
+    await page.setViewportSize({width: 1280, height: 900});
 });
 after(async () => {
     await browser.close();
@@ -40,11 +42,19 @@ async function askedFor(text) {
 }
 
 test("every view shows hostile texts as texts, in both widths and schemes", async () => {
-    const told = { overview: "table td", transactions: "td.url", "transaction/812": "h1", backends: ".map", exceptions: "article h2",
-                   monitors: "table td", link: "table td", rules: ".editor" };
+    const told = {
+        overview: "table td",
+        transactions: "td.url",
+        "transaction/812": "h1",
+        backends: ".map",
+        exceptions: "article h2",
+        monitors: "table td",
+        link: "table td",
+        rules: ".editor"
+    };
     for (const [width, colorScheme] of [[1280, "light"], [400, "dark"]]) {
-        await page.setViewportSize({ width, height: 900 });
-        await page.emulateMedia({ colorScheme });
+        await page.setViewportSize({width, height: 900});
+        await page.emulateMedia({colorScheme});
         for (const view of VIEWS) {
             await show(view);
             await page.locator(told[view]).first().waitFor();
@@ -60,13 +70,13 @@ test("every view shows hostile texts as texts, in both widths and schemes", asyn
 test("a collector that goes away is told, and is taken up again", async () => {
     await show("overview");
     await page.locator("text=Cart").waitFor();
-    const { port } = fake.server.address();
+    const {port} = fake.server.address();
     fake.server.close();
     fake.server.closeAllConnections();
-    await page.locator("#gone", { hasText: "does not answer" }).waitFor();
+    await page.locator("#gone", {hasText: "does not answer"}).waitFor();
     assert.ok(await page.locator("text=Cart").isVisible(), "what was shown stays");
     await new Promise((done) => fake.server.listen(port, "127.0.0.1", done));
-    await page.locator("#gone").waitFor({ state: "hidden" });
+    await page.locator("#gone").waitFor({state: "hidden"});
 });
 
 test("figures move while the focus stays", async () => {
@@ -78,18 +88,18 @@ test("figures move while the focus stays", async () => {
         return data;
     };
     await show("overview");
-    const link = page.locator("a.row-link", { hasText: "Cart" });
+    const link = page.locator("a.row-link", {hasText: "Cart"});
     await link.focus();
     count = 987654;
-    await page.locator("td", { hasText: "987,654" }).waitFor();
+    await page.locator("td", {hasText: "987,654"}).waitFor();
     assert.equal(await page.evaluate(() => document.activeElement.textContent), "Cart");
     await page.keyboard.press("Enter");
-    await page.locator("h1", { hasText: "Transactions" }).waitFor();
+    await page.locator("h1", {hasText: "Transactions"}).waitFor();
     assert.match(page.url(), /bt=Cart/);
     // A click on the chart asks for the transactions of that step.
     await show("overview");
     await page.locator(".plot canvas").first().waitFor();
-    await page.locator(".plot").first().click({ position: { x: 300, y: 90 } });
+    await page.locator(".plot").first().click({position: {x: 300, y: 90}});
     await page.waitForURL(/from=\d+&to=\d+/);
 });
 
@@ -97,18 +107,18 @@ test("filters stand in the address, older rows come below", async () => {
     await show("transactions?bt=Cart&instance=8124");
     await page.locator("td.url").first().waitFor();
     assert.match(await askedFor("/api/transactions?"), /bt=Cart&.*instance=8124/);
-    await page.locator(".chip", { hasText: "Web/host1/shop" }).waitFor();
+    await page.locator(".chip", {hasText: "Web/host1/shop"}).waitFor();
     await page.fill("input[name=url]", "/x?a=1&b");
     await askedFor("url=%2Fx%3Fa%3D1%26b");
     await page.selectOption("select[name=category]", "error");
     await askedFor("category=error");
     await page.locator("text=Show older").click();
     await askedFor("before=1%3A901");
-    await page.locator(".under .note", { hasText: "200 shown" }).waitFor();
+    await page.locator(".under .note", {hasText: "200 shown"}).waitFor();
     await page.locator(".clear").click();
     await page.waitForFunction(() => !location.hash.includes("category"));
     assert.equal(await page.inputValue("input[name=url]"), "");
-    table["GET /api/transactions"] = () => ({ rows: [], next: null });
+    table["GET /api/transactions"] = () => ({rows: [], next: null});
     await page.fill("input[name=bt]", "nobody");
     await page.locator("text=No transaction in this time passes the filters.").waitFor();
 });
@@ -124,7 +134,7 @@ test("a tree opens and closes by key; what is not there is said", async () => {
     assert.equal(await page.evaluate(() => document.activeElement.getAttribute("aria-expanded")), "false");
     await show("transaction/0");
     await page.locator("text=This transaction is not in the store.").waitFor();
-    table["GET /api/status"] = () => ({ fault: 401, error: "no token" });
+    table["GET /api/status"] = () => ({fault: 401, error: "no token"});
     await page.waitForURL(/\/login$/);
 });
 
@@ -135,28 +145,28 @@ test("a rule is looked at before it is saved", async () => {
     let body;
     table["POST /api/rules/try"] = (p, given) => ((body = given), answers()["POST /api/rules/try"]());
     await page.locator("text=Which rule names it?").click();
-    await page.locator(".rule-lines .names", { hasText: "Names it" }).waitFor();
-    assert.deepEqual(body, { url: "/shop/cart", method: "GET", query: "", headers: { Shop: "eu", X: "a: b" } });
+    await page.locator(".rule-lines .names", {hasText: "Names it"}).waitFor();
+    assert.deepEqual(body, {url: "/shop/cart", method: "GET", query: "", headers: {Shop: "eu", X: "a: b"}});
 
     const save = page.locator("text=Save and send");
     assert.ok(await save.isDisabled());
     await page.locator(".editor").fill("7|Basket|2|0|/shop/cart|0\n");
     assert.ok(await save.isDisabled(), "not before the preview");
-    await page.getByRole("button", { name: "Preview" }).click();
+    await page.getByRole("button", {name: "Preview"}).click();
     await page.locator("text=would move").waitFor();
     assert.ok((await page.locator(".moves").textContent()).includes(EVIL));
-    table["POST /api/rules"] = () => ({ fault: 409, error: "The file has changed." });
+    table["POST /api/rules"] = () => ({fault: 409, error: "The file has changed."});
     await save.click();
-    await page.locator("[role=alert]", { hasText: "Somebody changed the rules" }).waitFor();
+    await page.locator("[role=alert]", {hasText: "Somebody changed the rules"}).waitFor();
     table["POST /api/rules"] = (p, given) => ((body = given), answers()["POST /api/rules"](p, given));
     await save.click();
     await page.locator("text=Saved and sent").waitFor();
-    assert.deepEqual(body, { text: "7|Basket|2|0|/shop/cart|0\n", digest: "1" });
+    assert.deepEqual(body, {text: "7|Basket|2|0|/shop/cart|0\n", digest: "1"});
     assert.ok(await save.isDisabled());
 });
 
 test("the frame is reached by key, the scheme is kept", async () => {
-    await page.emulateMedia({ colorScheme: "light" });
+    await page.emulateMedia({colorScheme: "light"});
     await show("overview");
     await page.keyboard.press("Tab");
     assert.equal(await page.evaluate(() => document.activeElement.className), "skip");
@@ -165,7 +175,7 @@ test("the frame is reached by key, the scheme is kept", async () => {
     assert.equal(await page.evaluate(() => document.documentElement.dataset.scheme), "dark");
     await page.selectOption("#span", "3600");
     await page.waitForURL(/span=3600/);
-    await page.locator("nav a", { hasText: "Exceptions" }).click();
+    await page.locator("nav a", {hasText: "Exceptions"}).click();
     await page.locator("summary").first().click();
     await page.locator("pre.stack").first().waitFor();
     assert.match(page.url(), /exceptions\?span=3600/);

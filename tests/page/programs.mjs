@@ -1,16 +1,17 @@
-// The built programs on loopback, as a test wants them: collector with page and store, service, agent on a log.
-import { spawn } from "node:child_process";
-import { appendFileSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
-import { createServer } from "node:net";
-import { hostname, tmpdir } from "node:os";
-import { join } from "node:path";
+// The built programs on loopback, as a test wants them: collector with page and store, service, agent on a
+// log.
+import {spawn} from "node:child_process";
+import {appendFileSync, mkdirSync, mkdtempSync, rmSync, writeFileSync} from "node:fs";
+import {createServer} from "node:net";
+import {hostname, tmpdir} from "node:os";
+import {join} from "node:path";
 
 const PATIENCE_MS = 60000;
 
 function freePort() {
     return new Promise((done) => {
         const server = createServer().listen(0, "127.0.0.1", () => {
-            const { port } = server.address();
+            const {port} = server.address();
             server.close(() => done(port));
         });
     });
@@ -18,7 +19,7 @@ function freePort() {
 
 /** { child, saw(regexp) -> match in what it printed, once it is there; end() }. */
 function start(path, args, env = {}) {
-    const child = spawn(path, args, { env: { ...process.env, ...env }, stdio: ["pipe", "pipe", "pipe"] });
+    const child = spawn(path, args, {env: {...process.env, ...env}, stdio: ["pipe", "pipe", "pipe"]});
     let said = "";
     let ended = null;
     let look = () => {};
@@ -34,30 +35,40 @@ function start(path, args, env = {}) {
         done();
     }));
     const saw = (wanted) => new Promise((done, fail) => {
-        const late = setTimeout(() => fail(new Error(`${path} did not say ${wanted}:\n${said}`)), PATIENCE_MS);
+        const late =
+            setTimeout(() => fail(new Error(`${path} did not say ${wanted}:\n${said}`)), PATIENCE_MS);
         look = () => {
             const match = said.match(wanted);
             if (!match && ended === null) return;
             clearTimeout(late);
-            if (match) done(match);
-            else fail(new Error(`${path} ended (${ended}):\n${said}`));
+            if (match)
+                done(match);
+            else
+                fail(new Error(`${path} ended (${ended}):\n${said}`));
         };
         look();
     });
-    return { child, saw, async end() {
-        child.kill("SIGTERM");
-        await over;
-    } };
+    return {
+        child,
+        saw,
+        async end() {
+            child.kill("SIGTERM");
+            await over;
+        }
+    };
 }
 
 /** One line of the log, as nginx writes it. */
-export function logLine({ url, method = "GET", status = 200, seconds = "0.012", upstream = "" }) {
+export function logLine({url, method = "GET", status = 200, seconds = "0.012", upstream = ""}) {
     const at = new Date();
-    const month = at.toLocaleString("en-US", { month: "short", timeZone: "UTC" });
+    const month = at.toLocaleString("en-US", {month: "short", timeZone: "UTC"});
     const [day, time] = at.toISOString().split(/[T.]/);
     const [year, , date] = day.split("-");
-    const asked = upstream ? `upstream_addr="${upstream}" upstream_status="${status}" upstream_response_time="0.008" ` : "";
-    return `127.0.0.1 - - [${date}/${month}/${year}:${time} +0000] "${method} ${url} HTTP/1.1" ${status} 12 "-" "test/1" ` +
+    const asked = upstream ?
+        `upstream_addr="${upstream}" upstream_status="${status}" upstream_response_time="0.008" ` :
+        "";
+    return `127.0.0.1 - - [${date}/${month}/${year}:${time} +0000] "${method} ${url} HTTP/1.1" ${
+               status} 12 "-" "test/1" ` +
         `${asked}http_host="shop.example" sent_http_content_type="text/html" ${seconds}\n`;
 }
 
@@ -68,32 +79,41 @@ export async function startPrograms(bin, rules) {
     const running = [];
     const path = (...parts) => join(work, ...parts);
     mkdirSync(path("files"));
-    mkdirSync(path("proxy/config"), { recursive: true });
+    mkdirSync(path("proxy/config"), {recursive: true});
     writeFileSync(path("files/VXEntryPointsFile"), "nginx|nginx.upstream()|HTTP_CALLOUT|2\n");
     writeFileSync(path("files/BTRuleConfig"), rules);
-    writeFileSync(path("keywords"), ["zorEpochDiff=1388534400", "bciInstrSessionPct=100", "instrExceptions=1%201%200%20100%201",
-        "enableExceptionInSeqBlob=1", "captureHTTPReqFullFp=3%200%200%200", "captureHTTPRespFullFp=3%200%200%200", ""].join("\n"));
+    writeFileSync(path("keywords"), [
+        "zorEpochDiff=1388534400", "bciInstrSessionPct=100", "instrExceptions=1%201%200%20100%201",
+        "enableExceptionInSeqBlob=1", "captureHTTPReqFullFp=3%200%200%200",
+        "captureHTTPRespFullFp=3%200%200%200", ""
+    ].join("\n"));
     writeFileSync(path("access.log"), "");
 
-    const collector = start(join(bin, "vxcollector"), ["--listen", "0", "--host", "127.0.0.1", "--http", "0", "--db", path("store.db"),
-        "--files", path("files"), "--keywords", path("keywords"), "--port-file", path("port")]);
+    const collector = start(join(bin, "vxcollector"), [
+        "--listen", "0", "--host", "127.0.0.1", "--http", "0", "--db", path("store.db"), "--files",
+        path("files"), "--keywords", path("keywords"), "--port-file", path("port")
+    ]);
     running.push(collector);
     const url = (await collector.saw(/http:\/\/127\.0\.0\.1:\d+\//))[0];
     const port = (await collector.saw(/listening on 127\.0\.0\.1:(\d+)/))[1];
     writeFileSync(path("proxy/config/proxysetting.conf"), `proxyPort=${proxyPort}\n`);
-    writeFileSync(path("proxy/config/vxsettings.conf"), `vxcHost=127.0.0.1\nvxcPort=${port}\nVXC_COMM_PROTOCOL=TCP:${port}\n`);
-    const service = start(join(bin, "VXProxyService"), [], { VXHOME: work });
+    writeFileSync(
+        path("proxy/config/vxsettings.conf"),
+        `vxcHost=127.0.0.1\nvxcPort=${port}\nVXC_COMM_PROTOCOL=TCP:${port}\n`);
+    const service = start(join(bin, "VXProxyService"), [], {VXHOME: work});
     running.push(service);
     await service.saw(/listening/);
-    running.push(start(join(bin, "vxagent"), ["access-log", "--file", path("access.log"), "--follow", "--proxy", `127.0.0.1:${proxyPort}`,
-        "--tier", "Web", "--server", hostname(), "--app", "shop", "--agent", "nginx"]));
+    running.push(start(join(bin, "vxagent"), [
+        "access-log", "--file", path("access.log"), "--follow", "--proxy", `127.0.0.1:${proxyPort}`, "--tier",
+        "Web", "--server", hostname(), "--app", "shop", "--agent", "nginx"
+    ]));
     await collector.saw(/action=start_instrumentation;status=starting;result=Ok/);
     return {
         url,
         log: (lines) => appendFileSync(path("access.log"), lines.join("")),
         async end() {
             for (const program of running.reverse()) await program.end();
-            rmSync(work, { recursive: true, force: true });
+            rmSync(work, {recursive: true, force: true});
         },
     };
 }

@@ -13,11 +13,11 @@ export class ApiError extends Error {
 async function ask(path, options, signal) {
     const limit = AbortSignal.timeout(PATIENCE_MS);
     const both = new AbortController();
-    for (const s of [limit, signal]) s?.addEventListener("abort", () => both.abort(s.reason), { once: true });
+    for (const s of [limit, signal]) s?.addEventListener("abort", () => both.abort(s.reason), {once: true});
     let reply;
     let body = {};
     try {
-        reply = await fetch(path, { ...options, signal: both.signal, credentials: "same-origin" });
+        reply = await fetch(path, {...options, signal: both.signal, credentials: "same-origin"});
         if (reply.headers.get("content-type")?.startsWith("application/json")) body = await reply.json();
     } catch (error) {
         if (signal?.aborted) throw error;
@@ -37,6 +37,6 @@ export function get(path, params = {}, signal = undefined) {
 }
 
 export function post(path, body, signal = undefined) {
-    const headers = { "Content-Type": "application/json" };
-    return ask(path, { method: "POST", headers, body: JSON.stringify(body) }, signal);
+    const headers = {"Content-Type": "application/json"};
+    return ask(path, {method: "POST", headers, body: JSON.stringify(body)}, signal);
 }

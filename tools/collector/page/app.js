@@ -1,50 +1,57 @@
-// The frame around the views: which one shows, when it asks again, and what is said while the collector is gone.
-import { get } from "./api.js";
-import { h, replace } from "./dom.js";
-import { rate, spanText } from "./format.js";
-import { SPANS, changed, route, span, to } from "./router.js";
-import { backends } from "./views/backends.js";
-import { exceptions } from "./views/exceptions.js";
-import { link } from "./views/link.js";
-import { monitors } from "./views/monitors.js";
-import { overview } from "./views/overview.js";
-import { rules } from "./views/rules.js";
-import { transaction } from "./views/transaction.js";
-import { transactions } from "./views/transactions.js";
+// The frame around the views: which one shows, when it asks again, and what is said while the collector is
+// gone.
+import {get} from "./api.js";
+import {h, replace} from "./dom.js";
+import {rate, spanText} from "./format.js";
+import {changed, route, span, SPANS, to} from "./router.js";
+import {backends} from "./views/backends.js";
+import {exceptions} from "./views/exceptions.js";
+import {link} from "./views/link.js";
+import {monitors} from "./views/monitors.js";
+import {overview} from "./views/overview.js";
+import {rules} from "./views/rules.js";
+import {transaction} from "./views/transaction.js";
+import {transactions} from "./views/transactions.js";
 
 const POLL_MS = 2000;
 const SETTLED_MS = 120000;  // nothing comes for a time that is longer ago
 
-// A view: make(context) -> { node, load(signal) } with, where needed, route() that takes a change of the address
-// without a new view, refresh: "always" (also when nothing was stored) or "never", and close().
+// A view: make(context) -> { node, load(signal) } with, where needed, route() that takes a change of the
+// address without a new view, refresh: "always" (also when nothing was stored) or "never", and close().
 const VIEWS = {
-    overview: { title: "Overview", make: overview },
-    transactions: { title: "Transactions", make: transactions },
-    backends: { title: "Back-ends", make: backends },
-    exceptions: { title: "Exceptions", make: exceptions },
-    monitors: { title: "Monitors", make: monitors },
-    link: { title: "Link", make: link },
-    rules: { title: "Rules", make: rules },
-    transaction: { title: "Transaction", make: transaction, within: "transactions" },
+    overview: {title: "Overview", make: overview},
+    transactions: {title: "Transactions", make: transactions},
+    backends: {title: "Back-ends", make: backends},
+    exceptions: {title: "Exceptions", make: exceptions},
+    monitors: {title: "Monitors", make: monitors},
+    link: {title: "Link", make: link},
+    rules: {title: "Rules", make: rules},
+    transaction: {title: "Transaction", make: transaction, within: "transactions"},
 };
 
 const byId = (id) => document.getElementById(id);
 const main = byId("main");
-const context = { status: null };
-let shown = null;  // { name, path, view, serial, busy, asked, took, error, loading: AbortController }
+const context = {
+    status: null
+};
+let shown = null;     // { name, path, view, serial, busy, asked, took, error, loading: AbortController }
 let previous = null;  // the status before: rates are differences
 
 function drawNav() {
     const name = VIEWS[route().path[0]]?.within ?? route().path[0];
-    replace(byId("nav"), Object.entries(VIEWS).filter(([, view]) => !view.within).map(([key, view]) =>
-        h("a", { href: to(key), "aria-current": key === name && "page" }, view.title)));
+    replace(
+        byId("nav"),
+        Object.entries(VIEWS)
+            .filter(([, view]) => !view.within)
+            .map(([key,
+                   view]) => h("a", {href: to(key), "aria-current": key === name && "page"}, view.title)));
 }
 
 function drawSpan() {
     const now = span();
     const select = byId("span");
-    const options = SPANS.map((s) => h("option", { value: s }, `Last ${spanText(s)}`));
-    if (!now.live) options.unshift(h("option", { value: "fixed" }, `${spanText(now.seconds)}, fixed`));
+    const options = SPANS.map((s) => h("option", {value: s}, `Last ${spanText(s)}`));
+    if (!now.live) options.unshift(h("option", {value: "fixed"}, `${spanText(now.seconds)}, fixed`));
     replace(select, options);
     select.value = now.live ? String(now.seconds) : "fixed";
 }
@@ -60,15 +67,16 @@ function drawScheme() {
 function drawLive(status) {
     const connected = status.instances.filter((i) => i.connected).length;
     const seconds = previous ? (status.now - previous.now) / 1000 : 0;
-    const records = seconds > 0 && status.started === previous.started
-        ? `, ${rate(Math.max(0, status.records - previous.records) / seconds)} records` : "";
+    const records = seconds > 0 && status.started === previous.started ?
+        `, ${rate(Math.max(0, status.records - previous.records) / seconds)} records` :
+        "";
     const text = connected === 1 ? "1 instance" : `${connected} instances`;
     const live = byId("live");
     live.className = connected ? "live on" : "live";
     // Only what is news is announced: the figure changes at every poll.
     if (live.dataset.text !== text) {
         live.dataset.text = text;
-        replace(live, h("a", { href: to("link") }, text), h("span", { class: "records", "aria-hidden": "true" }));
+        replace(live, h("a", {href: to("link")}, text), h("span", {class: "records", "aria-hidden": "true"}));
     }
     live.querySelector(".records").textContent = records;
 }
@@ -79,9 +87,9 @@ function tell(error) {
     const line = byId("gone");
     line.hidden = !error;
     if (!error) return;
-    line.textContent = error.status === 0
-        ? "The collector does not answer. What shows here is what it said last; the page goes on trying."
-        : error.message;
+    line.textContent = error.status === 0 ?
+        "The collector does not answer. What shows here is what it said last; the page goes on trying." :
+        error.message;
     if (error.status === 0) {
         byId("live").className = "live off";
         byId("live").dataset.text = "gone";
@@ -92,7 +100,7 @@ function tell(error) {
 // Asks the view again. A fault stays with it until it has its answer.
 async function reload() {
     const mine = shown;
-    const { signal } = mine.loading;
+    const {signal} = mine.loading;
     const serial = context.status?.serial;
     mine.busy = true;
     mine.asked = Date.now();
@@ -101,8 +109,10 @@ async function reload() {
         mine.serial = serial;
         mine.error = null;
     } catch (error) {
-        if (error.status !== undefined) mine.error = error;
-        else if (!signal.aborted) throw error;
+        if (error.status !== undefined)
+            mine.error = error;
+        else if (!signal.aborted)
+            throw error;
     } finally {
         mine.busy = false;
         mine.took = Date.now() - mine.asked;
@@ -139,13 +149,23 @@ function open(name, path) {
     shown?.loading.abort();
     shown?.view.close?.();
     const view = VIEWS[name].make(context);
-    shown = { name, path, view, serial: null, busy: false, asked: 0, took: 0, error: null, loading: new AbortController() };
+    shown = {
+        name,
+        path,
+        view,
+        serial: null,
+        busy: false,
+        asked: 0,
+        took: 0,
+        error: null,
+        loading: new AbortController()
+    };
     replace(main, view.node);
     scrollTo(0, 0);
 }
 
 async function navigate(event) {
-    const { path } = route();
+    const {path} = route();
     const name = VIEWS[path[0]] ? path[0] : "overview";
     const same = shown?.name === name && shown.path === path.join("/");
     document.title = `${VIEWS[name].title} · VXProxy collector`;
@@ -155,7 +175,7 @@ async function navigate(event) {
         shown.loading = new AbortController();
     } else {
         open(name, path.join("/"));
-        if (event) main.focus({ preventScroll: true });
+        if (event) main.focus({preventScroll: true});
     }
     drawNav();
     drawSpan();
@@ -170,11 +190,13 @@ async function turn() {
 }
 
 byId("span").addEventListener("change", (event) => {
-    if (event.target.value !== "fixed") location.hash = changed({ span: event.target.value, from: null, to: null });
+    if (event.target.value !== "fixed")
+        location.hash = changed({span: event.target.value, from: null, to: null});
 });
 byId("scheme").addEventListener("click", () => window.turnScheme());
 document.addEventListener("schemechange", drawScheme);
-document.addEventListener("visibilitychange", () => document.hidden || poll().catch((error) => console.error(error)));
+document.addEventListener(
+    "visibilitychange", () => document.hidden || poll().catch((error) => console.error(error)));
 document.querySelector(".skip").addEventListener("click", (event) => {
     event.preventDefault();
     main.focus();

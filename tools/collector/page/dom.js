@@ -5,10 +5,14 @@ const SVG = "http://www.w3.org/2000/svg";
 function fill(node, props, children) {
     for (const [name, value] of Object.entries(props ?? {})) {
         if (value === undefined || value === null || value === false) continue;
-        if (name.startsWith("on")) node.addEventListener(name.slice(2), value);
-        else if (name === "style") for (const [key, text] of Object.entries(value)) node.style.setProperty(key, text);
-        else if (name === "value" || name === "checked") node[name] = value;
-        else node.setAttribute(name, value === true ? "" : String(value));
+        if (name.startsWith("on"))
+            node.addEventListener(name.slice(2), value);
+        else if (name === "style")
+            for (const [key, text] of Object.entries(value)) node.style.setProperty(key, text);
+        else if (name === "value" || name === "checked")
+            node[name] = value;
+        else
+            node.setAttribute(name, value === true ? "" : String(value));
     }
     append(node, children);
     return node;

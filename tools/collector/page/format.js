@@ -1,7 +1,7 @@
 // Numbers as people read them, with their units.
 
-const whole = new Intl.NumberFormat("en-US", { maximumFractionDigits: 0 });
-const short = new Intl.NumberFormat("en-US", { notation: "compact", maximumFractionDigits: 1 });
+const whole = new Intl.NumberFormat("en-US", {maximumFractionDigits: 0});
+const short = new Intl.NumberFormat("en-US", {notation: "compact", maximumFractionDigits: 1});
 
 const nothing = (n) => n === null || n === undefined || Number.isNaN(n);
 

@@ -1,4 +1,5 @@
-// Addresses of the page: "#/transactions?bt=Cart&span=900". Each view has one, so that it can be kept and sent on.
+// Addresses of the page: "#/transactions?bt=Cart&span=900". Each view has one, so that it can be kept and
+// sent on.
 
 export const SPANS = [300, 900, 3600, 21600, 86400, 604800];
 const DEFAULT_SPAN = 900;
@@ -13,18 +14,18 @@ export function route() {
             return part;
         }
     });
-    return { path: parts[0] === "" ? ["overview"] : parts, params: new URLSearchParams(query) };
+    return {path: parts[0] === "" ? ["overview"] : parts, params: new URLSearchParams(query)};
 }
 
 /** The time that is looked at: live ones end now, fixed ones stand. Times in milliseconds since the epoch. */
 export function span(params = route().params) {
     const from = Number(params.get("from"));
     const to = Number(params.get("to"));
-    if (from > 0 && to > from) return { live: false, from, to, seconds: (to - from) / 1000 };
+    if (from > 0 && to > from) return {live: false, from, to, seconds: (to - from) / 1000};
     const wanted = Number(params.get("span"));
     const seconds = SPANS.includes(wanted) ? wanted : DEFAULT_SPAN;
     const now = Date.now();
-    return { live: true, from: now - seconds * 1000, to: now, seconds };
+    return {live: true, from: now - seconds * 1000, to: now, seconds};
 }
 
 /** An address that keeps the time that is looked at, unless `params` has one. Empty values are left out. */
@@ -32,7 +33,8 @@ export function to(path, params = {}) {
     const query = new URLSearchParams();
     const now = route().params;
     if (!("from" in params || "span" in params))
-        for (const key of ["span", "from", "to"]) if (now.get(key)) query.set(key, now.get(key));
+        for (const key of ["span", "from", "to"])
+            if (now.get(key)) query.set(key, now.get(key));
     for (const [key, value] of Object.entries(params))
         if (value !== undefined && value !== null && value !== "") query.set(key, value);
     const text = query.toString();
@@ -41,10 +43,12 @@ export function to(path, params = {}) {
 
 /** The address that shows now with some of its parameters changed; null takes one away. */
 export function changed(params) {
-    const { path, params: all } = route();
+    const {path, params: all} = route();
     for (const [key, value] of Object.entries(params))
-        if (value === null || value === "") all.delete(key);
-        else all.set(key, value);
+        if (value === null || value === "")
+            all.delete(key);
+        else
+            all.set(key, value);
     const text = all.toString();
     return "#/" + path.map(encodeURIComponent).join("/") + (text ? "?" + text : "");
 }

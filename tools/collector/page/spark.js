@@ -1,5 +1,5 @@
-// A small line of figures inside a row; an errors' line over it where there are any.
-import { svg } from "./dom.js";
+// A small line of figures inside a row.
+import {svg} from "./dom.js";
 
 const WIDTH = 120;
 const HEIGHT = 24;
@@ -10,12 +10,18 @@ function path(values, top) {
     return values.map((v, i) => `${i ? "L" : "M"}${(i * step).toFixed(1)} ${y(v)}`).join("");
 }
 
-export function spark(values, errors = []) {
+export function spark(values) {
     const top = Math.max(0, ...values);
     const line = path(values, top);
-    return svg("svg", { class: "spark", viewBox: `0 0 ${WIDTH} ${HEIGHT}`, width: WIDTH, height: HEIGHT,
-                        "aria-hidden": "true", preserveAspectRatio: "none" },
-               svg("path", { class: "area", d: `${line}L${WIDTH} ${HEIGHT}L0 ${HEIGHT}Z` }),
-               svg("path", { class: "stroke", d: line }),
-               errors.some((v) => v > 0) && svg("path", { class: "errors", d: path(errors, top) }));
+    return svg(
+        "svg", {
+            class: "spark",
+            viewBox: `0 0 ${WIDTH} ${HEIGHT}`,
+            width: WIDTH,
+            height: HEIGHT,
+            "aria-hidden": "true",
+            preserveAspectRatio: "none"
+        },
+        svg("path", {class: "area", d: `${line}L${WIDTH} ${HEIGHT}L0 ${HEIGHT}Z`}),
+        svg("path", {class: "stroke", d: line}));
 }

@@ -1,6 +1,7 @@
-// Tables that are kept up to date in place: a row that has not changed is not touched, so that focus, selection and
-// scroll positions stay. On narrow screens each row becomes a card (style.css), labelled by the column's title.
-import { h, replace } from "./dom.js";
+// Tables that are kept up to date in place: a row that has not changed is not touched, so that focus,
+// selection and scroll positions stay. On narrow screens each row becomes a card (style.css), labelled by the
+// column's title.
+import {h, replace} from "./dom.js";
 
 /**
  * @param columns [{ title, cell(row) -> text or node, num: right-aligned figure, sort(row) -> key, hint }]
@@ -9,37 +10,42 @@ import { h, replace } from "./dom.js";
  */
 export function table(columns, options) {
     let rows = [];
-    let order = { by: options.sorted ?? -1, down: options.descending ?? true };
+    let order = {by: options.sorted ?? -1, down: options.descending ?? true};
     const known = new Map();  // key -> { tr, text of the row it shows }
     const body = h("tbody");
     const heads = columns.map((column, i) => head(column, i));
-    const empty = h("div", { class: "empty", hidden: true }, options.empty ?? "Nothing here yet.");
-    const inner = h("table", { class: "data", "aria-label": options.label }, h("thead", {}, h("tr", {}, heads)), body);
-    const node = h("div", { class: "table" }, inner, empty);
+    const empty = h("div", {class: "empty", hidden: true}, options.empty ?? "Nothing here yet.");
+    const inner =
+        h("table", {class: "data", "aria-label": options.label}, h("thead", {}, h("tr", {}, heads)), body);
+    const node = h("div", {class: "table"}, inner, empty);
 
     function head(column, i) {
-        const props = { scope: "col", class: column.num && "num", title: column.hint };
+        const props = {scope: "col", class: column.num && "num", title: column.hint};
         if (!column.sort) return h("th", props, column.title);
         const turn = () => {
-            order = { by: i, down: order.by === i ? !order.down : Boolean(column.num) };
+            order = {by: i, down: order.by === i ? !order.down : Boolean(column.num)};
             update(rows);
         };
-        return h("th", props, h("button", { type: "button", class: "sort", onclick: turn }, column.title));
+        return h("th", props, h("button", {type: "button", class: "sort", onclick: turn}, column.title));
     }
 
     const links = (tr) => [...tr.querySelectorAll("a, button")];
 
     function cells(row) {
-        return columns.map((column) =>
-            h("td", { class: [column.num && "num", column.class].filter(Boolean).join(" ") || undefined,
-                      "data-label": column.title }, column.cell(row)));
+        return columns.map(
+            (column) =>
+                h("td", {
+                    class: [column.num && "num", column.class].filter(Boolean).join(" ") || undefined,
+                    "data-label": column.title
+                },
+                  column.cell(row)));
     }
 
     function show(row) {
         const key = String(options.key(row));
-        const text = JSON.stringify(row);
+        const text = location.hash + JSON.stringify(row);  // cells have links, which go from here
         let entry = known.get(key);
-        if (!entry) known.set(key, (entry = { tr: h("tr"), text: null }));
+        if (!entry) known.set(key, (entry = {tr: h("tr"), text: null}));
         if (entry.text !== text || options.always) {
             replace(entry.tr, cells(row));
             entry.text = text;
@@ -55,18 +61,20 @@ export function table(columns, options) {
         return [...rows].sort((a, b) => sign * compare(sort(a), sort(b)));
     }
 
-    // What has the focus in a row: the row and which of its links. A row that is moved or filled anew loses it.
+    // The row that has the focus, and which of its links: a row that is moved or filled anew loses it.
     function focusNow() {
         const tr = body.contains(document.activeElement) && document.activeElement.closest("tr");
-        return tr ? { tr, place: links(tr).indexOf(document.activeElement) } : null;
+        return tr ? {tr, place: links(tr).indexOf(document.activeElement)} : null;
     }
 
     function update(wanted) {
         const focus = focusNow();
         rows = wanted;
         heads.forEach((th, i) => {
-            if (i === order.by) th.setAttribute("aria-sort", order.down ? "descending" : "ascending");
-            else th.removeAttribute("aria-sort");
+            if (i === order.by)
+                th.setAttribute("aria-sort", order.down ? "descending" : "ascending");
+            else
+                th.removeAttribute("aria-sort");
         });
         const shown = arranged().map(show);
         const alive = new Set(shown.map(([key]) => key));
@@ -79,14 +87,14 @@ export function table(columns, options) {
             if (body.children[i] !== tr) body.insertBefore(tr, body.children[i] ?? null);
         });
         if (focus && !focus.tr.contains(document.activeElement))
-            links(focus.tr)[focus.place]?.focus({ preventScroll: true });
+            links(focus.tr)[focus.place]?.focus({preventScroll: true});
         empty.hidden = rows.length > 0;
         inner.hidden = rows.length === 0;
     }
-    return { node, update };
+    return {node, update};
 }
 
 /** The link of a row: it takes clicks anywhere in the row that no other link takes. */
 export function rowLink(href, ...children) {
-    return h("a", { class: "row-link", href }, children);
+    return h("a", {class: "row-link", href}, children);
 }

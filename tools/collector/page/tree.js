@@ -1,8 +1,8 @@
-// The call tree of a transaction with its time line. Items come in the order of their begin; what stands behind an
-// item with a greater depth belongs to it.
-import { h, replace } from "./dom.js";
-import { ms } from "./format.js";
-import { to } from "./router.js";
+// The call tree of a transaction with its time line. Items come in the order of their begin; what stands
+// behind an item with a greater depth belongs to it.
+import {h, replace} from "./dom.js";
+import {ms} from "./format.js";
+import {to} from "./router.js";
 
 const FIRST = 400;  // rows shown before a reader asks for all
 
@@ -19,14 +19,19 @@ function ends(items) {
 
 function title(item) {
     if (item.kind === "callout")
-        return [h("span", { class: "kind" }, item.type), " ",
-                h("a", { href: to("transactions", { backend: item.name }), title: "Transactions that call it" }, item.name),
-                Boolean(item.status) && h("span", { class: item.failed ? "bad" : "note" }, ` ${item.status}`),
-                item.query && item.query !== "-" && h("code", { class: "query" }, item.query)];
+        return [
+            h("span", {class: "kind"}, item.type), " ",
+            h("a", {href: to("transactions", {backend: item.name}), title: "Transactions that call it"},
+              item.name),
+            Boolean(item.status) && h("span", {class: item.failed ? "bad" : "note"}, ` ${item.status}`),
+            item.query && item.query !== "-" && h("code", {class: "query"}, item.query)
+        ];
     if (item.kind === "exception")
-        return [h("span", { class: "kind bad" }, "!"), " ",
-                h("a", { href: to("transactions", { exception: item.name }), class: "bad" }, item.name)];
-    return [h("span", { class: "name" }, item.name), item.url && h("span", { class: "note" }, " " + item.url)];
+        return [
+            h("span", {class: "kind bad"}, "!"), " ",
+            h("a", {href: to("transactions", {exception: item.name}), class: "bad"}, item.name)
+        ];
+    return [h("span", {class: "name"}, item.name), item.url && h("span", {class: "note"}, " " + item.url)];
 }
 
 function bar(item, total) {
@@ -34,23 +39,28 @@ function bar(item, total) {
     const width = Math.min(100 - left, ((item.durationMs ?? Math.max(0, total - item.atMs)) / total) * 100);
     const kind = item.kind === "callout" && item.failed ? "failed" : item.kind;
     const open = item.open ? " open" : "";
-    return h("i", { class: `span-bar ${kind}${open}`, style: { left: `${left}%`, width: `${width}%` } });
+    return h("i", {class: `span-bar ${kind}${open}`, style: {left: `${left}%`, width: `${width}%`}});
 }
 
 function ruler(total) {
-    return h("div", { class: "ruler", "aria-hidden": "true" },
-             [0, 0.25, 0.5, 0.75].map((part) => h("span", { style: { left: `${part * 100}%` } }, ms(Math.round(part * total)))));
+    return h(
+        "div", {class: "ruler", "aria-hidden": "true"},
+        [0, 0.25, 0.5, 0.75].map(
+            (part) =>
+                h("span", {style: {left: `${part * 100}%`}},
+                  ms(total < 20 ? part * total : Math.round(part * total)))));
 }
 
 export function callTree(t) {
-    const { items } = t;
+    const {items} = t;
     if (items.length === 0)
-        return h("p", { class: "empty" }, "No calls were recorded: the transaction was not captured in full.");
+        return h("p", {class: "empty"}, "No calls were recorded: the transaction was not captured in full.");
     const end = ends(items);
-    const total = Math.max(1, t.durationMs ?? 0, ...items.slice(0, 20000).map((i) => i.atMs + (i.durationMs ?? 0)));
+    const total =
+        Math.max(1, t.durationMs ?? 0, ...items.slice(0, 20000).map((i) => i.atMs + (i.durationMs ?? 0)));
     const closed = new Set();
     const body = h("tbody");
-    const rest = h("p", { class: "note" });
+    const rest = h("p", {class: "note"});
     let limit = FIRST;
 
     function row(item, i) {
@@ -60,31 +70,52 @@ export function callTree(t) {
             draw();
             body.querySelector(`[data-item="${i}"]`)?.focus();
         };
-        const knob = parent
-            ? h("button", { type: "button", class: "knob", "data-item": i, "aria-expanded": String(!closed.has(i)),
-                            "aria-label": `${closed.has(i) ? "Open" : "Close"} ${item.name}`, onclick: turn })
-            : h("span", { class: "knob" });
-        return h("tr", { class: `item-${item.kind}`, "aria-level": item.depth + 1 },
-                 h("td", { class: "call", style: { "--depth": Math.min(item.depth, 24) } }, knob, title(item)),
-                 h("td", { class: "num" }, item.kind === "method" ? ms(item.selfMs) : ""),
-                 h("td", { class: "num" }, item.kind === "exception" ? "" : [ms(item.durationMs), item.open && " …"]),
-                 h("td", { class: "line", title: `at ${ms(item.atMs)}${item.open ? ", its end did not come" : ""}` }, bar(item, total)));
+        const knob = parent ? h("button", {
+            type: "button",
+            class: "knob",
+            "data-item": i,
+            "aria-expanded": String(!closed.has(i)),
+            "aria-label": `${closed.has(i) ? "Open" : "Close"} ${item.name}`,
+            onclick: turn
+        }) :
+                              h("span", {class: "knob"});
+        return h(
+            "tr", {class: `item-${item.kind}`, "aria-level": item.depth + 1},
+            h("td", {class: "call", style: {"--depth": Math.min(item.depth, 24)}}, knob, title(item)),
+            h("td", {class: "num"}, item.kind === "method" ? ms(item.selfMs) : ""),
+            h("td", {class: "num"},
+              item.kind === "exception" ? "" : [ms(item.durationMs), item.open && " …"]),
+            h("td", {class: "line", title: `at ${ms(item.atMs)}${item.open ? ", its end did not come" : ""}`},
+              bar(item, total)));
     }
 
     function draw() {
         const rows = [];
         let i = 0;
-        for (; i < items.length && rows.length < limit; i = closed.has(i) ? end[i] : i + 1) rows.push(row(items[i], i));
+        for (; i < items.length && rows.length < limit; i = closed.has(i) ? end[i] : i + 1)
+            rows.push(row(items[i], i));
         replace(body, rows);
-        replace(rest, i < items.length && h("button", { type: "button", class: "button", onclick: () => {
-            limit = Infinity;
-            draw();
-        } }, `Show all ${items.length} items`));
+        replace(
+            rest,
+            i < items.length &&
+                h("button", {
+                    type: "button",
+                    class: "button",
+                    onclick: () => {
+                        limit = Infinity;
+                        draw();
+                    }
+                },
+                  `Show all ${items.length} items`));
     }
     draw();
-    return h("div", { class: "tree-frame" },
-             h("table", { class: "tree", "aria-label": "Calls in the order of their begin" },
-               h("thead", {}, h("tr", {}, h("th", { scope: "col" }, "Call"), h("th", { scope: "col", class: "num" }, "Self"),
-                                h("th", { scope: "col", class: "num" }, "Total"),
-                                h("th", { scope: "col", class: "line" }, ruler(total)))), body), rest);
+    return h(
+        "div", {class: "tree-frame"},
+        h("table", {class: "tree", "aria-label": "Calls in the order of their begin"},
+          h("thead", {},
+            h("tr", {}, h("th", {scope: "col"}, "Call"), h("th", {scope: "col", class: "num"}, "Self"),
+              h("th", {scope: "col", class: "num"}, "Total"),
+              h("th", {scope: "col", class: "line"}, ruler(total)))),
+          body),
+        rest);
 }

@@ -1,35 +1,42 @@
 // Exceptions by class, each with where it came from last.
-import { get } from "../api.js";
-import { h, replace } from "../dom.js";
-import { ago, clock, count } from "../format.js";
-import { span, to } from "../router.js";
-import { stackOf } from "./transaction.js";
+import {get} from "../api.js";
+import {h, replace} from "../dom.js";
+import {ago, clock, count} from "../format.js";
+import {span, to} from "../router.js";
+
+import {stackOf} from "./transaction.js";
 
 function card(e) {
     const last = `last ${clock(e.lastAt)}, ${ago(e.lastAt, Date.now())}`;
     const times = e.count === 1 ? "once" : `${count(e.count)} times`;
-    return h("article", { class: "panel exception" },
-             h("header", {}, h("h2", {}, e.class),
-               h("a", { class: "figure", href: to("transactions", { exception: e.class }) }, times),
-               e.lastTransaction ? h("a", { class: "note", href: to(["transaction", e.lastTransaction]) }, last)
-                   : h("span", { class: "note" }, last)),
-             e.lastText && h("p", { class: "message" }, e.lastText),
-             h("p", { class: "note" }, "In ", e.bts.map((b, i) => [i > 0 && ", ",
-               h("a", { href: to("transactions", { exception: e.class, bt: b.bt }) }, b.bt), ` ${count(b.count)}`])),
-             e.lastStack.length > 0 && h("details", {}, h("summary", {}, `Last stack, ${e.lastStack.length} lines`),
-                                         stackOf(e.lastStack)));
+    return h(
+        "article", {class: "panel exception"},
+        h("header", {}, h("h2", {}, e.class),
+          h("a", {class: "figure", href: to("transactions", {exception: e.class})}, times),
+          e.lastTransaction ? h("a", {class: "note", href: to(["transaction", e.lastTransaction])}, last) :
+                              h("span", {class: "note"}, last)),
+        e.lastText && h("p", {class: "message"}, e.lastText),
+        h("p", {class: "note"}, "In ",
+          e.bts.map(
+              (b, i) =>
+                  [i > 0 && ", ", h("a", {href: to("transactions", {exception: e.class, bt: b.bt})}, b.bt),
+                   ` ${count(b.count)}`])),
+        e.lastStack.length > 0 &&
+            h("details", {}, h("summary", {}, `Last stack, ${e.lastStack.length} lines`),
+              stackOf(e.lastStack)));
 }
 
 export function exceptions() {
-    const list = h("div", { class: "cards" });
+    const list = h("div", {class: "cards"});
     const cards = new Map();  // class -> card: an open stack stays open, and what has the focus keeps it
-    const empty = h("div", { class: "empty" }, h("b", {}, "No exception in this time."),
-                    h("p", {}, "They are recorded while the keyword instrExceptions asks for it (docs/records.md)."));
-    const node = h("div", { class: "view" }, h("h1", {}, "Exceptions"), list);
+    const empty =
+        h("div", {class: "empty"}, h("b", {}, "No exception in this time."),
+          h("p", {}, "They are recorded while the keyword instrExceptions asks for it (docs/records.md)."));
+    const node = h("div", {class: "view"}, h("h1", {}, "Exceptions"), list);
 
     async function load(signal) {
         const time = span();
-        const data = await get("/api/exceptions", { from: time.from, to: time.to }, signal);
+        const data = await get("/api/exceptions", {from: time.from, to: time.to}, signal);
         const nodes = data.exceptions.map((e) => {
             const old = cards.get(e.class);
             const text = JSON.stringify(e);
@@ -38,11 +45,13 @@ export function exceptions() {
             const fresh = card(e);
             const details = fresh.querySelector("details");
             if (details && old?.node.querySelector("details")?.open) details.open = true;
-            cards.set(e.class, { node: fresh, text });
+            cards.set(e.class, {
+                node: fresh, text
+            });
             return fresh;
         });
         const same = nodes.length === list.children.length && nodes.every((n, i) => list.children[i] === n);
         if (!same || nodes.length === 0) replace(list, nodes.length ? nodes : empty);
     }
-    return { node, load };
+    return {node, load};
 }

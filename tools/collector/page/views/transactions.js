@@ -1,15 +1,20 @@
 // The list of transactions, latest first, with filters that stand in the address.
-import { get } from "../api.js";
-import { CATEGORIES, badge } from "../category.js";
-import { h, replace } from "../dom.js";
-import { clock, count, ms } from "../format.js";
-import { changed, route, span, to } from "../router.js";
-import { rowLink, table } from "../table.js";
+import {get} from "../api.js";
+import {badge, CATEGORIES} from "../category.js";
+import {h, replace} from "../dom.js";
+import {clock, count, ms} from "../format.js";
+import {changed, route, span, to} from "../router.js";
+import {rowLink, table} from "../table.js";
 
 const PAGE = 100;
 const MOST = 2000;  // rows kept on the page
 const TYPED = ["bt", "url", "status", "min", "max", "session"];
-const GIVEN = { instance: "Instance", backend: "Back-end", exception: "Exception", number: "Number" };  // filters that only links set
+const GIVEN = {
+    instance: "Instance",
+    backend: "Back-end",
+    exception: "Exception",
+    number: "Number"
+};  // filters that only links set
 
 function filters(params) {
     const all = [...TYPED, ...Object.keys(GIVEN), "category"];
@@ -23,75 +28,97 @@ function field(key, title, props) {
     let pause = 0;
     const oninput = (event) => {
         clearTimeout(pause);
-        pause = setTimeout(() => set({ [key]: event.target.value.trim() }), 300);
+        pause = setTimeout(() => set({[key]: event.target.value.trim()}), 300);
     };
-    const input = h("input", { name: key, type: "search", autocomplete: "off", oninput, ...props });
-    return { key, input, node: h("label", { class: "field" }, h("span", {}, title), input) };
+    const input = h("input", {name: key, type: "search", autocomplete: "off", oninput, ...props});
+    return {key, input, node: h("label", {class: "field"}, h("span", {}, title), input)};
 }
 
 function form(context) {
     // An instance stands in the address by its key: a reader knows it by its name.
     const titleOf = (key, value) =>
         (key === "instance" && context.status?.instances.find((i) => i.key === value)?.name) || value;
-    const names = h("datalist", { id: "bt-names" });
+    const names = h("datalist", {id: "bt-names"});
     const fields = [
-        field("bt", "Business transaction", { list: "bt-names", placeholder: "any" }),
-        field("url", "URL has", { placeholder: "/cart", size: 16 }),
-        field("status", "Status", { placeholder: "500", inputmode: "numeric", size: 5 }),
-        field("min", "At least, ms", { inputmode: "numeric", size: 6 }),
-        field("max", "At most, ms", { inputmode: "numeric", size: 6 }),
-        field("session", "Session", { inputmode: "numeric", size: 12 }),
+        field("bt", "Business transaction", {list: "bt-names", placeholder: "any"}),
+        field("url", "URL has", {placeholder: "/cart", size: 16}),
+        field("status", "Status", {placeholder: "500", inputmode: "numeric", size: 5}),
+        field("min", "At least, ms", {inputmode: "numeric", size: 6}),
+        field("max", "At most, ms", {inputmode: "numeric", size: 6}),
+        field("session", "Session", {inputmode: "numeric", size: 12}),
     ];
-    const category = h("select", { name: "category", onchange: (event) => set({ category: event.target.value }) },
-                       h("option", { value: "" }, "any"), CATEGORIES.map((c) => h("option", { value: c.key }, c.name)),
-                       h("option", { value: "abnormal" }, "all but normal"));
-    fields.push({ key: "category", input: category, node: h("label", { class: "field" }, h("span", {}, "Category"), category) });
-    const chips = h("div", { class: "chips" });
-    const node = h("form", { class: "filters", role: "search", onsubmit: (event) => event.preventDefault() },
-                   fields.map((f) => f.node), chips, names);
+    const category =
+        h("select", {name: "category", onchange: (event) => set({category: event.target.value})},
+          h("option", {value: ""}, "any"), CATEGORIES.map((c) => h("option", {value: c.key}, c.name)),
+          h("option", {value: "abnormal"}, "all but normal"));
+    fields.push({
+        key: "category",
+        input: category,
+        node: h("label", {class: "field"}, h("span", {}, "Category"), category)
+    });
+    const chips = h("div", {class: "chips"});
+    const node =
+        h("form", {class: "filters", role: "search", onsubmit: (event) => event.preventDefault()},
+          fields.map((f) => f.node), chips, names);
 
     // Puts into the form what the address says, but for a field that is being typed into.
     function show() {
         const now = filters(route().params);
-        for (const { key, input } of fields)
+        for (const {key, input} of fields)
             if (document.activeElement !== input) input.value = now[key];
         const given = Object.keys(GIVEN).filter((key) => now[key]);
-        replace(chips, given.map((key) =>
-            h("button", { type: "button", class: "chip", onclick: () => set({ [key]: null }) },
-              `${GIVEN[key]}: ${titleOf(key, now[key])}`, h("span", { "aria-label": "take this filter away" }, " ×"))));
+        replace(
+            chips,
+            given.map(
+                (key) =>
+                    h("button", {type: "button", class: "chip", onclick: () => set({[key]: null})},
+                      `${GIVEN[key]}: ${titleOf(key, now[key])}`,
+                      h("span", {"aria-label": "take this filter away"}, " ×"))));
         if (Object.values(now).some(Boolean))
-            chips.append(h("a", { class: "clear", href: changed(Object.fromEntries(Object.keys(now).map((k) => [k, null]))) },
-                           "Clear all filters"));
+            chips.append(
+                h("a",
+                  {class: "clear", href: changed(Object.fromEntries(Object.keys(now).map((k) => [k, null])))},
+                  "Clear all filters"));
     }
-    return { node, names, show };
+    return {node, names, show};
 }
 
 function columns() {
     return [
-        { title: "Start", class: "when", cell: (r) => rowLink(to(["transaction", r.id]), clock(r.start, true)) },
-        { title: "Transaction", class: "name", cell: (r) => h("a", { href: changed({ bt: r.bt }) }, r.bt) },
-        { title: "Request", class: "url",
-          cell: (r) => h("span", { class: "text", title: r.url }, r.url) },
-        { title: "Status", num: true, cell: (r) => String(r.status) },
-        { title: "Category", cell: (r) => badge(r.category) },
-        { title: "Duration", num: true, cell: (r) => ms(r.durationMs) },
-        { title: "Callouts", num: true, cell: (r) => count(r.callouts) },
-        { title: "Exceptions", num: true,
-          cell: (r) => h("span", { class: r.exceptions ? "bad" : "zero" }, count(r.exceptions)) },
+        {
+            title: "Start",
+            class: "when",
+            cell: (r) => rowLink(to(["transaction", r.id]), clock(r.start, true))
+        },
+        {title: "Transaction", class: "name", cell: (r) => h("a", {href: changed({bt: r.bt})}, r.bt)},
+        {title: "Request", class: "url", cell: (r) => h("span", {class: "text", title: r.url}, r.url)},
+        {title: "Status", num: true, cell: (r) => String(r.status)},
+        {title: "Category", cell: (r) => badge(r.category)},
+        {title: "Duration", num: true, cell: (r) => ms(r.durationMs)},
+        {title: "Callouts", num: true, cell: (r) => count(r.callouts)},
+        {
+            title: "Exceptions",
+            num: true,
+            cell: (r) => h("span", {class: r.exceptions ? "bad" : "zero"}, count(r.exceptions))
+        },
     ];
 }
 
 export function transactions(context) {
     const search = form(context);
     const list = table(columns(), {
-        label: "Transactions", key: (r) => r.id,
-        empty: [h("b", {}, "No transaction in this time passes the filters."),
-                h("p", {}, "Take a filter away, or look at a longer time (above).")],
+        label: "Transactions",
+        key: (r) => r.id,
+        empty: [
+            h("b", {}, "No transaction in this time passes the filters."),
+            h("p", {}, "Take a filter away, or look at a longer time (above).")
+        ],
     });
-    const said = h("p", { class: "note", role: "status" });
-    const more = h("button", { type: "button", class: "button", hidden: true, onclick: older }, "Show older");
-    const node = h("div", { class: "view" }, h("h1", {}, "Transactions"), search.node,
-                   h("section", { class: "panel" }, list.node, h("div", { class: "under" }, more, said)));
+    const said = h("p", {class: "note", role: "status"});
+    const more = h("button", {type: "button", class: "button", hidden: true, onclick: older}, "Show older");
+    const node =
+        h("div", {class: "view"}, h("h1", {}, "Transactions"), search.node,
+          h("section", {class: "panel"}, list.node, h("div", {class: "under"}, more, said)));
     let rows = [];
     let next = null;
     let named = false;
@@ -99,16 +126,19 @@ export function transactions(context) {
 
     function ask(extra, signal) {
         const time = span();
-        return get("/api/transactions", { ...filters(route().params), from: time.from, to: time.to, limit: PAGE, ...extra },
-                   signal);
+        return get(
+            "/api/transactions",
+            {...filters(route().params), from: time.from, to: time.to, limit: PAGE, ...extra}, signal);
     }
 
     function draw() {
         list.update(rows);
         more.hidden = !next || rows.length >= MOST;
-        said.textContent = rows.length === 0 ? "" : rows.length >= MOST
-            ? `The latest ${count(MOST)}. Narrow the time or the filters to see others.`
-            : `${count(rows.length)} shown, the latest first${next ? "; there are more" : ", and no more"}.`;
+        said.textContent = rows.length === 0 ?
+            "" :
+            rows.length >= MOST ?
+            `The latest ${count(MOST)}. Narrow the time or the filters to see others.` :
+            `${count(rows.length)} shown, the latest first${next ? "; there are more" : ", and no more"}.`;
     }
 
     // What was shown stays below what is new: only a change of the address begins anew.
@@ -122,7 +152,8 @@ export function transactions(context) {
         const answer = await ask({}, signal);
         const first = rows.length === 0;
         // A page full of rows that were not there leaves a gap to those shown: begin anew then.
-        const gap = !first && answer.rows.length === PAGE && !answer.rows.some((r) => rows.some((old) => old.id === r.id));
+        const gap = !first && answer.rows.length === PAGE &&
+            !answer.rows.some((r) => rows.some((old) => old.id === r.id));
         if (first || gap) next = answer.next;
         rows = gap ? answer.rows : merge(answer.rows);
         draw();
@@ -130,15 +161,16 @@ export function transactions(context) {
         if (!named) {
             named = true;
             const time = span();
-            const sums = await get("/api/overview", { from: time.from, to: time.to, step: time.to - time.from }, signal);
-            replace(search.names, sums.rows.map((r) => h("option", { value: r.name })));
+            const sums =
+                await get("/api/overview", {from: time.from, to: time.to, step: time.to - time.from}, signal);
+            replace(search.names, sums.rows.map((r) => h("option", {value: r.name})));
         }
     }
 
     async function older() {
         more.disabled = true;
         try {
-            const answer = await ask({ before: next });
+            const answer = await ask({before: next});
             next = answer.next;
             rows = [...rows, ...answer.rows].slice(0, MOST);
             draw();
@@ -154,5 +186,5 @@ export function transactions(context) {
         next = null;
         search.show();
     }
-    return { node, load, route: changedRoute };
+    return {node, load, route: changedRoute};
 }
