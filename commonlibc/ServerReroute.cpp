@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kMaxFields = 10;
 constexpr int kDefaultPort = 443;
+constexpr int kTargetRecord = 1;  // of a cluster
 constexpr const char* kNoChange = "ALL";
 
 // What a line asks for; null texts and port 0: no change.
@@ -76,10 +77,11 @@ void takeCollector(vxApplication& app, const Target& target) {
         setVXCHost(target.host);
     }
     if (target.port) setVXCPort(target.port);
-    if (target.host || target.port) vxRefreshTcpPort();
     const int port = target.port ? target.port : target.host ? kDefaultPort : kLeavePort;
+    if (port != kLeavePort) vxTakePort(port);
     if (app.collectors.clusterMode != 0) {
         setBackupVXC(target.host, port);
+        vxSetCollectorProtocol(kTargetRecord, vxCollectorInUse().protocol, 0);
         return;
     }
     setPrimaryVXC(target.host, port);

@@ -38,7 +38,7 @@ bool usable(const VXCollectorRecord* record) {
 
 void setHostAndPort(VXCollectorRecord& record, const char* host, int port) {
     if (host) vxlb_copy_text(record.host, sizeof(record.host), host);
-    if (port != kLeavePort) record.port = port;
+    if (port != kLeavePort) record.port = record.givenPort = port;
 }
 
 void setHostAndPort(int index, const char* host, int port) {
@@ -81,12 +81,38 @@ int indexAfterSwitch(VXCollectors_t& all, SwitchResult& result) {
 int endpointIndex(VXCollectors_t& all, bool envConfigured, bool limitHit, SwitchResult& result) {
     if (all.clusterMode.load() == 0 || envConfigured) {
         if (all.dr_switch_pending.exchange(0)) return indexAfterSwitch(all, result);
-        all.activeOnMaster = 1;
+        all.activeOnMaster = all.activeVXCIndex == kMaster ? 1 : 0;  // a backup's state 0 leads to the master
         return all.activeVXCIndex;
     }
     if (!limitHit) return kBackup;  // where a reroute put its target
     all.activeOnMaster = 1;
     return kMaster;
+}
+
+// The first of the agent's protocols; without a list the one in use.
+std::int32_t configuredProtocol(const vxApplication& app) {
+    const std::int32_t first = app.collectors.supportedProtocolArray[0];
+    if (first != 0) return first;
+    return app.control.lws_active ? app.control.ActiveAgentProtocolIndex.load() : kProtocolTCP;
+}
+
+// Makes the record's protocol the one in use. A collector that named none of the agent's (0) keeps that, as
+// long as it is not left: it would send the instance away each time.
+void takeTransport(VXControlState_t& control, std::int32_t protocol, bool moved) {
+    const std::uint8_t lws = protocol == kProtocolTCP ? 0 : 1;
+    if (!moved && control.ActiveAgentProtocolIndex == 0 && control.lws_active == lws) return;
+    control.ActiveAgentProtocolIndex = protocol;
+    control.lws_active = lws;
+}
+
+// Marks the record and makes its protocol the one in use. The collectors' mutex is held.
+VXCollectorRecord take(vxApplication& app, int index) {
+    VXCollectors_t& all = app.collectors;
+    const bool moved = index != all.activeVXC;
+    VXCollectorRecord* record = recordAt(all, index);
+    if (record && record->protocol == 0) record->protocol = configuredProtocol(app);
+    if (record) takeTransport(app.control, record->protocol, moved);
+    return use(all, index);
 }
 
 void traceSwitch(SwitchResult result) {
@@ -206,6 +232,24 @@ void vxSetCollectorPort(int index, int port) {
     setHostAndPort(index, nullptr, port);
 }
 
+void vxSetCollectorProtocol(int index, int protocol, int port) {
+    VXCollectors_t& all = collectors();
+    const VXGuard lock(all.mutex);
+    VXCollectorRecord* record = recordAt(all, index);
+    if (!record) return;
+    record->protocol = protocol;
+    if (port > 0) record->port = port;
+}
+
+void vxForgetNegotiated() {
+    VXCollectors_t& all = collectors();
+    const VXGuard lock(all.mutex);
+    VXCollectorRecord* record = recordAt(all, all.activeVXC);
+    if (!record) return;
+    record->protocol = 0;
+    record->port = record->givenPort;
+}
+
 void vxSetCollectorSaas(int index, int isSaas, const char* host) {
     VXCollectors_t& all = collectors();
     const VXGuard lock(all.mutex);
@@ -242,8 +286,10 @@ void vxFinishCollectorRecords() {
         master->isSaas = isSaas ? 1 : 0;
     }
     all.num_vxc_config = 0;
-    for (int i = 0; i < all.vxc_server_list_size; ++i)
+    for (int i = 0; i < all.vxc_server_list_size; ++i) {
+        all.vxc_server_arr[i].protocol = 0;
         if (*all.vxc_server_arr[i].host) ++all.num_vxc_config;
+    }
     all.dr_enabled.store(usable(recordAt(all, kBackup)) ? 1 : 0);
 }
 
@@ -254,10 +300,16 @@ VXCollectorRecord vxChooseEndpoint(bool limitHit) {
     VXCollectorRecord chosen;
     {
         const VXGuard lock(all.mutex);
-        chosen = use(all, endpointIndex(all, app.VXBCISetting.envConfigured != 0, limitHit, result));
+        chosen = take(app, endpointIndex(all, app.VXBCISetting.envConfigured != 0, limitHit, result));
     }
     traceSwitch(result);
     return chosen;
+}
+
+VXCollectorRecord vxKeepEndpoint() {
+    vxApplication& app = *vxCurrent();
+    const VXGuard lock(app.collectors.mutex);
+    return take(app, app.collectors.activeVXC);
 }
 
 void lookup_for_next_vxc() {

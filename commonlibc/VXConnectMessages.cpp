@@ -185,7 +185,7 @@ void setControlConnectionReqMessage() {
     vxApplication& app = *vxCurrent();
     vxClearCollectorProtocols();
     if (!app.VXBCISetting.authtoken.get()) setAuthtoken("NA");
-    if (app.VXBCISetting.saasMode && vxCollectorAt(0).isSaas == 1) {
+    if (app.VXBCISetting.saasMode && vxCollectorInUse().isSaas == 1) {  // a backup is none
         makeSaasMessage(app);
     } else {
         makeControlMessage(app);

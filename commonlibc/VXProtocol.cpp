@@ -15,7 +15,6 @@ namespace vx {
 namespace {
 
 constexpr std::string_view kSeparators = ", \t";
-constexpr std::string_view kTcpItem = "TCP:";
 constexpr int kAppendSlots = 3;
 constexpr int kMaxItems = 10;
 constexpr int kMaxReplyFields = 10;
@@ -53,6 +52,11 @@ void append(std::int32_t (&slots)[kProtocolSlots], int protocol) {
         slots[i] = protocol;
         return;
     }
+}
+
+const ProtocolRow& rowInUse() {
+    const ProtocolRow* row = rowOf(vxCurrent()->control.ActiveAgentProtocolIndex.load());
+    return row ? *row : kProtocols[0];
 }
 
 // One "NAME:port" of a list.
@@ -174,23 +178,25 @@ void updateANYAgentSupportedProtocolData(int protocol) {
     vxlb_copy_text(app.VXSys.supportedProtocolsString, kProtocolsTextSize, row->name);
 }
 
-std::string vxWithTcpPort(std::string_view list, int port) {
+std::string vxWithPort(std::string_view list, int port) {
+    const std::string name = std::string(rowInUse().name) + ':';
     std::string text;
     while (!list.empty()) {
         const std::size_t blank = std::min(list.find_first_not_of(kSeparators), list.size());
         const std::size_t end = std::min(list.find_first_of(kSeparators, blank), list.size());
         const std::string_view item = list.substr(blank, end - blank);
         text.append(list.substr(0, blank));
-        text.append(item.starts_with(kTcpItem) ? std::string(kTcpItem) + std::to_string(port) : item);
+        text.append(item.starts_with(name) ? name + std::to_string(port) : item);
         list.remove_prefix(end);
     }
     return text;
 }
 
-void vxRefreshTcpPort() {
+void vxTakePort(int port) {
     vxApplication& app = *vxCurrent();
+    (app.VXBCISetting.*rowInUse().port).store(port, std::memory_order_relaxed);
     char(&held)[kProtocolsTextSize] = app.VXSys.supportedProtocolsString;
-    const std::string text = vxWithTcpPort(held, app.VXBCISetting.vxcPort.load(std::memory_order_relaxed));
+    const std::string text = vxWithPort(held, port);
     if (text.size() < sizeof(held)) vxlb_copy_text(held, sizeof(held), text.c_str());
 }
 

@@ -22,10 +22,11 @@ namespace vx {
 bool upDateAgentSupportedProtocolData(const char* list, bool* whole = nullptr);
 // The same with one protocol only (the default is 3, WSS), with port 443 where none is set.
 void updateANYAgentSupportedProtocolData(int protocol);
-// The list with `port` in its items of TCP; the other ones stay as they are.
-std::string vxWithTcpPort(std::string_view list, int port);
-// Makes supportedProtocolsString name the TCP port in use, after that was changed from outside.
-void vxRefreshTcpPort();
+// The list with `port` in its items of the protocol in use (TCP when there is none); the other ones stay as
+// they are.
+std::string vxWithPort(std::string_view list, int port);
+// A reroute's port, which is that of the protocol in use: for the protocol, and in supportedProtocolsString.
+void vxTakePort(int port);
 // Empties the agent's array and the string.
 void vxClearAgentProtocols();
 // Empties the collector's array: before each connect message.

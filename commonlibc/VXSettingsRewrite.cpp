@@ -47,7 +47,7 @@ std::string rewritten(std::string_view line, const VXSettingsChange& change) {
     if (!change.vxcPort || equals == std::string_view::npos || !hasKey(line, kProtocolKey))
         return std::string(line);
     // A port there goes before vxcPort.
-    return std::string(line.substr(0, equals + 1)) + vxWithTcpPort(line.substr(equals + 1), change.vxcPort);
+    return std::string(line.substr(0, equals + 1)) + vxWithPort(line.substr(equals + 1), change.vxcPort);
 }
 
 std::string rewrittenFile(std::string_view former, const VXSettingsChange& change) {

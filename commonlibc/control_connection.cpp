@@ -148,7 +148,7 @@ void setConnectionChannel() {
         return;
     }
     app.control.lws_active = protocol == kProtocolTCP ? 0 : 1;
-    vxSetCollectorPort(app.collectors.activeVXC, getProtocolPort(protocol));
+    vxSetCollectorProtocol(app.collectors.activeVXC, protocol, getProtocolPort(protocol));
 }
 
 void closeControlConnection(vxApplication& app) {

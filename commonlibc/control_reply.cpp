@@ -144,15 +144,11 @@ void blankLine(char* line) {
 
 int takeSaasAnswer(vxApplication& app, const char* text) {
     const OwnText copy = copyLine(text);
-    if (copy && parseSAASClientMsg(copy.get()) == 1) {
+    if (copy && parseSAASClientMsg(copy.get()) == 1)
         VX_TRACE(1, kControlThread, kError, "Closing Control Connection with SAAS");
-        control_connection_cleanup();
-    }
-    if (app.control.lws_active) {
-        VX_TRACE(1, kControlThread, kInfo,
-                 "Closing Control Connection with SAAS and going to make connection with VXC");
-        control_connection_cleanup();
-    }
+    VX_TRACE(1, kControlThread, kInfo,
+             "Closing Control Connection with SAAS and going to make connection with VXC");
+    control_connection_cleanup();
     controlSockBufReset(app);
     noteConnection(app);
     return kReplyGoOn;

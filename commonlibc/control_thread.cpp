@@ -2,6 +2,8 @@
 
 #include <apr_errno.h>
 
+#include <utility>
+
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/platform/vx_platform.h"
@@ -39,8 +41,10 @@ struct Cycle {
     ctrlBufInfo_t& info;
     VXPool pool;  // of the present attempt: its socket
     bool limitHit = false;
-    bool failedBefore = false;  // in this cycle
-    int atOnce = 0;             // attempts without a pause, since the last pause or connection
+    bool failedBefore = false;   // in this cycle
+    int atOnce = 0;              // attempts without a pause, since the last pause or connection
+    bool sameCollector = false;  // the next attempt goes where this one went
+    bool answered = false;       // the collector of the present attempt has said something of use
     char error[kSockErrorSize] = "";
 
     explicit Cycle(vxApplication& context) : app(context), info(context.control.ctrlBufInfo) {}
@@ -97,24 +101,30 @@ Step outerTop(Cycle& cycle) {
     return Step::kConnect;
 }
 
-Step connectFailed(Cycle& cycle, const VXCollectorRecord& record) {
+// An attempt came to nothing: pauses, counts, and gives the collector up when the retry policy says so.
+Step attemptFailed(Cycle& cycle) {
     VXControlState_t& control = cycle.app.control;
-    control.closeCtrlConFlag = 1;
-    VX_TRACE(1, kControlThread, kError,
-             "[VX DR Feature]; Socket was not created and retry after 60seconds. vxcHost = '%s', vxcPort = "
-             "'%d' . Error : '%s'.",
-             *record.host ? record.host : "unknown", record.port, cycle.error);
     if (pauseThen(cycle, Step::kConnect) == Step::kEnd) return Step::kEnd;
     ++control.retryAttempts;
     if (control.retryAttempts >= control.retryCount) {
         VX_TRACE(1, kControlThread, kWarning, "[VX DR Feature]; Max number of retry attempt reached");
         control.requestType = kRequestAfterLimit;
         cycle.limitHit = true;
+        vxForgetNegotiated();
         return Step::kFailover;
     }
     if (cycle.failedBefore && settingsChanged()) return Step::kFailover;
     cycle.failedBefore = true;
     return Step::kConnect;
+}
+
+Step connectFailed(Cycle& cycle, const VXCollectorRecord& record) {
+    cycle.app.control.closeCtrlConFlag = 1;
+    VX_TRACE(1, kControlThread, kError,
+             "[VX DR Feature]; Socket was not created and retry after 60seconds. vxcHost = '%s', vxcPort = "
+             "'%d' . Error : '%s'.",
+             *record.host ? record.host : "unknown", record.port, cycle.error);
+    return attemptFailed(cycle);
 }
 
 Step connecting(Cycle& cycle) {
@@ -123,7 +133,8 @@ Step connecting(Cycle& cycle) {
     app.control.closeCtrlConFlag = 0;
     app.control.lateVerdict = 0;
     VX_TRACE(1, kControlThread, kInfo, "Going to create control connection with VXC");
-    const VXCollectorRecord record = vxChooseEndpoint(cycle.limitHit);
+    const VXCollectorRecord record =
+        std::exchange(cycle.sameCollector, false) ? vxKeepEndpoint() : vxChooseEndpoint(cycle.limitHit);
     VX_TRACE(1, kControlThread, kInfo, "Active Vexalines server (VXC) [host|port] = [%s|%d].", record.host,
              record.port);
     closeControlConnection(app);  // whatever road led here, before its pool goes
@@ -175,6 +186,7 @@ Step afterVerdict(Cycle& cycle, int verdict) {
     if (verdict != kReplyChangeProtocol) return Step::kRun;
     setConnectionChannel();
     VX_TRACE(1, kControlThread, kInfo, "Changing protocol");
+    cycle.sameCollector = true;
     return connectAtOnce(cycle);
 }
 
@@ -182,6 +194,16 @@ int receiveReply(Cycle& cycle) {
     if (!cycle.app.control.lws_active) return rec_control_con_rep_msg_from_vxc(&cycle.info);
     if (rec_control_conn_response_lws(&cycle.info) != 0) return kReplyRefused;
     return handle_vxc_con_res_msg(&cycle.info);
+}
+
+// Something of use: a connection that still stands, or the name of the collector to go to.
+Step replying(Cycle& cycle) {
+    const vxApplication& app = cycle.app;
+    const bool atSaas = vxCollectorInUse().isSaas != 0;
+    const int verdict = receiveReply(cycle);
+    const bool stands = app.control.controlSocket.get() || app.control.controlWsi;
+    cycle.answered = stands || (atSaas && !vxCollectorInUse().isSaas);
+    return afterVerdict(cycle, verdict);
 }
 
 Step connectionLost(Cycle& cycle) {
@@ -197,7 +219,8 @@ Step connectionLost(Cycle& cycle) {
              "controlBreak Control Socket was cleaned with %s:%d server due to  "
              "handle_msg_from_vxc(&ctrlBufInfo) == FAIL",
              app.control.destinationIP, app.control.destinationPort);
-    return pauseThen(cycle, Step::kConnect);
+    // Who takes connections and never answers them is as good as gone.
+    return cycle.answered ? pauseThen(cycle, Step::kConnect) : attemptFailed(cycle);
 }
 
 Step loopEnded(Cycle& cycle) {
@@ -214,7 +237,7 @@ Step loopEnded(Cycle& cycle) {
 
 Step running(Cycle& cycle) {
     VXControlState_t& control = cycle.app.control;
-    control.requestType = 0;  // told: a later connect is an ordinary one again
+    if (cycle.answered) control.requestType = 0;  // told: a later connect is an ordinary one again
     control.lastHeartBeatTime = vxlb_now_ms();
     const int result = handle_msg_from_vxc_lws(&cycle.info);
     if (control.lateVerdict != 0) return afterVerdict(cycle, control.lateVerdict);
@@ -240,7 +263,7 @@ Step take(Step step, Cycle& cycle) {
         case Step::kAnnounce:
             return announcing(cycle);
         case Step::kReply:
-            return afterVerdict(cycle, receiveReply(cycle));
+            return replying(cycle);
         case Step::kRun:
             return running(cycle);
         case Step::kFailover:

@@ -1,5 +1,6 @@
 #include "commonlibc/lws_handler.h"
 
+#include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/platform/vx_platform_wire.h"
 #include "commonlibc/vxlb_guard.h"
@@ -82,22 +83,27 @@ bool controlPeer(VXOutbox_t& outbox, char (&address)[kAddressSize]) {
     return *address != '\0';
 }
 
+// The protocol in use. A collector that named none of the agent's is reached as before.
+int protocolInUse(const vxApplication& app) {
+    const std::int32_t active = app.control.ActiveAgentProtocolIndex.load(std::memory_order_relaxed);
+    return active != 0 ? active : vxCollectorInUse().protocol;
+}
+
 bool create(const Kind& kind, const char* host, int port) {
     vxApplication& app = *vxCurrent();
     char address[kAddressSize];
     if (kind.atControlPeer && !controlPeer(app.control.outbox, address)) return false;
     VXLwsHandle& handle = kind.handle(app);
     vxLwsEndHandle(handle);
-    VXLwsConnection* connection =
-        vxLwsConnect({.label = kind.label,
-                      .host = host,
-                      .address = kind.atControlPeer ? address : nullptr,
-                      .port = port,
-                      .protocol = app.control.ActiveAgentProtocolIndex.load(std::memory_order_relaxed),
-                      .text = kind.text,
-                      .reads = kind.reads,
-                      .timeUs = kind.connectTimeUs,
-                      .stop = kind.stop});
+    VXLwsConnection* connection = vxLwsConnect({.label = kind.label,
+                                                .host = host,
+                                                .address = kind.atControlPeer ? address : nullptr,
+                                                .port = port,
+                                                .protocol = protocolInUse(app),
+                                                .text = kind.text,
+                                                .reads = kind.reads,
+                                                .timeUs = kind.connectTimeUs,
+                                                .stop = kind.stop});
     handle.store(connection, std::memory_order_release);
     return connection != nullptr;
 }

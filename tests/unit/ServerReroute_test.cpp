@@ -98,6 +98,9 @@ TEST_F(Reroute, LeavesWhatTheLineDoesNotChange) {
     }
     handle(std::string(kOrder) + "vxcHost=new.example");
     EXPECT_EQ(master(), "new.example:443") << "a host without its port";
+    app->control.ActiveAgentProtocolIndex = kProtocolWS;
+    handle(std::string(kOrder) + "vxcPort=81");
+    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WS:81,TCP:443") << "the port of the protocol in use";
 
     app->control.closeCtrlConFlag = 0;
     handle("vx_control_req:action=reroute_ctrl_con");

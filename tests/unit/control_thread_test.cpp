@@ -223,13 +223,6 @@ TEST_F(ControlThread, ASilentCollectorGetsHeartbeatsAndIsThenLeft) {
     EXPECT_TRUE(acceptControl());
 }
 
-TEST_F(ControlThread, SilenceBeyondTheThresholdEndsTheConnection) {
-    FakePeer control = standing();
-    vx_word_set(app->VXSys.vxcHeartBeatThreshold, 50);
-    EXPECT_TRUE(control.ended());
-    EXPECT_TRUE(acceptControl());
-}
-
 TEST_F(ControlThread, AnOrderToCloseEndsTheConnectionWithinASecond) {
     app->control.pollTimeUs = 0;
     FakePeer control = standing();

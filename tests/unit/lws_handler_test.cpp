@@ -110,18 +110,6 @@ TEST_P(LwsLink, CarriesARunWithItsFileItsRecordsAndWhatOtherThreadsLeave) {
     EXPECT_TRUE(front->paths()[0].starts_with("/collector/vx/Orders 1/")) << front->paths()[0];
 }
 
-TEST_P(LwsLink, AsksForASignOfLifeAndComesBackWhenTheOtherSideEnds) {
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    FakePeer control;
-    acceptControl(control);
-    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 0;");
-    control.close();
-    acceptControl(control);
-    app->control.closeCtrlConFlag = 1;
-    EXPECT_TRUE(control.ended());
-    acceptControl(control);
-}
-
 TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
     int struck = 0;
     for (const Way way : {Way::kUp, Way::kDown}) {
@@ -150,23 +138,6 @@ TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
         if (control.readLine(1).starts_with("vx_control_req:action=reconnect;heartBeat")) return;
     }
     FAIL() << "no connection stands";
-}
-
-TEST_P(LwsLink, TheCollectorsReplyMovesItToAnotherProtocolAndBack) {
-    const std::string tcp = "TCP:" + std::to_string(collector.port());
-    write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=" + tcp +
-                                 "," + protocol() + "\n");
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    const std::string orders[] = {protocol() + "," + tcp, tcp + "," + protocol(), tcp};
-    const char* const versions[] = {";protoVer=0;", ";protoVer=1;", ";protoVer=0;"};
-    for (int i = 0; i < 3; ++i) {
-        FakePeer control = collector.accept();
-        EXPECT_NE(control.readLine().find(versions[i]), std::string::npos) << i;
-        control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;supportedProtocols=" + orders[i] +
-                     "\n");
-        EXPECT_EQ(control.ended(i == 2 ? 0.1 : kPeerSeconds), i < 2) << i;
-    }
-    EXPECT_EQ(front->paths().size(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, LwsLink, testing::Values("WS", "WSS"));

@@ -1,0 +1,278 @@
+// Two collectors: how an instance leaves the one, comes to the other and back, over each protocol.
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/control_thread.h"
+#include "tests/support/link_fixture.h"
+#include "tests/support/sanitizer_growth.h"
+#include "tests/support/tcp_relay.h"
+#include "tests/support/ws_bridge.h"
+
+namespace vx::test {
+namespace {
+
+constexpr const char* kControl = "vx_ctrl_msg_req:";
+
+std::int64_t shifted() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// A collector behind a front of one protocol and a relay; it says what it supports.
+struct Site {
+    explicit Site(const std::string& name)
+        : protocol(name),
+          certificate(name == "WSS" ? std::make_unique<TestCertificate>() : nullptr),
+          front(name == "TCP" ? nullptr : std::make_unique<WsBridge>(plain.port(), certificate.get())),
+          relay(front ? front->port() : plain.port()) {}
+    std::string offer() const { return protocol + ":" + std::to_string(relay.port()); }
+    // The next connection whose connect line begins so, that line taken.
+    FakePeer accept(const std::string& prefix = kControl, double seconds = kPeerSeconds) {
+        for (;;) {
+            FakePeer next = plain.accept(seconds);
+            if (!next || (line = next.readLine(seconds)).starts_with(prefix)) return next;
+        }
+    }
+    // Data and auto-sensor connection, in any order.
+    std::vector<FakePeer> acceptStreams() {
+        std::vector<FakePeer> streams;
+        bool data = false, autoSensor = false;
+        while (!data || !autoSensor) {
+            streams.push_back(accept(""));
+            if (!streams.back()) return {};
+            data |= line.starts_with("vx_data_msg_req:");
+            autoSensor |= line.starts_with("auto_sensor_thread_hotspot_data_req:");
+        }
+        return streams;
+    }
+    FakePeer answer(const std::string& offered = "", const std::string& state = "1",
+                    const std::string& misses = "1000000") {
+        FakePeer control = accept();
+        control.send(
+            "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=" + state + ";retryPolicy=2%1%" + misses +
+            "%10;ProtoVersion=1;supportedProtocols=" + (offered.empty() ? offer() : offered) + ";\n");
+        return control;
+    }
+
+    FakeCollector plain;
+    const std::string protocol;
+    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<WsBridge> front;
+    TcpRelay relay;
+    std::string line;  // of the last connection accepted
+};
+
+class Failover : public LinkFixture, public testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override {
+        LinkFixture::SetUp();
+        skipMs = 0;
+        vxlb_set_clock_hooks({.now_us = [] { return shifted() + skipMs * 1000; },
+                              .sleep_us = [](std::int64_t) { ::usleep(1000); },
+                              .random_byte = nullptr});
+        app->identity.agentName = agentName_;
+        app->control.pollTimeUs = 2000;
+        app->VXSys.dataConnState = 1;
+        vx_word_set(app->VXSys.bciDataBufferMaxCount, 8);
+        vx_word_set(app->VXSys.bciDataBufferMaxSize, 65536);
+        writeSettings(master.offer());
+    }
+    void TearDown() override {
+        stop();
+        LinkFixture::TearDown();
+    }
+    void stop() {
+        app->control.proxyStopRequested = 1;
+        vxJoinControlThread(*app);
+    }
+    void writeSettings(const std::string& protocols, const std::string& more = "") {
+        write("vxsettings.conf", "vxcHost=localhost\nbackupVxcHostName=localhost\nbackupVxcPort=" +
+                                     std::to_string(backup.relay.port()) +
+                                     "\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=" + protocols +
+                                     "\n" + more);
+    }
+    // Another protocol, as an item behind the first.
+    std::string other() const { return master.front ? ",TCP:1" : ",WS:1"; }
+    // True when the connection stands: its reply has gone on to the agent, and heartbeats come.
+    static bool stands(FakePeer& control) {
+        return control.readLine().starts_with("vx_control_req:action=reconnect;heartBeat");
+    }
+
+    // The connection that stands, behind those that the instance had given up before they were answered.
+    static FakePeer standing(Site& site) {
+        for (int i = 0; i < 10; ++i) {
+            FakePeer control = site.answer();
+            if (!control || stands(control)) return control;
+        }
+        return FakePeer();
+    }
+
+    Site master{GetParam()}, backup{GetParam()};
+    inline static std::atomic<std::int64_t> skipMs{0};  // the clock is so much ahead
+
+private:
+    char agentName_[8] = "agent";
+};
+
+TEST_P(Failover, HoweverTheMasterGoesTheBackupIsFoundAndTheMasterAgain) {
+    FakePeer silent;
+    const struct {
+        const char* name;
+        std::function<void(FakePeer&)> lose;
+    } ways[] = {
+        {"sends it away", [&](FakePeer& control) { control.close(), master.answer("", "0"); }},
+        {"refuses connections", [&](FakePeer& control) { master.relay.refuse(true), control.close(); }},
+        {"refuses the instance",
+         [&](FakePeer& control) {
+             control.close();
+             FakePeer refused = master.accept();
+             refused.send("vx_ctrl_msg_rep:result=Error;\n");
+             EXPECT_TRUE(refused.ended());
+         }},
+        {"takes connections and says nothing",
+         [&](FakePeer& control) {  // the attempts that the policy grants were used up above
+             control.close();
+             vx_word_set(app->VXSys.fileReadTimeout, 1000000);  // a reply is awaited for so long
+             silent = master.accept();
+         }},
+        {"answers no heartbeat",
+         [&](FakePeer& control) {
+             control.close();
+             silent = master.answer("", "1", "2");
+             EXPECT_TRUE(stands(silent));
+             skipMs += 61000;
+         }},
+    };
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    for (const auto& way : ways) {
+        SCOPED_TRACE(way.name);
+        FakePeer control = master.answer();
+        ASSERT_TRUE(stands(control)) << master.line;
+        way.lose(control);
+        FakePeer other = standing(backup);
+        ASSERT_TRUE(other) << backup.line;
+        vx_word_set(app->VXSys.fileReadTimeout, 20000000);
+        master.relay.refuse(false);
+        backup.relay.refuse(true);
+        other.close();
+        FakePeer back = standing(master);
+        ASSERT_TRUE(back) << master.line;
+        backup.relay.refuse(false);
+        back.close();
+    }
+}
+
+TEST_P(Failover, ABackupThatSendsItAwayLeadsToTheMasterAtOnce) {
+    master.relay.refuse(true);
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    ASSERT_TRUE(eventually([&] { return master.relay.accepted() >= 3; }));
+    master.relay.refuse(false);
+    backup.answer("", "0");
+    FakePeer control = master.answer();
+    EXPECT_TRUE(stands(control));
+    EXPECT_EQ(backup.relay.accepted(), 1);
+}
+
+TEST_P(Failover, EachCollectorIsReachedOverTheProtocolThatItNames) {
+    writeSettings(master.offer() + other());
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    for (int round = 0; round < 2; ++round) {
+        FakePeer control = master.answer();
+        ASSERT_TRUE(stands(control)) << "round " << round << master.line;
+        const int arrived = master.relay.accepted();
+        control.close();
+        master.answer("", "0");
+        // Over the configured protocol, or the one that it named the last time.
+        const std::string tcp = "TCP:" + std::to_string(backup.plain.port());
+        FakePeer other = backup.answer(tcp);
+        const bool moves = round == 0 && backup.front;
+        if (moves) {
+            EXPECT_TRUE(other.ended());
+            other = backup.answer(tcp);
+        }
+        ASSERT_TRUE(stands(other)) << "round " << round << backup.line;
+        EXPECT_NE(backup.line.find(";protoVer=0;"), std::string::npos) << backup.line;
+        other.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
+        EXPECT_EQ(backup.acceptStreams().size(), 2U);
+        EXPECT_EQ(master.relay.accepted(), arrived + 1);
+        other.close();
+        EXPECT_TRUE(backup.relay.accepted() == 1 || !backup.front);
+    }
+}
+
+TEST_P(Failover, ANegotiatedPortThatNobodyServesIsGivenUpForTheConfiguredOne) {
+    FakeCollector dead;
+    dead.stopListening();
+    writeSettings(master.offer() + other());
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    master.answer(other().substr(1, other().size() - 2) + std::to_string(dead.port()));
+    backup.answer("", "0");  // found by the retry policy
+    FakePeer control = master.answer();
+    EXPECT_TRUE(stands(control));
+}
+
+TEST_P(Failover, OneThatNamesNoProtocolIsServedOverTheConfiguredOne) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    for (int i = 0; i < 2; ++i) {
+        FakePeer control = master.accept();
+        control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;\n");
+        EXPECT_EQ(control.ended(i == 0 ? kPeerSeconds : 0.05), i == 0);
+        if (i == 0) continue;
+        control.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
+        EXPECT_TRUE(master.accept("vx_data_msg_req:"));
+    }
+}
+
+TEST_P(Failover, TenMinutesOfSilenceAreEnough) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = master.answer();
+    ASSERT_TRUE(stands(control));
+    skipMs += 601000;
+    EXPECT_TRUE(control.ended());
+    // Plain sockets know the shorter vxcHeartBeatThreshold, which is no order to move.
+    Site& next = master.protocol == "TCP" ? master : backup;
+    FakePeer later = next.answer();
+    EXPECT_TRUE(stands(later));
+}
+
+TEST_P(Failover, TheServiceEndpointHandsTheInstanceOver) {
+    writeSettings(master.protocol + ":1",
+                  "vxProjectKey=k1\nvxSaasURL=localhost:" + std::to_string(backup.relay.port()) + "\n");
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer saas = backup.accept("zor_saas_auth_agent_msg_req:");
+    EXPECT_NE(backup.line.find(";projectKey=k1;"), std::string::npos) << backup.line;
+    saas.send("zor_saas_auth_agent_msg_rep:status=OK;host=127.0.0.1;port=" +
+              std::to_string(master.relay.port()) + ";authtoken=t9;protoVer=2;\n");
+    EXPECT_TRUE(saas.ended());
+    FakePeer control = master.answer();
+    EXPECT_TRUE(stands(control));
+    EXPECT_NE(master.line.find(";authtoken=t9;"), std::string::npos) << master.line;
+    EXPECT_NE(master.line.find(";connDestination=127.0.0.1:"), std::string::npos) << master.line;
+    EXPECT_EQ(app->control.retryAttempts, 0) << "a hand-over is no failure";
+}
+
+TEST_P(Failover, AClusterMovesItToANodeAndBackWhenThatIsGone) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control = master.answer();
+    ASSERT_TRUE(stands(control));
+    control.send("vx_control_req:action=reroute_ctrl_con;clusterMode=1;vxcHost=127.0.0.1;vxcPort=" +
+                 std::to_string(backup.relay.port()) + ";\n");
+    FakePeer node = backup.answer();
+    ASSERT_TRUE(stands(node));
+    EXPECT_NE(backup.line.find(";requestType=2;"), std::string::npos) << backup.line;
+    backup.relay.refuse(true);
+    node.close();
+    FakePeer back = master.answer();
+    EXPECT_TRUE(stands(back));
+    EXPECT_NE(master.line.find(";requestType=3;"), std::string::npos) << master.line;
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, Failover, testing::Values("TCP", "WS", "WSS"));
+
+}  // namespace
+}  // namespace vx::test
