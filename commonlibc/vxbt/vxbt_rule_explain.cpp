@@ -87,8 +87,7 @@ std::string urlReason(const Pattern& line, const VXRuleRequest& request) {
 
 std::string partsReason(const Pattern& line, const VXRuleRequest& request) {
     const std::string query = line.rule.query, method = line.rule.method;
-    const std::string exactOnly =
-        "the URL needed its \"*\": then only partial rules ask for query and method";
+    const char* exactOnly = "the URL needed its \"*\": then only partial rules ask for query and method";
     VXRuleRequest fitting = request;
     if (line.asksQuery()) {
         fitting.query = query;

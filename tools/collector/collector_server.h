@@ -76,7 +76,7 @@ public:
     // Null without --db.
     const Store* store() const { return store_.get(); }
     const FileStore& files() const { return files_; }
-    // What the page shows of the connections; renewed each second while somebody looks at it.
+    // What the page shows of the connections: renewed each second once this was called.
     const StatusBoard& board() {
         shown_ = true;
         return board_;

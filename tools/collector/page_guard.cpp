@@ -115,7 +115,7 @@ bool PageGuard::allows(const PageRequest& request, std::int64_t now) {
 
 std::string PageGuard::login(std::string_view token, std::int64_t now) {
     if (open() || !sameSecret(token, token_)) return "";
-    const std::string key = randomKey();
+    std::string key = randomKey();
     if (key.empty()) return "";
     if (sessions_.size() >= kMostSessions) sessions_.pop_front();
     sessions_.push_back({key, now + kSessionSeconds});

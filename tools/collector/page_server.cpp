@@ -224,6 +224,12 @@ int PageServer::takeBody(lws* wsi, std::string_view part) {
     return 0;
 }
 
+std::size_t PageServer::waiting() const {
+    std::size_t sum = 0;
+    for (const auto& [wsi, exchange] : exchanges_) sum += exchange->answer.body.size();
+    return sum;
+}
+
 int PageServer::refuse(lws* wsi, Exchange& exchange, int status, const char* why) {
     exchange.answer = pageFault(status, why);
     exchange.closes = true;
@@ -232,6 +238,7 @@ int PageServer::refuse(lws* wsi, Exchange& exchange, int status, const char* why
 
 int PageServer::answer(lws* wsi, Exchange& exchange) {
     exchange.answer = handler_(exchange.request);
+    if (waiting() > kMostWaiting) return refuse(wsi, exchange, 503, "too many answers wait to be taken");
     return sendHead(wsi, exchange);
 }
 

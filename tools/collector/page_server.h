@@ -3,9 +3,9 @@
 // What to answer is the handler's matter; it is called on the server's thread, one request at a time. Nothing
 // here touches the intake, so that neither a slow browser nor a long question holds it up.
 //
-// Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody. A connection ends
-//           when its request has not come, its answer has not been taken, or nothing was asked in the time
-//           of PagePatience.
+// Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody; answers that wait
+//           kMostWaiting, beyond which a request is refused. A connection ends when its request has not come,
+//           its answer has not been taken, or nothing was asked in the time of PagePatience.
 // Lifetime  stop() (or the end of the object) ends the thread; the handler must outlive it.
 // Threads   start() and stop() of one thread.
 #pragma once
@@ -28,6 +28,7 @@ namespace vx::collector {
 inline constexpr std::size_t kMostConnections = 64;
 inline constexpr std::size_t kMostHeaders = 8192;
 inline constexpr std::size_t kMostBody = 1024 * 1024;
+inline constexpr std::size_t kMostWaiting = std::size_t{64} * 1024 * 1024;  // bytes of answers in all
 struct PagePatience {
     int request = 10, answer = 30, idle = 60;  // seconds
 };
@@ -71,6 +72,7 @@ private:
     int sendSome(lws* wsi);
     void run();
     void endLate();
+    std::size_t waiting() const;
 
     const std::string host_;
     int port_;

@@ -132,6 +132,18 @@ TEST_F(ImpatientServer, HasPlacesForSoMany) {
     EXPECT_TRUE(serves());  // once the silent ones had their time
 }
 
+TEST_F(PageServerTest, KeepsSoMuchForThoseWhoDoNotRead) {
+    std::list<FakePeer> deaf;
+    std::string told;
+    while (told.empty() && deaf.size() < 4) {
+        deaf.push_back(send(get("/large")));
+        told = deaf.back().readBytes(12);
+        if (told == "HTTP/1.1 200") told.clear();
+    }
+    EXPECT_EQ(told, "HTTP/1.1 503");
+    EXPECT_EQ(deaf.size(), kMostWaiting / (32 << 20) + 1);
+}
+
 TEST_F(PageServerTest, SaysWhenItCannotListen) {
     PageServer second("127.0.0.1", server.port(), echo, {});
     std::string error;
