@@ -24,6 +24,11 @@ std::vector<std::string> filesOf(const std::string& folder, const std::string& p
     return out;
 }
 
+const TestCertificate& ownCertificate() {
+    static const TestCertificate own;
+    return own;
+}
+
 }  // namespace
 
 void EndToEnd::startCollector(std::vector<std::string> more) {
@@ -34,8 +39,8 @@ void EndToEnd::startCollector(std::vector<std::string> more) {
         programPath("vxcollector"), way,         port,          "--host", "127.0.0.1", "--out", streamsDir,
         "--retry-policy",           "3%1%10%60", "--heartbeat", "1"};
     if (way == "--wss") {
-        static const TestCertificate own;
-        setup.arguments.insert(setup.arguments.end(), {"--cert", own.certificate, "--key", own.key});
+        setup.arguments.insert(setup.arguments.end(),
+                               {"--cert", ownCertificate().certificate, "--key", ownCertificate().key});
     }
     setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
     setup.outputFile = dir.path() + "/collector" + std::to_string(++collectors) + ".log";
@@ -47,9 +52,16 @@ void EndToEnd::startService(const std::string& moreSettings) {
     const std::string config = dir.path() + "/proxy/config";
     std::filesystem::create_directories(config);
     std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n" << proxySettings;
+    if (agentWay != "TCP") {
+        std::ofstream(config + "/proxysetting.conf", std::ios::app)
+            << "proxyAgentWebSocket=" << (agentWay == "WSS" ? 2 : 1) << "\n";
+        std::ofstream(config + "/proxy.cert")
+            << fileText(ownCertificate().certificate) << fileText(ownCertificate().key);
+    }
     const int told = collectorRelayPort ? collectorRelayPort : collectorPort;
     std::ofstream(config + "/vxsettings.conf")
-        << "vxcHost=127.0.0.1\nvxcPort=" << told << "\nVXC_COMM_PROTOCOL=" << collectorWay << ":" << told
+        << "vxcHost=127.0.0.1\nvxcPort=" << told
+        << "\nVXC_COMM_PROTOCOL=" << (serviceWay.empty() ? collectorWay : serviceWay) << ":" << told
         << "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n"
         << moreSettings;
     Program::Setup setup;
@@ -75,11 +87,13 @@ std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments)
                        "--agent",
                        "raw"};
     setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+    if (agentWay != "TCP") setup.arguments.push_back(agentWay == "WSS" ? "--wss" : "--ws");
     setup.outputFile = dir.path() + "/load" + std::to_string(++loads) + ".log";
     return std::make_unique<Program>(setup);
 }
 
 void EndToEnd::makeInstance(const std::string& application) {
+    if (agentWay != "TCP") return;  // vxagent, which waits for this by itself, is the only one there
     RawAgent first(proxyPort, application, 1);
     ASSERT_TRUE(first.start()) << traceText();
     ASSERT_TRUE(collector->outputHolds("data connection of Tier/host7/" + application + "/raw"));

@@ -56,6 +56,8 @@ protected:
     int collectorRelayPort = 0, proxyRelayPort = 0;
     // What the collector listens for and the service is told: "TCP", "WS" or "WSS".
     std::string collectorWay = "TCP";
+    std::string serviceWay;         // what the service is told instead; empty: the same
+    std::string agentWay = "TCP";   // of agents to the service; over a WebSocket makeInstance() does nothing
     std::string proxySettings;      // further lines of proxysetting.conf
     int collectors = 0, loads = 0;  // started so far
     std::uint64_t delivered = 0;    // by deliver()

@@ -42,6 +42,8 @@ struct Pipe {
     bool stands = false;      // the WebSocket does
     bool localEnded = false;  // the program writes nothing more
     bool held = false;        // the WebSocket is not read
+    bool wholeLines = false;  // a message ends with a line
+    bool within = false;      // a message has begun and not ended
     std::string out, in;      // waiting for the WebSocket, for the program
 };
 
@@ -184,6 +186,7 @@ void WsPipes::Inside::startDials() {
         }
         Pipe& pipe = pipes.emplace_back();
         pipe.fd = dial.fd;
+        pipe.wholeLines = true;
         const lws_adopt_desc_t desc{vhost, LWS_ADOPT_RAW_FILE_DESC, {dial.fd}, kLocal, nullptr, &pipe};
         pipe.local = lws_adopt_descriptor_vhost_via_info(&desc);
         if (!pipe.local) {
@@ -265,7 +268,7 @@ int WsPipes::Inside::readLocal(Pipe& pipe) {
     return 0;
 }
 
-// One message a call; the library calls when what it had has gone to the system.
+// One frame a call; the library calls when what it had has gone to the system.
 int WsPipes::Inside::writeWs(Pipe& pipe) {
     if (pipe.out.empty()) {
         if (!pipe.localEnded) return 0;
@@ -275,7 +278,10 @@ int WsPipes::Inside::writeWs(Pipe& pipe) {
     unsigned char block[LWS_PRE + kWsPart];
     const std::size_t count = std::min(pipe.out.size(), kWsPart);
     std::memcpy(block + LWS_PRE, pipe.out.data(), count);
-    if (lws_write(pipe.ws, block + LWS_PRE, count, LWS_WRITE_BINARY) < 0) return -1;
+    int mode = pipe.within ? LWS_WRITE_CONTINUATION : LWS_WRITE_BINARY;
+    pipe.within = pipe.wholeLines && pipe.out[count - 1] != '\n';
+    if (pipe.within) mode |= LWS_WRITE_NO_FIN;
+    if (lws_write(pipe.ws, block + LWS_PRE, count, static_cast<lws_write_protocol>(mode)) < 0) return -1;
     pipe.out.erase(0, count);
     if (!pipe.out.empty() || pipe.localEnded)
         lws_callback_on_writable(pipe.ws);

@@ -3,9 +3,10 @@
 //     program --fd--[pair of sockets]--fd-- owner thread --[libwebsockets]-- WS or WSS -- other host
 //
 // What the program writes goes out as binary messages, what comes is there to read, without a trace of
-// frames. The end of one side ends the other behind everything that was on its way. shutdown() of the
-// program's end for writing closes the WebSocket behind the last byte; the end to be read then says that the
-// other host has answered, and with that has read everything.
+// frames. Messages of connections made here end with a line: the proxy wants lines whole. The end of one side
+// ends the other behind everything that was on its way. shutdown() of the program's end for writing closes
+// the WebSocket behind the last byte; the end to be read then says that the other host has answered, and with
+// that has read everything.
 //
 // Limits    Besides what the system holds for a pair, about kWsPart bytes wait in each direction; then the
 //           side that brings them is not read. At most kWsPipesMost connections to a listener, kWsDialsMost

@@ -158,6 +158,24 @@ TEST_P(WsPipesBy, WhatCannotConnectEnds) {
 INSTANTIATE_TEST_SUITE_P(Protocols, WsPipesBy, testing::Values(false, true),
                          [](const auto& one) { return one.param ? "WSS" : "WS"; });
 
+// The proxy takes a line by its message, and refuses one that is cut.
+TEST(WsPipes, AMessageOfAConnectionMadeHereEndsWithALine) {
+    const FakeCollector proxy;
+    const WsBridge front(proxy.port());
+    ws::WsPipes client;
+    ASSERT_TRUE(client.open(false));
+    const int fd = client.dial("localhost", "127.0.0.1", front.port());
+    ASSERT_EQ(readUpTo(fd, 1).size(), 1u);
+    const std::string text = std::string(100000, 'x') + "\n";
+    std::string_view rest = text;
+    while (!rest.empty()) writeSome(fd, rest);
+    FakePeer peer = proxy.accept();
+    EXPECT_EQ(peer.readBytes(text.size()), text);
+    EXPECT_LE(front.binaryMessages(), 1);
+    EXPECT_EQ(front.textMessages(), 0);
+    ::close(fd);
+}
+
 // The path comes with a slash in front or without, as instances are set to send it.
 TEST(WsPipes, BothFormsOfThePathAreTaken) {
     ws::WsPipes server;
