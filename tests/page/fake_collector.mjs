@@ -110,7 +110,7 @@ function links(from, to) {
 const RULES = "# shops\n7|Cart|2|0|/shop/cart|0\n7|Shop|3|1|/shop|0\n7|bad\n";
 const lines = RULES.trimEnd().split("\n").map((text, i) => ({
     number: i + 1, kind: i ? "pattern rule" : "comment", text, meaning: "URLs that are or begin so", fault: i === 3 ? "has fewer than 6 fields" : null }));
-const rules = { editable: true, present: true, name: "BTRuleConfig", text: RULES, digest: "1", deciding: "patterns", lines,
+const rules = { editable: true, present: true, name: "BTRuleConfig", text: RULES, digest: "1", deciding: "patterns", decidingWords: "Pattern rules decide.", fault: null, lines,
                 warnings: [{ line: 2, text: "line 3 goes before it" }] };
 const tried = { bt: "Cart", btId: 2, excluded: false, deciding: "patterns", line: 2, why: "Line 2 names it: it is exact.",
                 lines: lines.map((line, i) => ({ ...line, outcome: ["mute", "names", "outdone", "mute"][i],

@@ -1,13 +1,13 @@
 // Exceptions by class, each with where it came from last.
 import {get} from "../api.js";
 import {h, replace} from "../dom.js";
-import {ago, clock, count} from "../format.js";
+import {clock, count} from "../format.js";
 import {span, to} from "../router.js";
 
 import {stackOf} from "./transaction.js";
 
 function card(e) {
-    const last = `last ${clock(e.lastAt)}, ${ago(e.lastAt, Date.now())}`;
+    const last = `last ${clock(e.lastAt)}`;
     const times = e.count === 1 ? "once" : `${count(e.count)} times`;
     return h(
         "article", {class: "panel exception"},
@@ -26,6 +26,8 @@ function card(e) {
               stackOf(e.lastStack)));
 }
 
+const focusable = (node) => [...node.querySelectorAll("a, summary, pre")];
+
 export function exceptions() {
     const list = h("div", {class: "cards"});
     const cards = new Map();  // class -> card: an open stack stays open, and what has the focus keeps it
@@ -34,24 +36,30 @@ export function exceptions() {
           h("p", {}, "They are recorded while the keyword instrExceptions asks for it (docs/records.md)."));
     const node = h("div", {class: "view"}, h("h1", {}, "Exceptions"), list);
 
+    function cardOf(e) {
+        const old = cards.get(e.class);
+        const text = location.hash + JSON.stringify(e);
+        if (old?.text === text) return old.node;
+        const fresh = card(e);
+        const details = fresh.querySelector("details");
+        if (details && old?.node.querySelector("details")?.open) details.open = true;
+        cards.set(e.class, {
+            node: fresh, text
+        });
+        return fresh;
+    }
+
     async function load(signal) {
         const time = span();
         const data = await get("/api/exceptions", {from: time.from, to: time.to}, signal);
-        const nodes = data.exceptions.map((e) => {
-            const old = cards.get(e.class);
-            const text = JSON.stringify(e);
-            if (old?.text === text) return old.node;
-            if (old?.node.contains(document.activeElement)) return old.node;
-            const fresh = card(e);
-            const details = fresh.querySelector("details");
-            if (details && old?.node.querySelector("details")?.open) details.open = true;
-            cards.set(e.class, {
-                node: fresh, text
-            });
-            return fresh;
-        });
+        const focused = document.activeElement;
+        const name = [...cards].find(([, shown]) => shown.node.contains(focused))?.[0];
+        const place = name === undefined ? -1 : focusable(cards.get(name).node).indexOf(focused);
+        const nodes = data.exceptions.map(cardOf);
         const same = nodes.length === list.children.length && nodes.every((n, i) => list.children[i] === n);
-        if (!same || nodes.length === 0) replace(list, nodes.length ? nodes : empty);
+        if (same && nodes.length > 0) return;
+        replace(list, nodes.length ? nodes : empty);
+        focusable(cards.get(name)?.node ?? list)[place]?.focus({preventScroll: true});
     }
     return {node, load};
 }

@@ -134,8 +134,9 @@ export function rules() {
         text.readOnly = !can;
         undo.disabled = !edited();
         save.disabled = !can || !edited() || previewed !== text.value;
-        state.textContent = !can ? "These rules cannot be edited here: start vxcollector with --files DIR." :
-            !edited()            ? "As they are in force." :
+        state.textContent = !can ?
+            held?.fault ?? "These rules cannot be edited here: start vxcollector with --files DIR." :
+            !edited()                ? "As they are in force." :
             previewed === text.value ? "Looked at; not saved yet." :
                                        "Edited. Preview it first, then it can be saved.";
     }
@@ -181,6 +182,7 @@ export function rules() {
         const answer = await get("/api/rules", {}, signal);
         if (!edited()) text.value = answer.text;
         held = answer;
+        lead.textContent = answer.decidingWords;
         replace(
             meaning,
             answer.lines.filter((line) => line.kind !== "comment")
