@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <utility>
 
 #include "tools/collector/collector_capture.h"
 #include "tools/collector/collector_records.h"
@@ -15,6 +17,8 @@ std::string nameOr(const NameLookup& nameOf, NameKind kind, std::int64_t id, con
     std::string name = nameOf(kind, id);
     return name.empty() ? std::string(what) + " " + std::to_string(id) : name;
 }
+
+constexpr double kRounding = 1;  // ms
 
 // Builds the tree while items come in the order of the records.
 class Tree {
@@ -53,6 +57,7 @@ private:
 
     void add(const BlobItem& item) {
         if (item.kind == BlobItem::Kind::kExit) return exit(item);
+        const int behindExit = std::exchange(left_, -1);
         if (out_.items.size() >= kMostItems) {
             out_.cut = true;
             return;
@@ -66,7 +71,7 @@ private:
         if (item.kind == BlobItem::Kind::kEntry) {
             enter(item, added);
         } else if (item.kind == BlobItem::Kind::kCallout) {
-            callOut(item, added);
+            callOut(item, added, behindExit);
         } else {
             added.kind = TransactionItem::Kind::kException;  // named once its record is found
             added.startMs = lastMs_;
@@ -78,11 +83,21 @@ private:
         added.query = item.text;
         open_.push_back({out_.items.size() - 1, item.methodId, item.thread});
     }
-    void callOut(const BlobItem& item, TransactionItem& added) {
+    // Its time is that of its end, and its item stands behind the exit of the method that made it.
+    void callOut(const BlobItem& item, TransactionItem& added, int behindExit) {
         added.kind = TransactionItem::Kind::kCallout;
         added.name = plainName(nameOr(nameOf_, NameKind::kMethod, item.methodId, "back-end"));
         added.target = targetText(item.target);
         added.durationMs = static_cast<double>(item.us) / 1000;
+        if (behindExit >= 0) {
+            const TransactionItem& left = out_.items[static_cast<std::size_t>(behindExit)];
+            if (std::abs(left.startMs + left.durationMs - added.startMs) <= kRounding &&
+                std::abs(left.durationMs - added.durationMs) <= kRounding) {
+                added.parent = behindExit;
+                added.depth = left.depth + 1;
+            }
+        }
+        added.startMs = std::max(0.0, added.startMs - added.durationMs);
         added.failed = item.failed;
         added.status = item.status;
         if (item.query != "-" && item.query != "0") added.query = item.query;
@@ -95,6 +110,7 @@ private:
             left.durationMs = static_cast<double>(item.ms);
             left.cpuMs = static_cast<double>(item.cpu);
             lastMs_ = std::max(lastMs_, left.startMs + left.durationMs);
+            left_ = static_cast<int>(open_[at].item);
             open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(at));
             return;
         }
@@ -110,6 +126,7 @@ private:
     const NameLookup& nameOf_;
     TransactionDetails& out_;
     std::vector<Open> open_;
+    int left_ = -1;  // the item whose exit was the latest item
     double lastMs_ = 0;
 };
 

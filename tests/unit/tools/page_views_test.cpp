@@ -32,7 +32,7 @@ protected:
         for (const char* line : {"7,2,Cart", "7,3,<b>", "5,Shop.buy,7", "5,HTTP_pay&#46;example,9", "6,1,Via",
                                  "32,1,a.Gone", "33,1,Shop", "34,1,buy", "35,1,too late", "36,1,db"})
             take(line);
-        transaction(1, 2, 13, 40, 500, "7:5_0_0__T1:9:4.125:1:-:3::::200_e2_7:5_1_12____",
+        transaction(1, 2, 13, 40, 500, "7:5_0_0__T1:9:4.125:1:-:9::::200_e2_7:5_1_12____",
                     "/cart?id=7&x=\"\xff");
         take("12,1,1:<a>");
         for (int i = 2; i <= 5; ++i) transaction(i, 3, 10, 10, 200, "", "/b");
@@ -90,7 +90,7 @@ TEST_F(PageViews, TellWhatIsStored) {
         "/api/transactions/" + id,
         {R"("cpu":0,"depth":0,"durationMs":12,"kind":"method","name":"Shop.buy","open":false,"parent":-1,)"
          R"("selfMs":7.875)",
-         R"({"atMs":3,"depth":1,"durationMs":4.125,"failed":false,"kind":"callout","name":"HTTP_pay.example",)"
+         R"({"atMs":4.875,"depth":1,"durationMs":4.125,"failed":false,"kind":"callout","name":"HTTP_pay.example",)"
          R"("parent":0)",
          R"("kind":"exception","name":"a.Gone","parent":0,"seq":2)",
          R"("thrown":[{"at":1388534405000,"cause":"db","class":"a.Gone","message":"too late","seq":2,)"

@@ -88,7 +88,7 @@ TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     take("3,100,7:5_0_0__8:5:1:/u_0_2__");
     take("7,2,Pay");  // told again: no new name
     take(
-        "4,100F,503,13,9,40,2,0,,0,8:5_1_10_4___T3:9:5.250:1:-:15::::200_E4:9:1.000:10:6:22:500::::a_b_e4_7:"
+        "4,100F,503,13,9,40,2,0,,0,8:5_1_10_4___T3:9:9.750:1:-:12::::200_E4:9:1.000:10:6:22:500::::a_b_e4_7:"
         "5_1_30____");
     take("5,Shop.sell,7");  // from now on: not what the transaction meant
     close();
@@ -108,11 +108,11 @@ TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
         const char* name;
         int depth, parent;
         double start, duration, self;
-    } const wanted[] = {{"Shop.buy(a,b)", 0, -1, 0, 30, 13.75},
-                        {"Shop.load", 1, 0, 2, 10, 10},
-                        {"HTTP_pay.example", 1, 0, 15, 5.25, 5.25},
-                        {"HTTP_pay.example", 1, 0, 22, 1, 1},
-                        {"a.Timeout", 1, 0, 23, 0, 0}};
+    } const wanted[] = {{"Shop.buy(a,b)", 0, -1, 0, 30, 19},
+                        {"Shop.load", 1, 0, 2, 10, 0.25},
+                        {"HTTP_pay.example", 2, 1, 2.25, 9.75, 9.75},
+                        {"HTTP_pay.example", 1, 0, 21, 1, 1},
+                        {"a.Timeout", 1, 0, 22, 0, 0}};
     ASSERT_EQ(tx.items.size(), std::size(wanted));
     for (std::size_t i = 0; i < std::size(wanted); ++i) {
         const TransactionItem& item = tx.items[i];
