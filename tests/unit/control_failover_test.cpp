@@ -1,5 +1,6 @@
 // Two collectors: how an instance leaves the one, comes to the other and back, over each protocol.
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -36,6 +37,7 @@ struct Site {
         for (;;) {
             FakePeer next = plain.accept(seconds);
             if (!next || (line = next.readLine(seconds)).starts_with(prefix)) return next;
+            passedOver.push_back(std::move(next));
         }
     }
     // Data and auto-sensor connection, in any order.
@@ -45,7 +47,7 @@ struct Site {
         while (!data || !autoSensor) {
             streams.push_back(accept(""));
             if (!streams.back()) return {};
-            data |= line.starts_with("vx_data_msg_req:");
+            if (line.starts_with("vx_data_msg_req:")) dataAt = streams.size() - 1, data = true;
             autoSensor |= line.starts_with("auto_sensor_thread_hotspot_data_req:");
         }
         return streams;
@@ -64,7 +66,9 @@ struct Site {
     std::unique_ptr<TestCertificate> certificate;
     std::unique_ptr<WsBridge> front;
     TcpRelay relay;
-    std::string line;  // of the last connection accepted
+    std::string line;                  // of the last connection accepted
+    std::size_t dataAt = 0;            // the data connection among the streams
+    std::vector<FakePeer> passedOver;  // by accept()
 };
 
 class Failover : public LinkFixture, public testing::WithParamInterface<const char*> {
@@ -270,6 +274,66 @@ TEST_P(Failover, AClusterMovesItToANodeAndBackWhenThatIsGone) {
     FakePeer back = master.answer();
     EXPECT_TRUE(stands(back));
     EXPECT_NE(master.line.find(";requestType=3;"), std::string::npos) << master.line;
+}
+
+long openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+long residentKb() {
+    long size = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return resident * ::getpagesize() / 1024;
+}
+
+// Records of a run that come on a data connection: so many, or all.
+std::uint64_t recordsIn(FakePeer& data, std::uint64_t most = UINT64_MAX) {
+    std::uint64_t count = 0;
+    for (std::string line; count < most && (line = data.readLine()) != kNoLine;)
+        if (line.starts_with("4,") || line.starts_with("10,")) ++count;
+    return count;
+}
+
+// The link is lost each minute, once in 24 times in the midst of a run, now and then with its data
+// connection.
+TEST_P(Failover, ADayOfReconnectsLeavesNothingBehindAndLosesNothingUncounted) {
+    const int minutes = master.front ? 480 : 1440;
+    const auto wayTo = [](const Site& site) {  // plain sockets: no relay whose host acknowledges for it
+        return site.front ? site.offer() : "TCP:" + std::to_string(site.plain.port());
+    };
+    writeSettings(wayTo(master));
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    long descriptors = 0, resident = 0;
+    std::uint64_t received = 0;
+    for (int minute = 0; minute < minutes; ++minute) {
+        SCOPED_TRACE(minute);
+        FakePeer control = master.answer(wayTo(master));
+        ASSERT_TRUE(control);
+        if (minute % 24 == 23) {
+            const bool dataGoesFirst = minute % 48 == 47 && !master.front;
+            control.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
+            std::vector<FakePeer> streams = master.acceptStreams();
+            ASSERT_EQ(streams.size(), 2U);
+            FakePeer& data = streams[master.dataAt];
+            data.readLinesUpTo("99,");
+            if (dataGoesFirst) data.reset();
+            for (int i = 0; i < 50; ++i) dumpData("4,x\n", 4);
+            if (!dataGoesFirst) received += recordsIn(data, 30);
+            control.close();
+            received += recordsIn(data);
+            ASSERT_TRUE(eventually(
+                [&] { return !app->data.data_thread_running && !app->autoSensor.autoSensor_thread_running; },
+                60));
+        }
+        control.close();
+        skipMs += 60000;
+        if (minute == minutes / 3) descriptors = openDescriptors(), resident = residentKb();
+    }
+    stop();
+    for (FakePeer& again : master.passedOver) received += recordsIn(again);
+    EXPECT_LE(openDescriptors(), descriptors + 4);
+    EXPECT_LT(residentKb() - resident, 2048 + kSanitizerGrowthKb);
+    const VXBufferChain& chain = app->data.chain;
+    EXPECT_EQ(received + chain.recordsDropped, chain.recordsAccepted);
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, Failover, testing::Values("TCP", "WS", "WSS"));
