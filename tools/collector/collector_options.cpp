@@ -7,9 +7,13 @@
 #include <cstring>
 #include <string_view>
 
+#include "tools/collector/store_clickhouse.h"
+
 namespace vx::collector {
 
 namespace {
+
+constexpr int kMostPort = 65535;
 
 constexpr const char* kHelp =
     "Usage: vxcollector [--listen PORT] [--ws PORT] [--wss PORT] [options]\n"
@@ -34,6 +38,8 @@ constexpr const char* kHelp =
     "  --files DIR         hands out the files of DIR (below)\n"
     "  --out DIR           writes every stream to a file in DIR\n"
     "  --db FILE           stores what arrives in a database file (docs/collector.md tells what is in it)\n"
+    "  --clickhouse URL    stores it in a ClickHouse server: http://[user:password@]host[:port][/database]\n"
+    "  --collector-id N    number of this collector among those that write there (default 0, at most 8191)\n"
     "  --keep-days N       gives up what is older (default 7; 0: never)\n"
     "  --keep-mb N         gives up the oldest when the database is larger (default 4096; 0: never)\n"
     "  --retry-policy P    attempts%%seconds%%missed heartbeats%%heartbeat period (default 3%%5%%10%%60)\n"
@@ -89,6 +95,7 @@ constexpr auto kTexts = std::to_array<TextRow>({
     {"--files", &Options::filesDir},
     {"--out", &Options::outDir},
     {"--db", &Options::databaseFile},
+    {"--clickhouse", &Options::clickHouse},
     {"--retry-policy", &Options::retryPolicy},
     {"--port-file", &Options::portFile},
     {"--cert", &Options::certificateFile},
@@ -99,15 +106,17 @@ constexpr auto kTexts = std::to_array<TextRow>({
     {"--http-name", &Options::httpName},
 });
 
-struct PortRow {
+struct WholeRow {
     const char* name;
     int Options::*member;
+    int most = kMostPort;
 };
-constexpr auto kPorts = std::to_array<PortRow>({
+constexpr auto kWholes = std::to_array<WholeRow>({
     {"--listen", &Options::listenPort},
     {"--ws", &Options::wsPort},
     {"--wss", &Options::wssPort},
     {"--http", &Options::httpPort},
+    {"--collector-id", &Options::collectorId, kMostCollectors - 1},
 });
 
 OptionsResult bad(const char* text, const char* value) {
@@ -123,10 +132,10 @@ bool readNumber(const char* text, double& out) {
     return true;
 }
 
-bool readPort(const char* text, int& out) {
-    double port = 0;
-    if (!readNumber(text, port) || port > 65535 || port != static_cast<int>(port)) return false;
-    out = static_cast<int>(port);
+bool readWhole(const char* text, int most, int& out) {
+    double value = 0;
+    if (!readNumber(text, value) || value > most || value != static_cast<int>(value)) return false;
+    out = static_cast<int>(value);
     return true;
 }
 
@@ -139,8 +148,8 @@ int takeValue(const char* name, const char* value, Options& out) {
         }
     for (const NumberRow& row : kNumbers)
         if (!std::strcmp(name, row.name)) return readNumber(value, out.*row.member) ? 1 : -1;
-    for (const PortRow& row : kPorts)
-        if (!std::strcmp(name, row.name)) return readPort(value, out.*row.member) ? 1 : -1;
+    for (const WholeRow& row : kWholes)
+        if (!std::strcmp(name, row.name)) return readWhole(value, row.most, out.*row.member) ? 1 : -1;
     return 0;
 }
 
@@ -152,7 +161,7 @@ bool isOffer(std::string_view list) {
         const std::string_view name = item.substr(0, colon);
         int port = 0;
         if (colon == std::string_view::npos || (name != "TCP" && name != "WS" && name != "WSS") ||
-            !readPort(std::string(item.substr(colon + 1)).c_str(), port) || port == 0)
+            !readWhole(std::string(item.substr(colon + 1)).c_str(), kMostPort, port) || port == 0)
             return false;
         list.remove_prefix(std::min(list.size(), item.size() + 1));
     } while (!list.empty());
@@ -164,6 +173,8 @@ OptionsResult checkWays(const Options& options) {
         return bad("an option is missing:", "--listen PORT");
     if (options.wssPort >= 0 && (options.certificateFile.empty() || options.keyFile.empty()))
         return bad("--wss needs", "--cert FILE --key FILE");
+    if (!options.databaseFile.empty() && !options.clickHouse.empty())
+        return bad("--db and --clickhouse exclude each other:", options.clickHouse.c_str());
     if (!options.offer.empty() && !isOffer(options.offer)) return bad("bad value", options.offer.c_str());
     return OptionsResult::kRun;
 }

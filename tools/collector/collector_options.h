@@ -18,6 +18,8 @@ struct Options {
     std::string retryPolicy = "3%5%10%60";  // attempts % seconds % heartbeats missed % heartbeat period
     std::string portFile;                   // the bound port is written here when given
     std::string databaseFile;               // what arrives is stored there when given
+    std::string clickHouse;                 // address of a ClickHouse server to store in, in place of a file
+    int collectorId = 0;                    // of those that write there
     double keepDays = 7, keepMb = 4096;     // how long, and how much of it
     int httpPort = -1;                      // of the web page; below 0: none
     std::string httpHost = "127.0.0.1";

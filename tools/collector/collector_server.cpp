@@ -77,9 +77,13 @@ bool CollectorServer::open(std::string& error) {
 }
 
 bool CollectorServer::openStore(std::string& error) {
-    if (options_.databaseFile.empty()) return true;
+    if (options_.databaseFile.empty() && options_.clickHouse.empty()) return true;
     store_ = std::make_unique<Store>();
-    if (!store_->openFile(options_.databaseFile, {options_.keepDays, options_.keepMb}, error)) {
+    const bool opened =
+        options_.clickHouse.empty()
+            ? store_->openFile(options_.databaseFile, {options_.keepDays, options_.keepMb}, error)
+            : store_->openClickHouse(options_.clickHouse, options_.collectorId, options_.keepDays, error);
+    if (!opened) {
         store_.reset();
         return false;
     }

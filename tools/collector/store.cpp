@@ -19,8 +19,23 @@ bool Store::openFile(const std::string& path, const Retention& retention, std::s
     return true;
 }
 
+bool Store::openClickHouse(const std::string& url, int collector, double keepDays, std::string& error) {
+    HttpAddress address;
+    auto sink = std::make_unique<ClickHouseSink>();
+    if (!readAddress(url, address)) {
+        error = "not an address (http://[user:password@]host[:port][/database]): " + url;
+        return false;
+    }
+    if (!sink->open(address, collector, keepDays, error)) return false;
+    kind_ = "clickhouse";
+    intake_.emplace(queue_, sink->nextId());
+    writer_ = std::make_unique<StoreWriter>(queue_, std::move(sink));
+    return true;
+}
+
 StoreStatus Store::status() const {
     StoreStatus out;
+    out.kind = kind_;
     out.queuedBytes = queue_.bytes();
     out.dropped = intake_->dropped();
     out.lostSums = intake_->lostSums();

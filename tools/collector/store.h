@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/collector/store_clickhouse.h"
 #include "tools/collector/store_intake.h"
 #include "tools/collector/store_sqlite.h"
 #include "tools/collector/store_writer.h"
@@ -34,12 +35,15 @@ public:
     Store& operator=(const Store&) = delete;
 
     bool openFile(const std::string& path, const Retention& retention, std::string& error);
+    // `collector` is the number of this one among those that write there.
+    bool openClickHouse(const std::string& url, int collector, double keepDays, std::string& error);
     // Hands over and writes what has come; nothing is taken from then on.
     void finish();
     StoreIntake& intake() { return *intake_; }
     StoreStatus status() const;
 
 private:
+    const char* kind_ = "sqlite";
     StoreQueue queue_;
     std::optional<StoreIntake> intake_;
     std::unique_ptr<StoreWriter> writer_;

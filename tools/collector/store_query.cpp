@@ -5,6 +5,8 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "tools/collector/store_clickhouse.h"
+
 namespace vx::collector {
 
 namespace {
@@ -65,6 +67,14 @@ void addFilters(Sql& sql, const TransactionsQuery& query, const Database& databa
 
 StoreQuery::StoreQuery() = default;
 StoreQuery::~StoreQuery() = default;
+
+bool StoreQuery::openClickHouse(const std::string& url, int timeMs) {
+    HttpAddress address;
+    error_ = "not an address: " + url;
+    database_.reset();
+    if (readAddress(url, address)) database_ = collector::openClickHouse(address, timeMs, error_);
+    return database_ != nullptr;
+}
 
 bool StoreQuery::openFile(const std::string& path, int timeMs) {
     database_ = openSqlite(path, timeMs, error_);
@@ -148,10 +158,12 @@ Answered StoreQuery::readLines(TransactionDetails& out) {
     std::string lines;
     std::int64_t epochMs = 0;
     ask(
-        Sql("SELECT lines FROM records WHERE tx = ?").add("", out.row.id),
+        Sql("SELECT lines FROM records WHERE tx = ?").add("", out.row.id).add(" AND at = ?", out.row.at),
         [&](const ResultRow& row) { lines = row.text(0); }, answer);
     ask(
-        Sql("SELECT epoch FROM instances WHERE instance = ? ORDER BY last").add("", out.row.instance),
+        Sql("SELECT epoch FROM instances WHERE instance = ?")
+            .add("", out.row.instance)
+            .add(" ORDER BY last DESC LIMIT 1"),
         [&](const ResultRow& row) { epochMs = row.number(0); }, answer);
     if (answer != Answered::kOk) return answer;
     std::map<std::pair<NameKind, std::int64_t>, std::string> known;
@@ -240,14 +252,17 @@ Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
     out.clear();
     Answered answer = Answered::kOk;
     std::vector<std::int64_t> instances;
-    Sql sql("SELECT id, instance, bt, url FROM transactions ORDER BY id DESC LIMIT ?");
-    sql.add("", static_cast<std::int64_t>(std::min(most, kMostRequests)));
+    const auto limit = static_cast<std::int64_t>(std::min(most, kMostRequests));
+    std::int64_t first = INT64_MAX;
+    Sql sql("SELECT id, instance, bt, url, at FROM transactions ORDER BY at DESC, id DESC LIMIT ?");
+    sql.add("", limit);
     ask(
         sql,
         [&](const ResultRow& row) {
             RequestRow& request = out.emplace_back();
             request.id = row.number(0);
             instances.push_back(row.number(1));
+            first = std::min(first, row.number(4));
             request.bt = row.text(2);
             const std::string url = row.text(3);
             const std::size_t mark = url.find('?');
@@ -261,7 +276,10 @@ Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
     std::map<std::tuple<std::int64_t, std::int64_t, std::int64_t>, std::string> known;
     std::vector<std::pair<std::size_t, std::string>> lines;
     ask(
-        Sql("SELECT tx, lines FROM records WHERE tx >= ?").add("", out.back().id),
+        Sql("SELECT tx, lines FROM records WHERE tx IN (SELECT id FROM transactions ORDER BY at DESC, id "
+            "DESC LIMIT ?)")
+            .add("", limit)
+            .add(" AND at >= ?", first),
         [&](const ResultRow& row) {
             const auto place = places.find(row.number(0));
             if (place != places.end()) lines.emplace_back(place->second, row.text(1));
@@ -272,7 +290,7 @@ Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
             if (kind != NameKind::kHeader) return std::string();
             const auto [found, added] =
                 known.try_emplace({instances[at], static_cast<std::int64_t>(kind), id});
-            if (added) found->second = nameOf(instances[at], kind, id, out.front().id);
+            if (added) found->second = nameOf(instances[at], kind, id, out[at].id);
             return found->second;
         };
         out[place].headers = readRequestHeaders(text, lookup);

@@ -140,6 +140,8 @@ public:
 
     // A database file, which is there already (a StoreWriter makes it). False with the reason in error().
     bool openFile(const std::string& path, int timeMs = kQueryTimeMs);
+    // The tables behind --clickhouse URL.
+    bool openClickHouse(const std::string& url, int timeMs = kQueryTimeMs);
     const std::string& error() const { return error_; }
 
     Answered sums(const SumsQuery& query, Sums& out);

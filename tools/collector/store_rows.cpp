@@ -38,6 +38,7 @@ void putRow(const StoredTransaction& stored, RowSink& out) {
 
 void putLines(const StoredTransaction& stored, RowSink& out) {
     out.number(stored.row.id);
+    out.number(stored.row.at);
     out.text(stored.lines);
 }
 

@@ -1,6 +1,7 @@
 #include "tools/collector/store_schema.h"
 
 #include <array>
+#include <cstring>
 
 namespace vx::collector {
 
@@ -39,7 +40,7 @@ constexpr auto kTransactionColumns = std::to_array<Column>({
     {"callouts"},
     {"exceptions"},
 });
-constexpr auto kRecordColumns = std::to_array<Column>({key("tx"), {"lines", kText}});
+constexpr auto kRecordColumns = std::to_array<Column>({key("tx"), {"at"}, {"lines", kText}});
 constexpr auto kCalloutColumns = std::to_array<Column>({
     key("tx"),
     key("n"),
@@ -226,6 +227,23 @@ std::string sqliteInsert(const Table& table) {
     return out + " ON CONFLICT(" + listOf(table, isKey, nameOnly) + ") DO UPDATE SET " +
            listOf(
                table, [](const Column& column) { return column.fold != Fold::kKey; }, folded);
+}
+
+// Days are given up as a whole, so whatever has a time is divided by it. Single rows that come twice, since
+// the answer to their insertion was lost, become one.
+std::string clickHouseCreate(const Table& table) {
+    std::string time;
+    for (const Column& column : table.columns)
+        if (!std::strcmp(column.name, "at") || !std::strcmp(column.name, "last")) time = column.name;
+    return "CREATE TABLE IF NOT EXISTS " + std::string(table.name) + "(" +
+           listOf(table, any,
+                  [](const Column& column) {
+                      return std::string(column.name) +
+                             (column.type == ColumnType::kText ? " String" : " Int64");
+                  }) +
+           ") ENGINE = " + (table.folds ? "MergeTree" : "ReplacingMergeTree") +
+           (time.empty() ? "" : " PARTITION BY toYYYYMMDD(toDateTime(intDiv(" + time + ", 1000), 'UTC'))") +
+           " ORDER BY (" + (table.folds ? "" : "at, ") + listOf(table, isKey, nameOnly) + ")";
 }
 
 std::span<const char* const> sqliteIndexes() {

@@ -49,6 +49,8 @@ const Table& tableOf(TableId id);
 // Statements of SQLite.
 std::string sqliteCreate(const Table& table);
 std::string sqliteInsert(const Table& table);
+// A statement of ClickHouse.
+std::string clickHouseCreate(const Table& table);
 // Further statements of a new file: indexes.
 std::span<const char* const> sqliteIndexes();
 

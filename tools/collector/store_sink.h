@@ -1,6 +1,7 @@
 // Where the writer puts batches: a database file, or an engine behind an address.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -27,6 +28,8 @@ public:
         std::int64_t bytes = 0, oldestAt = 0;
     };
     virtual Holds holds() = 0;
+    // How long to gather between two calls of write().
+    virtual std::chrono::milliseconds pause() const { return std::chrono::milliseconds(0); }
 };
 
 }  // namespace vx::collector

@@ -38,6 +38,7 @@ void StoreWriter::work() {
         queue_.done(batches);
         if (batches.empty() && last) return;
         if (!last) retain();
+        queue_.pause(sink_->pause());
     }
 }
 

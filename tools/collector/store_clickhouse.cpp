@@ -1,0 +1,326 @@
+#include "tools/collector/store_clickhouse.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+
+#include "tools/collector/store_schema.h"
+
+namespace vx::collector {
+
+namespace {
+
+constexpr int kHttpOk = 200;
+constexpr std::int64_t kRetainEvery = 600'000;
+
+// A row as tab-separated text.
+class TabWriter : public RowSink {
+public:
+    explicit TabWriter(std::string& out) : out_(out) {}
+    void number(std::int64_t value) override { separate().append(std::to_string(value)); }
+    void text(std::string_view value) override {
+        separate();
+        for (const char byte : value) {
+            switch (byte) {
+                case '\t':
+                    out_ += "\\t";
+                    break;
+                case '\n':
+                    out_ += "\\n";
+                    break;
+                case '\\':
+                    out_ += "\\\\";
+                    break;
+                default:
+                    out_ += byte;
+            }
+        }
+    }
+    void endRow() {
+        out_ += '\n';
+        first_ = true;
+    }
+
+private:
+    std::string& separate() {
+        if (!first_) out_ += '\t';
+        first_ = false;
+        return out_;
+    }
+    std::string& out_;
+    bool first_ = true;
+};
+
+template <class Row>
+void addRows(std::string& out, const std::vector<Row>& rows) {
+    TabWriter writer(out);
+    for (const Row& row : rows) {
+        putRow(row, writer);
+        writer.endRow();
+    }
+}
+
+std::string rowsOf(TableId table, const Batch& batch) {
+    std::string out;
+    switch (table) {
+        case kTransactions:
+            addRows(out, batch.transactions);
+            break;
+        case kRecords: {
+            TabWriter writer(out);
+            for (const StoredTransaction& row : batch.transactions) {
+                putLines(row, writer);
+                writer.endRow();
+            }
+            break;
+        }
+        case kCallouts:
+            addRows(out, batch.callouts);
+            break;
+        case kExceptions:
+            addRows(out, batch.exceptions);
+            break;
+        case kNames:
+            addRows(out, batch.names);
+            break;
+        case kSums:
+            addRows(out, batch.sums);
+            break;
+        case kBuckets:
+            addRows(out, batch.buckets);
+            break;
+        case kMonitors:
+            addRows(out, batch.monitors);
+            break;
+        case kLinks:
+            addRows(out, batch.links);
+            break;
+        case kInstances:
+            addRows(out, batch.instances);
+            break;
+        default:
+            addRows(out, batch.comparisons);
+    }
+    return out;
+}
+
+// The first line of an error, which may be long.
+std::string firstLine(const std::string& text) {
+    return text.substr(0, std::min<std::size_t>(text.find('\n'), 300));
+}
+
+std::string undone(std::string_view text) {
+    std::string out;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '\\' || at + 1 == text.size()) {
+            out += text[at];
+            continue;
+        }
+        const char code = text[++at];
+        out += code == 't'   ? '\t'
+               : code == 'n' ? '\n'
+               : code == 'r' ? '\r'
+               : code == '0' ? '\0'
+               : code == 'b' ? '\b'
+               : code == 'f' ? '\f'
+                             : code;
+    }
+    return out;
+}
+
+class TabRow : public ResultRow {
+public:
+    explicit TabRow(std::string_view line) {
+        for (std::size_t at = 0; at != std::string_view::npos;) {
+            const std::size_t tab = line.find('\t', at);
+            fields_.push_back(line.substr(at, tab == std::string_view::npos ? tab : tab - at));
+            at = tab == std::string_view::npos ? tab : tab + 1;
+        }
+    }
+    std::int64_t number(int column) const override {
+        std::int64_t value = 0;
+        const std::string_view text = field(column);
+        std::from_chars(text.data(), text.data() + text.size(), value);
+        return value;
+    }
+    std::string text(int column) const override { return undone(field(column)); }
+
+private:
+    std::string_view field(int column) const {
+        const auto at = static_cast<std::size_t>(column);
+        return at < fields_.size() ? fields_[at] : std::string_view();
+    }
+    std::vector<std::string_view> fields_;
+};
+
+// A text as a literal: nothing in it can end it.
+std::string quoted(const std::string& text) {
+    constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out = "'";
+    for (const char byte : text) {
+        const bool plain = (byte >= ' ' && byte < 127 && byte != '\'' && byte != '\\' && byte != '?');
+        if (plain)
+            out += byte;
+        else
+            out.append("\\x").append({kHex[(byte >> 4) & 0xF], kHex[byte & 0xF]});
+    }
+    return out + "'";
+}
+
+class ClickHouseDatabase : public Database {
+public:
+    ClickHouseDatabase(HttpAddress address, int timeMs) : address_(std::move(address)), timeMs_(timeMs) {}
+
+    Answered select(const Sql& sql, const Take& take, std::string& error) override {
+        const auto begin = std::chrono::steady_clock::now();
+        const std::string seconds = std::to_string(std::max(1, timeMs_ / 1000));
+        const HttpAnswer answer =
+            postStatement(address_, "",
+                          "&readonly=1&database=" + address_.database + "&max_execution_time=" + seconds +
+                              "&timeout_overflow_mode=break",
+                          rendered(sql) + " FORMAT TabSeparated");
+        if (answer.status != kHttpOk) {
+            error = firstLine(answer.body);
+            return Answered::kFailed;
+        }
+        std::string_view rest = answer.body;
+        while (!rest.empty()) {
+            const std::size_t end = std::min(rest.find('\n'), rest.size());
+            take(TabRow(rest.substr(0, end)));
+            rest.remove_prefix(std::min(end + 1, rest.size()));
+        }
+        const auto took = std::chrono::steady_clock::now() - begin;
+        return took >= std::chrono::milliseconds(timeMs_) ? Answered::kCut : Answered::kOk;
+    }
+    std::string contains(const char* column) const override {
+        return "position(" + std::string(column) + ", ?) > 0";
+    }
+
+private:
+    static std::string rendered(const Sql& sql) {
+        std::string out;
+        std::size_t next = 0;
+        for (const char byte : sql.text()) {
+            if (byte != '?' || next == sql.values().size()) {
+                out += byte;
+                continue;
+            }
+            const Sql::Value& value = sql.values()[next++];
+            const auto* number = std::get_if<std::int64_t>(&value);
+            out += number ? std::to_string(*number) : quoted(*std::get_if<std::string>(&value));
+        }
+        return out;
+    }
+    const HttpAddress address_;
+    const int timeMs_;
+};
+
+}  // namespace
+
+std::unique_ptr<Database> openClickHouse(const HttpAddress& address, int timeMs, std::string& error) {
+    auto database = std::make_unique<ClickHouseDatabase>(address, timeMs);
+    std::int64_t version = 0;
+    const auto take = [&](const ResultRow& row) { version = row.number(0); };
+    if (database->select(Sql("SELECT max(value) FROM meta WHERE name = 'version'"), take, error) !=
+        Answered::kOk)
+        return nullptr;
+    if (version > kSchemaVersion) error = "the tables are of a newer vxcollector";
+    if (version > kSchemaVersion) return nullptr;
+    return database;
+}
+
+bool ClickHouseSink::run(const std::string& statement, std::string& fault, const std::string& body) {
+    const HttpAnswer answer = postStatement(address_, statement, "&database=" + address_.database, body);
+    if (answer.status != kHttpOk) fault = firstLine(answer.body);
+    return answer.status == kHttpOk;
+}
+
+bool ClickHouseSink::number(const std::string& statement, std::int64_t& out, std::string& fault) {
+    const HttpAnswer answer = postStatement(address_, "", "&database=" + address_.database, statement);
+    out = 0;
+    std::from_chars(answer.body.data(), answer.body.data() + answer.body.size(), out);
+    if (answer.status != kHttpOk) fault = firstLine(answer.body);
+    return answer.status == kHttpOk;
+}
+
+bool ClickHouseSink::open(const HttpAddress& address, int collector, double keepDays, std::string& error) {
+    address_ = address;
+    keepDays_ = keepDays;
+    const HttpAnswer made =
+        postStatement(address_, "CREATE DATABASE IF NOT EXISTS " + address_.database, "", "");
+    if (made.status != kHttpOk) {
+        error = firstLine(made.body);
+        return false;
+    }
+    bool done = run(
+        "CREATE TABLE IF NOT EXISTS meta(name String, value Int64) ENGINE = MergeTree ORDER BY name", error);
+    for (int id = 0; id < kTables; ++id)
+        done = done && run(clickHouseCreate(tableOf(static_cast<TableId>(id))), error);
+    std::int64_t version = 0;
+    done = done && number("SELECT max(value) FROM meta WHERE name = 'version'", version, error);
+    if (done && version == 0)
+        done = run("INSERT INTO meta FORMAT TabSeparated", error,
+                   "version\t" + std::to_string(kSchemaVersion) + "\n");
+    if (done && version > kSchemaVersion) {
+        error = "the tables are of a newer vxcollector (version " + std::to_string(version) + ")";
+        return false;
+    }
+    const std::int64_t first = static_cast<std::int64_t>(collector) << kCollectorShift;
+    const std::int64_t behind = first + (std::int64_t{1} << kCollectorShift);
+    done = done && number("SELECT max(id) FROM transactions WHERE id >= " + std::to_string(first) +
+                              " AND id < " + std::to_string(behind),
+                          nextId_, error);
+    nextId_ = std::max(nextId_, first) + 1;
+    return done;
+}
+
+StoreSink::Wrote ClickHouseSink::write(std::span<const Batch> batches, std::string& fault) {
+    for (; written_ < kTables; ++written_) {
+        const auto table = static_cast<TableId>(written_);
+        std::string body;
+        for (const Batch& batch : batches) body += rowsOf(table, batch);
+        if (body.empty()) continue;
+        const std::string statement =
+            std::string("INSERT INTO ") + tableOf(table).name + " FORMAT TabSeparated";
+        if (!run(statement, fault, body)) return Wrote::kLater;
+    }
+    written_ = 0;
+    return Wrote::kDone;
+}
+
+bool ClickHouseSink::retain(std::int64_t now, std::string& fault) {
+    if (keepDays_ <= 0 || now < nextRetain_) return false;
+    nextRetain_ = now + kRetainEvery;
+    const auto horizon = static_cast<std::time_t>(now / 1000 - static_cast<std::int64_t>(keepDays_ * 86'400));
+    std::tm time{};
+    ::gmtime_r(&horizon, &time);
+    char day[16] = "";
+    std::strftime(day, sizeof(day), "%Y%m%d", &time);
+    const HttpAnswer old =
+        postStatement(address_, "", "",
+                      "SELECT DISTINCT table, partition FROM system.parts WHERE active AND database = '" +
+                          address_.database + "' AND partition <> 'tuple()' AND partition < '" + day +
+                          "' FORMAT TabSeparated");
+    std::string_view rest = old.body;
+    if (old.status != kHttpOk) fault = firstLine(old.body);
+    while (old.status == kHttpOk && !rest.empty()) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        const TabRow row(rest.substr(0, end));
+        run("ALTER TABLE " + row.text(0) + " DROP PARTITION " + row.text(1), fault);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return false;
+}
+
+StoreSink::Holds ClickHouseSink::holds() {
+    Holds out;
+    std::string ignored;
+    number(
+        "SELECT sum(bytes_on_disk) FROM system.parts WHERE active AND database = '" + address_.database + "'",
+        out.bytes, ignored);
+    number("SELECT min(at) FROM sums", out.oldestAt, ignored);
+    return out;
+}
+
+}  // namespace vx::collector
