@@ -37,7 +37,9 @@ CollectorPage::~CollectorPage() {
 bool CollectorPage::openStore(std::string& error) {
     if (!store_) return true;
     query_ = std::make_unique<StoreQuery>();
-    if (query_->openFile(options_.databaseFile)) return true;
+    if (options_.clickHouse.empty() ? query_->openFile(options_.databaseFile)
+                                    : query_->openClickHouse(options_.clickHouse))
+        return true;
     error = query_->error();
     return false;
 }

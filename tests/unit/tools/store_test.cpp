@@ -6,8 +6,10 @@
 
 #include <csignal>
 #include <memory>
+#include <set>
 #include <utility>
 
+#include "tests/support/click_house.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_runs.h"
@@ -28,7 +30,9 @@ protected:
     void open(const Retention& retention = {}) {
         store = std::make_unique<Store>();
         std::string error;
-        ASSERT_TRUE(store->openFile(file, retention, error)) << error;
+        const bool opened = server ? store->openClickHouse(server->url(), 5, 0, error)
+                                   : store->openFile(file, retention, error);
+        ASSERT_TRUE(opened) << error;
         runs.storeIn(&store->intake());
         runs.turn(now);
         store->intake().opened(StreamKind::kData, kShop, now);
@@ -48,7 +52,8 @@ protected:
     void close() {
         runs.storeIn(nullptr);
         store.reset();
-        ASSERT_TRUE(query.openFile(file)) << query.error();
+        ASSERT_TRUE(server ? query.openClickHouse(server->url(), 60'000) : query.openFile(file))
+            << query.error();
     }
     SumsQuery lastMinutes(Monitored kind = Monitored::kBt) const {
         SumsQuery asked;
@@ -61,9 +66,24 @@ protected:
     const std::string file = dir / "store.db";
     const std::int64_t now = epochNow();
     Runs runs;
+    std::unique_ptr<test::ClickHouse> server;  // null: a file
     std::unique_ptr<Store> store;
     StoreQuery query;
 };
+
+// The same questions, whatever the store is.
+class AnyStore : public StoreTest, public testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override {
+        if (std::string(GetParam()) == "file") return;
+        if (!test::ClickHouse::isInstalled())
+            GTEST_SKIP() << "no clickhouse-server: scripts/bootstrap installs it";
+        server = std::make_unique<test::ClickHouse>();
+        ASSERT_TRUE(server->start());
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, AnyStore, testing::Values("file", "clickhouse"),
+                         [](const auto& kind) { return std::string(kind.param); });
 
 TEST(StoreSums, PercentilesAreWithinTwoPercent) {
     for (std::int64_t ms = 0; ms < 5'000'000; ms += 1 + ms / 100) {
@@ -75,7 +95,7 @@ TEST(StoreSums, PercentilesAreWithinTwoPercent) {
     EXPECT_EQ(percentileOf({{10, 94}, {50, 6}}, 95), 50);
 }
 
-TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
+TEST_P(AnyStore, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     open();
     for (const char* line :
          {"7,2,Pay", "5,Shop.buy(a,b),7", "5,Shop.load,8", "5,HTTP_pay&#46;example,9", "6,1,Via",
@@ -142,7 +162,7 @@ TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
                 requests[0].headers.size() == 1);
 }
 
-TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
+TEST_P(AnyStore, SumsAndFiltersAgreeWithWhatWasSent) {
     open();
     take("7,2,Pay");
     take("5,DB_orders,9");
@@ -202,7 +222,7 @@ TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
     EXPECT_EQ(seen, 500U) << "pages neither skip nor repeat";
 }
 
-TEST_F(StoreTest, ShowsMonitorsBesideSumsAndTiersThatCallEachOther) {
+TEST_P(AnyStore, ShowsMonitorsBesideSumsAndTiersThatCallEachOther) {
     const Identity stock{"Stock", "host2", "app", ""};
     open();
     store->intake().opened(StreamKind::kData, stock, now);
@@ -305,6 +325,55 @@ TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
     for (const LinkRow& link : links) told += link.dropped;
     EXPECT_EQ(stored + dropped, kSent);
     EXPECT_EQ(told, dropped);
+}
+
+TEST(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
+    if (!test::ClickHouse::isInstalled())
+        GTEST_SKIP() << "no clickhouse-server: scripts/bootstrap installs it";
+    test::ClickHouse server;
+    ASSERT_TRUE(server.start());
+    std::string error;
+    Store stores[2];
+    Runs runs[2];
+    const auto feed = [&](int collector, int first, int count) {
+        runs[collector].turn(epochNow());
+        InstanceState& instance = runs[collector].of("Web/host/app" + std::to_string(collector));
+        for (int i = first; i < first + count; ++i)
+            runs[collector].line(StreamKind::kData, "4," + std::to_string(i) + ",200,10,0,7,1,0,,0,",
+                                 instance);
+        stores[collector].intake().flush(epochNow() + 60'000, true);
+    };
+    const auto written = [&](std::uint64_t wanted) {
+        return test::eventually(
+            [&] { return stores[0].status().written + stores[1].status().written == wanted; }, 60);
+    };
+    for (int at = 0; at < 2; ++at) {
+        ASSERT_TRUE(stores[at].openClickHouse(server.url(), at + 1, 7, error)) << error;
+        runs[at].storeIn(&stores[at].intake());
+        feed(at, 1, 1000);
+    }
+    ASSERT_TRUE(written(2000));
+    server.stop();
+    feed(0, 1001, 1000);
+    ASSERT_TRUE(test::eventually([&] { return !stores[0].status().fault.empty(); }));
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(written(3000));
+    EXPECT_EQ(stores[0].status().fault, "");
+    EXPECT_EQ(stores[0].status().dropped, 0U);
+    StoreQuery query;
+    ASSERT_TRUE(query.openClickHouse(server.url(), 60'000)) << query.error();
+    std::vector<TransactionRow> rows;
+    std::set<std::int64_t> ids;
+    ASSERT_EQ(query.transactionsBehind(0, {}, kMostRows, rows), Answered::kOk) << query.error();
+    for (const TransactionRow& row : rows) ids.insert(row.id);
+    EXPECT_EQ(ids.size(), 3000U);
+    EXPECT_LT(*ids.rbegin(), std::int64_t{1} << 53);
+    Sums sums;
+    ASSERT_EQ(query.sums({}, sums), Answered::kOk);
+    EXPECT_EQ(sums.all.count, 3000U);
+    HttpAddress address;
+    for (const char* url : {"", "http://", "https://a", "http://a:b", "http://a/b;c", "http://a:1/x'"})
+        EXPECT_FALSE(readAddress(url, address)) << url;
 }
 
 TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
