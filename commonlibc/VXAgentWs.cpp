@@ -65,15 +65,22 @@ void leaveReadyList(const VXAgentWs& record) {
         }
 }
 
+bool fitsBlock(const VXAgentWs& record, std::size_t len) {
+    return record.held < kAgentBlockFull && len <= kAgentBlockFull - record.held;
+}
+
 bool hasRoom(const VXAgentWs& record, std::size_t len) {
-    return !record.overfull && record.held < kAgentBlockFull && allHeld < kAllAgentBlocks &&
+    return !record.overfull && (fitsBlock(record, len) || !record.passing) &&
            len <= kAllAgentBlocks - allHeld;
 }
 
 void append(VXAgentWs& record, VXAgentMessage* message) {
+    if (fitsBlock(record, message->length))
+        record.held += message->length;
+    else
+        record.passing = message;
     (record.last ? record.last->next : record.first) = message;
     record.last = message;
-    record.held += message->length;
     allHeld += message->length;
     makeReady(record);
 }
@@ -88,7 +95,10 @@ void dropFirst(VXAgentWs& record) {
     VXAgentMessage* message = record.first;
     record.first = message->next;
     if (!record.first) record.last = nullptr;
-    record.held -= message->length;
+    if (record.passing == message)
+        record.passing = nullptr;
+    else
+        record.held -= message->length;
     allHeld -= message->length;
     record.taken = 0;
     lock.unlock();
@@ -174,6 +184,11 @@ VXAgentWs* vxTakeReadyAgentWs() {
     const std::lock_guard lock(blockMutex);
     for (VXAgentWs* record = readyList; record; record = record->nextReady) record->ready = false;
     return std::exchange(readyList, nullptr);
+}
+
+bool vxAgentWsLaden(const VXAgentWs& record) {
+    const std::lock_guard lock(blockMutex);
+    return record.passing || record.held > kAgentBlockFull / 2;
 }
 
 int vxWriteAgentWs(VXAgentWs& record) {

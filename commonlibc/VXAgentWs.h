@@ -6,9 +6,9 @@
 // ready list and wakes the listener, which asks for its turn to write. Each message is a block of its own
 // with the library's room in front, and goes out as one WebSocket message.
 //
-// Limits    A connection takes no further message once kAgentBlockFull bytes wait, nor while
-//           kAllAgentBlocks wait in all connections; a message may pass the first bound once, so that a file
-//           goes whole. Of lines that come in parts kAllAgentParts bytes are held in all connections.
+// Limits    kAgentBlockFull bytes wait for a connection, and beside them one message that has no room within
+//           that bound, so that a file goes whole; kAllAgentBlocks in all connections. Of lines that come in
+//           parts kAllAgentParts bytes are held in all connections.
 // Errors    A message that is not taken makes the connection `overfull`: the listener closes it.
 // Lifetime  The listener makes and frees it. Whoever found it in a process record holds that record's
 //           sendMutex while he uses it: it leaves the record under that mutex before it is freed.
@@ -43,8 +43,9 @@ struct VXAgentWs {
     std::size_t partsLength;
     // The send block; guarded by a mutex of the unit.
     VXAgentMessage *first, *last;
-    std::size_t held;   // bytes of the messages
-    std::size_t taken;  // bytes of the first one that the library has
+    const VXAgentMessage* passing;  // the one beside the bound, or null
+    std::size_t held;               // bytes of the others
+    std::size_t taken;              // bytes of the first one that the library has
     bool ready, overfull;
     VXAgentWs* nextReady;
 };
@@ -67,6 +68,8 @@ void vxWakeAgentWs();
 // Takes the connections that have become ready, chained by nextReady; null: none. The next link is read
 // before a connection is ended.
 VXAgentWs* vxTakeReadyAgentWs();
+// True when so much waits that nothing more should be asked of it.
+bool vxAgentWsLaden(const VXAgentWs& record);
 // Writes what waits while the library takes it without buffering. 1 when something still waits, 0 when
 // nothing does, -1 when the connection has failed.
 int vxWriteAgentWs(VXAgentWs& record);

@@ -70,7 +70,11 @@ int onReceive(lws* wsi, VXAgentWs& record, const char* in, std::size_t length) {
     if (record.closing) return -1;
     lws_validity_confirmed(wsi);
     if (vxCarriesRecords(record)) return handOver(record, in, length);
-    return takePart(record, in, length, lws_is_final_fragment(wsi) && lws_remaining_packet_payload(wsi) == 0);
+    const bool last = lws_is_final_fragment(wsi) && lws_remaining_packet_payload(wsi) == 0;
+    const int result = takePart(record, in, length, last);
+    // Who asks for file upon file is not asked what next before he has taken some.
+    if (result == 0 && vxAgentWsLaden(record)) lws_rx_flow_control(wsi, 0);
+    return result;
 }
 
 int onWriteable(lws* wsi, VXAgentWs& record) {
@@ -80,6 +84,7 @@ int onWriteable(lws* wsi, VXAgentWs& record) {
     if (waits < 0) return -1;
     lws_set_timeout(wsi, waits ? kSlowPeer : NO_PENDING_TIMEOUT, waits ? kSlowSeconds : 0);
     if (waits) lws_callback_on_writable(wsi);
+    if (!vxAgentWsLaden(record)) lws_rx_flow_control(wsi, 1);
     return 0;
 }
 

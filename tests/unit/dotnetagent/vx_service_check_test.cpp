@@ -13,6 +13,7 @@
 #include "commonlibc/VXProxySettings.h"
 #include "commonlibc/vx_agent.h"
 #include "tests/support/home_fixture.h"
+#include "tests/support/ws_bridge.h"
 
 namespace vx {
 namespace {
@@ -151,6 +152,19 @@ TEST_F(CheckConfig, HelpAndOperatorsGuideNameEverySettingAndItsTrueDefault) {
         stands(help, row.help);
     }
     for (int i = 0; i < kKeywordRows; ++i) stands(guide, "`" + std::string(keywordsMap[i].name) + "`");
+}
+
+TEST_F(CheckConfig, ReadsTheCertificateForAgentsAsAStartDoes) {
+    const test::TestCertificate made;
+    const std::string agents = "vxcHost=127.0.0.1\n", both = "proxyAgentWebSocket=2\n";
+    EXPECT_EQ(check("proxyAgentWebSocket=1\n", agents), 0) << report;
+    EXPECT_NE(check(both, agents), 0);
+    EXPECT_TRUE(says("proxy.cert' cannot be read")) << report;
+    write("proxy.cert", "no certificate\n");
+    EXPECT_NE(check(both, agents), 0);
+    EXPECT_TRUE(says("no certificate in '")) << report;
+    const std::string files = "vxAgentCertFile=" + made.certificate + "\nvxAgentKeyFile=" + made.key + "\n";
+    EXPECT_EQ(check(both, agents + files), 0) << report;
 }
 
 }  // namespace

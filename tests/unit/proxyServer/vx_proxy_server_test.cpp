@@ -11,78 +11,13 @@
 #include <tuple>
 #include <vector>
 
-#include "commonlibc/proxyServer/vx_proxy_instance_link.h"
-#include "commonlibc/vx_agent.h"
 #include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_guard.h"
 #include "tests/support/fake_clock.h"
-#include "tests/support/raw_agent.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/listener_fixture.h"
 
 namespace vx::test {
 namespace {
-
-// The service without its shell, on a thread of the test. An instance's collector has always answered.
-class Listener : public testing::Test {
-protected:
-    void TearDown() override {
-        stop();
-        vxListenerReport = {};
-    }
-
-    void start(int wantedPort = 0) {
-        setenv("VXHOME", home.path().c_str(), 1);
-        home.write("proxy/config/proxysetting.conf", "proxyPort=" + std::to_string(wantedPort) + "\n");
-        vxControlThreadStarter = [](vxApplication* app) {
-            app->control.controlThreadId = 1;
-            app->control.lws_active = 0;
-            app->Server.replyReceived = 1;
-            return 0;
-        };
-        bound = {};
-        bindFailures = 0;
-        vxListenerReport.listening = [](const char*, int given) { bound.set_value(given); };
-        vxListenerReport.bindFailed = [](int, const char*) { ++bindFailures; };
-        proxyServerFlag = 1;
-        proxyStopFlag = 0;
-        worker = std::thread([] { agent_init("DotNetAgent", 3, "ProxyName", "proxy", 0); });
-    }
-    void startListening() {
-        start();
-        std::future<int> found = bound.get_future();
-        ASSERT_EQ(found.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        port = found.get();
-        ASSERT_GT(port, 0);
-    }
-    void stop() {
-        if (!worker.joinable()) return;
-        proxyStopFlag = 1;
-        vxWakeListener();
-        worker.join();
-        proxyStopFlag = 0;
-    }
-
-    static std::string line(const char* prefix, int pid) {
-        return prefix + std::string("appName=a;vxAppServerHost=b;tierName=c;agentName=d;pid=") +
-               std::to_string(pid) + "\n";
-    }
-    // A process of the one identity; the first makes the instance and is not answered.
-    FakePeer agent(int pid) const {
-        FakePeer peer = connectTo(port);
-        peer.send(line("vx_ctrl_msg_req:", pid));
-        return peer;
-    }
-    // True when the loop still answers an agent.
-    bool serves(int pid = 9999) const {
-        return agent(pid).readLine().starts_with("vx_ctrl_msg_rep:result=Ok;procIndex=");
-    }
-
-    inline static std::promise<int> bound;
-    inline static std::atomic<int> bindFailures{0};
-    TempDir home;
-    std::thread worker;
-    int port = 0;
-};
 
 TEST_F(Listener, StartsAfterAttemptsThatCameToNothingWithWhatTheyMade) {
     start();
