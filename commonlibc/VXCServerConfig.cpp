@@ -242,12 +242,16 @@ void vxSetCollectorProtocol(int index, int protocol, int port) {
 }
 
 void vxForgetNegotiated() {
+    const VXBCISetting_t& setting = vxCurrent()->VXBCISetting;
     VXCollectors_t& all = collectors();
     const VXGuard lock(all.mutex);
     VXCollectorRecord* record = recordAt(all, all.activeVXC);
     if (!record) return;
     record->protocol = 0;
     record->port = record->givenPort;
+    if (all.activeVXC != kMaster || !setting.saasMode || !setting.SaasHost.get()) return;
+    setHostAndPort(*record, setting.SaasHost.get(), setting.saasPort);
+    record->isSaas = 1;
 }
 
 void vxSetCollectorSaas(int index, int isSaas, const char* host) {

@@ -33,8 +33,8 @@ void vxSetCollectorPort(int index, int port);
 // Its collector's reply named this protocol, or it is reached over the one in use: from now on over that one,
 // at the protocol's port (`port` above 0).
 void vxSetCollectorProtocol(int index, int protocol, int port);
-// Record in use: back to the configured protocol and the given port, where negotiation had changed them and
-// nothing is reached there any more.
+// Nothing is reached any more at the record in use: back to the configured protocol and the given port, where
+// negotiation had changed them, and for a master that the service endpoint had named, to that endpoint.
 void vxForgetNegotiated();
 void vxSetCollectorSaas(int index, int isSaas, const char* host);
 // Marks `index` as the record in use (state 1, activeVXC) or clears its state.

@@ -95,10 +95,10 @@ protected:
         vxJoinControlThread(*app);
     }
     void writeSettings(const std::string& protocols, const std::string& more = "") {
-        write("vxsettings.conf", "vxcHost=localhost\nbackupVxcHostName=localhost\nbackupVxcPort=" +
-                                     std::to_string(backup.relay.port()) +
-                                     "\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=" + protocols +
-                                     "\n" + more);
+        const std::string port = std::to_string(backup.relay.port());
+        write("vxsettings.conf",
+              "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nVXC_COMM_PROTOCOL=" + protocols + "\n" +
+                  (more.empty() ? "backupVxcHostName=localhost\nbackupVxcPort=" + port + "\n" : more));
     }
     // Another protocol, as an item behind the first.
     std::string other() const { return master.front ? ",TCP:1" : ",WS:1"; }
@@ -254,10 +254,13 @@ TEST_P(Failover, TheServiceEndpointHandsTheInstanceOver) {
               std::to_string(master.relay.port()) + ";authtoken=t9;protoVer=2;\n");
     EXPECT_TRUE(saas.ended());
     FakePeer control = master.answer();
-    EXPECT_TRUE(stands(control));
+    EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:"));
     EXPECT_NE(master.line.find(";authtoken=t9;"), std::string::npos) << master.line;
     EXPECT_NE(master.line.find(";connDestination=127.0.0.1:"), std::string::npos) << master.line;
     EXPECT_EQ(app->control.retryAttempts, 0) << "a hand-over is no failure";
+    master.relay.refuse(true);
+    control.close();
+    EXPECT_TRUE(backup.accept("zor_saas_auth_agent_msg_req:")) << "it may name another one now";
 }
 
 TEST_P(Failover, AClusterMovesItToANodeAndBackWhenThatIsGone) {

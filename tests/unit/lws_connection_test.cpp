@@ -200,13 +200,16 @@ TEST_F(LwsSettings, CertificatesAreCheckedOnlyWhenAskedFor) {
         const char* caFile;
         const char* host;
         bool taken;
+        const char* systemStore = "/dev/null";
     } rows[] = {
         {0, "", "127.0.0.1", true},
         {1, "", "localhost", false},  // of no authority that the system knows
+        {1, "", "localhost", true, certificate.certificate.c_str()},
         {1, certificate.certificate.c_str(), "localhost", true},
         {1, certificate.certificate.c_str(), "127.0.0.1", false},  // another name
     };
     for (const auto& row : rows) {
+        setenv("SSL_CERT_FILE", row.systemStore, 1);
         app->VXBCISetting.tlsVerify = row.verify;
         setSharedText(app->retired, app->VXBCISetting.tlsCaFile, row.caFile);
         EXPECT_EQ(create_lws_control_connection(row.host, front.port()), row.taken) << row.host << row.verify;

@@ -110,6 +110,26 @@ TEST_P(LwsLink, CarriesARunWithItsFileItsRecordsAndWhatOtherThreadsLeave) {
     EXPECT_TRUE(front->paths()[0].starts_with("/collector/vx/Orders 1/")) << front->paths()[0];
 }
 
+TEST_P(LwsLink, ACollectorThatDoesNotReadHoldsUpNeitherProducersNorTheNextConnection) {
+    ASSERT_EQ(vxStartControlThread(app), 0);
+    FakePeer control;
+    acceptControl(control);
+    control.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
+    const FakePeer data = acceptStream("vx_data_msg_req:"),
+                   autoSensor = acceptStream("auto_sensor_thread_hotspot_data_req:");
+    ASSERT_TRUE(data && autoSensor && toAgent().starts_with("vx_control_req:"));
+    front->holdReading(true);
+    const std::string record = "4," + std::string(60000, 'x') + "\n";
+    EXPECT_TRUE(eventually([&] {
+        dumpData(record.data(), static_cast<std::int64_t>(record.size()));
+        return app->VXSys.dataDropCount > 20;
+    }));
+    app->control.closeCtrlConFlag = 1;
+    acceptControl(control);
+    EXPECT_TRUE(eventually([&] { return !app->data.data_thread_running; }));
+    EXPECT_GT(app->data.chain.recordsDropped, 20U);
+}
+
 TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
     int struck = 0;
     for (const Way way : {Way::kUp, Way::kDown}) {
