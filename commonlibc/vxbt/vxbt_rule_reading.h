@@ -3,8 +3,8 @@
 // The text is read by the service's own parsers into a context made for it, and requests are classified
 // there; so a reading can neither accept nor refuse what a service would not.
 //
-//     read(text)     the first text as a start takes it, each further one as a running instance takes a
-//     change classify       which BT a request gets, by the look-up of the service
+//     read(text)     the first one as a start takes it, others as a running instance takes a change
+//     classify       which BT a request gets, by the look-up of the service
 //
 // Limits    Texts of at most kMaxRuleText bytes; BTs of an instance as in the service.
 // Lifetime  Everything is given back with the reading.

@@ -3,10 +3,10 @@
 // A page on a loopback address is open to whoever is on the machine, unless a token was given; a page on
 // another address always wants one. A browser shows the token once and is given a cookie.
 //
-//     Host      an address, "localhost", the machine's own name, or a name that was allowed: another site
-//     whose
-//               name leads here is refused
+//     Host      an address, "localhost", the machine's own name, or a name that was allowed
 //     Origin    of a POST: none, or that very host
+//
+// So another site gets nothing, even one whose name leads here.
 //
 // Limits    kMostSessions logins; the oldest gives way. Each is good for kSessionSeconds.
 // Units     Times are seconds of any clock that does not go back.

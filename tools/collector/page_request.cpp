@@ -26,6 +26,13 @@ PageAnswer pageFault(int status, std::string_view why) {
     return answer;
 }
 
+PageAnswer jsonAnswer(JsonText& json) {
+    if (json.full()) return pageFault(500, "the answer is too large: ask for less");
+    PageAnswer answer;
+    answer.body = json.take();
+    return answer;
+}
+
 std::string decodeUrl(std::string_view text) {
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -12,6 +12,8 @@
 
 namespace vx::collector {
 
+class JsonText;
+
 struct PageRequest {
     bool post = false;
     std::string path;                                            // decoded, without the query
@@ -31,6 +33,8 @@ struct PageAnswer {
 
 // {"error": why}
 PageAnswer pageFault(int status, std::string_view why);
+// What was written; a fault when it is too large.
+PageAnswer jsonAnswer(JsonText& json);
 
 // Undoes "%41" and "+"; a "%" without two digits stays.
 std::string decodeUrl(std::string_view text);

@@ -12,6 +12,7 @@
 #include "commonlibc/vxbt/vxbt_rule_explain.h"
 #include "commonlibc/vxbt/vxbt_rule_reading.h"
 #include "tools/collector/page_body.h"
+#include "tools/collector/page_json.h"
 #include "tools/collector/page_preview.h"
 
 namespace vx::collector {
@@ -32,13 +33,6 @@ struct Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
     const int fd;
 };
-
-PageAnswer answerOf(JsonText& json) {
-    if (json.full()) return pageFault(500, "the answer is too large");
-    PageAnswer answer;
-    answer.body = json.take();
-    return answer;
-}
 
 std::string systemError(const std::string& what) {
     return what + ": " + std::strerror(errno);
@@ -142,7 +136,7 @@ PageAnswer explained(VXRuleReading& reading, const RuleBody& body) {
             .put("reason", got.lines[i].reason)
             .close();
     json.close().close();
-    return answerOf(json);
+    return jsonAnswer(json);
 }
 
 }  // namespace
@@ -185,7 +179,7 @@ PageAnswer PageRules::show() const {
     now.fault.empty() ? json.item(nullptr) : json.item(now.fault);
     putReading(json, reading);
     json.close();
-    return answerOf(json);
+    return jsonAnswer(json);
 }
 
 PageAnswer PageRules::tryOut(const PageRequest& request) const {
@@ -222,7 +216,7 @@ PageAnswer PageRules::preview(const PageRequest& request) const {
     putReading(json, *preview.reading);
     putPreview(json, preview);
     json.close();
-    return answerOf(json);
+    return jsonAnswer(json);
 }
 
 PageAnswer PageRules::save(const PageRequest& request) const {
@@ -239,7 +233,7 @@ PageAnswer PageRules::save(const PageRequest& request) const {
     if (!replaceFile(folder_, kRulesFile, *body.text, error)) return pageFault(500, error);
     JsonText json;
     json.open('{').put("saved", true).put("digest", digestOf(true, *body.text)).close();
-    return answerOf(json);
+    return jsonAnswer(json);
 }
 
 }  // namespace vx::collector

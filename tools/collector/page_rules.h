@@ -12,13 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/collector/page_json.h"
 #include "tools/collector/page_request.h"
 #include "tools/collector/store_query.h"
-
-namespace vx {
-class VXRuleReading;
-}
 
 namespace vx::collector {
 

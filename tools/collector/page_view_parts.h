@@ -34,7 +34,6 @@ private:
 };
 std::string instanceName(const InstanceRow& row);
 
-PageAnswer jsonAnswer(JsonText& json);
 // A store that does not answer.
 PageAnswer storeFault(const StoreQuery& store);
 

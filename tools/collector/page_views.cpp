@@ -245,13 +245,6 @@ std::string InstanceNames::of(std::int64_t key) const {
     return at == names_.end() ? "instance " + std::to_string(key) : at->second;
 }
 
-PageAnswer jsonAnswer(JsonText& json) {
-    if (json.full()) return pageFault(500, "the answer is too large: ask for less");
-    PageAnswer answer;
-    answer.body = json.take();
-    return answer;
-}
-
 PageAnswer storeFault(const StoreQuery& store) {
     return pageFault(503, store.error().empty() ? "the store does not answer" : store.error());
 }
