@@ -1,5 +1,6 @@
 // The built programs on loopback, as a test wants them: collector with page and store, service, agent on a
 // log.
+import assert from "node:assert/strict";
 import {spawn} from "node:child_process";
 import {appendFileSync, mkdirSync, mkdtempSync, rmSync, writeFileSync} from "node:fs";
 import {createServer} from "node:net";
@@ -54,6 +55,7 @@ function start(path, args, env = {}) {
         async end() {
             child.kill("SIGTERM");
             await over;
+            assert.equal(ended, 0, `${path} ended so:\n${said}`);
         }
     };
 }
