@@ -106,6 +106,8 @@ test("figures move while the focus stays", async () => {
 test("filters stand in the address, older rows come below", async () => {
     await show("transactions?bt=Cart&instance=8124");
     await page.locator("td.url").first().waitFor();
+    await page.locator("a.row-link").first().focus();
+    await page.locator(".under .note", {hasText: "Held while"}).waitFor();
     assert.match(await askedFor("/api/transactions?"), /bt=Cart&.*instance=8124/);
     await page.locator(".chip", {hasText: "Web/host1/shop"}).waitFor();
     await page.fill("input[name=url]", "/x?a=1&b");

@@ -75,14 +75,14 @@ export function logLine({url, method = "GET", status = 200, seconds = "0.012", u
 }
 
 /** { url of the page, log(lines), end() }; the run has started. */
-export async function startPrograms(bin, rules) {
+export async function startPrograms(bin, rules, entryPoints = "nginx|nginx.upstream()|HTTP_CALLOUT|2\n") {
     const work = mkdtempSync(join(tmpdir(), "vxpage."));
     const proxyPort = await freePort();
     const running = [];
     const path = (...parts) => join(work, ...parts);
     mkdirSync(path("files"));
     mkdirSync(path("proxy/config"), {recursive: true});
-    writeFileSync(path("files/VXEntryPointsFile"), "nginx|nginx.upstream()|HTTP_CALLOUT|2\n");
+    writeFileSync(path("files/VXEntryPointsFile"), entryPoints);
     writeFileSync(path("files/BTRuleConfig"), rules);
     writeFileSync(path("keywords"), [
         "zorEpochDiff=1388534400", "bciInstrSessionPct=100", "instrExceptions=1%201%200%20100%201",

@@ -3,15 +3,11 @@ import {h, replace, svg} from "./dom.js";
 import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
-const BOX = {
-    width: 176,
-    height: 38
-};
-const GAP = {
-    x: 168,
-    y: 20
-};
+const BOX = {width: 208, height: 42};
+const GAP = {x: 168, y: 18};
 const MOST_EDGES = 150;  // the most frequent; more than that is no picture
+const MOST_WORDS = 8;    // with more calls, only those of the node that is looked at have their words
+const FAILING = 0.01;    // share of errors from which on a call is drawn as a failing one
 
 // Of the ends of a call. Instances have keys, back-ends their names.
 const fromOf = (edge) => `instance:${edge.fromKey}`;
@@ -57,7 +53,8 @@ function place(edges) {
     const tallest = Math.max(...columns.filter(Boolean).map((c) => c.length));
     const height = tallest * (BOX.height + GAP.y) + 2 * GAP.y;
     const spots = new Map();
-    columns.forEach((ids, x) => ids.forEach((id, i) => {
+    // By name: what is busier changes all the time, and places should not.
+    columns.forEach((ids, x) => ids.sort().forEach((id, i) => {
         const free = height - ids.length * (BOX.height + GAP.y);
         spots.set(id, {x: 8 + x * (BOX.width + GAP.x), y: free / 2 + GAP.y / 2 + i * (BOX.height + GAP.y)});
     }));
@@ -68,14 +65,34 @@ function short(name) {
     return name.length > 24 ? name.slice(0, 11) + "…" + name.slice(-12) : name;
 }
 
-function box(id, name, {x, y}) {
+// What comes in at each node: { calls, errors, ms of all together }.
+function totals(edges) {
+    const all = new Map();
+    for (const e of edges) {
+        const sum = all.get(toOf(e)) ?? {calls: 0, errors: 0, took: 0};
+        all.set(toOf(e), {
+            calls: sum.calls + e.calls,
+            errors: sum.errors + e.errors,
+            took: sum.took + e.calls * e.averageMs
+        });
+    }
+    return all;
+}
+
+function box(id, name, {x, y}, total) {
     const kind = id.slice(0, id.indexOf(":"));
     const filter = {[kind]: id.slice(id.indexOf(":") + 1)};
+    const line = (dy, props, text) => svg(
+        "text", {x: x + BOX.width / 2, y: y + BOX.height / 2 + dy, "dominant-baseline": "central", ...props},
+        text);
+    const rx = kind === "backend" ? 4 : BOX.height / 2;
+    const words = total &&
+        `${count(total.calls)} × ${ms(total.took / total.calls)}` +
+            (total.errors ? `, ${count(total.errors)} errors` : "");
     return svg(
-        "a", {href: to("transactions", filter), class: `node ${kind}`}, svg("title", {}, name),
-        svg("rect", {x, y, width: BOX.width, height: BOX.height, rx: kind === "backend" ? 4 : 19}),
-        svg("text", {x: x + BOX.width / 2, y: y + BOX.height / 2, "dominant-baseline": "central"},
-            short(name)));
+        "a", {href: to("transactions", filter), class: `node ${kind}`, "data-node": id},
+        svg("title", {}, name), svg("rect", {x, y, width: BOX.width, height: BOX.height, rx}),
+        line(total ? -8 : 0, {}, short(name)), total && line(9, {class: "total"}, words));
 }
 
 // A curve to the right, or, for a call that leads back, below both; and where its words stand.
@@ -103,18 +120,19 @@ function course(a, b) {
     };
 }
 
-function arrow(edge, spots) {
-    const failing = edge.errors > 0;
+function arrow(edge, spots, most) {
+    const failing = edge.errors / edge.calls >= FAILING;
     const text = `${edge.from} calls ${edge.to}: ${count(edge.calls)} calls, ${ms(edge.averageMs)}, ${
         count(edge.errors)} errors`;
     const {d, words} = course(spots.get(fromOf(edge)), spots.get(toOf(edge)));
     return svg(
-        "g", {class: failing ? "edge failing" : "edge"}, svg("title", {}, text), svg("path", {
+        "g", {class: failing ? "edge failing" : "edge", "data-from": fromOf(edge), "data-to": toOf(edge)},
+        svg("title", {}, text), svg("path", {
             d,
-            "stroke-width": Math.min(6, 1 + Math.log10(edge.calls + 1)).toFixed(1),
+            "stroke-width": (1 + 4 * Math.sqrt(edge.calls / most)).toFixed(1),
             "marker-end": failing ? "url(#tip-failing)" : "url(#tip)"
         }),
-        svg("text", words, `${count(edge.calls)}× ${ms(edge.averageMs)}`));
+        svg("text", words, `${count(edge.calls)} × ${ms(edge.averageMs)}`));
 }
 
 function tip(id) {
@@ -136,22 +154,41 @@ function draw(edges) {
     const {spots, width, height} = place(edges);
     const names = new Map(edges.flatMap((e) => [[fromOf(e), e.from], [toOf(e), e.to]]));
     const calls = edges.reduce((sum, e) => sum + e.calls, 0);
+    const incoming = totals(edges);
+    const most = Math.max(...edges.map((e) => e.calls));
     return svg(
         "svg", {
-            class: "map",
+            class: edges.length > MOST_WORDS ? "map crowded" : "map",
             width,
             height,
             viewBox: `0 0 ${width} ${height}`,
             role: "group",
             "aria-label": `${spots.size} instances and back-ends, ${count(calls)} calls between them`
         },
-        svg("defs", {}, tip("tip"), tip("tip-failing")), edges.map((e) => arrow(e, spots)),
-        [...spots].map(([id, spot]) => box(id, names.get(id), spot)));
+        svg("defs", {}, tip("tip"), tip("tip-failing")), edges.map((e) => arrow(e, spots, most)),
+        [...spots].map(([id, spot]) => box(id, names.get(id), spot, incoming.get(id))));
 }
 
 export function callMap() {
     const node = h("div", {class: "map-frame"});
     let shown = "";
+    let near = null;  // the node under the pointer, or with the focus: its calls stand out
+    function mark() {
+        node.firstElementChild?.classList.toggle("marked", near !== null);
+        for (const edge of node.querySelectorAll(".edge"))
+            edge.classList.toggle(
+                "near", near !== null && [edge.dataset.from, edge.dataset.to].includes(near));
+    }
+    function look(event) {
+        near = event.target.closest("[data-node]")?.dataset.node ?? null;
+        mark();
+    }
+    for (const kind of ["pointerover", "focusin"]) node.addEventListener(kind, look);
+    for (const kind of ["pointerleave", "focusout"])
+        node.addEventListener(kind, () => {
+            near = null;
+            mark();
+        });
     return {
         node,
         update(all) {
@@ -166,6 +203,7 @@ export function callMap() {
                 edges.length ? draw(edges) : h("p", {class: "empty"}, "Nobody called anybody in this time."));
             if (focused !== null)
                 [...node.querySelectorAll("a")].find((a) => a.getAttribute("href") === focused)?.focus();
+            mark();
         },
     };
 }

@@ -6,6 +6,8 @@ import {span, to} from "../router.js";
 
 import {stackOf} from "./transaction.js";
 
+const MOST_BTS = 8;  // named on a card
+
 function card(e) {
     const last = `last ${clock(e.lastAt)}`;
     const times = e.count === 1 ? "once" : `${count(e.count)} times`;
@@ -17,10 +19,13 @@ function card(e) {
                               h("span", {class: "note"}, last)),
         e.lastText && h("p", {class: "message"}, e.lastText),
         h("p", {class: "note"}, "In ",
-          e.bts.map(
-              (b, i) =>
-                  [i > 0 && ", ", h("a", {href: to("transactions", {exception: e.class, bt: b.bt})}, b.bt),
-                   ` ${count(b.count)}`])),
+          e.bts.slice(0, MOST_BTS)
+              .map(
+                  (b, i) =>
+                      [i > 0 && ", ",
+                       h("a", {href: to("transactions", {exception: e.class, bt: b.bt})}, b.bt),
+                       ` ${count(b.count)}`]),
+          e.bts.length > MOST_BTS && " and others"),
         e.lastStack.length > 0 &&
             h("details", {}, h("summary", {}, `Last stack, ${e.lastStack.length} lines`),
               stackOf(e.lastStack)));

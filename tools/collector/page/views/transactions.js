@@ -148,7 +148,18 @@ export function transactions(context) {
         return [...fresh, ...rows.filter((r) => !seen.has(r.id) && r.end >= from)].slice(0, MOST);
     }
 
+    // Rows that somebody is about to take must not run away.
+    function held() {
+        const pointed = matchMedia("(hover: hover)").matches && list.node.matches(":hover");
+        return rows.length > 0 && (pointed || list.node.contains(document.activeElement));
+    }
+
     async function load(signal) {
+        search.show();  // the names of instances may have come
+        if (held()) {
+            said.textContent = "Held while the pointer or the focus is in the list.";
+            return;
+        }
         const answer = await ask({}, signal);
         const first = rows.length === 0;
         // A page full of rows that were not there leaves a gap to those shown: begin anew then.
@@ -157,7 +168,6 @@ export function transactions(context) {
         if (first || gap) next = answer.next;
         rows = gap ? answer.rows : merge(answer.rows);
         draw();
-        search.show();
         if (!named) {
             named = true;
             const time = span();
