@@ -161,6 +161,10 @@ int send_on_wsi(const char* src, VXAgentWs& record, std::size_t len) {
     std::unique_lock lock(blockMutex);
     if (message && hasRoom(record, len)) {
         append(record, message);
+        const auto waiting = static_cast<int>(record.held);
+        lock.unlock();
+        VX_TRACE(4, kControlThread, kInfo, "handler buf:%.*s len:%d", static_cast<int>(len), src, waiting);
+        VX_TRACE(4, kControlThread, kInfo, "handler buf[%c] len:%d", len ? *src : ' ', static_cast<int>(len));
         return 0;
     }
     record.overfull = true;
@@ -182,8 +186,11 @@ void vxWakeAgentWs() {
 
 VXAgentWs* vxTakeReadyAgentWs() {
     const std::lock_guard lock(blockMutex);
-    for (VXAgentWs* record = readyList; record; record = record->nextReady) record->ready = false;
-    return std::exchange(readyList, nullptr);
+    VXAgentWs* record = readyList;
+    if (!record) return nullptr;
+    record->ready = false;
+    readyList = record->nextReady;
+    return record;
 }
 
 bool vxAgentWsLaden(const VXAgentWs& record) {

@@ -15,6 +15,7 @@
 // Threads   send_on_wsi, vxWakeAgentWs: any. Everything else: the listener.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -35,6 +36,7 @@ struct VXAgentWs {
     lws* wsi;
     epollPtr_t* address;  // the process's own pair; null before registration and behind the end
     bool closing;         // it belongs to nobody any more and ends soon
+    bool waiting;         // for its turn to write
     // What the library has handed over and no reader has taken yet.
     const char* in;
     std::size_t inLength;
@@ -46,8 +48,9 @@ struct VXAgentWs {
     const VXAgentMessage* passing;  // the one beside the bound, or null
     std::size_t held;               // bytes of the others
     std::size_t taken;              // bytes of the first one that the library has
-    bool ready, overfull;
+    bool ready;
     VXAgentWs* nextReady;
+    std::atomic<bool> overfull;  // a message was not taken
 };
 
 // Null without memory.
@@ -65,8 +68,7 @@ int send_on_wsi(const char* src, VXAgentWs& record, std::size_t len);
 void vxSetAgentWsContext(lws_context* context);
 void vxWakeAgentWs();
 
-// Takes the connections that have become ready, chained by nextReady; null: none. The next link is read
-// before a connection is ended.
+// Takes a connection that has become ready off the list; null: there is none.
 VXAgentWs* vxTakeReadyAgentWs();
 // True when so much waits that nothing more should be asked of it.
 bool vxAgentWsLaden(const VXAgentWs& record);

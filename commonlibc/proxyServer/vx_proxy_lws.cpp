@@ -48,6 +48,7 @@ lws_context_creation_info creationInfo() {
     info.pt_serv_buf_size = kServiceBuffer;
     info.timeout_secs = kHandshakeSeconds;
     info.retry_and_idle_policy = &kIdlePolicy;
+    info.alpn = "http/1.1";
     info.http_proxy_address = ":0";  // none, whatever the variable http_proxy of the host says
     return info;
 }

@@ -16,6 +16,7 @@ namespace vx {
 namespace {
 
 constexpr std::size_t kReceiveSize = 102400;
+constexpr std::size_t kUserSize = sizeof(void*);  // a VXAgentWs*, null until it stands
 constexpr auto kSlowPeer = static_cast<pending_timeout>(PENDING_TIMEOUT_USER_REASON_BASE);
 constexpr auto kUnknownPeer = static_cast<pending_timeout>(PENDING_TIMEOUT_USER_REASON_BASE + 1);
 
@@ -82,6 +83,7 @@ int onWriteable(lws* wsi, VXAgentWs& record) {
     if (record.closing) return -1;
     const int waits = vxWriteAgentWs(record);
     if (waits < 0) return -1;
+    record.waiting = waits > 0;
     lws_set_timeout(wsi, waits ? kSlowPeer : NO_PENDING_TIMEOUT, waits ? kSlowSeconds : 0);
     if (waits) lws_callback_on_writable(wsi);
     if (!vxAgentWsLaden(record)) lws_rx_flow_control(wsi, 1);
@@ -157,25 +159,23 @@ int callback_proxy_raw(lws* wsi, lws_callback_reasons reason, void* /*user*/, vo
 }
 
 const lws_protocols kAgentProtocols[] = {
-    {"VX_ws", callback_proxy_ws, sizeof(VXAgentWs*), kReceiveSize, 0, nullptr, 0},
-    {"raw_control", callback_proxy_raw, sizeof(VXAgentWs*), 0, 0, nullptr, 0},
-    {"ws_control", callback_proxy_ws, sizeof(VXAgentWs*), kReceiveSize, 0, nullptr, 0},
+    {"VX_ws", callback_proxy_ws, kUserSize, kReceiveSize, 0, nullptr, 0},
+    {"raw_control", callback_proxy_raw, kUserSize, 0, 0, nullptr, 0},
+    {"ws_control", callback_proxy_ws, kUserSize, kReceiveSize, 0, nullptr, 0},
     {kAcceptProtocol, callback_proxy_accept, 0, 0, 0, nullptr, 0},
     {nullptr, nullptr, 0, 0, 0, nullptr, 0},
 };
 
 void vxServeReadyWebSockets() {
-    VXAgentWs* next = nullptr;
-    for (VXAgentWs* record = vxTakeReadyAgentWs(); record; record = next) {
-        next = record->nextReady;
+    while (VXAgentWs* record = vxTakeReadyAgentWs()) {
         if (record->closing) continue;
-        if (record->overfull) {
+        if (record->overfull.load(std::memory_order_relaxed)) {
             vxWebSocketGone(*record);
             vxCloseAgentWs(*record);
-        } else {
-            lws_set_timeout(record->wsi, kSlowPeer, kSlowSeconds);
-            lws_callback_on_writable(record->wsi);
+            continue;
         }
+        if (!std::exchange(record->waiting, true)) lws_set_timeout(record->wsi, kSlowPeer, kSlowSeconds);
+        lws_callback_on_writable(record->wsi);
     }
 }
 
