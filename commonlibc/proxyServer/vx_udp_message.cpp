@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "commonlibc/context/vx_application.h"
@@ -50,8 +51,8 @@ const char* lookupKey(const Message& message) {
     return key;
 }
 
+// Decode lock held, see Target.
 void onRecords(const Message& message) {
-    const VXGuard decode(message.app.decoder.decodeMutex);
     const char* key = lookupKey(message);
     if (!key) return;
     const auto at = static_cast<std::size_t>(message.header.whLen);
@@ -124,7 +125,7 @@ constexpr void (*kHandlers[])(const Message&) = {
 };
 
 // The context that the messages of a datagram are for, kept from ending, and current, until another is
-// taken or the scope ends.
+// taken or the scope ends. Its decode lock is held over records that follow one another.
 class Target {
 public:
     explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender), nowUs_(vxlb_now_us()) {}
@@ -145,6 +146,14 @@ public:
         return app_;
     }
 
+    // Before a message is taken up: everything but records of a known context goes on without the lock.
+    void prepare(bool records) {
+        if (!records) decode_.reset();
+    }
+    void lockDecode() {
+        if (!decode_) decode_.emplace(app_->decoder.decodeMutex);
+    }
+
     std::int64_t nowUs() const { return nowUs_; }
 
 private:
@@ -154,6 +163,7 @@ private:
         addUDPClientSocket(sender_);
     }
     void leave() {
+        decode_.reset();
         vxSetCurrent(root_);
         if (app_ && !attached_) vxUdpUnpin(*app_);
         app_ = nullptr;
@@ -165,6 +175,7 @@ private:
     vxApplication* app_ = nullptr;
     bool attached_ = false;
     std::int32_t index_ = kWrapIndexUnknown;
+    std::optional<VXGuard> decode_;
 };
 
 // The index that the message gives, or what its registration gets; -1 refuses it.
@@ -187,9 +198,12 @@ void handle(VXByteView bytes, Target& target) {
         if (vxUdpTracesRefusal()) VX_TRACE(1, kControlThread, kError, "Error in parsing data from client..");
         return refuse();
     }
+    const bool records = header.messageType == static_cast<std::int16_t>(VXWrapType::kRecords);
+    target.prepare(records && header.contextIndex != kWrapIndexUnknown);
     const std::int32_t index = indexOf(header);
     vxApplication* app = index >= 0 ? target.take(header, index) : nullptr;
     if (!app) return refuse();
+    if (records) target.lockDecode();
     const auto type = static_cast<std::size_t>(static_cast<std::uint16_t>(header.messageType));
     if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index, target.nowUs()});
 }

@@ -5,8 +5,8 @@
 // Errors    A datagram below 45 bytes, a malformed header, an index without a context: traced, dropped. A bad
 //           message ends its datagram, what stood before it counts.
 // Threads   A worker, with the root context as current; it is current again afterwards. Several workers may
-//           meet one context: the decode lock orders them, and also covers the lookup key. It is not held
-//           during an answer.
+//           meet one context: the decode lock orders them, and also covers the lookup key. It is held over
+//           records of a datagram that follow one another, and not during an answer.
 #pragma once
 
 #include <cstdint>
