@@ -13,9 +13,9 @@ struct Readings {
     VXRuleReading before, after;
     std::unique_ptr<VXRuleReading> fresh = std::make_unique<VXRuleReading>();  // the edited text alone
 
-    bool read(const std::string& inForce, const std::string& edited) {
-        return before.good() && after.good() && fresh->good() && before.read(inForce) &&
-               after.read(inForce) && after.read(edited) && fresh->read(edited);
+    bool read(const std::string* inForce, const std::string& edited) {
+        return before.good() && after.good() && fresh->good() && before.read(inForce ? *inForce : "") &&
+               (!inForce || after.read(*inForce)) && after.read(edited) && fresh->read(edited);
     }
 };
 
@@ -90,7 +90,7 @@ void putName(JsonText& json, const char* key, const std::string& name) {
 
 }  // namespace
 
-bool makePreview(const std::string& inForce, const std::string& edited,
+bool makePreview(const std::string* inForce, const std::string& edited,
                  const std::vector<RequestRow>& requests, RulePreview& out) {
     Readings readings;
     if (!readings.read(inForce, edited)) return false;
@@ -98,8 +98,8 @@ bool makePreview(const std::string& inForce, const std::string& edited,
     const bool byMethod = asksFor(readings.before, "method");
     for (const RequestRow& row : requests) {
         Request request = requestOf(row);
-        std::string from;
-        if (!nameBefore(readings.before, byMethod, row.bt, request, from)) ++unlike;
+        std::string from = row.bt;
+        if (inForce && !nameBefore(readings.before, byMethod, row.bt, request, from)) ++unlike;
         const std::string to = readings.after.classify(request.request, request.header()).bt;
         if (readings.fresh->classify(request.request, request.header()).bt != to) ++later;
         countMove(out, row, from, to);

@@ -34,8 +34,8 @@ struct RulePreview {
     std::map<std::string, std::pair<std::size_t, std::size_t>> counts;  // before and after, by BT
     std::vector<std::string> notes;
 };
-// False without memory.
-bool makePreview(const std::string& inForce, const std::string& edited,
+// `inForce` null: not known; the BT that a request has stands for them. False without memory.
+bool makePreview(const std::string* inForce, const std::string& edited,
                  const std::vector<RequestRow>& requests, RulePreview& out);
 // Members of an object.
 void putPreview(JsonText& json, const RulePreview& preview);

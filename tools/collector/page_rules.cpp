@@ -205,12 +205,12 @@ PageAnswer PageRules::preview(const PageRequest& request) const {
     std::vector<RequestRow> requests;
     const bool had = recent_ && recent_(kPreviewed, requests);
     RulePreview preview;
-    if (!makePreview(now.text, *body.text, requests, preview)) return pageFault(503, "out of memory");
+    if (!makePreview(now.present ? &now.text : nullptr, *body.text, requests, preview))
+        return pageFault(503, "out of memory");
     if (!had) preview.notes.emplace_back("There is no store to take requests from.");
     if (!now.present)
         preview.notes.emplace_back(
-            "No rules are handed out: requests are compared with the default rule, instances may "
-            "have rules of their own.");
+            "No rules are handed out: requests are compared with the BT that they have.");
     JsonText json;
     json.open('{');
     putReading(json, *preview.reading);

@@ -187,6 +187,10 @@ TEST_F(Page, PreviewsHowRequestsMove) {
          R"({"after":1,"before":1,"bt":"Others"})", R"("1 of them have a BT that the rules in force)",
          R"("fault":"fewer than 6 fields","kind":"pattern rule","meaning":"","number":4)"})
         EXPECT_NE(told.find(part), std::string::npos) << part << "\n" << told;
+
+    std::remove((dir / "BTRuleConfig").c_str());  // then the names that they have stand for the rules
+    const std::string first = json(pagePost("/api/rules/preview", R"({"text":"7|Shop|2|1|/shop|0"})"));
+    EXPECT_NE(first.find(R"("looked":5,"moved":2)"), std::string::npos) << first;
 }
 
 TEST_F(Page, SavesWhatWasEdited) {
