@@ -101,6 +101,17 @@ test("figures move while the focus stays", async () => {
     await page.locator(".plot canvas").first().waitFor();
     await page.locator(".plot").first().click({position: {x: 300, y: 90}});
     await page.waitForURL(/from=\d+&to=\d+/);
+    // A drag asks for those of all steps under it.
+    await show("overview");
+    await page.locator(".plot canvas").first().waitFor();
+    const {x, y} = await page.locator(".plot .u-over").first().boundingBox();
+    await page.mouse.move(x + 100, y + 50);
+    await page.mouse.down();
+    await page.mouse.move(x + 300, y + 60, {steps: 4});
+    await page.mouse.up();
+    await page.waitForURL(/from=\d+&to=\d+/);
+    const time = new URLSearchParams(page.url().split("?")[1]);
+    assert.ok(time.get("to") - time.get("from") > 120000, page.url());
 });
 
 test("filters stand in the address, older rows come below", async () => {

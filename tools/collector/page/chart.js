@@ -19,7 +19,7 @@ const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap(
 export function timeChart(options) {
     const drawn =
         options.stacked ? [...options.series].reverse() : options.series;  // tallest first, the rest over it
-    const canvas = h("div", {class: "plot", role: "img"});
+    const canvas = h("div", {class: options.onPick ? "plot pick" : "plot", role: "img"});
     const when = h("span", {class: "when"});
     const entries = options.series.map((series) => {
         const value = h("b");

@@ -3,8 +3,14 @@ import {h, replace, svg} from "./dom.js";
 import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
-const BOX = {width: 208, height: 42};
-const GAP = {x: 168, y: 18};
+const BOX = {
+    width: 208,
+    height: 42
+};
+const GAP = {
+    x: 168,
+    y: 18
+};
 const MOST_EDGES = 150;  // the most frequent; more than that is no picture
 const MOST_WORDS = 8;    // with more calls, only those of the node that is looked at have their words
 const FAILING = 0.01;    // share of errors from which on a call is drawn as a failing one

@@ -52,3 +52,8 @@ export function changed(params) {
     const text = all.toString();
     return "#/" + path.map(encodeURIComponent).join("/") + (text ? "?" + text : "");
 }
+
+/** Goes to the transactions of a time that was picked on a chart. */
+export function pickTime(from, till) {
+    location.hash = to("transactions", {from, to: till});
+}

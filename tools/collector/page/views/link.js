@@ -3,7 +3,7 @@ import {get} from "../api.js";
 import {timeChart} from "../chart.js";
 import {h, replace} from "../dom.js";
 import {ago, bytes, clock, count, rate} from "../format.js";
-import {span, to} from "../router.js";
+import {pickTime, span, to} from "../router.js";
 import {rowLink, table} from "../table.js";
 
 function fact(title, value, bad) {
@@ -58,6 +58,7 @@ function flowCharts() {
     const flow = timeChart({
         title: "Records",
         format: rate,
+        onPick: pickTime,
         label: ({summary}) => `Records over time: ${rate(summary.records)}`,
         series: [
             {key: "records", name: "Records", colour: "accent"},

@@ -4,7 +4,7 @@ import {CATEGORIES} from "../category.js";
 import {timeChart} from "../chart.js";
 import {h, replace} from "../dom.js";
 import {count, ms, percent, rate} from "../format.js";
-import {span, to} from "../router.js";
+import {pickTime, span, to} from "../router.js";
 import {spark} from "../spark.js";
 import {rowLink, table} from "../table.js";
 
@@ -70,8 +70,6 @@ function columns() {
     ];
 }
 
-const pick = (from, till) => (location.hash = to("transactions", {from, to: till}));
-
 function rateChart() {
     const series = CATEGORIES.map(
         (c) =>
@@ -81,7 +79,7 @@ function rateChart() {
         stacked: true,
         series,
         format: rate,
-        onPick: pick,
+        onPick: pickTime,
         label: ({summary}) => "Transactions a second over time, by category: " +
             CATEGORIES.map((c) => `${c.name} ${rate(summary[c.key])}`).join(", "),
     });
@@ -91,7 +89,7 @@ function durationChart() {
     return timeChart({
         title: "Average duration",
         format: ms,
-        onPick: pick,
+        onPick: pickTime,
         series: [{key: "averageMs", name: "Average", colour: "accent", href: () => to("transactions")}],
         label: ({summary}) => `Average duration over time: ${ms(summary.averageMs)} in all`,
     });
