@@ -273,6 +273,7 @@ void Session::advanceData() {
         settle();
     } else if (state == DataState::kSettling && nowMs_ >= dataDueMs_) {
         data_.backoff.reset();
+        inDoubt_ = false;
         sentAtMs_ = nowMs_;
         dataState_.store(DataState::kSending);
     }
@@ -286,7 +287,7 @@ void Session::advanceData() {
 
 // A newline is on its way: records may follow if the connection is still open a moment later.
 void Session::settle() {
-    dataDueMs_ = nowMs_ + kSettleMs;
+    dataDueMs_ = nowMs_ + (inDoubt_ ? kDoubtMs : kSettleMs);
     dataState_.store(DataState::kSettling);
 }
 
@@ -304,6 +305,7 @@ void Session::sendRecords() {
         const bool now = nowMs_ >= takeAtMs_ || queue_.pressed() || flushing_.load() || stopByMs_.load();
         if (!now) return;
         if (nowMs_ - sentAtMs_ >= kIdleMs) {
+            inDoubt_ = true;
             data_.out += '\n';
             settle();
             return;
@@ -339,6 +341,7 @@ void Session::loseData() {
     counters_.sentBytes.fetch_sub(batch_.at - batch_.recordAt);
     batch_.rewind();
     closeLink(data_, nowMs_);
+    inDoubt_ = true;
     dataState_.store(DataState::kNone);
 }
 

@@ -33,7 +33,10 @@ namespace vx::agent {
 inline constexpr std::int64_t kProbeMs = 20;       // from the data line to the newline behind it
 inline constexpr std::int64_t kSettleMs = 100;     // from there to the first record
 inline constexpr std::int64_t kFarewellMs = 1000;  // for the ends of WebSockets
-inline constexpr std::int64_t kIdleMs = 1000;
+inline constexpr std::int64_t kIdleMs = 1000;      // without records, before one is tried again
+// In place of kSettleMs where the proxy may have reason to close: behind such a pause, or a connection that
+// it closed. Long, for a proxy under load: what is sent before it closes is lost.
+inline constexpr std::int64_t kDoubtMs = 500;
 inline constexpr std::int64_t kLingerMs = 5;    // records gather for so long before they are sent
 inline constexpr std::size_t kSendMax = 32768;  // of one send; one segment on loopback
 
@@ -114,6 +117,7 @@ private:
     ws::WsPipes pipes_;  // the connections, unless they are plain
     Link control_, data_;
     StartIds ids_;
+    bool inDoubt_ = false;        // the proxy may be about to close the data connection
     std::int64_t sentAtMs_ = 0;   // the latest records, or when the data connection was ready for them
     std::int64_t dataDueMs_ = 0;  // when the data connection's present state has lasted long enough
     short controlEvents_ = 0, dataEvents_ = 0;
