@@ -40,7 +40,8 @@ struct Asked {
     const VXRuleRequest& request;
     const char* header;  // may be null
     VXRuleReading::Answer answer;
-    int winner;  // the line that the URL, query and method lead to
+    int winner;                    // number of the line that URL, query and method lead to; 0: none
+    const VXReadLine* winnerLine;  // null: none
 };
 
 std::string quoted(const std::string& text) {
@@ -140,10 +141,9 @@ bool hasHeader(const Pattern& line, const char* header) {
 // Several lines may ask for one id with different headers: the last one leads to the id, any of them names
 // it.
 int namingLine(const Asked& asked) {
-    const VXReadLine* at = lineAt(asked.reading, asked.winner);
-    if (!at) return 0;
-    const Pattern winner(*at);
-    if (!*winner.rule.header || !at->fault.empty()) return asked.winner;
+    if (!asked.winnerLine) return 0;
+    const Pattern winner(*asked.winnerLine);
+    if (!*winner.rule.header || !asked.winnerLine->fault.empty()) return asked.winner;
     if (asked.answer.id != winner.rule.id) return 0;
     if (hasHeader(winner, asked.header)) return asked.winner;
     for (const VXReadLine& line : asked.reading.lines()) {
@@ -166,11 +166,12 @@ VXLineReason patternReason(const Asked& asked, const VXReadLine& line, int namin
         return {VXLineVerdict::kFails, failReason(pattern, asked.request)};
     const bool asksHeader = *pattern.rule.header && line.fault.empty();
     if (asksHeader && !hasHeader(pattern, asked.header))
-        return {VXLineVerdict::kFails, "the request does not have the header " + quoted(pattern.rule.header) +
-                                           ", so that it is \"Others\""};
-    const VXReadLine* winner = lineAt(asked.reading, asked.winner);
-    if (!winner || winner->number == line.number) return {VXLineVerdict::kFails, "takes it, but names no BT"};
-    return {VXLineVerdict::kOutdone, outdoneReason(pattern, Pattern(*winner))};
+        return {VXLineVerdict::kFails,
+                "the request does not have the header " + quoted(pattern.rule.header) +
+                    (naming == 0 && line.number == asked.winner ? ", so that it is \"Others\"" : "")};
+    if (!asked.winnerLine || asked.winner == line.number)
+        return {VXLineVerdict::kFails, "takes it, but names no BT"};
+    return {VXLineVerdict::kOutdone, outdoneReason(pattern, Pattern(*asked.winnerLine))};
 }
 
 // What keeps one keyword from counting; empty: it counts.
@@ -207,9 +208,8 @@ VXLineReason customReason(const Asked& asked, const VXReadLine& line) {
         const std::string fault = keywordFault(*alone, i, asked.request.url);
         if (fault.empty()) {
             const auto winner = std::make_unique<VXBTCustomeRule>();
-            const VXReadLine* at = lineAt(asked.reading, asked.winner);
-            const bool higher =
-                at && asked.reading.customsOf(*at, *winner) && winner->priority > alone->priority;
+            const bool higher = asked.winnerLine && asked.reading.customsOf(*asked.winnerLine, *winner) &&
+                                winner->priority > alone->priority;
             return {VXLineVerdict::kOutdone,
                     lineWords(asked.winner) +
                         (higher ? " has a higher priority" : " has the same priority and comes later")};
@@ -257,7 +257,9 @@ std::string whyOf(const Asked& asked, int naming) {
 }  // namespace
 
 VXExplanation vxExplainRequest(VXRuleReading& reading, const VXRuleRequest& request, const char* header) {
-    const Asked asked{reading, request, header, reading.classify(request, header), reading.lineOf(request)};
+    const int winner = reading.lineOf(request);
+    const Asked asked{
+        reading, request, header, reading.classify(request, header), winner, lineAt(reading, winner)};
     const int naming = reading.deciding() == VXRulesDeciding::kPatterns ? namingLine(asked) : asked.winner;
     VXExplanation out{asked.answer, naming, whyOf(asked, naming), {}};
     for (const VXReadLine& line : reading.lines()) out.lines.push_back(reasonOf(asked, line, naming));
