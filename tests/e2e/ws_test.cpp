@@ -114,5 +114,22 @@ TEST_F(WebSocketsBehind, PassAnNginxThatEndsTls) {
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
 }
 
+// The collector's order decides, safest first, and all connections follow; here with the bare form of the
+// path.
+TEST_F(WebSocketsBehind, AnInstanceMovesToWhatACollectorOffersThatListensForSeveral) {
+    const TestCertificate own;
+    const int wss = freePort();
+    startCollector({"--wss", std::to_string(wss), "--cert", own.certificate, "--key", own.key});
+    serviceWay = "TCP:" + std::to_string(collectorPort) + ",WSS";
+    collectorRelayPort = wss;
+    startService("vxRawWsPath=1\n");
+    deliver(100);
+    EXPECT_TRUE(
+        collector->outputHolds("control connection of Tier/host7/shop/raw (instance 1) connected", 2));
+    EXPECT_EQ(summaryOfStreams().transactions, delivered);
+    for (const char* kind : {"Control", "Data", "AutoSensor"})
+        EXPECT_NE(traceText().find(kind + std::string(" Protcol:WSS")), std::string::npos) << kind;
+}
+
 }  // namespace
 }  // namespace vx::test
