@@ -6,7 +6,9 @@ namespace vx::collector {
 
 InstanceState& Runs::of(const std::string& identity) {
     InstanceState& instance = instances_[identity];
+    if (!instance.name.empty()) return instance;
     instance.name = identity;
+    if (intake_) intake_->recall(instance, now_);
     return instance;
 }
 

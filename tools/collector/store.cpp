@@ -2,6 +2,13 @@
 
 namespace vx::collector {
 
+namespace {
+
+constexpr std::size_t kMostNames = 200'000;  // remembered from former times
+constexpr int kNamesMs = 20'000;
+
+}  // namespace
+
 Store::~Store() {
     if (writer_) finish();
 }
@@ -14,7 +21,18 @@ void Store::finish() {
 bool Store::openFile(const std::string& path, const Retention& retention, std::string& error) {
     auto sink = std::make_unique<SqliteSink>();
     if (!sink->open(path, retention, error)) return false;
-    intake_.emplace(queue_, sink->nextId());
+    const std::int64_t nextId = sink->nextId();
+    StoreQuery query;
+    if (query.openFile(path, kNamesMs)) return begin(std::move(sink), nextId, query);
+    error = query.error();
+    return false;
+}
+
+bool Store::begin(std::unique_ptr<StoreSink> sink, std::int64_t nextId, StoreQuery& query) {
+    std::vector<StoredName> names;
+    query.names(kMostNames, names);
+    intake_.emplace(queue_, nextId);
+    intake_->remember(std::move(names));
     writer_ = std::make_unique<StoreWriter>(queue_, std::move(sink));
     return true;
 }
@@ -28,9 +46,11 @@ bool Store::openClickHouse(const std::string& url, int collector, double keepDay
     }
     if (!sink->open(address, collector, keepDays, error)) return false;
     kind_ = "clickhouse";
-    intake_.emplace(queue_, sink->nextId());
-    writer_ = std::make_unique<StoreWriter>(queue_, std::move(sink));
-    return true;
+    const std::int64_t nextId = sink->nextId();
+    StoreQuery query;
+    if (query.openClickHouse(url, kNamesMs)) return begin(std::move(sink), nextId, query);
+    error = query.error();
+    return false;
 }
 
 StoreStatus Store::status() const {

@@ -11,6 +11,7 @@
 
 #include "tools/collector/store_clickhouse.h"
 #include "tools/collector/store_intake.h"
+#include "tools/collector/store_query.h"
 #include "tools/collector/store_sqlite.h"
 #include "tools/collector/store_writer.h"
 
@@ -43,6 +44,8 @@ public:
     StoreStatus status() const;
 
 private:
+    bool begin(std::unique_ptr<StoreSink> sink, std::int64_t nextId, StoreQuery& query);
+
     const char* kind_ = "sqlite";
     StoreQueue queue_;
     std::optional<StoreIntake> intake_;

@@ -27,6 +27,10 @@ std::size_t textBytes(const TransactionRow& row) {
            row.callerSpan.size();
 }
 
+std::uint64_t nameKey(std::int64_t kind, std::int64_t id) {
+    return static_cast<std::uint64_t>(kind) << 32 | static_cast<std::uint64_t>(id);
+}
+
 // Names of the instance as they are now.
 NameLookup lookupOf(const InstanceState& instance) {
     return [&instance](NameKind kind, std::int64_t id) {
@@ -61,6 +65,27 @@ StoreIntake::Feed& StoreIntake::feedOf(const std::string& name, std::int64_t now
     feed.row.firstAt = feed.row.lastAt = now;
     feed.link.instance = feed.row.instance;
     return feed;
+}
+
+void StoreIntake::remember(std::vector<StoredName> names) {
+    for (StoredName& name : names) remembered_[name.instance].push_back(std::move(name));
+}
+
+void StoreIntake::recall(InstanceState& instance, std::int64_t now) {
+    const auto found = remembered_.find(instanceKey(instance.name));
+    if (found == remembered_.end()) return;
+    Feed& feed = feedOf(instance.name, now);
+    for (const StoredName& name : found->second) {
+        const auto kind = static_cast<NameKind>(name.kind);
+        const std::int64_t part = name.kind - static_cast<std::int64_t>(NameKind::kExceptionClass);
+        if (kind == NameKind::kBt) instance.bts[name.id] = name.name;
+        if (kind == NameKind::kMethod) instance.methods[name.id] = name.name;
+        if (kind == NameKind::kHeader) instance.headers[name.id] = name.name;
+        if (part >= 0 && part < static_cast<std::int64_t>(instance.exceptionParts.size()))
+            instance.exceptionParts[static_cast<std::size_t>(part)][name.id] = name.name;
+        feed.names[nameKey(name.kind, name.id)] = std::hash<std::string_view>()(name.name);
+    }
+    remembered_.erase(found);
 }
 
 // The figures of the current interval.
@@ -168,10 +193,10 @@ void StoreIntake::name(int number, std::string_view rest, Feed& feed) {
     if (!readNumber(number == 5 ? behind : before, id) || id < 0 || id > kMaxId) return;
     const std::string_view text = number == 5 ? before : behind;
     const std::size_t hash = std::hash<std::string_view>()(text);
-    const auto key = static_cast<std::uint64_t>(number) << 32 | static_cast<std::uint64_t>(id);
+
     // Names go with their instance: the store has to know it first.
     if (feed.names.empty()) batch_.instances.push_back(feed.row);
-    const auto [known, added] = feed.names.try_emplace(key, hash);
+    const auto [known, added] = feed.names.try_emplace(nameKey(number, id), hash);
     if (!added && known->second == hash) return;
     known->second = hash;
     batch_.names.push_back({feed.row.instance, number, id, nextId_, std::string(text)});

@@ -45,6 +45,10 @@ public:
     // `nextId` is greater than every id that the store has.
     StoreIntake(StoreQueue& queue, std::int64_t nextId) : queue_(queue), nextId_(nextId) {}
 
+    // Names that the store has of former times: an instance that goes on does not tell them again.
+    void remember(std::vector<StoredName> names);
+    // Gives an instance that is new here what is remembered of it.
+    void recall(InstanceState& instance, std::int64_t now);
     // A connection of that kind begins or ends.
     void opened(StreamKind kind, const Identity& identity, std::int64_t now);
     void closed(StreamKind kind, const Identity& identity, std::int64_t now);
@@ -110,6 +114,7 @@ private:
     std::int64_t nextId_;
     std::int64_t epochMs_ = 1'388'534'400'000;  // start of 2014 in UTC: what instances begin with
     std::map<std::string, Feed, std::less<>> feeds_;
+    std::unordered_map<std::int64_t, std::vector<StoredName>> remembered_;  // by instance
     std::list<std::pair<Feed*, std::int64_t>> ages_;  // transactions in flight, oldest first
     std::size_t openBytes_ = 0;
     StoreSums sums_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <tuple>
 #include <unordered_map>
 
@@ -245,6 +246,22 @@ Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::vector<Lin
         },
         answer);
     if (answer == Answered::kOk && out.size() == kMostRows) answer = Answered::kCut;
+    return answer;
+}
+
+Answered StoreQuery::names(std::size_t most, std::vector<StoredName>& out) {
+    out.clear();
+    Answered answer = Answered::kOk;
+    std::set<std::tuple<std::int64_t, std::int64_t, std::int64_t>> seen;
+    Sql sql("SELECT instance, kind, id, since, name FROM names ORDER BY since DESC LIMIT ?");
+    sql.add("", static_cast<std::int64_t>(most));
+    ask(
+        sql,
+        [&](const ResultRow& row) {
+            if (seen.emplace(row.number(0), row.number(1), row.number(2)).second)
+                out.push_back({row.number(0), row.number(1), row.number(2), row.number(3), row.text(4)});
+        },
+        answer);
     return answer;
 }
 

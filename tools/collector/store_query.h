@@ -161,6 +161,8 @@ public:
     Answered instances(std::vector<InstanceRow>& out);
     // Oldest first; of one instance, or of all (0).
     Answered links(TimeSpan span, std::int64_t instance, std::vector<LinkRow>& out);
+    // The names in force now, of all instances: at most `most`, the latest.
+    Answered names(std::size_t most, std::vector<StoredName>& out);
     // The latest, latest first.
     Answered requests(std::size_t most, std::vector<RequestRow>& out);
 

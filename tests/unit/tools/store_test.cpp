@@ -291,6 +291,23 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
     EXPECT_EQ(rows.at(0).flowpath, 100 + 19'999) << "the youngest stay";
 }
 
+TEST_P(AnyStore, RemembersNamesThatAnInstanceWhichGoesOnDoesNotTellAgain) {
+    open();
+    for (const char* line : {"7,2,Pay", "5,DB_orders,9", "5,DB_stock,9"}) take(line);
+    close();
+    runs = Runs();
+    open();
+    take("5,DB_stock,9");
+    transaction(1, 1000, 40, 10, "T1:9:2.500:10:-:0::::200_");
+    close();
+    Backends backends;
+    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk) << query.error();
+    EXPECT_EQ(backends.rows.at(0).name, "DB_stock");
+    std::vector<StoredName> names;
+    ASSERT_EQ(query.names(100, names), Answered::kOk);
+    EXPECT_EQ(names.size(), 2U) << "the former name of an id is not in force";
+}
+
 TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
     constexpr std::int64_t kSent = 40'000;
     open();
