@@ -8,7 +8,7 @@ InstanceState& Runs::of(const std::string& identity) {
     InstanceState& instance = instances_[identity];
     if (!instance.name.empty()) return instance;
     instance.name = identity;
-    if (intake_) intake_->recall(instance, now_);
+    if (intake_) intake_->recall(instance);
     return instance;
 }
 

@@ -55,6 +55,8 @@ NameLookup lookupOf(const InstanceState& instance) {
 StoreIntake::Feed& StoreIntake::feedOf(const std::string& name, std::int64_t now) {
     const auto found = feeds_.find(name);
     if (found != feeds_.end()) {
+        // After a long silence the store may have given its names up.
+        if (now > found->second.row.lastAt + kOpenFor) found->second.names.clear();
         found->second.row.lastAt = now;
         return found->second;
     }
@@ -71,10 +73,9 @@ void StoreIntake::remember(std::vector<StoredName> names) {
     for (StoredName& name : names) remembered_[name.instance].push_back(std::move(name));
 }
 
-void StoreIntake::recall(InstanceState& instance, std::int64_t now) {
+void StoreIntake::recall(InstanceState& instance) {
     const auto found = remembered_.find(instanceKey(instance.name));
     if (found == remembered_.end()) return;
-    Feed& feed = feedOf(instance.name, now);
     for (const StoredName& name : found->second) {
         const auto kind = static_cast<NameKind>(name.kind);
         const std::int64_t part = name.kind - static_cast<std::int64_t>(NameKind::kExceptionClass);
@@ -83,7 +84,6 @@ void StoreIntake::recall(InstanceState& instance, std::int64_t now) {
         if (kind == NameKind::kHeader) instance.headers[name.id] = name.name;
         if (part >= 0 && part < static_cast<std::int64_t>(instance.exceptionParts.size()))
             instance.exceptionParts[static_cast<std::size_t>(part)][name.id] = name.name;
-        feed.names[nameKey(name.kind, name.id)] = std::hash<std::string_view>()(name.name);
     }
     remembered_.erase(found);
 }

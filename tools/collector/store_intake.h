@@ -48,7 +48,7 @@ public:
     // Names that the store has of former times: an instance that goes on does not tell them again.
     void remember(std::vector<StoredName> names);
     // Gives an instance that is new here what is remembered of it.
-    void recall(InstanceState& instance, std::int64_t now);
+    void recall(InstanceState& instance);
     // A connection of that kind begins or ends.
     void opened(StreamKind kind, const Identity& identity, std::int64_t now);
     void closed(StreamKind kind, const Identity& identity, std::int64_t now);

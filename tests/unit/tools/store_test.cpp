@@ -7,6 +7,7 @@
 #include <csignal>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <utility>
 
 #include "tests/support/click_house.h"
@@ -84,6 +85,22 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, AnyStore, testing::Values("file", "clickhouse"),
                          [](const auto& kind) { return std::string(kind.param); });
+
+TEST(StoreSchema, IsWhatItsDocumentSays) {
+    std::string columns;
+    for (int id = 0; id < kTables; ++id) {
+        const Table& table = tableOf(static_cast<TableId>(id));
+        columns += table.name;
+        for (const Column& column : table.columns) columns.append(" ").append(column.name);
+        columns += " ";
+    }
+    const std::string page = test::fileText(VX_SOURCE_DIR "/docs/collector.md");
+    const std::size_t begin = page.find("    transactions  id");
+    std::istringstream words(page.substr(begin, page.find("\n\n", begin) - begin));
+    std::string told;
+    for (std::string word; words >> word;) told += word + " ";
+    EXPECT_EQ(told, columns);
+}
 
 TEST(StoreSums, PercentilesAreWithinTwoPercent) {
     for (std::int64_t ms = 0; ms < 5'000'000; ms += 1 + ms / 100) {
