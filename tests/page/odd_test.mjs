@@ -165,6 +165,9 @@ test("a rule is looked at before it is saved", async () => {
     assert.ok(await save.isDisabled());
     await page.locator(".editor").fill("7|Basket|2|0|/shop/cart|0\n");
     assert.ok(await save.isDisabled(), "not before the preview");
+    await page.locator("nav a", {hasText: "Link"}).click();
+    await page.locator("nav a", {hasText: "Rules"}).click();
+    await page.locator("text=Edited. Preview it first").waitFor();
     await page.getByRole("button", {name: "Preview"}).click();
     await page.locator("text=would move").waitFor();
     assert.ok((await page.locator(".moves").textContent()).includes(EVIL));

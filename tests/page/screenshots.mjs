@@ -15,6 +15,7 @@ async function shoot(
     await page.reload();
     await page.locator(wait).first().waitFor();
     await prepare?.();
+    await page.evaluate(() => scrollTo(0, 0));
     await page.waitForTimeout(2500);  // the next poll brings the rates of the frame
     await page.screenshot({path: join(out, `${name}.png`), fullPage});
 }

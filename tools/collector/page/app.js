@@ -37,8 +37,14 @@ const context = {
 let shown = null;     // { name, path, view, serial, busy, asked, took, error, loading: AbortController }
 let previous = null;  // the status before: rates are differences
 
+// What no view is called shows the overview.
+function viewName() {
+    const [name] = route().path;
+    return Object.hasOwn(VIEWS, name) ? name : "overview";
+}
+
 function drawNav() {
-    const name = VIEWS[route().path[0]]?.within ?? route().path[0];
+    const name = VIEWS[viewName()].within ?? viewName();
     replace(
         byId("nav"),
         Object.entries(VIEWS)
@@ -68,7 +74,7 @@ function drawLive(status) {
     const connected = status.instances.filter((i) => i.connected).length;
     const seconds = previous ? (status.now - previous.now) / 1000 : 0;
     const records = seconds > 0 && status.started === previous.started ?
-        `, ${rate(Math.max(0, status.records - previous.records) / seconds)} records` :
+        `, ${rate(Math.max(0, status.records - previous.records) / seconds, "records/s")}` :
         "";
     const text = connected === 1 ? "1 instance" : `${connected} instances`;
     const live = byId("live");
@@ -166,7 +172,7 @@ function open(name, path) {
 
 async function navigate(event) {
     const {path} = route();
-    const name = VIEWS[path[0]] ? path[0] : "overview";
+    const name = viewName();
     const same = shown?.name === name && shown.path === path.join("/");
     document.title = `${VIEWS[name].title} · VXProxy collector`;
     if (same && shown.view.route) {

@@ -15,9 +15,9 @@ function digits(n) {
     return n.toFixed(size >= 100 || size === 0 ? 0 : size >= 10 ? 1 : 2);
 }
 
-export function rate(n) {
+export function rate(n, unit = "/s") {
     if (nothing(n)) return "–";
-    return (n >= 1000 ? whole.format(n) : digits(n)) + " /s";
+    return `${n >= 1000 ? whole.format(n) : digits(n)} ${unit}`;
 }
 
 export function ms(n) {

@@ -11,6 +11,8 @@ const OUTCOMES = {
     mute: "No say"
 };
 
+let draft = null;  // an edit that was left unsaved when the view closed
+
 const nameOf = (bt) => bt ?? "(excluded)";
 
 function lineRow(number, text, word, title, reason) {
@@ -180,7 +182,8 @@ export function rules() {
     }
     async function fetchRules(signal) {
         const answer = await get("/api/rules", {}, signal);
-        if (!edited()) text.value = answer.text;
+        if (!edited()) text.value = draft ?? answer.text;
+        draft = null;
         held = answer;
         lead.textContent = answer.decidingWords;
         replace(
@@ -193,5 +196,6 @@ export function rules() {
         mark();
     }
     text.addEventListener("input", mark);
-    return {node, load: fetchRules, refresh: "never"};
+    const close = () => (draft = edited() ? text.value : null);
+    return {node, load: fetchRules, refresh: "never", close};
 }
