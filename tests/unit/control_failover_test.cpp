@@ -257,7 +257,6 @@ TEST_P(Failover, TheServiceEndpointHandsTheInstanceOver) {
     EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:"));
     EXPECT_NE(master.line.find(";authtoken=t9;"), std::string::npos) << master.line;
     EXPECT_NE(master.line.find(";connDestination=127.0.0.1:"), std::string::npos) << master.line;
-    EXPECT_EQ(app->control.retryAttempts, 0) << "a hand-over is no failure";
     master.relay.refuse(true);
     control.close();
     EXPECT_TRUE(backup.accept("zor_saas_auth_agent_msg_req:")) << "it may name another one now";
