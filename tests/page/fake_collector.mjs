@@ -149,7 +149,7 @@ function file(path, pageDir, uplotDir) {
     return known[path] ?? join(pageDir, path);
 }
 
-/** Serves the page's files and `table` on a free port: { server, url, asked: the addresses in their order }. */
+/** Serves the page's files and `table` on a free port: { server, url, asked: the addresses in their order, away: answers nobody }. */
 export async function fakeCollector(pageDir, modules, table) {
     const asked = [];
     const server = createServer((request, reply) => {
@@ -173,5 +173,7 @@ export async function fakeCollector(pageDir, modules, table) {
         });
     });
     await new Promise((done) => server.listen(0, "127.0.0.1", done));
-    return { server, asked, url: `http://127.0.0.1:${server.address().port}/` };
+    const fake = { server, asked, away: false, url: `http://127.0.0.1:${server.address().port}/` };
+    server.on("connection", (socket) => fake.away && socket.destroy());
+    return fake;
 }
