@@ -131,14 +131,19 @@ apr_socket_t* vxlb_create_client_con(const char* host, int port, apr_pool_t* poo
     return status == APR_SUCCESS ? socket : givenUp(socket, status, error);
 }
 
-apr_socket_t* create_socket_and_bind(int port, apr_pool_t* pool, char* error) {
+apr_socket_t* create_socket_and_bind(int port, apr_pool_t* parent, char* error) {
+    apr_pool_t* pool = nullptr;  // a failed attempt is repeated for as long as the port is taken
+    if (apr_pool_create(&pool, parent) != APR_SUCCESS) return givenUp(nullptr, APR_ENOPOOL, error);
     apr_socket_t* socket = nullptr;
     apr_sockaddr_t* address = nullptr;
     apr_status_t status = makeTcpSocket("0.0.0.0", port, pool, socket, address);
     if (status == APR_SUCCESS) status = apr_socket_opt_set(socket, APR_SO_REUSEADDR, 1);
     if (status == APR_SUCCESS) status = apr_socket_bind(socket, address);
     if (status == APR_SUCCESS) status = apr_socket_listen(socket, kBacklog);
-    return status == APR_SUCCESS ? socket : givenUp(socket, status, error);
+    if (status == APR_SUCCESS) return socket;
+    givenUp(socket, status, error);
+    apr_pool_destroy(pool);
+    return nullptr;
 }
 
 int vxlb_read_line(apr_socket_t* socket, char* buffer, int size, char** pendingPointer, int* pendingLength,

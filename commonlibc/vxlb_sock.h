@@ -28,8 +28,9 @@ inline constexpr int kSockFailed = -1, kSockFull = -1, kSockClosed = -2, kSockTi
 // bounded. Null with the text in `error`; a failed connect closes the socket.
 apr_socket_t* vxlb_create_client_con(const char* host, int port, apr_pool_t* pool, std::int64_t timeout,
                                      char* error);
-// Binds TCP on 0.0.0.0 with SO_REUSEADDR and listens. Null with the text in `error`.
-apr_socket_t* create_socket_and_bind(int port, apr_pool_t* pool, char* error);
+// Binds TCP on 0.0.0.0 with SO_REUSEADDR and listens; the socket has a pool of its own below `parent`. Null,
+// with nothing left over, and the text in `error`.
+apr_socket_t* create_socket_and_bind(int port, apr_pool_t* parent, char* error);
 
 // Reads up to a newline into `buffer` of `size` bytes (1024 by rule); a pending partial line is moved to
 // its start first and cleared. The bytes held (they may lie past the newline), or a code.

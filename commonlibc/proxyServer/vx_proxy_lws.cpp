@@ -91,7 +91,8 @@ void turn() {
 void endServer() {
     vxSetAgentWsContext(nullptr);  // nobody wakes it any more
     vxEndLwsContext(std::exchange(server.context, nullptr));
-    if (VXProxy.listenSocket) apr_socket_close(std::exchange(VXProxy.listenSocket, nullptr));
+    if (apr_socket_t* socket = std::exchange(VXProxy.listenSocket, nullptr))
+        apr_pool_destroy(apr_socket_pool_get(socket));  // its own, and closes it
 }
 
 int giveUp() {
