@@ -224,10 +224,11 @@ int vxServeWebSocket(VXAgentWs& wsi) {
     return -1;
 }
 
-bool vxCarriesRecords(const VXAgentWs& wsi) {
+bool vxIsStream(const VXAgentWs& wsi) {
     if (!wsi.address || !namesRecord(*wsi.address)) return false;
     const processInfo_t& process = *processAt(*instanceAt(wsi.address->appIndex), wsi.address->procIndex);
-    return process.dataWs.load(std::memory_order_relaxed) == &wsi;
+    const VXConnection kind = vxConnectionOf(process, nullptr, &wsi);
+    return kind == VXConnection::kData || kind == VXConnection::kDiscovery;
 }
 
 void vxWebSocketGone(VXAgentWs& wsi) {

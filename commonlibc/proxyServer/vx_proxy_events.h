@@ -17,10 +17,10 @@ namespace vx {
 void vxServeConnection(const apr_pollfd_t& event, int index, int count);
 
 // The same for a WebSocket that has registered: reads what it has handed over (`in`), the lines of a message
-// or bytes of the record stream. 0, or -1 when it is closed.
+// or bytes of a stream. 0, or -1 when it is closed.
 int vxServeWebSocket(VXAgentWs& wsi);
-// True when it carries the record stream.
-bool vxCarriesRecords(const VXAgentWs& wsi);
+// True when its messages are pieces of a stream, of records or of a list of classes.
+bool vxIsStream(const VXAgentWs& wsi);
 // It has gone, or is to go, with what hangs on it.
 void vxWebSocketGone(VXAgentWs& wsi);
 

@@ -70,7 +70,7 @@ int takePart(VXAgentWs& record, const char* in, std::size_t length, bool last) {
 int onReceive(lws* wsi, VXAgentWs& record, const char* in, std::size_t length) {
     if (record.closing) return -1;
     lws_validity_confirmed(wsi);
-    if (vxCarriesRecords(record)) return handOver(record, in, length);
+    if (vxIsStream(record)) return handOver(record, in, length);
     const bool last = lws_is_final_fragment(wsi) && lws_remaining_packet_payload(wsi) == 0;
     const int result = takePart(record, in, length, last);
     // Who asks for file upon file is not asked what next before he has taken some.
@@ -81,6 +81,7 @@ int onReceive(lws* wsi, VXAgentWs& record, const char* in, std::size_t length) {
 int onWriteable(lws* wsi, VXAgentWs& record) {
     VX_TRACE(4, kControlThread, kInfo, "writable");
     if (record.closing) return -1;
+    if (!record.waiting) return 0;  // the library's turn, behind the answer to a ping: other times run on
     const int waits = vxWriteAgentWs(record);
     if (waits < 0) return -1;
     record.waiting = waits > 0;

@@ -3,8 +3,8 @@
 //     ESTABLISHED -> messages of lines, whole -> registered -> lines, or bytes of the record stream -> CLOSED
 //
 // A message of lines is handled when it is whole, in whatever parts it comes; a line does not go on in the
-// next message. What comes on a data connection is a stream: its messages are not told apart. What waits for
-// an agent goes out at WRITEABLE.
+// next message. What comes on a data or a discovery connection is a stream: its messages are not told apart.
+// What waits for an agent goes out at WRITEABLE.
 //
 // Limits    A message of lines has at most kMaxMessage bytes. A connection that has not registered after
 //           kUnknownSeconds is closed, and so is one that takes nothing of what waits for kSlowSeconds.

@@ -11,6 +11,7 @@
 
 #include "commonlibc/VXAgentLine.h"
 #include "commonlibc/VXAgentWs.h"
+#include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/listener_fixture.h"
@@ -66,6 +67,14 @@ TEST_F(WebSocketListener, ServesAProcessFromItsRegistrationToItsEnd) {
     EXPECT_EQ(agent.read(), "\nsecond\xFF\n");
     EXPECT_EQ(agent.opcode, kWsBinary) << "peers close on text that is no UTF-8";
     relay.join();
+
+    WsPeer classes(port);
+    classes.send(line("agent_post_data_req:", 2));
+    std::string list;
+    while (list.size() < 3 * kMaxMessage) list += std::string(5000, 'c') + "\n";
+    classes.send(list);
+    classes.send("are you there", kWsPing);
+    EXPECT_EQ(classes.read(), "are you there") << "a list of classes comes in a message of any length";
 
     WsPeer data(port), early(port), again = process(2);
     EXPECT_EQ(again.read(), reply(1)) << "the process has come back: its place is the same";
