@@ -12,7 +12,7 @@ namespace vx {
 namespace {
 
 constexpr std::int64_t kConnectTimeUs = 20000000, kDiscoveryConnectTimeUs = 3000000;
-constexpr std::int64_t kSendTimeUs = 10000000, kDataSendTimeUs = 60000000, kDiscoverySendTimeUs = 2000000;
+constexpr std::int64_t kSendTimeUs = 10000000, kDataSendTimeUs = 60000000;
 
 bool serviceStops() {
     return proxyStopFlag.load(std::memory_order_acquire) != 0;
@@ -67,7 +67,7 @@ constexpr Kind kData{"Data", "data", dataHandle, false, false, kConnectTimeUs, k
 constexpr Kind kAutoSensor{"AutoSensor", "auto sensor", autoSensorHandle, false, false, kConnectTimeUs, kDataSendTimeUs, runStops, false};
 constexpr Kind kBulkData{"BulkData", "bulk data", bulkDataHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
 constexpr Kind kLog{"Log", "log", logHandle, false, false, kConnectTimeUs, kDataSendTimeUs, linkStops, false};
-constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, kDiscoverySendTimeUs, serviceStops, true};
+constexpr Kind kDiscovery{"Discovery", "discovery", discoveryHandle, false, false, kDiscoveryConnectTimeUs, 0, serviceStops, true};
 // clang-format on
 
 VXLwsConnection* held(const VXLwsHandle& handle) {
@@ -108,15 +108,19 @@ bool create(const Kind& kind, const char* host, int port) {
     return connection != nullptr;
 }
 
-int send(const Kind& kind, const char* data, std::int32_t length) {
+int send(const Kind& kind, const char* data, std::int32_t length, std::int64_t us) {
     VXLwsConnection* connection = held(kind.handle(*vxCurrent()));
     if (!connection) {
         VX_TRACE(1, kControlThread, kError, "%s connection is closed", kind.name);
         return 1;
     }
-    if (vxLwsSendAll(*connection, data, length, kind.sendTimeUs, kind.stop)) return 0;
+    if (vxLwsSendAll(*connection, data, length, us, kind.stop)) return 0;
     VX_TRACE(1, kControlThread, kError, "error: failed to send data on %s connection", kind.name);
     return 1;
+}
+
+int send(const Kind& kind, const char* data, std::int32_t length) {
+    return send(kind, data, length, kind.sendTimeUs);
 }
 
 }  // namespace
@@ -155,8 +159,8 @@ int send_bulk_data_via_lws_socket(const char* data, std::int32_t length) {
 int send_log_data_via_lws_socket(const char* data, std::int32_t length) {
     return send(kLog, data, length);
 }
-int send_discovery_data_via_lws_socket(const char* data, std::int32_t length) {
-    return send(kDiscovery, data, length);
+int send_discovery_data_via_lws_socket(const char* data, std::int32_t length, std::int64_t us) {
+    return send(kDiscovery, data, length, us);
 }
 
 void vxLwsEndHandle(VXLwsHandle& handle) {

@@ -5,8 +5,7 @@
 // its messages are and how long it may wait. A connection runs over the protocol of ActiveAgentProtocolIndex.
 //
 // Limits    Connecting takes at most 20 s (discovery: 3 s). A send of control that is not taken within 10 s
-// has
-//           failed, one of discovery within 2 s, of data within 60 s.
+//           has failed, one of data within 60 s, of discovery within the time given.
 // Threads   The owner of each kind: control thread, data thread, auto-sensor thread, listener (discovery).
 //           All on the current context.
 #pragma once
@@ -34,7 +33,8 @@ int send_data_via_lws_socket(const char* data, std::int32_t length);
 int send_as_data_via_lws_socket(const char* data, std::int32_t length);
 int send_bulk_data_via_lws_socket(const char* data, std::int32_t length);
 int send_log_data_via_lws_socket(const char* data, std::int32_t length);
-int send_discovery_data_via_lws_socket(const char* data, std::int32_t length);
+// The listener's, within the time that it may spend in waiting.
+int send_discovery_data_via_lws_socket(const char* data, std::int32_t length, std::int64_t us);
 
 // Ends the connection of a handle and clears it; an empty handle is passed over.
 void vxLwsEndHandle(VXLwsHandle& handle);

@@ -105,7 +105,7 @@ bool haveConnection(vxApplication& app) {
 // A message that is not taken ends the connection: what follows would be no line of its own.
 bool sendToCollector(vxApplication& app, const char* text, std::size_t length) {
     const bool sent = app.discovery.discoveryWsi.load(std::memory_order_acquire)
-                          ? send_discovery_data_via_lws_socket(text, static_cast<std::int32_t>(length)) == 0
+                          ? vxListenerSendDiscovery(text, length) == 0
                           : vxListenerSend(app.discovery.socket.get(), text, length) == 0;
     if (sent) return true;
     VX_TRACE(1, kControlThread, kError, "Discovery connection with VXC was lost, class list given up");

@@ -18,5 +18,8 @@ namespace vx {
 int vxListenerSend(processInfo_t& process, const char* data, std::size_t length);
 // On a connection that nobody else sends on.
 int vxListenerSend(apr_socket_t* socket, const char* data, std::size_t length);
+// On the current instance's discovery connection over libwebsockets. A message has a millisecond beside the
+// allowance: also what the system takes at once goes through turns of the library.
+int vxListenerSendDiscovery(const char* data, std::size_t length);
 
 }  // namespace vx

@@ -160,7 +160,11 @@ TEST_P(Lws, EachKindHasAConnectionOfItsOwnThatEndsWithItsOrder) {
         {create_lws_as_connection, send_as_data_via_lws_socket, app->autoSensor.asWsi},
         {create_lws_bulk_data_connection, send_bulk_data_via_lws_socket, app->lws.bulkDataWsi},
         {create_lws_log_connection, send_log_data_via_lws_socket, app->lws.logWsi},
-        {create_lws_discovery_connection, send_discovery_data_via_lws_socket, app->discovery.discoveryWsi},
+        {create_lws_discovery_connection,
+         [](const char* data, std::int32_t length) {
+             return send_discovery_data_via_lws_socket(data, length, 10000000);
+         },
+         app->discovery.discoveryWsi},
     };
     std::vector<FakePeer> peers;
     for (const auto& kind : kinds) {
