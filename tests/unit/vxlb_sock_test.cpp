@@ -122,7 +122,8 @@ TEST_F(Sockets, ConnectsFailWithATextAndInTime) {
     for (int i = 0; i < 20000; ++i)
         ASSERT_EQ(create_socket_and_bind(port, app->pool, error), nullptr) << "the port is taken";
     EXPECT_NE(std::string(error), "");
-    EXPECT_LT(residentKb(::getpid()) - before, 4096 + test::kSanitizerGrowthKb) << "it is tried for months";
+    EXPECT_LT(test::residentKb(::getpid()) - before, 4096 + test::kSanitizerGrowthKb)
+        << "it is tried for months";
     apr_socket_close(listener);
     EXPECT_EQ(vxlb_create_client_con("127.0.0.1", port, app->pool, -1, error), nullptr);
     EXPECT_NE(std::string(error).find("refused"), std::string::npos) << error;

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "commonlibc/VXCServerConfig.h"
+#include "commonlibc/control_outbox.h"
+#include "commonlibc/lws_handler.h"
 #include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/vxlb_sock.h"
@@ -117,6 +119,26 @@ TEST_F(Discovery, ACollectorThatNeverReadsCostsTwoSecondsAndTheListIsGivenUp) {
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
     EXPECT_TRUE(list.refused()) << "the agent learns it";
     EXPECT_FALSE(isOpen());
+}
+
+TEST_F(Discovery, OverLibwebsocketsTheTwoSecondsAreThoseOfAllLists) {
+    vxApplication& made = instance();
+    vxSetCurrent(&made);
+    made.control.lws_active = 1;
+    ASSERT_TRUE(create_lws_control_connection("127.0.0.1", collector.port()));
+    control = collector.accept();
+    vxOutboxOpenLws(made, *made.control.controlWsi);
+    const auto before = std::chrono::steady_clock::now();
+    const std::string piece(60000, 'c');
+    for (int lists = 0; lists < 15; ++lists) {
+        Agent list = discovery();
+        const FakePeer peer = collector.accept();
+        for (int i = 0; i < 300 && !list.refused(); ++i) say(list, piece);
+        EXPECT_TRUE(list.refused());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+    vxOutboxClose(made);
+    vxLwsEndHandle(made.control.controlWsi);
 }
 
 }  // namespace
