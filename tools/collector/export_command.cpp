@@ -169,8 +169,8 @@ bool exportTable(const ExportOptions& options, const Table& table, Database& dat
         if (hasTime(table)) sql.add(" AND at >= ?", options.span.from).add(" AND at < ?", options.span.to);
         if (paged) {
             sql.add(" AND " + first + " > ?", last);
-            sql.add(" AND " + first + " <= (SELECT max(x) FROM (SELECT " + first + " AS x FROM " +
-                    table.name);
+            sql.add(" AND ").add(first).add(" <= (SELECT max(x) FROM (SELECT ").add(first);
+            sql.add(" AS x FROM ").add(table.name);
             sql.add(" WHERE " + first + " > ?", last).add(" ORDER BY x LIMIT ?))", std::int64_t{kCsvPage});
         }
         sql.add(" ORDER BY " + first);
