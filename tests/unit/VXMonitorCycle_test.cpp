@@ -169,7 +169,7 @@ bool noteReport(const std::string& line, std::map<std::string, Counts>& sums) {
     const std::string id = line.substr(0, line.find(':')).substr(line.rfind('|', line.find(':')) + 1);
     const auto figures = fieldsOf(line.substr(line.rfind('|') + 1), ' ');
     Counts& counts = sums[id];
-    for (std::size_t i = 0; const std::size_t field : {4, 10, 14, 18, 22})
+    for (std::size_t i = 0; const std::size_t field : {4U, 10U, 14U, 18U, 22U})
         counts[i++] += std::stoll(figures[field]);
     return id == "0";
 }

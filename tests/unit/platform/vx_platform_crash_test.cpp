@@ -22,7 +22,7 @@ volatile bool vxCrashTestEnds = false;
     here[0] = static_cast<char>(*above + 1);
     return vxCrashTestOverflow(here) + here[0];
 }
-[[gnu::noinline, gnu::no_sanitize("undefined")]] void vxCrashTestWrite(int* nowhere) {
+__attribute__((noinline, no_sanitize("undefined"))) void vxCrashTestWrite(int* nowhere) {
     *static_cast<volatile int*>(nowhere) = 1;
 }
 [[gnu::noinline]] void vxCrashTestAbort() {

@@ -30,7 +30,7 @@ TEST_F(UdpIntake, AnswersOverItsSocketWhateverCameBeforeAndAfterANewStart) {
             send(introduced(VXWrapType::kPendingRuckus, "pay"));  // it opens its port
         while (answer(1) != "(none)") {
         }
-        for (const std::size_t size : {0, 1, 44}) send(std::string(size, '^'));
+        for (const std::size_t size : {0U, 1U, 44U}) send(std::string(size, '^'));
         send(wrapped(VXWrapType::kLogText, 0, std::string(60000 - 10000, 'x')));
         for (int i = 0; i < 50; ++i) send(wrapped(VXWrapType::kHeartbeat, 0));  // with four nodes
         for (int i = 0; i < 50; ++i) EXPECT_EQ(answer(20), "Heart Beat Received") << i;
