@@ -42,6 +42,8 @@ struct Pipe {
     bool stands = false;      // the WebSocket does
     bool localEnded = false;  // the program writes nothing more
     bool held = false;        // the WebSocket is not read
+    bool asked = false;       // by a ping behind the last byte whether all was read
+    bool answered = false;
     bool wholeLines = false;  // a message ends with a line
     bool within = false;      // a message has begun and not ended
     std::string out, in;      // waiting for the WebSocket, for the program
@@ -124,6 +126,8 @@ struct WsPipes::Inside {
     int writeLocal(Pipe& pipe);
     int readLocal(Pipe& pipe);
     int writeWs(Pipe& pipe);
+    static int endWs(Pipe& pipe);
+    int endWs(Pipe& pipe);
     void wsGone(Pipe& pipe);
     void localGone(Pipe& pipe);
 };
@@ -235,7 +239,7 @@ int WsPipes::Inside::accept(lws* wsi) {
 }
 
 int WsPipes::Inside::receive(Pipe& pipe, const void* in, std::size_t length) {
-    if (!pipe.local) return -1;
+    if (!pipe.local) return 0;  // nobody takes it; the time to leave is bounded
     pipe.in.append(static_cast<const char*>(in), length);
     return writeLocal(pipe);
 }
@@ -268,13 +272,22 @@ int WsPipes::Inside::readLocal(Pipe& pipe) {
     return 0;
 }
 
-// One frame a call; the library calls when what it had has gone to the system.
-int WsPipes::Inside::writeWs(Pipe& pipe) {
-    if (pipe.out.empty()) {
-        if (!pipe.localEnded) return 0;
+// Everything has gone to the system. The library does not wait for an answer to its close, so it is a ping
+// behind the last byte whose answer tells that the other host has read everything.
+int WsPipes::Inside::endWs(Pipe& pipe) {
+    if (pipe.answered) {
         lws_close_reason(pipe.ws, LWS_CLOSE_STATUS_NORMAL, nullptr, 0);
         return -1;
     }
+    if (std::exchange(pipe.asked, true)) return 0;
+    lws_set_timeout(pipe.ws, PENDING_TIMEOUT_USER_OK, kLeaveSeconds);
+    unsigned char block[LWS_PRE + 1];
+    return lws_write(pipe.ws, block + LWS_PRE, 0, LWS_WRITE_PING) < 0 ? -1 : 0;
+}
+
+// One frame a call; the library calls when what it had has gone to the system.
+int WsPipes::Inside::writeWs(Pipe& pipe) {
+    if (pipe.out.empty()) return pipe.localEnded ? endWs(pipe) : 0;
     unsigned char block[LWS_PRE + kWsPart];
     const std::size_t count = std::min(pipe.out.size(), kWsPart);
     std::memcpy(block + LWS_PRE, pipe.out.data(), count);
@@ -334,6 +347,11 @@ int WsPipes::Inside::wsCalls(lws* wsi, lws_callback_reasons reason, void* /*user
         case LWS_CALLBACK_SERVER_WRITEABLE:
         case LWS_CALLBACK_CLIENT_WRITEABLE:
             return of(wsi).writeWs(*pipe);
+        case LWS_CALLBACK_RECEIVE_PONG:
+        case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
+            pipe->answered = pipe->asked;
+            lws_callback_on_writable(wsi);
+            return 0;
         case LWS_CALLBACK_CLOSED:
         case LWS_CALLBACK_CLIENT_CLOSED:
         case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:

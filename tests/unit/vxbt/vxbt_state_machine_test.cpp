@@ -326,7 +326,8 @@ TEST(StateMachineProperty, QueriesAndMethodsAreFoundAsOneRuleAfterTheOtherWouldF
         const bool byQuery = dice.upTo(2) > 0;
         std::vector<Rule> rules;
         const auto parameter = [&] {
-            return dice.text("xy", 1, 2) + (dice.one(4) ? "" : "=" + dice.text("12", 1, 2));
+            const std::string name = dice.text("xy", 1, 2);  // one throw after the other, by any compiler
+            return name + (dice.one(4) ? "" : "=" + dice.text("12", 1, 2));
         };
         for (int id = 2, left = 1 + dice.upTo(7); left > 0; --left, ++id) {
             Rule rule{dice.text("/ab", 1, 3), dice.upTo(1), dice.one(6) ? -2 : id};
