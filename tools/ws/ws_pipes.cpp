@@ -127,7 +127,6 @@ struct WsPipes::Inside {
     int readLocal(Pipe& pipe);
     int writeWs(Pipe& pipe);
     static int endWs(Pipe& pipe);
-    int endWs(Pipe& pipe);
     void wsGone(Pipe& pipe);
     void localGone(Pipe& pipe);
 };
