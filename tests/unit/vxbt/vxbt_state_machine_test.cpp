@@ -296,13 +296,15 @@ struct Request {
 };
 
 // Among the rules of one URL and one parameter ("" for none): those that ask for the method first, then exact
-// before partial, then the one added last. Exact rules have URLs that end there.
+// before partial, then the one added last. Exact rules have URLs that end there. Of rules that end with the
+// "*" behind a parameter a partial one is an exact one, too, so that the last decides.
 int findOne(const std::vector<Rule>& rules, const Request& request, const std::string& parameter) {
     for (const bool withMethod : {true, false})
         for (const int matchType : {kExact, kPartial})
             for (auto rule = rules.rbegin(); rule != rules.rend(); ++rule)
-                if (rule->url == request.url && rule->query == parameter && rule->matchType == matchType &&
-                    !(matchType == kExact && request.goesOn) && rule->method.empty() != withMethod &&
+                if (rule->url == request.url && rule->query == parameter &&
+                    (rule->matchType == matchType || (!withMethod && !parameter.empty())) &&
+                    !(rule->matchType == kExact && request.goesOn) && rule->method.empty() != withMethod &&
                     (!withMethod || rule->method == request.method))
                     return rule->id;
     return -1;
