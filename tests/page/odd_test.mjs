@@ -4,12 +4,9 @@ import assert from "node:assert/strict";
 import {after, before, beforeEach, test} from "node:test";
 
 import {openBrowser, tooWide} from "./browser.mjs";
-import {answers, EVIL, fakeCollector} from "./fake_collector.mjs";
+import {answers, EVIL, fakeCollector, method, transaction} from "./fake_collector.mjs";
 
 const [pageDir, modules] = process.argv.slice(2);
-const VIEWS =
-    ["overview", "transactions", "transaction/812", "backends", "exceptions", "monitors", "link", "rules"];
-
 let browser, page, fake, table;
 
 before(async () => {
@@ -55,9 +52,9 @@ test("every view shows hostile texts as texts, in both widths and schemes", asyn
     for (const [width, colorScheme] of [[1280, "light"], [400, "dark"]]) {
         await page.setViewportSize({width, height: 900});
         await page.emulateMedia({colorScheme});
-        for (const view of VIEWS) {
+        for (const [view, wanted] of Object.entries(told)) {
             await show(view);
-            await page.locator(told[view]).first().waitFor();
+            await page.locator(wanted).first().waitFor();
             assert.equal(await tooWide(page), false, `${view} at ${width}`);
             if (view !== "rules") assert.ok((await page.locator("main").textContent()).includes(EVIL), view);
             assert.equal(await page.evaluate(() => document.documentElement.dataset.scheme), colorScheme);
@@ -67,15 +64,46 @@ test("every view shows hostile texts as texts, in both widths and schemes", asyn
     assert.deepEqual(browser.faults, []);
 });
 
-test("a collector that goes away is told, and is taken up again", async () => {
+test("a collector that goes away or cannot answer is told, and is taken up again", async () => {
     await show("overview");
     await page.locator("text=Cart").waitFor();
-    fake.away = true;
-    fake.server.closeAllConnections();
-    await page.locator("#gone", {hasText: "does not answer"}).waitFor();
-    assert.ok(await page.locator("text=Cart").isVisible(), "what was shown stays");
-    fake.away = false;
-    await page.locator("#gone").waitFor({state: "hidden"});
+    const overview = table["GET /api/overview"];
+    const faults = [
+        ["does not answer", () => (fake.away = true, fake.server.closeAllConnections())],
+        [
+            "The store is full.",
+            () => (table["GET /api/overview"] = () => ({fault: 503, error: "The store is full."}))
+        ],
+        ["answered 429", () => (table["GET /api/overview"] = () => ({fault: 429}))]
+    ];
+    for (const [told, begin] of faults) {
+        begin();
+        await page.locator("#gone", {hasText: told}).waitFor();
+        assert.ok(await page.locator("text=Cart").isVisible(), "what was shown stays");
+        fake.away = false;
+        table["GET /api/overview"] = overview;
+        await page.locator("#gone").waitFor({state: "hidden"});
+    }
+});
+
+test("a chart is read and its steps are opened by keys", async () => {
+    await show("overview?from=1760000000000&to=1760000600000");
+    const plot = page.locator(".plot").nth(1);
+    await page.locator(".plot canvas").nth(1).waitFor();
+    await plot.focus();
+    const pressed = async (key) => {
+        await plot.press(key);
+        return page.locator(".chart [role=status]").nth(1).textContent();
+    };
+    assert.match(await pressed("ArrowLeft"), /: Average 13 ms$/, "the last step");
+    assert.match(await pressed("ArrowLeft"), /: Average 12 ms$/);
+    assert.match(await pressed("Home"), /: Average 10 ms$/);
+    for (let step = 0; step < 5; step++) await plot.press("ArrowRight");
+    assert.match(await pressed("Shift"), /: Average none$/, "a step in which nothing ended");
+    assert.match(await page.locator(".chart .when").nth(1).textContent(), /:\d\d$/);
+    await plot.press("Enter");
+    await page.waitForURL(/transactions\?from=1760000050000&to=1760000060000$/);
+    assert.match(await page.inputValue("input[name=from]"), /^2025-10-09T/);
 });
 
 test("figures move while the focus stays", async () => {
@@ -135,7 +163,7 @@ test("filters stand in the address, older rows come below", async () => {
     await page.locator("text=No transaction in this time passes the filters.").waitFor();
 });
 
-test("a tree opens and closes by key; what is not there is said", async () => {
+test("a tree opens and closes by key, a long one bit by bit; what is not there is said", async () => {
     await show("transaction/812");
     const rows = page.locator("table.tree tbody tr");
     await rows.first().waitFor();
@@ -144,10 +172,18 @@ test("a tree opens and closes by key; what is not there is said", async () => {
     await page.keyboard.press("Enter");
     assert.equal(await rows.count(), 5, "the two below Price.all() are away");
     assert.equal(await page.evaluate(() => document.activeElement.getAttribute("aria-expanded")), "false");
+    const items = Array.from({length: 20000}, (_, i) => method(i ? 1 : 0, i - 1, `m${i}`, i, 1));
+    table["GET /api/transactions/"] = (p, body, id) => transaction(id, Date.now(), items);
+    await show("transaction/813");
+    await page.locator("text=Show 4,000 more").click();
+    assert.equal(await rows.count(), 4400);
+    await page.locator("button.knob").first().click();
+    assert.equal(await rows.count(), 1, "all are below the first");
+    table["GET /api/transactions/"] = answers()["GET /api/transactions/"];
     await show("transaction/0");
     await page.locator("text=This transaction is not in the store.").waitFor();
     table["GET /api/status"] = () => ({fault: 401, error: "no token"});
-    await page.waitForURL(/\/login$/);
+    await page.waitForURL(/\/login#\/transaction\/0$/);
 });
 
 test("a rule is looked at before it is saved", async () => {
@@ -155,7 +191,8 @@ test("a rule is looked at before it is saved", async () => {
     await page.fill("input[name=url]", "/shop/cart");
     await page.fill("textarea[name=headers]", "Shop: eu\nX: a: b");
     let body;
-    table["POST /api/rules/try"] = (p, given) => ((body = given), answers()["POST /api/rules/try"]());
+    const watch = (key, real = table[key]) => (table[key] = (p, given) => ((body = given), real(p, given)));
+    watch("POST /api/rules/try");
     await page.locator("text=Which rule names it?").click();
     await page.locator(".rule-lines .names", {hasText: "Names it"}).waitFor();
     assert.deepEqual(body, {url: "/shop/cart", method: "GET", query: "", headers: {Shop: "eu", X: "a: b"}});
@@ -170,10 +207,11 @@ test("a rule is looked at before it is saved", async () => {
     await page.getByRole("button", {name: "Preview"}).click();
     await page.locator("text=would move").waitFor();
     assert.ok((await page.locator(".moves").textContent()).includes(EVIL));
+    const real = table["POST /api/rules"];
     table["POST /api/rules"] = () => ({fault: 409, error: "The file has changed."});
     await save.click();
     await page.locator("[role=alert]", {hasText: "Somebody changed the rules"}).waitFor();
-    table["POST /api/rules"] = (p, given) => ((body = given), answers()["POST /api/rules"](p, given));
+    watch("POST /api/rules", real);
     await save.click();
     await page.locator("text=Saved and sent").waitFor();
     assert.deepEqual(body, {text: "7|Basket|2|0|/shop/cart|0\n", digest: "1"});

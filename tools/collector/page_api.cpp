@@ -13,11 +13,19 @@ constexpr std::string_view kTransactionPath = "/api/transactions/";
 constexpr const char* kLoginPage =
     "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>vxcollector: token</title>"
     "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
-    "<link rel=\"stylesheet\" href=\"/style.css\"></head><body class=\"login\"><main><h1>vxcollector</h1>%s"
-    "<form method=\"post\" action=\"/login\"><label for=\"token\">Token</label> "
+    "<meta name=\"color-scheme\" content=\"light dark\"><link rel=\"icon\" href=\"/icon.svg\">"
+    "<link rel=\"stylesheet\" href=\"/style.css\"><script src=\"/scheme.js\"></script></head>"
+    "<body class=\"login\"><main><h1>vxcollector</h1>%s"
+    // No action: it posts to its own address, with the fragment that says where the page goes on.
+    "<form method=\"post\"><label for=\"token\">Token</label> "
     "<input id=\"token\" name=\"token\" type=\"password\" autocomplete=\"current-password\" required "
     "autofocus> "
     "<button>Show the page</button></form></main></body></html>\n";
+
+// What the login form is drawn with.
+bool needsNoToken(std::string_view path) {
+    return path == "/style.css" || path == "/scheme.js" || path == "/icon.svg";
+}
 
 bool isJson(std::string_view contentType) {
     return contentType == "application/json" || contentType.starts_with("application/json;");
@@ -75,7 +83,7 @@ PageAnswer PageApi::answer(const PageRequest& request, std::int64_t now) {
     if (request.path == "/login") return login(request, now);
     const bool data = request.path.starts_with("/api/");
     if (!guard.allows(request, now)) {
-        if (request.path == "/style.css") return file(request);
+        if (needsNoToken(request.path) && !request.post) return file(request);
         return data || request.post ? pageFault(401, "a token is needed") : seeOther("/login");
     }
     if (request.path == "/logout")

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::int64_t kUsualSpanMs = 15 * 60 * 1000;
 constexpr std::int64_t kUsualSteps = 60;
+constexpr std::int64_t kLinkStepMs = 10000;  // in which the store keeps what came over a link
 constexpr std::array<const char*, kMonitoredKinds> kKinds = {"bt", "backend", "method", "exception"};
 
 void putCategories(JsonText& json, const Figures& figures) {
@@ -171,11 +172,14 @@ Answered askInstances(PageParameters&, StoreQuery& store, JsonText& json) {
 Answered askLinks(PageParameters& given, StoreQuery& store, JsonText& json) {
     const TimeSpan span = spanOf(given);
     const std::int64_t instance = given.number("instance", 0, 0, kMostKey);
+    const std::int64_t asked = given.number("step", kLinkStepMs, 1, kMostTime);
+    const std::int64_t step = (asked + kLinkStepMs - 1) / kLinkStepMs * kLinkStepMs;
     std::vector<LinkRow> rows;
     std::vector<RunComparison> comparisons;
     if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.links(span, instance, rows);
+    const Answered answered = store.links(span, instance, step, rows);
     if (answered == Answered::kFailed) return answered;
+    json.put("step", step);
     const Answered compared = store.comparisons(span, comparisons);
     const InstanceNames names(store);
     json.key("links").open('[');
@@ -265,7 +269,8 @@ PageAnswer viewStatus(const PageApi::Parts& parts, const PageRequest&) {
     for (const InstanceStatus& instance : status->instances) putInstance(json, instance);
     json.close().key("store");
     store ? putStore(json, *store) : void(json.item(nullptr));
-    json.key("rules").open('{').put("editable", parts.rules->editable()).close().close();
+    json.key("rules").open('{').put("editable", parts.rules->editable()).close();
+    json.put("token", !parts.guard->open()).close();
     return jsonAnswer(json);
 }
 

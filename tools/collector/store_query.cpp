@@ -224,15 +224,18 @@ Answered StoreQuery::instances(std::vector<InstanceRow>& out) {
     return answer;
 }
 
-Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::vector<LinkRow>& out) {
+Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::int64_t stepMs,
+                           std::vector<LinkRow>& out) {
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql(
-        "SELECT at, instance, sum(records), sum(monitor_records), sum(bytes), sum(unreadable), sum(dropped), "
-        "sum(incomplete), sum(connects), sum(disconnects) FROM links WHERE 1 = 1");
+        "SELECT at - at % ? AS bin, instance, sum(records), sum(monitor_records), sum(bytes), "
+        "sum(unreadable), sum(dropped), sum(incomplete), sum(connects), sum(disconnects) FROM links "
+        "WHERE 1 = 1");
+    sql.add("", stepMs);
     addSpan(sql, span);
     if (instance) sql.add(" AND instance = ?", instance);
-    sql.add(" GROUP BY at, instance ORDER BY at, instance LIMIT ?", static_cast<std::int64_t>(kMostRows));
+    sql.add(" GROUP BY bin, instance ORDER BY bin, instance LIMIT ?", static_cast<std::int64_t>(kMostRows));
     ask(
         sql,
         [&](const ResultRow& row) {

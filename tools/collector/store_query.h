@@ -159,8 +159,8 @@ public:
     Answered monitors(const SumsQuery& query, std::vector<MonitorRow>& out);
     Answered comparisons(TimeSpan span, std::vector<RunComparison>& out);
     Answered instances(std::vector<InstanceRow>& out);
-    // Oldest first; of one instance, or of all (0).
-    Answered links(TimeSpan span, std::int64_t instance, std::vector<LinkRow>& out);
+    // Oldest first, added up over steps of `stepMs` (a multiple of 10 s); of one instance, or of all (0).
+    Answered links(TimeSpan span, std::int64_t instance, std::int64_t stepMs, std::vector<LinkRow>& out);
     // The names in force now, of all instances: at most `most`, the latest.
     Answered names(std::size_t most, std::vector<StoredName>& out);
     // The latest, latest first.

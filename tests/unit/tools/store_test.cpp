@@ -355,7 +355,7 @@ TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
         last = rows.back().id;
     }
     std::vector<LinkRow> links;
-    ASSERT_EQ(query.links({}, 0, links), Answered::kOk);
+    ASSERT_EQ(query.links({}, 0, 10000, links), Answered::kOk);
     for (const LinkRow& link : links) told += link.dropped;
     EXPECT_EQ(stored + dropped, kSent);
     EXPECT_EQ(told, dropped);
@@ -451,7 +451,7 @@ TEST_F(StoreTest, ForgetsTransactionsWithoutAnEndAndCountsThem) {
     take("10,");
     close();
     std::vector<LinkRow> links;
-    ASSERT_EQ(query.links({}, 0, links), Answered::kOk);
+    ASSERT_EQ(query.links({}, 0, 10000, links), Answered::kOk);
     ASSERT_GE(links.size(), 1U);
     EXPECT_EQ(links[0].incomplete, 499);
     std::vector<TransactionRow> rows;

@@ -11,17 +11,22 @@ export class ApiError extends Error {
 }
 
 async function ask(path, options, signal) {
-    const limit = AbortSignal.timeout(PATIENCE_MS);
     const both = new AbortController();
-    for (const s of [limit, signal]) s?.addEventListener("abort", () => both.abort(s.reason), {once: true});
+    const end = () => both.abort(signal?.reason);
+    const limit = setTimeout(end, PATIENCE_MS);
+    signal?.addEventListener("abort", end);
     let reply;
     let body = {};
     try {
+        signal?.throwIfAborted();
         reply = await fetch(path, {...options, signal: both.signal, credentials: "same-origin"});
         if (reply.headers.get("content-type")?.startsWith("application/json")) body = await reply.json();
     } catch (error) {
         if (signal?.aborted) throw error;
         throw new ApiError("The collector does not answer.", 0);
+    } finally {  // a view's signal lives as long as the view: months of questions leave nothing on it
+        clearTimeout(limit);
+        signal?.removeEventListener("abort", end);
     }
     if (!reply.ok) throw new ApiError(body.error ?? `The collector answered ${reply.status}.`, reply.status);
     return body;

@@ -1,9 +1,9 @@
 // The frame around the views: which one shows, when it asks again, and what is said while the collector is
 // gone.
 import {get} from "./api.js";
-import {h, replace} from "./dom.js";
-import {rate, spanText} from "./format.js";
-import {changed, route, span, SPANS, to} from "./router.js";
+import {h, patch, replace} from "./dom.js";
+import {clock, rate, spanText} from "./format.js";
+import {changed, route, setNow, span, SPANS, to} from "./router.js";
 import {backends} from "./views/backends.js";
 import {exceptions} from "./views/exceptions.js";
 import {link} from "./views/link.js";
@@ -34,7 +34,8 @@ const main = byId("main");
 const context = {
     status: null
 };
-let shown = null;     // { name, path, view, serial, busy, asked, took, error, loading: AbortController }
+let shown = null;     // { name, path, view, serial, busy: questions under way, asked, took, error, loading:
+                      // AbortController }
 let previous = null;  // the status before: rates are differences
 
 // What no view is called shows the overview.
@@ -45,7 +46,7 @@ function viewName() {
 
 function drawNav() {
     const name = VIEWS[viewName()].within ?? viewName();
-    replace(
+    patch(
         byId("nav"),
         Object.entries(VIEWS)
             .filter(([, view]) => !view.within)
@@ -57,7 +58,8 @@ function drawSpan() {
     const now = span();
     const select = byId("span");
     const options = SPANS.map((s) => h("option", {value: s}, `Last ${spanText(s)}`));
-    if (!now.live) options.unshift(h("option", {value: "fixed"}, `${spanText(now.seconds)}, fixed`));
+    if (!now.live)
+        options.unshift(h("option", {value: "fixed"}, `${clock(now.from)}, ${spanText(now.seconds)}`));
     replace(select, options);
     select.value = now.live ? String(now.seconds) : "fixed";
 }
@@ -89,14 +91,15 @@ function drawLive(status) {
 
 // What stands between the reader and fresh figures, or nothing.
 function tell(error) {
-    if (error?.status === 401) location.assign("/login");
+    // The address goes along: behind the login, the page goes on there.
+    if (error?.status === 401) return location.assign("/login" + location.hash);
     const line = byId("gone");
-    line.hidden = !error;
-    if (!error) return;
-    line.textContent = error.status === 0 ?
+    const text = error?.status === 0 ?
         "The collector does not answer. What shows here is what it said last; the page goes on trying." :
-        error.message;
-    if (error.status === 0) {
+        error?.message ?? "";
+    if (line.textContent !== text) line.textContent = text;  // an alert is spoken whenever it is written
+    line.hidden = !error;
+    if (error?.status === 0) {
         byId("live").className = "live off";
         byId("live").dataset.text = "gone";
         replace(byId("live"), "no connection");
@@ -108,7 +111,7 @@ async function reload() {
     const mine = shown;
     const {signal} = mine.loading;
     const serial = context.status?.serial;
-    mine.busy = true;
+    mine.busy++;
     mine.asked = Date.now();
     try {
         await mine.view.load(signal);
@@ -120,7 +123,7 @@ async function reload() {
         else if (!signal.aborted)
             throw error;
     } finally {
-        mine.busy = false;
+        mine.busy--;
         mine.took = Date.now() - mine.asked;
     }
 }
@@ -136,13 +139,19 @@ function due() {
     return Date.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
 }
 
+async function askStatus() {
+    const status = await get("/api/status");
+    setNow(status.now);
+    previous = context.status;
+    context.status = status;
+    byId("logout").hidden = !status.token;
+    drawLive(status);
+}
+
 async function poll() {
     let error = null;
     try {
-        const status = await get("/api/status");
-        previous = context.status;
-        context.status = status;
-        drawLive(status);
+        await askStatus();
         if (due()) await reload();
     } catch (fault) {
         if (fault.status === undefined) throw fault;
@@ -160,7 +169,7 @@ function open(name, path) {
         path,
         view,
         serial: null,
-        busy: false,
+        busy: 0,
         asked: 0,
         took: 0,
         error: null,
@@ -189,10 +198,17 @@ async function navigate(event) {
     tell(shown.error);
 }
 
+let turning = false;
+let next = 0;  // timer
+
 // Turns follow each other; while nobody looks there are none.
 async function turn() {
-    if (!document.hidden) await poll().catch((error) => console.error(error));
-    setTimeout(turn, POLL_MS);
+    clearTimeout(next);
+    if (turning || document.hidden) return;
+    turning = true;
+    await poll().catch((error) => console.error(error));
+    turning = false;
+    next = setTimeout(turn, POLL_MS);
 }
 
 byId("span").addEventListener("change", (event) => {
@@ -201,13 +217,15 @@ byId("span").addEventListener("change", (event) => {
 });
 byId("scheme").addEventListener("click", () => window.turnScheme());
 document.addEventListener("schemechange", drawScheme);
-document.addEventListener(
-    "visibilitychange", () => document.hidden || poll().catch((error) => console.error(error)));
+document.addEventListener("visibilitychange", turn);
 document.querySelector(".skip").addEventListener("click", (event) => {
     event.preventDefault();
     main.focus();
 });
 addEventListener("hashchange", navigate);
 drawScheme();
+drawNav();
+drawSpan();
+await askStatus().catch(tell);  // whose clock the first view goes by
 navigate();
 turn();

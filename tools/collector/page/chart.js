@@ -1,5 +1,5 @@
 // Charts over time. The drawing is uPlot's; here are stacking, colours of the scheme, the readout and its
-// links.
+// links, and the keys: arrows go from step to step, Enter opens the transactions of one.
 import {colour} from "./category.js";
 import {h, replace} from "./dom.js";
 import {clock} from "./format.js";
@@ -7,6 +7,8 @@ import {clock} from "./format.js";
 const HEIGHT = 190;
 const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap(
     (power) => [1, 2, 5].map((n) => n * 10 ** power));  // steps of an axis of counts
+
+let charts = 0;  // made so far, for ids
 
 /**
  * @param options {
@@ -19,7 +21,19 @@ const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap(
 export function timeChart(options) {
     const drawn =
         options.stacked ? [...options.series].reverse() : options.series;  // tallest first, the rest over it
-    const canvas = h("div", {class: options.onPick ? "plot pick" : "plot", role: "img"});
+    const keysId = `chart-keys-${++charts}`;
+    const canvas = h("div", {
+        class: "plot",
+        role: "application",  // takes the arrows
+        "aria-roledescription": "chart",
+        "aria-describedby": keysId,
+        tabindex: 0,
+        onkeydown: keyed,
+        onblur: leave,
+        onpointermove: () => (chosen = null)
+    });
+    const keys = h("span", {class: "keys", id: keysId}, "← → go from step to step, Enter opens one");
+    const spoken = h("span", {class: "unseen", role: "status", "aria-live": "polite"});
     const when = h("span", {class: "when"});
     const entries = options.series.map((series) => {
         const value = h("b");
@@ -31,21 +45,74 @@ export function timeChart(options) {
         };
     });
     const node =
-        h("section", {class: "panel chart"}, h("header", {}, h("h2", {}, options.title), when),
-          h("div", {class: "legends"}, entries.map((entry) => entry.node)), canvas);
+        h("section", {class: "panel chart"}, h("header", {}, h("h2", {}, options.title), keys, when),
+          h("div", {class: "legends"}, entries.map((entry) => entry.node)), canvas, spoken);
     let plot = null;
     let last = null;
+    let chosen = null;  // ms: the step that keys have come to; it stays when others come behind it
 
-    function readout(index) {
+    const text = (figure) => (figure === undefined || figure === null ? "" : options.format(figure));
+
+    // The step that a time in seconds lies in.
+    function stepAt(seconds) {
+        const at = Math.floor((seconds * 1000 - last.times[0]) / last.step);
+        return Math.min(Math.max(at, 0), last.times.length - 1);
+    }
+
+    // The step under the pointer or come to by keys; null: none.
+    function looked() {
+        if (!plot || !last?.times.length || !(plot.cursor.left >= 0)) return null;
+        return stepAt(plot.posToVal(plot.cursor.left, "x"));
+    }
+
+    function readout() {
         if (!last) return;
-        const at = index ?? last.times.length - 1;
-        replace(when, index === null || index === undefined ? "" : clock(last.times[at]));
+        const at = looked();
+        replace(when, at === null ? "" : clock(last.times[at]));
         for (const {series, value, node: link} of entries) {
-            const figure = index === null || index === undefined ? last.summary?.[series.key] :
-                                                                   last.values[series.key][at];
-            value.textContent = figure === undefined || figure === null ? "" : options.format(figure);
+            value.textContent = text(at === null ? last.summary?.[series.key] : last.values[series.key][at]);
             if (series.href) link.href = series.href();
         }
+    }
+
+    function pointAt(time) {
+        const middle = (time + last.step / 2) / 1000;
+        plot.setCursor(time === null ? {left: -10, top: -10} : {left: plot.valToPos(middle, "x"), top: 0});
+    }
+
+    function leave() {
+        if (chosen === null) return;
+        chosen = null;
+        if (plot) pointAt(null);
+    }
+
+    function go(at) {
+        chosen = last.times[at];
+        pointAt(chosen);
+        const figures =
+            options.series.map(({key, name}) => `${name} ${text(last.values[key][at]) || "none"}`);
+        spoken.textContent = `${clock(chosen)}: ${figures.join(", ")}`;
+    }
+
+    function open(at) {
+        options.onPick(last.times[at], last.times[at] + last.step);
+    }
+
+    function keyed(event) {
+        if (!plot || !last?.times.length || event.ctrlKey || event.altKey || event.metaKey) return;
+        const end = last.times.length - 1;
+        const at = chosen === null ? null : stepAt(chosen / 1000);
+        const places = {
+            ArrowLeft: at === null ? end : Math.max(0, at - 1),
+            ArrowRight: at === null ? 0 : Math.min(end, at + 1),
+            Home: 0,
+            End: end
+        };
+        if (event.key === "Escape") return leave();
+        if (event.key === "Enter" && at !== null) return open(at);
+        if (!Object.hasOwn(places, event.key)) return;
+        event.preventDefault();
+        go(places[event.key]);
     }
 
     function columns({times, values}) {
@@ -91,10 +158,17 @@ export function timeChart(options) {
                 height: HEIGHT,
                 legend: {show: false},
                 padding: [8, 20, 0, 0],
-                cursor:
-                    {y: false, points: {show: !options.stacked}, drag: {x: true, y: false, setScale: false}},
+                cursor: {
+                    y: false,
+                    points: {show: !options.stacked},
+                    dataIdx: (u, series, nearest, seconds) => stepAt(seconds),
+                    drag: {x: true, y: false, setScale: false}
+                },
                 select: {show: true, left: 0, top: 0, width: 0, height: 0},
-                scales: {y: {range: (u, low, high) => [0, high > 0 ? high * 1.08 : 1]}},
+                scales: {
+                    x: {range: () => [last.times[0] / 1000, (last.times.at(-1) + last.step) / 1000]},
+                    y: {range: (u, low, high) => [0, high > 0 ? high * 1.08 : 1]}
+                },
                 axes: [
                     axis({space: 64, size: 24, values: (u, splits) => splits.map((t) => moment(t, u))}),
                     axis({
@@ -105,7 +179,7 @@ export function timeChart(options) {
                     })
                 ],
                 series: [{}, ...drawn.map(seriesOf)],
-                hooks: {setCursor: [(u) => readout(u.cursor.idx)], setSelect: [picked]},
+                hooks: {setCursor: [readout], setSelect: [picked]},
             },
             data, canvas);
     }
@@ -115,13 +189,13 @@ export function timeChart(options) {
         const [from, till] =
             [u.select.left, u.select.left + u.select.width].map((x) => u.posToVal(x, "x") * 1000);
         u.setSelect({left: 0, top: 0, width: 0, height: 0}, false);
-        options.onPick?.(Math.floor(from), Math.ceil(till));
+        options.onPick(Math.floor(from), Math.ceil(till));
     }
 
     // A click takes the step under it; a drag takes what it spans.
     canvas.addEventListener("click", () => {
-        const at = plot?.cursor.idx;
-        if (at !== null && at !== undefined) options.onPick?.(last.times[at], last.times[at] + last.step);
+        const at = looked();
+        if (at !== null) open(at);
     });
 
     function redraw() {
@@ -143,8 +217,9 @@ export function timeChart(options) {
                 redraw();
             else
                 plot.setData(columns(data));
-            canvas.setAttribute("aria-label", options.label(data));
-            readout(plot?.cursor.idx);
+            if (document.activeElement !== canvas) canvas.setAttribute("aria-label", options.label(data));
+            if (chosen !== null && plot) pointAt((chosen = last.times[stepAt(chosen / 1000)]));
+            readout();
         },
         close() {
             resized.disconnect();

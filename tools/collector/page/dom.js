@@ -38,3 +38,38 @@ export function replace(node, ...children) {
     append(node, children);
     return node;
 }
+
+// Makes `old` like `fresh`.
+function settle(old, fresh) {
+    if (old.isEqualNode(fresh)) return;
+    if (old.nodeName !== fresh.nodeName) return old.replaceWith(fresh);
+    if (old.nodeType === Node.TEXT_NODE) {
+        old.data = fresh.data;
+        return;
+    }
+    for (const {name} of [...old.attributes])
+        if (!fresh.hasAttribute(name)) old.removeAttribute(name);
+    for (const {name, value} of fresh.attributes)
+        if (name === "style")
+            old.style.cssText = value;  // the page's policy refuses it as an attribute
+        else if (old.getAttribute(name) !== value)
+            old.setAttribute(name, value);
+    match(old, fresh);
+}
+
+function match(old, fresh) {
+    const wanted = [...fresh.childNodes];
+    wanted.forEach((child, i) => (old.childNodes[i] ? settle(old.childNodes[i], child) : old.append(child)));
+    while (old.childNodes.length > wanted.length) old.lastChild.remove();
+}
+
+/**
+ * Like replace(), but touches only what differs: what has the focus, or is being selected, stays. For
+ * children without listeners.
+ */
+export function patch(node, ...children) {
+    const fresh = document.createDocumentFragment();
+    append(fresh, children);
+    match(node, fresh);
+    return node;
+}

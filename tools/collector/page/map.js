@@ -22,8 +22,12 @@ const toOf = (edge) => (edge.toKind === "backend" ? `backend:${edge.to}` : `inst
 // The calls that lead onwards: of those that would close a circle, the rarer ones point back.
 function onward(edges) {
     const next = new Map();
-    const reaches = (from, wanted) =>
-        from === wanted || (next.get(from) ?? []).some((id) => reaches(id, wanted));
+    const reaches = (from, wanted, seen = new Set()) => {
+        if (from === wanted) return true;
+        if (seen.has(from)) return false;
+        seen.add(from);
+        return (next.get(from) ?? []).some((id) => reaches(id, wanted, seen));
+    };
     return edges.filter((e) => {
         const [a, b] = [fromOf(e), toOf(e)];
         if (reaches(b, a)) return false;

@@ -3,6 +3,13 @@
 
 export const SPANS = [300, 900, 3600, 21600, 86400, 604800];
 const DEFAULT_SPAN = 900;
+let ahead = 0;  // ms by which the collector's clock is ahead of this machine's
+
+/** Tells what the collector's clock shows: times on the page are the collector's. */
+export function setNow(collectorMs) {
+    const off = collectorMs - Date.now();
+    ahead = Math.abs(off) > 2000 ? off : 0;  // less than that is the way of the answer
+}
 
 /** { path: ["transactions"], params: URLSearchParams } of the address that shows now. */
 export function route() {
@@ -24,7 +31,7 @@ export function span(params = route().params) {
     if (from > 0 && to > from) return {live: false, from, to, seconds: (to - from) / 1000};
     const wanted = Number(params.get("span"));
     const seconds = SPANS.includes(wanted) ? wanted : DEFAULT_SPAN;
-    const now = Date.now();
+    const now = Date.now() + ahead;
     return {live: true, from: now - seconds * 1000, to: now, seconds};
 }
 

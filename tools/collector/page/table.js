@@ -1,10 +1,11 @@
 // Tables that are kept up to date in place: a row that has not changed is not touched, so that focus,
 // selection and scroll positions stay. On narrow screens each row becomes a card (style.css), labelled by the
 // column's title.
-import {h, replace} from "./dom.js";
+import {h, patch} from "./dom.js";
 
 /**
- * @param columns [{ title, cell(row) -> text or node, num: right-aligned figure, sort(row) -> key, hint }]
+ * @param columns [{ title, cell(row) -> text or nodes without listeners, num: right-aligned figure, sort(row)
+ *     -> key, hint }]
  * @param options { label, key(row) -> identity, empty: text or node, sorted: index, descending }
  * @returns { node, update(rows) }
  */
@@ -31,10 +32,12 @@ export function table(columns, options) {
 
     const links = (tr) => [...tr.querySelectorAll("a, button")];
 
+    // The first cell is what the row is about.
     function cells(row) {
         return columns.map(
-            (column) =>
-                h("td", {
+            (column, i) =>
+                h(i ? "td" : "th", {
+                    scope: i === 0 && "row",
                     class: [column.num && "num", column.class].filter(Boolean).join(" ") || undefined,
                     "data-label": column.title
                 },
@@ -47,7 +50,7 @@ export function table(columns, options) {
         let entry = known.get(key);
         if (!entry) known.set(key, (entry = {tr: h("tr"), text: null}));
         if (entry.text !== text || options.always) {
-            replace(entry.tr, cells(row));
+            patch(entry.tr, cells(row));
             entry.text = text;
         }
         return [key, entry.tr];
@@ -61,7 +64,7 @@ export function table(columns, options) {
         return [...rows].sort((a, b) => sign * compare(sort(a), sort(b)));
     }
 
-    // The row that has the focus, and which of its links: a row that is moved or filled anew loses it.
+    // The row that has the focus, and which of its links: a row that is moved loses it.
     function focusNow() {
         const tr = body.contains(document.activeElement) && document.activeElement.closest("tr");
         return tr ? {tr, place: links(tr).indexOf(document.activeElement)} : null;

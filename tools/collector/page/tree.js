@@ -1,10 +1,11 @@
 // The call tree of a transaction with its time line. Items come in the order of their begin; what stands
 // behind an item with a greater depth belongs to it.
 import {h, replace} from "./dom.js";
-import {ms} from "./format.js";
+import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
-const FIRST = 400;  // rows shown before a reader asks for all
+const FIRST = 400;  // rows shown before a reader asks for more
+const MORE = 4000;  // rows that each asking adds
 
 // For each item the place behind its last descendant.
 function ends(items) {
@@ -56,57 +57,65 @@ export function callTree(t) {
     if (items.length === 0)
         return h("p", {class: "empty"}, "No calls were recorded: the transaction was not captured in full.");
     const end = ends(items);
-    const total =
-        Math.max(1, t.durationMs ?? 0, ...items.slice(0, 20000).map((i) => i.atMs + (i.durationMs ?? 0)));
+    const total = items.reduce(
+        (most, i) => Math.max(most, i.atMs + (i.durationMs ?? 0)), Math.max(1, t.durationMs ?? 0));
     const closed = new Set();
     const body = h("tbody");
     const rest = h("p", {class: "note"});
+    const made = new Map();  // place of an item -> its row
     let limit = FIRST;
 
-    function row(item, i) {
-        const parent = end[i] > i + 1;
+    // Opens or closes what is below an item.
+    function knobOf(item, i) {
+        const mark = () => {
+            knob.setAttribute("aria-expanded", String(!closed.has(i)));
+            knob.setAttribute("aria-label", `${closed.has(i) ? "Open" : "Close"} ${item.name}`);
+        };
         const turn = () => {
             if (!closed.delete(i)) closed.add(i);
+            mark();
             draw();
-            body.querySelector(`[data-item="${i}"]`)?.focus();
+            knob.focus();
         };
-        const knob = parent ? h("button", {
-            type: "button",
-            class: "knob",
-            "data-item": i,
-            "aria-expanded": String(!closed.has(i)),
-            "aria-label": `${closed.has(i) ? "Open" : "Close"} ${item.name}`,
-            onclick: turn
-        }) :
-                              h("span", {class: "knob"});
+        const knob = h("button", {type: "button", class: "knob", onclick: turn});
+        mark();
+        return knob;
+    }
+
+    function row(item, i) {
+        const knob = end[i] > i + 1 ? knobOf(item, i) : h("span", {class: "knob"});
+        const when = `at ${ms(item.atMs)}${item.open ? ", its end did not come" : ""}`;
         return h(
-            "tr", {class: `item-${item.kind}`, "aria-level": item.depth + 1},
-            h("td", {class: "call", style: {"--depth": Math.min(item.depth, 24)}}, knob, title(item)),
+            "tr", {class: `item-${item.kind}`},
+            h("td", {class: "call", style: {"--depth": Math.min(item.depth, 24)}}, knob,
+              h("span", {class: "unseen"}, `Level ${item.depth + 1}: `), title(item)),
             h("td", {class: "num"}, item.kind === "method" ? ms(item.selfMs) : ""),
             h("td", {class: "num"},
               item.kind === "exception" ? "" : [ms(item.durationMs), item.open && " …"]),
-            h("td", {class: "line", title: `at ${ms(item.atMs)}${item.open ? ", its end did not come" : ""}`},
-              bar(item, total)));
+            h("td", {class: "line", title: when, "aria-label": when}, bar(item, total)));
+    }
+
+    function rowAt(i) {
+        if (!made.has(i)) made.set(i, row(items[i], i));
+        return made.get(i);
     }
 
     function draw() {
         const rows = [];
         let i = 0;
         for (; i < items.length && rows.length < limit; i = closed.has(i) ? end[i] : i + 1)
-            rows.push(row(items[i], i));
-        replace(body, rows);
-        replace(
-            rest,
-            i < items.length &&
-                h("button", {
-                    type: "button",
-                    class: "button",
-                    onclick: () => {
-                        limit = Infinity;
-                        draw();
-                    }
-                },
-                  `Show all ${items.length} items`));
+            rows.push(rowAt(i));
+        body.replaceChildren(...rows);
+        const left = items.length - i;
+        const more = () => {
+            limit += MORE;
+            draw();
+        };
+        replace(rest, left > 0 && [
+            h("button", {type: "button", class: "button", onclick: more},
+              `Show ${count(Math.min(MORE, left))} more`),
+            ` of ${count(items.length)} calls`
+        ]);
     }
     draw();
     return h(

@@ -23,8 +23,8 @@ function card(e) {
               .map(
                   (b, i) =>
                       [i > 0 && ", ",
-                       h("a", {href: to("transactions", {exception: e.class, bt: b.bt})}, b.bt),
-                       ` ${count(b.count)}`]),
+                       h("a", {href: to("transactions", {exception: e.class, bt: b.bt})},
+                         `${b.bt} ${count(b.count)}`)]),
           e.bts.length > MOST_BTS && " and others"),
         e.lastStack.length > 0 &&
             h("details", {}, h("summary", {}, `Last stack, ${e.lastStack.length} lines`),
@@ -61,6 +61,9 @@ export function exceptions() {
         const name = [...cards].find(([, shown]) => shown.node.contains(focused))?.[0];
         const place = name === undefined ? -1 : focusable(cards.get(name).node).indexOf(focused);
         const nodes = data.exceptions.map(cardOf);
+        const there = new Set(data.exceptions.map((e) => e.class));
+        for (const old of cards.keys())
+            if (!there.has(old)) cards.delete(old);
         const same = nodes.length === list.children.length && nodes.every((n, i) => list.children[i] === n);
         if (same && nodes.length > 0) return;
         replace(list, nodes.length ? nodes : empty);

@@ -1,7 +1,7 @@
 // Who is connected, what came, what was lost.
 import {get} from "../api.js";
 import {timeChart} from "../chart.js";
-import {h, replace} from "../dom.js";
+import {h, patch} from "../dom.js";
 import {ago, bytes, clock, count, rate} from "../format.js";
 import {pickTime, span, to} from "../router.js";
 import {rowLink, table} from "../table.js";
@@ -17,9 +17,9 @@ function storeOf(store) {
             "Nothing is stored: start vxcollector with --db FILE to see more than this view.")];
     return [
         h("dl", {class: "facts"}, fact("Kind", store.kind),
-          fact("Transactions written", count(store.written)), fact("Waiting", count(store.queued)),
-          fact("Dropped", count(store.dropped), store.dropped > 0), fact("Size", bytes(store.bytes)),
-          fact("Oldest", clock(store.oldest))),
+          fact("Transactions written", h("a", {href: to("transactions")}, count(store.written))),
+          fact("Waiting", count(store.queued)), fact("Dropped", count(store.dropped), store.dropped > 0),
+          fact("Size", bytes(store.bytes)), fact("Oldest", clock(store.oldest))),
         store.fault && h("p", {class: "bad"}, store.fault)
     ];
 }
@@ -34,24 +34,34 @@ function connections(instance, now) {
                   h("b", {}, c.kind), ` ${c.peer}, ${bytes(c.bytes)}`)));
 }
 
-const STEP = 10000;  // ms, of the intervals that the store keeps
+const STEP = 10000;       // ms, of the intervals that the store keeps
+const MOST_STEPS = 360;   // of a chart
+const MOST_ROWS = 10000;  // in an answer, which has one for each step and instance
 const LOSSES = {
     dropped: "Found no room in the store",
     incomplete: "End or beginning missing",
     unreadable: "Unreadable lines"
 };
 
-// Figures of all instances by interval; intervals in which nothing came are zeros.
-function byInterval(links, from, till) {
+// How wide the steps of a time are: as many as a chart and an answer have room for.
+function stepOf(time, instances) {
+    const most = Math.min(MOST_STEPS, Math.max(10, Math.floor(MOST_ROWS / Math.max(1, instances))));
+    return Math.ceil((time.to - time.from) / most / STEP) * STEP;
+}
+
+// Figures of all instances by step; steps in which nothing came are zeros. The last one has only begun: it
+// shows once it has lasted long enough to have a rate.
+function bySteps(links, step, from, till) {
     const times = [];
-    for (let at = Math.ceil(from / STEP) * STEP; at < till - STEP; at += STEP) times.push(at);
-    const place = new Map(times.map((at, i) => [at, i]));
+    for (let at = from; at <= till - (step > STEP ? step / 3 : step); at += step) times.push(at);
     const keys = ["records", "monitorRecords", ...Object.keys(LOSSES)];
     const sums = Object.fromEntries(keys.map((key) => [key, times.map(() => 0)]));
-    for (const row of links)
-        if (place.has(row.at))
-            for (const key of keys) sums[key][place.get(row.at)] += row[key];
-    return {times, sums};
+    for (const row of links) {
+        const at = (row.at - from) / step;
+        if (at in times)
+            for (const key of keys) sums[key][at] += row[key];
+    }
+    return {times, widths: times.map((at) => Math.min(step, till - at)), sums};
 }
 
 function flowCharts() {
@@ -70,27 +80,27 @@ function flowCharts() {
         format: count,
         stacked: true,
         whole: true,
+        onPick: pickTime,
         label: ({summary}) =>
             "Losses over time: " + Object.keys(LOSSES).map((k) => `${LOSSES[k]} ${summary[k]}`).join(", "),
         series: Object.keys(LOSSES).map(
             (key, i) => ({key, name: LOSSES[key], colour: ["error", "verySlow", "none"][i]})),
     });
-    function update({links}, time) {
-        const {times, sums} = byInterval(links, time.from, time.to);
+    function update({links, step}, {from, to}) {
+        const {times, widths, sums} = bySteps(links, step, from, to);
         const total = (key) => sums[key].reduce((a, b) => a + b, 0);
-        const perSecond = (key) => sums[key].map((n) => n / (STEP / 1000));
+        const perSecond = (key) => sums[key].map((n, i) => (n * 1000) / widths[i]);
+        const lasted = widths.reduce((a, b) => a + b, 0) / 1000;
+        const flows = ["records", "monitorRecords"];
         flow.update({
             times,
-            step: STEP,
-            values: {records: perSecond("records"), monitorRecords: perSecond("monitorRecords")},
-            summary: {
-                records: total("records") / time.seconds,
-                monitorRecords: total("monitorRecords") / time.seconds
-            }
+            step,
+            values: Object.fromEntries(flows.map((key) => [key, perSecond(key)])),
+            summary: Object.fromEntries(flows.map((key) => [key, lasted ? total(key) / lasted : 0]))
         });
         lost.update({
             times,
-            step: STEP,
+            step,
             values: sums,
             summary: Object.fromEntries(Object.keys(LOSSES).map((key) => [key, total(key)]))
         });
@@ -100,7 +110,11 @@ function flowCharts() {
 }
 
 const RUNS = [
-    {title: "Ended", cell: (r) => clock(r.at), sort: (r) => r.at},
+    {
+        title: "Ended",
+        cell: (r) => rowLink(to("monitors", {from: r.at - 900000, to: r.at + 60000}), clock(r.at)),
+        sort: (r) => r.at
+    },
     {title: "Instance", cell: (r) => r.instance, sort: (r) => r.instance},
     {title: "Agree", num: true, cell: (r) => count(r.agreed)},
     {title: "Partly recorded", num: true, cell: (r) => count(r.partial)},
@@ -152,6 +166,7 @@ export function link(context) {
             ],
         });
     const charts = flowCharts();
+    const cut = h("p", {class: "bad", hidden: true}, "Only a part of this time shows: choose a shorter one.");
     const runs = table(RUNS, {
         label: "Ended runs",
         key: (r) => `${r.at} ${r.instance}`,
@@ -160,7 +175,7 @@ export function link(context) {
     });
     const node = h(
         "div", {class: "view"}, h("h1", {}, "Link"),
-        h("section", {class: "panel"}, h("h2", {}, "Instances"), list.node), charts.node,
+        h("section", {class: "panel"}, h("h2", {}, "Instances"), list.node), cut, charts.node,
         h("div", {class: "pair"}, h("section", {class: "panel"}, h("h2", {}, "What came"), totals),
           h("section", {class: "panel"}, h("h2", {}, "Store"), store)),
         h("section", {class: "panel"}, h("h2", {}, "Ended runs, monitors compared with records"), runs.node));
@@ -169,19 +184,23 @@ export function link(context) {
         const s = context.status ?? await get("/api/status", {}, signal);
         now = s.now;
         list.update(s.instances);
-        replace(
+        patch(
             totals, fact("Collector", `version ${s.version}, up since ${clock(s.started)}`),
-            fact("Connections", count(s.connections)), fact("Records", count(s.records)),
-            fact("Monitor records", count(s.monitorRecords)),
+            fact("Connections", count(s.connections)),
+            fact("Records", h("a", {href: to("transactions")}, count(s.records))),
+            fact("Monitor records", h("a", {href: to("monitors")}, count(s.monitorRecords))),
             fact("Transactions", h("a", {href: to("transactions")}, count(s.transactions))),
             fact("Received", bytes(s.bytes)), fact("Unreadable lines", count(s.unreadable), s.unreadable > 0),
             fact("Refused connections", count(s.refusedConnections), s.refusedConnections > 0),
             fact("Runs compared with their monitors", h("a", {href: to("monitors")}, count(s.comparedRuns))));
-        replace(store, storeOf(s.store));
+        patch(store, storeOf(s.store));
         if (!s.store) return;
         const time = span();
-        const answer = await get("/api/links", {from: Math.floor(time.from), to: time.to}, signal);
-        charts.update(answer, time);
+        const step = stepOf(time, s.instances.length);
+        const from = Math.ceil(time.from / step) * step;
+        const answer = await get("/api/links", {from, to: time.to, step}, signal);
+        charts.update(answer, {from, to: time.to});
+        cut.hidden = answer.complete;
         runs.update(answer.comparisons);
     }
     return {node, load, refresh: "always", close: charts.close};

@@ -1,6 +1,6 @@
 // What the service's monitors told, beside what the single records add up to.
 import {get} from "../api.js";
-import {h, replace} from "../dom.js";
+import {h, patch} from "../dom.js";
 import {count, ms} from "../format.js";
 import {changed, route, span, to} from "../router.js";
 import {spark} from "../spark.js";
@@ -89,7 +89,7 @@ export function monitors() {
           tabs, h("section", {class: "panel"}, said, list.node));
 
     function drawTabs() {
-        replace(
+        patch(
             tabs,
             Object.entries(KINDS).map(
                 ([kind, title]) =>

@@ -2,7 +2,7 @@
 import {get} from "../api.js";
 import {CATEGORIES} from "../category.js";
 import {timeChart} from "../chart.js";
-import {h, replace} from "../dom.js";
+import {h, patch} from "../dom.js";
 import {count, ms, percent, rate} from "../format.js";
 import {pickTime, span, to} from "../router.js";
 import {spark} from "../spark.js";
@@ -115,9 +115,10 @@ export function overview() {
           h("div", {class: "pair"}, rates.node, durations.node),
           h("section", {class: "panel"}, h("h2", {}, "Business transactions"), list.node, cut));
 
-    function draw({series, step, all, ...data}) {
+    // `to`: up to when there is something to count; the answer's time may go on to the end of a step.
+    function draw({series, step, all, ...data}, to) {
         // The last bucket has only begun: its rate is that of its part, and of too small a part it is none.
-        const widths = series.at.map((at) => Math.min(step, data.to - at));
+        const widths = series.at.map((at) => Math.min(step, to - at));
         const shown = widths.length > 1 && widths.at(-1) < step / 3 ? widths.length - 1 : widths.length;
         const times = series.at.slice(0, shown);
         const perSecond = (counts) => times.map((_, i) => (counts[i] * 1000) / widths[i]);
@@ -126,7 +127,7 @@ export function overview() {
             times,
             step,
             values: each((key) => perSecond(series[key])),
-            summary: each((key) => (all[key] * 1000) / (data.to - data.from))
+            summary: each((key) => (all[key] * 1000) / (to - data.from))
         });
         durations.update({
             times,
@@ -139,11 +140,13 @@ export function overview() {
     async function load(signal) {
         const time = span();
         const data = await get("/api/overview", {from: time.from, to: time.to}, signal);
-        replace(top, tiles(data.all));
-        draw(data);
+        const until = Math.min(data.to, time.to);
+        const rated = (row) => ({...row, perSecond: (row.count * 1000) / (until - data.from)});
+        patch(top, tiles(rated(data.all)));
+        draw(data, until);
         // The last bucket has only begun: in a line without a scale it would be a fall.
-        const ended = data.series.at.filter((at) => at + data.step <= data.to).length;
-        list.update(data.rows.map((row) => ({...row, ended: row.spark.slice(0, ended)})));
+        const ended = data.series.at.filter((at) => at + data.step <= until).length;
+        list.update(data.rows.map((row) => ({...rated(row), ended: row.spark.slice(0, ended)})));
         cut.hidden = data.complete;
     }
     function close() {

@@ -22,7 +22,8 @@ function facts(t) {
             h("a", {href: to("transactions", around), title: "What else ran within a minute"},
               clock(t.start, true))),
         fact("Duration", ms(t.durationMs)), fact("CPU, as the agent gave it", count(t.cpu)),
-        fact("Status", String(t.status)), fact("Instance", t.instance),
+        fact("Status", h("a", {href: to("transactions", {status: t.status})}, t.status)),
+        fact("Instance", t.instance),
         Number(t.session) !== 0 &&
             fact("Session", h("a", {href: to("transactions", {session: t.session})}, t.session)),
         t.caller && fact("Called by transaction", other(t.caller)),

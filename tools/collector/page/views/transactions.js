@@ -34,6 +34,39 @@ function field(key, title, props) {
     return {key, input, node: h("label", {class: "field"}, h("span", {}, title), input)};
 }
 
+const LEAST_TIME = 946684800000;  // 2000: while a year is being typed, it is none yet
+
+// A time of this machine's, as its input has it; empty: NaN.
+const local = (t) => new Date(t - new Date(t).getTimezoneOffset() * 60000).toISOString().slice(0, 19);
+
+// Beginning and end of the time shown, for who wants another than the last minutes.
+function timeFields() {
+    const input = (name) => h("input", {name, type: "datetime-local", step: 1, onchange: take});
+    const from = input("from");
+    const till = input("to");
+    const active = () => [from, till].includes(document.activeElement);
+
+    function take() {
+        const [first, last] = [Date.parse(from.value), Date.parse(till.value)];
+        const now = span();
+        const wanted = {from: first || Math.floor(now.from), to: last || Math.floor(now.to)};
+        const order = wanted.from < wanted.to;
+        till.setCustomValidity(order ? "" : "It ends before it begins.");
+        if (!first && !last)
+            set({from: null, to: null});
+        else if (order && wanted.from > LEAST_TIME)
+            set(wanted);
+    }
+    function show() {
+        const now = span();
+        if (active()) return;
+        from.value = now.live ? "" : local(now.from);
+        till.value = now.live ? "" : local(now.to);
+    }
+    const labelled = (title, node) => h("label", {class: "field"}, h("span", {}, title), node);
+    return {nodes: [labelled("From", from), labelled("Until", till)], show};
+}
+
 function form(context) {
     // An instance stands in the address by its key: a reader knows it by its name.
     const titleOf = (key, value) =>
@@ -56,24 +89,30 @@ function form(context) {
         input: category,
         node: h("label", {class: "field"}, h("span", {}, "Category"), category)
     });
+    const times = timeFields();
     const chips = h("div", {class: "chips"});
     const node =
         h("form", {class: "filters", role: "search", onsubmit: (event) => event.preventDefault()},
-          fields.map((f) => f.node), chips, names);
+          fields.map((f) => f.node), times.nodes, chips, names);
 
     // Puts into the form what the address says, but for a field that is being typed into.
     function show() {
         const now = filters(route().params);
         for (const {key, input} of fields)
             if (document.activeElement !== input) input.value = now[key];
+        times.show();
         const given = Object.keys(GIVEN).filter((key) => now[key]);
         replace(
             chips,
             given.map(
                 (key) =>
-                    h("button", {type: "button", class: "chip", onclick: () => set({[key]: null})},
-                      `${GIVEN[key]}: ${titleOf(key, now[key])}`,
-                      h("span", {"aria-label": "take this filter away"}, " ×"))));
+                    h("button", {
+                        type: "button",
+                        class: "chip",
+                        title: "Take this filter away",
+                        onclick: () => set({[key]: null})
+                    },
+                      `${GIVEN[key]}: ${titleOf(key, now[key])} ×`)));
         if (Object.values(now).some(Boolean))
             chips.append(
                 h("a",
@@ -114,7 +153,8 @@ export function transactions(context) {
             h("p", {}, "Take a filter away, or look at a longer time (above).")
         ],
     });
-    const said = h("p", {class: "note", role: "status"});
+    const said = h("p", {class: "note"});
+    let spoken = false;
     const more = h("button", {type: "button", class: "button", hidden: true, onclick: older}, "Show older");
     const node =
         h("div", {class: "view"}, h("h1", {}, "Transactions"), search.node,
@@ -131,14 +171,22 @@ export function transactions(context) {
             {...filters(route().params), from: time.from, to: time.to, limit: PAGE, ...extra}, signal);
     }
 
+    // Spoken once for each address, not with every row that comes.
+    function say(text) {
+        if (said.textContent === text) return;
+        said.setAttribute("aria-live", spoken ? "off" : "polite");
+        said.textContent = text;
+        spoken = true;
+    }
+
     function draw() {
         list.update(rows);
         more.hidden = !next || rows.length >= MOST;
-        said.textContent = rows.length === 0 ?
-            "" :
-            rows.length >= MOST ?
-            `The latest ${count(MOST)}. Narrow the time or the filters to see others.` :
-            `${count(rows.length)} shown, the latest first${next ? "; there are more" : ", and no more"}.`;
+        say(rows.length === 0 ? "" :
+                rows.length >= MOST ?
+                                `The latest ${count(MOST)}. Narrow the time or the filters to see others.` :
+                                `${count(rows.length)} shown, the latest first${
+                                    next ? "; there are more" : ", and no more"}.`);
     }
 
     // What was shown stays below what is new: only a change of the address begins anew.
@@ -157,7 +205,7 @@ export function transactions(context) {
     async function load(signal) {
         search.show();  // the names of instances may have come
         if (held()) {
-            said.textContent = "Held while the pointer or the focus is in the list.";
+            say("Held while the pointer or the focus is in the list.");
             return;
         }
         const answer = await ask({}, signal);
@@ -169,10 +217,10 @@ export function transactions(context) {
         rows = gap ? answer.rows : merge(answer.rows);
         draw();
         if (!named) {
-            named = true;
             const time = span();
             const sums =
                 await get("/api/overview", {from: time.from, to: time.to, step: time.to - time.from}, signal);
+            named = true;
             replace(search.names, sums.rows.map((r) => h("option", {value: r.name})));
         }
     }
@@ -185,7 +233,7 @@ export function transactions(context) {
             rows = [...rows, ...answer.rows].slice(0, MOST);
             draw();
         } catch (error) {
-            said.textContent = error.message;
+            say(error.message);
         } finally {
             more.disabled = false;
         }
@@ -194,6 +242,7 @@ export function transactions(context) {
     function changedRoute() {
         rows = [];
         next = null;
+        spoken = false;
         search.show();
     }
     return {node, load, route: changedRoute};
