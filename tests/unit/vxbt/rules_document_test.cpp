@@ -1,7 +1,5 @@
 // The examples of docs/rules.md, executed: a block of rules, thresholds or errors configures, the block
 // behind it says what becomes of requests.
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <sstream>
 #include <string>
