@@ -38,8 +38,7 @@ TEST_F(Slots, ResetReturnsEveryFieldButWhatBelongsToThePool) {
     slot->inUse = 1;
     slot->methodTableHeld = 0;
     takeMethodTable(slot);
-    for (char** text :
-         {&slot->prevTierSeq, &slot->excepMessage, &slot->OTL_traceID, &slot->tlSQLObj.DBQueryParam})
+    for (char** text : {&slot->prevTierSeq, &slot->excepMessage, &slot->tlSQLObj.DBQueryParam})
         *text = vxlb_strdup("held");
     char* big[] = {slot->flowpathInstanceStr, slot->debugData,         slot->calloutKey,  slot->tlURl,
                    slot->uRLParameters,       slot->correlationHeader, slot->sequenceBlob};
@@ -48,8 +47,7 @@ TEST_F(Slots, ResetReturnsEveryFieldButWhatBelongsToThePool) {
     for (std::size_t i = 0; i < numbers; ++i)
         EXPECT_EQ(reinterpret_cast<unsigned char*>(slot)[i], clean[i]) << "byte " << i;
     for (const char* text : big) EXPECT_EQ(*text, '\0');
-    EXPECT_TRUE(!slot->prevTierSeq && !slot->OTL_traceID && !slot->tlSQLObj.DBQueryParam &&
-                !slot->tlMethodTable);
+    EXPECT_TRUE(!slot->prevTierSeq && !slot->tlSQLObj.DBQueryParam && !slot->tlMethodTable);
     EXPECT_EQ(app->method.methodHashMapNode.load()->flowpathCount, 0);
 }
 
