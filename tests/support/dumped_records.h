@@ -26,12 +26,15 @@ inline void closeDumping(vxApplication& app) {
 }
 
 // All text, oldest first.
-inline std::string dumpedText(const vxApplication& app) {
+inline std::string textOf(const VXBufferChain& chain) {
     std::string text;
-    for (const VXBufferNode* head : {app.data.chain.readListHead, app.data.chain.writeListHead})
+    for (const VXBufferNode* head : {chain.readListHead, chain.writeListHead})
         for (const VXBufferNode* node = head; node; node = node->next)
             text.append(node->buffer, static_cast<std::size_t>(node->use_len));
     return text;
+}
+inline std::string dumpedText(const vxApplication& app) {
+    return textOf(app.data.chain);
 }
 // The same, one element a record, without the newlines.
 inline std::vector<std::string> dumpedRecords(const vxApplication& app) {

@@ -1,7 +1,5 @@
 #include "commonlibc/backend/VXBackendRecords.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -40,25 +38,31 @@ protected:
 
 TEST_F(BackendRecords, EachBackendThatWasCalledIsReportedEachTimeUnderItsDecodedName) {
     Backend shown(5, kTypeHttp, "HTTP_shop"), named(6, kTypeHttp, "HTTP_a&#46;b\nc"),
-        quiet(7, kTypeDb, "quiet");
-    Backend tooLong(8, kTypeDb, std::string(1024, 'x')), longest(9, kTypeDb, std::string(1023, 'x'));
+        quiet(7, kTypeDb, "quiet"), tooLong(8, kTypeDb, std::string(1024, 'x')),
+        longest(9, kTypeDb, std::string(1023, 'x')), unnumbered(0xFFFFFFFF, kTypeDb, "x");
     shown.aliasMethodName.text = "shop&#58;80";
-    {
-        const VXMethodLock lock;
-        checkAndIncrementAggrBackendDataArray(&quiet);
-    }
+    checkAndIncrementAggrBackendDataArray(&quiet);
     call(shown, 40);
     call(shown, 10, true);
-    for (Backend* backend : {&named, &tooLong, &longest}) call(*backend, 3);
+    setBackendMonitorEnabled("0");
+    call(shown, 1);
+    setBackendMonitorEnabled("1");
+    call(named, 0x100000003);  // least and most have 32 bits
+    for (Backend* backend : {&tooLong, &longest, &unnumbered}) call(*backend, 3);
     const std::string one = "1 0.100000 3.000000 3 3 1 0 0.0 0 0 1 0.0 0 0 1 0.000000 0 0 0 0 0 0\n";
     EXPECT_EQ(reportOf(generateAndDumpBackendMonitoringRecord),
               head(75, 5, "shop:80") +
                   "2 0.200000 25.000000 10 40 2 1 0.0 0 0 2 0.0 0 0 2 0.100000 0 0 0 0 0 0\n" +
-                  head(75, 6, "HTTP_a.b c") + one + head(75, 9, longest.text) + one);
+                  head(75, 6, "HTTP_a.b c") +
+                  "1 0.100000 4294967299.000000 3 3 1 0 0.0 0 0 1 0.0 0 0 1 0.000000 0 0 0 0 0 0\n" +
+                  head(75, 9, longest.text) + one);
     EXPECT_EQ(vxAggSlot(app->method.backendArr, 8)->callCount, 0) << "without a record, but begun anew";
-    EXPECT_EQ(reportOf(generateAndDumpBackendMonitoringRecord), head(75, 5, "shop:80") + kIdle +
-                                                                    head(75, 6, "HTTP_a.b c") + kIdle +
-                                                                    head(75, 9, longest.text) + kIdle);
+    const std::string rest = head(75, 6, "HTTP_a.b c") + kIdle + head(75, 9, longest.text) + kIdle;
+    EXPECT_EQ(reportOf(generateAndDumpBackendMonitoringRecord), head(75, 5, "shop:80") + kIdle + rest);
+    call(shown, 2);
+    VXBackendMonitorInit();
+    EXPECT_EQ(reportOf(generateAndDumpBackendMonitoringRecord), head(75, 5, "shop:80") + kIdle + rest)
+        << "a run begins anew";
 }
 
 TEST_F(BackendRecords, DigestsAreKeptOnceOrderedAndWrittenForWhatWasCalledInThePeriod) {

@@ -54,12 +54,7 @@ protected:
         const auto buffer = std::make_unique<char[]>(kReportBufferSize);
         std::int32_t length = 0;
         generateAndDumpBTMonitoringRecord(buffer.get(), &length);
-        std::string text;
-        for (const VXBufferNode* head :
-             {app->autoSensor.chain.readListHead, app->autoSensor.chain.writeListHead})
-            for (const VXBufferNode* node = head; node; node = node->next)
-                text.append(node->buffer, static_cast<std::size_t>(node->use_len));
-        return text.append(buffer.get(), static_cast<std::size_t>(length));
+        return textOf(app->autoSensor.chain).append(buffer.get(), static_cast<std::size_t>(length));
     }
     std::unique_ptr<vxTD> slot = std::make_unique<vxTD>();
 };
@@ -71,12 +66,6 @@ TEST_F(BtRecords, TellOfTheIntervalAndOfNothingInTheNextOne) {
     EXPECT_EQ(report(), "74,7|9|2:t|s|i|/a|" + kFigures + "74,7|9|0:t|s|i|AllTransactions|" + kFigures);
     EXPECT_EQ(vxUnreportedOfBts(), 0);
     EXPECT_EQ(report(), "74,7|9|2:t|s|i|/a|" + kIdle + "74,7|9|0:t|s|i|AllTransactions|" + kIdle);
-    slot->tlBTObj = btOf("/b");
-    count(kCategorySlow, 4);
-    const std::string text = report();
-    EXPECT_TRUE(text.find("3:t|s|i|/b|0.100000 4.000000 4.000000 4 1 ") != std::string::npos &&
-                text.find("AllTransactions|0.100000 4.000000 4.000000 4 1 ") != std::string::npos)
-        << text;
 }
 
 TEST_F(BtRecords, WithTagsAFlowpathCountsOnItsTagAndATagIsNamedOnce) {

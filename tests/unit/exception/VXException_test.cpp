@@ -49,75 +49,47 @@ TEST_F(Exceptions, WhatIsMissingOrOffIsWrittenAsSuch) {
     vx_word_set(app->VXSys.maxExceptionMessageLength, 4);
     mPP* method = searchAndUpdateMethodHashMap("Shop.buy", app->method.methodHashMapNode, 0, kTypePlain, 0);
     app->data.data_thread_running = 1;
-    const struct {
-        const char* name;
-        void (*change)(VXExceptionReport& report);
-        Records expected;
-    } rows[] = {
-        {"a method that the collector does not know yet is told",
-         [](VXExceptionReport&) {},
-         {"5,Shop.buy,3", "32,1,E", "33,1,Shop", "34,1,Shop.buy", "35,1,gone", "36,1,disk",
-          "38,77,7,3,0,-1,-1,1,1,1,3,1,1,at%20a"}},
-        {"no class, no throwing class, kind 0",
-         [](VXExceptionReport& r) {
-             r.className = r.throwingClass = "";
-             r.exceptionInt = 0;
-         },
-         {"33,2,-", "38,77,7,3,0,-1,-1,-1,2,1,-1,1,1,at%20a"}},
-        {"no message, no cause, no stack trace",
-         [](VXExceptionReport& r) { r.message = r.cause = r.stackTrace = ""; },
-         {"38,77,7,3,0,-1,-1,1,1,1,3,-1,-1,"}},
-        {"a message behind its limit is cut",
-         [](VXExceptionReport& r) { r.message = "gone away"; },
-         {"38,77,7,3,0,-1,-1,1,1,1,3,1,1,at%20a"}},
-        {"line ends break no record",
-         [](VXExceptionReport& r) {
-             r.cause = "a\nb\r,c";
-             r.stackTrace = "a,b\r\nc";
-         },
-         {"36,2,a b ,c", "38,77,7,3,0,-1,-1,1,1,1,3,1,2,a%2Cb %7Cc"}},
-        {"neither causes nor stack traces",
-         [](VXExceptionReport&) {
-             setExceptionCaptureSettings("1%201%201%2010%200");
-             setExceptionCaptureSettings("2%200");
-         },
-         {"38,77,7,3,0,-1,-1,1,1,1,3,1,-1,"}},
-    };
-    for (const auto& row : rows) {
-        VXExceptionReport changed = report;
-        row.change(changed);
-        EXPECT_EQ(written(changed), row.expected) << row.name;
-    }
+    EXPECT_EQ(written(report), (Records{"5,Shop.buy,3", "32,1,E", "33,1,Shop", "34,1,Shop.buy", "35,1,gone",
+                                        "36,1,disk", "38,77,7,3,0,-1,-1,1,1,1,3,1,1,at%20a"}))
+        << "the collector gets to know the method";
     EXPECT_EQ(method->usedFlag, kMethodUsed);
+    VXExceptionReport changed = report;
+    changed.className = changed.throwingClass = changed.cause = changed.stackTrace = "";
+    changed.message = "gone away";  // cut at its limit it is the one above
+    changed.exceptionInt = 0;
+    EXPECT_EQ(written(changed), (Records{"33,2,-", "38,77,7,3,0,-1,-1,-1,2,1,-1,1,-1,"}));
+    changed = report;
+    changed.cause = "a\nb\r,c";
+    changed.stackTrace = "a,b\r\nc";
+    EXPECT_EQ(written(changed), (Records{"36,2,a b ,c", "38,77,7,3,0,-1,-1,1,1,1,3,1,2,a%2Cb %7Cc"}))
+        << "line ends break no record";
+    setExceptionCaptureSettings("1%201%201%2010%200");
+    setExceptionCaptureSettings("2%200");
+    EXPECT_EQ(written(report), Records{"38,77,7,3,0,-1,-1,1,1,1,3,1,-1,"}) << "no causes, no stack traces";
 }
 
 TEST_F(Exceptions, WhatIsNotWantedLeavesNothing) {
-    BTObject* bt = slot->tlBTObj;
-    const struct {
-        const char* name;
-        void (*change)(vxTD& of, VXExceptionReport& report);
-    } rows[] = {
-        {"no throwing method", [](vxTD&, VXExceptionReport& r) { r.throwingMethod = ""; }},
-        {"no BT", [](vxTD& of, VXExceptionReport&) { of.tlBTObj = nullptr; }},
-        {"excluded", [](vxTD& of, VXExceptionReport&) { of.tlIsFPExcluded = 1; }},
-        {"neither class nor message", [](vxTD&, VXExceptionReport& r) { r.className = r.message = ""; }},
-        {"capture off", [](vxTD&, VXExceptionReport&) { setExceptionCaptureSettings("0%201"); }},
-        {"on the filter list", [](vxTD&, VXExceptionReport&) { parseExceptionFilteringList("Z,E,a.b"); }},
-    };
-    for (const auto& row : rows) {
-        VXExceptionReport changed = report;
-        slot->tlBTObj = bt;
-        slot->tlIsFPExcluded = 0;
-        setdefaultValuesForException();
-        row.change(*slot, changed);
-        EXPECT_EQ(written(changed), Records{}) << row.name;
-    }
-    EXPECT_EQ(slot->exceptionCount + slot->seqNo + app->exceptions.tables[0].count, 0);
+    VXExceptionReport unnamed = report, thrownNowhere = report;
+    unnamed.className = unnamed.message = "";
+    thrownNowhere.throwingMethod = "";
+    EXPECT_EQ(written(unnamed), Records{});
+    EXPECT_EQ(written(thrownNowhere), Records{});
+    setExceptionCaptureSettings("0%201");
+    EXPECT_EQ(written(report), Records{});
+    setdefaultValuesForException();
+    parseExceptionFilteringList("Z,E,a.b");
+    EXPECT_EQ(written(report), Records{});
     for (const char* list : {"e,E ,EE", "nA", ",,", ""}) {
         parseExceptionFilteringList("E");
         parseExceptionFilteringList(list);
         EXPECT_FALSE(vxIsIgnoredException(app->exceptions, "E")) << list;
     }
+    slot->tlIsFPExcluded = 1;
+    EXPECT_EQ(written(report), Records{});
+    slot->tlIsFPExcluded = 0;
+    slot->tlBTObj = nullptr;
+    EXPECT_EQ(written(report), Records{});
+    EXPECT_EQ(slot->exceptionCount + slot->seqNo + app->exceptions.tables[0].count, 0);
 }
 
 TEST_F(Exceptions, LongTextsAreCutAndTheRecordsStayWhole) {
@@ -155,27 +127,25 @@ TEST_F(Exceptions, ANameThatCannotBeHeldIsNoName) {
 TEST_F(Exceptions, CaptureSettingsEndAtTheFirstRefusedField) {
     const struct {
         const char* value;
-        std::int32_t mode, traces, type, depth, causes;
+        std::vector<int> taken;  // mode, stack traces, type, depth, causes
     } rows[] = {
-        {"2%201%203%205%200", 2, 1, 3, 5, 0},
-        {"0%201%200%201%201%209%209%209%209", 0, 1, 0, 1, 1},
-        {"3%200", 1, 1, 1, 9999, 1},
-        {"-1", 1, 1, 1, 9999, 1},
-        {"2%202%203%205%200", 2, 1, 1, 9999, 1},
-        {"2%201%202%205%200", 2, 1, 1, 9999, 1},
-        {"2%201%203%200%200", 2, 1, 3, 9999, 1},
-        {"2%201%203%205%202", 2, 1, 3, 5, 1},
-        {"1%200%203%205%200", 1, 0, 1, 9999, 1},
-        {"1", 1, 1, 1, 9999, 1},
+        {"2%201%203%205%200", {2, 1, 3, 5, 0}},
+        {"0%201%200%201%201%209%209%209%209", {0, 1, 0, 1, 1}},
+        {"3%200", {1, 1, 1, 9999, 1}},
+        {"2%202%203%205%200", {2, 1, 1, 9999, 1}},
+        {"2%201%202%205%200", {2, 1, 1, 9999, 1}},
+        {"2%201%203%200%200", {2, 1, 3, 9999, 1}},
+        {"2%201%203%205%202", {2, 1, 3, 5, 1}},
+        {"1%200%203%205%200", {1, 0, 1, 9999, 1}},
     };
     for (const auto& row : rows) {
-        const VXExceptionState_t& state = app->exceptions;
         setdefaultValuesForException();
         setExceptionCaptureSettings(row.value);
+        const VXExceptionState_t& state = app->exceptions;
         EXPECT_EQ(
             std::vector<int>({state.exceptionCaptureMode, state.stackTraceCaptureMode, state.exceptionType,
                               state.stackTraceMaxDepth, state.exceptionCauseCaptureMode}),
-            std::vector<int>({row.mode, row.traces, row.type, row.depth, row.causes}))
+            row.taken)
             << row.value;
     }
 }
