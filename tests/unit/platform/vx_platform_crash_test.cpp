@@ -2,13 +2,13 @@
 
 #include <apr_general.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <regex.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <regex>
 #include <string>
+#include <thread>
 
 #include "commonlibc/vxlb_thread.h"
 #include "tests/support/temp_dir.h"
@@ -66,11 +66,7 @@ int fallIn(const std::string& folder, void (*fall)()) {
 }
 
 bool holds(const std::string& text, const std::string& pattern) {
-    regex_t compiled{};
-    const bool found = ::regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) == 0 &&
-                       ::regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    ::regfree(&compiled);
-    return found;
+    return std::regex_search(text, std::regex(pattern));
 }
 
 // The one dump of a folder; empty unless it is exactly one.
@@ -113,15 +109,7 @@ TEST(CrashDumps, TellWhereAndEndTheProcess) {
 TEST(CrashDumps, OfThreadsThatFallTogetherOneIsWhole) {
     const TempDir dir;
     const auto fallTogether = [] {
-        pthread_t thread;
-        for (int i = 0; i < 8; ++i)
-            pthread_create(
-                &thread, nullptr,
-                [](void*) -> void* {
-                    vxCrashTestAbort();
-                    return nullptr;
-                },
-                nullptr);
+        for (int i = 0; i < 8; ++i) std::thread(vxCrashTestAbort).detach();
         for (;;) ::pause();
     };
     EXPECT_EQ(fallIn(dir / "no/such/folder", vxCrashTestAbort), kCrashExitCode) << "no file is needed";

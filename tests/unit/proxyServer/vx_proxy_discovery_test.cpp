@@ -1,7 +1,5 @@
 #include "commonlibc/proxyServer/vx_proxy_discovery.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
 

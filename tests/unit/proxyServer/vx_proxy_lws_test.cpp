@@ -1,6 +1,5 @@
 #include "commonlibc/proxyServer/vx_proxy_lws.h"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -1,7 +1,5 @@
 #include "commonlibc/proxyServer/vx_proxy_pending.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/fake_clock.h"
 #include "tests/support/proxy_fixture.h"
 

@@ -1,14 +1,12 @@
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/control_outbox.h"
+#include "tests/support/dumped_records.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace vx::test {
@@ -70,13 +68,16 @@ TEST_F(ReadTest, WholeLinesOfAReadAreHandedOver) {
         {"thread_dump:a$b$\n", "a\nb\n"},
         {"thread_dump:a\nthread_du", "a\n"},  // a cut line is lost
         {"vx_ctrl_msg_req:pid=7\n", ""},      // of a known connection: a log line
-        {"auto_sensor_GCDump:\nvx_ctrl_msg_rep:result\nvx_control_req:action=send_file;keyword=a;\n", ""},
+        {"auto_sensor_GCDump:heap=5\nvx_ctrl_msg_rep:result\nvx_control_req:action=send_file;keyword=a;\n",
+         ""},
     };
+    instance().Server.testRunRunning = 1;
     for (const auto& row : rows) {
         agent.peer.send(row.sent);
         EXPECT_EQ(readLines(agent), kReadDone) << row.sent;
         EXPECT_EQ(seen(), row.lines);
     }
+    EXPECT_EQ(textOf(instance().autoSensor.chain), "heap=5\n") << "another channel, with its newline";
     EXPECT_EQ(readLines(agent), kReadNothing);
     agent.peer.send("thread_dump:a");
     EXPECT_EQ(readLines(agent), kReadClosed) << "a read without a newline";
@@ -95,15 +96,6 @@ TEST_F(ReadTest, TheLongestLineHas131071BytesWithItsNewline) {
     EXPECT_EQ(seen(), longest.substr(0, kThreadDumpSize - 1) + "\n");
     ASSERT_TRUE(agent.peer.send(prefix + longest + "x\n"));
     EXPECT_EQ(readLines(agent), kReadClosed);
-}
-
-TEST_F(ReadTest, AGarbageDumpGoesToTheAutoSensorChannelWithItsNewline) {
-    instance().Server.testRunRunning = 1;
-    agent.peer.send("auto_sensor_GCDump:heap=5\n");
-    readLines(agent);
-    const VXBufferNode* node = instance().autoSensor.chain.writeListHead;
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(std::string(node->buffer, static_cast<std::size_t>(node->use_len)), "heap=5\n");
 }
 
 TEST_F(ReadTest, RecordsMayRideBehindTheLineThatRegistersUnlessItIsRefused) {

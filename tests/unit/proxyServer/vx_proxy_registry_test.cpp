@@ -1,7 +1,5 @@
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 

@@ -1,7 +1,6 @@
 #include "commonlibc/proxyServer/vx_proxy_server.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <chrono>

@@ -1,9 +1,6 @@
 #include "commonlibc/proxyServer/vx_proxy_thread_ops.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <string>
 #include <thread>
 
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"

@@ -1,7 +1,5 @@
 #include "commonlibc/proxyServer/vx_udp_receiver.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/udp_fixture.h"
 
 namespace vx::test {
