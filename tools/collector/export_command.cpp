@@ -147,12 +147,6 @@ const Table* tableNamed(const std::string& name) {
     return nullptr;
 }
 
-std::string columnsOf(const Table& table, const char* separator) {
-    std::string out;
-    for (const Column& column : table.columns) out.append(out.empty() ? "" : separator).append(column.name);
-    return out;
-}
-
 bool hasTime(const Table& table) {
     return std::any_of(table.columns.begin(), table.columns.end(),
                        [](const Column& column) { return !std::strcmp(column.name, "at"); });
@@ -165,7 +159,7 @@ bool exportTable(const ExportOptions& options, const Table& table, Database& dat
     const bool paged = first == "id" || first == "tx";
     bool written = put(out, columnsOf(table, ",") + "\r\n");
     for (std::int64_t last = 0, seen = 1; written && seen > 0;) {
-        Sql sql("SELECT " + columnsOf(table, ", ") + " FROM " + table.name + " WHERE 1 = 1");
+        Sql sql("SELECT " + columnsOf(table) + " FROM " + table.name + " WHERE 1 = 1");
         if (hasTime(table)) sql.add(" AND at >= ?", options.span.from).add(" AND at < ?", options.span.to);
         if (paged) {
             sql.add(" AND " + first + " > ?", last);

@@ -132,11 +132,11 @@ void addTransaction(std::string& out, const TransactionDetails& tx, const TraceI
     span.failed = row.category == kCategoryError;
     span.attributes.text("url.path", row.url.substr(0, mark))
         .text("url.query", mark == std::string::npos ? "" : row.url.substr(mark + 1))
-        .number("http.response.status_code", row.status)
         .number("vx.category", row.category)
         .text("vx.flowpath", std::to_string(row.flowpath))
         .text("vx.session", row.session == "0" ? "" : row.session)
         .text("vx.correlation", row.correlation);
+    if (row.status > 0) span.attributes.number("http.response.status_code", row.status);
     for (const NameValue& header : tx.request)
         span.attributes.text(("vx.request.header." + header.name).c_str(), header.value);
     for (const NameValue& header : tx.response)

@@ -25,8 +25,6 @@ int main(int argc, char** argv) {
         return vx::vxCheckRulesCommand("vxcollector", argc - 2, argv + 2);
     if (argc > 1 && std::strcmp(argv[1], "export") == 0)
         return vx::collector::exportCommand(argc - 2, argv + 2);
-    if (argc > 1 && std::strcmp(argv[1], "export") == 0)
-        return vx::collector::exportCommand(argc - 2, argv + 2);
     vx::collector::Options options;
     switch (vx::collector::readOptions(argc, argv, options)) {
         case vx::collector::OptionsResult::kExitOk:
@@ -39,6 +37,7 @@ int main(int argc, char** argv) {
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a fault to tell, not the end
 
     vx::collector::CollectorServer server(options);
     std::string error;

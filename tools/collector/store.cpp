@@ -41,7 +41,8 @@ bool Store::openClickHouse(const std::string& url, int collector, double keepDay
     HttpAddress address;
     auto sink = std::make_unique<ClickHouseSink>();
     if (!readAddress(url, address)) {
-        error = "not an address (http://[user:password@]host[:port][/database]): " + url;
+        // Not repeated here: there may be a password in it.
+        error = "the URL of --clickhouse is not http://[user:password@]host[:port][/database]";
         return false;
     }
     if (!sink->open(address, collector, keepDays, error)) return false;

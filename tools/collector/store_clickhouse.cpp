@@ -1,9 +1,11 @@
 #include "tools/collector/store_clickhouse.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <utility>
 
 #include "tools/collector/store_schema.h"
 
@@ -12,7 +14,16 @@ namespace vx::collector {
 namespace {
 
 constexpr int kHttpOk = 200;
+// Codes of the server's exceptions that tell of rows which it cannot read, now or later.
+constexpr auto kUnreadable = std::to_array<int>({6, 25, 26, 27, 38, 41, 72, 117});
 constexpr std::int64_t kRetainEvery = 600'000;
+
+// What stands behind a backslash in place of a byte. A line's end of any system in a text would end the row.
+struct Escape {
+    char byte, code;
+};
+constexpr auto kEscapes = std::to_array<Escape>(
+    {{'\\', '\\'}, {'\t', 't'}, {'\n', 'n'}, {'\r', 'r'}, {'\0', '0'}, {'\b', 'b'}, {'\f', 'f'}});
 
 // A row as tab-separated text.
 class TabWriter : public RowSink {
@@ -22,24 +33,17 @@ public:
     void text(std::string_view value) override {
         separate();
         for (const char byte : value) {
-            switch (byte) {
-                case '\t':
-                    out_ += "\\t";
-                    break;
-                case '\n':
-                    out_ += "\\n";
-                    break;
-                case '\\':
-                    out_ += "\\\\";
-                    break;
-                default:
-                    out_ += byte;
-            }
+            const auto* const row = std::find_if(kEscapes.begin(), kEscapes.end(),
+                                                 [byte](const Escape& e) { return e.byte == byte; });
+            if (row == kEscapes.end())
+                out_ += byte;
+            else
+                out_.append("\\").append(1, row->code);
         }
     }
-    void endRow() {
+    bool endRow() override {
         out_ += '\n';
-        first_ = true;
+        return first_ = true;
     }
 
 private:
@@ -52,62 +56,18 @@ private:
     bool first_ = true;
 };
 
-template <class Row>
-void addRows(std::string& out, const std::vector<Row>& rows) {
-    TabWriter writer(out);
-    for (const Row& row : rows) {
-        putRow(row, writer);
-        writer.endRow();
-    }
-}
-
-std::string rowsOf(TableId table, const Batch& batch) {
-    std::string out;
-    switch (table) {
-        case kTransactions:
-            addRows(out, batch.transactions);
-            break;
-        case kRecords: {
-            TabWriter writer(out);
-            for (const StoredTransaction& row : batch.transactions) {
-                putLines(row, writer);
-                writer.endRow();
-            }
-            break;
-        }
-        case kCallouts:
-            addRows(out, batch.callouts);
-            break;
-        case kExceptions:
-            addRows(out, batch.exceptions);
-            break;
-        case kNames:
-            addRows(out, batch.names);
-            break;
-        case kSums:
-            addRows(out, batch.sums);
-            break;
-        case kBuckets:
-            addRows(out, batch.buckets);
-            break;
-        case kMonitors:
-            addRows(out, batch.monitors);
-            break;
-        case kLinks:
-            addRows(out, batch.links);
-            break;
-        case kInstances:
-            addRows(out, batch.instances);
-            break;
-        default:
-            addRows(out, batch.comparisons);
-    }
-    return out;
-}
-
 // The first line of an error, which may be long.
 std::string firstLine(const std::string& text) {
     return text.substr(0, std::min<std::size_t>(text.find('\n'), 300));
+}
+
+// "Code: 27, e.displayText() = ..."
+bool isOfRows(std::string_view fault) {
+    constexpr std::string_view kCode = "Code: ";
+    int code = 0;
+    if (fault.starts_with(kCode))
+        std::from_chars(fault.data() + kCode.size(), fault.data() + fault.size(), code);
+    return std::find(kUnreadable.begin(), kUnreadable.end(), code) != kUnreadable.end();
 }
 
 std::string undone(std::string_view text) {
@@ -118,13 +78,9 @@ std::string undone(std::string_view text) {
             continue;
         }
         const char code = text[++at];
-        out += code == 't'   ? '\t'
-               : code == 'n' ? '\n'
-               : code == 'r' ? '\r'
-               : code == '0' ? '\0'
-               : code == 'b' ? '\b'
-               : code == 'f' ? '\f'
-                             : code;
+        const auto* const row = std::find_if(kEscapes.begin(), kEscapes.end(),
+                                             [code](const Escape& e) { return e.code == code; });
+        out += row == kEscapes.end() ? code : row->byte;
     }
     return out;
 }
@@ -196,6 +152,7 @@ public:
     std::string contains(const char* column) const override {
         return "position(" + std::string(column) + ", ?) > 0";
     }
+    bool findsByTime() const override { return true; }
 
 private:
     static std::string rendered(const Sql& sql) {
@@ -266,11 +223,17 @@ bool ClickHouseSink::open(const HttpAddress& address, int collector, double keep
         error = "the tables are of a newer vxcollector (version " + std::to_string(version) + ")";
         return false;
     }
+    // Names tell of ids whose transactions are given up.
     const std::int64_t first = static_cast<std::int64_t>(collector) << kCollectorShift;
     const std::int64_t behind = first + (std::int64_t{1} << kCollectorShift);
-    done = done && number("SELECT max(id) FROM transactions WHERE id >= " + std::to_string(first) +
-                              " AND id < " + std::to_string(behind),
-                          nextId_, error);
+    const auto greatest = [&](const std::string& column, const std::string& table) {
+        return "SELECT max(" + column + ") FROM " + table + " WHERE " + column +
+               " >= " + std::to_string(first) + " AND " + column + " < " + std::to_string(behind);
+    };
+    std::int64_t named = 0;
+    done = done && number(greatest("id", "transactions"), nextId_, error) &&
+           number(greatest("since", "names"), named, error);
+    nextId_ = std::max(nextId_, named);
     nextId_ = std::max(nextId_, first) + 1;
     return done;
 }
@@ -279,19 +242,36 @@ StoreSink::Wrote ClickHouseSink::write(std::span<const Batch> batches, std::stri
     for (; written_ < kTables; ++written_) {
         const auto table = static_cast<TableId>(written_);
         std::string body;
-        for (const Batch& batch : batches) body += rowsOf(table, batch);
+        TabWriter writer(body);
+        for (const Batch& batch : batches) putRows(table, batch, writer);
         if (body.empty()) continue;
         const std::string statement =
             std::string("INSERT INTO ") + tableOf(table).name + " FORMAT TabSeparated";
-        if (!run(statement, fault, body)) return Wrote::kLater;
+        if (run(statement, fault, body)) continue;
+        if (!isOfRows(fault)) return Wrote::kLater;
+        refused_ = refused_ || table == kTransactions;
     }
     written_ = 0;
-    return Wrote::kDone;
+    return std::exchange(refused_, false) ? Wrote::kNever : Wrote::kDone;
 }
 
 bool ClickHouseSink::retain(std::int64_t now, std::string& fault) {
-    if (keepDays_ <= 0 || now < nextRetain_) return false;
+    const bool setBack = now < nextRetain_ - kRetainEvery;
+    if (keepDays_ <= 0 || (now < nextRetain_ && !setBack)) {
+        fault = retainFault_;
+        return false;
+    }
     nextRetain_ = now + kRetainEvery;
+    if (forgetDays(now, fault))
+        run("ALTER TABLE names DELETE WHERE instance NOT IN (SELECT instance FROM " + address_.database +
+                ".instances)",
+            fault);
+    retainFault_ = fault;
+    return false;
+}
+
+// True when any was given up.
+bool ClickHouseSink::forgetDays(std::int64_t now, std::string& fault) {
     const auto horizon = static_cast<std::time_t>(now / 1000 - static_cast<std::int64_t>(keepDays_ * 86'400));
     std::tm time{};
     ::gmtime_r(&horizon, &time);
@@ -304,22 +284,34 @@ bool ClickHouseSink::retain(std::int64_t now, std::string& fault) {
                           "' FORMAT TabSeparated");
     std::string_view rest = old.body;
     if (old.status != kHttpOk) fault = firstLine(old.body);
+    bool any = false;
     while (old.status == kHttpOk && !rest.empty()) {
         const std::size_t end = std::min(rest.find('\n'), rest.size());
         const TabRow row(rest.substr(0, end));
-        run("ALTER TABLE " + row.text(0) + " DROP PARTITION " + row.text(1), fault);
+        any = run("ALTER TABLE " + row.text(0) + " DROP PARTITION " + row.text(1), fault) || any;
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
-    return false;
+    return any;
 }
 
+// The oldest day: a look at all rows, each few seconds, would be the server's main work.
 StoreSink::Holds ClickHouseSink::holds() {
     Holds out;
     std::string ignored;
     number(
         "SELECT sum(bytes_on_disk) FROM system.parts WHERE active AND database = '" + address_.database + "'",
         out.bytes, ignored);
-    number("SELECT min(at) FROM sums", out.oldestAt, ignored);
+    std::int64_t day = 0;  // as in 20261122
+    number("SELECT min(partition) FROM system.parts WHERE active AND database = '" + address_.database +
+               "' AND table = 'transactions'",
+           day, ignored);
+    if (day > 0) {
+        std::tm time{};
+        time.tm_year = static_cast<int>(day / 10'000) - 1900;
+        time.tm_mon = static_cast<int>(day / 100 % 100) - 1;
+        time.tm_mday = static_cast<int>(day % 100);
+        out.oldestAt = static_cast<std::int64_t>(::timegm(&time)) * 1000;
+    }
     return out;
 }
 

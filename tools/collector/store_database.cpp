@@ -71,6 +71,7 @@ public:
     std::string contains(const char* column) const override {
         return "instr(" + std::string(column) + ", ?) > 0";
     }
+    bool findsByTime() const override { return false; }
 
 private:
     static int isOver(void* self) { return Clock::now() > static_cast<SqliteDatabase*>(self)->end_; }

@@ -60,6 +60,8 @@ public:
     virtual Answered select(const Sql& sql, const Take& take, std::string& error) = 0;
     // Condition with one "?": the column's text holds the value.
     virtual std::string contains(const char* column) const = 0;
+    // Rows are found by their time, and by nothing else without reading all.
+    virtual bool findsByTime() const = 0;
 };
 
 // A file that is there already, for reading. Null with the reason in `error`.

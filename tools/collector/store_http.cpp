@@ -35,7 +35,9 @@ HttpAnswer failed(const HttpAddress& address, const std::string& why) {
 
 bool waitFor(int fd, short events) {
     pollfd polled{fd, events, 0};
-    const int ready = ::poll(&polled, 1, kHttpSeconds * 1000);
+    int ready = -1;
+    do ready = ::poll(&polled, 1, kHttpSeconds * 1000);
+    while (ready < 0 && errno == EINTR);
     if (ready == 0) errno = ETIMEDOUT;
     return ready > 0;
 }
@@ -128,17 +130,20 @@ bool readAddress(const std::string& url, HttpAddress& out) {
         found.credentials = host.substr(0, at);
         host.remove_prefix(at + 1);
     }
-    if (const std::size_t colon = host.rfind(':'); colon != std::string_view::npos) {
+    const std::size_t colon = host.rfind(':');
+    if (colon != std::string_view::npos && host.find(']', colon) == std::string_view::npos) {
         found.port = host.substr(colon + 1);
         host = host.substr(0, colon);
     }
+    if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);  // IPv6
     found.host = host;
     if (!database.empty()) found.database = database;
     const auto isName = [](char byte) {
         return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
                byte == '_';
     };
-    const bool good = !found.host.empty() && !found.port.empty() &&
+    const bool good = !found.host.empty() && found.host.find_first_of("[]") == std::string::npos &&
+                      !found.port.empty() &&
                       found.port.find_first_not_of("0123456789") == std::string::npos &&
                       std::all_of(found.database.begin(), found.database.end(), isName);
     if (good) out = found;

@@ -15,7 +15,7 @@ namespace vx::collector {
 inline constexpr int kHttpSeconds = 20;
 inline constexpr std::size_t kMostAnswer = std::size_t{256} * 1024 * 1024;
 
-// "http://[user:password@]host[:port][/database]"
+// "http://[user:password@]host[:port][/database]"; an address of IPv6 stands in brackets.
 struct HttpAddress {
     std::string host;
     std::string port = "8123";

@@ -22,13 +22,20 @@ bool isOneOf(const List& list, std::int64_t number) {
     return std::find(list.begin(), list.end(), number) != list.end();
 }
 
-std::size_t textBytes(const TransactionRow& row) {
-    return row.bt.size() + row.url.size() + row.session.size() + row.correlation.size() + row.traceId.size() +
-           row.callerSpan.size();
-}
-
 std::uint64_t nameKey(std::int64_t kind, std::int64_t id) {
     return static_cast<std::uint64_t>(kind) << 32 | static_cast<std::uint64_t>(id);
+}
+
+// A row for something of a transaction.
+template <class Row>
+Row& addItem(std::vector<Row>& rows, const TransactionRow& tx, std::int64_t n) {
+    Row& row = rows.emplace_back();
+    row.tx = tx.id;
+    row.n = n;
+    row.instance = tx.instance;
+    row.at = tx.at;
+    row.bt = tx.bt;
+    return row;
 }
 
 // Names of the instance as they are now.
@@ -103,9 +110,7 @@ void StoreIntake::putLink(Feed& feed) {
     empty.at = feed.link.at;
     empty.instance = feed.link.instance;
     const LinkRow row = std::exchange(feed.link, empty);
-    if (!(row.records || row.monitorRecords || row.bytes || row.dropped || row.incomplete || row.connects ||
-          row.disconnects))
-        return;
+    if (!row.any()) return;
     batch_.links.push_back(row);
     batch_.bytes += sizeof(row);
 }
@@ -124,6 +129,15 @@ void StoreIntake::opened(StreamKind kind, const Identity& identity, std::int64_t
 void StoreIntake::closed(StreamKind kind, const Identity& identity, std::int64_t now) {
     if (kind == StreamKind::kUnknown || kind == StreamKind::kDiscovery) return;
     ++linkOf(feedOf(identity.text(), now), now).disconnects;
+}
+
+void StoreIntake::giveUp(const std::string& name, std::int64_t now) {
+    const auto found = feeds_.find(name);
+    if (found == feeds_.end()) return;
+    forgetOpen(found->second, now);
+    putLink(found->second);
+    if (found->second.told < found->second.row.lastAt) putInstance(found->second);
+    feeds_.erase(found);
 }
 
 void StoreIntake::ordered(std::string_view line) {
@@ -177,10 +191,7 @@ void StoreIntake::dataLine(std::string_view line, Feed& feed, const InstanceStat
     } else if (isOneOf(kNameRecords, number)) {
         name(static_cast<int>(number), rest, feed);
     } else if (number == 10) {
-        while (!feed.open.empty()) {
-            linkOf(feed, now).incomplete += feed.open.begin()->second.begun;
-            forget(feed, feed.open.begin());
-        }
+        forgetOpen(feed, now);
     }
 }
 
@@ -195,12 +206,12 @@ void StoreIntake::name(int number, std::string_view rest, Feed& feed) {
     const std::size_t hash = std::hash<std::string_view>()(text);
 
     // Names go with their instance: the store has to know it first.
-    if (feed.names.empty()) batch_.instances.push_back(feed.row);
+    if (feed.names.empty()) putInstance(feed);
     const auto [known, added] = feed.names.try_emplace(nameKey(number, id), hash);
     if (!added && known->second == hash) return;
     known->second = hash;
     batch_.names.push_back({feed.row.instance, number, id, nextId_, std::string(text)});
-    batch_.bytes += sizeof(StoredName) + text.size();
+    batch_.bytes += bytesOf(batch_.names.back());
 }
 
 StoreIntake::Open& StoreIntake::openOf(Feed& feed, std::int64_t flowpath, std::int64_t now) {
@@ -225,6 +236,13 @@ void StoreIntake::forget(Feed& feed, std::unordered_map<std::int64_t, Open>::ite
     openBytes_ -= sizeof(Open) + at->second.lines.size();
     ages_.erase(at->second.age);
     feed.open.erase(at);
+}
+
+void StoreIntake::forgetOpen(Feed& feed, std::int64_t now) {
+    while (!feed.open.empty()) {
+        linkOf(feed, now).incomplete += feed.open.begin()->second.begun;
+        forget(feed, feed.open.begin());
+    }
 }
 
 // The oldest give way while there are too many, or when they are too old.
@@ -296,7 +314,7 @@ void StoreIntake::end(std::string_view rest, std::string_view line, Feed& feed, 
     add(Monitored::kBt, row, row.bt, oneOf(row.duration, static_cast<int>(row.category)),
         row.duration * 1000);
     items(stored, instance, feed);
-    batch_.bytes += sizeof(stored) + textBytes(row) + stored.lines.size();
+    batch_.bytes += bytesOf(stored);
     batch_.transactions.push_back(std::move(stored));
 }
 
@@ -334,12 +352,7 @@ void StoreIntake::sequence(std::string_view blob, StoredTransaction& stored, con
 
 void StoreIntake::callout(const BlobItem& item, StoredTransaction& stored, const InstanceState& instance) {
     TransactionRow& tx = stored.row;
-    StoredCallout& row = batch_.callouts.emplace_back();
-    row.tx = tx.id;
-    row.n = tx.callouts++;
-    row.instance = tx.instance;
-    row.at = tx.at;
-    row.bt = tx.bt;
+    StoredCallout& row = addItem(batch_.callouts, tx, tx.callouts++);
     row.backend = plainName(nameOf(instance.methods, item.methodId, "back-end"));
     row.target = targetText(item.target);
     row.us = item.us;
@@ -348,7 +361,7 @@ void StoreIntake::callout(const BlobItem& item, StoredTransaction& stored, const
     Figures figures = oneOf(item.us / 1000);
     figures.error = item.failed;
     add(Monitored::kBackend, tx, row.backend, figures, item.us);
-    batch_.bytes += sizeof(row) + row.bt.size() + row.backend.size();
+    batch_.bytes += bytesOf(row);
 }
 
 void StoreIntake::exception(std::string_view rest, StoredTransaction& stored, const InstanceState& instance,
@@ -356,17 +369,12 @@ void StoreIntake::exception(std::string_view rest, StoredTransaction& stored, co
     TransactionException thrown;
     if (!readException(rest, feed.row.epochMs, lookupOf(instance), thrown)) return;
     TransactionRow& tx = stored.row;
-    StoredException& row = batch_.exceptions.emplace_back();
-    row.tx = tx.id;
-    row.n = tx.exceptions++;
-    row.instance = tx.instance;
-    row.at = tx.at;
-    row.bt = tx.bt;
+    StoredException& row = addItem(batch_.exceptions, tx, tx.exceptions++);
     row.name = std::move(thrown.name);
     row.place = exceptionText(thrown.throwingClass, thrown.throwingMethod, thrown.message, thrown.cause);
     row.stack = std::move(thrown.stack);
     add(Monitored::kException, tx, row.name, oneOf(0), 0);
-    batch_.bytes += sizeof(row) + row.bt.size() + row.name.size() + row.place.size() + row.stack.size();
+    batch_.bytes += bytesOf(row);
 }
 
 void StoreIntake::add(Monitored kind, const TransactionRow& in, std::string_view name, const Figures& figures,
@@ -391,14 +399,17 @@ void StoreIntake::monitor(std::string_view line, Feed& feed, const InstanceState
     batch_.bytes += sizeof(row) + row.name.size() + row.line.size();
 }
 
+void StoreIntake::putInstance(Feed& feed) {
+    feed.told = feed.row.lastAt;
+    batch_.instances.push_back(feed.row);
+    batch_.bytes += sizeof(InstanceRow) + feed.row.app.size() + feed.row.tier.size();
+}
+
 void StoreIntake::gather(std::int64_t now) {
     gathered_ = now;
     for (auto& [name, feed] : feeds_) {
         putLink(feed);
-        if (feed.told && feed.row.lastAt < feed.told + kInstanceEvery) continue;
-        feed.told = feed.row.lastAt;
-        batch_.instances.push_back(feed.row);
-        batch_.bytes += sizeof(InstanceRow) + name.size();
+        if (!feed.told || feed.row.lastAt >= feed.told + kInstanceEvery) putInstance(feed);
     }
     sums_.take(batch_);
 }
@@ -422,16 +433,14 @@ void StoreIntake::dropTransactions() {
     std::size_t bytes = 0;
     std::unordered_map<std::int64_t, std::int64_t> ofInstance;
     for (const StoredTransaction& stored : batch_.transactions) {
-        bytes += sizeof(stored) + textBytes(stored.row) + stored.lines.size();
+        bytes += bytesOf(stored);
         ++ofInstance[stored.row.instance];
     }
     for (auto& [name, feed] : feeds_)
         if (const auto count = ofInstance.find(feed.row.instance); count != ofInstance.end())
             feed.link.dropped += count->second;
-    for (const StoredCallout& row : batch_.callouts)
-        bytes += sizeof(row) + row.bt.size() + row.backend.size();
-    for (const StoredException& row : batch_.exceptions)
-        bytes += sizeof(row) + row.bt.size() + row.name.size() + row.place.size() + row.stack.size();
+    for (const StoredCallout& row : batch_.callouts) bytes += bytesOf(row);
+    for (const StoredException& row : batch_.exceptions) bytes += bytesOf(row);
     dropped_.fetch_add(batch_.transactions.size(), std::memory_order_relaxed);
     batch_.bytes -= bytes;
     batch_.transactions.clear();
@@ -439,11 +448,22 @@ void StoreIntake::dropTransactions() {
     batch_.exceptions.clear();
 }
 
-// Nothing could be written for long. Names are told anew when they come again.
+// Nothing could be written for long. What the monitors told goes; what counts losses is small once it is
+// added up, and names are told once: both stay as long as they are no more than half of what may wait.
 void StoreIntake::dropRest() {
-    batch_ = {};
+    std::map<std::int64_t, LinkRow> links;
+    for (const LinkRow& row : batch_.links)
+        links.try_emplace(row.instance, LinkRow{row.at, row.instance}).first->second.add(row);
+    Batch kept;
+    for (const auto& [instance, row] : links) kept.links.push_back(row);
+    kept.bytes = kept.links.size() * sizeof(LinkRow);
+    for (const StoredName& name : batch_.names) kept.bytes += bytesOf(name);
+    const bool namesStay = kept.bytes <= kMostPending / 2;
+    if (namesStay) kept.names = std::move(batch_.names);
+    if (!namesStay) kept.bytes = kept.links.size() * sizeof(LinkRow);
+    batch_ = std::move(kept);
     for (auto& [name, feed] : feeds_) {
-        feed.names.clear();
+        if (!namesStay) feed.names.clear();
         feed.told = 0;
     }
 }

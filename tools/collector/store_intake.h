@@ -52,6 +52,8 @@ public:
     // A connection of that kind begins or ends.
     void opened(StreamKind kind, const Identity& identity, std::int64_t now);
     void closed(StreamKind kind, const Identity& identity, std::int64_t now);
+    // An instance is forgotten: what it had in flight counts as incomplete.
+    void giveUp(const std::string& name, std::int64_t now);
     // A line of a data or auto-sensor connection, after `instance` has learnt from it. `separator` is that of
     // the monitors' names.
     void line(StreamKind kind, std::string_view line, const InstanceState& instance, char separator,
@@ -88,10 +90,12 @@ private:
     Feed& feedOf(const std::string& name, std::int64_t now);
     LinkRow& linkOf(Feed& feed, std::int64_t now);
     void putLink(Feed& feed);
+    void putInstance(Feed& feed);
     void dataLine(std::string_view line, Feed& feed, const InstanceState& instance, std::int64_t now);
     void name(int number, std::string_view rest, Feed& feed);
     Open& openOf(Feed& feed, std::int64_t flowpath, std::int64_t now);
     void keep(Open& open, std::string_view line);
+    void forgetOpen(Feed& feed, std::int64_t now);
     void forget(Feed& feed, std::unordered_map<std::int64_t, Open>::iterator at);
     void makeRoom(std::int64_t now);
     void begin(std::string_view rest, std::string_view line, Feed& feed, std::int64_t now);

@@ -7,16 +7,20 @@
 #include <unordered_map>
 
 #include "tools/collector/store_clickhouse.h"
+#include "tools/collector/store_schema.h"
 
 namespace vx::collector {
 
 namespace {
 
 constexpr std::size_t kMostCallees = 100, kMostRequests = 5000;
-constexpr const char* kTransactionColumns =
-    "id, instance, flowpath, at, start, duration, cpu, status, category, end_reason, bt, url, session, page, "
-    "parent, previous, correlation, trace_id, caller_span, callouts, exceptions";
+constexpr std::int64_t kHourMs = 3'600'000, kDayMs = 24 * kHourMs;
 
+std::string selectTransactions() {
+    return "SELECT " + columnsOf(tableOf(kTransactions)) + " FROM transactions WHERE ";
+}
+
+// The columns in the order of the table.
 TransactionRow transactionOf(const ResultRow& row) {
     TransactionRow out;
     int at = 0;
@@ -71,7 +75,7 @@ StoreQuery::~StoreQuery() = default;
 
 bool StoreQuery::openClickHouse(const std::string& url, int timeMs) {
     HttpAddress address;
-    error_ = "not an address: " + url;
+    error_ = "not an address of a ClickHouse server";
     database_.reset();
     if (readAddress(url, address)) database_ = collector::openClickHouse(address, timeMs, error_);
     return database_ != nullptr;
@@ -92,7 +96,7 @@ Answered StoreQuery::ask(const Sql& sql, const Database::Take& take, Answered& w
 Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out) {
     out.clear();
     Answered answer = Answered::kOk;
-    Sql sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE 1 = 1");
+    Sql sql(selectTransactions() + "1 = 1");
     addFilters(sql, query, *database_);
     const std::size_t limit = std::min(query.limit, kMostRows);
     sql.add(" ORDER BY at DESC, id DESC LIMIT ?", static_cast<std::int64_t>(limit));
@@ -101,16 +105,20 @@ Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<Tr
     return answer;
 }
 
-// The name that was in force when the transaction ended: the latest before it, of the same collector.
+// The name that was in force when the transaction ended: the latest before it. One that was told to another
+// collector may stand behind it.
 std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_t id,
                                std::int64_t transaction) {
     std::string name;
     Answered ignored = Answered::kOk;
-    Sql sql("SELECT name FROM names WHERE instance = ?");
-    sql.add("", instance).add(" AND kind = ?", static_cast<std::int64_t>(kind)).add(" AND id = ?", id);
-    sql.add(" AND since <= ?", transaction).add(" ORDER BY since DESC LIMIT 1");
-    ask(
-        sql, [&](const ResultRow& row) { name = row.text(0); }, ignored);
+    for (const char* which :
+         {" AND since <= ? ORDER BY since DESC LIMIT 1", " AND since > ? ORDER BY since LIMIT 1"}) {
+        Sql sql("SELECT name FROM names WHERE instance = ?");
+        sql.add("", instance).add(" AND kind = ?", static_cast<std::int64_t>(kind)).add(" AND id = ?", id);
+        ask(
+            sql.add(which, transaction), [&](const ResultRow& row) { name = row.text(0); }, ignored);
+        if (!name.empty()) break;
+    }
     return name;
 }
 
@@ -118,7 +126,7 @@ Answered StoreQuery::transactionsBehind(std::int64_t afterId, TimeSpan span, std
                                         std::vector<TransactionRow>& out) {
     out.clear();
     Answered answer = Answered::kOk;
-    Sql sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE id > ?");
+    Sql sql(selectTransactions() + "id > ?");
     sql.add("", afterId);
     addSpan(sql, span);
     sql.add(" ORDER BY id LIMIT ?", static_cast<std::int64_t>(std::min(limit, kMostRows)));
@@ -127,22 +135,35 @@ Answered StoreQuery::transactionsBehind(std::int64_t afterId, TimeSpan span, std
     return answer;
 }
 
-// The one row that a condition picks.
-Answered StoreQuery::oneRow(const char* condition, std::int64_t value, TransactionRow& out) {
+// From when on to look, one after the other until it is found: what is asked for is young as a rule.
+std::vector<std::int64_t> StoreQuery::beginnings() const {
+    const std::int64_t now = epochNow();
+    if (!database_->findsByTime()) return {0};
+    return {now - kHourMs, now - kDayMs, 0};
+}
+
+// The one row of that value, the latest when there are several.
+Answered StoreQuery::latestOf(const char* column, std::int64_t value, TransactionRow& out) {
     out = {};
     Answered answer = Answered::kOk;
-    ask(
-        Sql(std::string("SELECT ") + kTransactionColumns + " FROM transactions WHERE ").add(condition, value),
-        [&](const ResultRow& row) { out = transactionOf(row); }, answer);
+    for (const std::int64_t from : beginnings()) {
+        Sql sql(selectTransactions() + column);
+        sql.add(" = ?", value).add(" AND at >= ?", from).add(" ORDER BY id DESC LIMIT 1");
+        ask(
+            sql, [&](const ResultRow& row) { out = transactionOf(row); }, answer);
+        if (out.id != 0 || answer == Answered::kFailed) break;
+    }
     return answer == Answered::kOk && out.id == 0 ? Answered::kFailed : answer;
 }
 
 Answered StoreQuery::transactionRow(std::int64_t id, TransactionRow& out) {
-    return oneRow("id = ?", id, out);
+    return latestOf("id", id, out);
 }
 
 Answered StoreQuery::callerOf(const TransactionRow& row, TransactionRow& out) {
-    return oneRow("flowpath = ? AND flowpath <> 0 ORDER BY id DESC LIMIT 1", row.previous, out);
+    out = {};
+    error_.clear();
+    return row.previous ? latestOf("flowpath", row.previous, out) : Answered::kFailed;
 }
 
 Answered StoreQuery::transaction(std::int64_t id, TransactionDetails& out) {
@@ -185,7 +206,10 @@ Answered StoreQuery::neighbours(TransactionDetails& out) {
         ask(
             Sql("SELECT id FROM transactions WHERE previous = ?")
                 .add("", out.row.flowpath)
-                .add(" AND previous <> 0 ORDER BY id LIMIT ?", static_cast<std::int64_t>(kMostCallees)),
+                .add(" AND previous <> 0 AND at >= ?",
+                     out.row.start - kDayMs)  // clocks differ by a day at most
+                .add(" AND at < ?", out.row.at + kDayMs)
+                .add(" ORDER BY id LIMIT ?", static_cast<std::int64_t>(kMostCallees)),
             [&](const ResultRow& row) { out.callees.push_back(row.number(0)); }, answer);
     return answer;
 }
@@ -195,7 +219,7 @@ Answered StoreQuery::comparisons(TimeSpan span, std::vector<RunComparison>& out)
     Answered answer = Answered::kOk;
     Sql sql("SELECT at, instance, agreed, partial, differing FROM comparisons WHERE 1 = 1");
     addSpan(sql, span);
-    sql.add(" ORDER BY at DESC LIMIT ?", static_cast<std::int64_t>(kMostRows));
+    sql.add(" ORDER BY at DESC, instance LIMIT ?", static_cast<std::int64_t>(kMostRows));
     ask(
         sql,
         [&](const ResultRow& row) {
@@ -212,7 +236,7 @@ Answered StoreQuery::instances(std::vector<InstanceRow>& out) {
     Answered answer = Answered::kOk;
     Sql sql(
         "SELECT instance, max(tier), max(server), max(app), max(agent), max(epoch), min(first), max(last) "
-        "FROM instances GROUP BY instance ORDER BY max(last) DESC LIMIT ?");
+        "FROM instances GROUP BY instance ORDER BY max(last) DESC, instance LIMIT ?");
     sql.add("", static_cast<std::int64_t>(kMostRows));
     ask(
         sql,
@@ -274,31 +298,36 @@ Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
     std::vector<std::int64_t> instances;
     const auto limit = static_cast<std::int64_t>(std::min(most, kMostRequests));
     std::int64_t first = INT64_MAX;
-    Sql sql("SELECT id, instance, bt, url, at FROM transactions ORDER BY at DESC, id DESC LIMIT ?");
-    sql.add("", limit);
-    ask(
-        sql,
-        [&](const ResultRow& row) {
-            RequestRow& request = out.emplace_back();
-            request.id = row.number(0);
-            instances.push_back(row.number(1));
-            first = std::min(first, row.number(4));
-            request.bt = row.text(2);
-            const std::string url = row.text(3);
-            const std::size_t mark = url.find('?');
-            request.url = url.substr(0, mark);
-            if (mark != std::string::npos) request.query = url.substr(mark + 1);
-        },
-        answer);
+    for (const std::int64_t from : beginnings()) {
+        if (out.size() == static_cast<std::size_t>(limit) || answer == Answered::kFailed) break;
+        out.clear();
+        instances.clear();
+        Sql sql("SELECT id, instance, bt, url, at FROM transactions WHERE at >= ?");
+        sql.add("", from).add(" ORDER BY at DESC, id DESC LIMIT ?", limit);
+        ask(
+            sql,
+            [&](const ResultRow& row) {
+                RequestRow& request = out.emplace_back();
+                request.id = row.number(0);
+                instances.push_back(row.number(1));
+                first = std::min(first, row.number(4));
+                request.bt = row.text(2);
+                const std::string url = row.text(3);
+                const std::size_t mark = url.find('?');
+                request.url = url.substr(0, mark);
+                if (mark != std::string::npos) request.query = url.substr(mark + 1);
+            },
+            answer);
+    }
     if (out.empty() || answer == Answered::kFailed) return answer;
     std::unordered_map<std::int64_t, std::size_t> places;
     for (std::size_t at = 0; at < out.size(); ++at) places[out[at].id] = at;
     std::map<std::tuple<std::int64_t, std::int64_t, std::int64_t>, std::string> known;
     std::vector<std::pair<std::size_t, std::string>> lines;
     ask(
-        Sql("SELECT tx, lines FROM records WHERE tx IN (SELECT id FROM transactions ORDER BY at DESC, id "
-            "DESC LIMIT ?)")
-            .add("", limit)
+        Sql("SELECT tx, lines FROM records WHERE tx IN (SELECT id FROM transactions WHERE at >= ?")
+            .add("", first)
+            .add(" ORDER BY at DESC, id DESC LIMIT ?)", limit)
             .add(" AND at >= ?", first),
         [&](const ResultRow& row) {
             const auto place = places.find(row.number(0));

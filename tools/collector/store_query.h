@@ -168,7 +168,8 @@ public:
 
 private:
     Answered ask(const Sql& sql, const Database::Take& take, Answered& worst);
-    Answered oneRow(const char* condition, std::int64_t value, TransactionRow& out);
+    std::vector<std::int64_t> beginnings() const;
+    Answered latestOf(const char* column, std::int64_t value, TransactionRow& out);
     Answered round(SumsQuery& query);
     std::string nameOf(std::int64_t instance, NameKind kind, std::int64_t id, std::int64_t transaction);
     Answered readLines(TransactionDetails& out);

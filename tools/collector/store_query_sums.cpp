@@ -16,6 +16,9 @@ constexpr std::size_t kMostNames = 500;
 constexpr std::size_t kMostBts = 20;
 constexpr const char* kMoreName = "(more)";
 constexpr const char* kAllName = "(all)";
+// The rest of a division by a small number is a small number, whose sign may be lost: 60000 has to be a large
+// one.
+constexpr const char* kBin = "at - at % CAST(? AS Int64) AS bin";
 constexpr const char* kFigures =
     "sum(count), sum(normal), sum(slow), sum(very_slow), sum(error), min(least), max(most)";
 
@@ -104,7 +107,7 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
         },
         answer);
 
-    Sql bins(std::string("SELECT name, at - at % ? AS bin, sum(discarded), sum(total_us), ") + kFigures +
+    Sql bins(std::string("SELECT name, ") + kBin + ", sum(discarded), sum(total_us), " + kFigures +
              " FROM sums");
     bins.add("", query.stepMs);
     addConditions(bins, query, true);
@@ -156,7 +159,7 @@ Answered StoreQuery::backends(TimeSpan span, Backends& out) {
     std::map<std::string, std::int64_t> totalUs;
     Sql calls("SELECT instance, name, sum(count), sum(error), sum(total_us) FROM sums");
     addConditions(calls, query, true);
-    calls.add(" GROUP BY instance, name ORDER BY sum(count) DESC LIMIT ?",
+    calls.add(" GROUP BY instance, name ORDER BY sum(count) DESC, instance, name LIMIT ?",
               static_cast<std::int64_t>(kMostRows));
     ask(
         calls,
@@ -282,7 +285,7 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
             row.steps.push_back({sums.span.from + static_cast<std::int64_t>(at) * sums.stepMs, {}, {}});
     };
     Places places;
-    Sql told(std::string("SELECT name, at - at % ? AS bin, sum(total), ") + kFigures + " FROM monitors");
+    Sql told(std::string("SELECT name, ") + kBin + ", sum(total), " + kFigures + " FROM monitors");
     told.add("", query.stepMs);
     addConditions(told, query, false);
     told.add(" GROUP BY name, bin");

@@ -1,7 +1,7 @@
 // Rows of a store, and the batch in which they travel from the intake to the writer.
 //
-// Each row lists its values in the order of its table's columns (store_schema); what a column means stands in
-// docs/collector.md.
+// Each row lists its values in the order of its table's columns (store_schema): putRows() is what all engines
+// write from. What a column means stands in docs/collector.md.
 //
 // Units     Milliseconds since the Unix epoch, durations in milliseconds, `us` in microseconds.
 // Threads   A batch belongs to one thread at a time.
@@ -15,17 +15,20 @@
 
 #include "tools/collector/collector_monitors.h"
 #include "tools/collector/store_details.h"
+#include "tools/collector/store_schema.h"
 
 namespace vx::collector {
 
 inline constexpr std::int64_t kSumStep = 10'000, kLongSumStep = 600'000;
 
-// Takes the values of one row, in the order of its columns.
+// Takes rows: the values of each in the order of its columns, and its end.
 class RowSink {
 public:
     virtual ~RowSink() = default;
     virtual void number(std::int64_t value) = 0;
     virtual void text(std::string_view value) = 0;
+    // False when the row cannot be taken: no further one comes.
+    virtual bool endRow() = 0;
 };
 
 struct StoredTransaction {
@@ -71,6 +74,9 @@ struct LinkRow {
     std::int64_t dropped = 0;     // transactions that found no room on their way into the store
     std::int64_t incomplete = 0;  // transactions whose end did not come
     std::int64_t connects = 0, disconnects = 0;
+
+    bool any() const;
+    void add(const LinkRow& more);  // its counts
 };
 struct InstanceRow {
     std::int64_t instance = 0;  // its key, below 2^53
@@ -100,18 +106,14 @@ struct Batch {
     bool empty() const { return bytes == 0; }
 };
 
-// The values of a row.
-void putRow(const StoredTransaction& row, RowSink& out);  // of `transactions`
-void putRow(const StoredCallout& row, RowSink& out);
-void putRow(const StoredException& row, RowSink& out);
-void putRow(const StoredName& row, RowSink& out);
-void putRow(const StoredSum& row, RowSink& out);
-void putRow(const StoredBucket& row, RowSink& out);
-void putRow(const StoredMonitor& row, RowSink& out);
-void putRow(const LinkRow& row, RowSink& out);
-void putRow(const InstanceRow& row, RowSink& out);
-void putRow(const RunComparison& row, RowSink& out);
-void putLines(const StoredTransaction& row, RowSink& out);  // of `records`
+// All rows of a table; false when the sink did not take one.
+bool putRows(TableId table, const Batch& batch, RowSink& out);
+
+// About what a row takes in memory.
+std::size_t bytesOf(const StoredTransaction& row);
+std::size_t bytesOf(const StoredCallout& row);
+std::size_t bytesOf(const StoredException& row);
+std::size_t bytesOf(const StoredName& row);
 
 // Milliseconds since the Unix epoch, now.
 std::int64_t epochNow();

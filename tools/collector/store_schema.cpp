@@ -16,6 +16,16 @@ constexpr Column key(const char* name, ColumnType type = kNumber) {
 constexpr Column sum(const char* name) {
     return {name, kNumber, Fold::kAdd};
 }
+template <std::size_t... Sizes>
+constexpr auto joined(const std::array<Column, Sizes>&... parts) {
+    std::array<Column, (0 + ... + Sizes)> out{};
+    std::size_t at = 0;
+    const auto add = [&](const auto& part) {
+        for (const Column& column : part) out[at++] = column;
+    };
+    (add(parts), ...);
+    return out;
+}
 
 constexpr auto kTransactionColumns = std::to_array<Column>({
     key("id"),
@@ -70,46 +80,31 @@ constexpr auto kNameColumns = std::to_array<Column>({
     key("since"),
     {"name", kText},
 });
-constexpr auto kSumColumns = std::to_array<Column>({
+// What sums are kept of, and what sums and monitors count.
+constexpr auto kObject = std::to_array<Column>({
     key("step"),
     key("kind"),
     key("at"),
     key("instance"),
     key("name", kText),
+});
+constexpr auto kCounts = std::to_array<Column>({
     sum("count"),
     sum("normal"),
     sum("slow"),
     sum("very_slow"),
     sum("error"),
-    sum("discarded"),
-    sum("total_us"),
+});
+constexpr auto kRange = std::to_array<Column>({
     {"least", kNumber, Fold::kLeast},
     {"most", kNumber, Fold::kMost},
 });
-constexpr auto kBucketColumns = std::to_array<Column>({
-    key("step"),
-    key("kind"),
-    key("at"),
-    key("instance"),
-    key("name", kText),
-    key("bucket"),
-    sum("count"),
-});
-constexpr auto kMonitorColumns = std::to_array<Column>({
-    key("at"),
-    key("instance"),
-    key("kind"),
-    key("name", kText),
-    sum("count"),
-    sum("normal"),
-    sum("slow"),
-    sum("very_slow"),
-    sum("error"),
-    sum("total"),
-    {"least", kNumber, Fold::kLeast},
-    {"most", kNumber, Fold::kMost},
-    {"line", kText},
-});
+constexpr auto kSumColumns =
+    joined(kObject, kCounts, std::to_array<Column>({sum("discarded"), sum("total_us")}), kRange);
+constexpr auto kBucketColumns = joined(kObject, std::to_array<Column>({key("bucket"), sum("count")}));
+constexpr auto kMonitorColumns =
+    joined(std::to_array<Column>({key("at"), key("instance"), key("kind"), key("name", kText)}), kCounts,
+           std::to_array<Column>({sum("total")}), kRange, std::to_array<Column>({{"line", kText}}));
 constexpr auto kLinkColumns = std::to_array<Column>({
     key("at"),
     key("instance"),
@@ -145,12 +140,12 @@ constexpr auto kTableRows = std::to_array<Table>({
     {"records", kRecordColumns, false, nullptr},
     {"callouts", kCalloutColumns, false, nullptr},
     {"exceptions", kExceptionColumns, false, nullptr},
+    {"instances", kInstanceColumns, true, "last"},
     {"names", kNameColumns, true, nullptr},
     {"sums", kSumColumns, true, "at"},
     {"buckets", kBucketColumns, true, "at"},
     {"monitors", kMonitorColumns, true, "at"},
     {"links", kLinkColumns, true, "at"},
-    {"instances", kInstanceColumns, true, "last"},
     {"comparisons", kComparisonColumns, true, "at"},
 });
 static_assert(kTableRows.size() == kTables, "every TableId needs one row");
@@ -168,11 +163,11 @@ constexpr auto kIndexes = std::to_array<const char*>({
 
 // "a, b, c" of the columns that `wanted` picks, each as `form` makes it.
 template <class Wanted, class Form>
-std::string listOf(const Table& table, Wanted wanted, Form form) {
+std::string listOf(const Table& table, Wanted wanted, Form form, const char* separator = ", ") {
     std::string out;
     for (const Column& column : table.columns) {
         if (!wanted(column)) continue;
-        if (!out.empty()) out += ", ";
+        if (!out.empty()) out += separator;
         out += form(column);
     }
     return out;
@@ -207,6 +202,10 @@ const Table& tableOf(TableId id) {
     return kTableRows[id];
 }
 
+std::string columnsOf(const Table& table, const char* separator) {
+    return listOf(table, any, nameOnly, separator);
+}
+
 std::string sqliteCreate(const Table& table) {
     const std::string keys = listOf(table, isKey, nameOnly);
     const bool rowId = keys.find(',') == std::string::npos;  // a single number is the row's own number
@@ -221,7 +220,7 @@ std::string sqliteCreate(const Table& table) {
 
 std::string sqliteInsert(const Table& table) {
     std::string out = table.folds ? "INSERT INTO " : "INSERT OR REPLACE INTO ";
-    out += std::string(table.name) + "(" + listOf(table, any, nameOnly) + ") VALUES(" +
+    out += std::string(table.name) + "(" + columnsOf(table) + ") VALUES(" +
            listOf(table, any, [](const Column&) { return "?"; }) + ")";
     if (!table.folds) return out;
     return out + " ON CONFLICT(" + listOf(table, isKey, nameOnly) + ") DO UPDATE SET " +

@@ -30,21 +30,25 @@ struct Table {
     const char* time;  // the column by which old rows go; null: they go otherwise
 };
 
+// In the order in which they are written: no id is given out twice when only the first ones got there, and
+// the names of an instance never come before it.
 enum TableId {
     kTransactions,
     kRecords,
     kCallouts,
     kExceptions,
+    kInstances,
     kNames,
     kSums,
     kBuckets,
     kMonitors,
     kLinks,
-    kInstances,
     kComparisons,
     kTables
 };
 const Table& tableOf(TableId id);
+// The names of its columns, in their order.
+std::string columnsOf(const Table& table, const char* separator = ", ");
 
 // Statements of SQLite.
 std::string sqliteCreate(const Table& table);

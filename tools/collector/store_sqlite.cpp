@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 namespace vx::collector {
 
@@ -27,7 +29,7 @@ public:
         sqlite3_bind_text64(statement_, ++at_, value.empty() ? "" : value.data(), value.size(), SQLITE_STATIC,
                             SQLITE_UTF8);
     }
-    bool step() {
+    bool endRow() override {
         at_ = 0;
         const bool done = sqlite3_step(statement_) == SQLITE_DONE;
         return sqlite3_reset(statement_) == SQLITE_OK && done;
@@ -65,13 +67,13 @@ SqliteSink::~SqliteSink() {
 
 bool SqliteSink::open(const std::string& path, const Retention& retention, std::string& error) {
     retention_ = retention;
+    path_ = path;
     if (!lock(path, error)) return false;
     if (sqlite3_open_v2(path.c_str(), &database_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                         nullptr) != SQLITE_OK ||
         !prepareFile(error)) {
-        if (error.empty()) error = database_ ? sqlite3_errmsg(database_) : "no memory";
-        error = path + ": " + error;
+        error = path + ": " + (error.empty() ? whyNot() : error);
         return false;
     }
     return true;
@@ -105,8 +107,8 @@ bool SqliteSink::prepareFile(std::string& error) {
                 std::to_string(kSchemaVersion) + " is known)";
         return false;
     }
-    if (tables == 0 && !create(error)) return false;
-    if (!run("PRAGMA journal_mode=WAL") || !run("PRAGMA synchronous=NORMAL") ||
+    if (tables == 0 && !create()) return false;
+    if (!writesAhead(error) || !run("PRAGMA synchronous=NORMAL") ||
         !run("PRAGMA journal_size_limit=67108864") || !run("PRAGMA cache_size=-32768"))
         return false;
     for (int id = 0; id < kTables; ++id) {
@@ -123,7 +125,19 @@ bool SqliteSink::prepareFile(std::string& error) {
     return run("UPDATE meta SET value = value WHERE name = 'last_id'");  // says whether it can be written
 }
 
-bool SqliteSink::create(std::string&) {
+// The statement answers with the kind of journal that there is now.
+bool SqliteSink::writesAhead(std::string& error) {
+    std::string kind;
+    const auto take = [](void* out, int, char** values, char**) {
+        *static_cast<std::string*>(out) = values[0] ? values[0] : "";
+        return 0;
+    };
+    if (sqlite3_exec(database_, "PRAGMA journal_mode=WAL", take, &kind, nullptr) != SQLITE_OK) return false;
+    if (kind != "wal") error = "this file system has no locks or no shared memory: a local disk is needed";
+    return error.empty();
+}
+
+bool SqliteSink::create() {
     // Before the first table, or it has no effect.
     if (!run("PRAGMA auto_vacuum=INCREMENTAL") || !run("BEGIN IMMEDIATE")) return false;
     bool made =
@@ -134,6 +148,26 @@ bool SqliteSink::create(std::string&) {
     for (int id = 0; id < kTables; ++id) made = made && run(sqliteCreate(tableOf(static_cast<TableId>(id))));
     for (const char* index : sqliteIndexes()) made = made && run(index);
     return made && run("COMMIT");
+}
+
+std::string SqliteSink::whyNot() const {
+    if (!database_) return "no memory";
+    const int code = sqlite3_errcode(database_);
+    const std::string folder = std::filesystem::path(path_).parent_path().string();
+    if ((code == SQLITE_CANTOPEN || code == SQLITE_READONLY) &&
+        ::access(folder.empty() ? "." : folder.c_str(), W_OK) != 0)
+        return "its folder cannot be written, and journals stand beside it: " +
+               std::string(std::strerror(errno));
+    const int system = code == SQLITE_IOERR || code == SQLITE_CANTOPEN ? sqlite3_system_errno(database_) : 0;
+    return sqlite3_errmsg(database_) + (system ? std::string(": ") + std::strerror(system) : std::string());
+}
+
+// What goes into a file that has been removed is lost as soon as this process ends.
+bool SqliteSink::isThere() const {
+    struct stat opened {
+    }, named{};
+    return ::fstat(lockFd_, &opened) == 0 && ::stat(path_.c_str(), &named) == 0 &&
+           opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
 }
 
 bool SqliteSink::run(const std::string& sql) {
@@ -153,34 +187,24 @@ std::int64_t SqliteSink::number(const std::string& sql, std::int64_t otherwise) 
     return value;
 }
 
-template <class Row>
-bool SqliteSink::insert(TableId table, const std::vector<Row>& rows) {
-    Binder binder(inserts_[table]);
-    for (const Row& row : rows) {
-        putRow(row, binder);
-        if (!binder.step()) return false;
+bool SqliteSink::insert(const Batch& batch) {
+    for (int id = 0; id < kTables; ++id) {
+        const auto table = static_cast<TableId>(id);
+        Binder binder(inserts_[table]);
+        if (!putRows(table, batch, binder)) return false;
     }
     return true;
 }
 
-bool SqliteSink::insertAll(const Batch& batch) {
-    Binder lines(inserts_[kRecords]);
-    for (const StoredTransaction& row : batch.transactions) {
-        putLines(row, lines);
-        if (!lines.step()) return false;
-    }
-    return insert(kInstances, batch.instances) && insert(kNames, batch.names) &&
-           insert(kTransactions, batch.transactions) && insert(kCallouts, batch.callouts) &&
-           insert(kExceptions, batch.exceptions) && insert(kSums, batch.sums) &&
-           insert(kBuckets, batch.buckets) && insert(kMonitors, batch.monitors) &&
-           insert(kLinks, batch.links) && insert(kComparisons, batch.comparisons);
-}
-
 StoreSink::Wrote SqliteSink::write(std::span<const Batch> batches, std::string& fault) {
+    if (!isThere()) {
+        fault = path_ + " was removed, or another file is in its place; a restart makes a new one";
+        return Wrote::kLater;
+    }
     std::int64_t last = nextId_ - 1;
     bool done = run("BEGIN IMMEDIATE");
     for (const Batch& batch : batches) {
-        done = done && insertAll(batch);
+        done = done && insert(batch);
         if (!batch.transactions.empty()) last = std::max(last, batch.transactions.back().row.id);
     }
     if (done && last >= nextId_)
@@ -190,7 +214,7 @@ StoreSink::Wrote SqliteSink::write(std::span<const Batch> batches, std::string& 
         return Wrote::kDone;
     }
     const int code = sqlite3_extended_errcode(database_);
-    fault = sqlite3_errmsg(database_);
+    fault = whyNot();
     for (sqlite3_stmt* statement : inserts_) sqlite3_reset(statement);
     if (sqlite3_get_autocommit(database_) == 0) run("ROLLBACK");
     return isPassing(code) ? Wrote::kLater : Wrote::kNever;
@@ -256,13 +280,13 @@ bool SqliteSink::retain(std::int64_t now, std::string& fault) {
         done = first == 0 || forgetOld(first + std::max(kLongSumStep, (now - first) / 10));
         done = done && forgetSumsBefore(kSumStep, first + std::max(kLongSumStep, (now - first) / 10));
     }
-    if (done && now >= nextAged_) {
+    if (done && (now >= nextAged_ || now < nextAged_ - kAgedEvery)) {  // the latter: the clock was set back
         done = forgetOld(horizon) && forgetSumsBefore(kSumStep, std::max(horizon, now - kShortSumsMs));
-        nextAged_ = now + kAgedEvery;
+        if (done) nextAged_ = now + kAgedEvery;
     }
     if (done && number("PRAGMA freelist_count") > kVacuumPages)
         done = run("PRAGMA incremental_vacuum(" + std::to_string(kVacuumPages) + ")");
-    if (!done) fault = sqlite3_errmsg(database_);
+    if (!done) fault = whyNot();
     return done && more;
 }
 

@@ -7,7 +7,8 @@
 // no longer needs goes back to the system in steps. Sums of kSumStep are kept for two days.
 //
 // Errors    open() refuses, with the reason: a file that is no database or somebody else's, one of a newer
-//           version, one that cannot be written, one that another vxcollector writes.
+//           version, one that cannot be written, one that another vxcollector writes. Nothing is written any
+//           more when somebody removes the file or puts another one in its place.
 // Threads   One at a time.
 #pragma once
 
@@ -45,17 +46,19 @@ public:
 private:
     bool lock(const std::string& path, std::string& error);
     bool prepareFile(std::string& error);
-    bool create(std::string& error);
+    bool writesAhead(std::string& error);
+    bool create();
+    bool isThere() const;
+    std::string whyNot() const;
     bool run(const std::string& sql);
     std::int64_t number(const std::string& sql, std::int64_t otherwise = 0);
-    template <class Row>
-    bool insert(TableId table, const std::vector<Row>& rows);
-    bool insertAll(const Batch& batch);
+    bool insert(const Batch& batch);
     bool forgetTransactions(const std::string& ids);
     bool forgetOld(std::int64_t now);
     bool forgetSumsBefore(std::int64_t step, std::int64_t at);
     std::int64_t usedBytes();
 
+    std::string path_;
     sqlite3* database_ = nullptr;
     int lockFd_ = -1;
     std::vector<sqlite3_stmt*> inserts_;  // by TableId

@@ -42,18 +42,28 @@ void StoreWriter::work() {
     }
 }
 
+// After a failure: at the end a sink has so many tries, and so much time, for all that waits.
+bool StoreWriter::givesUp() {
+    if (!queue_.closed()) {
+        lastTries_ = 0;
+        closedAt_ = Clock::now();
+    }
+    return ++lastTries_ > kLastTries || Clock::now() > closedAt_ + kLastTime;
+}
+
 void StoreWriter::writeAll(const std::vector<Batch>& batches) {
     std::uint64_t transactions = 0;
     for (const Batch& batch : batches) transactions += batch.transactions.size();
     std::string fault;
-    auto answer = StoreSink::Wrote::kLater;
-    for (int tries = 0; answer == StoreSink::Wrote::kLater; ++tries) {
-        if (tries > 0) queue_.pause(kRetryMs);
-        const bool last = queue_.closed() && tries >= kLastTries;
+    auto answer = givenUp_ ? StoreSink::Wrote::kNever : StoreSink::Wrote::kLater;
+    while (answer == StoreSink::Wrote::kLater) {
         fault.clear();
         answer = sink_->write(batches, fault);
-        if (last && answer == StoreSink::Wrote::kLater) answer = StoreSink::Wrote::kNever;
-        tell(fault);
+        tellWritten(fault);
+        if (answer != StoreSink::Wrote::kLater) break;
+        givenUp_ = givesUp();
+        if (givenUp_) answer = StoreSink::Wrote::kNever;
+        queue_.pause(kRetryMs);
     }
     const std::scoped_lock lock(mutex_);
     if (answer == StoreSink::Wrote::kNever) {
@@ -69,7 +79,7 @@ void StoreWriter::retain() {
     std::string fault;
     while (sink_->retain(epochNow(), fault) && Clock::now() < end) {
     }
-    if (!fault.empty()) tell(fault);
+    tellRetained(fault);
     if (Clock::now() < looked_ + kLookEvery) return;
     looked_ = Clock::now();
     const StoreSink::Holds holds = sink_->holds();
@@ -78,7 +88,7 @@ void StoreWriter::retain() {
 }
 
 // Each new state of things once.
-void StoreWriter::tell(const std::string& fault) {
+void StoreWriter::tellWritten(const std::string& fault) {
     const std::scoped_lock lock(mutex_);
     if (fault == status_.fault) return;
     if (fault.empty()) {
@@ -87,6 +97,18 @@ void StoreWriter::tell(const std::string& fault) {
         std::fprintf(stderr, "vxcollector: the store takes no records: %s\n", fault.c_str());
     }
     status_.fault = fault;
+}
+
+// Beside the other: what cannot be given up now can often be written, and the other way round.
+void StoreWriter::tellRetained(const std::string& fault) {
+    if (fault == retainFault_) return;
+    if (fault.empty()) {
+        std::fputs("vxcollector: the store gives old rows up again\n", stderr);
+    } else {
+        std::fprintf(stderr, "vxcollector: the store cannot give old rows up, and grows: %s\n",
+                     fault.c_str());
+    }
+    retainFault_ = fault;
 }
 
 }  // namespace vx::collector

@@ -5,8 +5,8 @@
 // what it has to drop; a fault is told once, and again when it is over. What can never be written is counted
 // and left.
 //
-// Lifetime  The end writes what waits: the queue must be closed before. A sink that does not take it within
-//           kLastTries is given up.
+// Lifetime  The end writes what waits. A sink that does not take it within kLastTries, or kLastTime, is given
+//           up, and the rest counts as lost.
 // Threads   Its own; status() by any.
 #pragma once
 
@@ -25,6 +25,7 @@ namespace vx::collector {
 inline constexpr std::chrono::milliseconds kRetryMs{1000};
 inline constexpr std::chrono::milliseconds kRetainMs{200};  // longest time at a stretch
 inline constexpr int kLastTries = 3;
+inline constexpr std::chrono::seconds kLastTime{20};
 
 class StoreWriter {
 public:
@@ -47,14 +48,21 @@ public:
 private:
     void work();
     void writeAll(const std::vector<Batch>& batches);
+    bool givesUp();
     void retain();
-    void tell(const std::string& fault);
+    void tellWritten(const std::string& fault);
+    void tellRetained(const std::string& fault);
 
     StoreQueue& queue_;
     const std::unique_ptr<StoreSink> sink_;
     mutable std::mutex mutex_;
     Status status_;
     std::chrono::steady_clock::time_point looked_{};
+    std::string retainFault_;
+    // Of the end: tries that failed, when it began, and whether the sink was given up.
+    int lastTries_ = 0;
+    std::chrono::steady_clock::time_point closedAt_{};
+    bool givenUp_ = false;
     std::thread thread_;  // the last member: it uses the others
 };
 
