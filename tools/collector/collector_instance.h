@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 
 #include "tools/collector/collector_monitors.h"
 #include "tools/collector/collector_text.h"
@@ -18,6 +19,9 @@ struct InstanceState {
     Names bts, methods, headers;
     std::array<Names, 5> exceptionParts;
     Run run;
+    int connections = 0;       // of any kind, that stand now
+    std::int64_t leftAt = 0;   // when the last one went; ms since the Unix epoch
+    bool namesWanted = false;  // it refers to ids of which no name has come: asked for, once
 };
 
 }  // namespace vx::collector

@@ -21,8 +21,16 @@ constexpr auto kKinds = std::to_array<KindRow>({
 // Start of 2014 UTC in seconds: the epoch base of the default start line.
 constexpr std::int64_t kEpochDiffSeconds = 1388534400;
 
-int idOf(std::map<std::string, int, std::less<>>& ids, const std::string& name) {
-    return ids.try_emplace(name, static_cast<int>(ids.size()) + 1).first->second;
+int idOf(Ids& ids, const std::string& name) {
+    const auto [at, added] = ids.known.try_emplace(name, ids.last + 1);
+    ids.last += added;
+    return at->second;
+}
+
+// Whether a name stands there, or one that begins with it and a slash.
+bool isUsed(const Ids& ids, const std::string& name) {
+    const auto at = ids.known.lower_bound(name + "/");
+    return ids.known.contains(name) || (at != ids.known.end() && at->first.starts_with(name + "/"));
 }
 
 }  // namespace
@@ -75,6 +83,17 @@ GivenIds idsOf(Identities& identities, const Identity& identity) {
             idOf(identities.servers, identity.tier + "/" + identity.server),
             idOf(identities.apps, identity.tier + "/" + identity.server + "/" + identity.app),
             idOf(identities.instances, identity.text())};
+}
+
+// What an instance stands for in each table begins its name, and ends before a slash of it.
+void forgetIds(Identities& identities, const std::string& instance) {
+    identities.instances.known.erase(instance);
+    for (std::string name = instance; !isUsed(identities.instances, name);) {
+        for (Ids* ids : {&identities.apps, &identities.servers, &identities.tiers}) ids->known.erase(name);
+        const std::size_t slash = name.rfind('/');
+        if (slash == std::string::npos) return;
+        name.erase(slash);
+    }
 }
 
 std::string connectReply(std::string_view connectLine, const Options& options, int instance) {

@@ -28,14 +28,20 @@ struct Identity {
 };
 Identity identityOf(std::string_view connectLine);
 
-// Ids are given out in order, one per name, and stay for the life of the collector.
+// Ids are given out in order, one per name, and stay until the instance is forgotten; none is given twice.
+struct Ids {
+    std::map<std::string, int, std::less<>> known;
+    int last = 0;
+};
 struct Identities {
-    std::map<std::string, int, std::less<>> tiers, servers, apps, instances;
+    Ids tiers, servers, apps, instances;
 };
 struct GivenIds {
     int tierID, vxAppServerID, appID, instance;
 };
 GivenIds idsOf(Identities& identities, const Identity& identity);
+// Gives up the ids of an instance ("Tier/host/app/agent") and those that only it had.
+void forgetIds(Identities& identities, const std::string& instance);
 
 // The reply to a connect line. Names state, retryPolicy and ProtoVersion within its first five fields, and
 // the protocols of the offer; without one those that the instance says it has, with its own ports.

@@ -1,15 +1,60 @@
 #include "tools/collector/collector_runs.h"
 
+#include <iterator>
+
 #include "tools/collector/collector_records.h"
 
 namespace vx::collector {
 
+namespace {
+
+constexpr std::int64_t kLookEvery = 60'000;
+
+}  // namespace
+
 InstanceState& Runs::of(const std::string& identity) {
+    const auto found = instances_.find(identity);
+    if (found != instances_.end()) return found->second;
+    makeRoom();
     InstanceState& instance = instances_[identity];
-    if (!instance.name.empty()) return instance;
     instance.name = identity;
+    instance.leftAt = now_;
     if (intake_) intake_->recall(instance);
     return instance;
+}
+
+void Runs::turn(std::int64_t now) {
+    now_ = now;
+    if (now >= looked_ && now < looked_ + kLookEvery) return;
+    looked_ = now;
+    for (auto at = instances_.begin(); at != instances_.end();)
+        at = at->second.connections == 0 && now >= at->second.leftAt + kKeepGone ? giveUp(at) : std::next(at);
+}
+
+Runs::Instances::iterator Runs::giveUp(Instances::iterator at) {
+    if (at->second.run.over) judge(at->second);
+    if (intake_) intake_->giveUp(at->first, now_);
+    givenUp_.push_back(at->first);
+    return instances_.erase(at);
+}
+
+void Runs::makeRoom() {
+    if (instances_.size() < kMostInstances) return;
+    auto oldest = instances_.end();
+    for (auto at = instances_.begin(); at != instances_.end(); ++at)
+        if (at->second.connections == 0 &&
+            (oldest == instances_.end() || at->second.leftAt < oldest->second.leftAt))
+            oldest = at;
+    if (oldest != instances_.end()) giveUp(oldest);
+}
+
+// An instance tells its methods once, before its first records.
+void Runs::lookForNames(std::string_view line, InstanceState& instance) {
+    if (instance.namesWanted || !instance.methods.empty()) return;
+    EndRecord end{};
+    instance.namesWanted = line.starts_with("3,") ||
+                           (line.starts_with("4,") && readEnd(line.substr(2), end) && !end.blob.empty());
+    if (instance.namesWanted) nameless_.push_back(instance.name);
 }
 
 void Runs::judge(InstanceState& instance) {
@@ -21,6 +66,7 @@ void Runs::judge(InstanceState& instance) {
 }
 
 void Runs::opened(StreamKind kind, InstanceState& instance) {
+    ++instance.connections;
     if (kind != StreamKind::kData && kind != StreamKind::kAutoSensor) return;
     if (instance.run.over && (kind == StreamKind::kData || instance.run.sensorsOpen == 0)) judge(instance);
     Run& run = instance.run;
@@ -35,10 +81,13 @@ void Runs::line(StreamKind kind, std::string_view line, InstanceState& instance)
     if (kind == StreamKind::kData) takeRecord(line, instance, summary_);
     if (intake_) intake_->line(kind, line, instance, separator_, now_);
     if (kind != StreamKind::kData) return;
+    lookForNames(line, instance);
     if (!wasOver && instance.run.over && instance.run.sensorsOpen == 0) judge(instance);
 }
 
 void Runs::closed(StreamKind kind, InstanceState& instance) {
+    --instance.connections;
+    instance.leftAt = now_;
     if (kind != StreamKind::kAutoSensor) return;
     if (instance.run.sensorsOpen > 0) --instance.run.sensorsOpen;
     if (instance.run.over && instance.run.sensorsOpen == 0) judge(instance);

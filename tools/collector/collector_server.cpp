@@ -147,6 +147,8 @@ void CollectorServer::pollOnce(int timeoutMs) {
     if (polled[0].revents) readCommands();
     acceptAll();
     dropClosed();
+    for (const std::string& name : runs_.takeGivenUp()) forgetIds(identities_, name);
+    askForNames();
     const std::string news = runs_.takeNews();
     std::fputs(news.c_str(), stdout);
     if (!news.empty()) std::fflush(stdout);
@@ -347,6 +349,13 @@ void CollectorServer::orderAll(const std::string& line, bool hasAnswer, int inst
     for (Connection& connection : connections_)
         if (connection.kind == StreamKind::kControl && (!instance || connection.ids.instance == instance))
             order(connection, line, hasAnswer);
+}
+
+void CollectorServer::askForNames() {
+    for (const std::string& name : runs_.takeNameless())
+        for (Connection& connection : connections_)
+            if (connection.kind == StreamKind::kControl && connection.instance->name == name)
+                order(connection, metadataLine(), false);
 }
 
 void CollectorServer::heartbeatAll() {

@@ -117,6 +117,7 @@ private:
     void order(Connection& connection, const std::string& line, bool hasAnswer);
     void start(Connection& connection);
     void advance(Connection& connection, Clock::time_point now);
+    void askForNames();
     void heartbeatAll();
     void readCommands();
     void dropClosed();

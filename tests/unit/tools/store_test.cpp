@@ -5,12 +5,11 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <utility>
 
-#include "tests/support/click_house.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_runs.h"
@@ -31,9 +30,7 @@ protected:
     void open(const Retention& retention = {}) {
         store = std::make_unique<Store>();
         std::string error;
-        const bool opened = server ? store->openClickHouse(server->url(), 5, 0, error)
-                                   : store->openFile(file, retention, error);
-        ASSERT_TRUE(opened) << error;
+        ASSERT_TRUE(store->openFile(file, retention, error)) << error;
         runs.storeIn(&store->intake());
         runs.turn(now);
         store->intake().opened(StreamKind::kData, kShop, now);
@@ -53,8 +50,7 @@ protected:
     void close() {
         runs.storeIn(nullptr);
         store.reset();
-        ASSERT_TRUE(server ? query.openClickHouse(server->url(), 60'000) : query.openFile(file))
-            << query.error();
+        ASSERT_TRUE(query.openFile(file)) << query.error();
     }
     SumsQuery lastMinutes(Monitored kind = Monitored::kBt) const {
         SumsQuery asked;
@@ -67,24 +63,9 @@ protected:
     const std::string file = dir / "store.db";
     const std::int64_t now = epochNow();
     Runs runs;
-    std::unique_ptr<test::ClickHouse> server;  // null: a file
     std::unique_ptr<Store> store;
     StoreQuery query;
 };
-
-// The same questions, whatever the store is.
-class AnyStore : public StoreTest, public testing::WithParamInterface<const char*> {
-protected:
-    void SetUp() override {
-        if (std::string(GetParam()) == "file") return;
-        if (!test::ClickHouse::isInstalled())
-            GTEST_SKIP() << "no clickhouse-server: scripts/bootstrap installs it";
-        server = std::make_unique<test::ClickHouse>();
-        ASSERT_TRUE(server->start());
-    }
-};
-INSTANTIATE_TEST_SUITE_P(Kinds, AnyStore, testing::Values("file", "clickhouse"),
-                         [](const auto& kind) { return std::string(kind.param); });
 
 TEST(StoreSchema, IsWhatItsDocumentSays) {
     std::string columns;
@@ -112,7 +93,7 @@ TEST(StoreSums, PercentilesAreWithinTwoPercent) {
     EXPECT_EQ(percentileOf({{10, 94}, {50, 6}}, 95), 50);
 }
 
-TEST_P(AnyStore, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
+TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     open();
     for (const char* line :
          {"7,2,Pay", "5,Shop.buy(a,b),7", "5,Shop.load,8", "5,HTTP_pay&#46;example,9", "6,1,Via",
@@ -173,13 +154,9 @@ TEST_P(AnyStore, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     ASSERT_EQ(thrown.size(), 1U);
     EXPECT_EQ(thrown[0].lastText, "in show of Cart: too late, because of db");
     EXPECT_TRUE(thrown[0].lastTransaction == row.id && thrown[0].bts.at(0).first == "Pay");
-    std::vector<RequestRow> requests;
-    ASSERT_EQ(query.requests(10, requests), Answered::kOk);
-    EXPECT_TRUE(requests.at(0).url == "/pay,now" && requests[0].query == "x=1,2" &&
-                requests[0].headers.size() == 1);
 }
 
-TEST_P(AnyStore, SumsAndFiltersAgreeWithWhatWasSent) {
+TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
     open();
     take("7,2,Pay");
     take("5,DB_orders,9");
@@ -212,20 +189,6 @@ TEST_P(AnyStore, SumsAndFiltersAgreeWithWhatWasSent) {
                 backends.rows[0].kind == "DB");
     EXPECT_TRUE(backends.edges.size() == 1 && backends.edges[0].fromInstance == instanceKey(kShop.text()));
 
-    const auto countOf = [&](auto change) {
-        TransactionsQuery asked;
-        asked.limit = 1000;
-        change(asked);
-        std::vector<TransactionRow> rows;
-        EXPECT_EQ(query.transactions(asked, rows), Answered::kOk) << query.error();
-        return rows.size();
-    };
-    EXPECT_EQ(countOf([](auto& asked) { asked.category = -1; }), 375U);
-    EXPECT_EQ(countOf([](auto& asked) { asked.backend = "DB_orders"; }), 250U);
-    EXPECT_EQ(countOf([](auto& asked) { asked.url = "/item/49"; }), 11U);
-    EXPECT_EQ(countOf([](auto& asked) { asked.minMs = 100, asked.maxMs = 109; }), 10U);
-    EXPECT_EQ(countOf([](auto& asked) { asked.bt = "Pay' OR '1'='1"; }), 0U);
-    EXPECT_EQ(countOf([](auto& asked) { asked.flowpath = 1007; }), 1U);
     TransactionsQuery page;
     page.limit = 77;
     std::size_t seen = 0;
@@ -237,49 +200,6 @@ TEST_P(AnyStore, SumsAndFiltersAgreeWithWhatWasSent) {
         page.beforeId = rows.back().id;
     }
     EXPECT_EQ(seen, 500U) << "pages neither skip nor repeat";
-}
-
-TEST_P(AnyStore, ShowsMonitorsBesideSumsAndTiersThatCallEachOther) {
-    const Identity stock{"Stock", "host2", "app", ""};
-    open();
-    store->intake().opened(StreamKind::kData, stock, now);
-    take("7,2,Pay");
-    take("7,2,Look", stock);
-    transaction(77, 2000, 40);
-    take("2,88:77:3,1,5,x.1,2,/stock,,0,0,0,,0,-1,,,," + std::to_string(now - 1990 - kEpoch), stock);
-    take("4,88,200,13,0,20,2,0,,0,", stock);
-    const std::string figures =
-        "|0.1 40.0 40 40 1 0.0 0 40.0 40 40 1 0 500000 0 0 0 500000 0 0 0 500000 0 0 0 0 0.5 0 1 0 500000 0 "
-        "1 0 500000 "
-        "0 1 0 500000 0 1";
-    runs.line(StreamKind::kAutoSensor, "74,3|7|2:Web_host1_shop_Pay" + figures, runs.of(kShop.text()));
-    runs.line(StreamKind::kAutoSensor, "74,3|7|0:Web_host1_shop_AllTransactions" + figures,
-              runs.of(kShop.text()));
-    close();
-    std::vector<MonitorRow> rows;
-    SumsQuery ofShop = lastMinutes();
-    ofShop.instance = instanceKey(kShop.text());
-    ASSERT_EQ(query.monitors(ofShop, rows), Answered::kOk) << query.error();
-    ASSERT_EQ(rows.size(), 2U);
-    for (const MonitorRow& row : rows) {
-        EXPECT_TRUE(row.monitor == row.singles && row.singles.count == 1) << row.name;
-    }
-    Backends backends;
-    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk);
-    ASSERT_EQ(backends.edges.size(), 1U);
-    EXPECT_TRUE(backends.edges[0].fromInstance == instanceKey(kShop.text()) &&
-                backends.edges[0].toInstance == instanceKey(stock.text()) && backends.edges[0].errors == 1);
-    TransactionsQuery called;
-    called.flowpath = 88;
-    std::vector<TransactionRow> found;
-    TransactionDetails callee, caller;
-    ASSERT_EQ(query.transactions(called, found), Answered::kOk);
-    ASSERT_EQ(query.transaction(found.at(0).id, callee), Answered::kOk);
-    ASSERT_EQ(query.transaction(callee.caller, caller), Answered::kOk);
-    EXPECT_TRUE(caller.row.flowpath == 77 && caller.callees.at(0) == callee.row.id);
-    std::vector<InstanceRow> instances;
-    ASSERT_EQ(query.instances(instances), Answered::kOk);
-    EXPECT_EQ(instances.size(), 2U);
 }
 
 TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
@@ -308,7 +228,7 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
     EXPECT_EQ(rows.at(0).flowpath, 100 + 19'999) << "the youngest stay";
 }
 
-TEST_P(AnyStore, RemembersNamesThatAnInstanceWhichGoesOnDoesNotTellAgain) {
+TEST_F(StoreTest, RemembersNamesThatAnInstanceWhichGoesOnDoesNotTellAgain) {
     open();
     for (const char* line : {"7,2,Pay", "5,DB_orders,9", "5,DB_stock,9"}) take(line);
     close();
@@ -361,61 +281,7 @@ TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
     EXPECT_EQ(told, dropped);
 }
 
-TEST(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
-    if (!test::ClickHouse::isInstalled())
-        GTEST_SKIP() << "no clickhouse-server: scripts/bootstrap installs it";
-    test::ClickHouse server;
-    ASSERT_TRUE(server.start());
-    std::string error;
-    Store stores[2];
-    Runs runs[2];
-    const auto feed = [&](int collector, int first, int count) {
-        runs[collector].turn(epochNow());
-        InstanceState& instance = runs[collector].of("Web/host/app" + std::to_string(collector));
-        for (int i = first; i < first + count; ++i)
-            runs[collector].line(StreamKind::kData, "4," + std::to_string(i) + ",200,10,0,7,1,0,,0,",
-                                 instance);
-        stores[collector].intake().flush(epochNow() + 60'000, true);
-    };
-    const auto written = [&](std::uint64_t wanted) {
-        return test::eventually(
-            [&] { return stores[0].status().written + stores[1].status().written == wanted; }, 60);
-    };
-    for (int at = 0; at < 2; ++at) {
-        ASSERT_TRUE(stores[at].openClickHouse(server.url(), at + 1, 7, error)) << error;
-        runs[at].storeIn(&stores[at].intake());
-        feed(at, 1, 1000);
-    }
-    ASSERT_TRUE(written(2000));
-    server.stop();
-    feed(0, 1001, 1000);
-    ASSERT_TRUE(test::eventually([&] { return !stores[0].status().fault.empty(); }));
-    ASSERT_TRUE(server.start());
-    ASSERT_TRUE(written(3000));
-    EXPECT_EQ(stores[0].status().fault, "");
-    EXPECT_EQ(stores[0].status().dropped, 0U);
-    StoreQuery query;
-    ASSERT_TRUE(query.openClickHouse(server.url(), 60'000)) << query.error();
-    std::vector<TransactionRow> rows;
-    std::set<std::int64_t> ids;
-    ASSERT_EQ(query.transactionsBehind(0, {}, kMostRows, rows), Answered::kOk) << query.error();
-    for (const TransactionRow& row : rows) ids.insert(row.id);
-    EXPECT_EQ(ids.size(), 3000U);
-    EXPECT_LT(*ids.rbegin(), std::int64_t{1} << 53);
-    Sums sums;
-    ASSERT_EQ(query.sums({}, sums), Answered::kOk);
-    EXPECT_EQ(sums.all.count, 3000U);
-    HttpAddress address;
-    for (const char* url : {"", "http://", "https://a", "http://a:b", "http://a/b;c", "http://a:1/x'"})
-        EXPECT_FALSE(readAddress(url, address)) << url;
-}
-
 TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
-    const auto refusal = [&](const std::string& path) {
-        std::string error;
-        EXPECT_FALSE(SqliteSink().open(path, {}, error));
-        return error;
-    };
     const auto execute = [](const std::string& path, const char* sql) {
         sqlite3* database = nullptr;
         sqlite3_open(path.c_str(), &database);
@@ -423,19 +289,99 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
         sqlite3_close(database);
     };
     const std::string text(5000, 'x');
-    EXPECT_NE(refusal(dir.write("text", text)).find("file is not a database"), std::string::npos);
-    EXPECT_EQ(dir.read("text"), text);
+    dir.write("text", text);
     execute(dir / "other", "CREATE TABLE a(b)");
-    EXPECT_NE(refusal(dir / "other").find("a database of another program"), std::string::npos);
-    EXPECT_NE(refusal(dir / "no/where").find("No such file"), std::string::npos);
+    execute(dir / "later", "PRAGMA application_id = 1448628306; PRAGMA user_version = 2; CREATE TABLE a(b)");
     open();
-    EXPECT_NE(refusal(file).find("another vxcollector writes it"), std::string::npos);
+    const struct {
+        std::string path;
+        const char* why;
+        bool canBeRead;
+    } rows[] = {{dir / "text", "file is not a database", false},
+                {dir / "other", "a database of another program", false},
+                {dir / "later", "written by a newer vxcollector", false},
+                {dir / "no/where", "No such file", false},
+                {dir / ".", "Is a directory", false},
+                {file, "another vxcollector writes it", true}};
+    for (const auto& row : rows) {
+        std::string error;
+        EXPECT_FALSE(SqliteSink().open(row.path, {}, error));
+        EXPECT_NE(error.find(row.why), std::string::npos) << error;
+        EXPECT_EQ(query.openFile(row.path), row.canBeRead) << row.path;
+    }
+    EXPECT_EQ(dir.read("text"), text);
+}
+
+TEST_F(StoreTest, WritesNothingIntoAFileThatSomebodyTookAway) {
+    open();
+    take("7,2,Pay");
+    std::filesystem::rename(file, file + ".away");
+    transaction(1, 1000, 5);
+    store->intake().flush(now + kFlushEvery, true);
+    ASSERT_TRUE(
+        test::eventually([&] { return store->status().fault.find("was removed") != std::string::npos; }));
+    std::filesystem::rename(file + ".away", file);
+    ASSERT_TRUE(test::eventually([&] { return store->status().written == 1; }));
+    EXPECT_EQ(store->status().fault, "");
+}
+
+TEST_F(StoreTest, BelievesClocksWithinADayAndSurvivesItsOwnBeingSetBack) {
+    open();
+    take("7,2,Pay");
+    transaction(1, -3'600'000, 5);    // of a host whose clock is an hour ahead
+    transaction(2, -200'000'000, 5);  // and of one that cannot be believed
+    runs.turn(now - 7'200'000);
+    transaction(3, 7'200'000, 5);
+    store->intake().flush(now - 7'200'000);
+    ASSERT_TRUE(test::eventually([&] { return store->status().written == 3; }))
+        << "it does not wait two hours";
     close();
-    execute(file, "PRAGMA user_version = 2");
-    EXPECT_NE(refusal(file).find("written by a newer vxcollector"), std::string::npos);
-    EXPECT_FALSE(query.openFile(file));
-    EXPECT_FALSE(query.openFile(dir / "absent"));
-    EXPECT_FALSE(query.openFile(dir / "other"));
+    std::vector<TransactionRow> rows;
+    ASSERT_EQ(query.transactions({}, rows), Answered::kOk);
+    ASSERT_EQ(rows.size(), 3U);
+    EXPECT_TRUE(rows[0].flowpath == 1 && rows[0].at == now + 3'600'005);
+    EXPECT_TRUE(rows[1].flowpath == 2 && rows[1].at == now);
+    EXPECT_TRUE(rows[2].flowpath == 3 && rows[2].at == now - 7'200'000 + 5);
+}
+
+TEST_F(StoreTest, GivesUpInstancesThatAreGoneAndAsksThoseThatComeBackForTheirNames) {
+    const Identity stays{"Web", "host1", "stays", ""};
+    open();
+    Identities ids;
+    const auto connect = [&](const Identity& identity) {
+        runs.opened(StreamKind::kData, runs.of(identity.text()));
+        return idsOf(ids, identity);
+    };
+    connect(stays);
+    const GivenIds before = connect(kShop);
+    for (const char* line : {"5,Shop.buy,7", "2,1,1,5,5.1,2,/a,,0,0,0,,0,-1,,,,5", "3,1,7:5_0_0__", "10,"})
+        take(line);
+    take("2,2,1,5,5.1,2,/a,,0,0,0,,0,-1,,,,5");  // has no end
+    runs.closed(StreamKind::kData, runs.of(kShop.text()));
+    runs.turn(now + kKeepGone - 1);
+    EXPECT_TRUE(runs.takeGivenUp().empty());
+    runs.turn(now + 2 * kKeepGone);
+    EXPECT_EQ(runs.takeGivenUp(), std::vector<std::string>{kShop.text()}) << "what is connected stays";
+    forgetIds(ids, kShop.text());
+    EXPECT_EQ(ids.apps.known.size() + ids.servers.known.size() + ids.tiers.known.size(), 3U);
+    EXPECT_TRUE(runs.takeNameless().empty()) << "it had told its methods";
+
+    const GivenIds after = connect(kShop);
+    EXPECT_TRUE(after.instance > before.instance && after.tierID == before.tierID);
+    take("7,2,Pay");
+    for (int i = 0; i < 3; ++i) take("4,3,200,10,0,40,2,0,,0,7:5_0_0__7:5_1_4____");
+    EXPECT_EQ(runs.takeNameless(), std::vector<std::string>{kShop.text()}) << "once";
+    for (std::size_t at = 0; at < kMostInstances + 3; ++at) runs.of("T/h/" + std::to_string(at));
+    EXPECT_EQ(runs.takeGivenUp().size(), 5U) << "nothing that is connected gives way";
+    close();
+    std::vector<LinkRow> links;
+    ASSERT_EQ(query.links({}, instanceKey(kShop.text()), links), Answered::kOk);
+    std::int64_t incomplete = 0;
+    for (const LinkRow& link : links) incomplete += link.incomplete;
+    EXPECT_EQ(incomplete, 2) << "one at the end of its run, one when it was given up";
+    std::vector<TransactionRow> rows;
+    ASSERT_EQ(query.transactions({}, rows), Answered::kOk);
+    EXPECT_EQ(rows.size(), 3U);
 }
 
 TEST_F(StoreTest, ForgetsTransactionsWithoutAnEndAndCountsThem) {
