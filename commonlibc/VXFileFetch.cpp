@@ -1,6 +1,7 @@
 #include "commonlibc/VXFileFetch.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -22,6 +23,8 @@ namespace vx {
 
 namespace {
 
+// Waits are for the system's poll, so they go by its clock: a wall clock that is set changes nothing.
+using WaitClock = std::chrono::steady_clock;
 constexpr std::int64_t kWaitStepUs = 500000;  // a stop is seen within a second
 constexpr std::int64_t kRetryPauseUs = 2000000;
 constexpr std::int64_t kSkipSize = 4096;
@@ -86,7 +89,9 @@ public:
 private:
     ctrlBufInfo_t* info() { return &app_.control.ctrlBufInfo; }
 
-    void restartClock() { deadline_ = vxlb_now_us() + vx_word_get(app_.VXSys.fileReadTimeout); }
+    void restartClock() {
+        deadline_ = WaitClock::now() + std::chrono::microseconds(vx_word_get(app_.VXSys.fileReadTimeout));
+    }
     void ask() {
         controlConnectionSendBuffer(request_, std::strlen(request_));
         restartClock();
@@ -98,7 +103,8 @@ private:
     int waitFor(Step step) {
         char error[kSockErrorSize] = "";
         for (;;) {
-            const std::int64_t left = deadline_ - vxlb_now_us();
+            const std::int64_t left =
+                std::chrono::duration_cast<std::chrono::microseconds>(deadline_ - WaitClock::now()).count();
             if (!controlConnected(app_.control)) {
                 VX_TRACE(1, kControlThread, kError, "control socket not present");
                 app_.control.closeCtrlConFlag = 1;
@@ -232,7 +238,7 @@ private:
     const char* name_;
     const char* request_;
     vxApplication& app_;
-    std::int64_t deadline_ = 0;  // of the present wait
+    WaitClock::time_point deadline_;  // of the present wait
     bool askedAgain_ = false;
     bool givenUp_ = false;
 };

@@ -1,5 +1,7 @@
 #include "commonlibc/control_reply.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 
@@ -34,8 +36,11 @@ constexpr const char* kSaasOk = "zor_saas_auth_agent_msg_rep:status=OK";
 constexpr const char* kSaasError = "zor_saas_auth_agent_msg_rep:status=ERROR";
 constexpr const char* kProcIndex = "procIndex=";
 
+// Waits are for the system's poll, so they go by its clock: a wall clock that is set changes nothing.
+using WaitClock = std::chrono::steady_clock;
 constexpr std::int64_t kWaitStepUs = 1000000;
-constexpr std::uint64_t kInstanceBase = 65536;  // also the modulus of the collector's index
+constexpr std::int64_t kReplyTimeUs = 20000000;  // as for a connection to come to stand
+constexpr std::uint64_t kInstanceBase = 65536;   // also the modulus of the collector's index
 constexpr int kInstanceShift = 46;
 constexpr std::size_t kIndexFieldSize = 32;  // ";procIndex=%d\n"
 
@@ -177,10 +182,11 @@ bool holdsLine(ctrlBufInfo_t* info) {
 
 // 0 when there is something to judge, else a code of the read.
 int receiveLine(vxApplication& app, ctrlBufInfo_t* info, char* error) {
-    const std::int64_t deadline = vxlb_now_us() + vx_word_get(app.VXSys.fileReadTimeout);
+    const std::chrono::microseconds time(std::min(vx_word_get(app.VXSys.fileReadTimeout), kReplyTimeUs));
+    const auto deadline = WaitClock::now() + time;
     while (!holdsLine(info)) {
         if (info->writeOffset >= kControlBufSize) return 0;
-        if (linkStopAsked(app) || app.control.closeCtrlConFlag || vxlb_now_us() >= deadline)
+        if (linkStopAsked(app) || app.control.closeCtrlConFlag || WaitClock::now() >= deadline)
             return kSockFailed;
         const int count = fillControlBuffer(info, kWaitStepUs, error);
         if (count < 0) return count;

@@ -13,7 +13,7 @@ namespace vx {
 
 inline constexpr int kReplyGoOn = 0, kReplyRefused = 1, kReplyChangeProtocol = 2;
 
-// Receives until a newline is there (at most fileReadTimeout) and judges. TCP only.
+// Receives until a newline is there (at most 20 s, and at most fileReadTimeout) and judges. TCP only.
 int rec_control_con_rep_msg_from_vxc(ctrlBufInfo_t* info);
 // Receives the same over libwebsockets, without judging. 0, or 1 when no reply came: the connection is
 // closed.
