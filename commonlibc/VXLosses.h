@@ -8,7 +8,7 @@
 //   starts    transactions that found no free slot
 //   messages  agent messages that came to nothing: refused by the decoder or by their handler, of a
 //             transaction that is not there (its start was lost or refused, or it has ended), and starts
-//             that got no slot
+//             that got no slot; all that come while no run is on, or no collector takes data
 //
 // Limits    One line a minute and instance while something grows, one at the end of each run. A line that
 //           the trace level hides is not used up.

@@ -119,6 +119,12 @@ void keepPartial(VXDecoderState_t& decoder, const Cursor& at, bool partial) {
     decoder.partialLength = length;
 }
 
+// Bytes of the frame at the start mark, as its head says them; 0 for no head of a frame.
+std::int32_t frameLength(const VXByteView& bytes) {
+    const std::int32_t total = bytes.i32At(5);
+    return bytes.i32At(1) == kHeaderLength && total >= kHeaderSize ? total : 0;
+}
+
 void markAccepted(const vxApplication& app, std::int32_t procIndex) {
     if (procIndex < 0 || procIndex >= app.identity.numProcess.load(std::memory_order_acquire)) return;
     processAt(app, procIndex)->firstWord = 0;
@@ -147,6 +153,19 @@ int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytes
     if (!singleRecord) keepPartial(app.decoder, at, step == Step::kPartial);
     VX_TRACE(2, kControlThread, kInfo, "records processed = %d, new line count = %d, partial count = %d",
              at.records, at.newlines, step == Step::kPartial ? 1 : 0);
+    return 0;
+}
+
+std::int32_t vxRefuseMessages(const char* bytes, std::int32_t length) {
+    VXByteView left(bytes, static_cast<std::size_t>(std::max(length, 0)));
+    while (const void* mark = std::memchr(left.data(), kStartMark, left.size())) {
+        left.take(static_cast<std::size_t>(static_cast<const char*>(mark) - left.data()));
+        const bool headStands = left.size() >= kHeaderSize;
+        const auto frame = static_cast<std::size_t>(headStands ? frameLength(left) : kHeaderSize);
+        if (frame > left.size() && left.size() < kPartialSize) return static_cast<std::int32_t>(left.size());
+        vxCountRefusedMessage();
+        left.take(frame == 0 || frame > left.size() ? 1 : frame);
+    }
     return 0;
 }
 

@@ -32,5 +32,8 @@ int decodeMessage(const char* buffer, std::int32_t bytesRead, std::int32_t procI
 // The same for bytes that came at `nowUs`: what comes together reads the clock once.
 int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
                       int singleRecord, const char* fpKey);
+// Counts the frames of bytes that nobody is there for as refused, without a look into them. How many bytes at
+// the end are a frame that goes on beyond them: fewer than kPartialSize, not counted.
+std::int32_t vxRefuseMessages(const char* bytes, std::int32_t length);
 
 }  // namespace vx

@@ -50,9 +50,10 @@ struct Message {
 };
 
 // The slot of the message's flowpath, which has been active now; null, and the message counts as refused,
-// when it is not there.
+// when it is not there, or when no run is on: nothing would come of it.
 vxTD* findSlot(const Message& message) {
-    vxTD* slot = vxFindSlot(message.key, message.keyLength);
+    const bool inRun = message.app.Server.testRunRunning.load(std::memory_order_relaxed) != 0;
+    vxTD* slot = inRun ? vxFindSlot(message.key, message.keyLength) : nullptr;
     if (!slot) {
         vxCountRefusedMessage();
         return nullptr;

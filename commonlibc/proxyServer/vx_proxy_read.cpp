@@ -19,6 +19,7 @@ namespace vx {
 namespace {
 
 constexpr char kRecordStart = '^';
+constexpr int kRefusedReads = 64;  // of a connection that is closed because nobody takes its data
 
 // Of what the library has handed over, as much as there is room for.
 int takeHandedOver(VXAgentWs& wsi, VXReadBuffer& buffer, apr_size_t room) {
@@ -123,6 +124,19 @@ void putCarryOverInFront(const processInfo_t& process, VXReadBuffer& buffer) {
     std::memcpy(buffer.buffer, process.dataBuffer + kTailHead, static_cast<std::size_t>(buffer.writeOffset));
 }
 
+// Nobody takes the data: what is there, and what waits in the system's buffer, is counted before the
+// connection is closed. The buffer holds what the last read left and what this one brought.
+void refuseData(apr_socket_t* socket, VXAgentWs* wsi, VXReadBuffer& buffer, int count) {
+    for (int reads = 0; count > 0; ++reads) {
+        const std::int32_t held = buffer.writeOffset + count;
+        const std::int32_t torn = vxRefuseMessages(buffer.buffer, held);
+        std::memmove(buffer.buffer, buffer.buffer + held - torn, static_cast<std::size_t>(torn));
+        buffer.writeOffset = torn;
+        count = reads < kRefusedReads ? receive(socket, wsi, buffer, kReadBufSize) : 0;
+    }
+    if (buffer.writeOffset > 0) vxCountRefusedMessage();  // its end will not come
+}
+
 // Behind decodeMessage: what it left goes with the connection. The decode lock is held.
 void keepCarryOver(VXDecoderState_t& decoder, processInfo_t& process) {
     if (!process.dataBuffer && decoder.partialLength == 0) return;
@@ -222,7 +236,10 @@ int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t 
     putCarryOverInFront(process, buffer);
     const int count = receive(socket, wsi, buffer, kReadBufSize);
     if (count == 0) return kReadNothing;
-    if (!collectorTakesData(app)) return kReadClosed;
+    if (!collectorTakesData(app)) {
+        refuseData(socket, wsi, buffer, count);
+        return kReadClosed;
+    }
     if (count == kReadFailed)
         VX_TRACE(1, kControlThread, kError,
                  "Read partial message '%d', rv = %d (appIndex = %d, procIndex = %d)", buffer.writeOffset,

@@ -15,6 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string stream(reinterpret_cast<const char*>(data) + 1, size - 1);
     for (std::size_t at = 0; at < stream.size(); at += step) test::readBytes(app, stream.substr(at, step));
     decodeMessage(stream.data(), static_cast<std::int32_t>(stream.size()), 0, 1, "request");
+    if (vxRefuseMessages(stream.data(), static_cast<std::int32_t>(stream.size())) >= kPartialSize)
+        __builtin_trap();
     test::FuzzEngine::endInput();
     return 0;
 }

@@ -173,6 +173,8 @@ TEST_F(DecodeStream, CountsEachMessageThatCameToNothing) {
     app->Server.stopping = 1;
     EXPECT_EQ(refusedBy(startFrame(79, "/", 1) + endFrame(79, 200, 2)), 2u);  // no slot, so no end either
     EXPECT_EQ(refusedBy(firstOf(rawFrame(12, 70000, 7, std::string(20000, 'x')), 10254)), 1u);  // a long tail
+    app->Server.testRunRunning = 0;
+    EXPECT_EQ(refusedBy(kGood + kOther), 2u);  // the run was lost under an open transaction
 }
 
 TEST_F(DecodeStream, ClearsTheFirstWordOfTheSender) {

@@ -8,6 +8,7 @@
 #include "commonlibc/control_outbox.h"
 #include "tests/support/dumped_records.h"
 #include "tests/support/proxy_fixture.h"
+#include "tests/support/record_stream.h"
 
 namespace vx::test {
 namespace {
@@ -152,9 +153,14 @@ TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection)
     EXPECT_EQ(decoder->messagesRefused, 0u);
     for (const bool control : {true, false}) {
         links(control, !control);
-        data.peer.send("^\x0c");
+        const std::string frame = entryFrame(7, "A.b", 1);
+        std::string records = frame.substr(5);  // goes on where the last read ended
+        while (records.size() < kReadBufSize) records += frame;
+        const std::uint64_t whole = records.size() / frame.size() + 1, before = decoder->messagesRefused;
+        data.peer.send(records + "noise" + frame.substr(0, 20));
         EXPECT_EQ(readRecords(data), kReadClosed) << "a link is missing";
         EXPECT_EQ(readRecords(data), kReadNothing) << "the bytes were consumed";
+        EXPECT_EQ(decoder->messagesRefused - before, whole + 1) << "and counted, the torn one too";
     }
     vxCloseConnection(*processAt(instance(), 0), VXConnection::kData, true);
     EXPECT_EQ(carried(), "") << "it ends with its connection";
