@@ -23,14 +23,14 @@ constexpr int kDrainSteps = 200;           // 2 s
 constexpr std::int64_t kEndUs = 3000000;   // the program's own end has this long
 constexpr std::int64_t kInstanceUs = 200;  // between the stop words of two instances
 constexpr std::int64_t kGoodByeUs = 1000;
-constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGUSR1};
+constexpr int kWaitedSignals[] = {SIGTERM, SIGINT, SIGUSR1, SIGHUP};
 
 void (*onStop)() = nullptr;
 
-sigset_t stopSignals() {
+sigset_t waitedSignals() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signal : kStopSignals) sigaddset(&set, signal);
+    for (const int signal : kWaitedSignals) sigaddset(&set, signal);
     return set;
 }
 
@@ -68,11 +68,18 @@ void shutDownConnections(vxApplication& app) {
         vxlb_shared_shutdown(*handle);
 }
 
+// The terminal of whoever started the service is gone, or a tool wants files read again that are not kept.
+void tellHangUp() {
+    vxSetCurrent(rootContext());
+    VX_TRACE(1, kControlThread, kInfo, "SIGHUP received, the service goes on");
+}
+
 void* waitForSignals(void*) {
     const VXCrashStack crashStack;
-    const sigset_t set = stopSignals();
+    const sigset_t set = waitedSignals();
     int signal = 0;
-    while (sigwait(&set, &signal) != 0) continue;
+    for (; sigwait(&set, &signal) != 0 || signal == SIGHUP; signal = 0)
+        if (signal == SIGHUP) tellHangUp();
     // Told apart before the program's main thread can come to its end.
     if (signal != SIGTERM) proxyCleaningFlag.store(1, std::memory_order_release);
     onStop();
@@ -85,7 +92,7 @@ void* waitForSignals(void*) {
 
 bool vxStartSignalThread(void (*stopControl)()) {
     onStop = stopControl;
-    const sigset_t set = stopSignals();
+    const sigset_t set = waitedSignals();
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return false;
     pthread_t thread;
     if (pthread_create(&thread, nullptr, waitForSignals, nullptr) != 0) return false;

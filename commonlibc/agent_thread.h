@@ -2,8 +2,9 @@
 //
 //     SIGTERM            the stop control: loops end, data threads get 2 s to send what they hold
 //     SIGINT, SIGUSR1    the cleaning stop: every connection is shut down first
+//     SIGHUP             told in the trace, nothing else
 //
-// Both end by _exit(0), with nothing freed that a running thread may use.
+// The stops end by _exit(0), with nothing freed that a running thread may use.
 //
 // Threads   vxStartSignalThread: the first thread, before any other exists. resetAndCleanProxy: the signal
 //           thread. vxStopService: the program's main thread, once the worker has ended.
@@ -11,7 +12,7 @@
 
 namespace vx {
 
-// Blocks the stop signals in the calling thread (and all it starts) and starts the thread that waits for
+// Blocks these signals in the calling thread (and all it starts) and starts the thread that waits for
 // them. `stopControl` is what the program does on a stop of any kind: it is told first. The process ends
 // within 3 s of it, whether the program gets there itself or not. False when no thread could be made.
 bool vxStartSignalThread(void (*stopControl)());

@@ -50,6 +50,7 @@ constexpr const char* kHelp =
     "Signals:\n"
     "  SIGTERM            stops; what is buffered has 2 seconds to reach the collector\n"
     "  SIGINT, SIGUSR1    closes every connection and stops at once\n"
+    "  SIGHUP             is ignored\n"
     "\n"
     "Exit codes:\n"
     "  0   stopped as told; configuration in order\n"

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -78,6 +79,7 @@ const char* nameOf(VXServiceState state) {
 bool vx_service_register(void (*handler)(int control)) {
     controlHandler = handler;
     raiseDescriptorLimit();
+    std::signal(SIGXFSZ, SIG_IGN);  // a file at its limit is a failed write, not the end
     apr_initialize();
     installCrashDump();
     return vxStartSignalThread(stopControl);

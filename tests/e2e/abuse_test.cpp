@@ -147,7 +147,7 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
         startLoad({"--app", "good", "--rate", "300", "--transactions", "1200", "--duration", "100"});
     ASSERT_TRUE(arrive(30)) << traceText();
     commit(1);  // what is made once is made now
-    ASSERT_TRUE(service->running()) << service->output();
+    ASSERT_TRUE(service->running()) << "ended with " << service->wait() << "\n" << service->output();
     const long resident = settledKb();
     const int descriptors = descriptorsOf(service->pid());
     commit(3);
@@ -159,7 +159,7 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
     EXPECT_TRUE(arrive(1200)) << arrived();
     EXPECT_EQ(arrived(), 1200u);
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
-    ASSERT_TRUE(service->running()) << service->output();
+    ASSERT_TRUE(service->running()) << "ended with " << service->wait() << "\n" << service->output();
     EXPECT_LT(settledKb() - resident, kMaxGrowthKb);
     EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors + 4; }))
         << descriptors << " then, " << descriptorsOf(service->pid());

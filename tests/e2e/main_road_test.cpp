@@ -79,9 +79,14 @@ TEST_F(MainRoad, AgentsThatDieLeaveTheirPlaceToTheNextOnes) {
 
 TEST_F(MainRoad, EverySignalThatStopsTakesEffectAtOnceWithCodeZero) {
     startCollector();
+    int round = 0;
     for (const int number : {SIGTERM, SIGINT, SIGUSR1}) {
+        ++round;
         startService();
         const auto agent = endlessLoad();
+        ASSERT_TRUE(arriveFurther(5)) << number;
+        service->signal(SIGHUP);  // of a terminal that goes: no stop
+        EXPECT_TRUE(eventually([&] { return occurrences(traceText(), "SIGHUP received") == round; }));
         ASSERT_TRUE(arriveFurther(5)) << number;
         service->signal(number);
         EXPECT_EQ(service->wait(), 0) << number << service->output();
