@@ -55,6 +55,17 @@ bool reroute(std::string_view rest, CollectorServer& server) {
     return true;
 }
 
+bool ruckus(std::string_view rest, CollectorServer& server) {
+    const std::string_view id = takeWord(rest), secondsText = takeWord(rest);
+    int seconds = 0;
+    if (id.empty() || id.find_first_of(";=") != std::string_view::npos || !readWhole(secondsText, 0, seconds))
+        return false;
+    while (rest.starts_with(' ')) rest.remove_prefix(1);
+    if (!rest.empty() && rest.find('=') == std::string_view::npos) return false;
+    server.orderAll(ruckusLine(id, seconds, rest), false);
+    return true;
+}
+
 bool printTransaction(std::string_view rest, CollectorServer& server) {
     const std::string_view word = takeWord(rest);
     std::int64_t number = 0;
@@ -87,6 +98,7 @@ constexpr auto kCommands = std::to_array<CommandRow>({
     {"metadata", "[N]",
      [](std::string_view rest, CollectorServer& s) { return orderPlain(metadataLine(), rest, s); }},
     {"reroute", "HOST PORT [N]", reroute},
+    {"ruckus", "ID SECONDS [KEY=VALUE;...]", ruckus},
     {"files", "",
      [](std::string_view rest, CollectorServer& s) { return rest.empty() && (s.printFiles(), true); }},
     {"table", "",

@@ -70,6 +70,7 @@ constexpr const char* kHelp =
     "  thread-dump [N], discover [N]     asks for a thread dump, or for the loaded classes\n"
     "  metadata [N]                      asks for names and ids again\n"
     "  reroute HOST PORT [N]             hands instances to another collector\n"
+    "  ruckus ID SECONDS [KEY=VALUE;...] a message for datagram clients to have for so long; 0 ends it\n"
     "  transactions, transaction NUMBER  prints the latest transactions with headers or exceptions, or one\n"
     "  table, files, quit                prints the table, or the files handed out; ends\n";
 

@@ -145,6 +145,14 @@ std::string metadataLine() {
     return "vx_meta_data_req:action=send_meta_data;\n";
 }
 
+std::string ruckusLine(std::string_view id, int seconds, std::string_view fields) {
+    while (fields.ends_with(';')) fields.remove_suffix(1);
+    std::string line = "VexalineMessage 2.0;RKMID=" + std::string(id);
+    line += seconds > 0 ? ";duration=" + std::to_string(seconds) : ";action=stop";
+    if (!fields.empty()) line.append(";").append(fields);
+    return line + ";\n";
+}
+
 std::string rerouteLine(std::string_view host, int port) {
     return "vx_control_req:action=reroute_ctrl_con;vxcHost=" + std::string(host) +
            ";vxcPort=" + std::to_string(port) + ";tier=ALL;server=ALL;instance=ALL;clusterMode=0;\n";

@@ -56,6 +56,9 @@ std::string heartbeatLine(int number);
 std::string threadDumpLine();
 std::string discoverLine(int testIdx);
 std::string metadataLine();
+// What datagram clients are to have for so long; 0 seconds: not any more. `fields` is "key=value;..." or
+// empty.
+std::string ruckusLine(std::string_view id, int seconds, std::string_view fields);
 std::string rerouteLine(std::string_view host, int port);
 // An instance's request for a file; `name` borrows from the line.
 struct FileRequest {
