@@ -1,5 +1,8 @@
 #include "tools/collector/page_server.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -11,14 +14,20 @@ namespace vx::collector {
 namespace {
 
 constexpr std::size_t kPart = 16 * 1024;  // of an answer, at a time
+constexpr std::size_t kMostAtOnce = 64 * 1024;
 constexpr std::size_t kHeadRoom = 4096;
 constexpr std::int64_t kTickUs = 1'000'000;
+constexpr int kNiceness = 10;
 constexpr unsigned kOwnDescriptors = 8;  // of the library itself
 
-std::int64_t nowSeconds() {
-    return std::chrono::duration_cast<std::chrono::seconds>(
+std::int64_t nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+
+std::int64_t nowSeconds() {
+    return nowMs() / 1000;
 }
 
 std::string headerOf(lws* wsi, lws_token_indexes token) {
@@ -53,6 +62,12 @@ constexpr std::pair<const char*, const char*> kFixedHeaders[] = {
     {"cross-origin-resource-policy:", "same-origin"},
     {"cache-control:", "no-store"},
 };
+
+// What a status has to tell beside itself.
+constexpr struct {
+    int status;
+    const char *name, *value;
+} kStatusHeaders[] = {{401, "www-authenticate:", "Bearer"}, {405, "allow:", "GET, HEAD, POST"}};
 
 // Writes the head of an answer into a buffer.
 class Head {
@@ -127,6 +142,8 @@ void PageServer::stop() {
 
 // The tick ends the library's wait, so that a stop and late peers are seen.
 void PageServer::run() {
+    // Questions wait for the intake when both want the processor.
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNiceness);
     struct Tick {
         lws_sorted_usec_list_t timer{};
         lws_context* context;
@@ -151,6 +168,18 @@ void PageServer::endLate() {
         if (exchange->deadline < now) lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
 }
 
+// Whoever sends a request byte by byte, or does not read, keeps nobody else out.
+bool PageServer::hasPlace() {
+    const std::int64_t stalled = nowMs() - kStalledMs;
+    for (int step = 0; step < 2 && moved_.size() >= kMostConnections; ++step) {  // the first may only begin
+        lws* oldest = nullptr;
+        for (const auto& [wsi, at] : moved_)
+            if ((at < stalled || !exchanges_.contains(wsi)) && (!oldest || at < moved_[oldest])) oldest = wsi;
+        if (oldest) lws_set_timeout(oldest, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_SYNC);
+    }
+    return moved_.size() < kMostConnections;
+}
+
 int PageServer::onEvent(lws* wsi, lws_callback_reasons reason, void*, void* in, std::size_t length) {
     auto* server = static_cast<PageServer*>(lws_context_user(lws_get_context(wsi)));
     return server ? server->serve(wsi, reason, static_cast<const char*>(in), length) : 0;
@@ -159,14 +188,14 @@ int PageServer::onEvent(lws* wsi, lws_callback_reasons reason, void*, void* in, 
 int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std::size_t length) {
     switch (reason) {
         case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
-            if (connections_ < kMostConnections) return 0;
+            if (hasPlace()) return 0;
             refused_.fetch_add(1, std::memory_order_relaxed);
             return 1;
         case LWS_CALLBACK_WSI_CREATE:
-            ++connections_;
+            moved_[wsi] = nowMs();
             return 0;
         case LWS_CALLBACK_WSI_DESTROY:
-            if (connections_ > 0) --connections_;
+            moved_.erase(wsi);
             exchanges_.erase(wsi);
             return 0;
         case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
@@ -176,8 +205,9 @@ int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std
         case LWS_CALLBACK_HTTP_BODY:
             return takeBody(wsi, {in, length});
         case LWS_CALLBACK_HTTP_BODY_COMPLETION: {
+            // Bytes behind a body would bring this again, without end.
             const auto at = exchanges_.find(wsi);
-            return at == exchanges_.end() ? -1 : answer(wsi, *at->second);
+            return at == exchanges_.end() || at->second->headed ? -1 : answer(wsi, *at->second);
         }
         case LWS_CALLBACK_HTTP_WRITEABLE:
             return sendSome(wsi);
@@ -203,16 +233,27 @@ int PageServer::takeRequest(lws* wsi, std::string_view path) {
     request.authorization = headerOf(wsi, WSI_TOKEN_HTTP_AUTHORIZATION);
     request.cookie = headerOf(wsi, WSI_TOKEN_HTTP_COOKIE);
     takeArguments(wsi, request);
-    if (!request.post) {
-        if (lws_hdr_total_length(wsi, WSI_TOKEN_GET_URI) > 0) return answer(wsi, exchange);
-        return refuse(wsi, exchange, 405, "only GET and POST are served");
-    }
+    exchange.bare = lws_hdr_total_length(wsi, WSI_TOKEN_HEAD_URI) > 0;
+    exchange.closes = request.post;  // nothing is taken from behind a body
+    const Refusal refusal = refusalOf(wsi, exchange);
+    if (refusal.why) return refuse(wsi, exchange, refusal.status, refusal.why);
+    return exchange.expected == 0 ? answer(wsi, exchange) : 0;
+}
+
+// Why a request is not taken, judged by its head; where its body ends has to be beyond doubt.
+PageServer::Refusal PageServer::refusalOf(lws* wsi, Exchange& exchange) {
+    const bool post = exchange.request.post;
+    if (!post && !exchange.bare && lws_hdr_total_length(wsi, WSI_TOKEN_GET_URI) <= 0)
+        return {405, "only GET, HEAD and POST are served"};
     const std::string length = headerOf(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
     const auto [end, code] = std::from_chars(length.data(), length.data() + length.size(), exchange.expected);
-    if (length.empty() || code != std::errc{} || end != length.data() + length.size())
-        return refuse(wsi, exchange, 411, "a body needs its length");
-    if (exchange.expected > kMostBody) return refuse(wsi, exchange, 413, "the body has more than 1 MB");
-    return exchange.expected == 0 ? answer(wsi, exchange) : 0;
+    const bool good = code == std::errc{} && end == length.data() + length.size();
+    if (!good && (post || !length.empty())) return {411, "a body needs its length"};
+    if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) > 0)
+        return {411, "a body comes whole, with its length"};
+    if (exchange.expected > kMostBody) return {413, "the body has more than 1 MB"};
+    if (!post && exchange.expected > 0) return {400, "only a POST has a body"};
+    return {};
 }
 
 int PageServer::takeBody(lws* wsi, std::string_view part) {
@@ -233,22 +274,35 @@ std::size_t PageServer::waiting() const {
 int PageServer::refuse(lws* wsi, Exchange& exchange, int status, const char* why) {
     exchange.answer = pageFault(status, why);
     exchange.closes = true;
-    return sendHead(wsi, exchange);
+    return sendWhole(wsi, exchange);
+}
+
+// What else has come on the connection is not read.
+int PageServer::sendWhole(lws* wsi, Exchange& exchange) {
+    int state = sendHead(wsi, exchange);
+    while (state == 0) state = sendSome(wsi);
+    return state;
 }
 
 int PageServer::answer(lws* wsi, Exchange& exchange) {
     exchange.answer = handler_(exchange.request);
     if (waiting() > kMostWaiting) return refuse(wsi, exchange, 503, "too many answers wait to be taken");
-    return sendHead(wsi, exchange);
+    // At once where it can be: bytes behind a body would end the connection before.
+    const bool whole = exchange.closes && exchange.bytes().size() <= kMostAtOnce;
+    return whole ? sendWhole(wsi, exchange) : sendHead(wsi, exchange);
 }
 
 int PageServer::sendHead(lws* wsi, Exchange& exchange) {
     const PageAnswer& answer = exchange.answer;
     exchange.deadline = nowSeconds() + patience_.answer;
     exchange.headed = true;
+    moved_[wsi] = nowMs();
     Head head(wsi);
     bool good = head.begin(answer, exchange.bytes().size());
     for (const auto& [name, value] : kFixedHeaders) good = good && head.add(name, value);
+    for (const auto& [status, name, value] : kStatusHeaders)
+        if (status == answer.status) good = good && head.add(name, value);
+    if (exchange.closes) good = good && head.add("connection:", "close");
     if (!answer.location.empty()) good = good && head.add("location:", answer.location);
     if (!answer.setCookie.empty()) good = good && head.add("set-cookie:", answer.setCookie);
     if (!good || !head.send()) return -1;
@@ -260,6 +314,7 @@ int PageServer::sendSome(lws* wsi) {
     const auto at = exchanges_.find(wsi);
     if (at == exchanges_.end() || !at->second->headed) return 0;
     Exchange& exchange = *at->second;
+    if (exchange.bare) return finish(wsi);
     const std::string_view rest = exchange.bytes().substr(exchange.sent);
     const std::size_t length = std::min(rest.size(), kPart);
     unsigned char buffer[LWS_PRE + kPart];
@@ -269,11 +324,15 @@ int PageServer::sendSome(lws* wsi) {
         static_cast<int>(length))
         return -1;
     exchange.sent += length;
-    if (!last) {
-        lws_callback_on_writable(wsi);
-        return 0;
-    }
-    const bool closes = exchange.closes;
+    moved_[wsi] = nowMs();
+    if (last) return finish(wsi);
+    lws_callback_on_writable(wsi);
+    return 0;
+}
+
+int PageServer::finish(lws* wsi) {
+    const auto at = exchanges_.find(wsi);
+    const bool closes = at->second->closes;
     exchanges_.erase(at);
     return closes || lws_http_transaction_completed(wsi) ? -1 : 0;
 }

@@ -5,7 +5,8 @@
 //
 // Limits    kMostConnections; a request's headers kMostHeaders bytes, its body kMostBody; answers that wait
 //           kMostWaiting, beyond which a request is refused. A connection ends when its request has not come,
-//           its answer has not been taken, or nothing was asked in the time of PagePatience.
+//           its answer has not been taken, or nothing was asked in the time of PagePatience. When all places
+//           are taken, the one in which nothing has moved for longest gives way to a new one.
 // Lifetime  stop() (or the end of the object) ends the thread; the handler must outlive it.
 // Threads   start() and stop() of one thread.
 #pragma once
@@ -26,6 +27,7 @@
 namespace vx::collector {
 
 inline constexpr std::size_t kMostConnections = 64;
+inline constexpr std::int64_t kStalledMs = 1000;  // an answer of which nothing was taken for so long
 inline constexpr std::size_t kMostHeaders = 8192;
 inline constexpr std::size_t kMostBody = 1024 * 1024;
 inline constexpr std::size_t kMostWaiting = std::size_t{64} * 1024 * 1024;  // bytes of answers in all
@@ -59,18 +61,28 @@ private:
         std::size_t sent = 0;
         bool headed = false;  // the answer's head is out
         bool closes = false;  // no further request on this connection
+        bool bare = false;    // a HEAD: the answer has no body
         std::string_view bytes() const { return answer.bytes.empty() ? answer.body : answer.bytes; }
+    };
+
+    struct Refusal {
+        int status = 0;
+        const char* why = nullptr;  // null: none
     };
 
     static int onEvent(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length);
     int serve(lws* wsi, lws_callback_reasons reason, const char* in, std::size_t length);
     int takeRequest(lws* wsi, std::string_view path);
+    static Refusal refusalOf(lws* wsi, Exchange& exchange);
     int takeBody(lws* wsi, std::string_view part);
     int answer(lws* wsi, Exchange& exchange);
     int refuse(lws* wsi, Exchange& exchange, int status, const char* why);
     int sendHead(lws* wsi, Exchange& exchange);
+    int sendWhole(lws* wsi, Exchange& exchange);
     int sendSome(lws* wsi);
+    int finish(lws* wsi);
     void run();
+    bool hasPlace();
     void endLate();
     std::size_t waiting() const;
 
@@ -81,7 +93,7 @@ private:
     lws_protocols protocols_[2];
     lws_context* context_ = nullptr;
     std::unordered_map<lws*, std::unique_ptr<Exchange>> exchanges_;
-    std::size_t connections_ = 0;
+    std::unordered_map<lws*, std::int64_t> moved_;  // of each connection: when something was done last
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<bool> stopped_{false};
     std::thread thread_;
