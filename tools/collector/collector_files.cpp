@@ -38,8 +38,7 @@ bool isProfileName(std::string_view name) {
 }
 
 FileMark markOf(const struct stat& status) {
-    return {status.st_size,
-            static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000 + status.st_mtim.tv_nsec / 1000};
+    return {status.st_size, lmdOf(status)};
 }
 
 // Why an entry of the folder is not handed out; null when it is.
@@ -102,6 +101,10 @@ std::string keywordField(const std::string& name, const FileMark& mark) {
 }
 
 }  // namespace
+
+std::int64_t lmdOf(const struct stat& status) {
+    return static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000 + status.st_mtim.tv_nsec / 1000;
+}
 
 bool FileStore::open(std::string& error) {
     if (folder_.empty() || scan(present_)) {

@@ -17,6 +17,8 @@
 // Threads   One.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -29,6 +31,7 @@ namespace vx::collector {
 
 inline constexpr std::int64_t kMaxFileSize = 64 * 1024 * 1024;
 inline constexpr std::size_t kMaxFiles = 140;
+inline constexpr const char* kRulesFile = "BTRuleConfig";
 
 struct FileMark {
     std::int64_t size = 0, lmd = 0;
@@ -69,6 +72,9 @@ private:
     std::vector<std::string> passedOver_;
     std::map<std::string, Kept> kept_;  // by path
 };
+
+// As in a mark: tells one version of a file from the next.
+std::int64_t lmdOf(const struct stat& status);
 
 // Fields, each with its ";", that tell an instance of the files on a start line.
 std::string startFields(const FileSet& present);

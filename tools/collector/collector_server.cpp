@@ -88,6 +88,7 @@ bool CollectorServer::openStore(std::string& error) {
         return false;
     }
     runs_.storeIn(&store_->intake());
+    rememberInstances();
     return true;
 }
 
@@ -250,9 +251,17 @@ void CollectorServer::takeFirstLine(Connection& connection, std::string_view lin
     if (wanted_) start(connection);
 }
 
+// The last of its orders answered with Ok: it has what it was told of.
+void CollectorServer::noteAnswer(Connection& connection, std::string_view line) {
+    const auto rules = connection.told.keywords.find(kRulesFile);
+    if (line.starts_with("vx_control_rep:") && fieldOf(line, "result") == "Ok" && connection.orders.idle())
+        connection.rulesVersion = rules == connection.told.keywords.end() ? 0 : rules->second.lmd;
+}
+
 // Everything but the pulse of an instance is shown: answers, errors, thread dumps.
 void CollectorServer::takeControlLine(Connection& connection, std::string_view line) {
     connection.orders.heard(line, Clock::now());
+    noteAnswer(connection, line);
     FileRequest request{};
     if (readFileRequest(line, request)) {
         sendFile(connection, request);

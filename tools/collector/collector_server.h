@@ -53,8 +53,9 @@ struct Connection {
     std::uint64_t received = 0;           // bytes
     // Control connections:
     Orders orders;
-    bool started = false;  // a start was ordered and no stop since
-    FileSet told;          // the files that the instance knows of
+    bool started = false;           // a start was ordered and no stop since
+    FileSet told;                   // the files that the instance knows of
+    std::int64_t rulesVersion = 0;  // of the rules among them, once it has answered
     int heartbeats = 0;
     std::unique_ptr<std::FILE, FileCloser> file;
 };
@@ -107,6 +108,7 @@ private:
     void takeBytes(Connection& connection, const char* data, std::size_t length);
     void takeLine(Connection& connection, std::string_view line);
     void takeFirstLine(Connection& connection, std::string_view line);
+    void noteAnswer(Connection& connection, std::string_view line);
     void takeControlLine(Connection& connection, std::string_view line);
     void openStreamFile(Connection& connection);
     void keepLine(Connection& connection, std::string_view line);  // in the stream's file
@@ -124,6 +126,7 @@ private:
     void publishStatus();
     void addStatus(const Connection& connection);
     void forgetOldest();
+    void rememberInstances();
     void announce(const char* what, const Connection& connection);
 
     Options options_;

@@ -31,16 +31,30 @@ void CollectorServer::addStatus(const Connection& connection) {
     status.lastHeard = std::max(status.lastHeard, connection.heardAt);
     if (connection.kind == StreamKind::kControl) {
         status.started = connection.started;
+        status.rulesVersion = connection.rulesVersion;
         status.lastHeartbeat = std::max(status.lastHeartbeat, connection.heardAt);
     }
     status.links.push_back({kindText(connection.kind), connection.peer, connection.since, connection.heardAt,
                             connection.received});
 }
 
+// Those that the store knows of former times are shown as gone until they connect.
+void CollectorServer::rememberInstances() {
+    for (const InstanceRow& row : store_->former()) {
+        if (known_.size() >= kMostShownInstances) return;
+        InstanceStatus status;
+        status.key = row.instance;
+        status.identity = {row.tier, row.server, row.app, row.agent};
+        status.lastHeard = row.lastAt;
+        known_.emplace(status.identity.text(), std::move(status));
+    }
+}
+
 void CollectorServer::publishStatus() {
     for (auto& [name, status] : known_) {
         status.links.clear();
         status.started = false;
+        status.rulesVersion = 0;
     }
     for (const Connection& connection : connections_)
         if (connection.kind != StreamKind::kUnknown) addStatus(connection);

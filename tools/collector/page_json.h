@@ -46,6 +46,23 @@ public:
         return key(name).item(value);
     }
 
+    // Null where it is not known.
+    template <class Value>
+    JsonText& putKnown(std::string_view name, bool known, const Value& value) {
+        return known ? put(name, value) : put(name, nullptr);
+    }
+    // A list of objects; `fill(row)` puts the members of each.
+    template <class Rows, class Fill>
+    JsonText& putObjects(std::string_view name, const Rows& rows, Fill fill) {
+        key(name).open('[');
+        for (const auto& row : rows) {
+            open('{');
+            fill(row);
+            close();
+        }
+        return close();
+    }
+
     bool full() const { return full_; }
     std::string take() { return std::move(text_); }
 

@@ -83,9 +83,8 @@ void takeNotes(const Readings& readings, std::size_t unlike, std::size_t later, 
         out.notes.emplace_back("Headers count as far as they were captured.");
 }
 
-void putName(JsonText& json, const char* key, const std::string& name) {
-    json.key(key);
-    name.empty() ? json.item(nullptr) : json.item(name);
+JsonText& putName(JsonText& json, const char* key, const std::string& name) {
+    return json.putKnown(key, !name.empty(), name);
 }
 
 }  // namespace
@@ -110,27 +109,22 @@ bool makePreview(const std::string* inForce, const std::string& edited,
 }
 
 void putPreview(JsonText& json, const RulePreview& preview) {
-    json.put("looked", preview.looked).put("moved", preview.moved).key("moves").open('[');
     std::vector<decltype(preview.moves)::const_iterator> moves;
     for (auto at = preview.moves.begin(); at != preview.moves.end(); ++at) moves.push_back(at);
     std::stable_sort(moves.begin(), moves.end(),
                      [](const auto& a, const auto& b) { return a->second.count > b->second.count; });
-    for (const auto& at : moves) {
-        json.open('{');
+    json.put("looked", preview.looked).put("moved", preview.moved);
+    json.putObjects("moves", moves, [&](const auto& at) {
         putName(json, "from", at->first.first);
-        putName(json, "to", at->first.second);
-        json.put("count", at->second.count).key("examples").open('[');
-        for (const auto& [id, url] : at->second.examples)
-            json.open('{').put("id", std::to_string(id)).put("url", url).close();
-        json.close().close();
-    }
-    json.close().key("counts").open('[');
-    for (const auto& [bt, count] : preview.counts) {
-        json.open('{');
-        putName(json, "bt", bt);
-        json.put("before", count.first).put("after", count.second).close();
-    }
-    json.close().key("notes").open('[');
+        putName(json, "to", at->first.second).put("count", at->second.count);
+        json.putObjects("examples", at->second.examples, [&](const auto& example) {
+            json.put("id", std::to_string(example.first)).put("url", example.second);
+        });
+    });
+    json.putObjects("counts", preview.counts, [&](const auto& row) {
+        putName(json, "bt", row.first).put("before", row.second.first).put("after", row.second.second);
+    });
+    json.key("notes").open('[');
     for (const std::string& note : preview.notes) json.item(note);
     json.close();
 }

@@ -62,19 +62,26 @@ void putReading(JsonText& json, const VXRuleReading& reading) {
     json.put("decidingWords", reading.decidingWords());
     json.key("lines").open('[');
     for (const VXReadLine& line : reading.lines()) {
-        putLine(json, line).put("meaning", line.meaning).key("fault");
-        line.fault.empty() ? json.item(nullptr) : json.item(line.fault);
-        json.close();
+        putLine(json, line).put("meaning", line.meaning);
+        json.putKnown("fault", !line.fault.empty(), line.fault).close();
     }
-    json.close().key("warnings").open('[');
-    for (const VXRuleWarning& warning : reading.warnings())
-        json.open('{').put("line", warning.line).put("text", warning.text).close();
-    json.close();
+    json.close().putObjects("warnings", reading.warnings(), [&](const VXRuleWarning& warning) {
+        json.put("line", warning.line).put("text", warning.text);
+    });
+}
+
+// Why a file must not be replaced; empty: it may be.
+std::string lockOf(const std::string& folder, const std::string& path) {
+    struct stat status {};
+    if (::access(folder.c_str(), W_OK | X_OK) != 0) return systemError(folder);
+    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? "" : systemError(path);
+    if (S_ISLNK(status.st_mode)) return path + " is a link: it is edited where it leads";
+    return status.st_mode & 0222 ? "" : path + " is read-only";  // also for whoever could write it anyhow
 }
 
 // Writes beside the file and renames; what was there stays whole until then.
 bool replaceFile(const std::string& folder, const std::string& name, const std::string& text,
-                 std::string& error) {
+                 std::int64_t& version, std::string& error) {
     const std::string path = folder + "/" + name;
     std::string beside = folder + "/." + name + ".XXXXXX";  // a dot: not handed out meanwhile
     const Descriptor file(::mkostemp(beside.data(), O_CLOEXEC));
@@ -83,19 +90,24 @@ bool replaceFile(const std::string& folder, const std::string& name, const std::
         return false;
     }
     struct stat before {};
-    const mode_t mode = ::stat(path.c_str(), &before) == 0 ? before.st_mode & 07777 : 0644;
+    const bool replaces = ::stat(path.c_str(), &before) == 0;
+    const mode_t mode = replaces ? before.st_mode & 07777 : 0644;
+    if (replaces && ::fchown(file.fd, before.st_uid, before.st_gid) != 0) errno = 0;  // as far as may be
     bool good = ::fchmod(file.fd, mode) == 0;
     for (std::size_t at = 0; good && at < text.size();) {
         const ssize_t put = ::write(file.fd, text.data() + at, text.size() - at);
         if (put > 0) at += static_cast<std::size_t>(put);
         good = put > 0 || errno == EINTR;
     }
-    good = good && ::fsync(file.fd) == 0 && ::rename(beside.c_str(), path.c_str()) == 0;
+    struct stat after {};
+    good = good && ::fsync(file.fd) == 0 && ::fstat(file.fd, &after) == 0 &&
+           ::rename(beside.c_str(), path.c_str()) == 0;
     if (!good) {
         error = systemError(path);
         ::unlink(beside.c_str());
         return false;
     }
+    version = lmdOf(after);
     const Descriptor parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (parent.fd >= 0) ::fsync(parent.fd);
     return true;
@@ -123,8 +135,7 @@ PageAnswer explained(VXRuleReading& reading, const RuleBody& body) {
     const VXExplanation got =
         vxExplainRequest(reading, asked, body.headers ? body.headers->c_str() : nullptr);
     JsonText json;
-    json.open('{').key("bt");
-    got.answer.bt.empty() ? json.item(nullptr) : json.item(got.answer.bt);
+    json.open('{').putKnown("bt", !got.answer.bt.empty(), got.answer.bt);
     json.put("btId", got.answer.id)
         .put("excluded", got.answer.bt.empty())
         .put("line", got.line)
@@ -144,6 +155,7 @@ PageAnswer explained(VXRuleReading& reading, const RuleBody& body) {
 PageRules::Held PageRules::held() const {
     Held out;
     if (folder_.empty()) return out;
+    out.locked = lockOf(folder_, path());
     const Descriptor file(::open(path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.fd < 0) {
         if (errno != ENOENT) out.fault = systemError(path());
@@ -155,6 +167,7 @@ PageRules::Held PageRules::held() const {
         out.fault = path() + ": no regular file";
         return out;
     }
+    out.version = lmdOf(status);
     char part[16384];
     for (ssize_t got = 0; (got = ::read(file.fd, part, sizeof(part))) > 0;) {
         out.text.append(part, static_cast<std::size_t>(got));
@@ -171,12 +184,10 @@ PageAnswer PageRules::show() const {
     VXRuleReading reading;
     if (!reading.good() || !reading.read(now.text)) return pageFault(503, "out of memory");
     JsonText json;
-    json.open('{').put("editable", editable() && now.fault.empty()).put("present", now.present);
-    json.put("name", kRulesFile)
-        .put("text", now.text)
-        .put("digest", digestOf(now.present, now.text))
-        .key("fault");
-    now.fault.empty() ? json.item(nullptr) : json.item(now.fault);
+    const std::string& fault = now.fault.empty() ? now.locked : now.fault;
+    json.open('{').put("editable", editable() && fault.empty()).put("present", now.present);
+    json.put("name", kRulesFile).put("text", now.text).put("digest", digestOf(now.present, now.text));
+    json.putKnown("version", now.present, now.version).putKnown("fault", !fault.empty(), fault);
     putReading(json, reading);
     json.close();
     return jsonAnswer(json);
@@ -189,7 +200,7 @@ PageAnswer PageRules::tryOut(const PageRequest& request) const {
     if (!body.url || body.url->empty() || body.url->size() > kMostUrl)
         return pageFault(400, "'url' is missing, or longer than 4096 bytes");
     const Held now = held();
-    if (!body.text && !now.fault.empty()) return pageFault(409, now.fault);
+    if (!body.text && !now.fault.empty()) return pageFault(423, now.fault);
     VXRuleReading reading;
     if (!reading.good() || !reading.read(body.text ? *body.text : now.text))
         return pageFault(503, "out of memory");
@@ -222,17 +233,20 @@ PageAnswer PageRules::preview(const PageRequest& request) const {
 PageAnswer PageRules::save(const PageRequest& request) const {
     RuleBody body;
     PageAnswer fault;
-    if (!editable()) return pageFault(409, "the collector hands out no files: start it with --files");
+    if (!editable()) return pageFault(423, "the collector hands out no files: start it with --files");
     if (!takeBody(request, body, fault)) return fault;
     if (!body.text || !body.digest) return pageFault(400, "'text' or 'digest' is missing");
     const Held now = held();
-    if (!now.fault.empty()) return pageFault(409, now.fault);
+    for (const std::string& why : {now.fault, now.locked})
+        if (!why.empty()) return pageFault(423, why);
     if (digestOf(now.present, now.text) != *body.digest)
         return pageFault(409, "the rules have changed since they were read: read them again");
     std::string error;
-    if (!replaceFile(folder_, kRulesFile, *body.text, error)) return pageFault(500, error);
+    std::int64_t version = 0;
+    if (!replaceFile(folder_, kRulesFile, *body.text, version, error)) return pageFault(500, error);
     JsonText json;
-    json.open('{').put("saved", true).put("digest", digestOf(true, *body.text)).close();
+    json.open('{').put("saved", true).put("digest", digestOf(true, *body.text));
+    json.put("version", version).close();
     return jsonAnswer(json);
 }
 

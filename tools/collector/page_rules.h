@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/collector/collector_files.h"
 #include "tools/collector/page_request.h"
 #include "tools/collector/store_query.h"
 
@@ -19,7 +20,6 @@ namespace vx::collector {
 
 inline constexpr std::size_t kMostRulesText = 256 * 1024;
 inline constexpr std::size_t kPreviewed = 1000;
-inline constexpr const char* kRulesFile = "BTRuleConfig";
 
 // Where previews take their requests from: fills `out` with the latest ones; false when they cannot be had.
 using RecentRequests = std::function<bool(std::size_t most, std::vector<RequestRow>& out)>;
@@ -38,10 +38,12 @@ public:
 
 private:
     std::string path() const { return folder_ + "/" + kRulesFile; }
-    // The rules in force. `fault` is set when they cannot be read or are too long for the page.
+    // The rules in force. `fault` is set when they cannot be read or are too long for the page, `locked` when
+    // they cannot be replaced.
     struct Held {
         bool present = false;
-        std::string text, fault;
+        std::int64_t version = 0;
+        std::string text, fault, locked;
     };
     Held held() const;
 

@@ -25,12 +25,13 @@ struct LinkStatus {
     std::uint64_t bytes = 0;
 };
 struct InstanceStatus {
-    int number = 0;
+    int number = 0;        // 0: known from former times, has not connected since the start
     std::int64_t key = 0;  // in the store
     Identity identity;
     bool started = false;                           // instrumentation is to run
     std::int64_t lastHeard = 0, lastHeartbeat = 0;  // of any connection; of the control connection
     std::vector<LinkStatus> links;                  // that stand now
+    std::int64_t rulesVersion = 0;                  // of the rule file that it said to have taken; 0: none
 };
 struct CollectorStatus {
     std::int64_t now = 0, started = 0;

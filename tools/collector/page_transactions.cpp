@@ -10,7 +10,8 @@ namespace vx::collector {
 namespace {
 
 constexpr std::int64_t kUsualRows = 100, kMostListed = 1000;
-constexpr int kAbnormal = -1;  // all categories but normal
+constexpr std::int64_t kMostCallMs = kMostTime / 1000;  // calls are kept in microseconds
+constexpr int kAbnormal = -1;                           // all categories but normal
 struct CategoryRow {
     const char* name;
     int category;
@@ -39,6 +40,9 @@ TransactionsQuery queryOf(PageParameters& given) {
     query.exception = given.text("exception");
     query.url = given.text("url");
     query.session = given.text("session");
+    query.failedCalls = given.number("failed", 0, 0, 1) == 1;
+    query.leastCallMs = given.number("callMin", 0, 0, kMostCallMs);
+    query.caller = given.number("caller", 0, 0, kMostKey);
     query.status = given.number("status", -1, 0, INT32_MAX);
     query.minMs = given.number("min", 0, 0, kMostTime);
     query.maxMs = given.number("max", INT64_MAX, 0, kMostTime);
@@ -46,6 +50,8 @@ TransactionsQuery queryOf(PageParameters& given) {
     query.flowpath = given.number("number", 0, 0, INT64_MAX);
     query.limit = static_cast<std::size_t>(given.number("limit", kUsualRows, 1, kMostListed));
     takeCursor(given, query);
+    if (query.backend.empty() && query.failedCalls) given.refuse("failed");
+    if (query.backend.empty() && query.leastCallMs > 0) given.refuse("callMin");
     const std::string_view category = given.text("category");
     const auto* row = std::find_if(std::begin(kCategories), std::end(kCategories),
                                    [category](const CategoryRow& at) { return category == at.name; });
@@ -66,27 +72,8 @@ void putRow(JsonText& json, const TransactionRow& row, const InstanceNames& name
     json.put("callouts", row.callouts).put("exceptions", row.exceptions);
 }
 
-Answered askTransactions(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const TransactionsQuery query = queryOf(given);
-    std::vector<TransactionRow> rows;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.transactions(query, rows);
-    const InstanceNames names(store);
-    json.key("rows").open('[');
-    for (const TransactionRow& row : rows) {
-        json.open('{');
-        putRow(json, row, names);
-        json.close();
-    }
-    json.close().key("next");
-    const bool more = !rows.empty() && rows.size() >= query.limit;
-    more ? json.item(std::to_string(rows.back().at) + ":" + std::to_string(rows.back().id))
-         : json.item(nullptr);
-    return answered;
-}
-
 void putItem(JsonText& json, const TransactionItem& item) {
-    json.open('{').put("depth", item.depth).put("parent", item.parent).put("name", item.name);
+    json.put("depth", item.depth).put("parent", item.parent).put("name", item.name);
     json.put("atMs", item.startMs);
     switch (item.kind) {
         case TransactionItem::Kind::kMethod:
@@ -102,93 +89,48 @@ void putItem(JsonText& json, const TransactionItem& item) {
             json.put("kind", "exception").put("seq", item.seq);
             break;
     }
-    json.close();
 }
 
 void putException(JsonText& json, const TransactionException& thrown) {
-    json.open('{').put("class", thrown.name).put("message", thrown.message).put("cause", thrown.cause);
+    json.put("class", thrown.name).put("message", thrown.message).put("cause", thrown.cause);
     json.put("throwingClass", thrown.throwingClass).put("throwingMethod", thrown.throwingMethod);
     json.put("at", thrown.at).put("seq", thrown.seq);
     putLines(json, "stack", thrown.stack);
-    json.close();
 }
 
 void putHeaders(JsonText& json, const char* name, const std::vector<NameValue>& headers) {
-    json.key(name).open('[');
-    for (const NameValue& header : headers)
-        json.open('{').put("name", header.name).put("value", header.value).close();
-    json.close();
+    json.putObjects(name, headers, [&](const NameValue& header) {
+        json.put("name", header.name).put("value", header.value);
+    });
 }
 
 void putDetails(JsonText& json, const TransactionDetails& details) {
-    json.key("items").open('[');
-    for (const TransactionItem& item : details.items) putItem(json, item);
-    json.close().key("thrown").open('[');
-    for (const TransactionException& thrown : details.exceptions) putException(json, thrown);
-    json.close();
+    json.putObjects("items", details.items, [&](const TransactionItem& item) { putItem(json, item); });
+    json.putObjects("thrown", details.exceptions,
+                    [&](const TransactionException& thrown) { putException(json, thrown); });
     putHeaders(json, "requestHeaders", details.request);
     putHeaders(json, "responseHeaders", details.response);
-    json.key("arguments").open('[');
-    for (const Argument& argument : details.arguments)
-        json.open('{')
-            .put("method", argument.method)
-            .put("name", argument.name)
-            .put("value", argument.value)
-            .close();
-    json.close().key("records").open('[');
+    json.putObjects("arguments", details.arguments, [&](const Argument& argument) {
+        json.put("method", argument.method).put("name", argument.name).put("value", argument.value);
+    });
+    json.key("records").open('[');
     for (const std::string& record : details.records) json.item(record);
     json.close();
 }
 
-Answered askBackends(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const TimeSpan span = spanOf(given);
-    Backends backends;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.backends(span, backends);
-    const InstanceNames names(store);
-    json.key("backends").open('[');
-    for (const BackendSums& row : backends.rows)
-        json.open('{')
-            .put("backend", row.name)
-            .put("type", row.kind)
-            .put("calls", row.count)
-            .put("errors", row.errors)
-            .put("averageMs", row.averageMs)
-            .put("maxMs", row.maxMs)
-            .put("p95Ms", row.p95Ms)
-            .put("perSecond", perSecond(row.count, span))
-            .close();
-    json.close().key("edges").open('[');
-    for (const CallEdge& edge : backends.edges) {
-        const bool toInstance = edge.toInstance != 0;
-        json.open('{')
-            .put("from", names.of(edge.fromInstance))
-            .put("fromKey", std::to_string(edge.fromInstance));
-        json.put("to", toInstance ? names.of(edge.toInstance) : edge.backend);
-        json.put("toKind", toInstance ? "instance" : "backend");
-        if (toInstance) json.put("toKey", std::to_string(edge.toInstance));
-        json.put("calls", edge.count).put("errors", edge.errors).put("averageMs", edge.averageMs).close();
-    }
-    json.close();
-    return answered;
+void putBackend(JsonText& json, const BackendSums& row, TimeSpan span) {
+    json.put("backend", row.name).put("type", row.kind).put("calls", row.count).put("errors", row.errors);
+    json.put("averageMs", row.averageMs).put("maxMs", row.maxMs).put("p95Ms", row.p95Ms);
+    json.put("perSecond", perSecond(row.count, span));
 }
 
-Answered askExceptions(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const TimeSpan span = spanOf(given);
-    std::vector<ExceptionSums> rows;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.exceptions(span, rows);
-    json.key("exceptions").open('[');
-    for (const ExceptionSums& row : rows) {
-        json.open('{').put("class", row.name).put("count", row.count).put("lastAt", row.lastAt);
-        json.put("lastText", row.lastText).put("lastTransaction", std::to_string(row.lastTransaction));
-        putLines(json, "lastStack", row.lastStack);
-        json.key("bts").open('[');
-        for (const auto& [bt, count] : row.bts) json.open('{').put("bt", bt).put("count", count).close();
-        json.close().close();
-    }
-    json.close();
-    return answered;
+void putEdge(JsonText& json, const CallEdge& edge, const InstanceNames& names) {
+    const bool toInstance = edge.toInstance != 0;
+    json.put("from", names.of(edge.fromInstance)).put("fromKey", std::to_string(edge.fromInstance));
+    json.put("to", toInstance ? names.of(edge.toInstance) : edge.backend);
+    json.put("toKind", toInstance ? "instance" : "backend");
+    if (toInstance) json.put("toKey", std::to_string(edge.toInstance));
+    json.put("calls", edge.count).put("errors", edge.errors).put("averageMs", edge.averageMs);
 }
 
 }  // namespace
@@ -199,20 +141,53 @@ const char* categoryName(std::int64_t category) {
     return row == std::end(kCategories) ? "unknown" : row->name;
 }
 
-PageAnswer viewTransactions(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askTransactions);
+Answered askTransactions(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const TransactionsQuery query = queryOf(given);
+    const bool counted = given.number("count", 0, 0, 1) == 1;
+    std::vector<TransactionRow> rows;
+    if (!given.fault().empty()) return Answered::kFailed;
+    std::uint64_t count = 0;
+    if (counted) json.putKnown("count", store.count(query, count) == Answered::kOk, count);
+    const Answered answered = store.transactions(query, rows);
+    const InstanceNames names(store);
+    json.putObjects("rows", rows, [&](const TransactionRow& row) { putRow(json, row, names); });
+    const bool more = !rows.empty() && rows.size() >= query.limit;
+    json.putKnown("next", more,
+                  more ? std::to_string(rows.back().at) + ":" + std::to_string(rows.back().id) : "");
+    return answered;
 }
 
-PageAnswer viewBackends(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askBackends);
+Answered askBackends(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const TimeSpan asked = spanOf(given);
+    Backends backends;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.backends(asked, backends);
+    const TimeSpan span = coveredSpan(store, asked);
+    const InstanceNames names(store);
+    putSpan(json, span);
+    json.putObjects("backends", backends.rows, [&](const BackendSums& row) { putBackend(json, row, span); });
+    json.putObjects("edges", backends.edges, [&](const CallEdge& edge) { putEdge(json, edge, names); });
+    return answered;
 }
 
-PageAnswer viewExceptions(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askExceptions);
+Answered askExceptions(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const TimeSpan asked = spanOf(given);
+    std::vector<ExceptionSums> rows;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.exceptions(asked, rows);
+    putSpan(json, coveredSpan(store, asked));
+    json.putObjects("exceptions", rows, [&](const ExceptionSums& row) {
+        json.put("class", row.name).put("count", row.count).put("lastAt", row.lastAt);
+        json.put("lastText", row.lastText).put("lastTransaction", std::to_string(row.lastTransaction));
+        putLines(json, "lastStack", row.lastStack);
+        json.putObjects("bts", row.bts,
+                        [&](const auto& bt) { json.put("bt", bt.first).put("count", bt.second); });
+    });
+    return answered;
 }
 
 PageAnswer viewTransaction(const PageApi::Parts& parts, std::string_view id) {
-    if (!parts.store) return pageFault(503, "there is no store: start the collector with --db FILE");
+    if (!parts.store) return noStore();
     std::int64_t number = 0;
     const auto [end, code] = std::from_chars(id.data(), id.data() + id.size(), number);
     TransactionDetails details;
@@ -227,9 +202,8 @@ PageAnswer viewTransaction(const PageApi::Parts& parts, std::string_view id) {
     putRow(json, row, InstanceNames(*parts.store));
     json.put("cpu", row.cpu).put("page", row.page).put("correlation", row.correlation);
     json.put("traceId", row.traceId).put("callerSpan", row.callerSpan).put("endReason", row.endReason);
-    json.put("complete", !details.cut).key("caller");
-    details.caller > 0 ? json.item(std::to_string(details.caller)) : json.item(nullptr);
-    json.key("callees").open('[');
+    json.put("complete", !details.cut);
+    json.putKnown("caller", details.caller > 0, std::to_string(details.caller)).key("callees").open('[');
     for (const std::int64_t callee : details.callees) json.item(std::to_string(callee));
     json.close();
     putDetails(json, details);

@@ -1,9 +1,8 @@
-// What the views share: their span of time, names of instances, and how a question to the store is answered.
+// What the views share: their span of time, names of instances, and a store that does not answer.
 //
 // Threads   The page server's.
 #pragma once
 
-#include <charconv>
 #include <map>
 #include <string>
 
@@ -18,10 +17,17 @@ inline constexpr std::int64_t kMostTime = kMostKey;
 
 // The span of a request: the last 15 minutes unless it says otherwise.
 TimeSpan spanOf(PageParameters& given);
+// The span that the store's last answer on sums covers, and no more of the future than was asked for. The
+// transactions of just that span are those that were counted.
+TimeSpan coveredSpan(const StoreQuery& store, TimeSpan asked);
+// Members `from` and `to`.
+void putSpan(JsonText& json, TimeSpan span);
 double perSecond(std::uint64_t count, TimeSpan span);
 const char* categoryName(std::int64_t category);
 // A list out of a text of lines.
 void putLines(JsonText& json, const char* name, std::string_view text);
+// What is asked of sums.
+SumsQuery sumsQueryOf(PageParameters& given);
 
 // Names of the store's instances by their keys.
 class InstanceNames {
@@ -36,20 +42,7 @@ std::string instanceName(const InstanceRow& row);
 
 // A store that does not answer.
 PageAnswer storeFault(const StoreQuery& store);
-
-// Asks the store: `ask(given, store, json)` answers what the store did, with the open object of the answer
-// filled.
-template <class Ask>
-PageAnswer askStore(const PageApi::Parts& parts, const PageRequest& request, Ask ask) {
-    if (!parts.store) return pageFault(503, "there is no store: start the collector with --db FILE");
-    PageParameters given(request);
-    JsonText json;
-    json.open('{');
-    const Answered answered = ask(given, *parts.store, json);
-    if (!given.fault().empty()) return pageFault(400, given.fault());
-    if (answered == Answered::kFailed) return storeFault(*parts.store);
-    json.put("complete", answered == Answered::kOk).close();
-    return jsonAnswer(json);
-}
+// There is none.
+PageAnswer noStore();
 
 }  // namespace vx::collector

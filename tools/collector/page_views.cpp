@@ -20,16 +20,16 @@ void putCategories(JsonText& json, const Figures& figures) {
     json.put("verySlow", figures.verySlow).put("error", figures.error);
 }
 
-// Where nothing was counted there is no average.
+// Where nothing was counted there is none.
+std::optional<double> averageOf(const Figures& figures) {
+    if (figures.count == 0) return std::nullopt;
+    return static_cast<double>(figures.totalMs) / static_cast<double>(figures.count);
+}
+
 void putDurations(JsonText& json, const Figures& figures) {
     const bool any = figures.count > 0;
-    json.key("averageMs");
-    any ? json.item(static_cast<double>(figures.totalMs) / static_cast<double>(figures.count))
-        : json.item(nullptr);
-    json.key("minMs");
-    any ? json.item(figures.minMs) : json.item(nullptr);
-    json.key("maxMs");
-    any ? json.item(figures.maxMs) : json.item(nullptr);
+    json.put("averageMs", averageOf(figures)).putKnown("minMs", any, figures.minMs);
+    json.putKnown("maxMs", any, figures.maxMs);
 }
 
 void putFigures(JsonText& json, const Figures& figures) {
@@ -41,172 +41,59 @@ void putFigures(JsonText& json, const Figures& figures) {
 // Of a row of sums, or of all of them.
 void putSums(JsonText& json, const Figures& figures, double p95Ms, TimeSpan span) {
     putFigures(json, figures);
-    json.put("perSecond", perSecond(figures.count, span)).key("p95Ms");
-    figures.count > 0 ? json.item(p95Ms) : json.item(nullptr);
+    json.put("perSecond", perSecond(figures.count, span)).putKnown("p95Ms", figures.count > 0, p95Ms);
 }
 
 template <class Value>
-void putSeries(JsonText& json, const char* name, const std::vector<Figures>& steps, Value value) {
+void putSteps(JsonText& json, const char* name, const std::vector<Figures>& steps, Value value) {
     json.key(name).open('[');
     for (const Figures& step : steps) json.item(value(step));
     json.close();
 }
 
-SumsQuery sumsQueryOf(PageParameters& given) {
-    SumsQuery query;
-    query.span = spanOf(given);
-    query.stepMs = given.number("step", (query.span.to - query.span.from) / kUsualSteps, 1, kMostTime);
-    query.instance = given.number("instance", 0, 0, kMostKey);
-    const std::string_view kind = given.text("kind");
-    const auto at = std::find(kKinds.begin(), kKinds.end(), kind);
-    if (at != kKinds.end()) {
-        query.kind = static_cast<Monitored>(at - kKinds.begin());
-    } else if (!kind.empty()) {
-        given.refuse("kind");
-    }
-    return query;
+void putLink(JsonText& json, const LinkStatus& link) {
+    json.put("kind", link.kind).put("peer", link.peer).put("since", link.since);
+    json.put("lastHeard", link.lastHeard).put("bytes", link.bytes);
 }
 
 void putInstance(JsonText& json, const InstanceStatus& instance) {
     const Identity& who = instance.identity;
-    json.open('{').put("number", instance.number).put("key", std::to_string(instance.key));
-    json.put("name", who.text()).put("tier", who.tier).put("server", who.server).put("app", who.app);
-    json.put("agent", who.agent).put("connected", !instance.links.empty()).put("started", instance.started);
-    json.put("lastHeard", instance.lastHeard).key("lastHeartbeat");
-    instance.lastHeartbeat > 0 ? json.item(instance.lastHeartbeat) : json.item(nullptr);
-    json.key("connections").open('[');
-    for (const LinkStatus& link : instance.links)
-        json.open('{')
-            .put("kind", link.kind)
-            .put("peer", link.peer)
-            .put("since", link.since)
-            .put("lastHeard", link.lastHeard)
-            .put("bytes", link.bytes)
-            .close();
-    json.close().close();
+    json.putKnown("number", instance.number > 0, instance.number)
+        .put("key", std::to_string(instance.key))
+        .put("name", who.text());
+    json.put("tier", who.tier).put("server", who.server).put("app", who.app).put("agent", who.agent);
+    json.put("connected", !instance.links.empty()).put("started", instance.started);
+    json.put("lastHeard", instance.lastHeard);
+    json.putKnown("lastHeartbeat", instance.lastHeartbeat > 0, instance.lastHeartbeat);
+    json.putKnown("rulesVersion", instance.rulesVersion > 0, instance.rulesVersion);
+    json.putObjects("connections", instance.links, [&](const LinkStatus& link) { putLink(json, link); });
 }
 
 void putStore(JsonText& json, const StoreStatus& store) {
     json.open('{').put("kind", store.kind).put("queued", store.queuedBytes).put("written", store.written);
-    json.put("dropped", store.dropped).put("bytes", store.bytes).key("oldest");
-    store.oldestAt > 0 ? json.item(store.oldestAt) : json.item(nullptr);
+    json.put("dropped", store.dropped).put("bytes", store.bytes);
+    json.putKnown("oldest", store.oldestAt > 0, store.oldestAt);
     json.put("lostSums", store.lostSums).put("fault", store.fault).close();
 }
 
-Answered askSums(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const SumsQuery query = sumsQueryOf(given);
-    Sums sums;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.sums(query, sums);
-    json.put("from", sums.span.from).put("to", sums.span.to).put("step", sums.stepMs).key("all").open('{');
-    putSums(json, sums.all, sums.p95Ms, sums.span);
-    json.close().key("rows").open('[');
-    for (const SumsRow& row : sums.rows) {
-        json.open('{').put("name", row.name);
-        putSums(json, row.figures, row.p95Ms, sums.span);
-        json.put("discarded", row.discarded);
-        putSeries(json, "spark", row.steps, [](const Figures& step) { return step.count; });
-        json.close();
-    }
-    json.close().key("series").open('{').key("at").open('[');
+void putSeries(JsonText& json, const Sums& sums) {
+    json.key("series").open('{').key("at").open('[');
     for (std::size_t i = 0; i < sums.steps.size(); ++i)
         json.item(sums.span.from + static_cast<std::int64_t>(i) * sums.stepMs);
     json.close();
-    putSeries(json, "normal", sums.steps, [](const Figures& step) { return step.normal; });
-    putSeries(json, "slow", sums.steps, [](const Figures& step) { return step.slow; });
-    putSeries(json, "verySlow", sums.steps, [](const Figures& step) { return step.verySlow; });
-    putSeries(json, "error", sums.steps, [](const Figures& step) { return step.error; });
-    putSeries(json, "averageMs", sums.steps, [](const Figures& step) {
-        return step.count > 0
-                   ? std::optional(static_cast<double>(step.totalMs) / static_cast<double>(step.count))
-                   : std::nullopt;
-    });
+    putSteps(json, "normal", sums.steps, [](const Figures& step) { return step.normal; });
+    putSteps(json, "slow", sums.steps, [](const Figures& step) { return step.slow; });
+    putSteps(json, "verySlow", sums.steps, [](const Figures& step) { return step.verySlow; });
+    putSteps(json, "error", sums.steps, [](const Figures& step) { return step.error; });
+    putSteps(json, "averageMs", sums.steps, averageOf);
     json.close();
-    return answered;
 }
 
-Answered askMonitors(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const SumsQuery query = sumsQueryOf(given);
-    std::vector<MonitorRow> rows;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.monitors(query, rows);
-    json.put("kind", kKinds[static_cast<std::size_t>(query.kind)]).put("from", query.span.from);
-    json.put("to", query.span.to).key("rows").open('[');
-    for (const MonitorRow& row : rows) {
-        json.open('{').put("name", row.name).key("monitor").open('{');
-        putFigures(json, row.monitor);
-        json.close().key("singles").open('{');
-        putFigures(json, row.singles);
-        json.close().key("steps").open('[');
-        for (const MonitorStep& step : row.steps)
-            json.open('{')
-                .put("at", step.at)
-                .put("monitor", step.monitor.count)
-                .put("singles", step.singles.count)
-                .close();
-        json.close().close();
-    }
-    json.close();
-    return answered;
-}
-
-Answered askInstances(PageParameters&, StoreQuery& store, JsonText& json) {
-    std::vector<InstanceRow> rows;
-    const Answered answered = store.instances(rows);
-    json.key("instances").open('[');
-    for (const InstanceRow& row : rows)
-        json.open('{')
-            .put("key", std::to_string(row.instance))
-            .put("name", instanceName(row))
-            .put("tier", row.tier)
-            .put("server", row.server)
-            .put("app", row.app)
-            .put("agent", row.agent)
-            .put("firstAt", row.firstAt)
-            .put("lastAt", row.lastAt)
-            .close();
-    json.close();
-    return answered;
-}
-
-Answered askLinks(PageParameters& given, StoreQuery& store, JsonText& json) {
-    const TimeSpan span = spanOf(given);
-    const std::int64_t instance = given.number("instance", 0, 0, kMostKey);
-    const std::int64_t asked = given.number("step", kLinkStepMs, 1, kMostTime);
-    const std::int64_t step = (asked + kLinkStepMs - 1) / kLinkStepMs * kLinkStepMs;
-    std::vector<LinkRow> rows;
-    std::vector<RunComparison> comparisons;
-    if (!given.fault().empty()) return Answered::kFailed;
-    const Answered answered = store.links(span, instance, step, rows);
-    if (answered == Answered::kFailed) return answered;
-    json.put("step", step);
-    const Answered compared = store.comparisons(span, comparisons);
-    const InstanceNames names(store);
-    json.key("links").open('[');
-    for (const LinkRow& row : rows)
-        json.open('{')
-            .put("at", row.at)
-            .put("instance", names.of(row.instance))
-            .put("records", row.records)
-            .put("monitorRecords", row.monitorRecords)
-            .put("bytes", row.bytes)
-            .put("unreadable", row.unreadable)
-            .put("dropped", row.dropped)
-            .put("incomplete", row.incomplete)
-            .put("connects", row.connects)
-            .put("disconnects", row.disconnects)
-            .close();
-    json.close().key("comparisons").open('[');
-    for (const RunComparison& row : comparisons)
-        json.open('{')
-            .put("at", row.at)
-            .put("instance", names.of(row.instance))
-            .put("agreed", row.agreed)
-            .put("partial", row.partial)
-            .put("differing", row.differing)
-            .close();
-    json.close();
-    return compared == Answered::kOk ? answered : compared;
+void putLinkRow(JsonText& json, const LinkRow& row, const InstanceNames& names) {
+    json.put("at", row.at).put("instance", names.of(row.instance)).put("records", row.records);
+    json.put("monitorRecords", row.monitorRecords).put("bytes", row.bytes).put("unreadable", row.unreadable);
+    json.put("dropped", row.dropped).put("incomplete", row.incomplete).put("connects", row.connects);
+    json.put("disconnects", row.disconnects);
 }
 
 }  // namespace
@@ -234,6 +121,30 @@ void putLines(JsonText& json, const char* name, std::string_view text) {
     json.close();
 }
 
+SumsQuery sumsQueryOf(PageParameters& given) {
+    SumsQuery query;
+    query.span = spanOf(given);
+    query.stepMs = given.number("step", (query.span.to - query.span.from) / kUsualSteps, 1, kMostTime);
+    query.instance = given.number("instance", 0, 0, kMostKey);
+    const std::string_view kind = given.text("kind");
+    const auto at = std::find(kKinds.begin(), kKinds.end(), kind);
+    if (at != kKinds.end()) {
+        query.kind = static_cast<Monitored>(at - kKinds.begin());
+    } else if (!kind.empty()) {
+        given.refuse("kind");
+    }
+    return query;
+}
+
+TimeSpan coveredSpan(const StoreQuery& store, TimeSpan asked) {
+    const TimeSpan covered = store.covered();
+    return {covered.from, std::min(covered.to, std::max(asked.to, vxlb_now_ms()))};
+}
+
+void putSpan(JsonText& json, TimeSpan span) {
+    json.put("from", span.from).put("to", span.to);
+}
+
 std::string instanceName(const InstanceRow& row) {
     return Identity{row.tier, row.server, row.app, row.agent}.text();
 }
@@ -253,6 +164,22 @@ PageAnswer storeFault(const StoreQuery& store) {
     return pageFault(503, store.error().empty() ? "the store does not answer" : store.error());
 }
 
+PageAnswer noStore() {
+    return pageFault(503, "there is no store: start the collector with --db FILE");
+}
+
+PageAnswer answerOfStore(const PageApi::Parts& parts, const PageRequest& request, AskStore ask) {
+    if (!parts.store) return noStore();
+    PageParameters given(request);
+    JsonText json;
+    json.open('{');
+    const Answered answered = ask(given, *parts.store, json);
+    if (!given.fault().empty()) return pageFault(400, given.fault());
+    if (answered == Answered::kFailed) return storeFault(*parts.store);
+    json.put("complete", answered == Answered::kOk).close();
+    return jsonAnswer(json);
+}
+
 PageAnswer viewStatus(const PageApi::Parts& parts, const PageRequest&) {
     const auto status = parts.board->get();
     if (!status) return pageFault(503, "the collector is starting");
@@ -265,29 +192,97 @@ PageAnswer viewStatus(const PageApi::Parts& parts, const PageRequest&) {
     json.put("bytes", status->bytes).put("transactions", status->transactions);
     json.put("unreadable", status->unreadable).put("comparedRuns", status->comparedRuns);
     json.put("connections", status->connections).put("refusedConnections", status->refusedConnections);
-    json.key("instances").open('[');
-    for (const InstanceStatus& instance : status->instances) putInstance(json, instance);
-    json.close().key("store");
+    json.putObjects("instances", status->instances,
+                    [&](const InstanceStatus& instance) { putInstance(json, instance); });
+    json.key("store");
     store ? putStore(json, *store) : void(json.item(nullptr));
     json.key("rules").open('{').put("editable", parts.rules->editable()).close();
     json.put("token", !parts.guard->open()).close();
     return jsonAnswer(json);
 }
 
-PageAnswer viewOverview(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askSums);
+Answered askOverview(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const SumsQuery query = sumsQueryOf(given);
+    Sums sums;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.sums(query, sums);
+    const TimeSpan span = coveredSpan(store, query.span);
+    putSpan(json, span);
+    json.put("step", sums.stepMs).key("all").open('{');
+    putSums(json, sums.all, sums.p95Ms, span);
+    json.close().putObjects("rows", sums.rows, [&](const SumsRow& row) {
+        json.put("name", row.name);
+        putSums(json, row.figures, row.p95Ms, span);
+        json.put("discarded", row.discarded);
+        putSteps(json, "spark", row.steps, [](const Figures& step) { return step.count; });
+    });
+    putSeries(json, sums);
+    return answered;
 }
 
-PageAnswer viewMonitors(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askMonitors);
+Answered askMonitors(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const SumsQuery query = sumsQueryOf(given);
+    std::vector<MonitorRow> rows;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.monitors(query, rows);
+    putSpan(json.put("kind", kKinds[static_cast<std::size_t>(query.kind)]), coveredSpan(store, query.span));
+    json.putObjects("rows", rows, [&](const MonitorRow& row) {
+        json.put("name", row.name).key("monitor").open('{');
+        putFigures(json, row.monitor);
+        json.close().key("singles").open('{');
+        putFigures(json, row.singles);
+        json.close().putObjects("steps", row.steps, [&](const MonitorStep& step) {
+            json.put("at", step.at).put("monitor", step.monitor.count).put("singles", step.singles.count);
+        });
+    });
+    return answered;
 }
 
-PageAnswer viewInstances(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askInstances);
+Answered askReports(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const SumsQuery query = sumsQueryOf(given);
+    std::vector<ReportRow> rows;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.reports(query, std::string(given.text("name")), rows);
+    const InstanceNames names(store);
+    putSpan(json, coveredSpan(store, query.span));
+    json.putObjects("reports", rows, [&](const ReportRow& row) {
+        json.put("at", row.at).put("instance", names.of(row.instance)).put("count", row.count);
+        json.put("line", row.line);
+    });
+    return answered;
 }
 
-PageAnswer viewLinks(const PageApi::Parts& parts, const PageRequest& request) {
-    return askStore(parts, request, askLinks);
+Answered askInstances(PageParameters&, StoreQuery& store, JsonText& json) {
+    std::vector<InstanceRow> rows;
+    const Answered answered = store.instances(rows);
+    json.putObjects("instances", rows, [&](const InstanceRow& row) {
+        json.put("key", std::to_string(row.instance)).put("name", instanceName(row)).put("tier", row.tier);
+        json.put("server", row.server).put("app", row.app).put("agent", row.agent);
+        json.put("firstAt", row.firstAt).put("lastAt", row.lastAt);
+    });
+    return answered;
+}
+
+Answered askLinks(PageParameters& given, StoreQuery& store, JsonText& json) {
+    const TimeSpan span = spanOf(given);
+    const std::int64_t instance = given.number("instance", 0, 0, kMostKey);
+    const std::int64_t asked = given.number("step", kLinkStepMs, 1, kMostTime);
+    const std::int64_t step = (asked + kLinkStepMs - 1) / kLinkStepMs * kLinkStepMs;
+    std::vector<LinkRow> rows;
+    std::vector<RunComparison> comparisons;
+    if (!given.fault().empty()) return Answered::kFailed;
+    const Answered answered = store.links(span, instance, step, rows);
+    if (answered == Answered::kFailed) return answered;
+    json.put("step", step);
+    const Answered compared = store.comparisons(span, comparisons);
+    const InstanceNames names(store);
+    if (instance) std::erase_if(comparisons, [&](const auto& row) { return row.instance != instance; });
+    json.putObjects("links", rows, [&](const LinkRow& row) { putLinkRow(json, row, names); });
+    json.putObjects("comparisons", comparisons, [&](const RunComparison& row) {
+        json.put("at", row.at).put("instance", names.of(row.instance)).put("agreed", row.agreed);
+        json.put("partial", row.partial).put("differing", row.differing);
+    });
+    return compared == Answered::kOk ? answered : compared;
 }
 
 }  // namespace vx::collector

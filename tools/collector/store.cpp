@@ -23,9 +23,12 @@ bool Store::openFile(const std::string& path, const Retention& retention, std::s
     if (!sink->open(path, retention, error)) return false;
     const std::int64_t nextId = sink->nextId();
     StoreQuery query;
-    if (query.openFile(path, kNamesMs)) return begin(std::move(sink), nextId, query);
-    error = query.error();
-    return false;
+    if (!query.openFile(path, kNamesMs)) {
+        error = query.error();
+        return false;
+    }
+    query.instances(former_);
+    return begin(std::move(sink), nextId, query);
 }
 
 bool Store::begin(std::unique_ptr<StoreSink> sink, std::int64_t nextId, StoreQuery& query) {

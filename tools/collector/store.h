@@ -42,11 +42,15 @@ public:
     void finish();
     StoreIntake& intake() { return *intake_; }
     StoreStatus status() const;
+    // Instances that the file knew when it was opened, the latest first. A server's may be others' as well:
+    // none.
+    const std::vector<InstanceRow>& former() const { return former_; }
 
 private:
     bool begin(std::unique_ptr<StoreSink> sink, std::int64_t nextId, StoreQuery& query);
 
     const char* kind_ = "sqlite";
+    std::vector<InstanceRow> former_;
     StoreQueue queue_;
     std::optional<StoreIntake> intake_;
     std::unique_ptr<StoreWriter> writer_;

@@ -55,12 +55,21 @@ void addFilters(Sql& sql, const TransactionsQuery& query, const Database& databa
     if (!query.backend.empty()) {
         sql.add(" AND id IN (SELECT tx FROM callouts WHERE backend = ?", query.backend);
         addSpan(sql, query.span);
+        if (query.failedCalls) sql.add(" AND failed <> 0");
+        if (query.leastCallMs > 0) sql.add(" AND us >= ?", query.leastCallMs * 1000);
         sql.add(")");
     }
     if (!query.exception.empty()) {
         sql.add(" AND id IN (SELECT tx FROM exceptions WHERE class = ?", query.exception);
         addSpan(sql, query.span);
         sql.add(")");
+    }
+    if (query.caller) {
+        sql.add(" AND previous <> 0 AND previous IN (SELECT flowpath FROM transactions WHERE instance = ?",
+                query.caller);
+        sql.add(" AND flowpath IN (SELECT previous FROM transactions WHERE previous <> 0");
+        addSpan(sql, query.span);
+        sql.add("))");
     }
     if (query.beforeAt < INT64_MAX)
         sql.add(" AND (at < ?", query.beforeAt)
@@ -102,6 +111,18 @@ Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<Tr
     sql.add(" ORDER BY at DESC, id DESC LIMIT ?", static_cast<std::int64_t>(limit));
     ask(
         sql, [&](const ResultRow& row) { out.push_back(transactionOf(row)); }, answer);
+    return answer;
+}
+
+Answered StoreQuery::count(const TransactionsQuery& query, std::uint64_t& out) {
+    out = 0;
+    Answered answer = Answered::kOk;
+    TransactionsQuery all = query;
+    all.beforeAt = INT64_MAX;
+    Sql sql("SELECT count(*) FROM transactions WHERE 1 = 1");
+    addFilters(sql, all, *database_);
+    ask(
+        sql, [&](const ResultRow& row) { out = static_cast<std::uint64_t>(row.number(0)); }, answer);
     return answer;
 }
 

@@ -27,6 +27,7 @@ namespace vx::collector {
 
 inline constexpr std::size_t kMostRows = 10000;
 inline constexpr std::size_t kMostSteps = 1000;
+inline constexpr std::size_t kMostReports = 1000;
 
 struct TimeSpan {
     std::int64_t from = 0, to = INT64_MAX;
@@ -34,9 +35,9 @@ struct TimeSpan {
 
 // --- overview and sums ---
 
-// What is asked of sums. `stepMs` is made a multiple of the interval in which sums are kept (10 s; 10 min for
-// what is older than two days), and so great that the span has at most kMostSteps; `from` is rounded down to
-// it.
+// What is asked of sums. They are kept in intervals of 10 s (10 min for what is older than two days): the
+// span is rounded outwards to these, and `stepMs` up to a multiple, so great that the span has at most
+// kMostSteps. Steps of a span that goes on are at multiples of themselves, so that they stay while it moves.
 struct SumsQuery {
     Monitored kind = Monitored::kBt;
     TimeSpan span;
@@ -48,7 +49,7 @@ struct SumsRow {
     Figures figures;              // of the whole span; figures.totalMs / figures.count is the average
     std::uint64_t discarded = 0;  // taken back by the sender, or excluded: not in the figures
     double p95Ms = 0;             // within 2 % of the true one; exact below 64 ms
-    std::vector<Figures> steps;   // one for each step of the span
+    std::vector<Figures> steps;   // one for each step of the span; the last may be a part of one
 };
 struct Sums {
     TimeSpan span;  // as rounded
@@ -65,6 +66,9 @@ struct TransactionsQuery {
     TimeSpan span;                       // of their ends
     std::string bt, backend, exception;  // exact names; empty: any
     std::string url;                     // a part of it; empty: any
+    bool failedCalls = false;            // with a back-end: calls that failed
+    std::int64_t leastCallMs = 0;        // with a back-end: calls that took so long
+    std::int64_t caller = 0;             // an instance whose transactions called them; 0: any
     int category = 0;                    // 10, 11, 12, 13; 0: any; -1: all but normal ones
     std::int64_t status = -1;            // -1: any
     std::int64_t minMs = 0, maxMs = INT64_MAX;
@@ -122,6 +126,12 @@ struct MonitorRow {
     Figures monitor, singles;  // of the whole span
     std::vector<MonitorStep> steps;
 };
+// A line of a monitor, as it came.
+struct ReportRow {
+    std::int64_t at = 0, instance = 0;
+    std::uint64_t count = 0;
+    std::string line;
+};
 // --- requests, for rules ---
 
 struct RequestRow {
@@ -146,6 +156,8 @@ public:
 
     Answered sums(const SumsQuery& query, Sums& out);
     Answered transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out);
+    // How many there are in all, whatever the limit and the page. kCut: not known.
+    Answered count(const TransactionsQuery& query, std::uint64_t& out);
     // Those behind `afterId`, in the order of their ids: for whoever wants all.
     Answered transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
                                 std::vector<TransactionRow>& out);
@@ -154,9 +166,13 @@ public:
     Answered transaction(std::int64_t id, TransactionDetails& out);
     // The transaction of another tier that called this one. kFailed with an empty error() when there is none.
     Answered callerOf(const TransactionRow& row, TransactionRow& out);
+    // The span that the last answer on sums, back-ends, exceptions or monitors covers: as it was rounded.
+    TimeSpan covered() const { return covered_; }
     Answered backends(TimeSpan span, Backends& out);
     Answered exceptions(TimeSpan span, std::vector<ExceptionSums>& out);
     Answered monitors(const SumsQuery& query, std::vector<MonitorRow>& out);
+    // The lines behind the row of that name, latest first: at most kMostReports.
+    Answered reports(const SumsQuery& query, const std::string& name, std::vector<ReportRow>& out);
     Answered comparisons(TimeSpan span, std::vector<RunComparison>& out);
     Answered instances(std::vector<InstanceRow>& out);
     // Oldest first, added up over steps of `stepMs` (a multiple of 10 s); of one instance, or of all (0).
@@ -179,6 +195,7 @@ private:
 
     std::unique_ptr<Database> database_;
     std::string error_;
+    TimeSpan covered_;
 };
 
 }  // namespace vx::collector

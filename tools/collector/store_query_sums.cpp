@@ -18,7 +18,7 @@ constexpr const char* kMoreName = "(more)";
 constexpr const char* kAllName = "(all)";
 // The rest of a division by a small number is a small number, whose sign may be lost: 60000 has to be a large
 // one.
-constexpr const char* kBin = "at - at % CAST(? AS Int64) AS bin";
+constexpr const char* kBin = "at - (at - ?) % CAST(? AS Int64) AS bin";
 constexpr const char* kFigures =
     "sum(count), sum(normal), sum(slow), sum(very_slow), sum(error), min(least), max(most)";
 
@@ -54,7 +54,15 @@ double p95Of(const Counts& counts) {
 }
 
 std::size_t stepsOf(const SumsQuery& query) {
-    return static_cast<std::size_t>((query.span.to - query.span.from) / query.stepMs);
+    return static_cast<std::size_t>((query.span.to - query.span.from + query.stepMs - 1) / query.stepMs);
+}
+
+// Figures by name and step: its column `bin` is the begin of the step.
+Sql binsOf(const char* columns, const char* table, const SumsQuery& query, bool stepped) {
+    Sql sql(std::string("SELECT name, ") + kBin + ", " + columns + ", " + kFigures + " FROM " + table);
+    sql.add("", query.span.from).add("", query.stepMs);
+    addConditions(sql, query, stepped);
+    return sql.add(" GROUP BY name, bin");
 }
 
 }  // namespace
@@ -68,6 +76,7 @@ Answered StoreQuery::round(SumsQuery& query) {
         ask(
             Sql("SELECT min(at) FROM sums WHERE step = ?").add("", kLongSumStep),
             [&](const ResultRow& row) { first = row.number(0); }, answer);
+    const bool goesOn = query.span.to > now - kSumStep;
     query.span.to = std::clamp<std::int64_t>(query.span.to, 0, now + 86'400'000);
     query.span.from = std::clamp(query.span.from <= 0 ? (first ? first : now) : query.span.from,
                                  std::int64_t{0}, query.span.to);
@@ -77,8 +86,9 @@ Answered StoreQuery::round(SumsQuery& query) {
     const std::int64_t unit = isLong ? kLongSumStep : kSumStep;
     query.stepMs = (step + unit - 1) / unit * unit;
     if (!isLong && query.stepMs % kLongSumStep == 0) query.stepMs += kSumStep;
-    query.span.from -= query.span.from % query.stepMs;
-    query.span.to += (query.stepMs - query.span.to % query.stepMs) % query.stepMs;
+    query.span.from -= query.span.from % (goesOn ? query.stepMs : unit);
+    query.span.to += (unit - query.span.to % unit) % unit;
+    covered_ = query.span;
     return answer;
 }
 
@@ -103,17 +113,13 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
                 places.emplace(out.rows.back().name, places.size());
             } else {
                 out.rows.push_back({kMoreName, {}, 0, 0, std::vector<Figures>(out.steps.size())});
+                answer = std::max(answer, Answered::kCut);
             }
         },
         answer);
 
-    Sql bins(std::string("SELECT name, ") + kBin + ", sum(discarded), sum(total_us), " + kFigures +
-             " FROM sums");
-    bins.add("", query.stepMs);
-    addConditions(bins, query, true);
-    bins.add(" GROUP BY name, bin");
     ask(
-        bins,
+        binsOf("sum(discarded), sum(total_us)", "sums", query, true),
         [&](const ResultRow& row) {
             const std::size_t place = placeOf(places, row.text(0));
             const auto step = static_cast<std::size_t>((row.number(1) - query.span.from) / query.stepMs);
@@ -186,7 +192,7 @@ Answered StoreQuery::backends(TimeSpan span, Backends& out) {
             Sql("SELECT target FROM callouts WHERE backend = ?").add("", row.name).add(" LIMIT 1"),
             [&](const ResultRow& found) { backend.kind = found.text(0); }, answer);
     }
-    answer = std::max(answer, tierEdges(span, out.edges));
+    answer = std::max(answer, tierEdges(sums.span, out.edges));
     if (answer == Answered::kFailed) out = {};
     return answer;
 }
@@ -285,12 +291,8 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
             row.steps.push_back({sums.span.from + static_cast<std::int64_t>(at) * sums.stepMs, {}, {}});
     };
     Places places;
-    Sql told(std::string("SELECT name, ") + kBin + ", sum(total), " + kFigures + " FROM monitors");
-    told.add("", query.stepMs);
-    addConditions(told, query, false);
-    told.add(" GROUP BY name, bin");
     ask(
-        told,
+        binsOf("sum(total)", "monitors", query, false),
         [&](const ResultRow& row) {
             const std::string name = row.text(0);
             const auto step = static_cast<std::size_t>((row.number(1) - sums.span.from) / sums.stepMs);
@@ -316,6 +318,25 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
         return std::pair(right.monitor.count, left.name) < std::pair(left.monitor.count, right.name);
     });
     if (answer == Answered::kFailed) out.clear();
+    return answer;
+}
+
+Answered StoreQuery::reports(const SumsQuery& asked, const std::string& name, std::vector<ReportRow>& out) {
+    out.clear();
+    SumsQuery query = asked;
+    Answered answer = round(query);
+    Sql told("SELECT at, instance, count, line FROM monitors");
+    addConditions(told, query, false);
+    told.add(" AND name = ?", name);
+    told.add(" ORDER BY at DESC, instance LIMIT ?", static_cast<std::int64_t>(kMostReports));
+    ask(
+        told,
+        [&](const ResultRow& row) {
+            out.push_back(
+                {row.number(0), row.number(1), static_cast<std::uint64_t>(row.number(2)), row.text(3)});
+        },
+        answer);
+    if (out.size() == kMostReports) answer = std::max(answer, Answered::kCut);
     return answer;
 }
 

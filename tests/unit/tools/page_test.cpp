@@ -1,8 +1,11 @@
 // The page's answers without a socket: who may ask, what rules say, and how JSON is written.
 #include <apr_general.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <memory>
+#include <cstring>
+#include <functional>
 
 #include "tests/support/page_fixture.h"
 #include "tests/support/temp_dir.h"
@@ -16,6 +19,7 @@ using test::pageGet;
 using test::pagePost;
 
 constexpr const char* kToken = "0123456789abcdef";
+constexpr const char* kJson = "application/json";
 
 class Page : public testing::Test {
 protected:
@@ -57,28 +61,23 @@ TEST_F(Page, AnswersThisMachineOnly) {
         int status;
     } rows[] = {
         {"127.0.0.1:8080", "", "", "/", false, 200},
-        {"localhost:8080", "", "", "/index.html", false, 200},
-        {"[::1]:8080", "", "", "/", false, 200},
+        {"[::1]:8080", "", "", "/index.html", false, 200},
         {"Collector.example", "", "", "/", false, 200},
         {"evil.example:8080", "", "", "/", false, 403},
         {"127.0.0.1.evil.example", "", "", "/", false, 403},
         {"", "", "", "/", false, 403},
         {"[::1", "", "", "/", false, 403},
-        {"127.0.0.1:8080", "", "", "/../etc/passwd", false, 404},
-        {"127.0.0.1:8080", "", "", "/api/nothing", false, 404},
-        {"127.0.0.1:8080", "", "", "/api/status", false, 503},    // no picture yet
-        {"127.0.0.1:8080", "", "", "/api/overview", false, 503},  // no store
-        {"127.0.0.1:8080", "", "", "/api/transactions/7", false, 503},
-        {"127.0.0.1:8080", "", "application/json", "/", true, 405},
-        {"127.0.0.1:8080", "", "application/json", "/api/status", true, 405},
-        {"127.0.0.1:8080", "", "application/json", "/api/transactions/7", true, 405},
-        {"127.0.0.1:8080", "", "text/plain", "/api/rules/try", true, 415},
-        {"127.0.0.1:8080", "", "application/jsonx", "/api/rules/try", true, 415},
-        {"127.0.0.1:8080", "http://evil.example", "application/json", "/api/rules/try", true, 403},
-        {"127.0.0.1:8080", "null", "application/json", "/api/rules/try", true, 403},
-        {"127.0.0.1:8080", "http://127.0.0.1:8080", "application/json; charset=utf-8", "/api/rules/try", true,
-         400},
-        {"127.0.0.1:8080", "https://127.0.0.1:8080", "application/json", "/api/rules/try", true, 400},
+        {"localhost:8080", "", "", "/../etc/passwd", false, 404},
+        {"localhost", "", "", "/api/nothing", false, 404},
+        {"localhost", "", "", "/api/status", false, 503},    // no picture yet
+        {"localhost", "", "", "/api/overview", false, 503},  // no store
+        {"localhost", "", kJson, "/", true, 405},
+        {"localhost", "", kJson, "/api/transactions/7", true, 405},
+        {"localhost", "", "application/jsonx", "/api/rules/try", true, 415},
+        {"localhost", "http://evil.example", kJson, "/api/rules/try", true, 403},
+        {"localhost", "null", kJson, "/api/rules/try", true, 403},
+        {"localhost", "http://localhost", "application/json; charset=utf-8", "/api/rules/try", true, 400},
+        {"localhost", "https://localhost", kJson, "/api/rules/try", true, 400},
     };
     for (const auto& row : rows) {
         PageRequest request = pageGet(row.path);
@@ -194,22 +193,53 @@ TEST_F(Page, PreviewsHowRequestsMove) {
 }
 
 TEST_F(Page, SavesWhatWasEdited) {
-    EXPECT_NE(json(pageGet("/api/rules")).find(R"("digest":"none","editable":true)"), std::string::npos);
-    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"7|A|2|0|/a|0\n","digest":"none"})")).status, 200);
+    const auto shown = [this](const char* member) {
+        const std::string told = json(pageGet("/api/rules"));
+        const std::size_t at = told.find("\"" + std::string(member) + "\":") + std::strlen(member) + 3;
+        return told.substr(at, told.find(',', at) - at);
+    };
+    const auto save = [this](const std::string& digest, const char* text = "") {
+        return ask(
+            pagePost("/api/rules", R"({"text":")" + std::string(text) + R"(","digest":)" + digest + "}"));
+    };
+    EXPECT_EQ(shown("digest") + shown("editable"), "\"none\"true");
+    const PageAnswer first = save("\"none\"", R"(7|A|2|0|/a|0\n)");
     EXPECT_EQ(dir.read("BTRuleConfig"), "7|A|2|0|/a|0\n");
-    const std::string shown = json(pageGet("/api/rules"));
-    const std::string digest = shown.substr(shown.find("\"digest\":\"") + 10, 16);
-    dir.write("BTRuleConfig", "7|B|2|0|/b|0\n");
-    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"","digest":")" + digest + "\"}")).status, 409);
+    EXPECT_NE(test::compactJson(first.body).find("\"version\":" + shown("version")), std::string::npos);
     EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":""})")).status, 400);
+
+    // Two edit at once: the second must read again what the first has saved. So when the file vanishes.
+    const std::string digest = shown("digest");
+    EXPECT_EQ(save(digest, R"(7|B|2|0|/b|0\n)").status, 200);
+    EXPECT_EQ(save(digest, "lost").status, 409);
     EXPECT_EQ(dir.read("BTRuleConfig"), "7|B|2|0|/b|0\n");
-    EXPECT_EQ(PageRules("").save(pagePost("/api/rules", "{}")).status,
-              409);  // no folder to hand out files of
-    // A file that is too long to be edited here is told so, and never overwritten.
-    dir.write("BTRuleConfig", std::string(kMostRulesText + 1, '#'));
-    EXPECT_NE(json(pageGet("/api/rules")).find(R"("editable":false,"fault":"a rule text of more)"),
-              std::string::npos);
-    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":"","digest":"none"})")).status, 409);
+    const std::string file = dir / "BTRuleConfig";
+    const std::string second = shown("digest");
+    std::remove(file.c_str());
+    EXPECT_EQ(save(second).status, 409);
+    EXPECT_EQ(PageRules("").save(pagePost("/api/rules", "{}")).status, 423);
+}
+
+// What somebody has locked, linked or made too long is told so, and never replaced.
+TEST_F(Page, LeavesFilesAloneThatItMustNotReplace) {
+    const std::string file = dir / "BTRuleConfig", other = dir.write("other", "# elsewhere\n");
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"a rule text of more than 256 KB",
+         [&] { dir.write("BTRuleConfig", std::string(kMostRulesText + 1, '#')); }},
+        {"is read-only", [&] { ::chmod(dir.write("BTRuleConfig", "# mine\n").c_str(), 0444); }},
+        {"is a link", [&] { EXPECT_EQ(::symlink(other.c_str(), file.c_str()), 0); }},
+    };
+    for (const auto& [fault, prepare] : rows) {
+        std::remove(file.c_str());
+        prepare();
+        const std::string told = json(pageGet("/api/rules"));
+        EXPECT_NE(told.find(R"("editable":false)"), std::string::npos) << told.substr(0, 300);
+        EXPECT_NE(told.find(fault), std::string::npos) << told.substr(0, 300);
+        const std::size_t digest = told.find(R"("digest":")") + 10;
+        const std::string body = R"({"text":"","digest":")" + told.substr(digest, 16) + "\"}";
+        EXPECT_EQ(ask(pagePost("/api/rules", body)).status, 423) << fault;
+    }
+    EXPECT_EQ(dir.read("other"), "# elsewhere\n");
 }
 
 TEST(PageJson, WritesWhateverTextsHold) {

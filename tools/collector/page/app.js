@@ -9,6 +9,7 @@ import {exceptions} from "./views/exceptions.js";
 import {link} from "./views/link.js";
 import {monitors} from "./views/monitors.js";
 import {overview} from "./views/overview.js";
+import {reports} from "./views/reports.js";
 import {rules} from "./views/rules.js";
 import {transaction} from "./views/transaction.js";
 import {transactions} from "./views/transactions.js";
@@ -27,6 +28,7 @@ const VIEWS = {
     link: {title: "Link", make: link},
     rules: {title: "Rules", make: rules},
     transaction: {title: "Transaction", make: transaction, within: "transactions"},
+    reports: {title: "Records of a monitor", make: reports, within: "monitors"},
 };
 
 const byId = (id) => document.getElementById(id);

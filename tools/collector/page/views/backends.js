@@ -13,6 +13,13 @@ function errors(row, params) {
                     h("span", {class: "bad"}, text);
 }
 
+const over = (row, key) =>
+    h("a", {href: to("transactions", {backend: row.backend, callMin: Math.floor(row[key])})}, ms(row[key]));
+
+// The transactions behind an edge: those that called the back-end, or those that the caller has called.
+const behind = (e) =>
+    e.toKind === "backend" ? {backend: e.to, instance: e.fromKey} : {instance: e.toKey, caller: e.fromKey};
+
 const ROWS = [
     {
         title: "Back-end",
@@ -23,13 +30,13 @@ const ROWS = [
     {title: "Rate", num: true, cell: (r) => rate(r.perSecond), sort: (r) => r.perSecond},
     {title: "Calls", num: true, cell: (r) => count(r.calls), sort: (r) => r.calls},
     {title: "Average", num: true, cell: (r) => ms(r.averageMs), sort: (r) => r.averageMs},
-    {title: "95th pct", num: true, cell: (r) => ms(r.p95Ms), sort: (r) => r.p95Ms},
-    {title: "Max", num: true, cell: (r) => ms(r.maxMs), sort: (r) => r.maxMs},
+    {title: "95th pct", num: true, cell: (r) => over(r, "p95Ms"), sort: (r) => r.p95Ms},
+    {title: "Max", num: true, cell: (r) => over(r, "maxMs"), sort: (r) => r.maxMs},
     {
         title: "Errors",
         num: true,
         sort: (r) => r.errors,
-        cell: (r) => errors(r, {backend: r.backend, category: "error"})
+        cell: (r) => errors(r, {backend: r.backend, failed: 1})
     },
 ];
 
@@ -41,15 +48,14 @@ const EDGES = [
     },
     {
         title: "To",
-        cell: (e) => rowLink(
-            to("transactions",
-               e.toKind === "backend" ? {backend: e.to, instance: e.fromKey} : {instance: e.toKey}),
-            e.to),
+        cell: (e) => rowLink(to("transactions", behind(e)), e.to),
         sort: (e) => e.to
     },
     {title: "Calls", num: true, cell: (e) => count(e.calls), sort: (e) => e.calls},
     {title: "Average", num: true, cell: (e) => ms(e.averageMs), sort: (e) => e.averageMs},
-    {title: "Errors", num: true, cell: (e) => errors(e), sort: (e) => e.errors},
+    {title: "Errors", num: true, sort: (e) => e.errors,
+        cell: (e) => errors(e, {...behind(e), ...(e.toKind === "backend" ? {failed: 1} : {category: "error"})})
+    },
 ];
 
 export function backends() {

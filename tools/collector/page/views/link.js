@@ -154,7 +154,7 @@ export function link(context) {
         ],
         {
             label: "Instances",
-            key: (i) => i.number,
+            key: (i) => i.key,
             sorted: 0,
             descending: false,
             always: true,

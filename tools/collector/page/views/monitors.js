@@ -48,7 +48,13 @@ function singles(row) {
 function columns() {
     return [
         {title: "Name", cell: (r) => r.name, sort: (r) => r.name},
-        {title: "Monitor", num: true, cell: (r) => count(r.monitor.count), sort: (r) => r.monitor.count},
+        {
+            title: "Monitor",
+            num: true,
+            sort: (r) => r.monitor.count,
+            cell: (r) =>
+                h("a", {href: to("reports", {kind: kindNow(), name: r.name})}, count(r.monitor.count))
+        },
         {title: "Single records", num: true, cell: singles, sort: (r) => r.singles.count},
         {title: "Average, monitor", num: true, cell: (r) => ms(r.monitor.averageMs)},
         {title: "Average, records", num: true, cell: (r) => ms(r.singles.averageMs)},

@@ -11,6 +11,8 @@ const OUTCOMES = {
     mute: "No say"
 };
 
+const SENT_WAIT_MS = 15000;  // a service that does not answer for an order is given up after ten seconds
+
 let draft = null;  // an edit that was left unsaved when the view closed
 
 const nameOf = (bt) => bt ?? "(excluded)";
@@ -165,13 +167,29 @@ export function rules() {
     }
     function keep() {
         return guarded(async () => {
-            await post("/api/rules", {text: text.value, digest: held.digest});
+            const {version} = await post("/api/rules", {text: text.value, digest: held.digest});
+            replace(result, h("p", {class: "result", role: "status"}, "Saved."));
+            await fetchRules();
+            await followSent(version);
+        });
+    }
+    // Says who has the rules of that version, until all have or it takes too long.
+    async function followSent(version) {
+        for (const until = Date.now() + SENT_WAIT_MS;; await new Promise((r) => setTimeout(r, 500))) {
+            const running = (await get("/api/status")).instances.filter((i) => i.started);
+            const late = running.filter((i) => i.rulesVersion !== version);
+            const over = late.length === 0 || Date.now() > until;
+            if (!over && held.version === version) continue;
             replace(
                 result,
-                h("p", {class: "result", role: "status"},
-                  "Saved and sent: requests that begin from now on are named by these rules."));
-            await fetchRules();
-        });
+                h("p", {class: late.length ? "bad" : "result", role: "status"},
+                  running.length === 0 ?
+                      "Saved. No service runs now: each gets these rules when it is started." :
+                      late.length === 0 ?
+                      "Saved and sent: requests that begin from now on are named by these rules." :
+                      `Saved, but not yet taken by ${late.map((i) => i.name).join(", ")}.`));
+            return;
+        }
     }
     function back() {
         return guarded(async () => {

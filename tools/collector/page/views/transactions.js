@@ -11,7 +11,10 @@ const MOST = 2000;  // rows kept on the page
 const TYPED = ["bt", "url", "status", "min", "max", "session"];
 const GIVEN = {
     instance: "Instance",
+    caller: "Called by",
     backend: "Back-end",
+    failed: "Call failed",
+    callMin: "Call took at least, ms",
     exception: "Exception",
     number: "Number"
 };  // filters that only links set
@@ -70,7 +73,7 @@ function timeFields() {
 function form(context) {
     // An instance stands in the address by its key: a reader knows it by its name.
     const titleOf = (key, value) =>
-        (key === "instance" && context.status?.instances.find((i) => i.key === value)?.name) || value;
+        (key === "instance" || key === "caller") && context.status?.instances.find((i) => i.key === value)?.name) || value;
     const names = h("datalist", {id: "bt-names"});
     const fields = [
         field("bt", "Business transaction", {list: "bt-names", placeholder: "any"}),
