@@ -137,6 +137,7 @@ public:
     FakeCollector& operator=(const FakeCollector&) = delete;
 
     int port() const { return port_; }
+    int descriptor() const { return fd_; }
     FakePeer accept(double seconds = kPeerSeconds) const {
         if (fd_ < 0 || !readableUntil(fd_, deadlineIn(seconds))) return FakePeer();
         return FakePeer(::accept(fd_, nullptr, nullptr));

@@ -1,5 +1,6 @@
-// Fixture: a ready context with its identity's defaults and a home folder of its own, whose config files
-// the test writes. The process's settings start from zero; the environment names nothing but the home.
+// Fixture: a ready context with its identity's defaults, an agent "agent" and a home folder of its own, whose
+// config files the test writes. The process's settings start from zero; the environment names nothing but the
+// home.
 #pragma once
 
 #include <cstdlib>
@@ -22,6 +23,7 @@ protected:
         clearProxy();
         AppFixture::SetUp();
         VXBCISettingInit();
+        app->identity.agentName = agentName_;
     }
     void TearDown() override {
         clearProxy();
@@ -35,7 +37,7 @@ protected:
     }
     // What such a file holds.
     std::string read(const std::string& name) const { return root_.read("proxy/config/" + name); }
-    // What the cache holds of an agent named "agent".
+    // What the cache holds for the agent.
     std::string cached(const std::string& name) const { return root_.read("proxy/.cache/agent/" + name); }
 
 private:
@@ -54,6 +56,7 @@ private:
     }
 
     TempDir root_;
+    char agentName_[8] = "agent";
 };
 
 }  // namespace vx::test

@@ -63,8 +63,5 @@ bool eventually(Condition condition, double seconds) {
     return condition();
 }
 std::string fileText(const std::string& path);
-// What a running program holds, as the system tells it; -1 when it is gone.
-long residentKb(pid_t pid);
-int descriptorsOf(pid_t pid);
 
 }  // namespace vx::test

@@ -1,7 +1,13 @@
-// What a sanitizer adds to the memory of a program under test.
+// What a program under test holds, and what a sanitizer adds to it.
 #pragma once
 
+#include <sys/types.h>
+
 namespace vx::test {
+
+// As the system tells it; -1 when the program is gone.
+long residentKb(pid_t pid);
+int descriptorsOf(pid_t pid);
 
 #ifdef __has_feature
 #define VX_HAS_FEATURE(name) __has_feature(name)

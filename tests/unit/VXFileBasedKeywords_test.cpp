@@ -36,22 +36,18 @@ protected:
         setProxyVXHome();
         setDefaultCriticalFile();
         app->control.lastHeartBeatTime = vxlb_now_ms();
-        app->identity.agentName = agentName_;
         parsed.clear();
         vxUpcalls.setblackListForDebugSession = [](char* text) {
             parsed += std::string(text) + "$";
             *text = '?';  // a parser takes its text apart
         };
     }
-    void start(const std::string& fields) {
-        parsed.clear();
-        findStatusFromClientMsg((std::string(kStartPrefix) + ";" + fields).c_str());
+    // Lines that name a file, and other fields behind it.
+    static void start(const std::string& file, const std::string& more = "") {
+        apply(kStartPrefix, file, more);
         useHeldFiles();
     }
-    void modify(const std::string& fields) {
-        parsed.clear();
-        findStatusFromClientMsg((std::string(kModifyPrefix) + ";" + fields).c_str());
-    }
+    static void modify(const std::string& file) { apply(kModifyPrefix, file, ""); }
     // What the collector was asked since the last call.
     Lines asked() {
         controlConnectionSendBuffer("end\n", 4);
@@ -64,55 +60,54 @@ protected:
     inline static std::string parsed;
 
 private:
-    char agentName_[8] = "agent";
+    static void apply(const char* prefix, const std::string& file, const std::string& more) {
+        parsed.clear();
+        findStatusFromClientMsg((prefix + (";blackListForDebugSession=" + file + ";") + more).c_str());
+    }
 };
 
 TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByAStart) {
     peer.send(kHead + "5;lmd=1;\nab\ncd");
-    start("blackListForDebugSession=f.txt|5|1;");
+    start("f.txt|5|1");
     EXPECT_EQ(asked(), Lines{kRequest});
     EXPECT_EQ(parsed, "ab\ncd$");
     EXPECT_EQ(cached("blackListForDebugSession"), "ab\ncd");
 
-    start("blackListForDebugSession=f.txt|5|1;");
+    start("f.txt|5|1");
     EXPECT_EQ(parsed, "ab\ncd$");  // whole again, though its parser has taken a text apart
-    modify("blackListForDebugSession=f.txt|5|1;");
+    modify("f.txt|5|1");
     EXPECT_EQ(parsed, "");
-    start("tierID=1;");
-    EXPECT_EQ(parsed, "");  // no longer named, no longer in force
-    start("blackListForDebugSession=f.txt|0|2;");
-    start("blackListForDebugSession=na;");
+    start("f.txt|0|2");
+    start("na");  // no longer named, no longer in force
     EXPECT_EQ(parsed, "");
     for (const char* seen : {"ab\ncd$", ""}) {  // a change puts it in force again, once
-        modify("blackListForDebugSession=f.txt|5|1;");
+        modify("f.txt|5|1");
         EXPECT_EQ(parsed, seen);
     }
     EXPECT_EQ(asked(), Lines{});
 
-    for (const char* changed : {"f.txt|5|2", "f.txt|6|2", "g.txt|6|2"}) {
-        peer.send(kHead + (changed[6] == '5' ? "5;lmd=2;\nabcde" : "6;lmd=2;\nabcdef"));
-        modify(std::string("blackListForDebugSession=") + changed + ";");
+    for (const char* changed : {"f.txt|6|1", "f.txt|6|2", "g.txt|6|2"}) {
+        peer.send(kHead + "6;lmd=2;\nabcdef");
+        modify(changed);
         EXPECT_EQ(asked(), Lines{kRequest}) << changed;
-        EXPECT_EQ(parsed, changed[6] == '5' ? "abcde$" : "abcdef$");
+        EXPECT_EQ(parsed, "abcdef$");
     }
     EXPECT_EQ(warnings(), "");
 }
 
 TEST_F(FileKeywords, AFailedFetchLeavesWhatIsHeldInForce) {
     peer.send(kHead + "3;lmd=1;\nold");
-    start("blackListForDebugSession=f|3|1;");
+    start("f|3|1");
     for (int attempt = 0; attempt < 2; ++attempt) {  // the next line asks again
         asked();
         peer.send(kFailed + kFailed);
-        start("blackListForDebugSession=f|3|2;");
+        start("f|3|2");
         EXPECT_EQ(asked(), (Lines{kRequest, kRequest}));
         EXPECT_EQ(parsed, "old$");
     }
     peer.send(kFailed + kFailed);
-    modify("blackListForDebugSession=f|3|2;");
+    modify("f|3|2");
     EXPECT_EQ(parsed, "");
-    start("blackListForDebugSession=f|3|1;");
-    EXPECT_EQ(parsed, "old$");
     EXPECT_EQ(warnings(), kNotCome + "; " + kNotCome + "; " + kNotCome);
 }
 
@@ -156,7 +151,7 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
         controlSockBufReset(*app);
         app->Server.warnings[0] = '\0';
         peer.send(row.answer + "next\n");
-        modify("blackListForDebugSession=f|9|" + std::to_string(++date) + ";");
+        modify("f|9|" + std::to_string(++date));
         EXPECT_EQ(parsed, row.parsed) << row.name;
         EXPECT_EQ(warnings(), row.warnings) << row.name;
         EXPECT_EQ(app->control.closeCtrlConFlag, 0) << row.name;
@@ -192,12 +187,8 @@ TEST_F(FileKeywords, ALargeFileComesWhole) {
     std::string content;
     for (int i = 0; content.size() < 10000000; ++i) content += "line " + std::to_string(i) + "\n";
     const std::string size = std::to_string(content.size());
-    std::thread sender([&] {
-        const std::string head = kHead + size + ";lmd=1;\n";
-        for (std::size_t at = 0; at < head.size() + content.size(); at += 1000000)
-            peer.send((head + content).substr(at, 1000000));
-    });
-    start("blackListForDebugSession=f|" + size + "|1;");
+    std::thread sender([&] { peer.send(kHead + size + ";lmd=1;\n" + content); });
+    start("f|" + size + "|1");
     sender.join();
     EXPECT_TRUE(parsed == content + "$");
     EXPECT_TRUE(cached("blackListForDebugSession") == content);
@@ -209,7 +200,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
         app->control.proxyStopRequested = 1;
     });
     const auto before = std::chrono::steady_clock::now();
-    start("blackListForDebugSession=f|3|1;tierID=9;");  // the time-out is a minute
+    start("f|3|1", "tierID=9;");  // the time-out is a minute
     stopper.join();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
     EXPECT_EQ(getTierID(), 0);
@@ -218,7 +209,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
 TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
     vx_word_set(app->VXSys.fileReadTimeout, 1000);
     app->control.lastHeartBeatTime = vxlb_now_ms() - 500000;
-    start("blackListForDebugSession=f|3|1;vxBackendNamingRulesFile=g|3|1;tierID=9;");
+    start("f|3|1", "vxBackendNamingRulesFile=g|3|1;tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(asked(), Lines{kRequest});
     EXPECT_EQ(getTierID(), 0);
@@ -227,7 +218,7 @@ TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
 TEST_F(FileKeywords, ALostConnectionEndsThePassAndIsOrderedClosed) {
     peer.send(kHead + "9;lmd=1;\nabc");
     peer.close();
-    start("blackListForDebugSession=f|9|1;tierID=9;");
+    start("f|9|1", "tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(getTierID(), 0);
 }
@@ -240,17 +231,17 @@ TEST_F(FileKeywords, TheCollectorsListSaysWhatIsCritical) {
         "vx_control_rep:action=file;keyword=vxCriticalFileList;size=39;lmd=1;\n"
         "blackListForDebugSession\r\nBTTConfig;,;\n" +
         kFailed + kFailed);
-    start("vxCriticalFileList=c|39|1;blackListForDebugSession=f|3|1;");
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+    for (int run = 1; run <= 2; ++run) {  // in the second one it is unchanged, and in force within the pass
+        app->control.closeCtrlConFlag = 0;
+        setDefaultCriticalFile();
+        findStatusFromClientMsg(
+            (kStartPrefix + std::string(";vxCriticalFileList=c|39|1;blackListForDebugSession=f|3|1;"))
+                .c_str());
+        EXPECT_EQ(app->control.closeCtrlConFlag, 1);
+        peer.send(kFailed + kFailed);
+    }
     EXPECT_TRUE(isCriticalFile("BTTConfig"));
     EXPECT_FALSE(isCriticalFile("BTRuleConfig"));
-
-    app->control.closeCtrlConFlag = 0;
-    setDefaultCriticalFile();  // as at the end of a run
-    peer.send(kFailed + kFailed);
-    start(
-        "vxCriticalFileList=c|39|1;blackListForDebugSession=f|3|1;");  // unchanged: in force within the pass
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
 }
 
 }  // namespace

@@ -14,7 +14,6 @@ protected:
     void SetUp() override {
         HomeFixture::SetUp();
         setProxyVXHome();
-        app->identity.agentName = agentName_;
     }
     std::string pathOf(const char* agentName, const char* name, std::size_t size = kCachePathSize) {
         std::string out(kCachePathSize, '?');
@@ -22,9 +21,6 @@ protected:
         EXPECT_EQ(given, out[0] != '\0');
         return out.c_str();
     }
-
-private:
-    char agentName_[8] = "agent";
 };
 
 TEST_F(FileCache, ANameNeverLeavesItsFolder) {

@@ -6,7 +6,6 @@
 #include "commonlibc/ServerReply.h"
 #include "commonlibc/VXFileBasedKeywords.h"
 #include "commonlibc/VXMethodManager.h"
-#include "tests/support/by_name.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
@@ -21,7 +20,6 @@ protected:
         connect();
         setProxyVXHome();
         app->control.lastHeartBeatTime = vxlb_now_ms();
-        app->identity.agentName = agentName_;
         vx_word_set(app->VXSys.fileReadTimeout, 20000);
     }
     void start(const std::string& fields) { line(kStartPrefix, fields, 0); }
@@ -53,9 +51,6 @@ protected:
         return text ? text : "(none)";
     }
     bool parsed() const { return app->Server.rehashRequested != 0; }
-
-private:
-    char agentName_[8] = "agent";
 };
 
 std::string group(const std::string& name, const std::string& text, int lmd = 1) {
@@ -84,7 +79,6 @@ TEST_F(InstrProfiles, SeveralBecomeOneTextAndOnlyWhatChangedIsAskedFor) {
     EXPECT_EQ(asked(), "web ");
     EXPECT_EQ(held(), kDbText + "m|web|put|1|1|\n");
     EXPECT_TRUE(parsed());
-    EXPECT_EQ(app->Server.isModifiedInstrProf, 1);
 
     modify("numInstrProfile=1;" + group("shop\\db", kDbText));  // one is taken away
     EXPECT_EQ(asked(), "");
@@ -113,36 +107,32 @@ TEST_F(InstrProfiles, AMissingOneIsAWarningAndDoesNotStopTheOthers) {
     }
 }
 
-const std::string kA = "instrProfile=a;lmd=1;size=10;", kB = "instrProfile=b;lmd=1;size=10;";
-const std::string kTextA = "m|c|a|1|1\n", kTextB = "m|c|b|1|1\n";
-struct LineRow {
-    const char* name;
-    std::string fields, asked, held;
-};
-class ProfileLines : public InstrProfiles, public testing::WithParamInterface<LineRow> {};
-
-TEST_P(ProfileLines, AreTakenAsFarAsTheyGo) {
-    answer("a", kTextA);
-    answer("b", kTextB);
-    start(GetParam().fields);
-    EXPECT_EQ(asked(), GetParam().asked);
-    EXPECT_EQ(held(), GetParam().held);
+TEST_F(InstrProfiles, ALineIsTakenAsFarAsItGoes) {
+    const std::string textA = "m|c|a|1|1\n", textB = "m|c|b|1|1\n", a = group("a", textA);
+    const struct {
+        std::string fields, asked, held;
+    } rows[] = {
+        {"numInstrProfile=2;size=10;instrProfile=a;lmd=1;lmd=1;size=10;instrProfile=b;", "a b ",
+         textA + textB},
+        {"numInstrProfile=1;instrProfile=x;" + a, "a ", textA},  // the last of two names
+        {"numInstrProfile=1;" + a + group("b", textB), "a ", textA},
+        {"numInstrProfile=3;" + a, "a ", "(none)"},
+        {"numInstrProfile=1000000;" + a, "a ", "(none)"},
+        {"numInstrProfile=-1;" + a, "", "(none)"},
+        {a, "", "(none)"},
+        {"numInstrProfile=1;instrProfile=a;lmd=1;size=0;", "", "(none)"},
+        {"numInstrProfile=1;instrProfile=a;lmd=1;size=99999999999;", "", "(none)"},
+    };
+    for (const auto& row : rows) {
+        TearDown();
+        SetUp();
+        answer("a", textA);
+        answer("b", textB);
+        start(row.fields);
+        EXPECT_EQ(asked(), row.asked) << row.fields;
+        EXPECT_EQ(held(), row.held) << row.fields;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ProfileLines,
-    testing::ValuesIn<LineRow>({
-        {"any_order", "numInstrProfile=2;size=10;instrProfile=a;lmd=1;lmd=1;size=10;instrProfile=b;", "a b ",
-         kTextA + kTextB},
-        {"the_last_of_two_names", "numInstrProfile=1;instrProfile=x;" + kA, "a ", kTextA},
-        {"more_groups_than_the_count", "numInstrProfile=1;" + kA + kB, "a ", kTextA},
-        {"fewer_groups_than_the_count", "numInstrProfile=3;" + kA, "a ", "(none)"},
-        {"a_count_of_a_million", "numInstrProfile=1000000;" + kA, "a ", "(none)"},
-        {"a_negative_count", "numInstrProfile=-1;" + kA, "", "(none)"},
-        {"no_count", kA, "", "(none)"},
-        {"size_0", "numInstrProfile=1;instrProfile=a;lmd=1;size=0;", "", "(none)"},
-        {"size_beyond_the_limit", "numInstrProfile=1;instrProfile=a;lmd=1;size=99999999999;", "", "(none)"},
-    }),
-    byName);
 
 TEST_F(InstrProfiles, NoneSelectedResetsTheTableAndAChangeWithoutCountMeansOne) {
     answer("a", kDbText);

@@ -15,13 +15,6 @@ namespace {
 
 using Names = std::set<std::string>;
 
-Names namesIn(const std::string& folder) {
-    Names names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        names.insert(entry.path().filename().string());
-    return names;
-}
-
 class LogRetention : public test::HomeFixture {
 protected:
     void SetUp() override {
@@ -31,19 +24,19 @@ protected:
         std::filesystem::create_directories(home() + "/logs");
     }
     void file(const std::string& name) { std::ofstream(home() + "/logs/" + name) << "x"; }
-    Names left() const { return namesIn(home() + "/logs"); }
+    Names left() const {
+        Names names;
+        for (const auto& entry : std::filesystem::directory_iterator(home() + "/logs"))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
 
     test::FakeClock clock{1709287200000};  // 2024-03-01 10:00 UTC, behind a leap day
 };
 
 TEST_F(LogRetention, StepsBackThroughTheCalendar) {
-    for (const auto& [days, date] : {std::pair(0, 20240301),
-                                     {1, 20240229},
-                                     {2, 20240228},
-                                     {61, 20231231},
-                                     {366, 20230301},
-                                     {367, 20230228},
-                                     {2000000000, 19240326}})
+    for (const auto& [days, date] :
+         {std::pair(0, 20240301), {1, 20240229}, {61, 20231231}, {367, 20230228}, {2000000000, 19240326}})
         EXPECT_EQ(get_Previous_Date(days), date) << days;
 }
 

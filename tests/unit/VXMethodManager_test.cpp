@@ -27,39 +27,26 @@ protected:
 
 TEST_F(MethodTable, TheFixedMethodsComeFirstAndANewNameGetsTheNextIdAndOneRecord) {
     hashMapForAgent();  // a second time
-    EXPECT_EQ(app->method.methodHashMapNode, table);
-    EXPECT_EQ(app->method.beginRequest, getMethodPropFromMethodName("Profiler.Zorvanek.BeginRequest"));
     EXPECT_EQ(app->method.beginRequest.load()->methodId, 1U);
     EXPECT_EQ(vxAggSlot(app->method.backendArr, 2)->mpp, app->method.dbSqlDb);
     EXPECT_EQ(dumpedText(*app), "") << "they wait for the replay";
     mPP* method = report("com.example.Shop.buy");
-    EXPECT_EQ(method->methodId, 3U);
     EXPECT_EQ(report("com.example.Shop.buy"), method);
-    EXPECT_EQ(getMethodPropFromMethodName("com.example.Shop.buy"), method);
     EXPECT_EQ(backend("com.example.Shop.buy", kTypePlain, 0, 0), method);
     markMethodUsed(method);
     EXPECT_EQ(dumpedText(*app), "5,com.example.Shop.buy,3\n");
 }
 
-TEST_F(MethodTable, OnlyTheLengthGivenIsTheName) {
-    mPP* method = report("abc");
-    EXPECT_EQ(vxFindMethod("abcdef", 3), method);
-    EXPECT_EQ(vxFindMethod("abcdef", 6), nullptr);
-    EXPECT_EQ(report(std::string("abc\0def", 7)), method) << "the text ends where it is terminated";
-    EXPECT_EQ(report(""), nullptr);
-    EXPECT_EQ(getMethodPropFromMethodName(nullptr), nullptr);
-    EXPECT_EQ(vxFindOrAddMethod(nullptr, "x", 1), nullptr);
-}
-
-TEST_F(MethodTable, ALongNameOrALineBreakLeavesOneLine) {
+TEST_F(MethodTable, ANameOfAnyLengthLeavesOneLine) {
     mPP* method = report(std::string(3000, 'n'));
     EXPECT_EQ(report(std::string(3001, 'n')), method) << "what is cut off does not tell methods apart";
-    EXPECT_STREQ(method->methodName, std::string(1023, 'n').c_str());
-    report("a\nb");
-    const auto records = dumpedRecords(*app);
-    ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0], "5," + std::string(1018, 'n') + ",3") << "the name is cut, not the id";
-    EXPECT_EQ(records[1], "5,a b,4");
+    mPP* broken = report("a\nb");
+    EXPECT_EQ(vxFindMethod("a\nbcd", 3), broken);
+    EXPECT_EQ(report(std::string("a\nb\0d", 5)), broken) << "the text ends where it is terminated";
+    EXPECT_EQ(report(""), nullptr);
+    EXPECT_EQ(dumpedRecords(*app),
+              (std::vector<std::string>{"5," + std::string(1018, 'n') + ",3", "5,a b,4"}))
+        << "the name is cut, not the id";
 }
 
 TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
@@ -68,8 +55,7 @@ TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
         int type, subtype;
         const char* key;  // null: no record
     };
-    for (const Row& row : {Row{"h", 1, 3, "HTTP_h"}, Row{nullptr, 1, 3, nullptr}, Row{"", 1, 3, nullptr},
-                           Row{"c", 6, 8, "CUSTOM_c"}, Row{nullptr, 6, 8, nullptr}, Row{"q", 13, 13, "MQ_q"},
+    for (const Row& row : {Row{"h", 1, 3, "HTTP_h"}, Row{"", 1, 3, nullptr}, Row{"c", 6, 8, "CUSTOM_c"},
                            Row{nullptr, 13, 13, "MQ_RABBIT"}, Row{"q", 13, 1, "q"}, Row{"d", 2, 10, "DB_d"},
                            Row{nullptr, 2, 28, "DB_ORACLE"}, Row{"d", 2, 33, "DB2_d"}, Row{"d", 2, 99, "d"},
                            Row{nullptr, 2, 99, nullptr}}) {
@@ -81,12 +67,10 @@ TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
 
 TEST_F(MethodTable, ABackendIsFoundAgainAndTakesTheSubtypeOfTheCall) {
     mPP* http = backend("h", kTypeHttp, 3);
-    EXPECT_EQ(http->type, kTypeHttp);
     EXPECT_STREQ(http->aliasMethodName.get(), "HTTP_h");
     EXPECT_EQ(backend("h", kTypeHttp, 4), http);
     EXPECT_EQ(http->subtype, 4);
     EXPECT_EQ(vxAggSlot(app->method.backendArr, http->methodId)->mpp, http);
-    EXPECT_EQ(app->method.backendCounter, 1);
     EXPECT_EQ(dumpedText(*app), "5,HTTP_h,3\n");
     EXPECT_EQ(backend("c", kTypeCustom, 8)->methodId, 5U) << "a custom one takes the id behind its own";
     EXPECT_EQ(report("next")->methodId, 6U);
@@ -99,7 +83,6 @@ TEST_F(MethodTable, BackendsBeyondTheLimitAreOthers) {
     mPP* others = backend("three", kTypeHttp, 3);
     EXPECT_STREQ(others->methodName, "Others");
     EXPECT_EQ(backend("three", kTypeHttp, 3), others) << "filed under the key that came first";
-    EXPECT_EQ(backend("four", kTypeHttp, 3), others);
     EXPECT_EQ(backend("d", kTypeDb, 10), others);
     EXPECT_STREQ(backend("one", kTypeHttp, 3)->methodName, "HTTP_one");
     EXPECT_STREQ(others->aliasMethodName.get(), "Others") << "not the back-end that happened to be first";

