@@ -4,7 +4,8 @@
 //     process 0      --> agentListener, agent
 //     process 1      --> no connection
 //
-// Waits of the code under test are cut to a millisecond. Threads that a start made are ended with the test.
+// Waits of the code under test are cut to a millisecond; its clock can be put ahead. Threads that a start
+// made are ended with the test.
 #pragma once
 
 #include <unistd.h>
@@ -49,7 +50,8 @@ protected:
     void SetUp() override {
         HomeFixture::SetUp();
         std::signal(SIGPIPE, SIG_IGN);
-        vxlb_set_clock_hooks({.now_us = nullptr, .sleep_us = shortSleep, .random_byte = nullptr});
+        clockAheadUs = 0;
+        vxlb_set_clock_hooks({.now_us = shiftedNow, .sleep_us = shortSleep, .random_byte = nullptr});
         vxUpcalls.setdefaultValues = setdefaultValues;
         vxUpcalls.dumpFpFromBusyList = dumpFpFromBusyList;
         vxUpcalls.dumpNdDataOverRecord = dumpNdDataOverRecord;
@@ -142,10 +144,15 @@ protected:
     FakePeer peer, agent;
     processInfo_t processes[2]{};
     processInfo_t* table[2]{&processes[0], &processes[1]};
+    inline static std::atomic<std::int64_t> clockAheadUs{0};  // of the system's clock
 
 private:
     std::vector<std::pair<std::string, FakePeer>> waiting_;
 
+    static std::int64_t shiftedNow() {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + clockAheadUs;
+    }
     static void shortSleep(std::int64_t us) {
         ::usleep(static_cast<useconds_t>(std::min<std::int64_t>(us, 1000)));
     }

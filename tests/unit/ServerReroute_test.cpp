@@ -90,7 +90,7 @@ TEST_F(Reroute, LeavesWhatTheLineDoesNotChange) {
         EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     }
     EXPECT_EQ(record(1), "node7:81") << "a node of the cluster goes to the second record";
-    handle(std::string(kOrder) + "vxcHost=new.example");
+    handle(std::string(kOrder) + "clusterMode=0;vxcHost=new.example");
     EXPECT_EQ(record(0), "new.example:443") << "a host without its port";
     app->control.ActiveAgentProtocolIndex = kProtocolWS;
     handle(std::string(kOrder) + "vxcPort=81");

@@ -40,11 +40,6 @@ protected:
 
     static std::string ownPid() { return std::to_string(vxlb_get_pid()); }
     VXBCISetting_t& setting() { return app->VXBCISetting; }
-    static std::string firstRecord() {
-        const VXCollectorRecord first = vxCollectorAt(0);
-        return std::string(first.host) + ":" + std::to_string(first.port) + " saas " +
-               std::to_string(first.isSaas);
-    }
     std::string control() {
         setControlConnectionReqMessage();
         EXPECT_EQ(setting().controlMessageLen, static_cast<int>(strlen(setting().controlMessage)));
@@ -126,26 +121,18 @@ TEST_F(ConnectMessages, ALineKeepsItsOneNewlineWhateverANameHolds) {
     EXPECT_EQ(line.find('\n'), line.size() - 1);
 }
 
-TEST_F(ConnectMessages, ASaasReplyHandsOverToTheCollectorItNames) {
-    vxSetCollectorSaas(0, 1, "saas.example");
-    char reply[] =
-        "zor_saas_auth_agent_msg_rep:status=OK;HOST=named.collector.example;port=7892;authtoken=tok;"
-        "protoVer=1;unknown=1\n";
-    EXPECT_EQ(parseSAASClientMsg(reply), 0);
-    EXPECT_EQ(firstRecord(), "named.collector.example:7892 saas 0");
-    EXPECT_STREQ(setting().authtoken.get(), "tok");
-    EXPECT_EQ(setting().protoVer, 1);
-    EXPECT_STREQ(app->control.destinationIP, "named.collector");
-    EXPECT_EQ(app->control.destinationPort, 7892);
-}
-
-TEST_F(ConnectMessages, ASaasReplyWithoutAUsableHostLeavesTheEndpoint) {
+TEST_F(ConnectMessages, ASaasReplyHandsOverToTheCollectorThatItNamesByAUsableHost) {
     vxSetCollectorSaas(0, 1, "saas.example");
     vxSetCollectorPort(0, 8443);
-    for (std::string fields : {"host=;port=99999", "host=a b"}) {
-        fields.insert(0, "zor_saas_auth_agent_msg_rep:status=OK;");
-        EXPECT_EQ(parseSAASClientMsg(fields.data()), 0);
-        EXPECT_EQ(firstRecord(), "saas.example:8443 saas 1") << fields;
+    for (const auto& [fields, outcome] : {std::pair("host=;port=99999", "saas.example:8443 saas 1"),
+                                          {"host=a b", "saas.example:8443 saas 1"},
+                                          {"HOST=named;port=7892;x=1\n", "named:7892 saas 0"}}) {
+        std::string reply = std::string("zor_saas_auth_agent_msg_rep:status=OK;") + fields;
+        EXPECT_EQ(parseSAASClientMsg(reply.data()), 0);
+        const VXCollectorRecord first = vxCollectorAt(0);
+        EXPECT_EQ(std::string(first.host) + ":" + std::to_string(first.port) + " saas " +
+                      std::to_string(first.isSaas),
+                  outcome);
     }
     char separators[] = ";;";
     EXPECT_EQ(parseSAASClientMsg(separators), 1);

@@ -10,12 +10,6 @@
 namespace vx::test {
 namespace {
 
-std::atomic<std::int64_t> clockAheadUs;  // how far the service's clock is ahead of the system's
-
-std::int64_t shiftedNow() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + clockAheadUs;
-}
 void dump(const std::string& text) {
     dumpData(text.data(), static_cast<std::int64_t>(text.size()));
 }
@@ -25,9 +19,6 @@ class DataThread : public LinkFixture {
 protected:
     void SetUp() override {
         LinkFixture::SetUp();
-        clockAheadUs = 0;
-        vxlb_set_clock_hooks(
-            {.now_us = shiftedNow, .sleep_us = [](std::int64_t) { ::usleep(1000); }, .random_byte = nullptr});
         vxUpcalls.dumpFpFromBusyList = [] {
             dump("3,incomplete\n");
             flushCommonData();
@@ -184,7 +175,7 @@ TEST_F(DataThread, AStopEndsAWaitForTheNextAttempt) {
         waits = true;
         ::usleep(1000);
     };
-    vxlb_set_clock_hooks({.now_us = shiftedNow, .sleep_us = sleep, .random_byte = nullptr});
+    vxlb_set_clock_hooks({.now_us = nullptr, .sleep_us = sleep, .random_byte = nullptr});
     collector.stopListening();
     app->control.retryInterval = 3600000000000;
     startRun();

@@ -71,9 +71,10 @@ protected:
         }));
         return held;
     }
-    // The whole lines that a peer has or will get until the end; each must be a record as it was written.
-    void receive(FakePeer& peer) {
-        const std::string text = peer.readToEnd(2);
+    // What a peer has or will get until the end.
+    void receive(FakePeer& peer) { note(peer.readToEnd(2)); }
+    // The whole lines of a text that was received; each must be a record as it was written.
+    void note(const std::string& text) {
         std::size_t from = 0;
         for (std::size_t end; (end = text.find('\n', from)) != std::string::npos; from = end + 1) {
             const std::string line = text.substr(from, end - from);
@@ -103,9 +104,7 @@ TEST_F(Transfer, AResetCostsNothingThatTheOtherHostHadNotTaken) {
         const int held = fill(peer);
         std::string text(static_cast<std::size_t>(held), '\0');
         ASSERT_EQ(::recv(peer.descriptor(), text.data(), text.size(), MSG_PEEK), held);
-        for (std::size_t at = text.find('\n'), from = 0; at != std::string::npos;
-             from = at + 1, at = text.find('\n', from))
-            seen.push_back(std::stol(text.substr(from)));
+        note(text);
         peer.reset();
         while (send() != kSendLost) continue;
         close();

@@ -86,11 +86,12 @@ TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByASta
     }
     EXPECT_EQ(asked(), Lines{});
 
-    for (const char* changed : {"f.txt|6|1", "f.txt|6|2", "g.txt|6|2"}) {
-        peer.send(kHead + "6;lmd=2;\nabcdef");
+    for (const auto& [changed, text] :
+         {std::pair("f.txt|5|2", "abcde"), {"f.txt|6|2", "abcdef"}, {"g.txt|6|2", "abcdef"}}) {
+        peer.send(kHead + changed[6] + ";lmd=2;\n" + text);
         modify(changed);
         EXPECT_EQ(asked(), Lines{kRequest}) << changed;
-        EXPECT_EQ(parsed, "abcdef$");
+        EXPECT_EQ(parsed, text + std::string("$"));
     }
     EXPECT_EQ(warnings(), "");
 }

@@ -150,16 +150,5 @@ TEST_F(InstrProfiles, NoneSelectedResetsTheTableAndAChangeWithoutCountMeansOne) 
     EXPECT_EQ(query->subtype, 1);
 }
 
-TEST_F(InstrProfiles, ANameNeverLeavesTheCacheFolder) {
-    for (const char* name : {"..\\..\\x", "../..", "a\\"}) {
-        answer(name, kDbText);
-        start("numInstrProfile=1;" + group(name, kDbText));
-        EXPECT_EQ(held(), kDbText) << name;
-    }
-    EXPECT_EQ(cached("x"), kDbText);  // by its last element
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(home()))
-        EXPECT_TRUE(entry.is_directory() || entry.path() == home() + "/.cache/agent/x") << entry.path();
-}
-
 }  // namespace
 }  // namespace vx::test

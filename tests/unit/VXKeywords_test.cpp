@@ -23,11 +23,6 @@ protected:
         ASSERT_GE(index, 0) << keyword;
         vxApplyKeyword(index, value.data(), keyword.c_str());
     }
-    static std::string kept(const char* keyword) {
-        char text[8192];
-        vxKeywordText(NameToIndex(keyword), text, sizeof(text));
-        return text;
-    }
     static void start(const std::string& fields) {
         findStatusFromClientMsg(("vx_control_req:action=start_instrumentation;" + fields).c_str());
     }
@@ -87,15 +82,6 @@ TEST_F(Keywords, ATestRunThatChangesAsksForTheMetadata) {
     }
 }
 
-TEST_F(Keywords, AValueForALaterUnitIsKeptAsText) {
-    apply("VXJTLogPath", "/logs");
-    EXPECT_EQ(kept("VXJTLogPath"), "/logs");
-    apply("VXJTLogPath", std::string(10000, 'e'));
-    EXPECT_EQ(kept("VXJTLogPath"), std::string(4095, 'e'));
-    apply("enableOTELStandard", "1%202%203");  // 9 fields are due
-    EXPECT_EQ(kept("enableOTELStandard"), "");
-}
-
 TEST_F(Keywords, ADefaultGoesBackByTheSameWayAndLeavesWhatIsNotOfOneRun) {
     const std::int32_t size = app->VXSys.bciDataBufferMaxSize, depth = app->VXSys.vxHelperDepth;
     start("bciDataBufferMaxSize=1;fpVersionID=9;vxHelperDepth=9;AgentTraceLevel=2;tierID=4;");
@@ -145,9 +131,6 @@ TEST_F(Keywords, AnEpochBaseArrivesInSecondsAndIsHeldInMilliseconds) {
     start("zorEpochDiff=1600000000;");
     EXPECT_EQ(app->Server.zorEpochDiff, 1600000000000);
     EXPECT_EQ(app->Server.originalZorEpochDiff, 1600000000000);
-    EXPECT_EQ(app->Server.epochDiffGiven, 1);
-    start("zorEpochDiff=0;");
-    EXPECT_EQ(app->Server.epochDiffGiven, 0);
     start("zorEpochDiff=9223372036854775807;");
     EXPECT_GT(app->Server.zorEpochDiff, 0);
 }

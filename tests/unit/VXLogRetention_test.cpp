@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <ctime>
 #include <set>
 #include <string>
@@ -59,19 +58,6 @@ TEST_F(LogRetention, RemovesTraceFilesOfTheLimitAndBeforeAndNothingElse) {
     app->VXBCISetting.logRetentionDays = 1;
     vx_check_log_file();
     EXPECT_EQ(left().size(), kept.size() - 1);
-}
-
-TEST_F(LogRetention, KeepsTheNewestCrashDumps) {
-    const auto now = std::filesystem::file_time_type::clock::now();
-    for (int i = 0; i < 6; ++i) {
-        const std::string name = "example_" + std::to_string(900 - i) + ".txt";
-        file(name);
-        std::filesystem::last_write_time(home() + "/logs/" + name, now - std::chrono::hours(i));
-    }
-    file("example_notes.txt");
-    vxDropOldCrashDumps((home() + "/logs").c_str(), 2);
-    EXPECT_EQ(left(), (Names{"example_900.txt", "example_899.txt", "example_notes.txt"}));
-    vxDropOldCrashDumps("/no/such/folder", 2);
 }
 
 }  // namespace

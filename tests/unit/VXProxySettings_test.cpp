@@ -64,17 +64,6 @@ TEST_F(ProxySettingsFile, LinesLeaveTheirMark) {
     EXPECT_EQ(outcome(), defaults) << "a folder in the place of the file";
 }
 
-TEST_F(ProxySettingsFile, TheCollectorHostGoesIntoTheFirstRecordAndAnInvalidOneNowhere) {
-    write("proxysetting.conf", "vxcPort=7892\nvxcHost=not a host\nvxcHost=collector.example\n");
-    readVXProxyConfig();
-    const VXCollectorRecord first = vxCollectorAt(0);
-    EXPECT_STREQ(VXProxy.vxcHost, "collector.example");
-    EXPECT_STREQ(first.host, "collector.example");
-    EXPECT_EQ(first.port, 443) << "the context's port, not the one just read";
-    EXPECT_EQ(first.state, 1);
-    EXPECT_EQ(app->collectors.num_vxc_config, 1);
-}
-
 TEST_F(ProxySettingsFile, CeilingsKeepToTheirBounds) {
     const auto line = [](const VXProxyRow& row, const std::string& value) {
         return row.key + ("=" + value + "\n");

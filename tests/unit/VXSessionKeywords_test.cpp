@@ -48,21 +48,5 @@ TEST_F(SessionKeywords, ASessionLivesAsLongAsTheCollectorSays) {
     EXPECT_EQ(vx_word_get(app->VXSys.vxSessionIdleTimeOutSecs), 1) << "less than a second is not never";
 }
 
-TEST_F(SessionKeywords, NamesAreKeptForTheAgentsUntilTheRunEnds) {
-    keyword("enableVXSession", "1%20VXc%20shop.example%201%202");
-    keyword("KWCookie", "KW");
-    EXPECT_STREQ(app->session.vxCookieName.get(), "VXc");
-    EXPECT_STREQ(app->session.cookieDomainName.get(), "shop.example");
-    EXPECT_EQ(app->session.headerInResponse * 10 + app->session.mpos, 12);
-    for (const auto& [value, enabled] : {std::pair("X-Corr", 1), {"0%20X-Corr", 0}}) {
-        keyword("correlationIDHeader", value);
-        EXPECT_STREQ(app->VXSys.correlationIDHeader.get(), "X-Corr");
-        EXPECT_EQ(vx_word_get(app->VXSys.correlationIDEnabled), enabled);
-    }
-    setdefaultValues();
-    EXPECT_EQ(app->session.vxCookieName.get(), nullptr);
-    EXPECT_STREQ(app->VXSys.sessionCookieName.get(), "ZorKW");
-}
-
 }  // namespace
 }  // namespace vx::test

@@ -94,7 +94,6 @@ TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
     EXPECT_EQ(read_env_var(), 0);
     EXPECT_EQ(read_conf_file(), 0);
     EXPECT_EQ(record(0), "env.example:81");
-    EXPECT_STREQ(getAppName(), "");
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
     unsetenv("ZOR_APP_AGENT_VXCHOST");
     EXPECT_EQ(pass("vxcHost=h\n"), 0);

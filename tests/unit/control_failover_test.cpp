@@ -1,6 +1,4 @@
 // Two collectors: how an instance leaves the one, comes to the other and back, over each protocol.
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,12 +15,6 @@ namespace vx::test {
 namespace {
 
 constexpr const char* kControl = "vx_ctrl_msg_req:";
-
-std::int64_t shifted() {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 // A collector behind a front of one protocol and a relay; it says what it supports.
 struct Site {
@@ -79,11 +71,6 @@ class Failover : public LinkFixture, public testing::WithParamInterface<const ch
 protected:
     void SetUp() override {
         LinkFixture::SetUp();
-        skipMs = 0;
-        vxlb_set_clock_hooks({.now_us = [] { return shifted() + skipMs * 1000; },
-                              .sleep_us = [](std::int64_t) { ::usleep(1000); },
-                              .random_byte = nullptr});
-        app->identity.agentName = agentName_;
         app->control.pollTimeUs = 2000;
         app->VXSys.dataConnState = 1;
         vx_word_set(app->VXSys.bciDataBufferMaxCount, 8);
@@ -121,10 +108,6 @@ protected:
     }
 
     Site master{GetParam()}, backup{GetParam()};
-    inline static std::atomic<std::int64_t> skipMs{0};  // the clock is so much ahead
-
-private:
-    char agentName_[8] = "agent";
 };
 
 TEST_P(Failover, HoweverTheMasterGoesTheBackupIsFoundAndTheMasterAgain) {
@@ -153,7 +136,7 @@ TEST_P(Failover, HoweverTheMasterGoesTheBackupIsFoundAndTheMasterAgain) {
              control.close();
              silent = master.answer("", "1", "2");
              EXPECT_TRUE(stands(silent));
-             skipMs += 61000;
+             clockAheadUs += 61000000;
          }},
     };
     ASSERT_EQ(vxStartControlThread(app), 0);
@@ -243,7 +226,7 @@ TEST_P(Failover, TenMinutesOfSilenceAreEnough) {
     EXPECT_FALSE(control.ended(1.2));
     master.reply(control);
     ASSERT_TRUE(stands(control));
-    skipMs += 601000;
+    clockAheadUs += 601000000;
     EXPECT_TRUE(control.ended());
     // Plain sockets know the shorter vxcHeartBeatThreshold, which is no order to move.
     Site& next = master.protocol == "TCP" ? master : backup;
@@ -283,15 +266,6 @@ TEST_P(Failover, AClusterMovesItToANodeAndBackWhenThatIsGone) {
     FakePeer back = master.answer();
     EXPECT_TRUE(stands(back));
     EXPECT_NE(master.line.find(";requestType=3;"), std::string::npos) << master.line;
-}
-
-long openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-long residentKb() {
-    long size = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * ::getpagesize() / 1024;
 }
 
 // Records of a run that come on a data connection: so many, or all.
@@ -334,13 +308,16 @@ TEST_P(Failover, ADayOfReconnectsLeavesNothingBehindAndLosesNothingUncounted) {
                 60));
         }
         control.close();
-        skipMs += 60000;
-        if (minute == minutes / 3) descriptors = openDescriptors(), resident = residentKb();
+        clockAheadUs += 60000000;
+        if (minute == minutes / 3) {
+            descriptors = descriptorsOf(::getpid());
+            resident = residentKb(::getpid());
+        }
     }
     stop();
     for (FakePeer& again : master.passedOver) received += recordsIn(again);
-    EXPECT_LE(openDescriptors(), descriptors + 4);
-    EXPECT_LT(residentKb() - resident, 2048 + kSanitizerGrowthKb);
+    EXPECT_LE(descriptorsOf(::getpid()), descriptors + 4);
+    EXPECT_LT(residentKb(::getpid()) - resident, 2048 + kSanitizerGrowthKb);
     const VXBufferChain& chain = app->data.chain;
     EXPECT_EQ(received + chain.recordsDropped, chain.recordsAccepted);
 }

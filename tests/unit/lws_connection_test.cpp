@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -123,16 +121,6 @@ TEST_P(Lws, WhatHadNotArrivedBeginsAgainOnTheNextConnection) {
     closeDumping(*app);
 }
 
-long openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-long residentKb() {
-    long size = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * ::getpagesize() / 1024;
-}
-
 TEST_P(Lws, HundredsOfConnectionsHaveTheMemoryAndDescriptorsOfOne) {
     const auto connectOnce = [&](int port) {
         vxLwsEnd(vxLwsConnect(
@@ -143,10 +131,13 @@ TEST_P(Lws, HundredsOfConnectionsHaveTheMemoryAndDescriptorsOfOne) {
         connectOnce(i % 3 == 2 ? 1 : port());  // each third is refused
         if (i % 3 == 0) collector.accept().close();
         if (i % 3 == 1) collector.accept().reset();
-        if (i == 100) descriptors = openDescriptors(), resident = residentKb();
+        if (i != 100) continue;
+        descriptors = descriptorsOf(::getpid());
+        resident = residentKb(::getpid());
     }
-    EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptors + 4; })) << descriptors;
-    EXPECT_LT(residentKb() - resident, 2048 + 4 * kSanitizerGrowthKb) << "the sanitizer keeps what TLS frees";
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(::getpid()) <= descriptors + 4; })) << descriptors;
+    EXPECT_LT(residentKb(::getpid()) - resident, 2048 + 4 * kSanitizerGrowthKb)
+        << "the sanitizer keeps what TLS frees";
 }
 
 TEST_P(Lws, EachKindHasAConnectionOfItsOwnThatEndsWithItsOrder) {

@@ -21,7 +21,6 @@ protected:
         if (name() == "WSS") certificate = std::make_unique<TestCertificate>();
         front = std::make_unique<WsBridge>(collector.port(), certificate.get());
         relay = std::make_unique<TcpRelay>(front->port());
-        app->identity.agentName = agentName_;
         app->control.pollTimeUs = 20000;
         app->VXSys.dataConnState = 1;
         setProxyVXHome();
@@ -53,62 +52,10 @@ protected:
         return line;
     }
 
-    // The next line that is no heartbeat.
-    static std::string answer(FakePeer& control) {
-        std::string line;
-        do line = control.readLine();
-        while (line.starts_with("vx_control_req:action=reconnect;heartBeat"));
-        return line;
-    }
-
     std::unique_ptr<TestCertificate> certificate;
     std::unique_ptr<WsBridge> front;
     std::unique_ptr<TcpRelay> relay;  // in front of it
-
-private:
-    char agentName_[8] = "agent";
 };
-
-TEST_P(LwsLink, CarriesARunWithItsFileItsRecordsAndWhatOtherThreadsLeave) {
-    setAppName("Orders 1");
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    FakePeer control;
-    const std::string line = acceptControl(control);
-    EXPECT_TRUE(line.starts_with("vx_ctrl_msg_req:appName=Orders 1;")) << line;
-    EXPECT_NE(line.find(";protoVer=1;"), std::string::npos) << line;
-
-    const std::string file(300000, 'p');
-    control.send("vx_control_req:action=start_instrumentation;testIdx=4;vxPoolFile=p.txt|300000|7;\n");
-    EXPECT_EQ(answer(control), "vx_control_req:action=send_file;keyword=vxPoolFile;");
-    control.send("vx_control_rep:action=file;keyword=vxPoolFile;size=300000;lmd=7;\n" + file);
-    EXPECT_EQ(answer(control), "vx_control_rep:action=start_instrumentation;status=starting;result=Ok;");
-    EXPECT_TRUE(cached("vxPoolFile") == file);
-
-    FakePeer data = acceptStream("vx_data_msg_req:appName=Orders 1;");
-    EXPECT_EQ(data.readLine(), "99,NewConnection,FPGVersion:1.0") << "directly behind the connect line";
-    EXPECT_TRUE(acceptStream("auto_sensor_thread_hotspot_data_req:"));
-    std::string records, got;
-    for (int i = 0; i < 20000; ++i) {
-        const std::string record = "4," + std::to_string(i) + "\n";
-        dumpData(record.data(), static_cast<std::int64_t>(record.size()));
-        records += record;
-    }
-    const std::string dump(200000, 'd');
-    EXPECT_GE(vxOutboxWaiting(*app), 0) << "a connection whose owner sends what others leave";
-    EXPECT_TRUE(vxOutboxPut(*app, dump.data(), dump.size()));
-    EXPECT_TRUE(answer(control) == dump);
-    while (!got.ends_with("19999")) got += "\n" + data.readLine();
-    EXPECT_NE(got.find(records.substr(0, records.size() - 1)), std::string::npos);
-
-    control.send("vx_control_req:action=stop_instrumentation;stat");
-    control.send("us=stopping;\n");
-    EXPECT_EQ(answer(control), "vx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;");
-    EXPECT_TRUE(data.readToEnd().ends_with("10,\n"));
-    EXPECT_EQ(app->data.chain.recordsDropped, 0U);
-    EXPECT_GT(front->textMessages(), 0);
-    EXPECT_GT(front->binaryMessages(), 0);
-    EXPECT_TRUE(front->paths()[0].starts_with("/collector/vx/Orders 1/")) << front->paths()[0];
-}
 
 TEST_P(LwsLink, ACollectorThatDoesNotReadHoldsUpNeitherProducersNorTheNextConnection) {
     ASSERT_EQ(vxStartControlThread(app), 0);

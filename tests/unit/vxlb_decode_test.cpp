@@ -6,13 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "commonlibc/VXDataDispatcher.h"
-#include "commonlibc/exception/VXExceptionNames.h"
-#include "commonlibc/flowpath/VXFlowpathStop.h"
-#include "commonlibc/flowpath/VXPerThreadData.h"
-#include "commonlibc/vxlb_hashMapMethod.h"
-#include "commonlibc/vxlb_mem_pool.h"
-#include "tests/support/app_fixture.h"
+#include "tests/support/flowpath_fixture.h"
 #include "tests/support/record_stream.h"
 
 namespace vx {
@@ -29,28 +23,17 @@ void accept(const char* record, std::int64_t length) {
 }
 
 // One flowpath, 77, whose exceptions are remembered.
-class DecodeStream : public AppFixture {
+class DecodeStream : public FlowpathFixture {
 protected:
     void SetUp() override {
-        AppFixture::SetUp();
-        app->flowpath.fpi_tls_map = create_hashmap(app->pool);
-        app->Server.testRunRunning = 1;
-        fileSlot("77");
+        FlowpathFixture::SetUp();
+        vxFileSlot(takeSlotWithBt(), "77");
         vxDivertRecords(accept);
         accepted.clear();
     }
     void TearDown() override {
         vxDivertRecords(nullptr);
-        vxFreeExceptionNames();
-        vxDropBusyList();
-        vxFreeSlotPools();
-        AppFixture::TearDown();
-    }
-    static void fileSlot(const char* key) {
-        static BTObject bt;
-        vxTD* slot = get_free_tls_slot();
-        slot->tlBTObj = &bt;
-        vxFileSlot(slot, key);
+        FlowpathFixture::TearDown();
     }
     std::string carried() const {
         return {app->decoder.partialBuffer, static_cast<std::size_t>(app->decoder.partialLength)};
@@ -141,7 +124,7 @@ TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
 
 TEST_F(DecodeStream, TakesOneRecordOfADatagramAndLeavesTheCarryOver) {
     readBytes(*app, "^");
-    fileSlot("request-1");
+    vxFileSlot(takeSlotWithBt(), "request-1");
     const std::string datagram = "\n" + kGood + kOther;
     decodeMessage(datagram.data(), static_cast<std::int32_t>(datagram.size()), 0, 1, "request-1");
     EXPECT_EQ(accepted, kOneGood);
@@ -167,18 +150,6 @@ TEST_F(DecodeStream, CountsEachMessageThatCameToNothing) {
     EXPECT_EQ(refusedBy(firstOf(rawFrame(12, 70000, 7, std::string(20000, 'x')), 10254)), 1u);  // a long tail
     app->Server.testRunRunning = 0;
     EXPECT_EQ(refusedBy(kGood + kOther), 2u);  // the run was lost under an open transaction
-}
-
-TEST_F(DecodeStream, ClearsTheFirstWordOfTheSender) {
-    processInfo_t records[2]{};
-    processInfo_t* table[2] = {&records[0], &records[1]};
-    app->identity.processInfo = table;
-    app->identity.numProcess = 2;
-    records[0].firstWord = records[1].firstWord = 5;
-    for (const std::int32_t sender : {1, 2, -1}) readBytes(*app, kGood, sender);  // two of them nobody
-    EXPECT_EQ(records[1].firstWord, 0U);
-    EXPECT_EQ(records[0].firstWord, 5U);
-    app->identity.processInfo = nullptr;
 }
 
 }  // namespace

@@ -3,15 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "commonlibc/VXMethodManager.h"
-#include "commonlibc/flowpath/VXFlowpathStop.h"
-#include "commonlibc/flowpath/VXPerThreadData.h"
-#include "commonlibc/vxlb_clock.h"
-#include "commonlibc/vxlb_hashMapMethod.h"
-#include "commonlibc/vxlb_mem_pool.h"
-#include "tests/support/knowledge_fixture.h"
+#include "tests/support/flowpath_fixture.h"
 #include "tests/support/record_stream.h"
 
 namespace vx {
@@ -22,22 +15,14 @@ using namespace test;
 constexpr std::int64_t kNowUs = 1700000000000000;
 constexpr std::int64_t kSecond = 1000000;
 
-// A run in progress with a filed slot, 77, at a fixed time.
-class Messages : public KnowledgeFixture {
+// A filed slot, 77, at a fixed time.
+class Messages : public FlowpathFixture {
 protected:
     void SetUp() override {
-        KnowledgeFixture::SetUp();
-        vxlb_set_clock_hooks({[] { return kNowUs; }, nullptr, nullptr});
-        app->flowpath.fpi_tls_map = create_hashmap(app->pool);
-        hashMapForAgent();
-        vx_word_set(app->VXSys.bciInstrSessionPct, 100);
+        FlowpathFixture::SetUp();
+        app->Server.zorEpochDiff = 0;
+        clock.advanceMs(kNowUs / 1000 - clock.nowMs());
         slot = fileSlot("77", kNowUs);
-    }
-    void TearDown() override {
-        vxlb_set_clock_hooks({});
-        vxDropBusyList();
-        vxFreeSlotPools();
-        KnowledgeFixture::TearDown();
     }
     vxTD* fileSlot(const char* key, std::int64_t startTimeUs) {
         vxTD* taken = get_free_tls_slot();

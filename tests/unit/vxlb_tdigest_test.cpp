@@ -35,10 +35,12 @@ double rankError(const Values& sorted, double answer, double q) {
 TEST(TDigest, QuantilesAreCloseToTheExactOnesWhateverTheDistributionAndTheOrder) {
     std::mt19937 random(7);
     std::lognormal_distribution<double> skewed(4, 1.5);
-    Values uniform, lognormal, twoPeaks, few, rising;
+    std::exponential_distribution<double> rare(0.001);
+    Values uniform, lognormal, exponential, twoPeaks, few, rising;
     for (int i = 0; i < 100000; ++i) {
         uniform.push_back(static_cast<std::int64_t>(random() % 1000000));
         lognormal.push_back(static_cast<std::int64_t>(skewed(random)));
+        exponential.push_back(static_cast<std::int64_t>(rare(random)));
         twoPeaks.push_back(i % 10 ? 5 + i % 3 : 30000 + static_cast<std::int64_t>(random() % 1000));
         few.push_back(i % 4);
         rising.push_back(i);
@@ -49,6 +51,7 @@ TEST(TDigest, QuantilesAreCloseToTheExactOnesWhateverTheDistributionAndTheOrder)
     } rows[] = {
         {"uniform", uniform},
         {"lognormal", lognormal},
+        {"exponential", exponential},
         {"two peaks", twoPeaks},
         {"few values", few},
         {"rising", rising},
