@@ -66,6 +66,7 @@ TEST(Installer, KeepsSettingsWhenRunAgainAndTheHomeWhenTakenAway) {
     EXPECT_TRUE(fs::exists(dir / (home + "not-ours")) && !fs::exists(dir / (home + "proxy")));
 
     EXPECT_EQ(run({"--home", "relative"}), 2);
+    EXPECT_EQ(run({"--home", "/home/somebody"}), 2);  // which the unit hides
     EXPECT_EQ(run({"--user", "a b"}), 2);
     EXPECT_EQ(run({"--prefix"}), 2);
 }
