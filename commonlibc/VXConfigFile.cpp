@@ -1,8 +1,11 @@
 #include "commonlibc/VXConfigFile.h"
 
+#include <apr_errno.h>
+#include <apr_file_info.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "commonlibc/VXSys.h"
 #include "commonlibc/platform/vx_platform.h"
@@ -13,6 +16,8 @@ namespace vx {
 namespace {
 
 constexpr const char* kConfigFolder = "config";
+constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
+constexpr std::size_t kReasonSize = 256;
 
 // Empty lines and those with "#" as the first byte that is no blank.
 bool isComment(const std::string& line) {
@@ -24,6 +29,24 @@ VXConfigFault faultOf(const std::string& line, bool tooLong) {
     if (line[0] == ' ' || line[0] == '\t') return VXConfigFault::kIndented;
     if (tooLong) return VXConfigFault::kTooLong;
     return line.find('\0') == std::string::npos ? VXConfigFault::kNone : VXConfigFault::kZeroByte;
+}
+
+// The file, open, or null with the answer and its reason.
+VXFile openFile(const char* path, VXConfigAnswer& answer, std::string& reason) {
+    const VXPool pool(nullptr);
+    apr_finfo_t info{};
+    apr_status_t status = apr_stat(&info, path, APR_FINFO_TYPE, pool.get());
+    if (status == APR_SUCCESS && info.filetype != APR_REG) {
+        answer = VXConfigAnswer::kUnreadable;
+        reason = "no regular file";
+        return nullptr;
+    }
+    VXFile file(status == APR_SUCCESS ? std::fopen(path, "re") : nullptr);
+    if (status == APR_SUCCESS && !file) status = errno;
+    char text[kReasonSize];
+    if (!file) reason = apr_strerror(status, text, sizeof(text));
+    answer = APR_STATUS_IS_ENOENT(status) ? VXConfigAnswer::kMissing : VXConfigAnswer::kUnreadable;
+    return file;
 }
 
 // Reads up to the line's end and keeps at most `maxLength` bytes. False at the end of the file.
@@ -56,17 +79,22 @@ void vxConfigPath(char* path, std::size_t size, const char* name) {
     vx_path_join(path, size, folder, name);
 }
 
-bool vxWalkConfigLines(const char* path, std::size_t maxLength, const VXConfigVisitor& visit) {
-    const VXFile file(std::fopen(path, "re"));
-    if (!file) return false;
+VXConfigAnswer vxWalkConfigLines(const char* path, std::size_t maxLength, const VXConfigVisitor& visit,
+                                 std::string& reason) {
+    VXConfigAnswer answer;
+    const VXFile file = openFile(path, answer, reason);
+    if (!file) return answer;
     std::string line;
     bool tooLong = false;
     for (int number = 1; readLine(file.get(), maxLength, line, tooLong); ++number) {
+        if (number == 1 && line.starts_with(kByteOrderMark)) line.erase(0, std::strlen(kByteOrderMark));
         if (isComment(line)) continue;
         cutEnd(line);
         visit({number, line.c_str(), faultOf(line, tooLong)});
     }
-    return std::ferror(file.get()) == 0;
+    if (std::ferror(file.get()) == 0) return VXConfigAnswer::kRead;
+    reason = "it breaks off";
+    return VXConfigAnswer::kUnreadable;
 }
 
 }  // namespace vx

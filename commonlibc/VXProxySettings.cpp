@@ -250,7 +250,8 @@ bool vxReadProxyFile() {
     vxConfigPath(path, sizeof(path), kProxyFileName);
     VX_TRACE(1, kControlThread, kInfo, "Proxy setting file path '%s'.", path);
     apr_finfo_t info;
-    if (vx_stat(path, &info) == 0 && vxWalkConfigLines(path, kMaxLine, visitLine)) return true;
+    vx_stat(path, &info);
+    if (vxWalkSettings(kProxyFileName, kMaxLine, visitLine)) return true;
     VX_TRACE(1, kControlThread, kError, "%s is not present, so returning.", path);
     return false;
 }

@@ -27,6 +27,8 @@ const char* faultText(const VXSettingReport& report) {
             return "no value, ignored";
         case VXSettingVerdict::kNoPair:
             return "not of the form key=value, ignored";
+        case VXSettingVerdict::kUnreadable:
+            return "cannot be read";
         case VXSettingVerdict::kLineFault:
             break;
         default:
@@ -74,6 +76,16 @@ VXSettingVerdict vxVerdictOfUnknown(const char* line) {
     const char* equals = std::strchr(line, '=');
     if (!equals || equals == line) return VXSettingVerdict::kNoPair;
     return equals[1] ? VXSettingVerdict::kUnknown : VXSettingVerdict::kNoValue;
+}
+
+bool vxWalkSettings(const char* file, int maxLength, const VXConfigVisitor& visit) {
+    char path[kConfigPathSize];
+    vxConfigPath(path, sizeof(path), file);
+    std::string reason;
+    const VXConfigAnswer answer = vxWalkConfigLines(path, static_cast<std::size_t>(maxLength), visit, reason);
+    if (answer == VXConfigAnswer::kUnreadable)
+        vxReportSetting({file, 0, nullptr, reason.c_str(), VXSettingVerdict::kUnreadable});
+    return answer == VXConfigAnswer::kRead;
 }
 
 bool vxReportLineFault(const char* file, const VXConfigLine& line, int maxLength) {

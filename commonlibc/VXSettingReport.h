@@ -24,13 +24,14 @@ enum class VXSettingVerdict {
     kUnknown,          // no setting of that name
     kNoValue,          // nothing behind the "="
     kNoPair,           // no "=" at all
+    kUnreadable,       // the whole file, which is there
 };
 
 struct VXSettingReport {
     const char* source;  // the file's name; for a variable its own name
-    int line;            // 0 for a variable
+    int line;            // 0 for a variable, and a whole file
     const char* key;     // of the row; null when no row knows the line
-    const char* text;    // the value; where no row knows it, the line
+    const char* text;    // the value; where no row knows it, the line; of a file, why it cannot be read
     VXSettingVerdict verdict;
     VXConfigFault fault = VXConfigFault::kNone;
 };
@@ -49,6 +50,9 @@ std::string vxSettingFault(const VXSettingReport& report);
 std::string vxPrintable(std::string text);
 // Verdict on a line that no row took.
 VXSettingVerdict vxVerdictOfUnknown(const char* line);
+// Walks over the lines of a file of the config folder, and reports one that is there and cannot be read. True
+// when it was read.
+bool vxWalkSettings(const char* file, int maxLength, const VXConfigVisitor& visit);
 // Traces and reports a line with a fault; true when it has one.
 bool vxReportLineFault(const char* file, const VXConfigLine& line, int maxLength);
 // The whole text as a number within the bounds; false, with `out` unchanged, for anything else.

@@ -122,10 +122,12 @@ bool readFile(VXBCISetting_t& setting, const char* path, FileValues& values) {
     const std::lock_guard lock(vxSettingsFileMutex);
     apr_finfo_t info{};
     setting.prevFileSize = setting.lastModifiedDate = 0;
-    if (vx_stat(path, &info) != 0) return false;
-    setting.prevFileSize = info.size;
-    setting.lastModifiedDate = info.mtime;
-    return vxWalkConfigLines(path, kMaxLine, [&values](const VXConfigLine& line) { keepLine(values, line); });
+    if (vx_stat(path, &info) == 0) {
+        setting.prevFileSize = info.size;
+        setting.lastModifiedDate = info.mtime;
+    }
+    return vxWalkSettings(kSettingsFileName, kMaxLine,
+                          [&values](const VXConfigLine& line) { keepLine(values, line); });
 }
 
 // The rows that lines gave, as bits. Of several lines the last valid one stands. A backup that the file no
@@ -245,6 +247,13 @@ int check_file_size_of_vxsetting_files(int flag) {
         return 0;
     }
     const bool differs = info.size != setting.prevFileSize || info.mtime != setting.lastModifiedDate;
+    std::string reason;
+    const auto ignore = [](const VXConfigLine&) {};
+    if (flag && differs && vxWalkConfigLines(path, 1, ignore, reason) != VXConfigAnswer::kRead) {
+        VX_TRACE(1, kControlThread, kError, "%s has changed and cannot be read (%s): the settings stay", path,
+                 reason.c_str());
+        return 0;
+    }
     if (flag == 0) {
         setting.prevFileSize = info.size;
         setting.lastModifiedDate = info.mtime;

@@ -88,18 +88,18 @@ std::string settingLine(const std::string& key, const std::string& value, const 
     return line + "]\n";
 }
 
-// Tells of a file that is missing or unreadable. The heading of its section.
+// Tells of a file that is missing; one that cannot be read has been reported. The heading of its section.
 std::string fileHeading(const char* name) {
     char path[kConfigPathSize];
     vxConfigPath(path, sizeof(path), name);
-    std::string heading = "\n" + std::string(path);
-    if (vxWalkConfigLines(path, 1, [](const VXConfigLine&) {})) return heading + "\n";
-    if (access(path, F_OK) != 0) {
-        findings->notes.push_back(std::string(name) + ": there is no such file");
-        return heading + " (missing)\n";
-    }
-    findings->faults.push_back(std::string(name) + ": cannot be read");
-    return heading + " (cannot be read)\n";
+    std::string reason;
+    const VXConfigAnswer answer = vxWalkConfigLines(
+        path, 1, [](const VXConfigLine&) {}, reason);
+    const std::string heading = "\n" + std::string(path);
+    if (answer == VXConfigAnswer::kRead) return heading + "\n";
+    if (answer == VXConfigAnswer::kUnreadable) return heading + " (cannot be read)\n";
+    findings->notes.push_back(std::string(name) + ": there is no such file");
+    return heading + " (missing)\n";
 }
 
 std::string proxySection() {

@@ -48,7 +48,7 @@ TEST_F(ProxySettingsFile, LinesLeaveTheirMark) {
         {"PROXYPORT=2000\n", with("2000", "0")},
         {"proxyPortal=2000\n", with("2000", "0")},
         {"#proxyPort=1\n proxyPort=2\n\tproxyPort=3\n\n\r\n", defaults},
-        {"proxyPort=2000\r\nvxcPort=7", with("2000", "7")},
+        {"\xEF\xBB\xBFproxyPort=2000\r\nvxcPort=7", with("2000", "7")},
         {"proxyPort=" + std::string(1013 - 4, '0') + "2000\n", with("2000", "0")},
         {"proxyPort=" + std::string(1014 - 4, '0') + "2000\nvxcPort=7\n", with("1111", "7")},
         {"memThresholdCheckModes=300\nmemUsageThresholdPct=51\nmemUsageThresholdSizeMB=511\n",

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -160,7 +161,7 @@ TEST_F(SettingsFile, AnswersFailureWithoutAFileOrWithoutAHostWhereOneIsNeeded) {
     EXPECT_EQ(pass("vxSaasURL=saas.example\n"), 0);
 }
 
-TEST_F(SettingsFile, AChangedFileIsSeenOnceAndAnEmptyOneNever) {
+TEST_F(SettingsFile, AChangedFileIsSeenOnceAndOneWithoutContentNever) {
     pass("vxcHost=h\n");
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
     write("vxsettings.conf", "vxcHost=h2\n");
@@ -170,6 +171,9 @@ TEST_F(SettingsFile, AChangedFileIsSeenOnceAndAnEmptyOneNever) {
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
     write("vxsettings.conf", "");
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
+    std::filesystem::remove(home() + "/config/vxsettings.conf");
+    std::filesystem::create_directory(home() + "/config/vxsettings.conf");
+    EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0) << "what was read before stays";
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "dotnetagent/agent/vx_service_check.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -109,9 +110,9 @@ TEST_F(CheckConfig, TellsOfFilesThatAreMissingUnreadableOrUnused) {
 
     setenv("ZOR_APP_AGENT_VXCPORT", "70000", 1);
     std::filesystem::remove(home() + "/config/proxysetting.conf");
-    std::filesystem::create_directory(home() + "/config/proxysetting.conf");
+    ASSERT_EQ(::mkfifo((home() + "/config/proxysetting.conf").c_str(), 0600), 0);  // nobody will write to it
     EXPECT_EQ(runCheck(), kCheckFailed);
-    EXPECT_TRUE(says("proxysetting.conf: cannot be read") &&
+    EXPECT_TRUE(says("proxysetting.conf: cannot be read: 'no regular file'") &&
                 says("ZOR_APP_AGENT_VXCPORT: not a valid value, ignored: '70000'"))
         << report;
 }
