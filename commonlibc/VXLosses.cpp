@@ -12,21 +12,10 @@ constexpr std::int64_t kWalkUs = 60000000;
 
 std::int64_t lastWalkUs = 0;  // listener
 
-struct Totals {
-    std::uint64_t records, starts, messages;
-};
-
-Totals totalsOf(const vxApplication& app) {
-    return {app.data.chain.recordsDropped.load(std::memory_order_relaxed) +
-                app.autoSensor.chain.recordsDropped.load(std::memory_order_relaxed),
-            app.flowpath.startsRefused.load(std::memory_order_relaxed),
-            app.decoder.messagesRefused.load(std::memory_order_relaxed)};
-}
-
 // `app` is current.
 void tell(vxApplication& app, bool grownOrNot) {
     if (!vxTraceOn(1, TraceModule::kControlThread)) return;
-    const Totals now = totalsOf(app);
+    const VXLossTotals now = vxLossTotals(app);
     VXLossState_t& told = app.losses;
     const VXGuard lock(told.mutex);
     const bool grown =
@@ -43,6 +32,13 @@ void tell(vxApplication& app, bool grownOrNot) {
 }
 
 }  // namespace
+
+VXLossTotals vxLossTotals(const vxApplication& app) {
+    return {app.data.chain.recordsDropped.load(std::memory_order_relaxed) +
+                app.autoSensor.chain.recordsDropped.load(std::memory_order_relaxed),
+            app.flowpath.startsRefused.load(std::memory_order_relaxed),
+            app.decoder.messagesRefused.load(std::memory_order_relaxed)};
+}
 
 void vxLossesWalk() {
     const std::int64_t nowUs = vxlb_now_us();

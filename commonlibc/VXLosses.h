@@ -19,6 +19,10 @@
 
 namespace vx {
 
+struct VXLossTotals {
+    std::uint64_t records = 0, starts = 0, messages = 0;
+};
+VXLossTotals vxLossTotals(const vxApplication& app);
 // Once a minute: a line for each instance whose losses have grown. Cheap otherwise.
 void vxLossesWalk();
 // The line of one context, when its losses have grown.

@@ -10,6 +10,7 @@
 #include "commonlibc/platform/vx_platform_crash.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/proxyServer/vx_udp_functions.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_sock.h"
 #include "commonlibc/vxlb_trace.h"
@@ -19,7 +20,7 @@ namespace vx {
 namespace {
 
 constexpr std::int64_t kStepUs = 10000;
-constexpr int kDrainSteps = 200;           // 2 s
+constexpr int kDrainSteps = 260;           // 2.6 s: 2 to send, the rest to close and to count
 constexpr std::int64_t kEndUs = 3000000;   // the program's own end has this long
 constexpr std::int64_t kInstanceUs = 200;  // between the stop words of two instances
 constexpr std::int64_t kGoodByeUs = 1000;
@@ -39,7 +40,8 @@ vxApplication* rootContext() {
 }
 
 // Calls visit for each instance in use, current meanwhile.
-void eachInstance(void (*visit)(vxApplication& app)) {
+template <class Visit>
+void eachInstance(Visit visit) {
     if (!VXProxyInstance.load(std::memory_order_acquire)) return;
     const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);
     for (std::int32_t i = 0; i < count; ++i) {
@@ -48,6 +50,19 @@ void eachInstance(void (*visit)(vxApplication& app)) {
         vxSetCurrent(app);
         visit(*app);
     }
+}
+
+// Of each context the line that it has not told yet. The sum.
+VXLossTotals tellLosses() {
+    VXLossTotals sum;
+    const auto add = [&sum](vxApplication& app) {
+        vxLossesTell(app);
+        const VXLossTotals own = vxLossTotals(app);
+        sum = {sum.records + own.records, sum.starts + own.starts, sum.messages + own.messages};
+    };
+    eachInstance(add);
+    vxUdpEachFunction(add);
+    return sum;
 }
 
 void orderStop(vxApplication& app) {
@@ -100,18 +115,22 @@ bool vxStartSignalThread(void (*stopControl)()) {
     return true;
 }
 
-void vxStopService() {
+void vxStopService(VXStopReport report) {
     proxyStopFlag.store(1, std::memory_order_release);
     vxWakeListener();
     if (proxyCleaningFlag.load(std::memory_order_acquire)) vxlb_sleep_us(kEndUs);
+    const std::uint64_t before = tellLosses().records;
     int step = 0;
     while (step < kDrainSteps && !vxDataThreadsDrained()) {
         vxlb_sleep_us(kStepUs);
         ++step;
     }
+    const VXLossTotals lost = tellLosses();
+    const bool drained = step < kDrainSteps && lost.records == before;
     vxSetCurrent(rootContext());
     VX_TRACE(1, kControlThread, kInfo, "Stopped as told, %s",
-             step < kDrainSteps ? "nothing is left to send" : "what could not be sent in time is lost");
+             drained ? "nothing is left to send" : "what could not be sent in time is lost");
+    report(drained, lost);
     _exit(0);
 }
 

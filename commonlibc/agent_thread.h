@@ -10,15 +10,20 @@
 //           thread. vxStopService: the program's main thread, once the worker has ended.
 #pragma once
 
+#include "commonlibc/VXLosses.h"
+
 namespace vx {
 
 // Blocks these signals in the calling thread (and all it starts) and starts the thread that waits for
 // them. `stopControl` is what the program does on a stop of any kind: it is told first. The process ends
 // within 3 s of it, whether the program gets there itself or not. False when no thread could be made.
 bool vxStartSignalThread(void (*stopControl)());
-// The stop control: ends every loop, waits for the data threads, ends the process. A cleaning stop that is
-// under way is left to end it.
-[[noreturn]] void vxStopService();
+// Told at the end of a stop: whether all was sent that was held, and what was lost since the start, of the
+// instances and functions that are there.
+using VXStopReport = void (*)(bool drained, const VXLossTotals& lost);
+// The stop control: ends every loop, waits for the data threads, tells, ends the process. A cleaning stop
+// that is under way is left to end it.
+[[noreturn]] void vxStopService(VXStopReport report);
 // Cleaning stop: shuts down every connection of agents and towards collectors.
 [[noreturn]] void resetAndCleanProxy(int sig);
 

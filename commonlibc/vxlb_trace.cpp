@@ -1,6 +1,7 @@
 #include "commonlibc/vxlb_trace.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_trace_failure.h"
 #include "commonlibc/vxlb_utiles.h"
 
 namespace vx {
@@ -41,10 +43,12 @@ struct VXTraceLog {
     char path[2][kPathSize] = {};
     bool writeHeader = true;  // the next opened file begins with the header line
     std::int64_t size = 0;    // bytes of lines in the active file
+    std::uint64_t lost = 0;   // lines that could not be written since the last one that could
     VXFile stream[2];
 };
 
 std::atomic<VXTraceLog*> trace_log_key{nullptr};
+VXTraceFailure vxTraceFailure = nullptr;
 
 namespace {
 
@@ -65,11 +69,13 @@ std::int64_t maxFileSize() noexcept {
 
 void openStream(VXTraceLog& log) {
     VXFile& stream = log.stream[log.active];
-    stream.reset(std::fopen(log.path[log.active], "a"));
+    stream.reset(std::fopen(log.path[log.active], "ae"));
     log.size = 0;
-    if (!stream || !log.writeHeader) return;
+    if (!stream) return;
+    std::setvbuf(stream.get(), nullptr, _IONBF,
+                 0);  // what a full disk refuses does not come later, in pieces
+    if (!log.writeHeader) return;
     std::fprintf(stream.get(), "%s\n%s", kHeaderLine, kHeaderRemark);
-    std::fflush(stream.get());
     log.writeHeader = false;
 }
 
@@ -90,14 +96,24 @@ std::FILE* activeStream(VXTraceLog& log, std::int64_t maxSize) {
     return log.stream[log.active].get();
 }
 
+// The lines between the last one of the file and the next.
+void tellLost(VXTraceLog& log, std::FILE* stream) {
+    const int written =
+        std::fprintf(stream, "\n#%llu lines could not be written", static_cast<unsigned long long>(log.lost));
+    if (written > 0) log.lost = 0;
+}
+
 void writeLine(const char* line, std::size_t length, std::int64_t maxSize) {
     const std::lock_guard lock(traceMutex);
     VXTraceLog* log = trace_log_key.load(std::memory_order_acquire);
     if (!log) return;
+    errno = 0;
     std::FILE* stream = activeStream(*log, maxSize);
-    if (!stream) return;
-    log->size += static_cast<std::int64_t>(std::fwrite(line, 1, length, stream));
-    std::fflush(stream);
+    if (stream && log->lost) tellLost(*log, stream);
+    const std::size_t written = stream ? std::fwrite(line, 1, length, stream) : 0;
+    log->size += static_cast<std::int64_t>(written);
+    if (written == length) return;
+    if (log->lost++ == 0 && vxTraceFailure) vxTraceFailure(log->path[log->active], errno);
 }
 
 void lineTime(char* out, std::size_t size) {

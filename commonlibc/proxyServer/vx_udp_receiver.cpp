@@ -18,6 +18,8 @@
 
 namespace vx {
 
+void (*vxUdpFailed)(int port, const char* reason) = nullptr;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -50,10 +52,14 @@ void publish(int socket) {
     VXUdp.lostTold = 0;
 }
 
+void tellFailure(const char* reason) {
+    if (vxUdpFailed) vxUdpFailed(VXProxy.proxyPort, reason);
+}
+
 // The socket, or -1 at a stop.
 int openSocket() {
     char error[kSockErrorSize] = "";
-    while (!stopping()) {
+    for (bool told = false; !stopping(); told = true) {
         const int socket = vx_platform_udp_open(VXProxy.proxyPort, kSocketQueueBytes, error, sizeof(error));
         if (socket >= 0) {
             VX_TRACE(1, kControlThread, kInfo, "Successully created socket for UDP.");
@@ -63,6 +69,7 @@ int openSocket() {
         }
         VX_TRACE(1, kControlThread, kError,
                  "Proxy Server Failed to create UDP connection '%s'. Retrying in 10 seconds.", error);
+        if (!told) tellFailure(error);
         waitForStop(kBindRetry);
     }
     return -1;
@@ -202,6 +209,7 @@ void vxUdpStart() {
     VXUdp.stopping.store(false);
     if (makeIntake(vxCurrent())) return;
     VX_TRACE(1, kControlThread, kError, "No datagrams are taken: the intake could not be started");
+    tellFailure("no memory, or no thread");
     vxUdpStop();
 }
 

@@ -21,6 +21,8 @@ namespace vx {
 // Starts receiver, workers and watchers on VXProxy.proxyPort, below the current (root) context. Without
 // memory or threads there is no intake (traced).
 void vxUdpStart();
+// Told of the first failure of a start; set before it, null: nobody.
+extern void (*vxUdpFailed)(int port, const char* reason);
 // Ends all threads of the intake. Nothing happens without a start.
 void vxUdpStop();
 

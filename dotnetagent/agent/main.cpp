@@ -9,8 +9,10 @@
 #include "commonlibc/VXSys.h"
 #include "commonlibc/agent_thread.h"
 #include "commonlibc/proxyServer/vx_proxy_server.h"
+#include "commonlibc/proxyServer/vx_udp_receiver.h"
 #include "commonlibc/vx_agent.h"
 #include "commonlibc/vxbt/vxbt_rule_check.h"
+#include "commonlibc/vxlb_trace_failure.h"
 #include "dotnetagent/agent/vx_service.h"
 #include "dotnetagent/agent/vx_service_check.h"
 
@@ -23,18 +25,17 @@ constexpr const char* kHelp =
     "       VXProxyService --check-rules FILE [--url URL] [--method M] [--query Q] [--header H]\n"
     "\n"
     "Stands on an application host between profiler agents and a central collector: takes the agents'\n"
-    "records over TCP, rebuilds transactions from them and sends the results to the collector. Runs in the\n"
-    "foreground until it is told to stop.\n"
+    "records over TCP, WebSocket and UDP, rebuilds transactions from them and sends the results to the\n"
+    "collector. Runs in the foreground until it is told to stop.\n"
     "\n"
     "Options:\n"
     "  --version        prints the version and ends\n"
     "  --help           prints this text and ends\n"
     "  --check-config   reads files and environment as a start does, prints each setting with its value and\n"
     "                   where it comes from, and every line that is not understood; changes nothing\n"
-    "  --check-rules    reads a file of rules (BTRuleFile.txt, BTRuleConfig) as the service does, tells "
-    "what\n"
-    "                   each line means or why it has no effect, and which BT a request gets; writes "
-    "nothing\n"
+    "  --check-rules    reads a file of rules (BTRuleFile.txt, BTRuleConfig) as the service does, tells\n"
+    "                   what each line means or why it has no effect, and which BT a request gets; writes\n"
+    "                   nothing\n"
     "\n"
     "Environment:\n"
     "  VXHOME             the home is the folder \"proxy\" below this one (else below USERPROFILE, HOME)\n"
@@ -56,6 +57,7 @@ constexpr const char* kHelp =
     "  0   stopped as told; configuration in order\n"
     "  1   the service could not be set up, or has fallen (see the crash dump)\n"
     "  2   unknown option; --check-config or --check-rules found a fault\n"
+    "  255 ended by the memory watch, to be started again\n"
     "\n";
 
 void tellListening(const char* host, int port) {
@@ -65,9 +67,13 @@ void tellListening(const char* host, int port) {
 
 void tellBindFailed(int port, const char* reason) {
     std::fprintf(stderr,
-                 "VXProxyService: port %d cannot be taken (%s); trying again every 10 seconds. proxyPort in "
-                 "%s/config/proxysetting.conf names another.\n",
+                 "VXProxyService: cannot serve agents on port %d (%s); trying again every 10 seconds. "
+                 "proxyPort in %s/config/proxysetting.conf sets the port.\n",
                  port, reason, vx::getVXHome());
+}
+
+void tellUdpFailed(int port, const char* reason) {
+    std::fprintf(stderr, "VXProxyService: cannot take datagrams on port %d (%s)\n", port, reason);
 }
 
 // With the default level nothing else would tell of it.
@@ -80,6 +86,20 @@ void tellSettings(int faults, bool collectorNamed) {
     if (!collectorNamed)
         std::fputs("VXProxyService: no collector is named; vxcHost of config/vxsettings.conf names one\n",
                    stderr);
+}
+
+void tellStopped(bool drained, const vx::VXLossTotals& lost) {
+    std::fprintf(stderr,
+                 "VXProxyService stopped as told%s; lost since the start: records = %llu, starts = %llu, "
+                 "messages = %llu\n",
+                 drained ? "" : ", what could not be sent in time is lost",
+                 static_cast<unsigned long long>(lost.records), static_cast<unsigned long long>(lost.starts),
+                 static_cast<unsigned long long>(lost.messages));
+}
+
+void tellTraceFailure(const char* file, int systemError) {
+    std::fprintf(stderr, "VXProxyService: %s cannot be written (%s): trace lines are lost\n", file,
+                 std::strerror(systemError));
 }
 
 int printVersion() {
@@ -130,9 +150,11 @@ int main(int count, char** arguments) {
     const int code = takeCommandLine(count, arguments);
     if (code >= 0) return code;
     vx::vxListenerReport = {tellListening, tellBindFailed, tellSettings};
+    vx::vxTraceFailure = tellTraceFailure;
+    vx::vxUdpFailed = tellUdpFailed;
     if (const int failed = vx::vxServiceMain(vx::agent_init)) {
         std::fputs("VXProxyService: the service could not be set up (no thread)\n", stderr);
         return failed;
     }
-    vx::vxStopService();
+    vx::vxStopService(tellStopped);
 }

@@ -1,11 +1,15 @@
 #include <apr_general.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "commonlibc/VXLogRetention.h"
 #include "commonlibc/VXSys.h"
@@ -35,13 +39,23 @@ void raiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// 0, or why nothing can be written below the logs folder.
+int makeWritable(const char* home, const char* logs) {
+    if (makeDir(logs) == 0) return access(logs, W_OK | X_OK) == 0 ? 0 : errno;
+    for (const char* folder : {home, logs})
+        if (mkdir(folder, 0777) != 0 && errno != EEXIST) return errno;
+    return ENOTDIR;
+}
+
 // The fall of any thread is written below the logs folder; old dumps make room first.
 void installCrashDump() {
     char home[kPathSize];
     char logs[kPathSize];
     vxFindHome(home, sizeof(home));
     vx_path_join(logs, sizeof(logs), home, "logs");
-    makeDir(logs);
+    if (const int error = makeWritable(home, logs))
+        std::fprintf(stderr, "VXProxyService: %s cannot be written (%s): no trace, no crash dumps\n", logs,
+                     std::strerror(error));
     vxDropOldCrashDumps(logs, kKeptCrashDumps);
     if (!vx_crash_install(logs, "VXProxyService " VX_VERSION))
         vx_service_debug("VXProxyService: ServiceMain: crash dump not installed");
