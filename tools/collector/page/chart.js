@@ -68,7 +68,8 @@ export function timeChart(options) {
     function readout() {
         if (!last) return;
         const at = looked();
-        replace(when, at === null ? "" : clock(last.times[at]));
+        replace(
+            when, at === null ? "\u00a0" : clock(last.times[at]));  // empty, it would be of another height
         for (const {series, value, node: link} of entries) {
             value.textContent = text(at === null ? last.summary?.[series.key] : last.values[series.key][at]);
             if (series.href) link.href = series.href();

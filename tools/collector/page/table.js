@@ -3,10 +3,14 @@
 // column's title.
 import {h, patch} from "./dom.js";
 
+const MOST =
+    100;  // rows shown before a reader asks for all: hundreds that change every two seconds hold a page up
+
 /**
  * @param columns [{ title, cell(row) -> text or nodes without listeners, num: right-aligned figure, sort(row)
  *     -> key, hint }]
- * @param options { label, key(row) -> identity, empty: text or node, sorted: index, descending }
+ * @param options { label, key(row) -> identity, empty: text or node, sorted: index, descending, whole: shows
+ *     all }
  * @returns { node, update(rows) }
  */
 export function table(columns, options) {
@@ -18,7 +22,14 @@ export function table(columns, options) {
     const empty = h("div", {class: "empty", hidden: true}, options.empty ?? "Nothing here yet.");
     const inner =
         h("table", {class: "data", "aria-label": options.label}, h("thead", {}, h("tr", {}, heads)), body);
-    const node = h("div", {class: "table"}, inner, empty);
+    const rest = h("button", {type: "button", class: "button rest", hidden: true, onclick: showAll});
+    const node = h("div", {class: "table"}, inner, rest, empty);
+    let most = options.whole ? Infinity : MOST;
+
+    function showAll() {
+        most = Infinity;
+        update(rows);
+    }
 
     function head(column, i) {
         const props = {scope: "col", class: column.num && "num", title: column.hint};
@@ -79,7 +90,7 @@ export function table(columns, options) {
             else
                 th.removeAttribute("aria-sort");
         });
-        const shown = arranged().map(show);
+        const shown = arranged().slice(0, most).map(show);
         const alive = new Set(shown.map(([key]) => key));
         for (const [key, entry] of known)
             if (!alive.has(key)) {
@@ -91,6 +102,8 @@ export function table(columns, options) {
         });
         if (focus && !focus.tr.contains(document.activeElement))
             links(focus.tr)[focus.place]?.focus({preventScroll: true});
+        rest.hidden = rows.length <= most;
+        rest.textContent = `Show all ${rows.length}`;
         empty.hidden = rows.length > 0;
         inner.hidden = rows.length === 0;
     }

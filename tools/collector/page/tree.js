@@ -5,7 +5,7 @@ import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
 const FIRST = 400;  // rows shown before a reader asks for more
-const MORE = 4000;  // rows that each asking adds
+const MORE = 2000;  // rows that each asking adds
 
 // For each item the place behind its last descendant.
 function ends(items) {
@@ -40,7 +40,9 @@ function bar(item, total) {
     const width = Math.min(100 - left, ((item.durationMs ?? Math.max(0, total - item.atMs)) / total) * 100);
     const kind = item.kind === "callout" && item.failed ? "failed" : item.kind;
     const open = item.open ? " open" : "";
-    return h("i", {class: `span-bar ${kind}${open}`, style: {left: `${left}%`, width: `${width}%`}});
+    return h(
+        "i",
+        {class: `span-bar ${kind}${open}`, style: {left: `min(${left}%, 100% - 3px)`, width: `${width}%`}});
 }
 
 function ruler(total) {
@@ -100,12 +102,25 @@ export function callTree(t) {
         return made.get(i);
     }
 
+    // Touches only rows that come or go: thousands that were moved would be styled and laid out again.
+    function lay(rows) {
+        const wanted = new Set(rows);
+        for (const tr of [...body.children])
+            if (!wanted.has(tr)) tr.remove();
+        let at = body.firstElementChild;
+        for (const tr of rows)
+            if (tr === at)
+                at = at.nextElementSibling;
+            else
+                body.insertBefore(tr, at);
+    }
+
     function draw() {
         const rows = [];
         let i = 0;
         for (; i < items.length && rows.length < limit; i = closed.has(i) ? end[i] : i + 1)
             rows.push(rowAt(i));
-        body.replaceChildren(...rows);
+        lay(rows);
         const left = items.length - i;
         const more = () => {
             limit += MORE;

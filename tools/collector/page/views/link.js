@@ -115,7 +115,7 @@ const RUNS = [
         cell: (r) => rowLink(to("monitors", {from: r.at - 900000, to: r.at + 60000}), clock(r.at)),
         sort: (r) => r.at
     },
-    {title: "Instance", cell: (r) => r.instance, sort: (r) => r.instance},
+    {title: "Instance", class: "wide", cell: (r) => r.instance, sort: (r) => r.instance},
     {title: "Agree", num: true, cell: (r) => count(r.agreed)},
     {title: "Partly recorded", num: true, cell: (r) => count(r.partial)},
     {

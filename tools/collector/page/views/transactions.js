@@ -1,7 +1,7 @@
 // The list of transactions, latest first, with filters that stand in the address.
 import {get} from "../api.js";
 import {badge, CATEGORIES} from "../category.js";
-import {h, replace} from "../dom.js";
+import {h, patch, replace} from "../dom.js";
 import {clock, count, ms} from "../format.js";
 import {changed, route, span, to} from "../router.js";
 import {rowLink, table} from "../table.js";
@@ -27,14 +27,18 @@ function filters(params) {
 // Replaces the address without a step in the browser's history: typing is one change to a reader.
 const set = (params) => location.replace(changed(params));
 
-function field(key, title, props) {
+// On narrow screens the rare ones show when asked for.
+const labelled = (title, input, rare) =>
+    h("label", {class: rare ? "field rare" : "field"}, h("span", {}, title), input);
+
+function field(key, title, {rare, ...props}) {
     let pause = 0;
     const oninput = (event) => {
         clearTimeout(pause);
         pause = setTimeout(() => set({[key]: event.target.value.trim()}), 300);
     };
     const input = h("input", {name: key, type: "search", autocomplete: "off", oninput, ...props});
-    return {key, input, node: h("label", {class: "field"}, h("span", {}, title), input)};
+    return {key, input, rare, node: labelled(title, input, rare)};
 }
 
 const LEAST_TIME = 946684800000;  // 2000: while a year is being typed, it is none yet
@@ -66,8 +70,7 @@ function timeFields() {
         from.value = now.live ? "" : local(now.from);
         till.value = now.live ? "" : local(now.to);
     }
-    const labelled = (title, node) => h("label", {class: "field"}, h("span", {}, title), node);
-    return {nodes: [labelled("From", from), labelled("Until", till)], show};
+    return {nodes: [labelled("From", from, true), labelled("Until", till, true)], show};
 }
 
 function form(context) {
@@ -78,25 +81,24 @@ function form(context) {
     const fields = [
         field("bt", "Business transaction", {list: "bt-names", placeholder: "any"}),
         field("url", "URL has", {placeholder: "/cart", size: 16}),
-        field("status", "Status", {placeholder: "500", inputmode: "numeric", size: 5}),
-        field("min", "At least, ms", {inputmode: "numeric", size: 6}),
-        field("max", "At most, ms", {inputmode: "numeric", size: 6}),
-        field("session", "Session", {inputmode: "numeric", size: 12}),
+        field("status", "Status", {rare: true, placeholder: "500", inputmode: "numeric", size: 5}),
+        field("min", "At least, ms", {rare: true, inputmode: "numeric", size: 6}),
+        field("max", "At most, ms", {rare: true, inputmode: "numeric", size: 6}),
+        field("session", "Session", {rare: true, inputmode: "numeric", size: 12}),
     ];
     const category =
         h("select", {name: "category", onchange: (event) => set({category: event.target.value})},
           h("option", {value: ""}, "any"), CATEGORIES.map((c) => h("option", {value: c.key}, c.name)),
           h("option", {value: "abnormal"}, "all but normal"));
-    fields.push({
-        key: "category",
-        input: category,
-        node: h("label", {class: "field"}, h("span", {}, "Category"), category)
-    });
+    fields.push({key: "category", input: category, node: labelled("Category", category)});
     const times = timeFields();
     const chips = h("div", {class: "chips"});
+    const more =
+        h("button", {type: "button", class: "button more", onclick: () => node.classList.add("all")},
+          "More filters");
     const node =
         h("form", {class: "filters", role: "search", onsubmit: (event) => event.preventDefault()},
-          fields.map((f) => f.node), times.nodes, chips, names);
+          fields.map((f) => f.node), times.nodes, more, chips, names);
 
     // Puts into the form what the address says, but for a field that is being typed into.
     function show() {
@@ -104,23 +106,17 @@ function form(context) {
         for (const {key, input} of fields)
             if (document.activeElement !== input) input.value = now[key];
         times.show();
+        if (fields.some((f) => f.rare && now[f.key])) node.classList.add("all");
         const given = Object.keys(GIVEN).filter((key) => now[key]);
-        replace(
+        const none = Object.fromEntries(Object.keys(now).map((key) => [key, null]));
+        patch(
             chips,
             given.map(
                 (key) =>
-                    h("button", {
-                        type: "button",
-                        class: "chip",
-                        title: "Take this filter away",
-                        onclick: () => set({[key]: null})
-                    },
-                      `${GIVEN[key]}: ${titleOf(key, now[key])} ×`)));
-        if (Object.values(now).some(Boolean))
-            chips.append(
-                h("a",
-                  {class: "clear", href: changed(Object.fromEntries(Object.keys(now).map((k) => [k, null])))},
-                  "Clear all filters"));
+                    h("a", {class: "chip", title: "Take this filter away", href: changed({[key]: null})},
+                      `${GIVEN[key]}: ${titleOf(key, now[key])} ×`)),
+            Object.values(now).some(Boolean) &&
+                h("a", {class: "clear", href: changed(none)}, "Clear all filters"));
     }
     return {node, names, show};
 }
@@ -151,6 +147,7 @@ export function transactions(context) {
     const list = table(columns(), {
         label: "Transactions",
         key: (r) => r.id,
+        whole: true,
         empty: [
             h("b", {}, "No transaction in this time passes the filters."),
             h("p", {}, "Take a filter away, or look at a longer time (above).")
