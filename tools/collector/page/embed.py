@@ -3,9 +3,11 @@
 
 Usage: embed.py OUT.cpp URL=FILE...
 
-Each FILE is served under its URL. A file with an ending that has no content type here is an error.
+Each FILE is served under its URL. A file with an ending that has no content type here is an error, and so is a
+module that is no JavaScript: one of them would leave the page empty.
 """
 import os
+import subprocess
 import sys
 
 TYPES = {
@@ -33,6 +35,8 @@ def main():
         kind = TYPES.get(os.path.splitext(path)[1])
         if kind is None:
             sys.exit(f"embed.py: no content type for {path}")
+        if path.endswith(".js") and subprocess.run(["node", "--check", path], check=False).returncode:
+            sys.exit(f"embed.py: {path} is no JavaScript")
         with open(path, "rb") as file:
             data = file.read()
         bodies.append(f"constexpr char kBody{number}[] =\n{literal(data)};\n")

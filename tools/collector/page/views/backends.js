@@ -46,15 +46,15 @@ const EDGES = [
         cell: (e) => h("a", {href: to("transactions", {instance: e.fromKey})}, e.from),
         sort: (e) => e.from
     },
-    {
-        title: "To",
-        cell: (e) => rowLink(to("transactions", behind(e)), e.to),
-        sort: (e) => e.to
-    },
+    {title: "To", cell: (e) => rowLink(to("transactions", behind(e)), e.to), sort: (e) => e.to},
     {title: "Calls", num: true, cell: (e) => count(e.calls), sort: (e) => e.calls},
     {title: "Average", num: true, cell: (e) => ms(e.averageMs), sort: (e) => e.averageMs},
-    {title: "Errors", num: true, sort: (e) => e.errors,
-        cell: (e) => errors(e, {...behind(e), ...(e.toKind === "backend" ? {failed: 1} : {category: "error"})})
+    {
+        title: "Errors",
+        num: true,
+        sort: (e) => e.errors,
+        cell: (e) =>
+            errors(e, {...behind(e), ...(e.toKind === "backend" ? {failed: 1} : {category: "error"})})
     },
 ];
 

@@ -75,8 +75,9 @@ function timeFields() {
 
 function form(context) {
     // An instance stands in the address by its key: a reader knows it by its name.
-    const titleOf = (key, value) =>
-        (key === "instance" || key === "caller") && context.status?.instances.find((i) => i.key === value)?.name) || value;
+    const titleOf = (key, value) => (["instance", "caller"].includes(key) &&
+                                     context.status?.instances.find((i) => i.key === value)?.name) ||
+        value;
     const names = h("datalist", {id: "bt-names"});
     const fields = [
         field("bt", "Business transaction", {list: "bt-names", placeholder: "any"}),
