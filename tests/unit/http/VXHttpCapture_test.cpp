@@ -84,23 +84,5 @@ TEST_F(HeaderCapture, ATextOfAnyKindStaysWithinItsBounds) {
     EXPECT_EQ(app->http.response.list.count, 1024);
 }
 
-TEST_F(HeaderCapture, HeadersGoToTheTagResolverWhereARuleWantsThem) {
-    static std::string seen;
-    seen.clear();
-    vxUpcalls.resolveTransactionTag = [](vxTD*, const char* name, const char* value, std::int32_t id,
-                                         std::int32_t kind) {
-        seen += std::string(name) + '=' + value + ':' + std::to_string(id) + ':' + std::to_string(kind) + ' ';
-    };
-    vx_word_set(app->VXSys.tagsEnabled, 1);
-    for (const char* kind : {"1", "2"}) {
-        rulesAre("1|2|n|d|x|-|-|-|-|user%20" + std::string(kind) + "%20X-User\n");
-        slot->tlBTObj = btOf("shop");
-        EXPECT_EQ(seen, "") << "no rule has such a tag";
-        headers("req", "X-User=me&Host=a");
-    }
-    EXPECT_EQ(seen, "X-User=me:2:2 Host=a:2:2 ");
-    EXPECT_EQ(recordsOf("req", "A=1"), "");
-}
-
 }  // namespace
 }  // namespace vx::test

@@ -79,17 +79,13 @@ TEST_F(ResetQueue, AnAgentThatDiedLeavesItsTransactionReportedAndItsSlotFree) {
 }
 
 TEST_F(ResetQueue, TheLimitIsThatOfTheSetting) {
-    const struct {
-        std::int32_t seconds;
-        std::int64_t idleMs;
-        int queued;
-    } rows[] = {{10, 10000, 0}, {10, 10001, 1}, {0, 300000, 0}, {-5, 300001, 1}};
-    for (const auto& row : rows) {
-        vx_word_set(app->VXBCISetting.FPMaxAllowedAgeInSec, row.seconds);
+    const int rows[][3] = {{10, 10000, 0}, {10, 10001, 1}, {0, 300000, 0}, {-5, 300001, 1}};
+    for (const auto& [seconds, idleMs, expected] : rows) {
+        vx_word_set(app->VXBCISetting.FPMaxAllowedAgeInSec, seconds);
         vxTD* slot = start(1);
-        touch(slot, row.idleMs);
+        touch(slot, idleMs);
         markLongIdleTransactions();
-        EXPECT_EQ(queued(), row.queued) << row.seconds << " s, idle " << row.idleMs;
+        EXPECT_EQ(queued(), expected) << seconds << " s, idle " << idleMs;
         dropResetQueueOfInstance(app);
         slot->lastActivityTime = 0;  // taken this moment: never idle
         markLongIdleTransactions();
