@@ -375,7 +375,7 @@ TEST_F(StoreTest, GivesUpInstancesThatAreGoneAndAsksThoseThatComeBackForTheirNam
     EXPECT_EQ(runs.takeGivenUp().size(), 5U) << "nothing that is connected gives way";
     close();
     std::vector<LinkRow> links;
-    ASSERT_EQ(query.links({}, instanceKey(kShop.text()), links), Answered::kOk);
+    ASSERT_EQ(query.links({}, instanceKey(kShop.text()), 10000, links), Answered::kOk);
     std::int64_t incomplete = 0;
     for (const LinkRow& link : links) incomplete += link.incomplete;
     EXPECT_EQ(incomplete, 2) << "one at the end of its run, one when it was given up";
