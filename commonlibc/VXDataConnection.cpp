@@ -22,7 +22,7 @@ namespace vx {
 
 namespace {
 
-constexpr std::int64_t kSendTimeUs = 1000000;
+constexpr std::int64_t kSendTimeUs = 250000;    // a stop has to wait for it
 constexpr std::int64_t kSettleTimeUs = 300000;  // for what is on its way when a connection is closed
 constexpr std::size_t kNewConnectionSize = 1024;
 constexpr std::size_t kTextRecordSize = 5120;

@@ -11,7 +11,7 @@ namespace vx {
 namespace {
 
 constexpr int kFlushRounds = 100;
-constexpr std::int64_t kLwsSendTimeUs = 1000000;
+constexpr std::int64_t kLwsSendTimeUs = 500000;
 constexpr std::int64_t kFlushTimeUs = 5000000;
 constexpr std::int64_t kServiceStopTimeUs = 2000000;
 constexpr std::int64_t kServiceStopPauseUs = 10000;

@@ -20,9 +20,9 @@ namespace vx {
 namespace {
 
 constexpr std::int64_t kStepUs = 10000;
-constexpr int kDrainSteps = 260;           // 2.6 s: 2 to send, the rest to close and to count
-constexpr std::int64_t kEndUs = 3000000;   // the program's own end has this long
-constexpr std::int64_t kInstanceUs = 200;  // between the stop words of two instances
+constexpr std::int64_t kDrainUs = 3500000;  // 2 s to send, the rest to close and to count
+constexpr std::int64_t kEndUs = 4000000;    // the program's own end has this long
+constexpr std::int64_t kInstanceUs = 200;   // between the stop words of two instances
 constexpr std::int64_t kGoodByeUs = 1000;
 constexpr int kWaitedSignals[] = {SIGTERM, SIGINT, SIGUSR1, SIGHUP};
 
@@ -120,17 +120,17 @@ void vxStopService(VXStopReport report) {
     vxWakeListener();
     if (proxyCleaningFlag.load(std::memory_order_acquire)) vxlb_sleep_us(kEndUs);
     const std::uint64_t before = tellLosses().records;
-    int step = 0;
-    while (step < kDrainSteps && !vxDataThreadsDrained()) {
-        vxlb_sleep_us(kStepUs);
-        ++step;
-    }
+    const std::int64_t deadline = vxlb_now_us() + kDrainUs;
+    bool ended = vxDataThreadsDrained();
+    for (; !ended && vxlb_now_us() < deadline; ended = vxDataThreadsDrained()) vxlb_sleep_us(kStepUs);
     const VXLossTotals lost = tellLosses();
-    const bool drained = step < kDrainSteps && lost.records == before;
+    const VXStopEnd end = !ended                   ? VXStopEnd::kUncounted
+                          : lost.records != before ? VXStopEnd::kLost
+                                                   : VXStopEnd::kSent;
     vxSetCurrent(rootContext());
     VX_TRACE(1, kControlThread, kInfo, "Stopped as told, %s",
-             drained ? "nothing is left to send" : "what could not be sent in time is lost");
-    report(drained, lost);
+             end == VXStopEnd::kSent ? "nothing is left to send" : "what could not be sent in time is lost");
+    report(end, lost);
     _exit(0);
 }
 

@@ -16,11 +16,14 @@ namespace vx {
 
 // Blocks these signals in the calling thread (and all it starts) and starts the thread that waits for
 // them. `stopControl` is what the program does on a stop of any kind: it is told first. The process ends
-// within 3 s of it, whether the program gets there itself or not. False when no thread could be made.
+// within 4 s of it, whether the program gets there itself or not. False when no thread could be made.
 bool vxStartSignalThread(void (*stopControl)());
-// Told at the end of a stop: whether all was sent that was held, and what was lost since the start, of the
-// instances and functions that are there.
-using VXStopReport = void (*)(bool drained, const VXLossTotals& lost);
+// What became of what was held: all of it was sent; the rest was lost and counted; a thread did not come to
+// its end, and what it held is lost uncounted.
+enum class VXStopEnd { kSent, kLost, kUncounted };
+// Told at the end of a stop, with what was lost since the start, of the instances and functions that are
+// there.
+using VXStopReport = void (*)(VXStopEnd end, const VXLossTotals& lost);
 // The stop control: ends every loop, waits for the data threads, tells, ends the process. A cleaning stop
 // that is under way is left to end it.
 [[noreturn]] void vxStopService(VXStopReport report);

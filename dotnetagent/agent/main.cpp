@@ -88,12 +88,16 @@ void tellSettings(int faults, bool collectorNamed) {
                    stderr);
 }
 
-void tellStopped(bool drained, const vx::VXLossTotals& lost) {
+void tellStopped(vx::VXStopEnd end, const vx::VXLossTotals& lost) {
+    const char* const rest = end == vx::VXStopEnd::kSent ? ""
+                             : end == vx::VXStopEnd::kLost
+                                 ? ", what could not be sent in time is lost"
+                                 : ", what could not be sent in time is lost, uncounted";
     std::fprintf(stderr,
                  "VXProxyService stopped as told%s; lost since the start: records = %llu, starts = %llu, "
                  "messages = %llu\n",
-                 drained ? "" : ", what could not be sent in time is lost",
-                 static_cast<unsigned long long>(lost.records), static_cast<unsigned long long>(lost.starts),
+                 rest, static_cast<unsigned long long>(lost.records),
+                 static_cast<unsigned long long>(lost.starts),
                  static_cast<unsigned long long>(lost.messages));
 }
 
