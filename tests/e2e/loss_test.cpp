@@ -21,8 +21,24 @@ class Loss : public EndToEnd {
 protected:
     // True once so many transactions have come that some must have been sent after the call.
     bool deliversAgain() { return arrive(arrived() + 61, 30); }
-    bool restsAt(int descriptors) {
-        return eventually([&] { return descriptorsOf(service->pid()) == descriptors; });
+    // Whatever is lost and whenever, the collector gets whole records, and the service holds no more than
+    // before.
+    void survives(TcpRelay& relay, const std::vector<Fault>& faults) {
+        const auto agent = startLoad({"--rate", "300", "--duration", "1000"});
+        ASSERT_TRUE(deliversAgain()) << traceText();
+        const int descriptors = descriptorsOf(service->pid());
+        for (std::size_t i = 0; i < faults.size(); ++i) {
+            SCOPED_TRACE("fault " + std::to_string(i));
+            const int struck = relay.struck();
+            relay.add(faults[i]);
+            relay.endAll(i % 2 == 0);
+            ASSERT_TRUE(eventually([&] { return relay.struck() > struck; }, 30)) << traceText();
+            EXPECT_TRUE(deliversAgain()) << traceText();
+        }
+        EXPECT_TRUE(service->running());
+        EXPECT_EQ(summaryOfStreams().unreadable, 0u);
+        EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) == descriptors; }))
+            << descriptors << " before, " << descriptorsOf(service->pid());
     }
 };
 
@@ -32,25 +48,12 @@ struct Stage {
 };
 class LossOfTheCollector : public Loss, public testing::WithParamInterface<Stage> {};
 
-// Whatever is lost and whenever, the collector gets whole records, and the service holds no more than before.
 TEST_P(LossOfTheCollector, IsFollowedByAConnectionThatDelivers) {
     startCollector();
     TcpRelay relay(collectorPort);
     collectorRelayPort = relay.port();
     startService();
-    const auto agent = startLoad({"--rate", "300", "--duration", "1000"});
-    ASSERT_TRUE(deliversAgain()) << traceText();
-    const int descriptors = descriptorsOf(service->pid());
-    for (std::size_t i = 0; i < GetParam().faults.size(); ++i) {
-        const int struck = relay.struck();
-        relay.add(GetParam().faults[i]);
-        relay.endAll(i % 2 == 0);
-        ASSERT_TRUE(eventually([&] { return relay.struck() > struck; }, 30)) << "fault " << i << traceText();
-        EXPECT_TRUE(deliversAgain()) << "fault " << i << "\n" << traceText();
-    }
-    EXPECT_TRUE(service->running());
-    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
-    EXPECT_TRUE(restsAt(descriptors)) << descriptors << " before, " << descriptorsOf(service->pid());
+    survives(relay, GetParam().faults);
 }
 
 const std::string kControl = "vx_ctrl_msg_req:", kData = "vx_data_msg_req:";
@@ -90,30 +93,20 @@ TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
     startService();
     TcpRelay relay(proxyPort);
     proxyRelayPort = relay.port();
-    const auto agent = startLoad({"--rate", "300", "--duration", "1000"});
-    ASSERT_TRUE(deliversAgain()) << traceText();
-    const int descriptors = descriptorsOf(service->pid());
-    const Fault faults[] = {
-        {.kind = Kind::kCut},
-        {.kind = Kind::kReset, .connection = kControl, .bytes = 40},
-        {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .bytes = 10},
-        {.kind = Kind::kReset, .way = Way::kDown, .connection = kControl, .behind = kStart, .bytes = 9},
-        {.kind = Kind::kCut, .connection = kData},
-        {.kind = Kind::kReset, .connection = kData, .bytes = 50},
-        {.kind = Kind::kCut, .connection = kData, .behind = "\n^", .bytes = 9},
-        {.kind = Kind::kReset, .connection = kData, .bytes = 100000},
-        {.kind = Kind::kSlow, .connection = kControl, .piece = 1, .pauseUs = 1},
-        {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 7, .pauseUs = 1000},
-    };
-    for (std::size_t i = 0; i < std::size(faults); ++i) {
-        const int struck = relay.struck();
-        relay.add(faults[i]);
-        relay.endAll(i % 2 == 0);
-        ASSERT_TRUE(eventually([&] { return relay.struck() > struck; })) << "fault " << i;
-        EXPECT_TRUE(deliversAgain()) << "fault " << i << "\n" << traceText();
-    }
-    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
-    EXPECT_TRUE(restsAt(descriptors)) << descriptors << " before, " << descriptorsOf(service->pid());
+    survives(
+        relay,
+        {
+            {.kind = Kind::kCut},
+            {.kind = Kind::kReset, .connection = kControl, .bytes = 40},
+            {.kind = Kind::kCut, .way = Way::kDown, .connection = kControl, .bytes = 10},
+            {.kind = Kind::kReset, .way = Way::kDown, .connection = kControl, .behind = kStart, .bytes = 9},
+            {.kind = Kind::kCut, .connection = kData},
+            {.kind = Kind::kReset, .connection = kData, .bytes = 50},
+            {.kind = Kind::kCut, .connection = kData, .behind = "\n^", .bytes = 9},
+            {.kind = Kind::kReset, .connection = kData, .bytes = 100000},
+            {.kind = Kind::kSlow, .connection = kControl, .piece = 1, .pauseUs = 1},
+            {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 7, .pauseUs = 1000},
+        });
 }
 
 // Reads that end anywhere in a record, even in its header, cost nothing.

@@ -2,85 +2,98 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdio>
+#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 
 #include "tests/support/e2e_fixture.h"
-#include "tests/support/raw_agent.h"
-#include "tests/support/record_stream.h"
 
 namespace vx::test {
 namespace {
 
-// Transactions that the 74 records of all streams tell of, in the line of all.
-std::uint64_t reportedTransactions(const std::string& sensor) {
-    std::uint64_t sum = 0;
-    std::istringstream lines(sensor);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with("74,") || line.find("AllTransactions|") == std::string::npos) continue;
-        std::istringstream figures(line.substr(line.rfind('|') + 1));
-        std::string field;
-        for (int i = 0; i < 5; ++i) figures >> field;
-        sum += std::stoull(field);
-    }
-    return sum;
-}
-
 class Monitors : public EndToEnd {
 protected:
-    // The first figures behind the name, summed over the records of a number whose name ends in `name`.
-    long long counted(const std::string& number, const std::string& name) const {
+    // One of the figures behind the name, summed over the records of a number whose name ends in `name`.
+    std::uint64_t counted(const std::string& number, const std::string& name, int place = 1) const {
         std::istringstream lines(streams("auto-sensor"));
-        long long sum = 0, figure = 0;
+        std::uint64_t sum = 0;
         for (std::string line; std::getline(lines, line);) {
             const std::size_t bar = line.rfind('|');
-            if (line.starts_with(number + ",") && line.substr(0, bar).ends_with(name) &&
-                std::sscanf(line.c_str() + bar, "|%lld", &figure) == 1)
-                sum += figure;
+            if (!line.starts_with(number + ",") || !line.substr(0, bar).ends_with(name)) continue;
+            std::istringstream figures(line.substr(bar + 1));
+            double figure = 0;
+            for (int i = 0; i < place; ++i) figures >> figure;
+            sum += static_cast<std::uint64_t>(figure);
         }
         return sum;
     }
 };
 
-TEST_F(Monitors, BackendsMethodsExceptionsAndPercentilesAddUpToWhatTheAgentsSent) {
+// Every kind of traffic at once: what the agent has counted, the single records and the monitors tell the
+// same.
+TEST_F(Monitors, CalloutsExceptionsAndHeadersComeWithTheirTransactionsAndTheMonitorsAgree) {
     writeEntryPoints();
-    dir.write("files/vxMethodMonFile", "m|Shop.buy|Buying\n");
-    dir.write("files/vxExceptionMonFile", "Shop.Gone|Gone\nShop.Never|Never\n");
-    startCollector(
-        {"--files", dir / "files", "--keywords",
-         dir.write(
-             "keywords",
-             "bciInstrSessionPct=100\ntDigestPercentileBT=1%2060000%2050,95\ntDigestPercentileIP=1\n")});
+    dir.write("files/vxMethodMonFile", "example|com.example.shop.Cart.method0|carts\n");
+    dir.write("files/vxExceptionMonFile",
+              "com.example.TimeoutException0\ncom.example.OutOfStockException1|stock\n");
+    dir.write("keywords",
+              "zorEpochDiff=1388534400\nbciInstrSessionPct=100\nenableExceptionInSeqBlob=1\n"
+              "instrExceptions=1%201%200%20100%201\ncaptureHTTPReqFullFp=3%200%200%200\n"
+              "captureHTTPRespFullFp=3%200%200%200\n"
+              "tDigestPercentileBT=1%2060000%2050,95\ntDigestPercentileIP=1\n");
+    startCollector({"--files", dir / "files", "--keywords", dir / "keywords"});
     startService();
-    deliver(50, {"--callouts", "4", "--mix", "http=1", "--callout-errors", "0"});
+    const std::string output =
+        deliver(150, {"--processes", "2",  "--callouts",       "4",  "--mix",     "db=1,http=1,mq=1,custom=1",
+                      "--backends",  "2",  "--callout-errors", "10", "--chains",  "20",
+                      "--callers",   "2",  "--exceptions",     "4",  "--errors",  "20",
+                      "--slow",      "10", "--headers",        "50", "--methods", "20",
+                      "--rate",      "200"});
 
-    RawAgent agent(proxyPort, "shop", 4711);
-    ASSERT_TRUE(agent.start()) << traceText();
-    std::string records = "\n";
-    for (int i = 0; i < 7; ++i) {
-        const std::int64_t flowpath = 7000 + i;
-        records += startFrame(flowpath, "/raw", 0) + entryFrame(flowpath, "Shop.buy", 0) +
-                   exitFrame(flowpath, "Shop.buy", 5000, 5000);
-        for (const char* className : {"Shop.Gone", "Shop.Other"})
-            records +=
-                frameOf(ExceptionEncode,
-                        VXExceptionRecord{0, flowpath, 0, 0, wire(className), {}, {}, wire("m"), {}, {}});
-        records += endFrame(flowpath, 200, 9000);
+    collector::Summary summary = summaryOfStreams();
+    EXPECT_EQ(summary.transactions, 300u);
+    EXPECT_EQ(summary.unreadable, 0u);
+    std::map<std::string, std::uint64_t> callouts;
+    std::uint64_t exceptions = 0;
+    for (const auto& [name, row] : summary.backends) {
+        callouts[row.target] += row.count;
+        EXPECT_TRUE(row.errors > 0 && row.errors < row.count) << name;
     }
-    agent.openData().send(records);
-    ASSERT_TRUE(arrive(57)) << traceText();
-    collector->say("stop");
-    ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok"));
+    EXPECT_TRUE(summary.backends.contains("HTTP_payment.example1"));
+    EXPECT_TRUE(summary.backends.contains("DB_orders-db2"));
+    EXPECT_EQ(reported(output, "total", "callouts"), 1200u);
+    EXPECT_EQ(callouts["DB"] + callouts["HTTP"] + callouts["MQ"] + callouts["custom"], 1200u);
+    for (const auto& [target, count] : callouts) EXPECT_GT(count, 100u) << target;
+    ASSERT_EQ(summary.callers.size(), 2u);
+    for (const auto& [name, row] : summary.callers) EXPECT_EQ(row.announced, 1u) << name;
+    for (const auto& [name, row] : summary.exceptions) {
+        exceptions += row.count;
+        EXPECT_TRUE(row.lastStack.starts_with("com.example.") &&
+                    row.lastStack.ends_with("Dispatcher.java:12)\n"))
+            << name << ": " << row.lastStack;
+        EXPECT_FALSE(row.bts.empty()) << name;
+    }
+    EXPECT_EQ(summary.exceptions.size(), 5U);
+    EXPECT_EQ(exceptions, reported(output, "total", "exceptions"));
+    const std::uint64_t withHeaders = reported(output, "total", "headers");
+    EXPECT_GT(withHeaders, 50U);
+    EXPECT_EQ(summary.byNumber[12], withHeaders);
+    EXPECT_EQ(summary.byNumber[13], withHeaders);
+    std::set<std::string> kept;
+    for (const std::int64_t number : summary.kept.numbers())
+        for (const std::string& header : summary.kept.find(number)->request) kept.insert(header);
+    EXPECT_TRUE(kept.contains("Host: shop.example"));
+    EXPECT_TRUE(kept.contains("User-Agent: load/1 (a, b; c=d %26 e)"));
 
-    ASSERT_TRUE(eventually([this] { return counted("793", "_AllTransactions") == 57; }))
-        << streams("auto-sensor");
-    EXPECT_EQ(counted("793", "_/raw"), 7);
-    EXPECT_EQ(counted("75", ""), 200);
-    EXPECT_EQ(counted("794", ""), 200);
-    EXPECT_EQ(counted("61", "_Buying"), 7);
-    EXPECT_TRUE(counted("63", "_Gone") == 7 && counted("63", "_OverAll") == 7) << streams("auto-sensor");
-    EXPECT_EQ(counted("63", "_Never"), 0);
+    collector->say("stop");
+    ASSERT_TRUE(collector->outputHolds("compared with its monitors: ")) << traceText();
+    collector->say("table");
+    ASSERT_TRUE(collector->outputHolds("rows that differ 0\n")) << collector->output();
+    EXPECT_TRUE(collector->outputHolds(", 0 differ\n"));
+    EXPECT_EQ(counted("793", "_AllTransactions"), 300u);
+    EXPECT_EQ(counted("794", ""), 1200u);
+    EXPECT_TRUE(counted("61", "_carts") > 0 && counted("63", "_stock") > 0) << streams("auto-sensor");
 }
 
 TEST_F(Monitors, ReportsOfARunAddUpToItsTransactionsThoughItEndsInTheMidstOfThem) {
@@ -104,7 +117,7 @@ TEST_F(Monitors, ReportsOfARunAddUpToItsTransactionsThoughItEndsInTheMidstOfThem
     load->wait();
     collector->say("stop");
     ASSERT_TRUE(collector->outputHolds(" compared with its monitors: ", 3));
-    EXPECT_EQ(reportedTransactions(streams("auto-sensor")), arrived()) << traceText();
+    EXPECT_EQ(counted("74", "_AllTransactions", 5), arrived()) << traceText();
     EXPECT_EQ(traceText().find("lost unreported"), std::string::npos);
 }
 

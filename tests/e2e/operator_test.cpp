@@ -88,16 +88,13 @@ TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
     EXPECT_EQ(filesOf("readme.txt").size(), 1u);
 
     const auto before = filesOf("");
-    Program::Setup setup;
-    setup.arguments = {programPath("VXProxyService"), "--check-config"};
-    setup.environment = {"VXHOME=" + dir.path()};
-    setup.outputFile = dir.path() + "/check.log";
-    Program bad(setup);
+    const Program::Setup check = serviceCommand("check.log", {"--check-config"});
+    Program bad(check);
     EXPECT_EQ(bad.wait(), 2) << bad.output();
     EXPECT_TRUE(bad.outputHolds("vxsettings.conf:7: unknown setting, ignored: 'agentTraceLvl=2'"));
     std::ofstream(dir.path() + "/proxy/config/vxsettings.conf")
         << "vxcHost=127.0.0.1\nVXC_COMM_PROTOCOL=TCP:7892\n";
-    Program good(setup);
+    Program good(check);
     EXPECT_EQ(good.wait(), 0) << good.output();
     EXPECT_TRUE(good.outputHolds("Collector: 127.0.0.1:7892, protocols TCP:7892")) << good.output();
     EXPECT_EQ(filesOf(""), before);

@@ -7,7 +7,6 @@
 #include "tests/support/e2e_fixture.h"
 #include "tests/support/raw_agent.h"
 #include "tests/support/udp_messages.h"
-#include "tests/support/ws_bridge.h"
 
 namespace vx::test {
 namespace {
@@ -15,30 +14,18 @@ namespace {
 class Datagrams : public EndToEnd {};
 
 // Functions whose links to the collector run over the protocol.
-class FunctionLives : public Datagrams, public testing::WithParamInterface<const char*> {
-protected:
-    const std::string protocol = GetParam();
-    std::unique_ptr<TestCertificate> certificate;
-    std::unique_ptr<WsBridge> front;
-};
+class FunctionLives : public Datagrams, public testing::WithParamInterface<const char*> {};
 
 TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
     proxySettings = "proxyudpTimeout=4\n";
+    collectorWay = GetParam();
     startCollector();
-    std::string settings;
-    if (protocol != "TCP") {
-        if (protocol == "WSS") certificate = std::make_unique<TestCertificate>();
-        front = std::make_unique<WsBridge>(collectorPort, certificate.get());
-        const std::string port = std::to_string(front->port());
-        settings = "vxcPort=" + port + "\nVXC_COMM_PROTOCOL=" + protocol + ":" + port + "\n";
-    }
-    startService(settings);
-    const std::vector<std::string> asFunctions = {"--udp", "--processes", "2", "--rate", "20"};
+    startService();
     makeInstance("shop");
     const int descriptors = descriptorsOf(service->pid());
     for (int life = 1; life <= 2; ++life) {
         SCOPED_TRACE(life);
-        const std::string output = deliver(20, asFunctions);
+        const std::string output = deliver(20, {"--udp", "--processes", "2", "--rate", "20"});
         EXPECT_EQ(reported(output, "total", "transactions"), 40u) << output;
         for (const std::string name : {"raw-0", "raw-1"})
             ASSERT_TRUE(eventually(

@@ -24,9 +24,6 @@ protected:
         EXPECT_TRUE(program->outputHolds(ready)) << program->output();
         return program;
     }
-    bool started(int times = 1) {
-        return collector->outputHolds("action=start_instrumentation;status=starting;result=Ok", times);
-    }
 };
 
 class WebSockets : public WebSocketsBehind, public testing::WithParamInterface<const char*> {};
@@ -46,9 +43,7 @@ TEST_P(WebSockets, DeliverEverythingOnBothSidesOfTheService) {
     ASSERT_TRUE(arrive(delivered + 1));
     collector->say("thread-dump");
     EXPECT_TRUE(collector->outputHolds("Threads of process"));
-    collector->say("stop");
-    ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok", 2))
-        << traceText();
+    ASSERT_TRUE(stopRun(2)) << traceText();
     collector->say("start");
     EXPECT_TRUE(started(4));
     const std::uint64_t before = arrived();

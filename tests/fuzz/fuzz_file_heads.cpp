@@ -42,7 +42,7 @@ void forgetFiles(vx::VXFileState_t& files) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
     vx::vxApplication& app = vx::test::bareContext();
-    const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
+    const std::string text = vx::test::textOf(data + 1, size - 1);
     char name[vx::kFileNameSize];
     std::int64_t fileSize = 0, lmd = 0;
     if (vx::getFileSizeAndLmd(text.c_str(), name, &fileSize, &lmd) == 0) vx::vxHeadNames(name, text.c_str());

@@ -17,8 +17,11 @@
 #include "commonlibc/vxbt/vxbt_automaton.h"
 #include "commonlibc/vxbt/vxbt_header_stage.h"
 #include "commonlibc/vxbt/vxbt_state_machine.h"
+#include "tests/support/bare_context.h"
 
 namespace {
+
+using vx::test::require;
 
 std::string_view cut(std::string_view& rest, char separator) {
     const std::string_view part = rest.substr(0, rest.find(separator));
@@ -28,10 +31,6 @@ std::string_view cut(std::string_view& rest, char separator) {
 
 int number(std::string_view text) {
     return std::atoi(std::string(text.substr(0, 9)).c_str());
-}
-
-void require(bool holds) {
-    if (!holds) std::abort();
 }
 
 vx::VXBTCustomeRule custom;

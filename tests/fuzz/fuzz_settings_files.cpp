@@ -15,6 +15,8 @@
 
 namespace {
 
+using vx::test::require;
+
 std::size_t told = 0;
 
 void take(const vx::VXSettingReport& report) {
@@ -26,10 +28,6 @@ const std::string& home() {
     static const vx::test::TempDir root;
     static const std::string path = root.path();
     return path;
-}
-
-void require(bool holds) {
-    if (!holds) std::abort();
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include "commonlibc/vxbt/vxbt_bt_object.h"
 #include "commonlibc/vxbt/vxbt_rule_parser.h"
 #include "commonlibc/vxbt/vxbt_thresholds.h"
-#include "tests/support/rule_context.h"
+#include "tests/support/bare_context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const vx::test::RuleContext context;

@@ -10,7 +10,6 @@
 #include <string>
 
 #include "commonlibc/VXBCISettings.h"
-#include "commonlibc/VXSys.h"
 #include "commonlibc/proxyServer/vx_proxy_instance_link.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
 #include "commonlibc/proxyServer/vx_udp_functions.h"
@@ -18,6 +17,7 @@
 #include "commonlibc/proxyServer/vx_udp_watchers.h"
 #include "commonlibc/vx_agent.h"
 #include "commonlibc/vxlb_clock.h"
+#include "tests/support/contexts.h"
 
 // A context's clients stand in a map of its pool, where the leak detector does not look.
 extern "C" __attribute__((used)) const char* __lsan_default_suppressions() {
@@ -28,16 +28,6 @@ namespace vx {
 namespace {
 
 std::int64_t nowUs = 1'700'000'000'000'000;
-
-vxApplication* newContext() {
-    vxApplication* app = vxNewApplication();
-    apr_pool_create(&app->pool, nullptr);
-    vxSetCurrent(app);
-    vxMakeContextMutexes(*app);
-    VXSysInit("proxy");
-    VXBCISettingInit();
-    return app;
-}
 
 void makeInstance() {
     vxApplication* app = vxNewApplication();
@@ -65,7 +55,8 @@ vxApplication* makeProcess() {
     vxUdpMakeTables();
     vxControlThreadStarter = [](vxApplication*) { return 0; };
     makeInstance();
-    vxApplication* root = newContext();
+    vxApplication* root = test::makeContext();
+    VXBCISettingInit();
     VXProxyInstance.load()[0] = root;
     return root;
 }

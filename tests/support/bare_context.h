@@ -1,29 +1,31 @@
-// A ready context without sockets, for fuzz targets: made once, current on the calling thread. Waits of the
-// code under test take no time.
+// Contexts without sockets, for fuzz targets, and what such a target says of an input.
 #pragma once
 
-#include <apr_general.h>
-
+#include <cstdint>
+#include <cstdlib>
+#include <string>
 #include <utility>
 
 #include "commonlibc/VXBCISettings.h"
-#include "commonlibc/VXSys.h"
-#include "commonlibc/context/vx_application.h"
 #include "commonlibc/control_connection.h"
+#include "commonlibc/vxbt/vxbt_config.h"
 #include "commonlibc/vxlb_clock.h"
-#include "commonlibc/vxlb_mem.h"
-#include "tests/support/shared_texts.h"
+#include "tests/support/contexts.h"
 
 namespace vx::test {
 
+inline void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+inline std::string textOf(const std::uint8_t* data, std::size_t size) {
+    return std::string(reinterpret_cast<const char*>(data), size);
+}
+
+// Made once. Waits of the code under test take no time.
 inline vxApplication& bareContext() {
     static vxApplication* const made = [] {
-        apr_initialize();
-        vxApplication* app = vxNewApplication();
-        apr_pool_create(&app->pool, nullptr);
-        vxSetCurrent(app);
-        vxMakeContextMutexes(*app);
-        VXSysInit("proxy");
+        vxApplication* app = makeContext();
         VXBCISettingInit();
         controlSockBufInit(*app);
         vxlb_set_clock_hooks({.now_us = nullptr, .sleep_us = [](std::int64_t) {}, .random_byte = nullptr});
@@ -42,5 +44,23 @@ inline void clearLink(vxApplication& app) {
     app.Server.replyReceived = 0;
     app.Server.stopping = 0;
 }
+
+// Of one input: business transactions stand as after a start, and nothing is left behind.
+class RuleContext {
+public:
+    RuleContext() {
+        VXBCISettingInit();
+        VXBTConfigModelInit();
+    }
+    ~RuleContext() {
+        vxSetCurrent(app);
+        vxFreeBtStore();
+        freeContext(app);
+    }
+    RuleContext(const RuleContext&) = delete;
+    RuleContext& operator=(const RuleContext&) = delete;
+
+    vxApplication* const app = makeContext();
+};
 
 }  // namespace vx::test

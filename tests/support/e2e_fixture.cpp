@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string_view>
-#include <utility>
 
 #include "tests/support/ws_bridge.h"
 #include "tools/collector/collector_records.h"
@@ -24,6 +23,22 @@ std::vector<std::string> filesOf(const std::string& folder, const std::string& p
     return out;
 }
 
+std::string textOf(const std::vector<std::string>& paths) {
+    std::string out;
+    for (const std::string& path : paths) out += fileText(path);
+    return out;
+}
+
+// A program with options that hold no blanks, and further arguments.
+std::vector<std::string> commandOf(const char* program, const std::string& options,
+                                   const std::vector<std::string>& more) {
+    std::vector<std::string> command = {programPath(program)};
+    std::istringstream words(options);
+    for (std::string word; words >> word;) command.push_back(word);
+    command.insert(command.end(), more.begin(), more.end());
+    return command;
+}
+
 const TestCertificate& ownCertificate() {
     static const TestCertificate own;
     return own;
@@ -31,65 +46,48 @@ const TestCertificate& ownCertificate() {
 
 }  // namespace
 
-void EndToEnd::startCollector(std::vector<std::string> more) {
-    Program::Setup setup;
-    const std::string port = std::to_string(collectorPort);
+void EndToEnd::startCollector(const std::vector<std::string>& more) {
     const std::string way = collectorWay == "TCP" ? "--listen" : collectorWay == "WS" ? "--ws" : "--wss";
-    setup.arguments = {
-        programPath("vxcollector"), way,         port,          "--host", "127.0.0.1", "--out", streamsDir,
-        "--retry-policy",           "3%1%10%60", "--heartbeat", "1"};
+    std::vector<std::string> command =
+        commandOf("vxcollector",
+                  way + " " + std::to_string(collectorPort) +
+                      " --host 127.0.0.1 --retry-policy 3%1%10%60 --heartbeat 1",
+                  more);
+    command.insert(command.end(), {"--out", streamsDir});
     if (way == "--wss") {
-        setup.arguments.insert(setup.arguments.end(),
-                               {"--cert", ownCertificate().certificate, "--key", ownCertificate().key});
+        command.insert(command.end(),
+                       {"--cert", ownCertificate().certificate, "--key", ownCertificate().key});
     }
-    setup.arguments.insert(setup.arguments.end(), more.begin(), more.end());
-    setup.outputFile = dir.path() + "/collector" + std::to_string(++collectors) + ".log";
-    collector = std::make_unique<Program>(setup);
+    collector = std::make_unique<Program>(
+        Program::Setup{command, {}, dir / ("collector" + std::to_string(++collectors) + ".log")});
     ASSERT_TRUE(collector->outputHolds("listening on")) << collector->output();
 }
 
 void EndToEnd::startService(const std::string& moreSettings) {
-    const std::string config = dir.path() + "/proxy/config";
-    std::filesystem::create_directories(config);
-    std::ofstream(config + "/proxysetting.conf") << "proxyPort=" << proxyPort << "\n" << proxySettings;
-    if (agentWay != "TCP") {
-        std::ofstream(config + "/proxysetting.conf", std::ios::app)
-            << "proxyAgentWebSocket=" << (agentWay == "WSS" ? 2 : 1) << "\n";
-        std::ofstream(config + "/proxy.cert")
-            << fileText(ownCertificate().certificate) << fileText(ownCertificate().key);
-    }
+    std::string proxySetting = "proxyPort=" + std::to_string(proxyPort) + "\n" + proxySettings;
+    if (agentWay != "TCP")
+        proxySetting += agentWay == "WSS" ? "proxyAgentWebSocket=2\n" : "proxyAgentWebSocket=1\n";
+    dir.write("proxy/config/proxysetting.conf", proxySetting);
+    if (agentWay == "WSS")
+        dir.write("proxy/config/proxy.cert",
+                  fileText(ownCertificate().certificate) + fileText(ownCertificate().key));
     const int told = collectorRelayPort ? collectorRelayPort : collectorPort;
-    std::ofstream(config + "/vxsettings.conf")
-        << "vxcHost=127.0.0.1\nvxcPort=" << told
-        << "\nVXC_COMM_PROTOCOL=" << (serviceWay.empty() ? collectorWay : serviceWay) << ":" << told
-        << "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n"
-        << moreSettings;
-    Program::Setup setup;
-    setup.arguments = {programPath("VXProxyService")};
-    setup.environment = {"VXHOME=" + dir.path()};
-    setup.outputFile = dir.path() + "/service.log";
-    service = std::make_unique<Program>(setup);
+    const std::string port = std::to_string(told);
+    dir.write("proxy/config/vxsettings.conf",
+              "vxcHost=127.0.0.1\nvxcPort=" + port +
+                  "\nVXC_COMM_PROTOCOL=" + (serviceWay.empty() ? collectorWay : serviceWay) + ":" + port +
+                  "\nCONNECTION_RETRY_TIME_INTERVAL=1\nagentTraceLevel=1\n" + moreSettings);
+    service = std::make_unique<Program>(serviceCommand("service.log"));
     ASSERT_TRUE(service->outputHolds("listening")) << service->output();
 }
 
-std::unique_ptr<Program> EndToEnd::startLoad(std::vector<std::string> arguments) {
-    Program::Setup setup;
-    setup.arguments = {programPath("vxagent"),
-                       "load",
-                       "--proxy",
-                       "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort),
-                       "--app",
-                       "shop",
-                       "--tier",
-                       "Tier",
-                       "--server",
-                       "host7",
-                       "--agent",
-                       "raw"};
-    setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
-    if (agentWay != "TCP") setup.arguments.push_back(agentWay == "WSS" ? "--wss" : "--ws");
-    setup.outputFile = dir.path() + "/load" + std::to_string(++loads) + ".log";
-    return std::make_unique<Program>(setup);
+std::unique_ptr<Program> EndToEnd::startLoad(const std::vector<std::string>& arguments) {
+    const std::string proxy = "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort);
+    std::vector<std::string> command = commandOf(
+        "vxagent", "load --proxy " + proxy + " --app shop --tier Tier --server host7 --agent raw", arguments);
+    if (agentWay != "TCP") command.push_back(agentWay == "WSS" ? "--wss" : "--ws");
+    return std::make_unique<Program>(
+        Program::Setup{command, {}, dir / ("load" + std::to_string(++loads) + ".log")});
 }
 
 void EndToEnd::makeInstance(const std::string& application) {
@@ -105,22 +103,18 @@ void EndToEnd::writeEntryPoints() const {
     dir.write("files/VXEntryPointsFile", fileText(entries));
 }
 
-void EndToEnd::inTwoRuns(const std::function<void(RawAgent& agent, int run)>& body) {
-    const auto comes = [this](int number, int count) {
-        return eventually(
-            [&] { return summaryOfStreams().byNumber[number] >= static_cast<unsigned>(count); });
-    };
-    for (int run = 1; run <= 2; ++run) {
-        SCOPED_TRACE(run);
-        RawAgent agent(proxyPort, "shop", static_cast<unsigned>(run));
-        ASSERT_TRUE(agent.start()) << traceText();
-        ASSERT_TRUE(comes(99, run));  // before, the agents' data connections are closed
-        ASSERT_NO_FATAL_FAILURE(body(agent, run));
-        collector->say("stop");
-        ASSERT_TRUE(collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok", run));
-        ASSERT_TRUE(comes(10, run));
-        collector->say("start");
-    }
+bool EndToEnd::started(int times) const {
+    return collector->outputHolds("action=start_instrumentation;status=starting;result=Ok", times, 40);
+}
+
+bool EndToEnd::stopRun(int times) const {
+    collector->say("stop");
+    return collector->outputHolds("action=stop_instrumentation;status=stopping;result=Ok", times);
+}
+
+Program::Setup EndToEnd::serviceCommand(const std::string& output, std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), programPath("VXProxyService"));
+    return {arguments, {"VXHOME=" + dir.path()}, dir / output};
 }
 
 std::string EndToEnd::deliver(int transactions, std::vector<std::string> arguments,
@@ -129,7 +123,7 @@ std::string EndToEnd::deliver(int transactions, std::vector<std::string> argumen
     // A number and not a time: how much is sent is not the machine's choice.
     arguments.insert(arguments.end(), {"--app", application, "--transactions", std::to_string(transactions),
                                        "--duration", "100"});
-    const auto load = startLoad(std::move(arguments));
+    const auto load = startLoad(arguments);
     EXPECT_EQ(load->wait(100), 0) << load->output();
     delivered += reported(load->output(), "total", "transactions");
     EXPECT_TRUE(arrive(delivered)) << delivered << " sent, " << arrived() << " arrived\n" << traceText();
@@ -141,9 +135,7 @@ bool EndToEnd::arrive(std::uint64_t count, double seconds) const {
 }
 
 std::string EndToEnd::streams(const std::string& kind) const {
-    std::string out;
-    for (const std::string& path : filesOf(streamsDir, kind + "_")) out += fileText(path);
-    return out;
+    return textOf(filesOf(streamsDir, kind + "_"));
 }
 
 collector::Summary EndToEnd::summaryOfStreams() const {
@@ -163,9 +155,7 @@ collector::Summary EndToEnd::summaryOfStreams() const {
 }
 
 std::string EndToEnd::traceText() const {
-    std::string out;
-    for (const std::string& path : filesOf(dir.path() + "/proxy/logs", "vx_trace_")) out += fileText(path);
-    return out;
+    return textOf(filesOf(dir / "proxy/logs", "vx_trace_"));
 }
 
 std::uint64_t reported(const std::string& output, const std::string& line, const std::string& key) {

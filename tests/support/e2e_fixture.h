@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,20 +17,23 @@ namespace vx::test {
 class EndToEnd : public testing::Test {
 protected:
     // Starts a collector (its streams go to streamsDir); more arguments as on the command line.
-    void startCollector(std::vector<std::string> more = {});
+    void startCollector(const std::vector<std::string>& more = {});
     // Writes both settings files and starts the service; waits until it listens.
     void startService(const std::string& moreSettings = "");
     // `vxagent load` with the arguments given, towards the service; an agent of application "shop" unless
     // they name another.
-    std::unique_ptr<Program> startLoad(std::vector<std::string> arguments);
+    std::unique_ptr<Program> startLoad(const std::vector<std::string>& arguments);
     // Makes the instance of an application, and waits until it passes data on: what comes before that is
     // lost.
     void makeInstance(const std::string& application);
     // The entry points of vxagent's load, as a file that a collector with --files hands out.
     void writeEntryPoints() const;
-    // Two test runs of application "shop", an agent process in each: `body` while the run's data connection
-    // stands.
-    void inTwoRuns(const std::function<void(RawAgent& agent, int run)>& body);
+    // True once instrumentation has been started so many times.
+    bool started(int times = 1) const;
+    // Orders the end of a run; true once so many have ended.
+    bool stopRun(int times = 1) const;
+    // The service as a command, its output in that file of the folder.
+    Program::Setup serviceCommand(const std::string& output, std::vector<std::string> arguments = {}) const;
 
     // Runs a load of that many transactions a process to its end, and waits until all have arrived; its
     // output.

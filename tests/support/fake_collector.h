@@ -11,17 +11,15 @@
 // counts as a line, then comes kNoLine.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tests/support/loopback.h"
 
 namespace vx::test {
 
@@ -127,10 +125,10 @@ private:
 class FakeCollector {
 public:
     // `receiveBuffer` above 0 keeps the system's buffer of accepted connections small.
-    explicit FakeCollector(int receiveBuffer = 0) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit FakeCollector(int receiveBuffer = 0) {
+        listenAgain();
         if (receiveBuffer > 0)
             ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-        listen();
     }
     ~FakeCollector() { stopListening(); }
     FakeCollector(const FakeCollector&) = delete;
@@ -148,26 +146,13 @@ public:
     }
     // Takes connects again, at the same port.
     void listenAgain() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        listen();
+        fd_ = boundTo(port_, SOCK_STREAM, true);
+        port_ = portOf(fd_);
+        ::listen(fd_, 16);
     }
 
 private:
-    void listen() {
-        const int on = 1;
-        ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port_));
-        socklen_t length = sizeof(address);
-        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        ::listen(fd_, 16);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
-    }
-
-    int fd_;
+    int fd_ = -1;
     int port_ = 0;
 };
 

@@ -2,9 +2,8 @@
 // made anew now and then, so that tables stay small and an input meets little of what others left.
 #pragma once
 
-#include <apr_general.h>
-
 #include <cstdlib>
+#include <utility>
 
 #include "commonlibc/flowpath/VXFlowpathStop.h"
 #include "commonlibc/vxlb_mem_pool.h"
@@ -39,17 +38,9 @@ public:
 
 private:
     static void open() {
-        [[maybe_unused]] static const bool once = apr_initialize() == APR_SUCCESS && std::atexit(close) == 0;
-        app = vxNewApplication();
-        apr_pool_create(&app->pool, nullptr);
-        vxSetCurrent(app);
-        vxMakeContextMutexes(*app);
-        VXSysInit("proxy");
-        VXBCISettingInit();
-        VXBTConfigModelInit();
-        VXBackendMonitorInit();
-        VXMethodMonitorInit();
-        VXExceptionMonitorInit();
+        [[maybe_unused]] static const bool once = std::atexit(close) == 0;
+        app = makeContext();
+        makeKnowledge();
         openDumping(*app, 4);
         hashMapForAgent();
         app->flowpath.fpi_tls_map = create_hashmap(app->pool);
@@ -60,17 +51,8 @@ private:
         vxDropBusyList();
         vxFreeSlotPools();
         closeDumping(*app);
-        vxFreeBtStore();
-        vxFreeExceptionNames();
-        setdefaultValuesForException();
-        freeMethodTable(*app);
-        vxAggFree(app->exceptionMonitor.exceptionArr);
-        for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
-        freeSharedTexts(*app);
-        apr_pool_destroy(app->pool);
-        freeRetiredTexts(app->retired);
-        vxFreeApplication(app);
-        app = nullptr;
+        freeKnowledge(*app);
+        freeContext(std::exchange(app, nullptr));
     }
 
     static inline vxApplication* app = nullptr;

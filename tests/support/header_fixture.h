@@ -21,7 +21,6 @@ protected:
         vxFileSlot(slot, "77");
     }
     void TearDown() override {
-        for (char*& text : app->keywords.text) VXLB_FREE(std::exchange(text, nullptr), "keyword text", -1);
         vxUpcalls = {};
         FlowpathFixture::TearDown();
     }

@@ -56,25 +56,33 @@ inline void freeMethodTable(vxApplication& app) {
     VXLB_FREE(table, "methodHashMapNode", -1);
 }
 
+// Business transactions, methods and monitors of the current context, as after a start.
+inline void makeKnowledge() {
+    VXBCISettingInit();
+    VXBTConfigModelInit();
+    VXBackendMonitorInit();
+    VXMethodMonitorInit();
+    VXExceptionMonitorInit();
+    vxDigestInit();
+}
+inline void freeKnowledge(vxApplication& app) {
+    vxFreeBtStore();
+    vxFreeExceptionNames();
+    setdefaultValuesForException();
+    freeMethodTable(app);
+    vxAggFree(app.exceptionMonitor.exceptionArr);
+}
+
 class KnowledgeFixture : public AppFixture {
 protected:
     void SetUp() override {
         AppFixture::SetUp();
-        VXBCISettingInit();
-        VXBTConfigModelInit();
-        VXBackendMonitorInit();
-        VXMethodMonitorInit();
-        VXExceptionMonitorInit();
-        vxDigestInit();
+        makeKnowledge();
         openDumping(*app);
     }
     void TearDown() override {
         closeDumping(*app);
-        vxFreeBtStore();
-        vxFreeExceptionNames();
-        setdefaultValuesForException();
-        freeMethodTable(*app);
-        vxAggFree(app->exceptionMonitor.exceptionArr);
+        freeKnowledge(*app);
         AppFixture::TearDown();
     }
 

@@ -81,7 +81,6 @@ protected:
         makeInstrProfTableFree();
         VXLB_FREE(app->files.heldProfiles, "InstrProfTable", -1);
         for (kywdInfo_t& entry : app->files.kywdInfo) VXLB_FREE(entry.content, "file content", -1);
-        for (char* text : app->keywords.text) VXLB_FREE(text, "keyword text", -1);
         vxFreeChain(app->data.chain);
         vxFreeChain(app->autoSensor.chain);
         vxFreeBtStore();

@@ -16,10 +16,10 @@ public:
         const std::string home = folder_.path();
         folder_.write("nginx.conf",
                       "daemon off;\nmaster_process off;\npid " + home + "/pid;\nerror_log " + home +
-                          "/error.log;\nevents { worker_connections 256; }\nhttp {\n  access_log " + home +
-                          "/access.log;\n  client_body_temp_path " + home + ";\n  proxy_temp_path " + home +
-                          ";\n  fastcgi_temp_path " + home + ";\n  uwsgi_temp_path " + home +
-                          ";\n  scgi_temp_path " + home +
+                          "/error.log;\nevents { worker_connections 256; }\nhttp {\n  access_log off;\n  "
+                          "client_body_temp_path " +
+                          home + ";\n  proxy_temp_path " + home + ";\n  fastcgi_temp_path " + home +
+                          ";\n  uwsgi_temp_path " + home + ";\n  scgi_temp_path " + home +
                           ";\n  server {\n    listen 127.0.0.1:" + std::to_string(port_) +
                           " ssl;\n    ssl_certificate " + own.certificate + ";\n    ssl_certificate_key " +
                           own.key + ";\n    location /collector/ {\n      proxy_pass http://127.0.0.1:" +
@@ -29,8 +29,6 @@ public:
         start();
     }
     int port() const { return port_; }
-    // Its log of requests, one line for each connection that has ended.
-    std::string accessLog() const { return fileText(folder_ / "access.log"); }
     void killAndStartAgain() {
         program_.reset();
         start();

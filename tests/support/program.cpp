@@ -1,10 +1,7 @@
 #include "tests/support/program.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +12,8 @@
 #include <random>
 #include <sstream>
 #include <thread>
+
+#include "tests/support/loopback.h"
 
 namespace vx::test {
 
@@ -101,14 +100,9 @@ int freePort() {
     static std::minstd_rand random(std::random_device{}());
     for (;;) {
         const int port = kFirst + static_cast<int>(random() % kCount);
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        const bool taken = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0;
+        const int fd = boundTo(port);
         ::close(fd);
-        if (!taken) return port;
+        if (fd >= 0) return port;
     }
 }
 

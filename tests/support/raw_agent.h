@@ -5,13 +5,8 @@
 //     agent.openData().send(startFrame(...));
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <cstdint>
 #include <string>
-#include <utility>
 
 #include "tests/support/fake_collector.h"
 #include "tools/agent/vxagent_lines.h"
@@ -19,14 +14,8 @@
 namespace vx::test {
 
 // A connection to a port of loopback; false as a condition when it was refused.
-inline FakePeer connectTo(int port, int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return FakePeer(fd);
-    ::close(fd);
-    return FakePeer();
+inline FakePeer connectTo(int port, int fd = -1) {
+    return FakePeer(connectedTo(port, fd));
 }
 
 class RawAgent {

@@ -1,6 +1,5 @@
 #include "tests/support/tcp_relay.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -12,6 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <utility>
+
+#include "tests/support/loopback.h"
 
 namespace vx::test {
 
@@ -26,24 +27,6 @@ std::int64_t monotonicUs() {
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return fd;
-    ::close(fd);
-    return -1;
-}
-
 void closeEnd(int& fd, bool reset) {
     if (fd < 0) return;
     const linger now{1, 0};
@@ -54,13 +37,9 @@ void closeEnd(int& fd, bool reset) {
 }  // namespace
 
 TcpRelay::TcpRelay(int targetPort) : targetPort_(targetPort) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof(address);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
+    listener_ = boundTo(0, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC);
     ::listen(listener_, 128);
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-    port_ = ntohs(address.sin_port);
+    port_ = portOf(listener_);
     wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     thread_ = std::thread([this] { run(); });
 }
@@ -86,21 +65,6 @@ void TcpRelay::add(const Fault& fault) {
     waiting_.push_back(fault);
 }
 
-void TcpRelay::clear() {
-    {
-        const std::lock_guard lock(mutex_);
-        waiting_.clear();
-        for (Connection& connection : connections_) {
-            connection.armed.clear();
-            for (Stream* stream : {&connection.up, &connection.down}) {
-                stream->stalled = false;
-                stream->pauseUs = stream->goOnUs = 0;
-            }
-        }
-    }
-    wake();
-}
-
 void TcpRelay::endAll(bool reset) {
     {
         const std::lock_guard lock(mutex_);
@@ -118,7 +82,6 @@ void TcpRelay::end(Connection& connection, bool reset) {
     if (std::exchange(connection.gone, true)) return;
     closeEnd(connection.client, reset);
     closeEnd(connection.target, reset);
-    --live_;
     for (Armed& armed : connection.armed) {  // what has not struck waits for another connection
         if (armed.fault.times < 0) continue;
         armed.fault.times = 1;
@@ -146,7 +109,7 @@ void TcpRelay::run() {
                     if (paused)
                         waitMs = std::min(waitMs, static_cast<int>((stream->goOnUs - now) / 1000) + 1);
                     const bool writes =
-                        !paused && !stream->stalled && !stream->held.empty() && connection.named;
+                        !paused && stream->piece > 0 && !stream->held.empty() && connection.named;
                     polled.push_back({writes ? stream->to : -1, POLLOUT, 0});
                 }
         }
@@ -168,14 +131,13 @@ void TcpRelay::acceptOne() {
     const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0) return;
     ++accepted_;
-    const int target = refuse_ ? -1 : connectTo(targetPort_);
+    const int target = refuse_ ? -1 : connectedTo(targetPort_);
     if (target < 0) {
         ::close(client);
         return;
     }
     const int on = 1;
-    ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    ++live_;
+    for (const int end : {client, target}) ::setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     Connection& connection = connections_.emplace_back();
     connection.client = connection.up.from = connection.down.to = client;
     connection.target = connection.up.to = connection.down.from = target;
@@ -231,23 +193,16 @@ std::size_t TcpRelay::allowed(Connection& connection, const Stream& stream, Way 
 
 void TcpRelay::strike(Connection& connection, Stream& stream, const Fault& fault) {
     ++struck_;
-    switch (fault.kind) {
-        case Fault::Kind::kCut:
-        case Fault::Kind::kReset:
-            end(connection, fault.kind == Fault::Kind::kReset);
-            return;
-        case Fault::Kind::kStall:
-            stream.stalled = true;
-            return;
-        case Fault::Kind::kSlow:
-            stream.piece = fault.piece;
-            stream.pauseUs = fault.pauseUs;
-            return;
+    if (fault.kind != Fault::Kind::kSlow) {
+        end(connection, fault.kind == Fault::Kind::kReset);
+        return;
     }
+    stream.piece = fault.piece;
+    stream.pauseUs = fault.pauseUs;
 }
 
 void TcpRelay::passOn(Connection& connection, Stream& stream, Way way) {
-    if (!connection.named || stream.stalled || stream.goOnUs > monotonicUs()) return;
+    if (!connection.named || stream.goOnUs > monotonicUs()) return;
     const std::size_t most = allowed(connection, stream, way);
     if (most > 0) {
         const ssize_t sent = ::send(stream.to, stream.held.data(), most, MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -9,8 +9,8 @@
 // before that byte has gone through, what stands behind it has not.
 //
 // Limits    256 KB held in each direction of a connection; then its sender is not read. A text of `behind`
-// has at
-//           most 64 bytes.
+// has
+//           at most 64 bytes.
 // Threads   One of its own passes the bytes; the calls may come from any other.
 // Lifetime  The destructor resets what stands.
 #pragma once
@@ -31,8 +31,7 @@ struct Fault {
     enum class Kind {
         kCut,    // both ends see the end of the stream
         kReset,  // both ends see a reset
-        kStall,  // this direction stands still until clear()
-        kSlow,   // this direction goes on in pieces of `piece` bytes, with `pauseUs` behind each
+        kSlow,   // this direction goes on in pieces of `piece` bytes (0: not at all), `pauseUs` behind each
     };
     Kind kind = Kind::kCut;
     Way way = Way::kUp;
@@ -54,8 +53,6 @@ public:
     int port() const { return port_; }
     // For connections that come from now on.
     void add(const Fault& fault);
-    // Forgets the faults that wait; what stands still or goes slowly runs on.
-    void clear();
     // Ends what stands now, with a reset or in order.
     void endAll(bool reset);
     // While refusing, whoever connects sees the end at once.
@@ -63,7 +60,6 @@ public:
 
     int struck() const { return struck_.load(); }      // times that a fault struck
     int accepted() const { return accepted_.load(); }  // connections so far
-    int live() const { return live_.load(); }
 
 private:
     struct Stream {  // one direction
@@ -73,7 +69,6 @@ private:
         std::string tail;         // the last of them
         bool ended = false;       // the sender has ended
         bool endTold = false;
-        bool stalled = false;
         std::size_t piece = 1 << 20;
         std::int64_t pauseUs = 0, goOnUs = 0;  // monotonic
     };
@@ -105,7 +100,7 @@ private:
     std::vector<Fault> waiting_;
     std::list<Connection> connections_;
     bool stop_ = false, refuse_ = false;
-    std::atomic<int> struck_{0}, accepted_{0}, live_{0};
+    std::atomic<int> struck_{0}, accepted_{0};
     std::thread thread_;
 };
 

@@ -45,7 +45,7 @@ protected:
     // Hands the decoder a datagram that came from the test's socket, or from another port.
     void datagram(const std::string& bytes, std::uint16_t port = 0) {
         decode_udp_Message_wrapper(bytes.data(), static_cast<std::int32_t>(bytes.size()),
-                                   {0x7F000001, port ? port : portOf(client_)});
+                                   {0x7F000001, port ? port : static_cast<std::uint16_t>(portOf(client_))});
         EXPECT_EQ(vxCurrent(), app);
     }
     // The same over the test's own socket, towards the intake.
@@ -66,13 +66,6 @@ protected:
         vxApplication* found = vxUdpPin(index);
         if (found) vxUdpUnpin(*found);
         return found;
-    }
-
-    static std::uint16_t portOf(int socket) {
-        sockaddr_in address{};
-        socklen_t length = sizeof(address);
-        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
     }
 
     FakeClock clock;

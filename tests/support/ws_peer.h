@@ -29,10 +29,10 @@ inline std::string wsFrame(const std::string& payload, int opcode = kWsText, boo
 class WsPeer {
 public:
     WsPeer() = default;
-    explicit WsPeer(int port) : peer(connectTo(port)) {
-        peer.send(
-            "GET /any HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+    explicit WsPeer(int port, const std::string& path = "/any") : peer(connectTo(port)) {
+        peer.send("GET " + path +
+                  " HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
         status = peer.readLine();
         for (std::string line = status; line.size() > 1 && line != kNoLine;) line = peer.readLine();
     }

@@ -1,31 +1,28 @@
 #include "tools/agent/vxagent_udp.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 
 #include "commonlibc/vxlb_bytes.h"
+#include "tests/support/loopback.h"
 #include "tests/support/program.h"
 #include "tools/agent/vxagent.h"
 
 namespace vx::agent {
 namespace {
 
-using test::eventually;
+using test::boundTo, test::eventually, test::portOf;
 
 // The proxy's end: a datagram socket on loopback.
 class FakeIntake {
 public:
-    FakeIntake() { open(0); }
-    ~FakeIntake() { ::close(fd_); }
+    ~FakeIntake() { close(); }
 
-    int port() const { return ntohs(address_.sin_port); }
+    int port() const { return port_; }
     void close() { ::close(fd_); }
-    void reopen() { open(port()); }
+    void reopen() { fd_ = boundTo(port_, SOCK_DGRAM); }
     void answer(const std::string& text) {
         EXPECT_EQ(
             sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&sender_), sizeof(sender_)),
@@ -33,34 +30,25 @@ public:
     }
     // The next datagram of that kind, others answered by nothing; empty after 20 s.
     std::string next(VXWrapType type) {
-        char bytes[65536];
-        for (;;) {
+        std::string datagram;
+        do {
+            char bytes[65536];
             pollfd ready{fd_, POLLIN, 0};
             socklen_t size = sizeof(sender_);
             if (poll(&ready, 1, 20000) != 1) return "";
             const ssize_t length =
                 recvfrom(fd_, bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr*>(&sender_), &size);
             if (length < 0) return "";
-            std::string datagram(bytes, static_cast<std::size_t>(length));
-            if (VXByteView(datagram.data(), datagram.size()).u8At(kWrapMessageTypeAt) ==
-                static_cast<std::uint8_t>(type))
-                return datagram;
-        }
+            datagram.assign(bytes, static_cast<std::size_t>(length));
+        } while (VXByteView(datagram.data(), datagram.size()).u8At(kWrapMessageTypeAt) !=
+                 static_cast<std::uint8_t>(type));
+        return datagram;
     }
 
 private:
-    void open(int port) {
-        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address_.sin_port = htons(static_cast<std::uint16_t>(port));
-        socklen_t size = sizeof(address_);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address_), size), 0);
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address_), &size);
-    }
-
-    int fd_ = -1;
-    sockaddr_in address_{}, sender_{};
+    int fd_ = boundTo(0, SOCK_DGRAM);
+    const int port_ = portOf(fd_);
+    sockaddr_in sender_{};
 };
 
 std::int32_t indexOf(const std::string& datagram) {

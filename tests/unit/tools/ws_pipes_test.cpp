@@ -2,10 +2,7 @@
 #include "tools/ws/ws_pipes.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -13,8 +10,8 @@
 #include <utility>
 
 #include "tests/support/program.h"
-#include "tests/support/raw_agent.h"
 #include "tests/support/ws_bridge.h"
+#include "tests/support/ws_peer.h"
 
 namespace vx::test {
 namespace {
@@ -48,6 +45,9 @@ bool ends(int fd) {
 void writeSome(int fd, std::string_view& rest) {
     const ssize_t sent = ::send(fd, rest.data(), std::min<std::size_t>(rest.size(), 50000), MSG_NOSIGNAL);
     if (sent > 0) rest.remove_prefix(static_cast<std::size_t>(sent));
+}
+void writeAll(int fd, std::string_view text) {
+    while (!text.empty()) writeSome(fd, text);
 }
 
 std::string lines(std::size_t bytes) {
@@ -105,7 +105,7 @@ TEST_P(WsPipesBy, BytesArriveWholeInBothDirectionsAndTheEndBehindThem) {
     }
     EXPECT_EQ(upRead, up);
     EXPECT_EQ(downRead, down);
-    ::send(near, "last\n", 5, MSG_NOSIGNAL);
+    writeAll(near, "last\n");
     ::shutdown(near, SHUT_WR);
     EXPECT_EQ(readUpTo(far.fd, 5), "last\n");
     EXPECT_TRUE(ends(far.fd));
@@ -116,8 +116,7 @@ TEST_P(WsPipesBy, WhatAProgramLeavesBehindStillGoesOut) {
     const std::string left = lines(150000);
     for (const bool fromServer : {true, false}) {
         connect();
-        std::string_view rest = left;
-        while (!rest.empty()) writeSome(fromServer ? far.fd : near, rest);
+        writeAll(fromServer ? far.fd : near, left);
         ::close(std::exchange(fromServer ? far.fd : near, -1));
         const int reader = std::exchange(fromServer ? near : far.fd, -1);
         EXPECT_EQ(readUpTo(reader, left.size()), left);
@@ -125,7 +124,7 @@ TEST_P(WsPipesBy, WhatAProgramLeavesBehindStillGoesOut) {
         ::close(reader);
     }
     connect();
-    ::send(near, "bye\n", 4, MSG_NOSIGNAL);
+    writeAll(near, "bye\n");
     ::close(std::exchange(near, -1));
     client.end(kWaitMs);
     EXPECT_EQ(readUpTo(far.fd, 4), "bye\n") << "an end waits for what is on its way";
@@ -136,13 +135,9 @@ TEST_P(WsPipesBy, WhatCannotConnectEnds) {
     near = client.dial("localhost", "127.0.0.1", freePort());
     EXPECT_TRUE(ends(near)) << "refused";
     ::close(near);
-    const int deaf = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // takes connections, says nothing
-    ASSERT_EQ(::listen(deaf, 5), 0);
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    ::getsockname(deaf, reinterpret_cast<sockaddr*>(&address), &size);
+    const FakeCollector deaf;        // takes connections, says nothing
     for (int i = 0; i < 200; ++i) {  // more than there is room for at a time: given up, they are forgotten
-        near = client.dial("localhost", "127.0.0.1", ntohs(address.sin_port));
+        near = client.dial("localhost", "127.0.0.1", deaf.port());
         ASSERT_GE(near, 0);
         ::close(near);
     }
@@ -152,7 +147,6 @@ TEST_P(WsPipesBy, WhatCannotConnectEnds) {
         ::close(std::exchange(near, -1));
         return false;
     }));
-    ::close(deaf);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, WsPipesBy, testing::Values(false, true),
@@ -167,8 +161,7 @@ TEST(WsPipes, AMessageOfAConnectionMadeHereEndsWithALine) {
     const int fd = client.dial("localhost", "127.0.0.1", front.port());
     ASSERT_EQ(readUpTo(fd, 1).size(), 1u);
     const std::string text = std::string(100000, 'x') + "\n";
-    std::string_view rest = text;
-    while (!rest.empty()) writeSome(fd, rest);
+    writeAll(fd, text);
     FakePeer peer = proxy.accept();
     EXPECT_EQ(peer.readBytes(text.size()), text);
     EXPECT_LE(front.binaryMessages(), 1);
@@ -182,14 +175,8 @@ TEST(WsPipes, BothFormsOfThePathAreTaken) {
     std::string error;
     ASSERT_TRUE(server.listen({"127.0.0.1", 0, "", ""}, error)) << error;
     for (const char* path :
-         {"/collector/vx/a/b/c?tierAttributes=NA&", "collector/vx/a/b/c?tierAttributes=NA&"}) {
-        FakePeer peer = connectTo(server.port());
-        ASSERT_TRUE(
-            peer.send(std::string("GET ") + path +
-                      " HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n"));
-        EXPECT_EQ(peer.readLine(), "HTTP/1.1 101 Switching Protocols\r") << path;
-    }
+         {"/collector/vx/a/b/c?tierAttributes=NA&", "collector/vx/a/b/c?tierAttributes=NA&"})
+        EXPECT_EQ(WsPeer(server.port(), path).status, "HTTP/1.1 101 Switching Protocols\r") << path;
 }
 
 TEST(WsPipes, WhatCannotListenSaysWhy) {
