@@ -280,8 +280,8 @@ int WsPipes::Inside::endWs(Pipe& pipe) {
     }
     if (std::exchange(pipe.asked, true)) return 0;
     lws_set_timeout(pipe.ws, PENDING_TIMEOUT_USER_OK, kLeaveSeconds);
-    unsigned char block[LWS_PRE + 1];
-    return lws_write(pipe.ws, block + LWS_PRE, 0, LWS_WRITE_PING) < 0 ? -1 : 0;
+    unsigned char block[LWS_PRE + 1] = {};  // with a byte: the library passes over an answer that has none
+    return lws_write(pipe.ws, block + LWS_PRE, 1, LWS_WRITE_PING) < 0 ? -1 : 0;
 }
 
 // One frame a call; the library calls when what it had has gone to the system.
