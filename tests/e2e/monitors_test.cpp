@@ -44,27 +44,27 @@ TEST_F(Monitors, CalloutsExceptionsAndHeadersComeWithTheirTransactionsAndTheMoni
               "tDigestPercentileBT=1%2060000%2050,95\ntDigestPercentileIP=1\n");
     startCollector({"--files", dir / "files", "--keywords", dir / "keywords"});
     startService();
-    const std::string output =
-        deliver(150, {"--processes", "2",  "--callouts",       "4",  "--mix",     "db=1,http=1,mq=1,custom=1",
-                      "--backends",  "2",  "--callout-errors", "10", "--chains",  "20",
-                      "--callers",   "2",  "--exceptions",     "4",  "--errors",  "20",
-                      "--slow",      "10", "--headers",        "50", "--methods", "20",
-                      "--rate",      "200"});
+    const std::string output = deliver(
+        150, {"--processes",      "2",  "--callouts", "4",  "--mix",     "db=1,http=1", "--backends",   "2",
+              "--callout-errors", "10", "--chains",   "20", "--callers", "2",           "--exceptions", "4",
+              "--errors",         "20", "--slow",     "10", "--headers", "50",          "--methods",    "20",
+              "--rate",           "200"});
+    deliver(100, {"--callouts", "4", "--mix", "mq=1,custom=1", "--callout-errors", "0"});
 
     collector::Summary summary = summaryOfStreams();
-    EXPECT_EQ(summary.transactions, 300u);
+    EXPECT_EQ(summary.transactions, 400u);
     EXPECT_EQ(summary.unreadable, 0u);
     std::map<std::string, std::uint64_t> callouts;
     std::uint64_t exceptions = 0;
-    for (const auto& [name, row] : summary.backends) {
-        callouts[row.target] += row.count;
+    for (const auto& [name, row] : summary.backends) callouts[row.target] += row.count;
+    EXPECT_EQ(callouts["DB"] + callouts["HTTP"], 1200u);
+    EXPECT_EQ(callouts["MQ"] + callouts["custom"], 400u);
+    EXPECT_TRUE(callouts["MQ"] > 100u && callouts["custom"] > 100u);
+    for (const char* name :
+         {"HTTP_payment.example1", "HTTP_payment.example2", "DB_orders-db1", "DB_orders-db2"}) {
+        const collector::BackendRow& row = summary.backends[name];
         EXPECT_TRUE(row.errors > 0 && row.errors < row.count) << name;
     }
-    EXPECT_TRUE(summary.backends.contains("HTTP_payment.example1"));
-    EXPECT_TRUE(summary.backends.contains("DB_orders-db2"));
-    EXPECT_EQ(reported(output, "total", "callouts"), 1200u);
-    EXPECT_EQ(callouts["DB"] + callouts["HTTP"] + callouts["MQ"] + callouts["custom"], 1200u);
-    for (const auto& [target, count] : callouts) EXPECT_GT(count, 100u) << target;
     ASSERT_EQ(summary.callers.size(), 2u);
     for (const auto& [name, row] : summary.callers) EXPECT_EQ(row.announced, 1u) << name;
     for (const auto& [name, row] : summary.exceptions) {
@@ -91,8 +91,9 @@ TEST_F(Monitors, CalloutsExceptionsAndHeadersComeWithTheirTransactionsAndTheMoni
     collector->say("table");
     ASSERT_TRUE(collector->outputHolds("rows that differ 0\n")) << collector->output();
     EXPECT_TRUE(collector->outputHolds(", 0 differ\n"));
-    EXPECT_EQ(counted("793", "_AllTransactions"), 300u);
-    EXPECT_EQ(counted("794", ""), 1200u);
+    EXPECT_EQ(counted("793", "_AllTransactions"), 400u);
+    EXPECT_EQ(counted("794", "") - counted("794", "_CUSTOM_com.example.client.Ledger.post"), 1600u)
+        << "what calls a back-end of its own kind counts as one, too";
     EXPECT_TRUE(counted("61", "_carts") > 0 && counted("63", "_stock") > 0) << streams("auto-sensor");
 }
 
