@@ -222,6 +222,7 @@ TEST_P(Failover, OneThatNamesNoProtocolIsServedOverTheConfiguredOne) {
 TEST_P(Failover, TenMinutesOfSilenceAreEnough) {
     ASSERT_EQ(vxStartControlThread(app), 0);
     FakePeer control = master.accept();
+    EXPECT_FALSE(control.ended(0.2));
     clockAheadUs += 601000000;  // a clock that is set is no time that passes: a reply is awaited as before
     EXPECT_FALSE(control.ended(1.2));
     master.reply(control);
