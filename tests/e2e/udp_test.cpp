@@ -63,7 +63,7 @@ public:
         std::string text(20000, '\0');
         while (readableUntil(socket_.descriptor(), deadline)) {
             const ssize_t length = ::recv(socket_.descriptor(), text.data(), text.size(), 0);
-            const std::string heard = text.substr(0, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+            std::string heard = text.substr(0, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
             if (heard.starts_with(prefix)) return heard;
         }
         return kNoLine;
