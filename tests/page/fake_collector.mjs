@@ -89,6 +89,7 @@ export function answers() {
         "GET /api/links": (p) => links(...["from", "to", "step"].map((key) => Number(p.get(key)))),
         "GET /api/exceptions": () => exceptions(Date.now()),
         "GET /api/monitors": (p) => monitors(p.get("kind"), Date.now()),
+        "GET /api/reports": () => ({ complete: true, reports: [{ at: Date.now(), instance: EVIL, count: 1, line: EVIL }] }),
         "GET /api/rules": () => ({ editable: true, present: true, name: "BTRuleConfig", text, digest: "1", deciding: "patterns",
                                    decidingWords: "Pattern rules decide.", fault: null, lines, warnings: [] }),
         "POST /api/rules/try": () => ({ bt: "Cart", btId: 2, excluded: false, deciding: "patterns", line: 2, why: "Line 2 names it: it is exact.", lines }),

@@ -46,6 +46,7 @@ test("every view shows hostile texts as texts, in both widths and schemes", asyn
         backends: ".map",
         exceptions: "article h2",
         monitors: "table td",
+        "reports?name=x": "td code",
         link: "table td",
         rules: ".editor"
     };

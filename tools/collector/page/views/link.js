@@ -18,8 +18,9 @@ function storeOf(store) {
     return [
         h("dl", {class: "facts"}, fact("Kind", store.kind),
           fact("Transactions written", h("a", {href: to("transactions")}, count(store.written))),
-          fact("Waiting", count(store.queued)), fact("Dropped", count(store.dropped), store.dropped > 0),
-          fact("Size", bytes(store.bytes)), fact("Oldest", clock(store.oldest))),
+          fact("Waiting", bytes(store.queued)), fact("Dropped", count(store.dropped), store.dropped > 0),
+          fact("In no sum", count(store.lostSums), store.lostSums > 0), fact("Size", bytes(store.bytes)),
+          fact("Oldest", clock(store.oldest))),
         store.fault && h("p", {class: "bad"}, store.fault)
     ];
 }
@@ -173,12 +174,14 @@ export function link(context) {
         sorted: 0,
         empty: "No run ended in this time."
     });
-    const node = h(
-        "div", {class: "view"}, h("h1", {}, "Link"),
-        h("section", {class: "panel"}, h("h2", {}, "Instances"), list.node), cut, charts.node,
-        h("div", {class: "pair"}, h("section", {class: "panel"}, h("h2", {}, "What came"), totals),
-          h("section", {class: "panel"}, h("h2", {}, "Store"), store)),
-        h("section", {class: "panel"}, h("h2", {}, "Ended runs, monitors compared with records"), runs.node));
+    const ended =
+        h("section", {class: "panel"}, h("h2", {}, "Ended runs, monitors compared with records"), runs.node);
+    const node =
+        h("div", {class: "view"}, h("h1", {}, "Link"),
+          h("section", {class: "panel"}, h("h2", {}, "Instances"), list.node), cut, charts.node,
+          h("div", {class: "pair"}, h("section", {class: "panel"}, h("h2", {}, "What came"), totals),
+            h("section", {class: "panel"}, h("h2", {}, "Store"), store)),
+          ended);
 
     async function load(signal) {
         const s = context.status ?? await get("/api/status", {}, signal);
@@ -194,6 +197,7 @@ export function link(context) {
             fact("Refused connections", count(s.refusedConnections), s.refusedConnections > 0),
             fact("Runs compared with their monitors", h("a", {href: to("monitors")}, count(s.comparedRuns))));
         patch(store, storeOf(s.store));
+        charts.node.hidden = ended.hidden = !s.store;
         if (!s.store) return;
         const time = span();
         const step = stepOf(time, s.instances.length);

@@ -40,9 +40,10 @@ function verdict(row) {
 }
 
 function singles(row) {
+    // Calls of a method stand in the transactions of the time: they cannot be listed by it.
     const filter = FILTER[kindNow()];
-    const text = count(row.singles.count);
-    return filter ? rowLink(to("transactions", {[filter]: row.name === ALL ? "" : row.name}), text) : text;
+    const params = filter && row.name !== ALL ? {[filter]: row.name} : {};
+    return rowLink(to("transactions", params), count(row.singles.count));
 }
 
 function columns() {

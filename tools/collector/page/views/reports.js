@@ -6,7 +6,7 @@ import {route, span, to} from "../router.js";
 import {table} from "../table.js";
 
 const COLUMNS = [
-    {title: "At", cell: (r) => clock(r.at, true), sort: (r) => r.at},
+    {title: "At", class: "when", cell: (r) => clock(r.at, true), sort: (r) => r.at},
     {title: "Instance", cell: (r) => r.instance, sort: (r) => r.instance},
     {title: "Count", num: true, cell: (r) => count(r.count), sort: (r) => r.count},
     {title: "Record", class: "wide", cell: (r) => h("code", {}, r.line)},

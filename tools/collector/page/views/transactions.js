@@ -70,7 +70,7 @@ function timeFields() {
         from.value = now.live ? "" : local(now.from);
         till.value = now.live ? "" : local(now.to);
     }
-    return {nodes: [labelled("From", from, true), labelled("Until", till, true)], show};
+    return {node: h("div", {class: "times rare"}, labelled("From", from), labelled("Until", till)), show};
 }
 
 function form(context) {
@@ -99,7 +99,7 @@ function form(context) {
           "More filters");
     const node =
         h("form", {class: "filters", role: "search", onsubmit: (event) => event.preventDefault()},
-          fields.map((f) => f.node), times.nodes, more, chips, names);
+          fields.map((f) => f.node), times.node, more, chips, names);
 
     // Puts into the form what the address says, but for a field that is being typed into.
     function show() {
