@@ -6,6 +6,7 @@ import {appendFileSync, mkdirSync, mkdtempSync, rmSync, writeFileSync} from "nod
 import {createServer} from "node:net";
 import {hostname, tmpdir} from "node:os";
 import {join} from "node:path";
+import {setTimeout} from "node:timers/promises";
 
 const PATIENCE_MS = 60000;
 
@@ -18,39 +19,22 @@ function freePort() {
     });
 }
 
-/** { child, saw(regexp) -> match in what it printed, once it is there; end() }. */
+/** { saw(regexp) -> match in what it printed, once it is there; end() }. */
 function start(path, args, env = {}) {
     const child = spawn(path, args, {env: {...process.env, ...env}, stdio: ["pipe", "pipe", "pipe"]});
     let said = "";
     let ended = null;
-    let look = () => {};
-    const heard = (chunk) => {
-        said += chunk;
-        look();
-    };
-    child.stdout.on("data", heard);
-    child.stderr.on("data", heard);
-    const over = new Promise((done) => child.on("exit", (code, signal) => {
-        ended = signal ?? code;
-        look();
-        done();
-    }));
-    const saw = (wanted) => new Promise((done, fail) => {
-        const late =
-            setTimeout(() => fail(new Error(`${path} did not say ${wanted}:\n${said}`)), PATIENCE_MS);
-        look = () => {
+    for (const stream of [child.stdout, child.stderr]) stream.on("data", (chunk) => (said += chunk));
+    const over = new Promise((done) => child.on("exit", (code, signal) => done((ended = signal ?? code))));
+    async function saw(wanted) {
+        for (const late = Date.now() + PATIENCE_MS;; await setTimeout(50)) {
             const match = said.match(wanted);
-            if (!match && ended === null) return;
-            clearTimeout(late);
-            if (match)
-                done(match);
-            else
-                fail(new Error(`${path} ended (${ended}):\n${said}`));
-        };
-        look();
-    });
+            if (match) return match;
+            assert.ok(
+                ended === null && Date.now() < late, `${path} did not say ${wanted} (${ended}):\n${said}`);
+        }
+    }
     return {
-        child,
         saw,
         async end() {
             child.kill("SIGTERM");
