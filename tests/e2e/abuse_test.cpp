@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -77,17 +76,6 @@ void linesWithoutEnd(int port) {
     }
 }
 
-// Names as long as a line may be.
-void namesTooLong(int port) {
-    const std::string wide(1000, 'n');
-    for (int i = 0; i < 20; ++i) {
-        RawAgent agent(port, wide + std::to_string(i % 2), 7000 + i);
-        agent.identity().tier = agent.identity().server = wide;
-        const FakePeer control = connectTo(port);
-        control.send(agent::controlLine(agent.identity(), 0));
-    }
-}
-
 struct Abuse {
     const char* name;
     void (*commit)(int port);
@@ -142,8 +130,7 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
 INSTANTIATE_TEST_SUITE_P(By, Abused,
                          testing::ValuesIn<Abuse>({{"noise_on_fresh_connections", noiseOnFreshConnections},
                                                    {"noise_behind_a_registration", noiseBehindARegistration},
-                                                   {"lines_without_end", linesWithoutEnd},
-                                                   {"names_too_long", namesTooLong}}),
+                                                   {"lines_without_end", linesWithoutEnd}}),
                          byName);
 
 class AbusedWhile : public EndToEnd {};

@@ -109,19 +109,6 @@ TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
         });
 }
 
-// Reads that end anywhere in a record, even in its header, cost nothing.
-TEST_F(LossOfAgents, DataInPiecesOfAnySizeLosesNothing) {
-    startCollector();
-    startService();
-    TcpRelay relay(proxyPort);
-    proxyRelayPort = relay.port();
-    relay.add({.kind = Kind::kSlow, .connection = kData, .behind = "\n^", .piece = 997, .pauseUs = 1});
-    EXPECT_EQ(reported(deliver(600, {"--rate", "300"}), "total", "transactions"), 600u);
-    EXPECT_EQ(relay.struck(), 1);
-    EXPECT_EQ(arrived(), 600u);
-    EXPECT_EQ(summaryOfStreams().unreadable, 0u);
-}
-
 // Processes of the same application come and go, each with a pid of its own.
 TEST_F(LossOfAgents, ThousandsOfShortProcessesLeaveNothingBehind) {
     startCollector();

@@ -40,17 +40,6 @@ TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
 }
 INSTANTIATE_TEST_SUITE_P(Over, FunctionLives, testing::Values("TCP", "WSS"));
 
-TEST_F(Datagrams, AServiceThatHasComeBackGetsToKnowItsFunctions) {
-    startCollector();
-    startService();
-    const auto functions = startLoad({"--udp", "--processes", "2", "--rate", "40", "--duration", "1000"});
-    ASSERT_TRUE(arrive(10)) << traceText();
-    service->signal(SIGTERM);
-    EXPECT_EQ(service->wait(), 0);
-    startService();
-    EXPECT_TRUE(arrive(arrived() + 10)) << traceText();
-}
-
 // A function by hand, at a port of its own.
 class RawFunction {
 public:

@@ -7,15 +7,6 @@
 namespace vx::collector {
 namespace {
 
-TEST(TakeBlobItem, NeverReadsAnItemOutOfACutOneItCannotFinish) {
-    const std::string whole = "5:77_1_30_4___";
-    for (std::size_t n = 0; n < whole.size(); ++n) {
-        std::string_view cut = std::string_view(whole).substr(0, n);
-        BlobItem item{};
-        EXPECT_TRUE(!takeBlobItem(cut, item) || item.methodId == 5) << n;
-    }
-}
-
 class TakeRecord : public testing::Test {
 protected:
     void take(const char* line) { takeRecord(line, instance, summary); }
@@ -83,14 +74,6 @@ TEST_F(TakeRecord, KeepsHeadersAndExceptionsWithTheirTransaction) {
     for (std::size_t i = 0; i < 2 * kKeptTransactions; ++i)
         summary.kept.of(static_cast<std::int64_t>(1000 + i));
     EXPECT_TRUE(summary.kept.numbers().size() == kKeptTransactions && !summary.kept.find(100));
-}
-
-TEST_F(TakeRecord, CountsLinesThatAreNoRecordAndGoesOn) {
-    for (const char* line :
-         {"x", "4,1", "4,a,200,10,0,1,2,0,,0,", "7,x,y", "5,name", "99999999999999999999,", "91,7,Front"})
-        take(line);
-    EXPECT_EQ(summary.unreadable, 7u);
-    EXPECT_EQ(summary.records, 0u);
 }
 
 TEST(CollectorProtocol, ReplyNamesThePolicyWithinFiveFieldsAndTheAgentsOwnPortsOrTheOffer) {

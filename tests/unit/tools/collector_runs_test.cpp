@@ -177,17 +177,5 @@ TEST_F(CollectorRuns, AreKeptApartHoweverTheirConnectionsComeAndGo) {
     EXPECT_EQ(answers("Pay"), "110") << "the monitor began in the midst of it";
 }
 
-TEST_F(CollectorRuns, CountReportsThatCannotBeReadAndPassOverOthers) {
-    const std::string good = bt(2, "Cart", 1, 0, 0, 40);
-    for (std::size_t cut = 4; cut + 1 < good.size(); ++cut) report(good.substr(0, cut));
-    EXPECT_EQ(runs.summary().unreadable, good.size() - 5);
-    EXPECT_EQ(btRow(runs.summary(), "Cart").monitor.figures.count, 0U);
-    for (const char* line : {"", "x", "74", "90,1,2", "74,a", "63,1|2|3:a_b_c_d|1e999 nan",
-                             "793,1|2|3:a_b_c_d|1 2 3 4", "75,1|2|99999999999999999999:a_b_c_d|1"})
-        report(line);
-    report("63,1|2|3:a_b_c_d|1 -1e300");
-    EXPECT_FALSE(runs.summary().exceptions.empty());
-}
-
 }  // namespace
 }  // namespace vx::collector

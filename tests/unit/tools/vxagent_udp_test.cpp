@@ -134,11 +134,5 @@ TEST_F(UdpAgent, MakesItselfKnownAgainWhenThePortWasClosed) {
     EXPECT_NE(vxagent_begin(agent, &transaction), 0);
 }
 
-TEST(UdpTexts, AreReadForTheirNumbers) {
-    EXPECT_EQ(numberBehind(R"("TestNumber": "7",)", "TestNumber", -1), 7);
-    for (const char* text : {"AppIndex:", "AppIndex:x", "AppIndex:99999999999", ""})
-        EXPECT_EQ(numberBehind(text, "AppIndex:", -1), -1) << text;
-}
-
 }  // namespace
 }  // namespace vx::agent

@@ -9,9 +9,9 @@
 #include <string_view>
 #include <utility>
 
+#include "tests/support/fake_collector.h"
 #include "tests/support/program.h"
 #include "tests/support/ws_bridge.h"
-#include "tests/support/ws_peer.h"
 
 namespace vx::test {
 namespace {
@@ -167,29 +167,6 @@ TEST(WsPipes, AMessageOfAConnectionMadeHereEndsWithALine) {
     EXPECT_LE(front.binaryMessages(), 1);
     EXPECT_EQ(front.textMessages(), 0);
     ::close(fd);
-}
-
-// The path comes with a slash in front or without, as instances are set to send it.
-TEST(WsPipes, BothFormsOfThePathAreTaken) {
-    ws::WsPipes server;
-    std::string error;
-    ASSERT_TRUE(server.listen({"127.0.0.1", 0, "", ""}, error)) << error;
-    for (const char* path :
-         {"/collector/vx/a/b/c?tierAttributes=NA&", "collector/vx/a/b/c?tierAttributes=NA&"})
-        EXPECT_EQ(WsPeer(server.port(), path).status, "HTTP/1.1 101 Switching Protocols\r") << path;
-}
-
-TEST(WsPipes, WhatCannotListenSaysWhy) {
-    ws::WsPipes first, other;
-    std::string error;
-    ASSERT_TRUE(first.listen({"127.0.0.1", 0, "", ""}, error)) << error;
-    EXPECT_FALSE(other.listen({"127.0.0.1", first.port(), "", ""}, error));
-    EXPECT_NE(error.find("Address already in use"), std::string::npos) << error;
-    const TestCertificate own;
-    EXPECT_FALSE(other.listen({"127.0.0.1", 0, own.certificate, "/nowhere.key"}, error));
-    EXPECT_NE(error.find("/nowhere.key"), std::string::npos) << error;
-    EXPECT_FALSE(other.listen({"127.0.0.1", 0, own.key, own.certificate}, error));
-    EXPECT_NE(error.find("no certificate and its key"), std::string::npos) << error;
 }
 
 }  // namespace
