@@ -2,8 +2,9 @@
 //
 // First the intake alone: nanoseconds a record with and without the store behind it, in the same run. Then
 // records offered at a rate for a while, as from a socket: what was stored, what was dropped, how far the
-// queue filled and how much memory was taken. The exit code says whether a bound was missed: the memory, or
-// transactions that are neither stored nor counted as dropped.
+// queue filled, how much memory was taken and what a transaction takes in the store: a file, or with
+// --clickhouse URL the tables of a server (make a database of its own for it). The exit code says whether a
+// bound was missed: the memory, or transactions that are neither stored nor counted as dropped.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -29,6 +30,7 @@ using namespace vx::collector;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMethods = 200, kBts = 20, kItems = 20, kBackends = 5;
+constexpr int kCollector = 8191;
 constexpr double kMostMb = 400;  // queue, transactions in flight, caches
 
 double cpuSeconds(clockid_t clock) {
@@ -127,10 +129,11 @@ double intakeNs(StoreIntake* intake, int transactions) {
     return (cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - begin) * 1e9 / static_cast<double>(lines.size());
 }
 
-int offer(const std::string& file, double rate, double seconds, double keepMb) {
+int offer(const std::string& file, const std::string& url, double rate, double seconds, double keepMb) {
     Store store;
     std::string error;
-    if (!store.openFile(file, {0, keepMb}, error)) {
+    if (url.empty() ? !store.openFile(file, {0, keepMb}, error)
+                    : !store.openClickHouse(url, kCollector, 0, error)) {
         std::fprintf(stderr, "vxbench_store: %s\n", error.c_str());
         return 2;
     }
@@ -167,11 +170,16 @@ int offer(const std::string& file, double rate, double seconds, double keepMb) {
                 100 * static_cast<double>(status.dropped) / static_cast<double>(transactions));
     std::printf("cpu ns/record: generator and intake %.0f, writer %.0f; writer's rest %.2f s\n",
                 intakeCpu * 1e9 / all, writerCpu * 1e9 / all, drained);
-    std::printf("queue at most %.1f MB, memory %.0f MB before, %.0f MB at most, file %.0f MB\n",
-                static_cast<double>(mostQueued) / 1e6, before, most, static_cast<double>(status.bytes) / 1e6);
+    std::printf("queue at most %.1f MB, memory %.0f MB before, %.0f MB at most\n",
+                static_cast<double>(mostQueued) / 1e6, before, most);
+    std::printf(
+        "store %.0f MB, %.0f bytes for each transaction of this run\n",
+        static_cast<double>(status.bytes) / 1e6,
+        static_cast<double>(status.bytes) / static_cast<double>(std::max<std::uint64_t>(1, status.written)));
     StoreQuery query;
     Sums sums;
-    const bool asked = query.openFile(file, 60'000) && query.sums({}, sums) == Answered::kOk;
+    const bool asked = (url.empty() ? query.openFile(file, 60'000) : query.openClickHouse(url, 60'000)) &&
+                       query.sums({}, sums) == Answered::kOk;
     const bool counted =
         status.written + status.dropped == transactions && asked && sums.all.count == transactions;
     std::printf("every transaction is %s; memory is %s\n",
@@ -182,11 +190,13 @@ int offer(const std::string& file, double rate, double seconds, double keepMb) {
 
 int run(int argc, char** argv) {
     double rate = 50'000, seconds = 10, keepMb = 512;
+    std::string url;
     for (int at = 1; at + 1 < argc; at += 2) {
         const double value = std::atof(argv[at + 1]);
         if (!std::strcmp(argv[at], "--rate")) rate = value;
         if (!std::strcmp(argv[at], "--seconds")) seconds = value;
         if (!std::strcmp(argv[at], "--keep-mb")) keepMb = value;
+        if (!std::strcmp(argv[at], "--clickhouse")) url = argv[at + 1];
     }
     std::string folder = (std::filesystem::temp_directory_path() / "vxbench.XXXXXX").string();
     if (!mkdtemp(folder.data())) return 2;
@@ -199,7 +209,7 @@ int run(int argc, char** argv) {
         std::printf("intake ns/record: without a store %.0f, with one %.0f, ratio %.2f\n", without, with,
                     with / without);
     }
-    const int answer = offer(folder + "/store.db", rate, seconds, keepMb);
+    const int answer = offer(folder + "/store.db", url, rate, seconds, keepMb);
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
     return answer;

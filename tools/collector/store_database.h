@@ -45,6 +45,10 @@ private:
     std::vector<Value> values_;
 };
 
+// The beginning of the interval that a row lies in: counted from the first value on, as wide as the second.
+// The rest of a division is as narrow as the divisor in some engines: 60000 of two bytes would lose its sign.
+inline constexpr const char* kBin = "at - (at - ?) % CAST(? AS Int64) AS bin";
+
 class ResultRow {
 public:
     virtual ~ResultRow() = default;

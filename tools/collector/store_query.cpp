@@ -273,11 +273,10 @@ Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::int64_t st
                            std::vector<LinkRow>& out) {
     out.clear();
     Answered answer = Answered::kOk;
-    Sql sql(
-        "SELECT at - at % ? AS bin, instance, sum(records), sum(monitor_records), sum(bytes), "
-        "sum(unreadable), sum(dropped), sum(incomplete), sum(connects), sum(disconnects) FROM links "
-        "WHERE 1 = 1");
-    sql.add("", stepMs);
+    Sql sql(std::string("SELECT ") + kBin +
+            ", instance, sum(records), sum(monitor_records), sum(bytes), sum(unreadable), sum(dropped), "
+            "sum(incomplete), sum(connects), sum(disconnects) FROM links WHERE 1 = 1");
+    sql.add("", std::int64_t{0}).add("", stepMs);
     addSpan(sql, span);
     if (instance) sql.add(" AND instance = ?", instance);
     sql.add(" GROUP BY bin, instance ORDER BY bin, instance LIMIT ?", static_cast<std::int64_t>(kMostRows));

@@ -16,9 +16,6 @@ constexpr std::size_t kMostNames = 500;
 constexpr std::size_t kMostBts = 20;
 constexpr const char* kMoreName = "(more)";
 constexpr const char* kAllName = "(all)";
-// The rest of a division by a small number is a small number, whose sign may be lost: 60000 has to be a large
-// one.
-constexpr const char* kBin = "at - (at - ?) % CAST(? AS Int64) AS bin";
 constexpr const char* kFigures =
     "sum(count), sum(normal), sum(slow), sum(very_slow), sum(error), min(least), max(most)";
 

@@ -36,7 +36,7 @@ void StoreWriter::work() {
         const std::vector<Batch> batches = queue_.take(kPatience);
         if (!batches.empty()) writeAll(batches);
         queue_.done(batches);
-        if (batches.empty() && last) return;
+        if (batches.empty() && last) return givenUp_ ? void() : look();
         if (!last) retain();
         queue_.pause(sink_->pause());
     }
@@ -80,7 +80,10 @@ void StoreWriter::retain() {
     while (sink_->retain(epochNow(), fault) && Clock::now() < end) {
     }
     tellRetained(fault);
-    if (Clock::now() < looked_ + kLookEvery) return;
+    if (Clock::now() >= looked_ + kLookEvery) look();
+}
+
+void StoreWriter::look() {
     looked_ = Clock::now();
     const StoreSink::Holds holds = sink_->holds();
     const std::scoped_lock lock(mutex_);

@@ -33,7 +33,7 @@ public:
         std::uint64_t commits = 0;       // grows whenever something was stored
         std::uint64_t transactions = 0;  // stored since the start
         std::uint64_t lost = 0;          // transactions that could not be written
-        StoreSink::Holds holds;          // a few seconds old
+        StoreSink::Holds holds;          // a few seconds old; of the end when it has ended
         std::string fault;               // empty: none
     };
 
@@ -50,6 +50,7 @@ private:
     void writeAll(const std::vector<Batch>& batches);
     bool givesUp();
     void retain();
+    void look();
     void tellWritten(const std::string& fault);
     void tellRetained(const std::string& fault);
 

@@ -134,7 +134,7 @@ TEST_F(ClickHouseStore, AnswersThePageAsAFileDoes) {
     alike("backends?", R"("toKind":"instance")");
     alike("exceptions?", R"("lastText":"in show of Cart: too late, because of db")");
     alike("instances?", R"("name":"Stock/host2/app/7")");
-    alike("links?", R"("unreadable":1)");
+    alike("links?step=60000&", R"("unreadable":1)");
     alike("monitors?", R"x("name":"(all)","monitor":{"count":1,)x");
     alike(R"({"text": "7|Cart|2|0|/item|1\n"})", R"("looked":330)");
 }
@@ -173,9 +173,6 @@ TEST_F(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
     for (const TransactionRow& row : rows) ids.insert(row.id);
     EXPECT_EQ(ids.size(), 3000U);
     EXPECT_LT(*ids.rbegin(), std::int64_t{1} << 53);
-    Sums sums;
-    ASSERT_EQ(query.sums({}, sums), Answered::kOk);
-    EXPECT_EQ(sums.all.count, 3000U);
 }
 
 TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead) {

@@ -148,23 +148,15 @@ TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     EXPECT_TRUE(tx.exceptions[0].message == "too late" && tx.exceptions[0].stack == "at a\nat b\n");
     EXPECT_EQ(tx.records.size(), 5U);
     EXPECT_EQ(query.transaction(row.id + 1, tx), Answered::kFailed);
-
-    std::vector<ExceptionSums> thrown;
-    ASSERT_EQ(query.exceptions(lastMinutes().span, thrown), Answered::kOk);
-    ASSERT_EQ(thrown.size(), 1U);
-    EXPECT_EQ(thrown[0].lastText, "in show of Cart: too late, because of db");
-    EXPECT_TRUE(thrown[0].lastTransaction == row.id && thrown[0].bts.at(0).first == "Pay");
 }
 
-TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
+TEST_F(StoreTest, SumsAgreeWithWhatWasSentAndPagesNeitherSkipNorRepeat) {
     open();
     take("7,2,Pay");
-    take("5,DB_orders,9");
     Figures sent;
     for (int i = 0; i < 500; ++i) {
         const int category = 10 + i % 4;
-        transaction(1000 + i, 1000 + i * 400, i, category, i % 2 ? "T1:9:2.500:10:-:0::::200_" : "",
-                    "/item/" + std::to_string(i));
+        transaction(1000 + i, 1000 + i * 400, i, category);
         sent.add(oneOf(i, category));
     }
     take("4,5000,-99,10,0,40,2,0,,0,");
@@ -182,13 +174,6 @@ TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
     ASSERT_EQ(query.sums(longSteps, sums), Answered::kOk);
     EXPECT_TRUE(sums.all == sent && sums.steps.size() <= 2) << "both steps say the same";
 
-    Backends backends;
-    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk);
-    ASSERT_EQ(backends.rows.size(), 1U);
-    EXPECT_TRUE(backends.rows[0].count == 250 && backends.rows[0].averageMs == 2.5 &&
-                backends.rows[0].kind == "DB");
-    EXPECT_TRUE(backends.edges.size() == 1 && backends.edges[0].fromInstance == instanceKey(kShop.text()));
-
     TransactionsQuery page;
     page.limit = 77;
     std::size_t seen = 0;
@@ -199,7 +184,7 @@ TEST_F(StoreTest, SumsAndFiltersAgreeWithWhatWasSent) {
         page.beforeAt = rows.back().at;
         page.beforeId = rows.back().id;
     }
-    EXPECT_EQ(seen, 500U) << "pages neither skip nor repeat";
+    EXPECT_EQ(seen, 500U);
 }
 
 TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
@@ -261,23 +246,18 @@ TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
     limit.rlim_cur = most;
     ::setrlimit(RLIMIT_FSIZE, &limit);
     ASSERT_TRUE(test::eventually([&] { return store->status().fault.empty(); }));
+    store->finish();
     const auto dropped = static_cast<std::int64_t>(store->status().dropped);
-    close();
     EXPECT_GT(dropped, 0);
+    EXPECT_EQ(static_cast<std::int64_t>(store->status().written) + dropped, kSent);
+    close();
     Sums sums;
     ASSERT_EQ(query.sums(lastMinutes(), sums), Answered::kOk);
     EXPECT_EQ(sums.all.count, static_cast<std::uint64_t>(kSent)) << "sums know of all";
-    std::int64_t stored = 0, told = 0;
-    std::vector<TransactionRow> rows;
-    for (std::int64_t last = 0;
-         query.transactionsBehind(last, {}, 5000, rows) == Answered::kOk && !rows.empty();) {
-        stored += static_cast<std::int64_t>(rows.size());
-        last = rows.back().id;
-    }
+    std::int64_t told = 0;
     std::vector<LinkRow> links;
-    ASSERT_EQ(query.links({}, 0, 10000, links), Answered::kOk);
+    ASSERT_EQ(query.links({}, 0, kSumStep, links), Answered::kOk);
     for (const LinkRow& link : links) told += link.dropped;
-    EXPECT_EQ(stored + dropped, kSent);
     EXPECT_EQ(told, dropped);
 }
 
@@ -375,7 +355,7 @@ TEST_F(StoreTest, GivesUpInstancesThatAreGoneAndAsksThoseThatComeBackForTheirNam
     EXPECT_EQ(runs.takeGivenUp().size(), 5U) << "nothing that is connected gives way";
     close();
     std::vector<LinkRow> links;
-    ASSERT_EQ(query.links({}, instanceKey(kShop.text()), 10000, links), Answered::kOk);
+    ASSERT_EQ(query.links({}, instanceKey(kShop.text()), kSumStep, links), Answered::kOk);
     std::int64_t incomplete = 0;
     for (const LinkRow& link : links) incomplete += link.incomplete;
     EXPECT_EQ(incomplete, 2) << "one at the end of its run, one when it was given up";
