@@ -369,7 +369,10 @@ void CollectorServer::askForNames() {
 
 void CollectorServer::heartbeatAll() {
     for (Connection& connection : connections_)
-        if (connection.kind == StreamKind::kControl) send(connection, heartbeatLine(++connection.heartbeats));
+        if (connection.kind == StreamKind::kControl) {
+            send(connection, heartbeatLine(++connection.heartbeats));
+            connection.beatAt = epochNow();
+        }
 }
 
 void CollectorServer::readCommands() {

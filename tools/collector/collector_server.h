@@ -57,6 +57,8 @@ struct Connection {
     FileSet told;                   // the files that the instance knows of
     std::int64_t rulesVersion = 0;  // of the rules among them, once it has answered
     int heartbeats = 0;
+    std::int64_t beatAt = 0,
+                 beatTakenAt = 0;  // the last one sent; the last one that the other host has taken
     std::unique_ptr<std::FILE, FileCloser> file;
 };
 

@@ -1,11 +1,23 @@
 // The picture of its connections that the collector gives to the page.
 #include <algorithm>
 
+#include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vxlb_clock.h"
 #include "tools/collector/collector_server.h"
 #include "tools/collector/store_rows.h"
 
 namespace vx::collector {
+
+namespace {
+
+// An instance answers no heartbeat: it sends its own when it hears none. That its host has acknowledged ours
+// is the sign that the link stands.
+void noteTakenBeat(Connection& connection) {
+    if (connection.beatAt > 0 && connection.out.empty() && vx_platform_unacknowledged(connection.fd) == 0)
+        connection.beatTakenAt = connection.beatAt;
+}
+
+}  // namespace
 
 // Of those that went away, the one that was heard longest ago.
 void CollectorServer::forgetOldest() {
@@ -32,7 +44,7 @@ void CollectorServer::addStatus(const Connection& connection) {
     if (connection.kind == StreamKind::kControl) {
         status.started = connection.started;
         status.rulesVersion = connection.rulesVersion;
-        status.lastHeartbeat = std::max(status.lastHeartbeat, connection.heardAt);
+        status.lastHeartbeat = std::max({status.lastHeartbeat, connection.heardAt, connection.beatTakenAt});
     }
     status.links.push_back({kindText(connection.kind), connection.peer, connection.since, connection.heardAt,
                             connection.received});
@@ -56,8 +68,10 @@ void CollectorServer::publishStatus() {
         status.started = false;
         status.rulesVersion = 0;
     }
-    for (const Connection& connection : connections_)
+    for (Connection& connection : connections_) {
+        noteTakenBeat(connection);
         if (connection.kind != StreamKind::kUnknown) addStatus(connection);
+    }
     const Summary& sums = runs_.summary();
     auto status = std::make_shared<CollectorStatus>();
     status->now = vxlb_now_ms();

@@ -66,18 +66,14 @@ TEST_F(Page, AnswersThisMachineOnly) {
         {"evil.example:8080", "", "", "/", false, 403},
         {"127.0.0.1.evil.example", "", "", "/", false, 403},
         {"", "", "", "/", false, 403},
-        {"[::1", "", "", "/", false, 403},
         {"localhost:8080", "", "", "/../etc/passwd", false, 404},
-        {"localhost", "", "", "/api/nothing", false, 404},
         {"localhost", "", "", "/api/status", false, 503},    // no picture yet
         {"localhost", "", "", "/api/overview", false, 503},  // no store
-        {"localhost", "", kJson, "/", true, 405},
         {"localhost", "", kJson, "/api/transactions/7", true, 405},
         {"localhost", "", "application/jsonx", "/api/rules/try", true, 415},
         {"localhost", "http://evil.example", kJson, "/api/rules/try", true, 403},
         {"localhost", "null", kJson, "/api/rules/try", true, 403},
         {"localhost", "http://localhost", "application/json; charset=utf-8", "/api/rules/try", true, 400},
-        {"localhost", "https://localhost", kJson, "/api/rules/try", true, 400},
     };
     for (const auto& row : rows) {
         PageRequest request = pageGet(row.path);
@@ -93,74 +89,44 @@ TEST_F(GuardedPage, AsksForItsToken) {
     EXPECT_EQ(ask(pageGet("/api/status")).status, 401);
     EXPECT_EQ(ask(pagePost("/api/rules", "{}")).status, 401);
     EXPECT_EQ(ask(pageGet("/")).location, "/login");
-    EXPECT_EQ(ask(pageGet("/style.css")).status, 200);  // the login page's own
-
     PageRequest bearer = pageGet("/");
-    for (const char* wrong :
-         {"Bearer ", "Bearer 0123456789abcdee", "Bearer 0123456789abcdef0", "0123456789abcdef"}) {
-        bearer.authorization = wrong;
-        EXPECT_EQ(ask(bearer).status, 303) << wrong;
+    for (const char* given : {"Bearer ", "Bearer 0123456789abcdee", "Bearer 0123456789abcdef0", kToken,
+                              "Bearer 0123456789abcdef"}) {
+        bearer.authorization = given;
+        EXPECT_EQ(ask(bearer).status, given == std::string("Bearer ") + kToken ? 200 : 303) << given;
     }
-    bearer.authorization = std::string("Bearer ") + kToken;
-    EXPECT_EQ(ask(bearer).status, 200);
 
     EXPECT_EQ(login("wrong").status, 401);
-    const PageAnswer answer = login("%30123456789abcdef");
-    EXPECT_EQ(answer.status, 303);
-    EXPECT_NE(answer.setCookie.find("; HttpOnly; SameSite=Strict"), std::string::npos);
-    EXPECT_EQ(answer.setCookie.find(kToken), std::string::npos);
-    PageRequest browser = pageGet("/");
-    browser.cookie = "a=b; " + answer.setCookie.substr(0, answer.setCookie.find(';'));
+    const std::string cookie = login("%30123456789abcdef").setCookie;
+    EXPECT_NE(cookie.find("; HttpOnly; SameSite=Strict"), std::string::npos);
+    EXPECT_EQ(cookie.find(kToken), std::string::npos);
+    PageRequest browser = pageGet("/"), leaving = pagePost("/logout", "");
+    browser.cookie = leaving.cookie = "a=b; " + cookie.substr(0, cookie.find(';'));
     EXPECT_EQ(ask(browser, kSessionSeconds - 1).status, 200);
-    EXPECT_EQ(ask(browser, kSessionSeconds).status, 303);
-
-    const PageAnswer again = login(kToken);
-    browser.cookie = again.setCookie.substr(0, again.setCookie.find(';'));
-    browser.post = true;
-    browser.path = "/logout";
-    EXPECT_EQ(ask(browser).location, "/login");
-    browser.post = false;
-    browser.path = "/";
+    EXPECT_EQ(ask(leaving).location, "/login");
     EXPECT_EQ(ask(browser).status, 303);
-}
 
-TEST_F(GuardedPage, KeepsSoManyLogins) {
-    const std::string first = login(kToken).setCookie;
-    PageRequest browser = pageGet("/");
-    browser.cookie = first.substr(0, first.find(';'));
+    const std::string next = login(kToken).setCookie;
+    browser.cookie = next.substr(0, next.find(';'));
     for (std::size_t i = 1; i < kMostSessions; ++i) login(kToken);
     EXPECT_EQ(ask(browser).status, 200);
+    EXPECT_EQ(ask(browser, kSessionSeconds).status, 303);
     login(kToken);
     EXPECT_EQ(ask(browser).status, 303);
 }
 
-TEST_F(Page, TokenFilesHoldAToken) {
-    std::string token, error;
-    EXPECT_TRUE(readToken(dir.write("good", "0123456789abcdef\nmore"), token, error));
-    EXPECT_EQ(token, kToken);
-    for (const char* bad : {"", "short\n", "0123456789 abcdef"}) {
-        EXPECT_FALSE(readToken(dir.write("bad", bad), token, error));
-        EXPECT_TRUE(token.empty());
-        EXPECT_EQ(error.find("0123"), std::string::npos);
-    }
-    EXPECT_FALSE(readToken(dir / "none", token, error));
-}
-
 TEST_F(Page, TriesRules) {
     dir.write("BTRuleConfig", "7|Shop|2|1|/shop|0\n7|Cart|3|0|/shop/cart|0|1|x=1\n");
-    EXPECT_EQ(
-        json(pagePost("/api/rules/try", R"({"url":"/shop/cart?x=1","method":"GET"})")),
-        R"({"bt":"Cart","btId":3,"deciding":"patterns","excluded":false,"line":2,"lines":[)"
-        R"({"kind":"pattern rule","number":1,"outcome":"outdone","reason":"line 2 asks for more of the request",)"
-        R"("text":"7|Shop|2|1|/shop|0"},)"
-        R"({"kind":"pattern rule","number":2,"outcome":"names","reason":"takes the request",)"
-        R"("text":"7|Cart|3|0|/shop/cart|0|1|x=1"}],"why":"line 2 names it \"Cart\""})");
+    const std::string told = json(pagePost("/api/rules/try", R"({"url":"/shop/cart?x=1","method":"GET"})"));
+    for (const char* part :
+         {R"("bt":"Cart","btId":3,)", R"("outcome":"outdone","reason":"line 2 asks for more)",
+          R"("outcome":"names")", R"("why":"line 2 names it \"Cart\"")"})
+        EXPECT_NE(told.find(part), std::string::npos) << part << "\n" << told;
     const std::string edited = json(pagePost(
         "/api/rules/try", R"({"url":"/a","headers":{"S":"e"},"text":"1|1|n|d|-|-|Request-Header|S|-"})"));
     EXPECT_NE(edited.find(R"("bt":"/a.e")"), std::string::npos) << edited;
-    for (const char* bad :
-         {"", "[]", "{\"url\":7}", "{\"url\":\"\"}", "{\"url\":\"/a\",\"headers\":{\"S\":1}}",
-          "{\"url\":\"/a\",\"text\":\"a\\u0000b\"}", "{\"url\":\"/a\",\"url\":\"/b\"}"})
+    for (const char* bad : {"[]", "{\"url\":7}", "{\"url\":\"/a\",\"headers\":{\"S\":1}}",
+                            "{\"url\":\"/a\",\"text\":\"a\\u0000b\"}"})
         EXPECT_EQ(ask(pagePost("/api/rules/try", bad)).status, 400) << bad;
     EXPECT_EQ(
         ask(pagePost("/api/rules/try", R"({"url":"/a","text":")" + std::string(300000, '#') + "\"}")).status,
@@ -206,7 +172,6 @@ TEST_F(Page, SavesWhatWasEdited) {
     const PageAnswer first = save("\"none\"", R"(7|A|2|0|/a|0\n)");
     EXPECT_EQ(dir.read("BTRuleConfig"), "7|A|2|0|/a|0\n");
     EXPECT_NE(test::compactJson(first.body).find("\"version\":" + shown("version")), std::string::npos);
-    EXPECT_EQ(ask(pagePost("/api/rules", R"({"text":""})")).status, 400);
 
     // Two edit at once: the second must read again what the first has saved. So when the file vanishes.
     const std::string digest = shown("digest");
@@ -258,28 +223,6 @@ TEST(PageJson, WritesWhateverTextsHold) {
     EXPECT_EQ(json.take(),
               "{\"a\\\"\":\"<\\u0001\\\\\\n\\t?\xc3\xa4?????\?\?\?\?\?\xf0\x9f\x98\x80?\","
               "\"b\":[1.5,null,0.25,12,-3],\"c\":null,\"d\":false,\"e\":[]}");
-    JsonText large;
-    const std::string part(1 << 20, 'x');
-    large.open('[');
-    for (int i = 0; i < 17; ++i) large.item(part);
-    EXPECT_TRUE(large.full());
-}
-
-TEST(PageParameters, ReadWholeNumbersInRange) {
-    PageRequest request;
-    request.arguments = formFields("a=5&b=5x&c=&d=99&e&%66=%2b+1");
-    EXPECT_EQ(PageParameters(request).text("f"), "+ 1");
-    const struct {
-        const char* name;
-        std::int64_t value;
-        bool good;
-    } rows[] = {{"a", 5, true},  {"b", 7, false}, {"c", 7, true},
-                {"d", 7, false}, {"e", 7, true},  {"g", 7, true}};
-    for (const auto& row : rows) {
-        PageParameters given(request);
-        EXPECT_EQ(given.number(row.name, 7, 0, 10), row.value) << row.name;
-        EXPECT_EQ(given.fault().empty(), row.good) << row.name;
-    }
 }
 
 }  // namespace
