@@ -1,14 +1,10 @@
 #include "commonlibc/NIOThread.h"
 
-#include <malloc.h>
-#include <unistd.h>
-
 #include <string>
 
 #include "commonlibc/NIOConnection.h"
 #include "commonlibc/NIODataDispatcher.h"
 #include "tests/support/link_fixture.h"
-#include "tests/support/sanitizer_growth.h"
 
 namespace vx::test {
 namespace {
@@ -85,18 +81,6 @@ TEST_F(AutoSensorThread, EachStopWordEndsItWhereverItStands) {
     }
 }
 
-TEST_F(AutoSensorThread, AReportThatTheEndOfTheRunOvertakesArrives) {
-    vxUpcalls.monitorCycle = [](VXMonitorPhase phase) {
-        if (phase != VXMonitorPhase::kTurn) return;
-        vxCurrent()->Server.testRunRunning = 0;
-        EXPECT_TRUE(dumpAndSendDataToVXC("74,overtaken\n", 13));
-    };
-    FakePeer remote = start();
-    EXPECT_EQ(remote.readToEnd(), "74,overtaken\n");
-    EXPECT_TRUE(ended());
-    EXPECT_EQ(dump("74,of no run\n"), 1);
-}
-
 TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
     vx_word_set(app->VXSys.ASDataBufferSize, 8);
     vx_word_set(app->VXSys.ASDataBufferMaxCount, 4);
@@ -112,20 +96,6 @@ TEST_F(AutoSensorThread, AFullChainIsSentAtOnceForAMonitor) {
     vxDiscardChain(chain());
     EXPECT_EQ(received + chain().recordsDropped, 23u);
     EXPECT_FALSE(dumpAndSendDataToVXC("74,longer than two nodes\n", 25));
-}
-
-TEST_F(AutoSensorThread, ManyStartsLeaveNothingBehind) {
-    const auto run = [&] {
-        const FakePeer remote = start();
-        ASSERT_TRUE(eventually([&] { return app->autoSensor.asSocket.get() != nullptr; }));
-        stop();
-    };
-    for (int i = 0; i < 3; ++i) run();
-    const int before = descriptorsOf(::getpid());
-    const std::size_t memory = mallinfo2().uordblks;
-    for (int i = 0; i < 50; ++i) run();
-    EXPECT_EQ(descriptorsOf(::getpid()), before);
-    EXPECT_LT(mallinfo2().uordblks, memory + 65536);
 }
 
 }  // namespace

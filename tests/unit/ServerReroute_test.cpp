@@ -6,7 +6,6 @@
 #include "commonlibc/VXProtocol.h"
 #include "commonlibc/VXSettingsFile.h"
 #include "commonlibc/VXSettingsRewrite.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
@@ -48,7 +47,6 @@ protected:
         upDateAgentSupportedProtocolData("WS:80,TCP:7892");
         setVXCHost("old");
         setVXCPort(7892);
-        app->control.requestType = 0;
     }
     // A collector record as "host:port".
     static std::string record(int index) {
@@ -57,28 +55,6 @@ protected:
     }
     static constexpr const char* kOrder = "vx_control_req:action=reroute_ctrl_con;";
 };
-
-TEST_F(Reroute, MakesTheTargetTheMasterEndsTheRunAndTheConnection) {
-    FakeClock clock;
-    app->control.lastConnectionTimeStamp = clock.nowMs() - 5000;
-    app->Server.instrumentationStarted = app->Server.testRunRunning = 1;
-    app->Server.numRunning = 1;
-    app->collectors.activeVXCIndex = 1;
-    handle(std::string(kOrder) +
-           "vxcHost=new.example;vxcPort=4433;tier=Web;server=h9;instance=i2;clusterMode=0");
-    EXPECT_EQ(record(0), "new.example:4433");
-    EXPECT_EQ(app->collectors.activeVXCIndex, 0);
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WS:80,TCP:4433") << "what the new one is told";
-    EXPECT_EQ(read("vxsettings.conf"), "vxcHost=new.example\nvxcPort=4433\ntags=a\n");
-    EXPECT_STREQ(getTierName(), "Web");
-    EXPECT_STREQ(getAppServerName(), "h9");
-    EXPECT_STREQ(getAppName(), "i2");
-    EXPECT_EQ(app->control.requestType, 2);
-    EXPECT_STREQ(app->control.connDestination, "old:7892");
-    EXPECT_EQ(app->control.connDuration, 5000);
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
-    EXPECT_EQ(app->Server.testRunRunning + app->Server.instrumentationStarted + app->Server.numRunning, 0);
-}
 
 TEST_F(Reroute, LeavesWhatTheLineDoesNotChange) {
     const std::string before = record(0);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "commonlibc/VXBCISettings.h"
-#include "tests/support/dumped_records.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/trace_file.h"
@@ -51,29 +50,6 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->VXSys.dataConnState, 0);
 }
 
-TEST_F(Server, AMetadataRequestRepeatsWhatItNames) {
-    const std::string prefix = "vx_meta_data_req:action=send_meta_data;";
-    handle(prefix);
-    EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>");
-    hashMapForAgent();
-    openDumping(*app);
-    VXBTConfigModelInit();
-    char bt[kBtNameBufferSize] = "/a";
-    updateBTObject(bt);
-    for (const auto& [fields, methods, bts] : {std::tuple("", true, true),
-                                               {"recordType=7,7;", false, true},
-                                               {"5;112", true, false},
-                                               {"types=112", false, false}}) {
-        clearDumped(*app);
-        handle(prefix + fields);
-        EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:status=complete;");
-        const std::string text = dumpedText(*app);
-        EXPECT_EQ(text.find("5,") != std::string::npos, methods) << fields;
-        EXPECT_EQ(text.find("7,2,/a\n") != std::string::npos, bts) << fields;
-    }
-    closeDumping(*app);
-}
-
 TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {
     for (int run = 1; run <= 2; ++run) {
         handle(kStart + "zorEpochDiff=1600000000;TimeStampDiff=500;tierID=7;testIdx=4;");
@@ -91,16 +67,6 @@ TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {
         EXPECT_EQ(stored(), "(none)");
         EXPECT_EQ(app->Server.instrumentationStarted + app->Server.numRunning, 0);
     }
-}
-
-TEST_F(Server, AStartOverARunEndsTheFormerThreadFirst) {
-    handle(kStart);
-    FakePeer first = acceptData();
-    setToStopThread(1);  // with both threads it would be a repeated start
-    ASSERT_TRUE(eventually([&] { return !app->autoSensor.autoSensor_thread_running; }));
-    handle(kStart);
-    EXPECT_TRUE(first.readToEnd().ends_with("10,\n"));
-    acceptData();
 }
 
 TEST_F(Server, AStartIsGivenUpWhenAThreadOfTheFormerRunWillNotEnd) {
@@ -176,23 +142,6 @@ TEST_F(Server, AMergeTakesTheValuesOfTheChange) {
     app->identity.startInstrumentation = vxlb_strdup(doubled.c_str());
     update_instrument_profile(("action=modify;a=" + std::string(1000, 'x')).c_str());
     EXPECT_EQ(stored(), doubled) << "a merge that would grow without end is refused";
-}
-
-TEST_F(Server, ErrorRulesMarkRangesOfStatuses) {
-    const auto marks = [&] {
-        std::string text;
-        for (const auto& mark : app->VXBCISetting.btErrorArray) text += mark;
-        return text;
-    };
-    const std::string before = marks();
-    parseBtError("0|0|fine|500|502|-\n0|1|wrong|598|600|x\n0|1|short|1\n0|1|late|0|99|-\n");
-    std::string expected = before;
-    expected.replace(500, 3, "TTT").replace(598, 2, "FF");
-    EXPECT_EQ(marks(), expected);
-    parseBtError("1|1|not acting|0|9|-\n0|1|below|-1|9|-\n0|1|late|0|99|-");
-    parseBtError("0|1|above|0|601|-\n");
-    parseBtError("0|1|reversed|9|0|-\n");
-    EXPECT_EQ(marks(), expected);
 }
 
 }  // namespace

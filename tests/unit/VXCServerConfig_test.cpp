@@ -10,42 +10,7 @@
 namespace vx {
 namespace {
 
-// The state of a failover decision, in one comparable line.
-std::string outcome(const vxApplication& app, const VXCollectorRecord& chosen) {
-    return std::string(chosen.host) + ":" + std::to_string(chosen.port) + " state " +
-           std::to_string(vxCollectorAt(0).state) + std::to_string(vxCollectorAt(1).state) + " master " +
-           std::to_string(app.collectors.activeOnMaster) + " pending " +
-           std::to_string(app.collectors.dr_switch_pending);
-}
-
 class Collectors : public test::HomeFixture {};
-
-TEST_F(Collectors, TheChoiceFollowsModeAndPendingSwitch) {
-    const struct {
-        bool hasBackup;
-        int clusterMode, envConfigured, activeOnMaster, pending, limitHit;
-        const char* outcome;
-    } rows[] = {
-        {true, 0, 0, 0, 0, 0, "m:1 state 10 master 1 pending 0"},
-        {true, 0, 0, 1, 1, 0, "b:2 state 01 master 0 pending 0"},
-        {true, 0, 0, 0, 1, 0, "m:1 state 10 master 1 pending 0"},
-        {false, 0, 0, 1, 1, 0, "m:1 state 10 master 1 pending 0"},
-        {true, 1, 0, 0, 0, 0, "b:2 state 11 master 0 pending 0"},  // the reroute target
-        {true, 1, 0, 0, 0, 1, "m:1 state 10 master 1 pending 0"},
-        {true, 1, 1, 0, 0, 0, "m:1 state 10 master 1 pending 0"},  // the environment outweighs the cluster
-    };
-    for (const auto& row : rows) {
-        clear_vxc_server_setting();
-        setPrimaryVXC("m", 1);
-        if (row.hasBackup) setBackupVXC("b", 2);
-        vxSetCollectorState(0, 1);
-        app->collectors.clusterMode = row.clusterMode;
-        app->VXBCISetting.envConfigured = row.envConfigured;
-        app->collectors.activeOnMaster = row.activeOnMaster;
-        app->collectors.dr_switch_pending = static_cast<std::uint8_t>(row.pending);
-        EXPECT_EQ(outcome(*app, vxChooseEndpoint(row.limitHit != 0)), row.outcome) << &row - rows;
-    }
-}
 
 TEST_F(Collectors, ThePolicyIsReadFromTheReply) {
     const std::string ok = "vx_ctrl_msg_rep:result=Ok;status=RUNNING;";

@@ -66,18 +66,6 @@ TEST_F(ConnectMessages, ControlLine) {
             "tags={};attributes={};protoVer=0; \n");
 }
 
-TEST_F(ConnectMessages, ControlLineWithTagsTokenAndNoProcess) {
-    setJson_tag("{\"a\":\"b\"}");
-    setJson_attr("c=d");
-    setAuthtoken("secret");
-    app->control.lws_active = 1;
-    app->identity.numProcess = 0;
-    const std::string line = control();
-    EXPECT_TRUE(
-        line.ends_with(";authtoken=secret;tags={\"a\":\"b\"};attributes={\"c\":\"d\"};protoVer=1; \n"));
-    EXPECT_NE(line.find(";pid=0;"), std::string::npos) << line;
-}
-
 TEST_F(ConnectMessages, SaasLineWhileTheFirstRecordIsTheSaasEndpoint) {
     setSaasHostPort("saas.example:8443");
     setProjKey("key");

@@ -2,14 +2,12 @@
 
 #include <atomic>
 #include <limits>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/app_fixture.h"
 #include "tests/support/dumped_records.h"
-#include "tests/support/fake_clock.h"
 
 namespace vx::test {
 namespace {
@@ -74,32 +72,6 @@ TEST_F(DataDispatcher, AChainTakesSplitsCutsOrRefuses) {
     }
 }
 
-TEST_F(DataDispatcher, DiscardsOutsideARunAndWithoutBytes) {
-    openDumping(*app, 2, 16);
-    dumpData("abc", -1);
-    app->Server.testRunRunning = 0;
-    add("late\n");
-    EXPECT_EQ(dumpedText(*app), "");
-    app->Server.draining = 1;
-    add("10,\n");
-    EXPECT_EQ(dumpedText(*app), "10,\n");
-}
-
-TEST_F(DataDispatcher, AChainTurnsNoMoreNodesThanItNeeds) {
-    openDumping(*app, 50, 8);
-    movePartialToReadList();  // nothing written: the node stays
-    EXPECT_EQ(app->data.chain.readListSize, 0);
-    std::set<const VXBufferNode*> written;
-    for (int turn = 0; turn < 100; ++turn) {
-        written.insert(app->data.chain.VXBCIAgentBB);
-        add("ab\n");
-        movePartialToReadList();
-        giveBackOne();
-    }
-    EXPECT_EQ(written.size(), 2u);
-    EXPECT_EQ(app->data.chain.writeListSize, 50);
-}
-
 TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     openDumping(*app, 3, 4);
     add("ab\n");
@@ -114,24 +86,6 @@ TEST_F(DataDispatcher, ANewThreadKeepsTheNodesAndForgetsTheirData) {
     EXPECT_EQ(chain.VXCollectorBB, nullptr);
     EXPECT_EQ(chain.writeListTail->offset, 0);
     EXPECT_EQ(chain.recordsDropped, 2u);  // what nobody gets is counted
-}
-
-TEST_F(DataDispatcher, WritesAHeartbeatWhenTheIntervalHasPassed) {
-    FakeClock clock(1000);
-    openDumping(*app, 2, 8);
-    vx_word_set(app->VXSys.dataHeartbeatInterval, 10);
-    app->Server.zorEpochDiff = -500;
-    handleHeartBeat(0);  // only notes the time
-    EXPECT_EQ(app->data.lastDataHeartbeatTime, 1500);
-    clock.advanceMs(9999);
-    handleHeartBeat(0);
-    EXPECT_EQ(dumpedText(*app), "");
-    clock.advanceMs(1);
-    handleHeartBeat(0);
-    EXPECT_EQ(listText(app->data.chain.writeListHead), "\n||");
-    clock.advanceMs(10000);
-    handleHeartBeat(1);  // hands the node over
-    EXPECT_EQ(listText(app->data.chain.readListHead), "\n\n|");
 }
 
 TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/dumped_records.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
@@ -199,27 +198,6 @@ TEST_F(DataThread, AServiceStopSendsWhatTheChainHoldsAndNoTenRecord) {
     EXPECT_TRUE(eventually(vxDataThreadsDrained));
     VXProxyInstance = nullptr;
     VXProxy.numInstance = 0;
-}
-
-TEST_F(DataThread, WithoutBuffersItEndsAtOnce) {
-    vx_word_set(app->VXSys.bciDataBufferMaxSize, 0);
-    startRun();
-    EXPECT_TRUE(ended());
-    EXPECT_EQ(app->data.controlCommunicationBusyFlag, 0);  // the next start may change the size
-}
-
-TEST_F(DataThread, IdentityRecordsStayOneLineAndAreNotWrittenForNothing) {
-    openDumping(*app);
-    for (const std::string& text :
-         {std::string(), std::string("{}"), std::string("{\"a\":\n1}"), std::string(6000, 'y')}) {
-        setSharedText(app->retired, app->VXBCISetting.tags, text.c_str());
-        setSharedText(app->retired, app->VXBCISetting.attributes, text.c_str());
-        tag_record();
-        attr_record();
-    }
-    const std::string cut(5114, 'y');
-    EXPECT_EQ(dumpedText(*app), "110,{}\n110,{\"a\": 1}\n111,{\"a\": 1}\n110," + cut + "\n111," + cut + "\n");
-    closeDumping(*app);
 }
 
 }  // namespace

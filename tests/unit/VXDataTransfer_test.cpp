@@ -121,22 +121,6 @@ TEST_F(Transfer, AResetCostsNothingThatTheOtherHostHadNotTaken) {
     expectSums();
 }
 
-TEST_F(Transfer, APeerThatEndsWithoutReadingIsSeenWithoutAnotherRecord) {
-    openDumping(*app, 4, 4000);
-    FakePeer peer = connect();
-    peer.close();
-    write();
-    EXPECT_NE(send(), kSendLost);  // the system takes it; the answer is a reset
-    EXPECT_EQ(send(), kSendLost);
-    close();
-    FakePeer second = connect();
-    EXPECT_EQ(send(), kSendDone);
-    close(1000000);
-    receive(second);
-    EXPECT_EQ(chain().recordsDropped, 0u);
-    expectSums();
-}
-
 TEST_F(Transfer, AConnectionClosedAgainstAStalledPeerCallsTheRestBack) {
     openDumping(*app, 200, 30000);
     FakePeer peer = connect();

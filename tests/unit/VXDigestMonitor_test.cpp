@@ -28,39 +28,6 @@ protected:
     std::unique_ptr<vxTD> slot = std::make_unique<vxTD>();
 };
 
-TEST_F(DigestMonitor, TheKeywordSetsTypePeriodAndPercentilesOrNothingAtAll) {
-    const VXDigestSettings& settings = app->digest.bt;
-    const struct {
-        const char* value;
-        std::int32_t type, periodMs;
-        std::uint64_t percentiles;
-    } rows[] = {
-        {"1", 1, 300000, 9500},
-        {"1%2010000", 1, 10000, 9500},
-        {"1%2086400000%20100", 1, 86400000, 10000},
-        {"1%2060000%200.01,50,95.5,99.999", 1, 60000, 1ULL | 5000ULL << 16 | 9550ULL << 32 | 10000ULL << 48},
-        {"0%2060000%2050", 0, 60000, 5000},
-    };
-    for (const auto& row : rows) {
-        setDigestPercentileBT(row.value);
-        EXPECT_TRUE(settings.type == row.type && settings.periodMs == row.periodMs) << row.value;
-        EXPECT_EQ(settings.percentiles, row.percentiles) << row.value;
-    }
-    for (const std::string& refused :
-         {std::string("2"), std::string("1x"), std::string("1%209999"), std::string("1%2086400001"),
-          std::string("1%2060000%20"), std::string("1%2060000%200"), std::string("1%2060000%20100.01"),
-          std::string("1%2060000%20nan"), std::string("1%2060000%2050,"),
-          std::string("1%2060000%2010,20,30,40,50"), std::string("1%2060000%2050%201"),
-          std::string(5000, '1')}) {
-        setDigestPercentileBT(refused.c_str());
-        EXPECT_TRUE(settings.type == 0 && settings.periodMs == 60000 && settings.percentiles == 5000)
-            << refused;
-    }
-    setDigestPercentileBT("1");
-    vxDigestInit();
-    EXPECT_EQ(settings.type, 0) << "no run inherits it";
-}
-
 TEST_F(DigestMonitor, EachBtHasItsPercentilesAndALineOfAll) {
     EXPECT_EQ(reportOf(generateAndDumpBTDigestRecord), "");
     setDigestPercentileBT("1%2060000%2025,90");

@@ -184,17 +184,6 @@ TEST_F(FileKeywords, NoLineIsTornBetweenReadLoopAndExchange) {
     EXPECT_EQ(asked().size(), 2 * (answer.size() + heartbeat.size() + 1));  // each a request and a reply
 }
 
-TEST_F(FileKeywords, ALargeFileComesWhole) {
-    std::string content;
-    for (int i = 0; content.size() < 10000000; ++i) content += "line " + std::to_string(i) + "\n";
-    const std::string size = std::to_string(content.size());
-    std::thread sender([&] { peer.send(kHead + size + ";lmd=1;\n" + content); });
-    start("f|" + size + "|1");
-    sender.join();
-    EXPECT_TRUE(parsed == content + "$");
-    EXPECT_TRUE(cached("blackListForDebugSession") == content);
-}
-
 TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
     std::thread stopper([&] {
         EXPECT_EQ(peer.readLine(), kRequest);
@@ -213,14 +202,6 @@ TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
     start("f|3|1", "vxBackendNamingRulesFile=g|3|1;tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(asked(), Lines{kRequest});
-    EXPECT_EQ(getTierID(), 0);
-}
-
-TEST_F(FileKeywords, ALostConnectionEndsThePassAndIsOrderedClosed) {
-    peer.send(kHead + "9;lmd=1;\nabc");
-    peer.close();
-    start("f|9|1", "tierID=9;");
-    EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(getTierID(), 0);
 }
 

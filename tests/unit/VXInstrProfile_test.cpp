@@ -134,21 +134,5 @@ TEST_F(InstrProfiles, ALineIsTakenAsFarAsItGoes) {
     }
 }
 
-TEST_F(InstrProfiles, NoneSelectedResetsTheTableAndAChangeWithoutCountMeansOne) {
-    answer("a", kDbText);
-    modify(group("a", kDbText));
-    EXPECT_EQ(vx_word_get(app->Server.numInstrProfile), 1);
-    const mPP* query = getMethodPropFromMethodName("db.query");
-    ASSERT_TRUE(query);
-    EXPECT_EQ(query->subtype, 1);
-    start("numInstrProfile=1;instrProfile=na;lmd=1;size=1;");
-    EXPECT_EQ(app->Server.noInstrProfile, 1);
-    EXPECT_EQ(query->subtype, 0);
-    asked();
-    modify(group("a", kDbText));  // held, and no longer in force
-    EXPECT_EQ(asked(), "");
-    EXPECT_EQ(query->subtype, 1);
-}
-
 }  // namespace
 }  // namespace vx::test

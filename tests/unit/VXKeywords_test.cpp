@@ -74,14 +74,6 @@ TEST_F(Keywords, AValueOutsideItsRangeLeavesTheEarlierOne) {
     }
 }
 
-TEST_F(Keywords, ATestRunThatChangesAsksForTheMetadata) {
-    for (const int changed : {1, 0}) {
-        apply("testIdx", "7");
-        EXPECT_EQ(app->Server.doNotDumpMetaData, changed);
-        EXPECT_EQ(app->Server.sameTestRun, 1 - changed);
-    }
-}
-
 TEST_F(Keywords, ADefaultGoesBackByTheSameWayAndLeavesWhatIsNotOfOneRun) {
     const std::int32_t size = app->VXSys.bciDataBufferMaxSize, depth = app->VXSys.vxHelperDepth;
     start("bciDataBufferMaxSize=1;fpVersionID=9;vxHelperDepth=9;AgentTraceLevel=2;tierID=4;");
@@ -125,14 +117,6 @@ TEST_F(Keywords, AStartLineChangesNothingWhileADataConnectionStands) {
     EXPECT_STREQ(app->Server.status, "running");
     findStatusFromClientMsg("vx_control_req:action=modify;tierID=6;");
     EXPECT_EQ(app->VXBCISetting.tierID, 6);
-}
-
-TEST_F(Keywords, AnEpochBaseArrivesInSecondsAndIsHeldInMilliseconds) {
-    start("zorEpochDiff=1600000000;");
-    EXPECT_EQ(app->Server.zorEpochDiff, 1600000000000);
-    EXPECT_EQ(app->Server.originalZorEpochDiff, 1600000000000);
-    start("zorEpochDiff=9223372036854775807;");
-    EXPECT_GT(app->Server.zorEpochDiff, 0);
 }
 
 }  // namespace

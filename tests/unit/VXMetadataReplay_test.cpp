@@ -46,15 +46,6 @@ TEST_F(MetadataReplay, WritesMethodsInUseAndThenLiveBts) {
                                         "5,Profiler.Zorvanek.BeginRequest,1", "5,used,3", "7,2,/a"}));
 }
 
-TEST_F(MetadataReplay, TellsABtThatARuleHasReplacedByTheRulesOwnId) {
-    btOf("/a");
-    btOf("/b");
-    find_bt_obj_in_config_map("/a", 9, 1000, 2000, -1, -1);
-    clearDumped(*app);
-    collectAndSendOnlyCached7Records(0, 1);
-    EXPECT_EQ(dumpedText(*app), "7,3,/b\n7,9,/a\n");
-}
-
 // Once, a chain that was full when a method or a BT was met left it without a name for the rest of the run.
 TEST_F(MetadataReplay, WhatThereWasNoRoomForIsToldWithItsNextUse) {
     app->data.data_thread_running = 1;
@@ -77,20 +68,6 @@ TEST_F(MetadataReplay, WhatThereWasNoRoomForIsToldWithItsNextUse) {
         EXPECT_EQ(sortedRecords(), expected);
     }
     EXPECT_EQ(app->data.chain.recordsDropped, 0U) << "nothing was lost";
-}
-
-TEST_F(MetadataReplay, ExceptionsNamesComeAgainLikeTheOthers) {
-    EXPECT_EQ(getIDAndDumpExceptionCause("told"), 1);
-    closeDumping(*app);
-    app->Server.testRunRunning = 1;  // and no node to write into
-    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
-    openDumping(*app);
-    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
-    EXPECT_EQ(checkAndgenerateIDForDiscoveredExceptions("new"), 1);
-    EXPECT_EQ(dumpedText(*app), "32,1,new\n");
-    clearDumped(*app);
-    replayMetaData();
-    EXPECT_TRUE(dumpedText(*app).ends_with("32,1,new\n36,1,told\n")) << dumpedText(*app);
 }
 
 }  // namespace

@@ -49,22 +49,6 @@ TEST_F(MethodTable, ANameOfAnyLengthLeavesOneLine) {
         << "the name is cut, not the id";
 }
 
-TEST_F(MethodTable, ABackendIsKeyedByItsKindAndName) {
-    struct Row {
-        const char* name;
-        int type, subtype;
-        const char* key;  // null: no record
-    };
-    for (const Row& row : {Row{"h", 1, 3, "HTTP_h"}, Row{"", 1, 3, nullptr}, Row{"c", 6, 8, "CUSTOM_c"},
-                           Row{nullptr, 13, 13, "MQ_RABBIT"}, Row{"q", 13, 1, "q"}, Row{"d", 2, 10, "DB_d"},
-                           Row{nullptr, 2, 28, "DB_ORACLE"}, Row{"d", 2, 33, "DB2_d"}, Row{"d", 2, 99, "d"},
-                           Row{nullptr, 2, 99, nullptr}}) {
-        const mPP* method =
-            backend(row.name, static_cast<std::uint8_t>(row.type), static_cast<std::uint8_t>(row.subtype));
-        EXPECT_STREQ(method ? method->methodName : nullptr, row.key);
-    }
-}
-
 TEST_F(MethodTable, ABackendIsFoundAgainAndTakesTheSubtypeOfTheCall) {
     mPP* http = backend("h", kTypeHttp, 3);
     EXPECT_STREQ(http->aliasMethodName.get(), "HTTP_h");

@@ -9,7 +9,6 @@
 
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/bt/VXBTMonitor.h"
-#include "commonlibc/vx_upcalls.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/knowledge_fixture.h"
 #include "tests/support/trace_file.h"
@@ -22,7 +21,6 @@ constexpr std::int64_t kTurnMs = 10000;
 class ReportingCycle : public KnowledgeFixture {
 protected:
     void TearDown() override {
-        vxUpcalls = VXUpcalls{};
         vxFreeChain(app->autoSensor.chain);
         KnowledgeFixture::TearDown();
     }
@@ -82,19 +80,6 @@ TEST_F(ReportingCycle, ReportsAtTheFirstTurnThatReachesItsTime) {
     }
 }
 
-TEST_F(ReportingCycle, WalksOverIdleTransactionsEveryFewTurnsWithAndWithoutAConnection) {
-    static int walks;
-    vxUpcalls.markLongIdleTransactions = [] { ++walks; };
-    for (const auto& [age, turns] :
-         {std::pair(300, 5), std::pair(720, 12), std::pair(0, 5), std::pair(119, 1)}) {
-        app->VXBCISetting.FPMaxAllowedAgeInSec = age;
-        walks = app->monitor.turns = 0;
-        for (int i = 0; i < 2 * turns; ++i)
-            monitorCycle(i % 2 ? VXMonitorPhase::kTurn : VXMonitorPhase::kIdle);
-        EXPECT_EQ(walks, 2) << age;
-    }
-}
-
 TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {
     const TraceFile trace(*app, 1);
     countOne(btOf("/a"));
@@ -105,24 +90,6 @@ TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {
     countOne(btOf("/a"));
     monitorCycle(VXMonitorPhase::kGone);
     EXPECT_TRUE(trace.says("Monitors: lost unreported: transactions = 1, back-end calls = 0, "));
-}
-
-TEST_F(ReportingCycle, DigestsComeByTheirOwnPeriodOnceTheyAreOrderedAndAtTheEnd) {
-    app->VXSys.ASSampleInterval = 0;  // stops the reports, and nothing else
-    monitorCycle(VXMonitorPhase::kSession);
-    std::string made;
-    for (int turn = 0; turn < 8; ++turn) {
-        if (turn == 2) setDigestPercentileBT("1%2020000");
-        countOne(btOf("/a"));
-        clock.advanceMs(kTurnMs);
-        monitorCycle(VXMonitorPhase::kTurn);
-        made += std::to_string(told().lines);
-    }
-    for (int i = 0; i < 2; ++i) {
-        monitorCycle(VXMonitorPhase::kLast);
-        made += std::to_string(told().lines);
-    }
-    EXPECT_EQ(made, "0000101010") << "the last one has what the last turn has brought";
 }
 
 TEST_F(ReportingCycle, TellsEachTransactionOnceHoweverManyAgentsGoOn) {

@@ -89,20 +89,6 @@ TEST_F(MethodTexts, AnEntryLineClassifiesItsMethod) {
     EXPECT_NE(find("next"), nullptr);
 }
 
-TEST_F(MethodTexts, ACustomCalloutHasASecondRecordWithAnIdOfItsOwn) {
-    vxFindOrAddMethod(table, "known", 5);
-    deliver(parseEntryFile, "m|new|CUSTOM_CALLOUT|x\nm|known|CUSTOM_CALLOUT|1\nm|last|REDIS|1\n");
-    deliver(parseEntryFile, "m|new|CUSTOM_CALLOUT|x\nm|known|CUSTOM_CALLOUT|1\nm|last|REDIS|1\n");
-    std::set<std::uint32_t> ids;
-    for (const char* name : {"new", "CUSTOM_new", "known", "CUSTOM_known", "last"})
-        ids.insert(idOf(find(name)));
-    EXPECT_EQ(ids.size(), 5U);
-    const mPP* second = find("new")->customBackend;
-    EXPECT_EQ(second, find("CUSTOM_new"));
-    EXPECT_EQ(second->type, kTypeCustom);
-    EXPECT_EQ(vxAggSlot(app->method.backendArr, second->methodId)->mpp, second);
-}
-
 TEST_F(MethodTexts, ATextThatComesAgainKeepsIdsAndResetsWhatItNoLongerNames) {
     deliver(parseEntryFile, "m|stays|REDIS|1\nm|goes|CUSTOM_CALLOUT|1\n");
     const std::uint32_t stays = idOf(find("stays")), goes = idOf(find("goes"));
@@ -139,28 +125,6 @@ TEST_F(MethodTexts, AMonitoredMethodKeepsWhatItIs) {
     EXPECT_EQ(find("plain")->isEntryPointPtr, 0U);
     EXPECT_EQ(find("new")->isEntryPointPtr, kMethodMonitored);
     EXPECT_EQ(find("new")->aliasMethodName.get(), nullptr);
-}
-
-TEST_F(MethodTexts, AProfileLineNamesItsMethodByItsFields) {
-    struct Row {
-        const char* line;
-        const char* name;  // null: no record
-        std::uint32_t flags;
-        int status;
-    };
-    for (const Row& row :
-         {Row{"m|c|method(int) x|1|0", "c.method", 0, 0}, Row{"m|c||2|1", "c", 1, 0},
-          Row{"m|c|MoveNext|1|1|5", "m.c.MoveNext", 1, 5}, Row{"|c|MoveNext|1|0", "c.MoveNext", 0, 0},
-          Row{"m|zero|x|0|1", nullptr, 0, 0}, Row{"m|few|x|1", nullptr, 0, 0}}) {
-        const std::uint32_t before = app->method.methodIdCounter;
-        deliver(setMethodHashMapNode, std::string("# profile\n") + row.line);
-        EXPECT_EQ(app->method.methodIdCounter - before, row.name ? 1U : 0U) << row.line;
-        if (!row.name) continue;
-        const mPP* method = find(row.name);
-        ASSERT_NE(method, nullptr) << row.line;
-        EXPECT_EQ(method->isEntryPointPtr, row.flags) << row.line;
-        EXPECT_EQ(method->instrumentationStatus, row.status) << row.line;
-    }
 }
 
 TEST_F(MethodTexts, ARunTimeChangeTellsTheCollectorOnce) {

@@ -42,24 +42,5 @@ TEST_F(Protocol, AnAgentsListFillsSlotsTextAndPorts) {
     }
 }
 
-TEST_F(Protocol, TheCollectorsOrderDecides) {
-    static int cleanups;
-    cleanups = 0;
-    upDateAgentSupportedProtocolData("TCP:7000,WSS:7443");
-    app->control.ActiveAgentProtocolIndex = kProtocolTCP;
-    const std::string reply = "vx_ctrl_msg_rep:result=Ok;status=RUNNING;supportedProtocols=";
-    const auto answer = [&](const std::string& offer) {
-        vxClearCollectorProtocols();
-        return setProtocolFromResponseMessage((reply + offer + ";\n").c_str(), [] { ++cleanups; });
-    };
-    EXPECT_EQ(answer("WS:7001,WSS:7443,TCP:7000"), 1);
-    EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolWSS);
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(getProtocolPort(kProtocolWS), 7001);
-    EXPECT_EQ(answer("WSS:7443"), 0) << "nothing changes";
-    EXPECT_EQ(app->control.ActiveAgentProtocolIndex, kProtocolWSS);
-    EXPECT_EQ(cleanups, 1);
-}
-
 }  // namespace
 }  // namespace vx

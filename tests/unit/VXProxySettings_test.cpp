@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "commonlibc/VXCServerConfig.h"
 #include "tests/support/home_fixture.h"
 
 namespace vx {
@@ -62,23 +61,6 @@ TEST_F(ProxySettingsFile, LinesLeaveTheirMark) {
     std::filesystem::create_directories(home() + "/config/proxysetting.conf");
     readVXProxyConfig();
     EXPECT_EQ(outcome(), defaults) << "a folder in the place of the file";
-}
-
-TEST_F(ProxySettingsFile, CeilingsKeepToTheirBounds) {
-    const auto line = [](const VXProxyRow& row, const std::string& value) {
-        return row.key + ("=" + value + "\n");
-    };
-    for (const VXProxyRow& row : vxProxyRows()) {
-        if (!row.ceiling) continue;
-        const std::string bad =
-            line(row, std::to_string(row.min - 1)) + line(row, std::to_string(row.max + 1)) + line(row, "1k");
-        VXProxy.ceilings = {};
-        after(bad);
-        EXPECT_EQ(VXProxy.ceilings.*row.ceiling, VXCeilings{}.*row.ceiling) << row.key;
-        after(line(row, std::to_string(row.max)).append(bad));
-        EXPECT_EQ(VXProxy.ceilings.*row.ceiling, row.max) << row.key;
-    }
-    VXProxy.ceilings = {};
 }
 
 }  // namespace

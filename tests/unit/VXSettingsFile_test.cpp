@@ -8,7 +8,6 @@
 
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXProtocol.h"
-#include "commonlibc/vxlb_utiles.h"
 #include "tests/support/home_fixture.h"
 
 namespace vx {
@@ -61,23 +60,6 @@ TEST_F(SettingsFile, EveryKeyArrives) {
     EXPECT_EQ(app->collectors.dr_enabled, 1);
 }
 
-TEST_F(SettingsFile, ValuesThatAreNoneLeaveTheDefaults) {
-    EXPECT_EQ(
-        pass("tier=\nstackSize=300\nvxcPort=70000\nvxcHost=\nvxcHost=a b\nbackupVxcPort=0\n"
-             "CONNECTION_RETRY_TIME_INTERVAL=0\nagentTraceLevel=2\nagentTraceLevel=5\nVXC_COMM_PROTOCOL=tcp\n"
-             "vxSaasURL=:1\ninstrumentSleep=-1\ntags=neither\n" +
-             std::string("instance=") + std::string(3000, 'x') + "\nvxcHost=h\nvxcHost=a b\n"),
-        0);
-    EXPECT_STREQ(getTierName(), "Default");
-    EXPECT_EQ(setting().stackSize, 512);
-    EXPECT_EQ(record(0), "h:443");
-    EXPECT_EQ(record(1), ":0");
-    EXPECT_EQ(app->VXSys.AgentTraceLevel, 2) << "of several lines the last valid one";
-    EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
-    EXPECT_EQ(setting().saasMode, 0);
-    EXPECT_STREQ(getAppName(), "") << "a line above the limit is passed over whole";
-}
-
 TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
     setenv("ZOR_APP_AGENT_TIER", "envTier", 1);
     setenv("ZOR_APP_AGENT_VXC_COMM_PROTOCOL", "WS:81", 1);
@@ -99,17 +81,6 @@ TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
     unsetenv("ZOR_APP_AGENT_VXCHOST");
     EXPECT_EQ(pass("vxcHost=h\n"), 0);
     EXPECT_EQ(record(0), "h:81");
-}
-
-TEST_F(SettingsFile, TheInstanceNameIsTheTierName) {
-    struct {
-        const char *envTier, *value, *tier;
-    } rows[] = {{nullptr, "y", "I"}, {nullptr, "1", "I"}, {nullptr, "n", "T"}, {"envTier", "y", "envTier"}};
-    for (const auto& row : rows) {
-        row.envTier ? setenv("ZOR_APP_AGENT_TIER", row.envTier, 1) : unsetenv("ZOR_APP_AGENT_TIER");
-        pass(std::string("tier=T\ninstance=I\nvxcHost=h\nZOR_INSTANCE_AS_TIER=") + row.value + "\n");
-        EXPECT_STREQ(getTierName(), row.tier) << row.value;
-    }
 }
 
 TEST_F(SettingsFile, AnInstanceThatIsSetUpTakesTheCollectorsSideOnly) {
@@ -138,27 +109,6 @@ TEST_F(SettingsFile, ALaterPassReplacesWhatTheFileNoLongerNames) {
     EXPECT_EQ(record(1), ":0");
     EXPECT_STREQ(app->VXSys.supportedProtocolsString, "WSS");
     EXPECT_EQ(app->collectors.dr_enabled, 0);
-}
-
-TEST_F(SettingsFile, TheServicesOwnSettingsServeWhereNothingNamesAHost) {
-    VXProxy.vxcHost = vxlb_strdup("fallback.example");
-    VXProxy.vxcPort = 7892;
-    EXPECT_EQ(read_env_var(), 1);
-    EXPECT_EQ(read_conf_file(), 0) << "there is no file, but a host";
-    EXPECT_EQ(record(0), "fallback.example:7892");
-    EXPECT_EQ(pass("vxcPort=7000\n"), 0);
-    EXPECT_EQ(record(0), "fallback.example:7000");
-    EXPECT_EQ(pass("vxcHost=h\n"), 0);
-    EXPECT_EQ(record(0), "h:443");
-}
-
-TEST_F(SettingsFile, AnswersFailureWithoutAFileOrWithoutAHostWhereOneIsNeeded) {
-    EXPECT_EQ(read_conf_file(), 1) << "no file";
-    EXPECT_EQ(pass("tier=T\n"), 0) << "the root context needs no host";
-    VXProxy.proxyMode = 1;
-    app->identity.isProxyInstance = 1;
-    EXPECT_EQ(pass("tier=T\n"), 1);
-    EXPECT_EQ(pass("vxSaasURL=saas.example\n"), 0);
 }
 
 TEST_F(SettingsFile, AChangedFileIsSeenOnceAndOneWithoutContentNever) {

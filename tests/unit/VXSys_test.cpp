@@ -9,28 +9,6 @@ namespace {
 
 class General : public test::HomeFixture {};
 
-TEST_F(General, TheHomeIsFoundByTheFirstVariableThatHoldsOne) {
-    const char* former = getenv("HOME");
-    const std::string kept = former ? former : "";
-    const struct {
-        const char *vxhome, *userprofile, *home, *path;
-    } rows[] = {{"/a", "/b", "/c", "/a/proxy"},
-                {nullptr, "/b", "/c", "/b/proxy"},
-                {"", nullptr, "/c", "/c/proxy"},
-                {nullptr, nullptr, nullptr, "/proxy"}};
-    for (const auto& row : rows) {
-        row.vxhome ? setenv("VXHOME", row.vxhome, 1) : unsetenv("VXHOME");
-        row.userprofile ? setenv("USERPROFILE", row.userprofile, 1) : unsetenv("USERPROFILE");
-        row.home ? setenv("HOME", row.home, 1) : unsetenv("HOME");
-        setVXHome();
-        setProxyVXHome();
-        EXPECT_STREQ(getVXHome(), row.path);
-        EXPECT_STREQ(VXProxy.vxHomePath, row.path);
-    }
-    unsetenv("USERPROFILE");
-    setenv("HOME", kept.c_str(), 1);
-}
-
 TEST_F(General, ASecondCallLeavesWhatRunningThreadsDrive) {
     app->VXSys.bciDataBufferMaxCount = 7;
     app->VXSys.dataDropCount = 12;

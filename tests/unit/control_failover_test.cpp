@@ -158,17 +158,6 @@ TEST_P(Failover, HoweverTheMasterGoesTheBackupIsFoundAndTheMasterAgain) {
     }
 }
 
-TEST_P(Failover, ABackupThatSendsItAwayLeadsToTheMasterAtOnce) {
-    master.relay.refuse(true);
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    ASSERT_TRUE(eventually([&] { return master.relay.accepted() >= 3; }));
-    master.relay.refuse(false);
-    backup.answer("", "0");
-    FakePeer control = master.answer();
-    EXPECT_TRUE(stands(control));
-    EXPECT_EQ(backup.relay.accepted(), 1);
-}
-
 TEST_P(Failover, EachCollectorIsReachedOverTheProtocolThatItNames) {
     writeSettings(master.offer() + other());
     ASSERT_EQ(vxStartControlThread(app), 0);
@@ -205,18 +194,6 @@ TEST_P(Failover, ANegotiatedPortThatNobodyServesIsGivenUpForTheConfiguredOne) {
     backup.answer("", "0");  // found by the retry policy
     FakePeer control = master.answer();
     EXPECT_TRUE(stands(control));
-}
-
-TEST_P(Failover, OneThatNamesNoProtocolIsServedOverTheConfiguredOne) {
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    for (int i = 0; i < 2; ++i) {
-        FakePeer control = master.accept();
-        control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;\n");
-        EXPECT_EQ(control.ended(i == 0 ? kPeerSeconds : 0.05), i == 0);
-        if (i == 0) continue;
-        control.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
-        EXPECT_TRUE(master.accept("vx_data_msg_req:"));
-    }
 }
 
 TEST_P(Failover, TenMinutesOfSilenceAreEnough) {

@@ -149,14 +149,6 @@ TEST_F(ControlLines, AReplyBehindAHeartbeatIsTakenWhereverTheReadEnded) {
     }
 }
 
-TEST_F(ControlLines, ALateReplyThatIsRefusedStopsTheSplitter) {
-    connect();
-    split(kHeartbeat + "\n" + kRefusedReply + "\n" + kTwoLines);
-    EXPECT_EQ(app->control.lateVerdict, kReplyRefused);
-    EXPECT_TRUE(lines.empty());
-    EXPECT_EQ(app->control.controlSocket.get(), nullptr);
-}
-
 TEST_F(ControlLines, AReplyThatBreaksOffClosesTheConnection) {
     connect();
     peer.send("vx_ctrl_msg_rep:res");
@@ -212,17 +204,6 @@ protected:
     }
 };
 
-TEST_F(ControlThread, ASilentCollectorGetsHeartbeatsAndIsThenLeft) {
-    writeSettings(collector.port(),
-                  "backupVxcHostName=127.0.0.1\nbackupVxcPort=" + std::to_string(collector.port()) + "\n");
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    FakePeer control = acceptControl();
-    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 0;");
-    EXPECT_EQ(control.readLine(), "vx_control_req:action=reconnect;heartBeat 1;");
-    EXPECT_EQ(control.readLine(), kNoLine);  // two stayed unanswered: the policy's limit
-    EXPECT_TRUE(acceptControl());
-}
-
 TEST_F(ControlThread, AnOrderToCloseEndsTheConnectionAndAStopTheThread) {
     app->control.pollTimeUs = 0;
     FakePeer control = standing();
@@ -271,15 +252,6 @@ TEST_F(ControlThread, FailedAttemptsAreCountedAndAChangedFileIsRead) {
     ASSERT_EQ(vxStartControlThread(app), 0);
     ASSERT_TRUE(eventually([&] { return app->control.closeCtrlConFlag == 1; }));  // set by a failed attempt
     writeSettings(collector.port(), "# changed\n");
-    EXPECT_TRUE(acceptControl());
-}
-
-TEST_F(ControlThread, WithoutSettingsItEndsAndMayBeStartedAgain) {
-    std::filesystem::remove(home() + "/config/vxsettings.conf");
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    EXPECT_TRUE(threadEnds());
-    writeSettings(collector.port());
-    ASSERT_EQ(vxStartControlThread(app), 0);
     EXPECT_TRUE(acceptControl());
 }
 

@@ -1,7 +1,5 @@
 #include "commonlibc/lws_connection.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <string>
 #include <thread>
@@ -9,12 +7,10 @@
 #include "commonlibc/VXDataConnection.h"
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/VXDataSender.h"
-#include "commonlibc/control_outbox.h"
 #include "commonlibc/lws_handler.h"
 #include "commonlibc/lws_url.h"
 #include "tests/support/dumped_records.h"
 #include "tests/support/link_fixture.h"
-#include "tests/support/sanitizer_growth.h"
 #include "tests/support/ws_bridge.h"
 
 namespace vx::test {
@@ -119,67 +115,6 @@ TEST_P(Lws, WhatHadNotArrivedBeginsAgainOnTheNextConnection) {
     EXPECT_TRUE(rest == all.substr(all.find("\n" + std::to_string(first) + ",") + 1)) << first;
     EXPECT_EQ(app->data.chain.recordsDropped, 0U);
     closeDumping(*app);
-}
-
-TEST_P(Lws, HundredsOfConnectionsHaveTheMemoryAndDescriptorsOfOne) {
-    const auto connectOnce = [&](int port) {
-        vxLwsEnd(vxLwsConnect(
-            {"Test", "localhost", "127.0.0.1", port, GetParam(), true, true, 10000000, nullptr}));
-    };
-    long descriptors = 0, resident = 0;
-    for (int i = 0; i < 300; ++i) {
-        connectOnce(i % 3 == 2 ? 1 : port());  // each third is refused
-        if (i % 3 == 0) collector.accept().close();
-        if (i % 3 == 1) collector.accept().reset();
-        if (i != 100) continue;
-        descriptors = descriptorsOf(::getpid());
-        resident = residentKb(::getpid());
-    }
-    EXPECT_TRUE(eventually([&] { return descriptorsOf(::getpid()) <= descriptors + 4; })) << descriptors;
-    EXPECT_LT(residentKb(::getpid()) - resident, 2048 + 4 * kSanitizerGrowthKb)
-        << "the sanitizer keeps what TLS frees";
-}
-
-TEST_P(Lws, EachKindHasAConnectionOfItsOwnThatEndsWithItsOrder) {
-    const struct {
-        bool (*create)(const char*, int);
-        int (*send)(const char*, std::int32_t);
-        VXLwsHandle& handle;
-    } kinds[] = {
-        {create_lws_control_connection, send_control_data_via_lws_socket, app->control.controlWsi},
-        {create_lws_data_connection, send_data_via_lws_socket, app->data.dataWsi},
-        {create_lws_as_connection, send_as_data_via_lws_socket, app->autoSensor.asWsi},
-        {create_lws_bulk_data_connection, send_bulk_data_via_lws_socket, app->lws.bulkDataWsi},
-        {create_lws_log_connection, send_log_data_via_lws_socket, app->lws.logWsi},
-        {create_lws_discovery_connection,
-         [](const char* data, std::int32_t length) {
-             return send_discovery_data_via_lws_socket(data, length, 10000000);
-         },
-         app->discovery.discoveryWsi},
-    };
-    std::vector<FakePeer> peers;
-    for (const auto& kind : kinds) {
-        EXPECT_EQ(kind.send("x\n", 2), 1) << "without a connection";
-        ASSERT_TRUE(kind.create("127.0.0.1", port()));
-        peers.push_back(collector.accept());
-        if (peers.size() == 1) vxOutboxOpenLws(*app, *app->control.controlWsi);  // as its read loop does
-        EXPECT_EQ(kind.send("a line\n", 7), 0);
-        EXPECT_EQ(peers.back().readLine(), "a line");
-    }
-    stopNIO();  // in vain has the former run been waited for
-    for (const auto create : {create_lws_data_connection, create_lws_as_connection})
-        EXPECT_FALSE(create("127.0.0.1", port()));
-    vxOutboxClose(*app);
-    for (std::size_t i = 0; i < peers.size(); ++i) {
-        vxLwsEndHandle(kinds[i].handle);
-        EXPECT_TRUE(peers[i].ended());
-        EXPECT_EQ(kinds[i].handle.load(), nullptr);
-    }
-    collector.stopListening();
-    front.reset();
-    EXPECT_FALSE(create_lws_control_connection("127.0.0.1", port() ? port() : 1)) << "nobody listens";
-    app->control.ActiveAgentProtocolIndex = 0;
-    EXPECT_FALSE(create_lws_control_connection("127.0.0.1", 1)) << "no protocol";
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, Lws, testing::Values(kProtocolTCP, kProtocolWS, kProtocolWSS));

@@ -3,8 +3,6 @@
 #include <memory>
 #include <string>
 
-#include "commonlibc/VXDataDispatcher.h"
-#include "commonlibc/control_outbox.h"
 #include "commonlibc/control_thread.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/tcp_relay.h"
@@ -24,9 +22,9 @@ protected:
         app->control.pollTimeUs = 20000;
         app->VXSys.dataConnState = 1;
         setProxyVXHome();
-        vx_word_set(app->VXSys.bciDataBufferMaxCount, 8);
-        vx_word_set(app->VXSys.bciDataBufferMaxSize, 65536);
-        writeSettings();
+        write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nvxcPort=" +
+                                     std::to_string(relay->port()) + "\nVXC_COMM_PROTOCOL=" + protocol() +
+                                     "\n");
     }
     void TearDown() override {
         app->control.proxyStopRequested = 1;
@@ -35,47 +33,11 @@ protected:
     }
     static std::string name() { return GetParam(); }
     std::string protocol() const { return name() + ":" + std::to_string(relay->port()); }
-    void writeSettings(const std::string& more = "") {
-        write("vxsettings.conf", "vxcHost=localhost\nCONNECTION_RETRY_TIME_INTERVAL=1\nvxcPort=" +
-                                     std::to_string(relay->port()) + "\nVXC_COMM_PROTOCOL=" + protocol() +
-                                     "\n" + more);
-    }
-    // Accepts the control connection and answers its connect line; the line.
-    std::string acceptControl(FakePeer& control) {
-        control = collector.accept();
-        std::string line = control.readLine();
-        EXPECT_TRUE(
-            control.send("vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%1%50%10;"
-                         "ProtoVersion=1;supportedProtocols=" +
-                         protocol() + "\n"));
-        EXPECT_TRUE(toAgent().starts_with("vx_ctrl_msg_rep:result=Ok;"));
-        return line;
-    }
 
     std::unique_ptr<TestCertificate> certificate;
     std::unique_ptr<WsBridge> front;
     std::unique_ptr<TcpRelay> relay;  // in front of it
 };
-
-TEST_P(LwsLink, ACollectorThatDoesNotReadHoldsUpNeitherProducersNorTheNextConnection) {
-    ASSERT_EQ(vxStartControlThread(app), 0);
-    FakePeer control;
-    acceptControl(control);
-    control.send("vx_control_req:action=start_instrumentation;testIdx=4;\n");
-    const FakePeer data = acceptStream("vx_data_msg_req:"),
-                   autoSensor = acceptStream("auto_sensor_thread_hotspot_data_req:");
-    ASSERT_TRUE(data && autoSensor && toAgent().starts_with("vx_control_req:"));
-    front->holdReading(true);
-    const std::string record = "4," + std::string(60000, 'x') + "\n";
-    EXPECT_TRUE(eventually([&] {
-        dumpData(record.data(), static_cast<std::int64_t>(record.size()));
-        return app->VXSys.dataDropCount > 20;
-    }));
-    app->control.closeCtrlConFlag = 1;
-    acceptControl(control);
-    EXPECT_TRUE(eventually([&] { return !app->data.data_thread_running; }));
-    EXPECT_GT(app->data.chain.recordsDropped, 20U);
-}
 
 TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
     int struck = 0;

@@ -1,9 +1,6 @@
 #include "commonlibc/vxlb_clock.h"
 
-#include <apr_general.h>
 #include <gtest/gtest.h>
-
-#include <set>
 
 #include "tests/support/fake_clock.h"
 
@@ -28,19 +25,6 @@ TEST(WatchingSleep, KeepsItsLengthAndEndsWithinASecondOfAStop) {
     EXPECT_EQ(clock.sleptMs(), 5500);
     EXPECT_TRUE(vxlb_sleep_watching(60000000, stopped)) << "a stop that stands already";
     EXPECT_EQ(clock.sleptMs(), 5500);
-}
-
-TEST(RandomBytes, DifferFromBatchToBatch) {
-    apr_initialize();
-    std::set<std::string> batches;
-    for (int batch = 0; batch < 4; ++batch) {
-        std::string bytes;
-        for (int i = 0; i < 256; ++i) bytes.push_back(static_cast<char>(vxlb_random_byte()));
-        EXPECT_GT(std::set<char>(bytes.begin(), bytes.end()).size(), 100u);
-        batches.insert(bytes);
-    }
-    EXPECT_EQ(batches.size(), 4u);
-    apr_terminate();
 }
 
 }  // namespace

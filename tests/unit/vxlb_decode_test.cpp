@@ -122,19 +122,6 @@ TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
     EXPECT_EQ(carried(), "") << "nothing to read";
 }
 
-TEST_F(DecodeStream, TakesOneRecordOfADatagramAndLeavesTheCarryOver) {
-    readBytes(*app, "^");
-    vxFileSlot(takeSlotWithBt(), "request-1");
-    const std::string datagram = "\n" + kGood + kOther;
-    decodeMessage(datagram.data(), static_cast<std::int32_t>(datagram.size()), 0, 1, "request-1");
-    EXPECT_EQ(accepted, kOneGood);
-    decodeMessage(kGood.data(), 20, 0, 1, "request-1");
-    EXPECT_EQ(carried(), "^");
-    decodeMessage(kGood.data(), static_cast<std::int32_t>(kGood.size()), 0, 1, "request-2");
-    decodeMessage(kGood.data(), static_cast<std::int32_t>(kGood.size()), 0, 1, nullptr);
-    EXPECT_EQ(accepted, kOneGood);
-}
-
 TEST_F(DecodeStream, CountsEachMessageThatCameToNothing) {
     const auto refusedBy = [&](const std::string& bytes) {
         const std::uint64_t before = app->decoder.messagesRefused;

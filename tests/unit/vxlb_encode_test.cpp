@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "tests/support/record_stream.h"
@@ -72,20 +71,6 @@ TEST(VxlbEncode, AFrameOfEachTypeHasTheseBytes) {
                  VXMethodExitRecord{-1, 0, 0, -9, 0, 0, 0, -5, 0, INT64_MIN, {nullptr, 12}, {}, {}}),
          hex("5e 0c000000 5b000000 01000000 7c") + std::string(76, '\0') + "\n"}};
     for (const auto& row : rows) EXPECT_EQ(row.frame, row.bytes) << row.name;
-}
-
-TEST(VxlbEncode, RefusesAFrameThatDoesNotFitAndLeavesTheBuffer) {
-    VXMethodEntryRecord entry{};
-    entry.methodName = wire("name");
-    char out[64];
-    std::memset(out, '#', sizeof(out));
-    EXPECT_EQ(MethodEntryEncode(out, 62, entry), -1);
-    entry.query_string = {"", SIZE_MAX};  // a sum beyond every buffer
-    EXPECT_EQ(MethodEntryEncode(out, sizeof(out), entry), -1);
-    EXPECT_EQ(std::string(out, sizeof(out)), std::string(sizeof(out), '#'));
-    entry.query_string = {};
-    EXPECT_EQ(MethodEntryEncode(out, 63, entry), 63);
-    EXPECT_EQ(out[63], '#');
 }
 
 }  // namespace

@@ -38,30 +38,6 @@ TEST_F(Map, AReplacedEntryForgetsItsFormerKey) {
     EXPECT_EQ(search_hashmap("key", map), nullptr);
 }
 
-TEST_F(Map, TakesKeysWithoutTerminatorAndNumbersOf16Bits) {
-    modify_hashmap("key", &one, map);
-    EXPECT_EQ(search_hashmap_len("keyword", 3, map), &one);
-    EXPECT_EQ(search_hashmap_len("keyword", -1, map), nullptr);
-    const std::uint16_t key = 0x0061, same = 0x0061, other = 0x6100;
-    modify_uint16_hashmap(&key, &one, map);
-    EXPECT_EQ(search_uint16_hashmap(&same, map), &one);
-    EXPECT_EQ(search_uint16_hashmap(&other, map), nullptr);
-}
-
-TEST_F(Map, WalksUntilToldToEndAndAllowsRemovalOnTheWay) {
-    const char* const keys[] = {"a", "b", "c", "d", "e"};
-    for (const char* key : keys) modify_hashmap(key, map, map);
-    const auto removeThree = [](const char* key, void* value, void*) {
-        auto* owner = static_cast<VXMap*>(value);
-        modify_hashmap(key, nullptr, owner);
-        return vxlb_map_count(owner) > 2;
-    };
-    vxlb_map_each(map, removeThree, nullptr);
-    EXPECT_EQ(vxlb_map_count(map), 2u);
-    iterate_hashtable_and_free_hashmap(map);
-    EXPECT_EQ(vxlb_map_count(map), 0u);
-}
-
 // Each key stands in a block of its own size, so that a sanitizer sees a read beside it.
 TEST_F(Map, EveryByteOfAKeyCountsAndNoOtherIsRead) {
     for (apr_ssize_t length = 0; length < 70; ++length) {

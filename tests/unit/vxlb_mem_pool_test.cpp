@@ -25,18 +25,6 @@ protected:
     }
 };
 
-TEST_F(SlotPool, GrowsByOneBlockForThe65thFlowpath) {
-    const auto slots = take(65);
-    EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 63);
-    EXPECT_EQ(busyList(), slots);
-    std::set<std::int64_t> indices;
-    for (const vxTD* slot : slots) {
-        indices.insert(slot->tlsIdx);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(slot) % kSlotAlignment, 0U);
-    }
-    EXPECT_EQ(indices.size(), 65U);
-}
-
 TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesItOnce) {
     for (const std::ptrdiff_t leaving : {0, 2, 4}) {
         auto slots = take(5);

@@ -99,11 +99,13 @@ TEST_F(Messages, LengthsDecideWhetherAMessageIsTaken) {
         EXPECT_EQ(reaches(row.frame), row.reaches) << row.name;
         EXPECT_EQ(app->decoder.partialLength, 0) << row.name;
     }
-    constexpr std::size_t kFixedParts[] = {44, 76, 56, 32, 8, 52, 40, 52};  // by type
-    for (std::int32_t type = 0; type < 8; ++type) {
-        const std::string body(kFixedParts[type] - 2, 'M');
-        const auto total = static_cast<std::int32_t>(14 + body.size() + 1);
-        EXPECT_FALSE(reaches(rawFrame(12, total, type, body + "\n"))) << type;
+    // Of each type the length of the fixed part, and where the flowpath stands in it.
+    constexpr std::pair<std::int32_t, std::size_t> kFixedParts[] = {{44, 4}, {76, 32}, {56, 24}, {32, 4},
+                                                                    {8, 0},  {52, 28}, {40, 32}, {52, 12}};
+    for (std::int32_t type = 0; const auto& [length, flowpath] : kFixedParts) {
+        const std::string body(static_cast<std::size_t>(length - 2), '\0');
+        const std::string frame = rawFrame(12, 14 + length - 1, type, body + "\n");
+        EXPECT_FALSE(reaches(patched(frame, flowpath, 77))) << type++;
     }
     EXPECT_EQ(filed(), 1U);
 }
@@ -115,30 +117,6 @@ TEST_F(Messages, AStartIsRefusedByItsLengthsAlone) {
     readBytes(*app, torn(start, 57));  // a NUL is allowed: the URL ends there
     ASSERT_TRUE(find("78"));
     EXPECT_STREQ(find("78")->tlURl, "/");
-}
-
-TEST_F(Messages, BodiesBeyondEveryReadAreRefused) {
-    const std::string name(static_cast<std::size_t>(131072 - 52 - 1), 'n');
-    const std::string body = std::string(52, '\0') + name + "\n";
-    const auto total = static_cast<std::int32_t>(14 + body.size());
-    const auto length = static_cast<std::int32_t>(name.size());
-    const std::string frame = patched(patched(rawFrame(12, total, 7, body), 4, length), 12, 77);
-    EXPECT_TRUE(reaches(frame));
-    EXPECT_FALSE(reaches(patched(rawFrame(12, total + 1, 7, "x" + body), 12, 77)));
-}
-
-TEST_F(Messages, ExceptionsAndExitsByExceptionReachTheirHandlers) {
-    const VXExceptionExitRecord exit{3, 77, 4, 5000, 6, 7, wire("C.m"), wire("db")};
-    slot->tlIsFPCaptured = 1;
-    slot->tlBTObj = btOf("shop");
-    readBytes(*app,
-              entryFrame(77, "C.m", kNowUs) + frameOf(ExceptionMethodExitEncode, exit) + fullException());
-    const std::string items(slot->sequenceBlob, static_cast<std::size_t>(slot->sequenceBlobLen));
-    EXPECT_TRUE(items.ends_with("3:4_1_5_6___")) << items;
-    EXPECT_EQ(slot->statusCode, 503);
-    EXPECT_TRUE(dumpedText(*app).ends_with(
-        "32,1,C\n33,1,Th\n34,1,me\n35,1,mess\n36,1,ca\n38,77,0,0,0,-1,-1,1,1,1,4,1,1,st\n"))
-        << dumpedText(*app);
 }
 
 TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
@@ -168,16 +146,6 @@ TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
     EXPECT_EQ(dumpedText(*app), "13,77,201,\n12,77,\n12,77,\n12,77,\n12,77,\n12,77,\n");
 }
 
-TEST_F(Messages, AnExitSetsTheCalloutSequence) {
-    const std::string frame =
-        frameOf(MethodExitEncode, VXMethodExitRecord{0, 0, 0, 0, 0, 0, 77, 0, 12, 0, {}, {}, {}});
-    readBytes(*app, frame);
-    EXPECT_EQ(slot->calloutSeq, 12);
-    slot->seqNo = 3;
-    decodeMessage(frame.data(), static_cast<std::int32_t>(frame.size()), 0, 1, "77");
-    EXPECT_EQ(slot->calloutSeq, 3);
-}
-
 // 300 seconds are not too old, 301 are; the sweep runs at most once in that time.
 TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
     app->Server.lastSweepTimeMs = (kNowUs - 300 * kSecond) / 1000;
@@ -193,27 +161,6 @@ TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 2);
     EXPECT_EQ(app->Server.lastSweepTimeMs, kNowUs / 1000);
     EXPECT_EQ(dumpedText(*app), "");
-}
-
-TEST_F(Messages, AStartOfAGoFunctionTakesItsCorrelationFromTheHeader) {
-    VXTransactionStart start{};
-    start.flowpathInstance = 99;
-    start.btHeaderValue = wire("h=1&corr=abc&x=2&");
-    start.correlationHeader = wire("sent");
-    const std::string frame = frameOf(transactionStartEncode, start);
-    const auto correlationOf = [&](const char* key) {
-        decodeMessage(frame.data(), static_cast<std::int32_t>(frame.size()), 0, 1, key);
-        return std::string(find(key) ? find(key)->correlationHeader : "not filed");
-    };
-    setSharedText(app->retired, app->VXSys.correlationIDHeader, "corr");
-    EXPECT_EQ(correlationOf("a"), "sent");
-    app->VXBCISetting.agentTypeCode = kAgentGo;
-    EXPECT_EQ(correlationOf("b"), "corr");
-    vx_word_set(app->VXSys.correlationIDEnabled, 1);
-    setRule("1|1|n|d|x|-|Request-Header|x|-");
-    EXPECT_EQ(correlationOf("c"), "abc");
-    ASSERT_TRUE(find("c")->tlBTObj);
-    EXPECT_STREQ(find("c")->tlBTObj->btName, "UnknownUrl.2") << "headers behind it are there for the rules";
 }
 
 // From the encoder through the engine to the records that go out.

@@ -78,22 +78,6 @@ TEST(TDigest, QuantilesAreCloseToTheExactOnesWhateverTheDistributionAndTheOrder)
     }
 }
 
-TEST(TDigest, MergedDigestsAnswerForAllTheirValues) {
-    Values low, high, all;
-    for (int i = 0; i < 5000; ++i) {
-        low.push_back(i);
-        high.push_back(4000 + 3 * i);
-    }
-    std::merge(low.begin(), low.end(), high.begin(), high.end(), std::back_inserter(all));
-    const auto sum = digestOf(low), part = digestOf(high), empty = digestOf({});
-    vxDigestMerge(*sum, *part);
-    vxDigestMerge(*sum, *empty);
-    EXPECT_TRUE(vxDigestCount(*sum) == 10000 && sum->min == 0 && sum->max == 18997);
-    for (const double q : {0.1, 0.5, 0.9, 0.99})
-        EXPECT_LE(rankError(all, vxDigestQuantile(*sum, q), q), 0.01) << q;
-    EXPECT_EQ(vxDigestQuantile(*empty, 0.95), 0);
-}
-
 TEST(TDigest, EveryInputStaysWithinTheCentroids) {
     std::mt19937_64 random(3);
     VXDigest digest;

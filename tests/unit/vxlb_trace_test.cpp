@@ -104,26 +104,6 @@ TEST_F(Trace, AlternatesBetweenTwoFilesThatBeginWithTheHeader) {
     }
 }
 
-TEST_F(Trace, DropsLinesWhileTheHomeCannotBeWrittenAndGoesOnLater) {
-    TraceFile trace(*app);
-    const std::string blocked = trace.home().write("file", "no folder");
-    setSharedText(app->retired, app->VXSys.vxHomePath, blocked.c_str());
-    VXTraceInit("lost", nullptr);
-    static int told;
-    vxTraceFailure = [](const char*, int) { ++told; };
-    for (int i = 0; i < 2; ++i) VX_TRACE(1, kControlThread, kInfo, "dropped");
-    EXPECT_EQ(told, 1);
-    vxTraceFailure = nullptr;
-
-    std::filesystem::remove(blocked);
-    std::filesystem::create_directories(blocked + "/logs");
-    VX_TRACE(1, kControlThread, kInfo, "kept");
-    const std::string text = trace.home().read("file/logs/" + nameOf("vx_trace_lost"));
-    EXPECT_EQ(text.find("dropped"), std::string::npos);
-    EXPECT_NE(text.find("\n#2 lines could not be written\n"), std::string::npos) << text;
-    EXPECT_TRUE(text.ends_with("kept"));
-}
-
 TEST_F(Trace, ASecondInitIsSafeBesideThreadsThatTrace) {
     TraceFile trace(*app);
     vx_word_set(app->VXSys.BCITraceMaxSize, 4000);

@@ -1,12 +1,9 @@
 #include "commonlibc/vxlb_utiles.h"
 
-#include <apr_general.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "tests/support/temp_dir.h"
 
 namespace vx {
 namespace {
@@ -41,41 +38,6 @@ TEST(Split, GivesTheseFields) {
         const int count = row.splitter(text.data(), fields, row.separators, row.maxFields);
         EXPECT_EQ(Texts(fields, fields + count), row.fields) << row.text;
     }
-}
-
-TEST(SplitKeyValue, CutsTheKeyAndNeedsTheSeparator) {
-    char key[4];
-    char field[] = "keyword=value=2";
-    EXPECT_STREQ(split_key_value(field, key, sizeof(key)), "value=2");
-    EXPECT_STREQ(key, "key");
-    EXPECT_EQ(split_key_value_colon(field, key, sizeof(key)), nullptr);
-    EXPECT_STREQ(key, "");
-    char colon[] = "WS:";
-    EXPECT_STREQ(split_key_value_colon(colon, key, sizeof(key)), "");
-    EXPECT_STREQ(key, "WS");
-}
-
-TEST(Texts, AreCutAndTerminated) {
-    char out[4] = "zzz";
-    EXPECT_EQ(vxlb_copy_text(out, sizeof(out), "abcdef"), 3u);
-    EXPECT_STREQ(out, "abc");
-    EXPECT_EQ(vxlb_copy_text(nullptr, 0, "a"), 0u);
-    char blanks[] = " a b  c ";
-    vxlb_remove_whitespaces(blanks);
-    EXPECT_STREQ(blanks, "abc");
-    for (const char* other : {"", "EQUALSX", "EQUAL", " EQ"}) EXPECT_EQ(setOperationCode(other), -1) << other;
-    EXPECT_EQ(setOperationCode("not_Equals"), 13);
-}
-
-TEST(Folders, AreMadeWithTheirParents) {
-    apr_initialize();
-    const test::TempDir dir;
-    EXPECT_EQ(makeDir((dir / "a/b/c/").c_str()), 0);
-    EXPECT_EQ(makeDir((dir / "a/b/c").c_str()), 0) << "an existing one is fine";
-    EXPECT_TRUE(std::filesystem::is_directory(dir / "a/b/c"));
-    dir.write("file", "");
-    EXPECT_EQ(makeDir((dir / "file/under").c_str()), -1);
-    apr_terminate();
 }
 
 }  // namespace
