@@ -66,6 +66,8 @@ TEST_F(CalloutItem, HasAFormForEachKindOfBackEndAndResult) {
         slot->statusCode = row.status;
         EXPECT_EQ(append(row.type, row.subtype), row.returned);
         EXPECT_EQ(slot->tlSQLObj.DBQueryParam, nullptr);
+        const bool own = row.type == kTypeDb || row.type == kTypeCustom || row.type == kTypeMq;
+        EXPECT_EQ(slot->calloutSeq, own ? 41 : 0) << row.returned;
         EXPECT_EQ(append(row.type, row.subtype, true), row.thrown);
         EXPECT_EQ(slot->calloutSeq, 0);
     }

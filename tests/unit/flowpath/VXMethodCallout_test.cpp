@@ -123,6 +123,7 @@ TEST_F(MethodCallout, AnExceptionIsAnErrorOfItsBackEndAndLeavesTheEntryOpen) {
     EXPECT_EQ(takeBlob(), "5:9_1_7____E41:8:7.999:1:-:23:503:::_4:9_1_7____");
     fail("Db.query", {.backend = "stock"}, 3);
     EXPECT_EQ(takeBlob(), "E3:9:7.999:10:0:23:503:::_3:9_1_7____");
+    EXPECT_EQ(slot->tlSQLObj.DBCallDepth, 0);
     EXPECT_EQ(countsOf("MYSQL_stock"), "1/1/7");
     EXPECT_EQ(countsOf("MQ_orders"), "1/1/7");
     end("Db.query", {.backend = "stock"});
