@@ -5,8 +5,8 @@
 
 #include <cstdlib>
 #include <list>
-#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "commonlibc/lws_context.h"
 #include "tests/support/fake_collector.h"
@@ -44,8 +44,6 @@ struct WsBridge::Inside {
     lws_vhost* vhost = nullptr;
     std::atomic<bool> stop{false}, hold{false};
     std::atomic<int> text{0}, binary{0};
-    mutable std::mutex mutex;
-    std::vector<std::string> paths;
     std::list<Pair> pairs;
     std::thread thread;
 
@@ -56,11 +54,6 @@ struct WsBridge::Inside {
         return nullptr;
     }
     void opened(lws* wsi) {
-        char path[4096] = "", query[4096] = "";
-        lws_hdr_copy(wsi, path, sizeof(path), WSI_TOKEN_GET_URI);
-        lws_hdr_copy(wsi, query, sizeof(query), WSI_TOKEN_HTTP_URI_ARGS);
-        const std::lock_guard lock(mutex);
-        paths.push_back(std::string(path) + "?" + query);
         pairs.emplace_back().front = wsi;
         lws_client_connect_info info{};
         info.context = context;
@@ -173,10 +166,6 @@ WsBridge::~WsBridge() {
 
 int WsBridge::port() const {
     return inside_->port;
-}
-std::vector<std::string> WsBridge::paths() const {
-    const std::lock_guard lock(inside_->mutex);
-    return inside_->paths;
 }
 int WsBridge::textMessages() const {
     return inside_->text;

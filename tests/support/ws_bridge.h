@@ -13,7 +13,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tests/support/temp_dir.h"
 
@@ -36,8 +35,7 @@ public:
     WsBridge& operator=(const WsBridge&) = delete;
 
     int port() const;
-    // Request paths, as they came, and how many messages of each kind came.
-    std::vector<std::string> paths() const;
+    // How many messages of each kind came.
     int textMessages() const;
     int binaryMessages() const;
     // From now on nothing is read from who connected, until false.
