@@ -105,18 +105,5 @@ TEST_F(BtMonitor, SlotsStayInPlaceWhileOtherThreadsGrowTheArray) {
     EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 1403)->btObj.load()->btId, 1403);
 }
 
-TEST_F(BtMonitor, TheSizeOnlyRisesAndStaysWithinTheCapacity) {
-    EXPECT_EQ(vxGrownSize(128, 300), 514) << "by twice the old size and one from zero";
-    EXPECT_EQ(vxGrownSize(128, 4294967295), 4294967552);
-    BTObject object{};
-    object.btId = kAggCapacity;
-    checkAndIncrementAggrBTDataArray(&object);
-    parseBTAggDataArraySize("-5");
-    EXPECT_EQ(app->bt.aggDataArr.size, 128);
-    parseBTAggDataArraySize("1000");
-    parseBTAggDataArraySize("99999999999");
-    EXPECT_EQ(app->bt.aggDataArr.size, 65536);
-}
-
 }  // namespace
 }  // namespace vx::test

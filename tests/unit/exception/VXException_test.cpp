@@ -124,31 +124,5 @@ TEST_F(Exceptions, ANameThatCannotBeHeldIsNoName) {
     EXPECT_EQ(getIDAndDumpExceptionMessage("no memory"), 2);
 }
 
-TEST_F(Exceptions, CaptureSettingsEndAtTheFirstRefusedField) {
-    const struct {
-        const char* value;
-        std::vector<int> taken;  // mode, stack traces, type, depth, causes
-    } rows[] = {
-        {"2%201%203%205%200", {2, 1, 3, 5, 0}},
-        {"0%201%200%201%201%209%209%209%209", {0, 1, 0, 1, 1}},
-        {"3%200", {1, 1, 1, 9999, 1}},
-        {"2%202%203%205%200", {2, 1, 1, 9999, 1}},
-        {"2%201%202%205%200", {2, 1, 1, 9999, 1}},
-        {"2%201%203%200%200", {2, 1, 3, 9999, 1}},
-        {"2%201%203%205%202", {2, 1, 3, 5, 1}},
-        {"1%200%203%205%200", {1, 0, 1, 9999, 1}},
-    };
-    for (const auto& row : rows) {
-        setdefaultValuesForException();
-        setExceptionCaptureSettings(row.value);
-        const VXExceptionState_t& state = app->exceptions;
-        EXPECT_EQ(
-            std::vector<int>({state.exceptionCaptureMode, state.stackTraceCaptureMode, state.exceptionType,
-                              state.stackTraceMaxDepth, state.exceptionCauseCaptureMode}),
-            row.taken)
-            << row.value;
-    }
-}
-
 }  // namespace
 }  // namespace vx::test

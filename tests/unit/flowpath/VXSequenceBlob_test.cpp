@@ -20,18 +20,5 @@ TEST_F(SequenceBlob, GoesOutAtTheItemThatFillsItToTheThreshold) {
     EXPECT_EQ(flowpathRecords(), Records{"3,77," + std::string(13302, 'x') + "3:9_0_15__"});
 }
 
-TEST_F(SequenceBlob, DebugDataTakesWhatFits) {
-    vxTD* slot = takeSlot();
-    slot->seqNo = 4;
-    char own[32];
-    std::snprintf(own, sizeof(own), "%p", static_cast<void*>(slot));
-    const std::string first = std::string("3:9_1_4_") + own;
-    for (int i = 0; i < 2; ++i) updateDebugModeData(slot, 3, 1, 9);
-    dumpDataForDebug(slot);
-    EXPECT_EQ(flowpathRecords(), Records{"100,77," + first + "|" + first});
-    for (int i = 0; i < 20; ++i) updateDebugModeData(slot, 8000, 1, INT64_MIN);
-    EXPECT_LT(slot->debugDataLen, 128);
-}
-
 }  // namespace
 }  // namespace vx::test

@@ -105,23 +105,5 @@ TEST_F(TraceHeaders, LandInTheHeaderRecordOfTheirFlowpath) {
     }
 }
 
-TEST_F(TraceHeaders, WhatIsMalformedIsTracedAndLeavesNothing) {
-    TraceFile trace(*app);
-    keyword("enableOTELStandard", "1%201%201%201%201%20a%20b%20c%20d");
-    headers("req", "X-B3-Sampled=1");
-    EXPECT_FALSE(trace.says("is ignored")) << "a decision alone names no trace and is no fault";
-    headers("req", "traceparent=00-" TRACE "-" SPAN "-01&tracestate=A=1");
-    EXPECT_TRUE(trace.says("Header 'tracestate' of fp '77' is malformed and is ignored"));
-    EXPECT_TRUE(slot->OTL_traceID && !slot->OTL_tracestate);
-    headers("req", "traceparent=x&X-B3-TraceId=y");
-    EXPECT_TRUE(trace.says("Header 'traceparent' of fp '77' is malformed and is ignored") &&
-                trace.says("Header 'X-B3' of fp '77' is malformed and is ignored"));
-    headers("req", "traceparent=00-" TRACE "-" SPAN "-01&tracestate=a=1");
-    EXPECT_STREQ(slot->OTL_tracestate, "a=1");
-    keyword("captureHTTPReqFullFp", "3%200%201%205");  // values are cut for the record only
-    headers("res", "traceparent=00-" SPAN TRACE "-" SPAN "-01");
-    EXPECT_STREQ(slot->OTL_traceID, TRACE);
-}
-
 }  // namespace
 }  // namespace vx::test

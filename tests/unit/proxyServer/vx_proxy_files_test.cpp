@@ -56,29 +56,6 @@ TEST_F(FileService, SendsTheBytesOfAFileBehindItsSize) {
            "instrumentation_profile;instrProfile=prof.txt;size=2;lmd=" + dateOf("prof.txt") + ";\np\n");
 }
 
-TEST_F(FileService, RefusesWhatIsNoFileOfTheAgentsFolderWithItsPathAndStays) {
-    cached("inside", "x");
-    write("outside", "secret");
-    std::filesystem::create_directories(home() + "/.cache/nginx/folder");
-    const std::string folder = home() + "/.cache/nginx/";
-    const std::string names[] = {"gone",      "",           "..",     "../../config/outside",
-                                 "a\\inside", "inside\x01", "folder", std::string(256, 'k')};
-    for (const std::string& name : names) {
-        ask(agent, "send_file;keyword=" + name + ";");
-        const std::string answer = agent.peer.readLine();
-        EXPECT_TRUE(
-            answer.starts_with("vx_control_rep:action=Failed" + (name == "gone" ? "gone - " + folder : "")))
-            << answer;
-    }
-    for (const std::string& name : {std::string(100000, 'p'), std::string("a/..")}) {
-        ask(agent, "send_instrumentation_profile;instrProfile=" + name);
-        EXPECT_TRUE(agent.peer.readLine().starts_with("vx_control_rep:action=Failed")) << name;
-    }
-    ask(agent, "send_instrumentation_profile;instrProfile=x\\p");
-    EXPECT_EQ(agent.peer.readLine(), "vx_control_rep:action=FailedInstrumentationProfile - " + folder + "p");
-    EXPECT_FALSE(agent.refused());
-}
-
 TEST_F(FileService, AgentsThatNeverReadLoseTheirConnectionsAndCostTwoSecondsTogether) {
     cached("big", std::string(6 * 1024 * 1024, 'b'));
     constexpr int kAgents = 10;

@@ -110,17 +110,6 @@ TEST_F(RegistrationTest, CeilingsRefuseWhatIsNewAndNobodyElse) {
     VXProxy.ceilings = {};
 }
 
-TEST_F(RegistrationTest, NamesAreComparedExactly) {
-    process(100, "nginx");
-    EXPECT_EQ(process(100, "Nginx").address->appIndex, 2);
-    EXPECT_EQ(process(100, "nginx").address->appIndex, 1);
-    setSharedText(instance().retired, instance().VXBCISetting.appName, "renamed");
-    Agent renamed = connect();
-    std::string fields = controlFields(7);
-    registerAgent(renamed, kConTypeControl, fields.replace(fields.find("shop"), 4, "renamed"));
-    EXPECT_EQ(renamed.address->appIndex, 1) << "the name that the collector knows serves too";
-}
-
 TEST_F(RegistrationTest, APidThatMarksFreePlacesAndAFullPollsetAreRefused) {
     EXPECT_TRUE(process(-1).refused());
     EXPECT_EQ(VXProxy.numInstance, 1);

@@ -20,20 +20,6 @@ protected:
     }
 };
 
-TEST_F(Registry, The33rdContextMakesBothTables48SlotsWide) {
-    for (std::int32_t i = 1; i < kInstanceTableStart; ++i) {
-        ASSERT_EQ(vxFreeInstanceSlot(), i);
-        VXProxyInstance.load()[i] = app;
-        VXProxy.attached.load()[i] = app;
-    }
-    EXPECT_EQ(VXProxy.instanceTableSize, 32);
-    EXPECT_EQ(vxFreeInstanceSlot(), 32);
-    EXPECT_EQ(VXProxy.instanceTableSize, 48);
-    EXPECT_TRUE(instanceAt(0) == app && instanceAt(31) == app && !instanceAt(47));
-    EXPECT_TRUE(VXProxy.attached.load()[31].load() == app && !VXProxy.attached.load()[47].load());
-    for (std::int32_t i = 1; i < kInstanceTableStart; ++i) VXProxyInstance.load()[i] = nullptr;
-}
-
 TEST_F(Registry, ClosesThreeConnectionsOfAProcessAndLeavesDiscovery) {
     vxApplication& made = *makeInstance(1);
     made.identity.numProcess = 1;

@@ -85,14 +85,5 @@ TEST(WrappedMessages, AreCutOutOfADatagram) {
     for (const Case& row : rows) EXPECT_EQ(messagesOf(row.datagram), row.payloads) << row.name;
 }
 
-TEST(WrappedMessages, NoLengthAndNoFieldLeadsOutOfTheDatagram) {
-    const std::int32_t values[] = {
-        std::numeric_limits<std::int32_t>::min(), -1, 0, 1, 12, 39, 40, 41, 44, 59, 60, 61, kMax - 41, kMax};
-    const string whole = (kRecords + kRecords).substr(0, 60);
-    for (std::size_t size = 0; size <= whole.size(); ++size)
-        for (std::size_t at = kWrapLengthAt; at + 4 <= size; ++at)
-            for (const std::int32_t value : values) messagesOf(with(whole, at, value).substr(0, size));
-}
-
 }  // namespace
 }  // namespace vx::test

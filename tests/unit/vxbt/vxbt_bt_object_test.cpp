@@ -77,23 +77,6 @@ TEST_F(BtObject, ANewConnectionAndARuleChangeAnnounceAgain) {
     EXPECT_EQ(dumpedText(*app), "7,2,/a\n7,2,/a\n7,2,/a\n");
 }
 
-TEST_F(BtObject, ADeclaredIdDecidesWhichMapsHoldTheObject) {
-    BTObject* undeclared = declare("none", -1);
-    EXPECT_FALSE(inConfig("none") || inManager("none"));
-    VXLB_FREE(undeclared, "BTObject", -1);
-    declare("zero", 0);
-    EXPECT_TRUE(inConfig("zero") && !inManager("zero"));
-    BTObject* declared = declare("nine", 9);
-    EXPECT_TRUE(inConfig("nine") == declared && btOf("nine") == declared);
-
-    VXBTMonitorDataCounters* slot = vxAggSlot(app->bt.aggDataArr, 9);
-    slot->isDirty = slot->tagSent = 1;
-    declare("nine", 9);
-    EXPECT_TRUE(slot->isDirty && slot->tagSent);
-    declare("other", 9);
-    EXPECT_FALSE(slot->isDirty || slot->tagSent) << "its slot has another object";
-}
-
 TEST_F(BtObject, ADeclaredObjectChangesAndIsAnnouncedOnlyWhileConnected) {
     BTObject* object = declare("nine", 9, 100, 200);
     declare("nine", -1, 1, 2);
@@ -125,19 +108,6 @@ TEST_F(BtObject, TheSameNameOnManyThreadsIsOneObject) {
     for (BTObject* object : found) EXPECT_EQ(object, found.front());
     EXPECT_EQ(app->bt.total_bt_count, 51);
     EXPECT_EQ(dumpedRecords(*app).size(), 50U);
-}
-
-TEST_F(BtObject, ASecondSetUpKeepsTheStoreAndNumbersTheDefaultTagsAgain) {
-    BTObject* object = btOf("/a");
-    freeTagStructures();
-    VXBTConfigModelInit();
-    EXPECT_EQ(btOf("/a"), object);
-    std::int32_t next = 0;
-    for (const char* name : {"Host=localhost", "OS=Linux", "application=Common", "Technology=Php"}) {
-        const auto* tag = static_cast<VXTagSequence*>(search_hashmap(name, app->bt.tagSequenceMap));
-        ASSERT_NE(tag, nullptr);
-        EXPECT_EQ(tag->sequence, next++);
-    }
 }
 
 }  // namespace

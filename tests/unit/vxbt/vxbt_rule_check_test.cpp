@@ -42,28 +42,6 @@ TEST_F(CheckRules, TellsWhatEachLineMeans) {
     EXPECT_TRUE(says("the default rule decides (name: the first 2 segments of the URL, then")) << report;
 }
 
-TEST_F(CheckRules, TellsWhichBtARequestGets) {
-    const struct {
-        const char* rules;
-        VXCheckedRequest request;
-        const char* told;
-    } rows[] = {
-        {"7|A|2|1|/a|0\n7|B|3|0|/a/b|0", {.url = "/a/b"}, "BT: \"B\" (id 3, line 2)"},
-        {"7|A|2|1|/a|0", {.url = "/b"}, "BT: \"Others\" (id 1)"},
-        {"7|A|2|1|/a|1", {.url = "/a"}, "BT: none (excluded, line 1)"},
-        {"7|A|2|0|/a|0|3|x=1|GET", {.url = "/a?x=1", .method = "GET"}, "BT: \"A\" (id 2, line 1)"},
-        {"7|A|2|0|/a|0|3|x=1|GET", {.url = "/a", .method = "GET", .query = "x=1"}, "BT: \"A\""},
-        {"7|A|2|1|/a|0|0|-|-|S=e|-", {.url = "/a", .header = "S=e"}, "BT: \"A\" (id 2, line 1)"},
-        {"2|2|r|C|-|1|1|[input1=EQUALS&&input2=/c]|-", {.url = "/d"}, "BT: \"others\" (id 2)"},
-        {"#\n1|1|n|d|-|-|Request-Header|S|-", {.url = "/u", .header = "S=e&"}, "BT: \"/u.e\" (id 2, line 2)"},
-        {"", {.url = "/a/b/c"}, "BT: \"/a/b\" (id 2)"},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(check(row.rules, row.request), kRulesInOrder) << report;
-        EXPECT_TRUE(says(row.told)) << row.told << "\n" << report;
-    }
-}
-
 TEST_F(CheckRules, TellsEachFault) {
     const char* const rows[][2] = {
         {"7|A|2|0|/a\n", "! fewer than 6 fields: '7|A|2|0|/a'"},

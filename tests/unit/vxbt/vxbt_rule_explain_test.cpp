@@ -80,16 +80,5 @@ TEST_F(ExplainRequest, TellsWhatEachLineSaysToIt) {
     for (const Case& row : rows) EXPECT_EQ(explained(row), row.told);
 }
 
-// A reading that is given a second text is what a running instance is after a change: custom rules add up.
-TEST_F(ExplainRequest, FollowsAFurtherTextAsAChange) {
-    VXRuleReading reading;
-    ASSERT_TRUE(reading.read("2|2|r|A|-|1|1|[input1=EQUALS&&input2=/a]|-"));
-    ASSERT_TRUE(reading.read("2|2|r|B|-|1|1|[input1=EQUALS&&input2=/b]|-"));
-    EXPECT_EQ(reading.classify({"/a", "", ""}, nullptr).bt + reading.classify({"/b", "", ""}, nullptr).bt,
-              "AB");
-    EXPECT_EQ(vxCurrent(), nullptr);
-    EXPECT_FALSE(reading.read(std::string(2 << 20, '7')));
-}
-
 }  // namespace
 }  // namespace vx::test

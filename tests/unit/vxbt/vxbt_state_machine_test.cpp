@@ -124,16 +124,6 @@ TEST(StateMachine, WhatIsRefusedLeavesNothing) {
     EXPECT_EQ(machine.find("/ab"), -1);
 }
 
-TEST(StateMachine, WithoutAStartStateNothingIsAddedAndEveryUrlIsOthers) {
-    vxlb_state_machine none{};
-    EXPECT_EQ(vxlb_state_machine_add(&none, "/a", 2, nullptr, 0, 5, kExact, 0), -1);
-    EXPECT_EQ(vxlb_state_machine_add_header(&none, "A=1", 3, 5, kExact), -1);
-    EXPECT_EQ(vxlb_state_machine_search(&none, "/a", 2, nullptr, nullptr), 1);
-    Machine empty;
-    EXPECT_EQ(empty.find("/a"), -1);
-    EXPECT_EQ(vxlb_state_machine_search(empty.get(), "/a", -1, nullptr, nullptr), -1);
-}
-
 TEST(StateMachine, TablesGrowWithTheRules) {
     Machine machine({}, 1);
     const std::string tail(250, 't');
