@@ -74,9 +74,11 @@ TEST_F(SettingsFile, TheEnvironmentDecidesFirst) {
     EXPECT_EQ(record(0), "h:81");
 
     setenv("ZOR_APP_AGENT_VXCHOST", "env.example", 1);  // a host leaves the file unused
+    write("vxsettings.conf", "instance=J\n");
     EXPECT_EQ(read_env_var(), 0);
     EXPECT_EQ(read_conf_file(), 0);
     EXPECT_EQ(record(0), "env.example:81");
+    EXPECT_STREQ(getAppName(), "I");
     EXPECT_EQ(check_file_size_of_vxsetting_files(1), 0);
     unsetenv("ZOR_APP_AGENT_VXCHOST");
     EXPECT_EQ(pass("vxcHost=h\n"), 0);
