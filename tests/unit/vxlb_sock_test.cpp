@@ -60,10 +60,10 @@ TEST_F(Sockets, ReadLineTakesWhatItGetsUpToItsSize) {
     peerSends(std::string(1100, 'z') + "\n");
     EXPECT_EQ(readLine(), kSockFull);
     EXPECT_EQ(std::string(buffer), std::string(1023, 'z'));
-    for (const std::size_t held : {1023, 5000}) {  // a pending part that fills the buffer alone
-        std::string text(held, 'p');
+    for (const int held : {1023, 5000}) {  // a pending part that fills the buffer alone
+        std::string text(static_cast<std::size_t>(held), 'p');
         pending = text.data();
-        length = static_cast<int>(held);
+        length = held;
         EXPECT_EQ(readLine(&pending, &length), kSockFull);
         EXPECT_EQ(std::string(buffer), std::string(1023, 'p'));
     }
