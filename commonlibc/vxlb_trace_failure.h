@@ -4,8 +4,7 @@
 // behind it.
 //
 // Threads   Called by the thread that traces, with the trace's mutex held: the callee must not trace. Set
-// before
-//           the start.
+//           before the start.
 #pragma once
 
 namespace vx {
