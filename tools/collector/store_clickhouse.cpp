@@ -124,6 +124,14 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
+// "'transactions', 'records', ...": the database may hold tables of others.
+std::string ownTables() {
+    std::string out;
+    for (int id = 0; id < kTables; ++id)
+        out.append(id ? ", '" : "'").append(tableOf(static_cast<TableId>(id)).name).append("'");
+    return out;
+}
+
 class ClickHouseDatabase : public Database {
 public:
     ClickHouseDatabase(HttpAddress address, int timeMs) : address_(std::move(address)), timeMs_(timeMs) {}
@@ -212,8 +220,12 @@ bool ClickHouseSink::open(const HttpAddress& address, int collector, double keep
     }
     bool done = run(
         "CREATE TABLE IF NOT EXISTS meta(name String, value Int64) ENGINE = MergeTree ORDER BY name", error);
-    for (int id = 0; id < kTables; ++id)
-        done = done && run(clickHouseCreate(tableOf(static_cast<TableId>(id))), error);
+    for (int id = 0; id < kTables; ++id) {
+        const Table& table = tableOf(static_cast<TableId>(id));
+        done = done && run(clickHouseCreate(table), error);
+        // A table of somebody else with that name has other columns.
+        done = done && run("SELECT " + columnsOf(table) + " FROM " + table.name + " LIMIT 0", error);
+    }
     std::int64_t version = 0;
     done = done && number("SELECT max(value) FROM meta WHERE name = 'version'", version, error);
     if (done && version == 0)
@@ -280,8 +292,8 @@ bool ClickHouseSink::forgetDays(std::int64_t now, std::string& fault) {
     const HttpAnswer old =
         postStatement(address_, "", "",
                       "SELECT DISTINCT table, partition FROM system.parts WHERE active AND database = '" +
-                          address_.database + "' AND partition <> 'tuple()' AND partition < '" + day +
-                          "' FORMAT TabSeparated");
+                          address_.database + "' AND table IN (" + ownTables() +
+                          ") AND length(partition) = 8 AND partition < '" + day + "' FORMAT TabSeparated");
     std::string_view rest = old.body;
     if (old.status != kHttpOk) fault = firstLine(old.body);
     bool any = false;
@@ -298,9 +310,9 @@ bool ClickHouseSink::forgetDays(std::int64_t now, std::string& fault) {
 StoreSink::Holds ClickHouseSink::holds() {
     Holds out;
     std::string ignored;
-    number(
-        "SELECT sum(bytes_on_disk) FROM system.parts WHERE active AND database = '" + address_.database + "'",
-        out.bytes, ignored);
+    number("SELECT sum(bytes_on_disk) FROM system.parts WHERE active AND database = '" + address_.database +
+               "' AND table IN (" + ownTables() + ")",
+           out.bytes, ignored);
     std::int64_t day = 0;  // as in 20261122
     number("SELECT min(partition) FROM system.parts WHERE active AND database = '" + address_.database +
                "' AND table = 'transactions'",

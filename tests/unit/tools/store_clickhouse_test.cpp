@@ -196,6 +196,9 @@ TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead)
         EXPECT_EQ(sink.write({&batch, 1}, error), StoreSink::Wrote::kDone) << error;
     };
     write(batchOf(1, old, first));
+    postStatement(address, "", "",
+                  "CREATE TABLE vx.bills(day Date) ENGINE = MergeTree PARTITION BY day ORDER BY day");
+    postStatement(address, "", "", "INSERT INTO vx.bills VALUES ('2019-05-01')");
     Batch young = batchOf(2, now, first + 1);
     young.instances[0].lastAt = now + 9 * 86'400'000LL;
     write(young);
@@ -203,12 +206,19 @@ TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead)
     EXPECT_FALSE(sink.retain(now, error));
     EXPECT_EQ(error, "");
     EXPECT_EQ(count("transactions") + count("instances"), "1\n1\n");
+    EXPECT_EQ(count("bills"), "1\n") << "tables of others are left alone";
     EXPECT_TRUE(test::eventually([&] { return count("names") == "1\n"; })) << "names go with their instance";
     EXPECT_FALSE(sink.retain(now + 4 * 86'400'000LL, error));
     EXPECT_EQ(count("transactions"), "0\n");
     ClickHouseSink again;
     ASSERT_TRUE(again.open(address, 3, 2, error)) << error;
     EXPECT_GT(again.nextId(), first + 1) << "names still tell of the last id";
+
+    HttpAddress other = address;
+    other.database = "other";
+    postStatement(address, "", "", "CREATE DATABASE other");
+    postStatement(address, "", "", "CREATE TABLE other.names(name String) ENGINE = Log");
+    EXPECT_FALSE(ClickHouseSink().open(other, 3, 2, error)) << "a table of somebody else is not taken over";
 
     postStatement(address, "", "", "ALTER TABLE vx.exceptions MODIFY COLUMN class Int64");
     Batch batch = batchOf(2, now, first + 5);
