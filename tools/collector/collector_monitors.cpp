@@ -13,7 +13,8 @@ namespace vx::collector {
 namespace {
 
 constexpr std::size_t kFieldsMax = 48;
-constexpr int kNone = -1;  // a monitor has no such figure
+constexpr double kMostTotal = 9e15, kMostCount = 1e12;  // what nobody comes near, and sums can hold
+constexpr int kNone = -1;                               // a monitor has no such figure
 constexpr auto kKindNames = std::to_array<const char*>({"BT ", "back-end ", "method ", "exception "});
 
 // Where a record's figures stand, counted from 0 behind the name.
@@ -38,24 +39,26 @@ struct DigestRow {
 };
 constexpr auto kDigests = std::to_array<DigestRow>({{793, Monitored::kBt}, {794, Monitored::kBackend}});
 
-// Numbers separated by single blanks. How many there are; 0 for a text that holds something else.
+// Finite numbers separated by single blanks. How many there are; 0 for a text that holds something else.
 std::size_t readFields(std::string_view text, Fields& fields) {
     while (text.ends_with(' ')) text.remove_suffix(1);
     std::size_t count = 0;
     const char *at = text.data(), *const end = at + text.size();
     while (at != end && count < kFieldsMax) {
-        const auto done = std::from_chars(at, end, fields[count++]);
-        if (done.ec != std::errc() || (done.ptr != end && *done.ptr != ' ')) return 0;
+        double& field = fields[count++];
+        const auto done = std::from_chars(at, end, field);
+        if (done.ec != std::errc() || !std::isfinite(field) || (done.ptr != end && *done.ptr != ' '))
+            return 0;
         at = done.ptr == end ? end : done.ptr + 1;
     }
     return at == end ? count : 0;
 }
 
 double fieldAt(const Fields& fields, int place) {
-    return place == kNone ? 0 : std::clamp(fields[static_cast<std::size_t>(place)], 0.0, 9e15);
+    return place == kNone ? 0 : std::clamp(fields[static_cast<std::size_t>(place)], 0.0, kMostTotal);
 }
 std::uint64_t countAt(const Fields& fields, int place) {
-    return static_cast<std::uint64_t>(fieldAt(fields, place));
+    return static_cast<std::uint64_t>(std::min(fieldAt(fields, place), kMostCount));
 }
 
 Figures figuresOf(const Layout& layout, const Fields& fields) {
@@ -67,7 +70,8 @@ Figures figuresOf(const Layout& layout, const Fields& fields) {
     out.verySlow = countAt(fields, layout.verySlow);
     out.error = countAt(fields, layout.error);
     // Six decimals of an average give the sum back as long as the count has fewer digits than that.
-    out.totalMs = std::llround(fieldAt(fields, layout.average) * static_cast<double>(out.count));
+    out.totalMs =
+        std::llround(std::min(fieldAt(fields, layout.average) * static_cast<double>(out.count), kMostTotal));
     out.minMs = std::llround(fieldAt(fields, layout.least));
     out.maxMs = std::llround(fieldAt(fields, layout.most));
     return out;
@@ -217,7 +221,7 @@ void Figures::add(const Figures& more) {
     slow += more.slow;
     verySlow += more.verySlow;
     error += more.error;
-    totalMs += more.totalMs;
+    if (__builtin_add_overflow(totalMs, more.totalMs, &totalMs)) totalMs = INT64_MAX;
 }
 
 Figures oneOf(std::int64_t durationMs, int category) {

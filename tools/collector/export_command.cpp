@@ -152,6 +152,10 @@ bool hasTime(const Table& table) {
                        [](const Column& column) { return !std::strcmp(column.name, "at"); });
 }
 
+void addSpan(Sql& sql, const Table& table, TimeSpan span) {
+    if (hasTime(table)) sql.add(" AND at >= ?", span.from).add(" AND at < ?", span.to);
+}
+
 // Tables of transactions are read in pages of their first column, which grows; the others at once.
 bool exportTable(const ExportOptions& options, const Table& table, Database& database, std::FILE* out,
                  std::string& error) {
@@ -160,12 +164,14 @@ bool exportTable(const ExportOptions& options, const Table& table, Database& dat
     bool written = put(out, columnsOf(table, ",") + "\r\n");
     for (std::int64_t last = 0, seen = 1; written && seen > 0;) {
         Sql sql("SELECT " + columnsOf(table) + " FROM " + table.name + " WHERE 1 = 1");
-        if (hasTime(table)) sql.add(" AND at >= ?", options.span.from).add(" AND at < ?", options.span.to);
+        addSpan(sql, table, options.span);
         if (paged) {
             sql.add(" AND " + first + " > ?", last);
             sql.add(" AND ").add(first).add(" <= (SELECT max(x) FROM (SELECT ").add(first);
             sql.add(" AS x FROM ").add(table.name);
-            sql.add(" WHERE " + first + " > ?", last).add(" ORDER BY x LIMIT ?))", std::int64_t{kCsvPage});
+            sql.add(" WHERE " + first + " > ?", last);
+            addSpan(sql, table, options.span);  // a page without a row in the span would end the export
+            sql.add(" ORDER BY x LIMIT ?))", std::int64_t{kCsvPage});
         }
         sql.add(" ORDER BY " + first);
         seen = 0;

@@ -71,6 +71,9 @@ public:
     std::string contains(const char* column) const override {
         return "instr(" + std::string(column) + ", ?) > 0";
     }
+    std::string sum(const char* column) const override {
+        return "CAST(total(" + std::string(column) + ") AS INTEGER)";
+    }
     bool findsByTime() const override { return false; }
 
 private:

@@ -64,6 +64,8 @@ public:
     virtual Answered select(const Sql& sql, const Take& take, std::string& error) = 0;
     // Condition with one "?": the column's text holds the value.
     virtual std::string contains(const char* column) const = 0;
+    // The sum of a column of whole numbers: one that is out of range is no error.
+    virtual std::string sum(const char* column) const { return "sum(" + std::string(column) + ")"; }
     // Rows are found by their time, and by nothing else without reading all.
     virtual bool findsByTime() const = 0;
 };

@@ -55,7 +55,7 @@ std::size_t stepsOf(const SumsQuery& query) {
 }
 
 // Figures by name and step: its column `bin` is the begin of the step.
-Sql binsOf(const char* columns, const char* table, const SumsQuery& query, bool stepped) {
+Sql binsOf(const std::string& columns, const char* table, const SumsQuery& query, bool stepped) {
     Sql sql(std::string("SELECT name, ") + kBin + ", " + columns + ", " + kFigures + " FROM " + table);
     sql.add("", query.span.from).add("", query.stepMs);
     addConditions(sql, query, stepped);
@@ -116,7 +116,7 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
         answer);
 
     ask(
-        binsOf("sum(discarded), sum(total_us)", "sums", query, true),
+        binsOf("sum(discarded), " + database_->sum("total_us"), "sums", query, true),
         [&](const ResultRow& row) {
             const std::size_t place = placeOf(places, row.text(0));
             const auto step = static_cast<std::size_t>((row.number(1) - query.span.from) / query.stepMs);
@@ -160,7 +160,7 @@ Answered StoreQuery::backends(TimeSpan span, Backends& out) {
     query.span = sums.span;
     query.stepMs = sums.stepMs;
     std::map<std::string, std::int64_t> totalUs;
-    Sql calls("SELECT instance, name, sum(count), sum(error), sum(total_us) FROM sums");
+    Sql calls("SELECT instance, name, sum(count), sum(error), " + database_->sum("total_us") + " FROM sums");
     addConditions(calls, query, true);
     calls.add(" GROUP BY instance, name ORDER BY sum(count) DESC, instance, name LIMIT ?",
               static_cast<std::int64_t>(kMostRows));
@@ -289,7 +289,7 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
     };
     Places places;
     ask(
-        binsOf("sum(total)", "monitors", query, false),
+        binsOf(database_->sum("total"), "monitors", query, false),
         [&](const ResultRow& row) {
             const std::string name = row.text(0);
             const auto step = static_cast<std::size_t>((row.number(1) - sums.span.from) / sums.stepMs);

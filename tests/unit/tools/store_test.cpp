@@ -13,6 +13,7 @@
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_runs.h"
+#include "tools/collector/export_command.h"
 #include "tools/collector/store_query.h"
 #include "tools/collector/store_sums.h"
 
@@ -160,7 +161,16 @@ TEST_F(StoreTest, SumsAgreeWithWhatWasSentAndPagesNeitherSkipNorRepeat) {
         sent.add(oneOf(i, category));
     }
     take("4,5000,-99,10,0,40,2,0,,0,");
+    for (const char* host : {"host1", "host2"})  // figures beyond all reason
+        for (const char* line :
+             {"61,3|4|6:Web_host1_shop_m|1 1 9e15 1 1 9e15", "61,3|4|6:a_b_c_n|1 1 nan 1 1 1"})
+            runs.line(StreamKind::kAutoSensor, line, runs.of(Identity{"Web", host, "shop", ""}.text()));
     close();
+    std::vector<MonitorRow> told;
+    ASSERT_EQ(query.monitors(lastMinutes(Monitored::kMethod), told), Answered::kOk) << query.error();
+    ASSERT_EQ(told.size(), 1U) << "what is no number is no report";
+    EXPECT_TRUE(told[0].monitor.totalMs == 18'000'000'000'000'000 &&
+                told[0].monitor.count == 2'000'000'000'000);
     Sums sums;
     ASSERT_EQ(query.sums(lastMinutes(), sums), Answered::kOk) << query.error();
     ASSERT_EQ(sums.rows.size(), 1U);
@@ -197,8 +207,15 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
         std::vector<TransactionRow> rows;
         return query.transactions({}, rows) == Answered::kOk && rows.size() == 3;
     }));
-    for (int i = 0; i < 20'000; ++i) transaction(100 + i, 10, 5, 10, "", "/" + std::string(300, 'x'));
+    for (int i = 0; i < 20'000; ++i)
+        transaction(100 + i, i < 19'999 ? 10 : 5, 5, 10, "", "/" + std::string(300, 'x'));
     close();
+    std::string words[] = {"--db",  file,       "--format", "csv", "--from", std::to_string(now),
+                           "--out", dir / "csv"};
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    EXPECT_EQ(exportCommand(static_cast<int>(arguments.size()), arguments.data()), 0);
+    EXPECT_NE(dir.read("csv").find("/xxx"), std::string::npos) << "behind pages of what is older";
     open({0, 4});
     ASSERT_TRUE(test::eventually([&] {
         const std::int64_t bytes = store->status().bytes;
