@@ -306,7 +306,7 @@ void StoreIntake::end(std::string_view rest, std::string_view line, Feed& feed, 
     row.endReason = end.endReason;
     row.bt = nameOf(instance.bts, end.bt, "BT");
     if (end.takenBack()) {
-        sums_.addDiscarded({Monitored::kBt, row.instance, row.at, row.bt});
+        if (!sums_.addDiscarded({Monitored::kBt, row.instance, row.at, row.bt})) ++lostSums_;
         return;
     }
     row.id = nextId_++;

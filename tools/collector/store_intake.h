@@ -66,7 +66,7 @@ public:
 
     // Transactions that found no room, since the start.
     std::uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
-    // Occurrences that are in no sum: more than kMostSums objects in one moment.
+    // Occurrences that are in no sum: there was no room for it.
     std::uint64_t lostSums() const { return lostSums_.load(std::memory_order_relaxed); }
 
 private:

@@ -6,7 +6,7 @@ namespace vx::collector {
 
 bool StoreQueue::hasRoom(std::size_t bytes) const {
     const std::scoped_lock lock(mutex_);
-    return bytes_ + bytes <= most_;
+    return bytes_ == 0 || bytes_ + bytes <= most_;
 }
 
 void StoreQueue::put(Batch batch) {

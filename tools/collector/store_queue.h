@@ -24,6 +24,7 @@ class StoreQueue {
 public:
     explicit StoreQueue(std::size_t most = kMostQueued) : most_(most) {}
 
+    // An empty one takes anything.
     bool hasRoom(std::size_t bytes) const;
     // Takes it even without room: ask before.
     void put(Batch batch);

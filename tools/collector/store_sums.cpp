@@ -74,7 +74,7 @@ StoreSums::Sum* StoreSums::of(Object object) {
     object.at = rounded(object.at, kSumStep);
     const auto found = sums_.find(object);
     if (found != sums_.end()) return &found->second;
-    if (sums_.size() >= kMostSums) return nullptr;
+    if (sums_.size() >= kMostSums || bytes_ >= kMostSumBytes) return nullptr;
     bytes_ += 2 * (sizeof(StoredSum) + object.name.size());
     return &sums_[{object.kind, object.instance, object.at, std::string(object.name)}];
 }
@@ -82,18 +82,23 @@ StoreSums::Sum* StoreSums::of(Object object) {
 bool StoreSums::add(const Object& object, const Figures& figures, std::int64_t us) {
     Sum* sum = of(object);
     if (!sum) return false;
+    const bool inBuckets = object.kind == Monitored::kBt || object.kind == Monitored::kBackend;
+    if (inBuckets && !addToBucket(*sum, bucketOf(figures.maxMs), object.name.size())) return false;
     sum->figures.add(figures);
     sum->totalUs += us;
-    if (object.kind != Monitored::kBt && object.kind != Monitored::kBackend) return true;
-    const int bucket = bucketOf(figures.maxMs);
-    const auto found = std::find_if(sum->buckets.begin(), sum->buckets.end(),
+    return true;
+}
+
+bool StoreSums::addToBucket(Sum& sum, int bucket, std::size_t nameLength) {
+    const auto found = std::find_if(sum.buckets.begin(), sum.buckets.end(),
                                     [bucket](const auto& row) { return row.first == bucket; });
-    if (found != sum->buckets.end()) {
+    if (found != sum.buckets.end()) {
         ++found->second;
-    } else {
-        sum->buckets.emplace_back(bucket, 1);
-        bytes_ += 2 * (sizeof(StoredBucket) + object.name.size());
+        return true;
     }
+    if (bytes_ >= kMostSumBytes) return false;
+    sum.buckets.emplace_back(bucket, 1);
+    bytes_ += 2 * (sizeof(StoredBucket) + nameLength);
     return true;
 }
 

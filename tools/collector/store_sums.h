@@ -5,7 +5,8 @@
 // Buckets   Durations below 64 ms have one each; above, each power of two is divided into 32:
 //           0, 1, ... 63, 64-65, 66-67, ... 126-127, 128-131, ...
 //           Business transactions and back-ends have them.
-// Limits    kMostSums objects at a time. What is beyond is not added, and add() says so.
+// Limits    kMostSums objects and about kMostSumBytes at a time. What needs more is not added, and add() says
+//           so.
 // Threads   One.
 #pragma once
 
@@ -22,6 +23,7 @@
 namespace vx::collector {
 
 inline constexpr std::size_t kMostSums = 65536;
+inline constexpr std::size_t kMostSumBytes = std::size_t{32} * 1024 * 1024;
 
 int bucketOf(std::int64_t ms);
 // The middle of a bucket's durations, in milliseconds.
@@ -68,6 +70,7 @@ private:
         std::vector<std::pair<int, std::int64_t>> buckets;  // few: an interval's durations lie together
     };
     Sum* of(Object object);
+    bool addToBucket(Sum& sum, int bucket, std::size_t nameLength);
 
     std::unordered_map<Key, Sum, Hash, Equal> sums_;
     std::size_t bytes_ = 0;
