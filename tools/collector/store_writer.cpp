@@ -33,6 +33,7 @@ StoreWriter::Status StoreWriter::status() const {
 void StoreWriter::work() {
     for (;;) {
         const bool last = queue_.closed();
+        if (!last) stillOpen();
         const std::vector<Batch> batches = queue_.take(kPatience);
         if (!batches.empty()) writeAll(batches);
         queue_.done(batches);
@@ -42,12 +43,15 @@ void StoreWriter::work() {
     }
 }
 
+// What the end is measured from.
+void StoreWriter::stillOpen() {
+    lastTries_ = 0;
+    closedAt_ = Clock::now();
+}
+
 // After a failure: at the end a sink has so many tries, and so much time, for all that waits.
 bool StoreWriter::givesUp() {
-    if (!queue_.closed()) {
-        lastTries_ = 0;
-        closedAt_ = Clock::now();
-    }
+    if (!queue_.closed()) stillOpen();
     return ++lastTries_ > kLastTries || Clock::now() > closedAt_ + kLastTime;
 }
 
@@ -63,7 +67,11 @@ void StoreWriter::writeAll(const std::vector<Batch>& batches) {
         if (answer != StoreSink::Wrote::kLater) break;
         givenUp_ = givesUp();
         if (givenUp_) answer = StoreSink::Wrote::kNever;
-        queue_.pause(kRetryMs);
+        if (!queue_.closed()) {
+            queue_.pause(kRetryMs);
+        } else if (!givenUp_) {
+            std::this_thread::sleep_for(kRetryMs);
+        }
     }
     const std::scoped_lock lock(mutex_);
     if (answer == StoreSink::Wrote::kNever) {

@@ -48,6 +48,7 @@ public:
 private:
     void work();
     void writeAll(const std::vector<Batch>& batches);
+    void stillOpen();
     bool givesUp();
     void retain();
     void look();
@@ -60,9 +61,10 @@ private:
     Status status_;
     std::chrono::steady_clock::time_point looked_{};
     std::string retainFault_;
-    // Of the end: tries that failed, when it began, and whether the sink was given up.
+    // Of the end: tries that failed, when it began (the last time that it had not), and whether the sink was
+    // given up.
     int lastTries_ = 0;
-    std::chrono::steady_clock::time_point closedAt_{};
+    std::chrono::steady_clock::time_point closedAt_ = std::chrono::steady_clock::now();
     bool givenUp_ = false;
     std::thread thread_;  // the last member: it uses the others
 };

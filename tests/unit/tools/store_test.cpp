@@ -94,6 +94,52 @@ TEST(StoreSums, PercentilesAreWithinTwoPercent) {
     EXPECT_EQ(percentileOf({{10, 94}, {50, 6}}, 95), 50);
 }
 
+TEST(StoreIntake, GoesOnAfterAnOutageInWhichMoreAddedUpThanTheQueueTakes) {
+    StoreQueue queue;
+    Batch full;
+    full.bytes = kMostQueued;
+    queue.put(std::move(full));
+    StoreIntake intake(queue, 1);
+    InstanceState instance;
+    instance.name = kShop.text();
+    instance.bts[2] = std::string(200'000, 'x');
+    for (int i = 0; i < 400; ++i) {  // a bucket each
+        const std::string duration = std::to_string((32 + i % 32) << i / 32);
+        intake.line(StreamKind::kData, "4,1,200,10,0," + duration + ",2,0,,0,", instance, '_', 0);
+    }
+    intake.flush(1000);
+    EXPECT_GT(intake.lostSums(), 0U);
+    queue.done(queue.take({}));
+    intake.flush(2000);
+    EXPECT_GT(queue.bytes(), 0U);
+}
+
+// Its first try fails, and meanwhile the end begins.
+struct SinkOfTheEnd : StoreSink {
+    explicit SinkOfTheEnd(StoreQueue& ending) : queue(ending) {}
+    Wrote write(std::span<const Batch>, std::string&) override {
+        queue.close();
+        return tries++ ? Wrote::kDone : Wrote::kLater;
+    }
+    bool retain(std::int64_t, std::string&) override { return false; }
+    Holds holds() override { return {}; }
+    StoreQueue& queue;
+    int tries = 0;
+};
+
+TEST(StoreWriter, TriesAgainAtTheEndAfterAWhile) {
+    StoreQueue queue;
+    Batch batch;
+    batch.transactions.emplace_back();
+    batch.bytes = 1;
+    queue.put(std::move(batch));
+    const auto begin = std::chrono::steady_clock::now();
+    StoreWriter writer(queue, std::make_unique<SinkOfTheEnd>(queue));
+    writer.finish();
+    EXPECT_TRUE(writer.status().transactions == 1 && writer.status().lost == 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, kRetryMs);
+}
+
 TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
     open();
     for (const char* line :
