@@ -174,7 +174,7 @@ OptionsResult checkWays(const Options& options) {
     if (options.wssPort >= 0 && (options.certificateFile.empty() || options.keyFile.empty()))
         return bad("--wss needs", "--cert FILE --key FILE");
     if (!options.databaseFile.empty() && !options.clickHouse.empty())
-        return bad("--db and --clickhouse exclude each other:", options.clickHouse.c_str());
+        return bad("options exclude each other:", "--db, --clickhouse");  // a URL may hold a password
     if (!options.offer.empty() && !isOffer(options.offer)) return bad("bad value", options.offer.c_str());
     return OptionsResult::kRun;
 }

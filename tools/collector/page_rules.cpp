@@ -213,6 +213,7 @@ PageAnswer PageRules::preview(const PageRequest& request) const {
     if (!takeBody(request, body, fault)) return fault;
     if (!body.text) return pageFault(400, "'text' is missing");
     const Held now = held();
+    if (!now.fault.empty()) return pageFault(423, now.fault);
     std::vector<RequestRow> requests;
     const bool had = recent_ && recent_(kPreviewed, requests);
     RulePreview preview;
