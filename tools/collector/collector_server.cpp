@@ -148,11 +148,15 @@ void CollectorServer::pollOnce(int timeoutMs) {
     if (polled[0].revents) readCommands();
     acceptAll();
     dropClosed();
-    for (const std::string& name : runs_.takeGivenUp()) forgetIds(identities_, name);
+    forgetGivenUp();
     askForNames();
     const std::string news = runs_.takeNews();
     std::fputs(news.c_str(), stdout);
     if (!news.empty()) std::fflush(stdout);
+}
+
+void CollectorServer::forgetGivenUp() {
+    for (const std::string& name : runs_.takeGivenUp()) forgetIds(identities_, name);
 }
 
 void CollectorServer::acceptAll() {
@@ -239,6 +243,7 @@ void CollectorServer::takeFirstLine(Connection& connection, std::string_view lin
         return;
     }
     connection.identity = identityOf(line);
+    forgetGivenUp();  // it may be one of them: ids that it gets now are to stay
     connection.ids = idsOf(identities_, connection.identity);
     connection.instance = &runs_.of(connection.identity.text());
     runs_.opened(connection.kind, *connection.instance);

@@ -106,6 +106,7 @@ private:
     void pollOnce(int timeoutMs);
     bool openStore(std::string& error);
     void acceptAll();
+    void forgetGivenUp();
     void readFrom(Connection& connection);
     void takeBytes(Connection& connection, const char* data, std::size_t length);
     void takeLine(Connection& connection, std::string_view line);
