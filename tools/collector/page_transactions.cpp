@@ -151,7 +151,8 @@ Answered askTransactions(PageParameters& given, StoreQuery& store, JsonText& jso
     const Answered answered = store.transactions(query, rows);
     const InstanceNames names(store);
     json.putObjects("rows", rows, [&](const TransactionRow& row) { putRow(json, row, names); });
-    const bool more = !rows.empty() && rows.size() >= query.limit;
+    // What was not read in time may stand behind the last row.
+    const bool more = !rows.empty() && (rows.size() >= query.limit || answered == Answered::kCut);
     json.putKnown("next", more,
                   more ? std::to_string(rows.back().at) + ":" + std::to_string(rows.back().id) : "");
     return answered;
@@ -177,8 +178,10 @@ Answered askExceptions(PageParameters& given, StoreQuery& store, JsonText& json)
     const Answered answered = store.exceptions(asked, rows);
     putSpan(json, coveredSpan(store, asked));
     json.putObjects("exceptions", rows, [&](const ExceptionSums& row) {
-        json.put("class", row.name).put("count", row.count).put("lastAt", row.lastAt);
-        json.put("lastText", row.lastText).put("lastTransaction", std::to_string(row.lastTransaction));
+        json.put("class", row.name).put("count", row.count);
+        const bool known = row.lastTransaction > 0;
+        json.putKnown("lastAt", known, row.lastAt).put("lastText", row.lastText);
+        json.putKnown("lastTransaction", known, std::to_string(row.lastTransaction));
         putLines(json, "lastStack", row.lastStack);
         json.putObjects("bts", row.bts,
                         [&](const auto& bt) { json.put("bt", bt.first).put("count", bt.second); });
@@ -193,7 +196,8 @@ PageAnswer viewTransaction(const PageApi::Parts& parts, std::string_view id) {
     TransactionDetails details;
     if (code != std::errc{} || end != id.data() + id.size() || number < 1 || number > kMostKey)
         return pageFault(404, "no such transaction");
-    if (parts.store->transaction(number, details) == Answered::kFailed)
+    const Answered answered = parts.store->transaction(number, details);
+    if (answered == Answered::kFailed)
         return parts.store->error().empty() ? pageFault(404, "no such transaction, or no longer")
                                             : storeFault(*parts.store);
     const TransactionRow& row = details.row;
@@ -202,7 +206,7 @@ PageAnswer viewTransaction(const PageApi::Parts& parts, std::string_view id) {
     putRow(json, row, InstanceNames(*parts.store));
     json.put("cpu", row.cpu).put("page", row.page).put("correlation", row.correlation);
     json.put("traceId", row.traceId).put("callerSpan", row.callerSpan).put("endReason", row.endReason);
-    json.put("complete", !details.cut);
+    json.put("complete", answered == Answered::kOk && !details.cut);
     json.putKnown("caller", details.caller > 0, std::to_string(details.caller)).key("callees").open('[');
     for (const std::int64_t callee : details.callees) json.item(std::to_string(callee));
     json.close();

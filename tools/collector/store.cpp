@@ -33,7 +33,7 @@ bool Store::openFile(const std::string& path, const Retention& retention, std::s
 
 bool Store::begin(std::unique_ptr<StoreSink> sink, std::int64_t nextId, StoreQuery& query) {
     std::vector<StoredName> names;
-    query.names(kMostNames, names);
+    query.names(kMostNames, nextId, names);
     intake_.emplace(queue_, nextId);
     intake_->remember(std::move(names));
     writer_ = std::make_unique<StoreWriter>(queue_, std::move(sink));

@@ -13,7 +13,9 @@ namespace vx::collector {
 
 namespace {
 
+constexpr const char* kNotInTime = "not found in the time given";
 constexpr std::size_t kMostCallees = 100, kMostRequests = 5000;
+constexpr int kQuestionTimes = 2;  // of a statement's time: a browser waits 15 s
 constexpr std::int64_t kHourMs = 3'600'000, kDayMs = 24 * kHourMs;
 
 std::string selectTransactions() {
@@ -86,23 +88,33 @@ bool StoreQuery::openClickHouse(const std::string& url, int timeMs) {
     HttpAddress address;
     error_ = "not an address of a ClickHouse server";
     database_.reset();
+    timeMs_ = timeMs;
     if (readAddress(url, address)) database_ = collector::openClickHouse(address, timeMs, error_);
     return database_ != nullptr;
 }
 
 bool StoreQuery::openFile(const std::string& path, int timeMs) {
+    timeMs_ = timeMs;
     database_ = openSqlite(path, timeMs, error_);
     return database_ != nullptr;
 }
 
+StoreQuery::Question::Question(StoreQuery& query) : query_(query) {
+    if (query_.questions_++ > 0) return;
+    query_.error_.clear();
+    query_.end_ =
+        std::chrono::steady_clock::now() + kQuestionTimes * std::chrono::milliseconds(query_.timeMs_);
+}
+
 Answered StoreQuery::ask(const Sql& sql, const Database::Take& take, Answered& worst) {
-    error_.clear();
-    const Answered answer = database_->select(sql, take, error_);
+    const bool over = std::chrono::steady_clock::now() >= end_;
+    const Answered answer = over ? Answered::kCut : database_->select(sql, take, error_);
     worst = std::max(worst, answer);
     return answer;
 }
 
 Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql(selectTransactions() + "1 = 1");
@@ -115,6 +127,7 @@ Answered StoreQuery::transactions(const TransactionsQuery& query, std::vector<Tr
 }
 
 Answered StoreQuery::count(const TransactionsQuery& query, std::uint64_t& out) {
+    const Question question(*this);
     out = 0;
     Answered answer = Answered::kOk;
     TransactionsQuery all = query;
@@ -129,15 +142,14 @@ Answered StoreQuery::count(const TransactionsQuery& query, std::uint64_t& out) {
 // The name that was in force when the transaction ended: the latest before it. One that was told to another
 // collector may stand behind it.
 std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_t id,
-                               std::int64_t transaction) {
+                               std::int64_t transaction, Answered& worst) {
     std::string name;
-    Answered ignored = Answered::kOk;
     for (const char* which :
          {" AND since <= ? ORDER BY since DESC LIMIT 1", " AND since > ? ORDER BY since LIMIT 1"}) {
         Sql sql("SELECT name FROM names WHERE instance = ?");
         sql.add("", instance).add(" AND kind = ?", static_cast<std::int64_t>(kind)).add(" AND id = ?", id);
         ask(
-            sql.add(which, transaction), [&](const ResultRow& row) { name = row.text(0); }, ignored);
+            sql.add(which, transaction), [&](const ResultRow& row) { name = row.text(0); }, worst);
         if (!name.empty()) break;
     }
     return name;
@@ -145,6 +157,7 @@ std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_
 
 Answered StoreQuery::transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
                                         std::vector<TransactionRow>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql(selectTransactions() + "id > ?");
@@ -163,7 +176,8 @@ std::vector<std::int64_t> StoreQuery::beginnings() const {
     return {now - kHourMs, now - kDayMs, 0};
 }
 
-// The one row of that value, the latest when there are several.
+// The one row of that value, the latest when there are several. Found is found, however long it took; what is
+// not found in time may be there.
 Answered StoreQuery::latestOf(const char* column, std::int64_t value, TransactionRow& out) {
     out = {};
     Answered answer = Answered::kOk;
@@ -172,25 +186,29 @@ Answered StoreQuery::latestOf(const char* column, std::int64_t value, Transactio
         sql.add(" = ?", value).add(" AND at >= ?", from).add(" ORDER BY id DESC LIMIT 1");
         ask(
             sql, [&](const ResultRow& row) { out = transactionOf(row); }, answer);
-        if (out.id != 0 || answer == Answered::kFailed) break;
+        if (answer == Answered::kFailed) return answer;
+        if (out.id != 0) return Answered::kOk;
     }
-    return answer == Answered::kOk && out.id == 0 ? Answered::kFailed : answer;
+    if (answer == Answered::kCut) error_ = kNotInTime;
+    return Answered::kFailed;
 }
 
 Answered StoreQuery::transactionRow(std::int64_t id, TransactionRow& out) {
+    const Question question(*this);
     return latestOf("id", id, out);
 }
 
 Answered StoreQuery::callerOf(const TransactionRow& row, TransactionRow& out) {
+    const Question question(*this);
     out = {};
-    error_.clear();
     return row.previous ? latestOf("flowpath", row.previous, out) : Answered::kFailed;
 }
 
 Answered StoreQuery::transaction(std::int64_t id, TransactionDetails& out) {
+    const Question question(*this);
     out = {};
     Answered answer = transactionRow(id, out.row);
-    if (answer == Answered::kOk) answer = readLines(out);
+    if (answer != Answered::kFailed) answer = readLines(out);
     if (answer != Answered::kFailed) answer = std::max(answer, neighbours(out));
     if (answer == Answered::kFailed) out = {};
     return answer;
@@ -212,17 +230,20 @@ Answered StoreQuery::readLines(TransactionDetails& out) {
     std::map<std::pair<NameKind, std::int64_t>, std::string> known;
     const NameLookup lookup = [&](NameKind kind, std::int64_t id) {
         const auto [at, added] = known.try_emplace({kind, id});
-        if (added) at->second = nameOf(out.row.instance, kind, id, out.row.id);
+        if (added) at->second = nameOf(out.row.instance, kind, id, out.row.id, answer);
         return at->second;
     };
     readDetails(lines, out.row.duration, epochMs, lookup, out);
-    return out.cut ? Answered::kCut : Answered::kOk;
+    return out.cut ? std::max(answer, Answered::kCut) : answer;
 }
 
 Answered StoreQuery::neighbours(TransactionDetails& out) {
     Answered answer = Answered::kOk;
     TransactionRow caller;
-    if (out.row.previous && callerOf(out.row, caller) == Answered::kOk) out.caller = caller.id;
+    if (out.row.previous && callerOf(out.row, caller) == Answered::kOk)
+        out.caller = caller.id;
+    else if (!error_.empty())
+        answer = Answered::kCut;
     if (out.row.flowpath)
         ask(
             Sql("SELECT id FROM transactions WHERE previous = ?")
@@ -236,6 +257,7 @@ Answered StoreQuery::neighbours(TransactionDetails& out) {
 }
 
 Answered StoreQuery::comparisons(TimeSpan span, std::vector<RunComparison>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql("SELECT at, instance, agreed, partial, differing FROM comparisons WHERE 1 = 1");
@@ -253,6 +275,7 @@ Answered StoreQuery::comparisons(TimeSpan span, std::vector<RunComparison>& out)
 }
 
 Answered StoreQuery::instances(std::vector<InstanceRow>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql(
@@ -271,6 +294,7 @@ Answered StoreQuery::instances(std::vector<InstanceRow>& out) {
 
 Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::int64_t stepMs,
                            std::vector<LinkRow>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     Sql sql(std::string("SELECT ") + kBin +
@@ -296,12 +320,15 @@ Answered StoreQuery::links(TimeSpan span, std::int64_t instance, std::int64_t st
     return answer;
 }
 
-Answered StoreQuery::names(std::size_t most, std::vector<StoredName>& out) {
+Answered StoreQuery::names(std::size_t most, std::int64_t nextId, std::vector<StoredName>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     std::set<std::tuple<std::int64_t, std::int64_t, std::int64_t>> seen;
-    Sql sql("SELECT instance, kind, id, since, name FROM names ORDER BY since DESC LIMIT ?");
-    sql.add("", static_cast<std::int64_t>(most));
+    const std::int64_t first = nextId >> kCollectorShift << kCollectorShift;
+    Sql sql("SELECT instance, kind, id, since, name FROM names ORDER BY CASE WHEN since >= ?");
+    sql.add("", first).add(" AND since < ?", first + (std::int64_t{1} << kCollectorShift));
+    sql.add(" THEN 0 ELSE 1 END, since DESC LIMIT ?", static_cast<std::int64_t>(most));
     ask(
         sql,
         [&](const ResultRow& row) {
@@ -313,6 +340,7 @@ Answered StoreQuery::names(std::size_t most, std::vector<StoredName>& out) {
 }
 
 Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
+    const Question question(*this);
     out.clear();
     Answered answer = Answered::kOk;
     std::vector<std::int64_t> instances;
@@ -359,7 +387,7 @@ Answered StoreQuery::requests(std::size_t most, std::vector<RequestRow>& out) {
             if (kind != NameKind::kHeader) return std::string();
             const auto [found, added] =
                 known.try_emplace({instances[at], static_cast<std::int64_t>(kind), id});
-            if (added) found->second = nameOf(instances[at], kind, id, out[at].id);
+            if (added) found->second = nameOf(instances[at], kind, id, out[at].id, answer);
             return found->second;
         };
         out[place].headers = readRequestHeaders(text, lookup);

@@ -1,7 +1,8 @@
 // Questions to a store: what the page shows and the export writes.
 //
 // A StoreQuery has a connection of its own, which only reads; the writer goes on meanwhile. Every question is
-// bounded: by its own limit of rows, and by kQueryTime, behind which the database gives up.
+// bounded: by its own limit of rows, and by time: the database gives a statement up behind kQueryTimeMs, and
+// behind twice as long a question begins no further one.
 //
 // Units     Times are milliseconds since the Unix epoch (UTC), spans hold their `from` and not their `to`;
 //           durations are milliseconds.
@@ -12,6 +13,7 @@
 // Threads   One at a time.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -49,6 +51,7 @@ struct SumsRow {
     Figures figures;              // of the whole span; figures.totalMs / figures.count is the average
     std::uint64_t discarded = 0;  // taken back by the sender, or excluded: not in the figures
     double p95Ms = 0;             // within 2 % of the true one; exact below 64 ms
+    std::int64_t totalUs = 0;     // figures.totalMs, finer
     std::vector<Figures> steps;   // one for each step of the span; the last may be a part of one
 };
 struct Sums {
@@ -177,24 +180,41 @@ public:
     Answered instances(std::vector<InstanceRow>& out);
     // Oldest first, added up over steps of `stepMs` (a multiple of 10 s); of one instance, or of all (0).
     Answered links(TimeSpan span, std::int64_t instance, std::int64_t stepMs, std::vector<LinkRow>& out);
-    // The names in force now, of all instances: at most `most`, the latest.
-    Answered names(std::size_t most, std::vector<StoredName>& out);
+    // The names in force now, of all instances: at most `most`, the latest. Those that the
+    // collector of `nextId` was told go before all others: what another one was told may be of another run.
+    Answered names(std::size_t most, std::int64_t nextId, std::vector<StoredName>& out);
     // The latest, latest first.
     Answered requests(std::size_t most, std::vector<RequestRow>& out);
 
 private:
+    // Stands while a public function answers: its error and its time are those of the outermost.
+    class Question {
+    public:
+        explicit Question(StoreQuery& query);
+        ~Question() { --query_.questions_; }
+        Question(const Question&) = delete;
+        Question& operator=(const Question&) = delete;
+
+    private:
+        StoreQuery& query_;
+    };
+
     Answered ask(const Sql& sql, const Database::Take& take, Answered& worst);
     std::vector<std::int64_t> beginnings() const;
     Answered latestOf(const char* column, std::int64_t value, TransactionRow& out);
     Answered round(SumsQuery& query);
-    std::string nameOf(std::int64_t instance, NameKind kind, std::int64_t id, std::int64_t transaction);
+    std::string nameOf(std::int64_t instance, NameKind kind, std::int64_t id, std::int64_t transaction,
+                       Answered& worst);
     Answered readLines(TransactionDetails& out);
     Answered neighbours(TransactionDetails& out);
     Answered tierEdges(TimeSpan span, std::vector<CallEdge>& edges);
+    Answered kindsOf(TimeSpan span, std::vector<BackendSums>& rows);
     Answered lastOf(ExceptionSums& row, TimeSpan span);
 
     std::unique_ptr<Database> database_;
     std::string error_;
+    int timeMs_ = kQueryTimeMs, questions_ = 0;
+    std::chrono::steady_clock::time_point end_{};  // of the question
     TimeSpan covered_;
 };
 

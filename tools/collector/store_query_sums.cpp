@@ -46,8 +46,12 @@ void addConditions(Sql& sql, const SumsQuery& query, bool stepped) {
 }
 
 using Counts = std::map<int, std::uint64_t>;
-double p95Of(const Counts& counts) {
-    return percentileOf({counts.begin(), counts.end()}, 95);
+// The middle of a bucket may lie beyond all that is in it.
+double p95Of(const Counts& counts, const Figures& figures) {
+    const double middle = percentileOf({counts.begin(), counts.end()}, 95);
+    return figures.count == 0 ? middle
+                              : std::clamp(middle, static_cast<double>(figures.minMs),
+                                           static_cast<double>(std::max(figures.minMs, figures.maxMs)));
 }
 
 std::size_t stepsOf(const SumsQuery& query) {
@@ -90,6 +94,7 @@ Answered StoreQuery::round(SumsQuery& query) {
 }
 
 Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
+    const Question question(*this);
     out = {};
     SumsQuery query = asked;
     Answered answer = round(query);
@@ -106,10 +111,10 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
         top,
         [&](const ResultRow& row) {
             if (places.size() < kMostNames) {
-                out.rows.push_back({row.text(0), {}, 0, 0, std::vector<Figures>(out.steps.size())});
+                out.rows.push_back({row.text(0), {}, 0, 0, 0, std::vector<Figures>(out.steps.size())});
                 places.emplace(out.rows.back().name, places.size());
             } else {
-                out.rows.push_back({kMoreName, {}, 0, 0, std::vector<Figures>(out.steps.size())});
+                out.rows.push_back({kMoreName, {}, 0, 0, 0, std::vector<Figures>(out.steps.size())});
                 answer = std::max(answer, Answered::kCut);
             }
         },
@@ -124,6 +129,7 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
             const Figures figures = figuresOf(row, 4, row.number(3) / 1000);
             SumsRow& into = out.rows[place];
             into.discarded += static_cast<std::uint64_t>(row.number(2));
+            if (__builtin_add_overflow(into.totalUs, row.number(3), &into.totalUs)) into.totalUs = INT64_MAX;
             for (Figures* sum : {&into.figures, &into.steps[step], &out.steps[step], &out.all})
                 sum->add(figures);
         },
@@ -143,13 +149,15 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
             if (place < counts.size()) counts[place][static_cast<int>(row.number(1))] += count;
         },
         answer);
-    for (std::size_t at = 0; at < out.rows.size(); ++at) out.rows[at].p95Ms = p95Of(counts[at]);
-    out.p95Ms = p95Of(all);
+    for (std::size_t at = 0; at < out.rows.size(); ++at)
+        out.rows[at].p95Ms = p95Of(counts[at], out.rows[at].figures);
+    out.p95Ms = p95Of(all, out.all);
     if (answer == Answered::kFailed) out = {};
     return answer;
 }
 
 Answered StoreQuery::backends(TimeSpan span, Backends& out) {
+    const Question question(*this);
     out = {};
     SumsQuery query;
     query.kind = Monitored::kBackend;
@@ -159,7 +167,7 @@ Answered StoreQuery::backends(TimeSpan span, Backends& out) {
     if (answer == Answered::kFailed) return answer;
     query.span = sums.span;
     query.stepMs = sums.stepMs;
-    std::map<std::string, std::int64_t> totalUs;
+    std::size_t pairs = 0;
     Sql calls("SELECT instance, name, sum(count), sum(error), " + database_->sum("total_us") + " FROM sums");
     addConditions(calls, query, true);
     calls.add(" GROUP BY instance, name ORDER BY sum(count) DESC, instance, name LIMIT ?",
@@ -168,29 +176,48 @@ Answered StoreQuery::backends(TimeSpan span, Backends& out) {
         calls,
         [&](const ResultRow& row) {
             const std::int64_t count = row.number(2), us = row.number(4);
-            totalUs[row.text(1)] += us;
+            ++pairs;
             if (count == 0) return;
             out.edges.push_back({row.number(0), 0, row.text(1), static_cast<std::uint64_t>(count),
                                  static_cast<std::uint64_t>(row.number(3)),
                                  static_cast<double>(us) / 1000 / static_cast<double>(count)});
         },
         answer);
+    if (pairs == kMostRows) answer = std::max(answer, Answered::kCut);
     for (const SumsRow& row : sums.rows) {
         BackendSums& backend = out.rows.emplace_back();
         backend.name = row.name;
         backend.count = row.figures.count;
         backend.errors = row.figures.error;
         if (backend.count)
-            backend.averageMs =
-                static_cast<double>(totalUs[row.name]) / 1000 / static_cast<double>(backend.count);
+            backend.averageMs = static_cast<double>(row.totalUs) / 1000 / static_cast<double>(backend.count);
         backend.maxMs = static_cast<double>(row.figures.maxMs);
         backend.p95Ms = row.p95Ms;
-        ask(
-            Sql("SELECT target FROM callouts WHERE backend = ?").add("", row.name).add(" LIMIT 1"),
-            [&](const ResultRow& found) { backend.kind = found.text(0); }, answer);
     }
     answer = std::max(answer, tierEdges(sums.span, out.edges));
+    answer = std::max(answer, kindsOf(sums.span, out.rows));
     if (answer == Answered::kFailed) out = {};
+    return answer;
+}
+
+// One look at all calls of the span, or one at an index for each back-end.
+Answered StoreQuery::kindsOf(TimeSpan span, std::vector<BackendSums>& rows) {
+    Answered answer = Answered::kOk;
+    if (database_->findsByTime()) {
+        std::unordered_map<std::string, std::string> kinds;
+        Sql all("SELECT backend, max(target) FROM callouts WHERE at >= ?");
+        all.add("", span.from)
+            .add(" AND at < ?", span.to)
+            .add(" GROUP BY backend LIMIT ?", static_cast<std::int64_t>(kMostRows));
+        ask(
+            all, [&](const ResultRow& row) { kinds[row.text(0)] = row.text(1); }, answer);
+        for (BackendSums& row : rows) row.kind = kinds[row.name];
+        return answer;
+    }
+    for (BackendSums& row : rows)
+        ask(
+            Sql("SELECT target FROM callouts WHERE backend = ?").add("", row.name).add(" LIMIT 1"),
+            [&](const ResultRow& found) { row.kind = found.text(0); }, answer);
     return answer;
 }
 
@@ -229,6 +256,7 @@ Answered StoreQuery::tierEdges(TimeSpan span, std::vector<CallEdge>& edges) {
 }
 
 Answered StoreQuery::exceptions(TimeSpan span, std::vector<ExceptionSums>& out) {
+    const Question question(*this);
     out.clear();
     SumsQuery query;
     query.kind = Monitored::kException;
@@ -273,6 +301,7 @@ Answered StoreQuery::lastOf(ExceptionSums& sum, TimeSpan span) {
 }
 
 Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& out) {
+    const Question question(*this);
     out.clear();
     Sums sums;
     Answered answer = this->sums(asked, sums);
@@ -293,6 +322,8 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
         [&](const ResultRow& row) {
             const std::string name = row.text(0);
             const auto step = static_cast<std::size_t>((row.number(1) - sums.span.from) / sums.stepMs);
+            if (!places.contains(name) && places.size() >= kMostNames)
+                answer = std::max(answer, Answered::kCut);
             if (!places.contains(name) && (places.size() >= kMostNames || step >= steps)) return;
             const auto [place, added] = places.try_emplace(name, out.size());
             if (added) newRow(name);
@@ -319,6 +350,7 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
 }
 
 Answered StoreQuery::reports(const SumsQuery& asked, const std::string& name, std::vector<ReportRow>& out) {
+    const Question question(*this);
     out.clear();
     SumsQuery query = asked;
     Answered answer = round(query);

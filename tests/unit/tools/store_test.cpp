@@ -289,7 +289,7 @@ TEST_F(StoreTest, RemembersNamesThatAnInstanceWhichGoesOnDoesNotTellAgain) {
     ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk) << query.error();
     EXPECT_EQ(backends.rows.at(0).name, "DB_stock");
     std::vector<StoredName> names;
-    ASSERT_EQ(query.names(100, names), Answered::kOk);
+    ASSERT_EQ(query.names(100, 1, names), Answered::kOk);
     EXPECT_EQ(names.size(), 2U) << "the former name of an id is not in force";
 }
 
