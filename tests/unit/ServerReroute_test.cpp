@@ -56,6 +56,20 @@ protected:
     static constexpr const char* kOrder = "vx_control_req:action=reroute_ctrl_con;";
 };
 
+TEST_F(Reroute, MakesTheTargetTheMasterAndEndsTheRun) {
+    app->Server.instrumentationStarted = app->Server.testRunRunning = 1;
+    app->Server.numRunning = 1;
+    handle(std::string(kOrder) +
+           "vxcHost=new.example;vxcPort=4433;tier=Web;server=h9;instance=i2;clusterMode=0");
+    EXPECT_EQ(record(0), "new.example:4433");
+    EXPECT_EQ(read("vxsettings.conf"), "vxcHost=new.example\nvxcPort=4433\ntags=a\n");
+    EXPECT_EQ(std::string(getTierName()) + '/' + getAppServerName() + '/' + getAppName(), "Web/h9/i2");
+    EXPECT_TRUE(app->control.requestType == 2 && app->control.closeCtrlConFlag == 1);
+    EXPECT_STREQ(app->control.connDestination, "old:7892");
+    EXPECT_EQ(app->Server.tenRecordWritten, 1);
+    EXPECT_EQ(app->Server.testRunRunning + app->Server.instrumentationStarted + app->Server.numRunning, 0);
+}
+
 TEST_F(Reroute, LeavesWhatTheLineDoesNotChange) {
     const std::string before = record(0);
     for (const char* fields : {"vxcHost=ALL;vxcPort=all;tier=ALL;clusterMode=0", "vxcHost=bad host;vxcPort=0",

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "commonlibc/VXBCISettings.h"
@@ -48,6 +49,29 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->control.heartBeatSent, 0) << "any line is a sign of life";
     handle("vx_control_req:action=reconnect;dataConnState=1");  // too few fields for states
     EXPECT_EQ(app->VXSys.dataConnState, 0);
+}
+
+TEST_F(Server, AMetadataRequestRepeatsWhatItNames) {
+    const std::string request = "vx_meta_data_req:action=send_meta_data;";
+    handle(request);
+    EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:action=send_meta_data;result=Error :<No test running.>");
+    hashMapForAgent();
+    openDumping(*app);
+    VXBTConfigModelInit();
+    char bt[kBtNameBufferSize] = "/a";
+    updateBTObject(bt);
+    for (const auto& [fields, methods, bts] : {std::tuple("", true, true),
+                                               {"recordType=7,7;", false, true},
+                                               {"5;112", true, false},
+                                               {"types=112", false, false}}) {
+        clearDumped(*app);
+        handle(request + fields);
+        EXPECT_EQ(peer.readLine(), "vx_meta_data_rep:status=complete;");
+        const std::string text = "\n" + dumpedText(*app);
+        EXPECT_EQ(text.find("\n5,") != std::string::npos, methods) << fields << text;
+        EXPECT_EQ(text.find("\n7,2,/a\n") != std::string::npos, bts) << fields << text;
+    }
+    closeDumping(*app);
 }
 
 TEST_F(Server, AStartRunsAStopEndsAndASecondStartIsLikeTheFirst) {

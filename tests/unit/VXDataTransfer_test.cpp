@@ -72,7 +72,7 @@ protected:
         return held;
     }
     // What a peer has or will get until the end.
-    void receive(FakePeer& peer) { note(peer.readToEnd(2)); }
+    void receive(FakePeer& peer) { note(peer.readToEnd()); }
     // The whole lines of a text that was received; each must be a record as it was written.
     void note(const std::string& text) {
         std::size_t from = 0;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 #include <set>
 #include <string>
@@ -58,6 +59,18 @@ TEST_F(LogRetention, RemovesTraceFilesOfTheLimitAndBeforeAndNothingElse) {
     app->VXBCISetting.logRetentionDays = 1;
     vx_check_log_file();
     EXPECT_EQ(left().size(), kept.size() - 1);
+}
+
+TEST_F(LogRetention, KeepsTheNewestCrashDumps) {
+    const auto now = std::filesystem::file_time_type::clock::now();
+    file("example_notes.txt");
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "example_" + std::to_string(902 - i) + ".txt";
+        file(name);
+        std::filesystem::last_write_time(home() + "/logs/" + name, now - std::chrono::hours(i ^ 1));
+    }
+    vxDropOldCrashDumps((home() + "/logs").c_str(), 3);
+    EXPECT_EQ(left(), (Names{"example_902.txt", "example_901.txt", "example_899.txt", "example_notes.txt"}));
 }
 
 }  // namespace

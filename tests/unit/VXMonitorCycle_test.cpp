@@ -9,6 +9,7 @@
 
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/bt/VXBTMonitor.h"
+#include "commonlibc/vx_upcalls.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/knowledge_fixture.h"
 #include "tests/support/trace_file.h"
@@ -21,6 +22,7 @@ constexpr std::int64_t kTurnMs = 10000;
 class ReportingCycle : public KnowledgeFixture {
 protected:
     void TearDown() override {
+        vxUpcalls = VXUpcalls{};
         vxFreeChain(app->autoSensor.chain);
         KnowledgeFixture::TearDown();
     }
@@ -78,6 +80,35 @@ TEST_F(ReportingCycle, ReportsAtTheFirstTurnThatReachesItsTime) {
         }
         EXPECT_EQ(made, row.reports) << row.interval << " leap " << row.leapMs;
     }
+}
+
+TEST_F(ReportingCycle, WalksOverIdleTransactionsEveryFewTurnsWithAndWithoutAConnection) {
+    static int walks;
+    vxUpcalls.markLongIdleTransactions = [] { ++walks; };
+    for (const auto& [age, turns] : {std::pair(300, 5), {0, 5}, {119, 1}}) {
+        app->VXBCISetting.FPMaxAllowedAgeInSec = age;
+        walks = 0;
+        for (int i = 0; i < 3 * turns; ++i) {
+            EXPECT_EQ(walks, i / turns) << age;
+            monitorCycle(i % 2 ? VXMonitorPhase::kTurn : VXMonitorPhase::kIdle);
+        }
+        EXPECT_EQ(walks, 3) << age;
+    }
+}
+
+TEST_F(ReportingCycle, WritesDigestsAtPeriodsOfTheirOwn) {
+    app->VXSys.ASSampleInterval = 0;  // stops the reports, and nothing else
+    app->digest.bt.type = 1;
+    app->digest.bt.periodMs = 3 * kTurnMs;
+    monitorCycle(VXMonitorPhase::kSession);
+    std::string made;
+    for (int turn = 0; turn < 7; ++turn) {
+        countOne(btOf("/a"));
+        clock.advanceMs(kTurnMs);
+        monitorCycle(VXMonitorPhase::kTurn);
+        made += std::to_string(told().lines);
+    }
+    EXPECT_EQ(made, "0010010");
 }
 
 TEST_F(ReportingCycle, TellsAtTheEndWhatWasNotReported) {

@@ -59,12 +59,12 @@ TEST_P(LwsLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
     }
     for (int i = 0; i < 20; ++i) {
         FakePeer control = collector.accept();
-        if (!control.readLine(1).starts_with("vx_ctrl_msg_req:")) continue;  // one of the broken
+        if (!control.readLine().starts_with("vx_ctrl_msg_req:")) continue;  // one of the broken
         control.send(
             "vx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;state=1;retryPolicy=3%1%50%10;"
             "supportedProtocols=" +
             protocol() + "\n");
-        if (control.readLine(1).starts_with("vx_control_req:action=reconnect;heartBeat")) return;
+        if (control.readLine().starts_with("vx_control_req:action=reconnect;heartBeat")) return;
     }
     FAIL() << "no connection stands";
 }

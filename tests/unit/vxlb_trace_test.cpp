@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -102,6 +103,27 @@ TEST_F(Trace, AlternatesBetweenTwoFilesThatBeginWithTheHeader) {
         EXPECT_EQ(content.find('#', 1), std::string::npos) << "a second header in " << name;
         EXPECT_LT(content.size(), kHeader.size() + 1000 + 400) << name;
     }
+}
+
+TEST_F(Trace, DropsLinesWhileTheHomeCannotBeWrittenTellsOnceAndGoesOnLater) {
+    static int told;
+    told = 0;
+    vxTraceFailure = [](const char*, int) { ++told; };
+    TraceFile trace(*app);
+    const std::string blocked = trace.home().write("file", "no folder");
+    setSharedText(app->retired, app->VXSys.vxHomePath, blocked.c_str());
+    VXTraceInit("lost", nullptr);
+    for (int i = 0; i < 2; ++i) VX_TRACE(1, kControlThread, kInfo, "dropped");
+    EXPECT_EQ(told, 1);
+    std::filesystem::remove(blocked);
+    std::filesystem::create_directories(blocked + "/logs");
+    for (int i = 0; i < 2; ++i) VX_TRACE(1, kControlThread, kInfo, "kept");
+    vxTraceFailure = nullptr;
+    const std::string text = trace.home().read("file/logs/" + nameOf("vx_trace_lost"));
+    EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
+    EXPECT_TRUE(text.starts_with(kHeader + "\n#2 lines could not be written\n") && text.ends_with("|kept"))
+        << text;
+    EXPECT_EQ(text.find("could not", kHeader.size() + 20), std::string::npos) << "told once\n" << text;
 }
 
 TEST_F(Trace, ASecondInitIsSafeBesideThreadsThatTrace) {

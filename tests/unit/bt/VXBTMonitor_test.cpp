@@ -56,15 +56,16 @@ TEST_F(BtMonitor, GroupsCountForThemselvesHugeSumsWrapAndAMergedBlockIsFreshAgai
     initVXBTMonitorDataCounters(target);
     initVXBTMonitorDataCounters(source);
     updateBTDataCounters(source, {14, 100, 100, {100, 100, 100}});  // no category
-    updateBTDataCounters(source, {15, 8, 2, {4, 5, 6}});            // one that counts in general only
+    updateBTDataCounters(source, {15, 8, 2, {4, 5, 1}});            // one that counts in general only
     EXPECT_EQ(of(source.duration), Figures({1, 8, 8, 8}));
-    EXPECT_EQ(of(source.groupC), Figures({1, 6, 6, 6}));
+    EXPECT_EQ(of(source.groupC), Figures({1, 1, 1, 1}));
     EXPECT_EQ(of(source.normal), Figures({0, 0, kUnset, 0}));
     for (int i = 0; i < 2; ++i) {
         updateBTDataCounters(source, {kCategorySlow, INT64_MAX, INT64_MIN, {0, 0, 0}});
         updateBTDataCountersForAggregate(target, source);
     }
     EXPECT_EQ(of(target.slow), Figures({2, -2, kUnset, INT64_MAX}));
+    EXPECT_EQ(of(target.groupC), Figures({3, 1, 1, 1})) << "0 is counted and not measured";
     EXPECT_EQ(of(target.cpu), Figures({3, 2, INT64_MIN, 2}));
     EXPECT_EQ(of(source.duration), Figures({0, 0, kUnset, 0}));
 }

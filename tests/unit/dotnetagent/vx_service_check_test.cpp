@@ -73,12 +73,34 @@ TEST_F(CheckConfig, ShowsEachSettingWithItsOriginAndLeavesNoTrace) {
     unsetenv("ZOR_APP_AGENT_TEIR");
 }
 
+TEST_F(CheckConfig, TellsEachFaultWithFileAndLine) {
+    const std::string wide(2048, 'x');
+    const struct {
+        std::string proxyFile, agentFile, told;
+    } rows[] = {
+        {"#\na\x1b[2J=1\n", "", "proxysetting.conf:2: unknown setting, ignored: 'a?[2J=1'"},
+        {" proxyPort=1", "", "proxysetting.conf:1: begins with a blank or tab, ignored: ' proxyPort=1'"},
+        {"memUsageThresholdPct=51", "",
+         "proxysetting.conf:1: out of bounds, yet in force: 'memUsageThresholdPct=51'"},
+        {"", "tier=" + wide, "vxsettings.conf:2: too long, ignored: 'tier=" + wide.substr(0, 195) + "...'"},
+        {"", "VXC_COMM_PROTOCOL=TCP:1,X:2",
+         "vxsettings.conf:2: taken in part, an item is not valid: 'VXC_COMM_PROTOCOL=TCP:1,X:2'"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(check(row.proxyFile, "vxcHost=h\n" + row.agentFile), kCheckFailed) << report;
+        EXPECT_TRUE(says("\n  " + row.told + "\n") && says("\n1 fault(s).")) << row.told << report;
+    }
+}
+
 TEST_F(CheckConfig, TellsOfFilesThatAreMissingUnreadableOrUnused) {
     EXPECT_EQ(runCheck(), kCheckFailed);
     EXPECT_TRUE(says("no collector is named: vxcHost of vxsettings.conf names one") &&
                 says("proxysetting.conf: there is no such file") &&
                 says("vxsettings.conf: there is no such file"))
         << report;
+
+    check("vxcHost=f\nvxcPort=7\n", "#\n");
+    EXPECT_TRUE(says("Collector: f:7,")) << report;
 
     setenv("ZOR_APP_AGENT_VXCHOST", "h", 1);
     EXPECT_EQ(check("vxcHost=other\n", "nonsense\n"), kCheckPassed) << report;

@@ -136,6 +136,21 @@ TEST_F(Transactions, InheritTheirSessionUntilItExpires) {
     EXPECT_TRUE(start(arguments("1234F", "88-1-5000-0-0-0-2"))->tlIsFPCaptured);
 }
 
+TEST_F(Transactions, TakeTheThresholdsForAllWhileConnectedUnlessTheirBtHasItsOwn) {
+    BTObject* bt = start()->tlBTObj;
+    app->bt.allSlowThreshold = 70;
+    app->bt.allVerySlowThreshold = 80;
+    start();
+    EXPECT_EQ(bt->slowThreshold, 3000);
+    app->Server.isTenRecordDump = 1;
+    start();
+    EXPECT_TRUE(bt->slowThreshold == 70 && bt->verySlowThreshold == 80);
+    bt->ownThresholds = 1;
+    app->bt.allSlowThreshold = 75;
+    start();
+    EXPECT_EQ(bt->slowThreshold, 70);
+}
+
 TEST_F(Transactions, LastUntilTheEndThatIsGivenOrNow) {
     const std::int64_t rows[][3] = {{5000, 8000, 3000}, {599990, 0, 10}, {599990, 500000, 10}};
     for (const auto& [startMs, endMs, duration] : rows) {  // end 0: none is given; it is 600,000 now

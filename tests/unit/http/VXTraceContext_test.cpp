@@ -2,7 +2,6 @@
 
 #include "commonlibc/flowpath/VXFlowpathRecords.h"
 #include "tests/support/header_fixture.h"
-#include "tests/support/trace_file.h"
 
 namespace vx::test {
 namespace {

@@ -75,8 +75,8 @@ TEST_F(RegistrationTest, AProcessThatComesAgainKeepsItsPlaceAndLosesItsOldConnec
     Agent data = connect();
     registerAgent(data, kConTypeData, dataFields(100));
     Agent again = process(100);
-    EXPECT_TRUE(former.peer.ended(1));
-    EXPECT_EQ(again.peer.readLine(1), "vx_ctrl_msg_rep:result=Ok;procIndex=0");
+    EXPECT_TRUE(former.peer.ended());
+    EXPECT_EQ(again.peer.readLine(), "vx_ctrl_msg_rep:result=Ok;procIndex=0");
     EXPECT_TRUE(instance().identity.numProcess == 1 && instance().identity.activeProcesses == 1);
     EXPECT_FALSE(data.refused()) << "the other connections of the process stay";
 }
@@ -92,6 +92,19 @@ TEST_F(RegistrationTest, The491stProcessFindsRoomForAThousand) {
     EXPECT_EQ(process(5001).address->procIndex, 490);
     EXPECT_EQ(made.identity.processCapacity, 1000);
     EXPECT_EQ(pidOf(489), 1489);
+}
+
+TEST_F(RegistrationTest, The33rdInstanceFindsRoomAndLeavesTheOthersInPlace) {
+    const auto nameOf = [](int index) { return "agent" + std::to_string(index); };
+    process(100, nameOf(1));
+    const vxApplication* const first = &instance();
+    for (int index = 2; index <= 34; ++index) {
+        const Agent agent = process(100, nameOf(index));
+        ASSERT_TRUE(agent.address && agent.address->appIndex == index) << index;
+    }
+    EXPECT_TRUE(&instance() == first && process(100, nameOf(1)).address->appIndex == 1);
+    instance(34).Server.replyReceived = 1;
+    EXPECT_EQ(process(101, nameOf(34)).peer.readLine(), "vx_ctrl_msg_rep:result=Ok;procIndex=1");
 }
 
 TEST_F(RegistrationTest, CeilingsRefuseWhatIsNewAndNobodyElse) {

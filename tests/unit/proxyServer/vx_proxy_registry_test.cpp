@@ -32,7 +32,7 @@ TEST_F(Registry, ClosesThreeConnectionsOfAProcessAndLeavesDiscovery) {
         ASSERT_TRUE(addSocketInEpoll(agents[kind].socket, record.epollPtr));
     }
     closeAllConnectionsOfProcess(1, 0);
-    for (int kind = 0; kind < 3; ++kind) EXPECT_TRUE(agents[kind].peer.ended(1)) << kind;
+    for (int kind = 0; kind < 3; ++kind) EXPECT_TRUE(agents[kind].peer.ended()) << kind;
     EXPECT_FALSE(agents[3].peer.ended(0));
     EXPECT_EQ(record.pid, kFreePid);
     EXPECT_EQ(VXProxy.polledSockets, 1);

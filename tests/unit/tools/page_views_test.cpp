@@ -16,9 +16,9 @@ namespace vx::collector {
 namespace {
 
 constexpr std::int64_t kEpoch = 1'388'534'400'000;
-const Identity kShop{"Web", "host1", "shop", ""};
+const Identity kShop{"Web", "host1", "shop", ""}, kStock{"Stock", "host2", "shop", ""};
 
-// A transaction with everything, and some plain ones.
+// A transaction with everything and one that it called, and some plain ones.
 class PageViews : public testing::Test {
 protected:
     PageViews() {
@@ -36,11 +36,19 @@ protected:
                     "/cart?id=7&x=\"\xff");
         take("12,1,1:<a>");
         for (int i = 2; i <= 5; ++i) transaction(i, 3, 10, 10, 200, "", "/b");
+        store.intake().opened(StreamKind::kData, kStock, now);
+        for (const std::string& line :
+             {std::string("7,2,Stock"), std::string("5,DB_orders,9"),
+              "2,9:1:3,1,5,5.1,2,/stock,,0,0,0,,0,-1,,,," + std::to_string(now - 1000 - kEpoch),
+              std::string("4,9,200,10,7,10,2,0,,0,E1:9:1.000:10:-:2:503:::_")})
+            take(line, kStock);
         runs.storeIn(nullptr);
     }
     ~PageViews() override { apr_terminate(); }
 
-    void take(const std::string& line) { runs.line(StreamKind::kData, line, runs.of(kShop.text())); }
+    void take(const std::string& line, const Identity& from = kShop) {
+        runs.line(StreamKind::kData, line, runs.of(from.text()));
+    }
     void transaction(int number, int bt, int category, int duration, int status, const std::string& items,
                      const std::string& url) {
         const std::string id = std::to_string(number);
@@ -65,6 +73,13 @@ protected:
         for (const char* part : parts) EXPECT_NE(told.find(part), std::string::npos) << part << "\n" << told;
     }
 
+    // Of the one transaction that the filters let pass.
+    std::string idOf(const std::string& filters) {
+        const std::string row = json("/api/transactions?" + filters);
+        const std::size_t from = row.find("\"id\":\"") + 6;
+        return row.substr(from, row.find('"', from) - from);
+    }
+
     test::TempDir dir;
     const std::int64_t now = vxlb_now_ms() / 10'000 * 10'000 - 5'000;  // amidst an interval
     Runs runs;
@@ -76,15 +91,16 @@ protected:
 
 TEST_F(PageViews, TellWhatIsStored) {
     expectParts("/api/overview",
-                {R"("all":{"averageMs":16,"count":5,"error":1,"maxMs":40,"minMs":10,"normal":4)",
+                {R"("all":{"averageMs":15,"count":6,"error":1,"maxMs":40,"minMs":10,"normal":5)",
                  R"("complete":true)", R"("name":"<b>")", R"("name":"Cart","normal":0)"});
     expectParts(
         "/api/transactions?bt=Cart",
         {R"("bt":"Cart","callouts":1,"category":"error")", R"("durationMs":40)", R"("number":"1")",
          R"("status":500,"url":"/cart?id=7&x=\"?")", R"("next":null)", R"("instance":"Web/host1/shop")"});
-    const std::string row = json("/api/transactions?bt=Cart");
-    const std::string id =
-        row.substr(row.find("\"id\":\"") + 6, row.find("\",\"inst") - row.find("\"id\":\"") - 6);
+    const std::string id = idOf("bt=Cart"), callee = idOf("bt=Stock");
+    expectParts("/api/transactions/" + callee, {("\"callees\":[],\"caller\":\"" + id + "\"").c_str(),
+                                                R"("failed":true)", R"("status":503)"});
+    expectParts("/api/transactions/" + id, {("\"callees\":[\"" + callee + "\"]").c_str()});
     expectParts(
         "/api/transactions/" + id,
         {R"("cpu":0,"depth":0,"durationMs":12,"kind":"method","name":"Shop.buy","open":false,"parent":-1,)"
@@ -104,7 +120,7 @@ TEST_F(PageViews, TellWhatIsStored) {
 // Each page of the list begins where the one before has ended.
 TEST_F(PageViews, ListsGoOnWhereTheyWereCut) {
     std::string before, numbers;
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 6; ++i) {
         const std::string told = json("/api/transactions?limit=1" + before);
         const std::size_t at = told.find("\"number\":\"");
         numbers += told.substr(at + 10, 1);
@@ -115,7 +131,7 @@ TEST_F(PageViews, ListsGoOnWhereTheyWereCut) {
     EXPECT_NE(json("/api/transactions?limit=1" + before).find("\"next\":null,\"rows\":[]"),
               std::string::npos);
     std::sort(numbers.begin(), numbers.end());
-    EXPECT_EQ(numbers, "12345");
+    EXPECT_EQ(numbers, "123459");
 }
 
 // What a figure counts is what its filters lead to, over the span that the answer tells.
@@ -124,22 +140,29 @@ TEST_F(PageViews, FiguresLeadToTheirTransactions) {
     const auto span = [](std::int64_t from, std::int64_t to) {
         return "from=" + std::to_string(from) + "&to=" + std::to_string(to);
     };
-    // Five ends within an interval: a part of it is answered as the whole.
+    // All ends lie within an interval: a part of it is answered as the whole.
     const std::string told = json("/api/overview?" + span(end - 1, end));
     const std::int64_t from = end / 10'000 * 10'000;
     EXPECT_NE(told.find("\"from\":" + std::to_string(from) + ","), std::string::npos) << told;
-    EXPECT_NE(told.find(R"("count":5,)"), std::string::npos) << told;
+    EXPECT_NE(told.find(R"("count":6,)"), std::string::npos) << told;
     const struct {
-        const char* filters;
+        std::string filters;
         int count;
-    } rows[] = {{"", 5},
+    } rows[] = {{"", 6},
+                {"&url=/cart", 1},
+                {"&status=500", 1},
+                {"&min=11", 1},
+                {"&max=10", 5},
+                {"&number=3", 1},
                 {"&category=abnormal", 1},
                 {"&backend=HTTP_pay.example", 1},
                 {"&backend=HTTP_pay.example&failed=1", 0},
                 {"&backend=HTTP_pay.example&callMin=4", 1},
                 {"&backend=HTTP_pay.example&callMin=5", 0},
                 {"&exception=a.Gone", 1},
-                {"&caller=7", 0}};
+                {"&backend=DB_orders&failed=1", 1},
+                {"&caller=" + std::to_string(instanceKey(kShop.text())), 1},
+                {"&caller=" + std::to_string(instanceKey(kStock.text())), 0}};
     for (const auto& row : rows)
         EXPECT_NE(json("/api/transactions?count=1&" + span(from, from + 10'000) + row.filters)
                       .find("\"count\":" + std::to_string(row.count) + ","),

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -84,13 +83,34 @@ TEST_F(RuleTexts, NameTheBt) {
 
 TEST_F(RuleTexts, ABadLineIsToldAndCostsNoOther) {
     const std::string good = "7|Good|5|0|/good|0\n";
-    std::istringstream badLines(
-        "7| 7|A|2|0|/a 7|A|65536|0|/a|0 7|A|99999999999999|0|/a|0 7|A|2|0|/a|0|2|- 7|A|2|0|/a|0|3|id=1 "
-        "7|A|2|0||0 7|A|2|0|/a|0|2|-| 7|A|2|0|/\x01|0 7|A|2|0|/a|0|0|-|-|Shop=\xFF|- 8|x 3|x hello | 5|0 "
-        "5|9999999999 2|1|r|n|-|1|5|GET 2|1|r|n|-|1|5|GET|-|- 2|1|r|n|-|1|5||- 2|1|r|n|-|1|5|FETCH|- "
-        "2|9|r|n|-|1|5|GET|- 2|2|r|n|-|1|5|[input1=contains]|- 2|2|r|n|-|1|5|nothing|- "
-        "2|3|r|n|-|1|5|[input1=]|- 2|2|r|n|-|1|5|[input1=contains&&input2=\xC3\xA9]|- 1|1|n|d|x|-|-|-");
-    for (std::string bad; badLines >> bad;) {
+    const std::string badLines[] = {"7|",
+                                    "7|A|2|0|/a",
+                                    "7|A|65536|0|/a|0",
+                                    "7|A|99999999999999|0|/a|0",
+                                    "7|A|2|0|/a|0|2|-",
+                                    "7|A|2|0|/a|0|3|id=1",
+                                    "7|A|2|0||0",
+                                    "7|A|2|0|/a|0|2|-|",
+                                    "7|A|2|0|/\x01|0",
+                                    "7|A|2|0|/a|0|0|-|-|Shop=\xFF|-",
+                                    "8|x",
+                                    "3|x",
+                                    "hello",
+                                    "|",
+                                    "5|0",
+                                    "5|9999999999",
+                                    "2|1|r|n|-|1|5|GET",
+                                    "2|1|r|n|-|1|5|GET|-|-",
+                                    "2|1|r|n|-|1|5||-",
+                                    "2|1|r|n|-|1|5|FETCH|-",
+                                    "2|9|r|n|-|1|5|GET|-",
+                                    "2|2|r|n|-|1|5|[input1=contains]|-",
+                                    "2|2|r|n|-|1|5|nothing|-",
+                                    "2|3|r|n|-|1|5|[input1=]|-",
+                                    "2|2|r|n|-|1|5|[input1=contains&&input2=\xC3\xA9]|-",
+                                    "1|1|n|d|x|-|-|-",
+                                    "no rule"};
+    for (const std::string& bad : badLines) {
         const auto faults = faultsOf(bad + "\n" + good + bad + "\n");
         ASSERT_EQ(faults.size(), 3U) << bad;
         EXPECT_NE(faults.at(1), "") << bad;
