@@ -74,7 +74,7 @@ const lines = RULES.trimEnd().split("\n").map((text, i) => ({
     number: i + 1, kind: i ? "pattern rule" : "comment", text, meaning: "URLs that are or begin so", fault: i === 3 ? "has fewer than 6 fields" : null,
     outcome: ["mute", "names", "outdone", "mute"][i], reason: "the URL is /shop/cart" }));
 
-/** What is asked and answered: "METHOD path" -> (params, body, rest of the path) -> JSON, or { fault: status, error }. */
+/** What is asked and answered: "METHOD path" -> (params, body, rest of the path) -> JSON or a promise of it, or { fault: status, error }. */
 export function answers() {
     let text = RULES;
     return {
@@ -113,12 +113,12 @@ export async function fakeCollector(pageDir, modules, table) {
         asked.push(`${request.method} ${request.url}`);
         let body = "";
         request.on("data", (chunk) => (body += chunk));
-        request.on("end", () => {
+        request.on("end", async () => {
             const head = { "Content-Security-Policy": POLICY, "Cache-Control": "no-store" };
             const inList = url.pathname.match(/^(\/api\/transactions\/)(.+)$/);
             const answer = table[`${request.method} ${inList ? inList[1] : url.pathname}`];
             if (answer) {
-                const json = answer(url.searchParams, body && JSON.parse(body), inList?.[2]);
+                const json = await answer(url.searchParams, body && JSON.parse(body), inList?.[2]);
                 reply.writeHead(json.fault ?? 200, { ...head, "Content-Type": "application/json" });
                 return reply.end(JSON.stringify(json));
             }

@@ -54,6 +54,9 @@ function drawNav() {
             .filter(([, view]) => !view.within)
             .map(([key,
                    view]) => h("a", {href: to(key), "aria-current": key === name && "page"}, view.title)));
+    // The frame's other links keep the time that is looked at, too.
+    document.querySelector(".brand").href = to("overview");
+    byId("live").querySelector("a")?.setAttribute("href", to("link"));
 }
 
 function drawSpan() {
@@ -86,9 +89,10 @@ function drawLive(status) {
     // Only what is news is announced: the figure changes at every poll.
     if (live.dataset.text !== text) {
         live.dataset.text = text;
-        replace(live, h("a", {href: to("link")}, text), h("span", {class: "records", "aria-hidden": "true"}));
+        replace(live, h("a", {}, text), h("span", {class: "records", "aria-hidden": "true"}));
     }
     live.querySelector(".records").textContent = records;
+    live.querySelector("a").href = to("link");
 }
 
 // What stands between the reader and fresh figures, or nothing.

@@ -212,7 +212,9 @@ export function callMap() {
                 node,
                 edges.length ? draw(edges) : h("p", {class: "empty"}, "Nobody called anybody in this time."));
             if (focused !== null)
-                [...node.querySelectorAll("a")].find((a) => a.getAttribute("href") === focused)?.focus();
+                [...node.querySelectorAll("a")].find((a) => a.getAttribute("href") === focused)?.focus({
+                    preventScroll: true
+                });
             mark();
         },
     };

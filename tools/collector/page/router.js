@@ -3,12 +3,24 @@
 
 export const SPANS = [300, 900, 3600, 21600, 86400, 604800];
 const DEFAULT_SPAN = 900;
-let ahead = 0;  // ms by which the collector's clock is ahead of this machine's
+const LAST_TIME = Date.UTC(9999, 0);  // the fields of a time have four digits for a year
+let ahead = 0;                        // ms by which the collector's clock is ahead of this machine's
+let counted = null;  // { asked, answered }: a fixed time, and the one that the collector counted for it
 
 /** Tells what the collector's clock shows: times on the page are the collector's. */
 export function setNow(collectorMs) {
     const off = collectorMs - Date.now();
     ahead = Math.abs(off) > 2000 ? off : 0;  // less than that is the way of the answer
+}
+
+/** What the collector's clock shows, as far as is known. */
+export const collectorNow = () => Date.now() + ahead;
+
+/**
+ * Tells over which time was counted when that of span() was asked for: transactions of it are listed behind.
+ */
+export function setCounted(asked, answered) {
+    counted = asked.live ? null : {asked, answered};
 }
 
 /** { path: ["transactions"], params: URLSearchParams } of the address that shows now. */
@@ -28,11 +40,19 @@ export function route() {
 export function span(params = route().params) {
     const from = Number(params.get("from"));
     const to = Number(params.get("to"));
-    if (from > 0 && to > from) return {live: false, from, to, seconds: (to - from) / 1000};
+    if (from > 0 && to > from && to < LAST_TIME) return {live: false, from, to, seconds: (to - from) / 1000};
     const wanted = Number(params.get("span"));
     const seconds = SPANS.includes(wanted) ? wanted : DEFAULT_SPAN;
-    const now = Date.now() + ahead;
+    const now = collectorNow();
     return {live: true, from: now - seconds * 1000, to: now, seconds};
+}
+
+// A parameter of the time that is looked at, as a link to that view has it.
+function timeOf(path, key, now) {
+    const given = now.get(key);
+    const same = counted && Number(now.get("from")) === counted.asked.from &&
+        Number(now.get("to")) === counted.asked.to;
+    return path === "transactions" && given && same ? counted.answered[key] ?? given : given;
 }
 
 /** An address that keeps the time that is looked at, unless `params` has one. Empty values are left out. */
@@ -41,7 +61,7 @@ export function to(path, params = {}) {
     const now = route().params;
     if (!("from" in params || "span" in params))
         for (const key of ["span", "from", "to"])
-            if (now.get(key)) query.set(key, now.get(key));
+            if (now.get(key)) query.set(key, timeOf(path, key, now));
     for (const [key, value] of Object.entries(params))
         if (value !== undefined && value !== null && value !== "") query.set(key, value);
     const text = query.toString();

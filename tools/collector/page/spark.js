@@ -22,6 +22,6 @@ export function spark(values) {
             "aria-hidden": "true",
             preserveAspectRatio: "none"
         },
-        svg("path", {class: "area", d: `${line}L${WIDTH} ${HEIGHT}L0 ${HEIGHT}Z`}),
+        svg("path", {class: "area", d: line && `${line}L${WIDTH} ${HEIGHT}L0 ${HEIGHT}Z`}),
         svg("path", {class: "stroke", d: line}));
 }

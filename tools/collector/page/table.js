@@ -110,6 +110,9 @@ export function table(columns, options) {
     return {node, update};
 }
 
+/** The name of the row of all that are not listed: there is nothing to filter by. */
+export const REST = "(more)";
+
 /** The link of a row: it takes clicks anywhere in the row that no other link takes. */
 export function rowLink(href, ...children) {
     return h("a", {class: "row-link", href}, children);

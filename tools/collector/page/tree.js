@@ -1,6 +1,6 @@
 // The call tree of a transaction with its time line. Items come in the order of their begin; what stands
 // behind an item with a greater depth belongs to it.
-import {h, replace} from "./dom.js";
+import {h} from "./dom.js";
 import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
@@ -63,7 +63,8 @@ export function callTree(t) {
         (most, i) => Math.max(most, i.atMs + (i.durationMs ?? 0)), Math.max(1, t.durationMs ?? 0));
     const closed = new Set();
     const body = h("tbody");
-    const rest = h("p", {class: "note"});
+    const more = h("button", {type: "button", class: "button", onclick: showMore});
+    const rest = h("p", {class: "note"}, more, ` of ${count(items.length)} calls`);
     const made = new Map();  // place of an item -> its row
     let limit = FIRST;
 
@@ -122,15 +123,13 @@ export function callTree(t) {
             rows.push(rowAt(i));
         lay(rows);
         const left = items.length - i;
-        const more = () => {
-            limit += MORE;
-            draw();
-        };
-        replace(rest, left > 0 && [
-            h("button", {type: "button", class: "button", onclick: more},
-              `Show ${count(Math.min(MORE, left))} more`),
-            ` of ${count(items.length)} calls`
-        ]);
+        rest.hidden = left === 0;
+        more.textContent = `Show ${count(Math.min(MORE, left))} more`;
+    }
+
+    function showMore() {
+        limit += MORE;
+        draw();
     }
     draw();
     return h(

@@ -3,17 +3,19 @@ import {get} from "../api.js";
 import {h} from "../dom.js";
 import {count, ms, percent, rate} from "../format.js";
 import {callMap} from "../map.js";
+import {note} from "../note.js";
 import {span, to} from "../router.js";
-import {rowLink, table} from "../table.js";
+import {REST, rowLink, table} from "../table.js";
 
 function errors(row, params) {
     if (row.errors === 0) return h("span", {class: "zero"}, "0");
     const text = `${count(row.errors)} (${percent(row.errors / row.calls)})`;
-    return params ? h("a", {class: "bad", href: to("transactions", params)}, text) :
-                    h("span", {class: "bad"}, text);
+    return params && row.backend !== REST ? h("a", {class: "bad", href: to("transactions", params)}, text) :
+                                            h("span", {class: "bad"}, text);
 }
 
-const over = (row, key) =>
+const over = (row, key) => row.backend === REST ?
+    ms(row[key]) :
     h("a", {href: to("transactions", {backend: row.backend, callMin: Math.floor(row[key])})}, ms(row[key]));
 
 // The transactions behind an edge: those that called the back-end, or those that the caller has called.
@@ -23,7 +25,7 @@ const behind = (e) =>
 const ROWS = [
     {
         title: "Back-end",
-        cell: (r) => rowLink(to("transactions", {backend: r.backend}), r.backend),
+        cell: (r) => r.backend === REST ? REST : rowLink(to("transactions", {backend: r.backend}), r.backend),
         sort: (r) => r.backend
     },
     {title: "Kind", cell: (r) => r.type},
@@ -60,6 +62,7 @@ const EDGES = [
 
 export function backends() {
     const map = callMap();
+    const said = note();
     const list = table(ROWS, {
         label: "Back-ends",
         key: (r) => r.backend,
@@ -76,11 +79,12 @@ export function backends() {
         h("div", {class: "view"}, h("h1", {}, "Back-ends"),
           h("section", {class: "panel"}, h("h2", {}, "Who calls whom"), map.node,
             h("details", {}, h("summary", {}, "As a table"), edges.node)),
-          h("section", {class: "panel"}, h("h2", {}, "Back-ends"), list.node));
+          h("section", {class: "panel"}, h("h2", {}, "Back-ends"), list.node, said.node));
 
     async function load(signal) {
         const time = span();
         const data = await get("/api/backends", {from: time.from, to: time.to}, signal);
+        said.update(time, data);
         map.update(data.edges);
         edges.update(data.edges);
         list.update(data.backends);

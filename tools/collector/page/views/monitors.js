@@ -2,6 +2,7 @@
 import {get} from "../api.js";
 import {h, patch} from "../dom.js";
 import {count, ms} from "../format.js";
+import {note} from "../note.js";
 import {changed, route, span, to} from "../router.js";
 import {spark} from "../spark.js";
 import {rowLink, table} from "../table.js";
@@ -78,6 +79,7 @@ function columns() {
 export function monitors() {
     const tabs = h("nav", {class: "tabs", "aria-label": "Kind of monitor"});
     const said = h("p", {class: "note"});
+    const limits = note();
     const list = table(columns(), {
         label: "Monitors beside sums",
         key: (r) => r.name,
@@ -93,7 +95,7 @@ export function monitors() {
           h("p", {class: "lead"},
             "The service counts everything twice: in its monitors, and as single records. ",
             "Over the same time both must come to the same figures."),
-          tabs, h("section", {class: "panel"}, said, list.node));
+          tabs, h("section", {class: "panel"}, said, list.node, limits.node));
 
     function drawTabs() {
         patch(
@@ -106,7 +108,9 @@ export function monitors() {
 
     async function load(signal) {
         const time = span();
-        const {rows} = await get("/api/monitors", {from: time.from, to: time.to, kind: kindNow()}, signal);
+        const data = await get("/api/monitors", {from: time.from, to: time.to, kind: kindNow()}, signal);
+        const {rows} = data;
+        limits.update(time, data);
         list.update(rows);
         const words = rows.map((r) => verdict(r).word);
         const of = (word) => words.filter((w) => w === word).length;

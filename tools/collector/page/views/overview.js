@@ -4,9 +4,10 @@ import {CATEGORIES} from "../category.js";
 import {timeChart} from "../chart.js";
 import {h, patch} from "../dom.js";
 import {count, ms, percent, rate} from "../format.js";
-import {pickTime, span, to} from "../router.js";
+import {note} from "../note.js";
+import {collectorNow, pickTime, span, to} from "../router.js";
 import {spark} from "../spark.js";
-import {rowLink, table} from "../table.js";
+import {REST, rowLink, table} from "../table.js";
 
 function tile(title, value, note, href) {
     return h(
@@ -30,8 +31,6 @@ function tiles(all) {
             to("transactions", {category: "error"})),
     ];
 }
-
-const REST = "(more)";  // the row of all that are not listed: nothing to filter by
 
 function figure(row, params, text) {
     return row.name === REST ? text : h("a", {href: to("transactions", {bt: row.name, ...params})}, text);
@@ -99,7 +98,7 @@ export function overview() {
     const top = h("div", {class: "tiles"});
     const rates = rateChart();
     const durations = durationChart();
-    const cut = h("p", {class: "note", hidden: true}, "Only the most frequent are listed.");
+    const said = note();
     const list = table(columns(), {
         label: "Business transactions",
         key: (r) => r.name,
@@ -113,9 +112,9 @@ export function overview() {
     const node =
         h("div", {class: "view"}, h("h1", {class: "unseen"}, "Overview"), top,
           h("div", {class: "pair"}, rates.node, durations.node),
-          h("section", {class: "panel"}, h("h2", {}, "Business transactions"), list.node, cut));
+          h("section", {class: "panel"}, h("h2", {}, "Business transactions"), list.node, said.node));
 
-    // `to`: up to when there is something to count; the answer's time may go on to the end of a step.
+    // `to`: up to when there is something to count.
     function draw({series, step, all, ...data}, to) {
         // The last bucket has only begun: its rate is that of its part, and of too small a part it is none.
         const widths = series.at.map((at) => Math.min(step, to - at));
@@ -140,14 +139,15 @@ export function overview() {
     async function load(signal) {
         const time = span();
         const data = await get("/api/overview", {from: time.from, to: time.to}, signal);
-        const until = Math.min(data.to, time.to);
+        said.update(time, data);
+        // What is counted goes on to the end of an interval, and none of it is in the future.
+        const until = Math.min(data.to, Math.max(data.from + 1, time.live ? time.to : collectorNow()));
         const rated = (row) => ({...row, perSecond: (row.count * 1000) / (until - data.from)});
         patch(top, tiles(rated(data.all)));
         draw(data, until);
         // The last bucket has only begun: in a line without a scale it would be a fall.
         const ended = data.series.at.filter((at) => at + data.step <= until).length;
         list.update(data.rows.map((row) => ({...rated(row), ended: row.spark.slice(0, ended)})));
-        cut.hidden = data.complete;
     }
     function close() {
         rates.close();

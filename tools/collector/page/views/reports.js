@@ -19,7 +19,7 @@ export function reports() {
     const said = h("p", {class: "note"});
     const list = table(COLUMNS, {
         label: "Records of the monitor",
-        key: (r) => `${r.at} ${r.instance}`,
+        key: (r) => `${r.at} ${r.instance} ${r.place}`,
         empty: h("b", {}, "No monitor of that name reported in this time.")
     });
     const node =
@@ -30,7 +30,8 @@ export function reports() {
     async function load(signal) {
         const time = span();
         const answer = await get("/api/reports", {name, kind, from: time.from, to: time.to}, signal);
-        list.update(answer.reports);
+        // Several records of an instance come at the same time.
+        list.update(answer.reports.map((r, place) => ({...r, place})));
         const all = answer.reports.reduce((sum, r) => sum + r.count, 0);
         said.textContent = `${count(answer.reports.length)} records, ${count(all)} counted` +
             (answer.complete ? "." : "; there are more.");

@@ -13,7 +13,34 @@ const OUTCOMES = {
 
 const SENT_WAIT_MS = 15000;  // a service that does not answer for an order is given up after ten seconds
 
-let draft = null;  // an edit that was left unsaved when the view closed
+const DRAFT = "rules";
+
+// An edit that was left unsaved, with the digest of the rules that it began with. It outlives the page: a
+// login that has run out leads away from it.
+let draft = null;
+
+function keepDraft(edit) {
+    draft = edit;
+    try {
+        if (edit)
+            sessionStorage.setItem(DRAFT, JSON.stringify(edit));
+        else
+            sessionStorage.removeItem(DRAFT);
+    } catch {
+        // Then it stays as long as the page does.
+    }
+}
+
+function takeDraft() {
+    let edit = draft;
+    try {
+        edit ??= JSON.parse(sessionStorage.getItem(DRAFT));
+    } catch {
+        // a browser that keeps nothing
+    }
+    keepDraft(null);
+    return edit;
+}
 
 const nameOf = (bt) => bt ?? "(excluded)";
 
@@ -111,8 +138,9 @@ function faults(answer) {
 }
 
 export function rules() {
-    const text =
-        h("textarea", {class: "editor", rows: 14, spellcheck: "false", "aria-label": "Rules", wrap: "off"});
+    const text = h(
+        "textarea",
+        {class: "editor", rows: 14, spellcheck: "false", "aria-label": "Rules", wrap: "off", readonly: true});
     const preview = h("button", {type: "button", class: "button", onclick: look}, "Preview");
     const save =
         h("button", {type: "button", class: "button main", onclick: keep, disabled: true}, "Save and send");
@@ -122,6 +150,8 @@ export function rules() {
     const meaning = h("ol", {class: "rule-lines"});
     let held = null;       // as the collector has them
     let previewed = null;  // the text that was looked at: only that can be saved
+    let saving = false;
+    let saved = false;  // by the work that runs
 
     const edited = () => held !== null && text.value !== held.text;
     const lead =
@@ -135,23 +165,27 @@ export function rules() {
 
     function mark() {
         const can = held?.editable ?? false;
-        text.readOnly = !can;
+        text.readOnly = held === null;
         undo.disabled = !edited();
-        save.disabled = !can || !edited() || previewed !== text.value;
+        save.disabled = saving || !can || !edited() || previewed !== text.value;
+        if (held === null) return;
         state.textContent = !can ?
-            held?.fault ?? "These rules cannot be edited here: start vxcollector with --files DIR." :
+            held.fault ?? "Edits can be tried, not saved: start vxcollector with --files DIR." :
             !edited()                ? "As they are in force." :
             previewed === text.value ? "Looked at; not saved yet." :
                                        "Edited. Preview it first, then it can be saved.";
     }
     async function guarded(work) {
+        saved = false;
         try {
             await work();
         } catch (error) {
             const stale = error.status === 409 ?
                 " Somebody changed the rules meanwhile: copy your edit, undo it, and begin with theirs." :
                 "";
-            replace(result, h("p", {class: "bad", role: "alert"}, error.message + stale));
+            replace(
+                result, saved && h("p", {class: "result"}, "Saved."),
+                h("p", {class: "bad", role: "alert"}, error.message + stale));
         }
         mark();
     }
@@ -167,9 +201,18 @@ export function rules() {
     }
     function keep() {
         return guarded(async () => {
-            const {version} = await post("/api/rules", {text: text.value, digest: held.digest});
-            replace(result, h("p", {class: "result", role: "status"}, "Saved."));
-            await fetchRules();
+            saving = true;
+            mark();
+            let version;
+            try {
+                ({version} = await post("/api/rules", {text: text.value, digest: held.digest}));
+                saved = true;
+                replace(result, h("p", {class: "result", role: "status"}, "Saved."));
+                await fetchRules();
+            } finally {
+                saving = false;
+            }
+            mark();
             await followSent(version);
         });
     }
@@ -200,9 +243,11 @@ export function rules() {
     }
     async function fetchRules(signal) {
         const answer = await get("/api/rules", {}, signal);
-        if (!edited()) text.value = draft ?? answer.text;
-        draft = null;
-        held = answer;
+        const left = held === null ? takeDraft() : null;
+        const begun = left && left.text !== answer.text ? left : answer;
+        if (!edited()) text.value = begun.text;
+        // A save says which rules the edit began with: when others are in force by now, it is refused.
+        held = {...answer, digest: begun.digest};
         lead.textContent = answer.decidingWords;
         replace(
             meaning,
@@ -214,6 +259,11 @@ export function rules() {
         mark();
     }
     text.addEventListener("input", mark);
-    const close = () => (draft = edited() ? text.value : null);
+    const leave = () => held && keepDraft(edited() ? {text: text.value, digest: held.digest} : null);
+    function close() {
+        removeEventListener("pagehide", leave);
+        leave();
+    }
+    addEventListener("pagehide", leave);
     return {node, load: fetchRules, refresh: "never", close};
 }

@@ -38,7 +38,7 @@ function field(key, title, {rare, ...props}) {
         pause = setTimeout(() => set({[key]: event.target.value.trim()}), 300);
     };
     const input = h("input", {name: key, type: "search", autocomplete: "off", oninput, ...props});
-    return {key, input, rare, node: labelled(title, input, rare)};
+    return {key, input, rare, node: labelled(title, input, rare), stop: () => clearTimeout(pause)};
 }
 
 const LEAST_TIME = 946684800000;  // 2000: while a year is being typed, it is none yet
@@ -53,20 +53,24 @@ function timeFields() {
     const till = input("to");
     const active = () => [from, till].includes(document.activeElement);
 
-    function take() {
+    function clear() {
+        for (const input of [from, till]) input.setCustomValidity("");
+    }
+    function take({target}) {
         const [first, last] = [Date.parse(from.value), Date.parse(till.value)];
         const now = span();
         const wanted = {from: first || Math.floor(now.from), to: last || Math.floor(now.to)};
-        const order = wanted.from < wanted.to;
-        till.setCustomValidity(order ? "" : "It ends before it begins.");
-        if (!first && !last)
-            set({from: null, to: null});
-        else if (order && wanted.from > LEAST_TIME)
-            set(wanted);
+        clear();
+        if (!first && !last) return set({from: null, to: null});
+        if (Math.min(wanted.from, wanted.to) < LEAST_TIME) return;
+        if (wanted.from < wanted.to) return set(wanted);
+        target.setCustomValidity("It ends before it begins.");
+        target.reportValidity();
     }
     function show() {
         const now = span();
         if (active()) return;
+        clear();
         from.value = now.live ? "" : local(now.from);
         till.value = now.live ? "" : local(now.to);
     }
@@ -119,7 +123,8 @@ function form(context) {
             Object.values(now).some(Boolean) &&
                 h("a", {class: "clear", href: changed(none)}, "Clear all filters"));
     }
-    return {node, names, show};
+    const close = () => fields.forEach((f) => f.stop?.());
+    return {node, names, show, close};
 }
 
 function columns() {
@@ -163,6 +168,7 @@ export function transactions(context) {
     let rows = [];
     let next = null;
     let named = false;
+    let complete = true;
     search.show();
 
     function ask(extra, signal) {
@@ -183,11 +189,12 @@ export function transactions(context) {
     function draw() {
         list.update(rows);
         more.hidden = !next || rows.length >= MOST;
-        say(rows.length === 0 ? "" :
-                rows.length >= MOST ?
-                                `The latest ${count(MOST)}. Narrow the time or the filters to see others.` :
-                                `${count(rows.length)} shown, the latest first${
-                                    next ? "; there are more" : ", and no more"}.`);
+        const cut = complete ? "" : " Not all was looked through: a shorter time shows more.";
+        if (rows.length === 0) return say(cut.trim());
+        if (rows.length >= MOST)
+            return say(`The latest ${count(MOST)}. Narrow the time or the filters to see others.`);
+        const others = next ? "; there are more." : complete ? ", and no more." : ".";
+        say(`${count(rows.length)} shown, the latest first${others}${cut}`);
     }
 
     // What was shown stays below what is new: only a change of the address begins anew.
@@ -215,6 +222,7 @@ export function transactions(context) {
         const gap = !first && answer.rows.length === PAGE &&
             !answer.rows.some((r) => rows.some((old) => old.id === r.id));
         if (first || gap) next = answer.next;
+        if (first || gap || complete) complete = answer.complete !== false;
         rows = gap ? answer.rows : merge(answer.rows);
         draw();
         if (!named) {
@@ -227,14 +235,19 @@ export function transactions(context) {
     }
 
     async function older() {
+        const before = next;
+        const address = location.hash;
+        const outdated = () => location.hash !== address || next !== before;  // the list has begun anew
         more.disabled = true;
         try {
-            const answer = await ask({before: next});
+            const answer = await ask({before});
+            if (outdated()) return;
+            complete &&= answer.complete !== false;
             next = answer.next;
             rows = [...rows, ...answer.rows].slice(0, MOST);
             draw();
         } catch (error) {
-            say(error.message);
+            if (!outdated()) say(error.message);
         } finally {
             more.disabled = false;
         }
@@ -246,5 +259,5 @@ export function transactions(context) {
         spoken = false;
         search.show();
     }
-    return {node, load, route: changedRoute};
+    return {node, load, route: changedRoute, close: search.close};
 }
