@@ -1,5 +1,6 @@
 // What an operator meets: a process that falls, files that grow old, a configuration to check.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -99,6 +100,32 @@ TEST_F(Operator, ACheckBesideARunningServiceTouchesNothing) {
     EXPECT_TRUE(good.outputHolds("Collector: 127.0.0.1:7892, protocols TCP:7892")) << good.output();
     EXPECT_EQ(filesOf(""), before);
     EXPECT_TRUE(service->running());
+}
+
+TEST_F(Operator, ACollectorThatCannotServeItsPageOrInstancesSaysWhy) {
+    const int taken = boundTo(0);
+    ASSERT_EQ(::listen(taken, 1), 0);
+    const std::string port = std::to_string(portOf(taken)), shortOne = dir / "short.token";
+    std::ofstream(shortOne) << "0123456789\n";
+    const struct {
+        std::vector<std::string> arguments;
+        std::string told;
+    } rows[] = {
+        {{"--http", "0", "--http-token-file", shortOne}, shortOne + ": the first line is no token of 16 to "},
+        {{"--http", "0", "--http-token-file", dir / "none"}, dir / "none: No such file or directory"},
+        {{"--http", port}, "the page cannot listen on 127.0.0.1:" + port},
+        {{"--ws", port}, "port " + port + ": "},
+    };
+    for (const auto& row : rows) {
+        Program::Setup setup{
+            {programPath("vxcollector"), "--host", "127.0.0.1", "--listen", "0"}, {}, dir / "collector.txt"};
+        setup.arguments.insert(setup.arguments.end(), row.arguments.begin(), row.arguments.end());
+        Program refused(setup);
+        EXPECT_EQ(refused.wait(), 1) << row.told;
+        EXPECT_NE(refused.output().find("vxcollector: " + row.told), std::string::npos) << refused.output();
+        EXPECT_EQ(refused.output().find("0123456789"), std::string::npos) << "a secret";
+    }
+    ::close(taken);
 }
 
 }  // namespace
