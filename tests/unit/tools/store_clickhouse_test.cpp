@@ -155,6 +155,7 @@ TEST_F(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
     for (int at = 0; at < 2; ++at) {
         ASSERT_TRUE(sides[at].store.openClickHouse(server.url(), at + 1, 7, error)) << error;
         sides[at].begin(epochNow());
+        sides[at].take("7,2,told to " + std::to_string(at + 1), "Web/host/both");
         feed(at, 1, 1000);
     }
     ASSERT_TRUE(written(2000));
@@ -173,6 +174,12 @@ TEST_F(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
     for (const TransactionRow& row : rows) ids.insert(row.id);
     EXPECT_EQ(ids.size(), 3000U);
     EXPECT_LT(*ids.rbegin(), std::int64_t{1} << 53);
+    for (const std::int64_t collector : {1, 2}) {
+        std::vector<StoredName> names;
+        ASSERT_EQ(query.names(100, collector << kCollectorShift, names), Answered::kOk) << query.error();
+        ASSERT_EQ(names.size(), 1U);
+        EXPECT_EQ(names[0].name, "told to " + std::to_string(collector)) << "its own before others'";
+    }
 }
 
 TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead) {

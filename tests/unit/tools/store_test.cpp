@@ -211,8 +211,14 @@ TEST_F(StoreTest, SumsAgreeWithWhatWasSentAndPagesNeitherSkipNorRepeat) {
         for (const char* line :
              {"61,3|4|6:Web_host1_shop_m|1 1 9e15 1 1 9e15", "61,3|4|6:a_b_c_n|1 1 nan 1 1 1"})
             runs.line(StreamKind::kAutoSensor, line, runs.of(Identity{"Web", host, "shop", ""}.text()));
+    for (int i = 1; i <= 501; ++i)
+        runs.line(StreamKind::kAutoSensor,
+                  "63,3|4|" + std::to_string(i) + ":a_b_c_x" + std::to_string(i) + "|1 0.0 ",
+                  runs.of(kShop.text()));
     close();
     std::vector<MonitorRow> told;
+    EXPECT_EQ(query.monitors(lastMinutes(Monitored::kException), told), Answered::kCut);
+    EXPECT_EQ(told.size(), 500U) << "one more than is told";
     ASSERT_EQ(query.monitors(lastMinutes(Monitored::kMethod), told), Answered::kOk) << query.error();
     ASSERT_EQ(told.size(), 1U) << "what is no number is no report";
     EXPECT_TRUE(told[0].monitor.totalMs == 18'000'000'000'000'000 &&
