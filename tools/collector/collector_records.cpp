@@ -22,7 +22,7 @@ void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary
 }
 
 void takeBlob(std::string_view blob, InstanceState& instance, Summary& summary) {
-    BlobItem item;
+    BlobItem item{};
     while (takeBlobItem(blob, item)) {
         if (item.kind == BlobItem::Kind::kEntry) {
             ++methodRow(summary, nameOf(instance.methods, item.methodId, "method")).entries;
@@ -189,11 +189,14 @@ bool takeMethodItem(std::string_view& rest, BlobItem& item) {
     if (!takeNumber(rest, item.methodId) || !takeChar(rest, ':') || !takeNumber(rest, item.thread))
         return false;
     if (takeChar(rest, ':')) {  // "1:url": the item's own fields stand behind the text's last "_0_"
-        const std::size_t end = rest.find("_0_");
-        if (end == std::string_view::npos) return false;
-        item.text = rest.substr(0, end);
+        const char* const end = rest.data() + rest.size();
+        if (!item.mark || item.mark < rest.data())
+            item.mark = rest.data() + std::min(rest.find("_0_"), rest.size());
+        if (item.mark == end) return false;
+        const auto length = static_cast<std::size_t>(item.mark - rest.data());
+        item.text = rest.substr(0, length);
         takeUntil(item.text, ':');
-        rest.remove_prefix(end);
+        rest.remove_prefix(length);
     }
     if (!takeChar(rest, '_') || !takeNumber(rest, direction)) return false;
     if (takeChar(rest, ':') && !takeNumber(rest, sequence)) return false;
@@ -224,7 +227,9 @@ const char* targetText(std::int64_t target) {
 bool takeBlobItem(std::string_view& blob, BlobItem& item) {
     std::string_view rest = blob;
     if (rest.empty()) return false;
+    const char* const mark = item.mark;
     item = {};
+    item.mark = mark;
     const bool marked = rest.front() == 'T' || rest.front() == 'E' || rest.front() == 'e';
     if (!(marked ? takeMarkedItem(rest, item) : takeMethodItem(rest, item))) return false;
     blob = rest;

@@ -37,8 +37,10 @@ struct BlobItem {
     bool failed;             // callout: written as an E item
     std::string_view query;  // callout: number of a data base's query, "-" for others
     std::string_view text;   // entry: URL; callout: parameters of a query
+    const char* mark;        // of the blob: where its next "_0_" stands, or its end; null: not looked for yet
 };
-// Takes the item at the front of `blob`; false at its end or where no item can be read.
+// Takes the item at the front of `blob`; false at its end or where no item can be read. A new blob begins
+// with a new `item`.
 bool takeBlobItem(std::string_view& blob, BlobItem& item);
 // "HTTP", "custom", "MQ" or "DB".
 const char* targetText(std::int64_t target);

@@ -196,6 +196,12 @@ void CollectorServer::takeBytes(Connection& connection, const char* data, std::s
     std::string_view rest(data, length);
     for (;;) {
         const std::size_t end = rest.find('\n');
+        if (connection.in.size() + std::min(end, rest.size()) > kMaxLine) {
+            std::fprintf(stderr, "vxcollector: a line of more than %zu bytes from %s, connection closed\n",
+                         kMaxLine, connection.peer.c_str());
+            connection.closing = true;
+            return;
+        }
         if (end == std::string_view::npos) break;
         if (connection.in.empty()) {
             takeLine(connection, rest.substr(0, end));
@@ -205,12 +211,6 @@ void CollectorServer::takeBytes(Connection& connection, const char* data, std::s
             connection.in.clear();
         }
         rest.remove_prefix(end + 1);
-    }
-    if (connection.in.size() + rest.size() > kMaxLine) {
-        std::fprintf(stderr, "vxcollector: a line of more than %zu bytes from %s, connection closed\n",
-                     kMaxLine, connection.peer.c_str());
-        connection.closing = true;
-        return;
     }
     connection.in.append(rest);
 }
