@@ -26,6 +26,11 @@ std::uint64_t nameKey(std::int64_t kind, std::int64_t id) {
     return static_cast<std::uint64_t>(kind) << 32 | static_cast<std::uint64_t>(id);
 }
 
+std::size_t textsOf(const TransactionRow& row) {
+    return row.url.size() + row.session.size() + row.correlation.size() + row.traceId.size() +
+           row.callerSpan.size();
+}
+
 // A row for something of a transaction.
 template <class Row>
 Row& addItem(std::vector<Row>& rows, const TransactionRow& tx, std::int64_t n) {
@@ -233,7 +238,7 @@ void StoreIntake::keep(Open& open, std::string_view line) {
 }
 
 void StoreIntake::forget(Feed& feed, std::unordered_map<std::int64_t, Open>::iterator at) {
-    openBytes_ -= sizeof(Open) + at->second.lines.size();
+    openBytes_ -= sizeof(Open) + at->second.lines.size() + textsOf(at->second.row);
     ages_.erase(at->second.age);
     feed.open.erase(at);
 }
@@ -266,6 +271,7 @@ void StoreIntake::begin(std::string_view rest, std::string_view line, Feed& feed
     keep(open, line);
     open.begun = true;
     TransactionRow& row = open.row;
+    openBytes_ -= textsOf(row);  // of an earlier beginning
     row.start = feed.row.epochMs + std::clamp(header.startRelMs, -kMostMs * 100, kMostMs * 100);
     row.url = header.url;
     row.session = header.session;
@@ -275,6 +281,7 @@ void StoreIntake::begin(std::string_view rest, std::string_view line, Feed& feed
     row.correlation = header.correlation;
     row.traceId = header.traceId;
     row.callerSpan = header.callerSpan;
+    openBytes_ += textsOf(row);
 }
 
 void StoreIntake::end(std::string_view rest, std::string_view line, Feed& feed, const InstanceState& instance,
@@ -288,8 +295,8 @@ void StoreIntake::end(std::string_view rest, std::string_view line, Feed& feed, 
     bool begun = false;
     if (const auto open = feed.open.find(end.flowpath); open != feed.open.end()) {
         begun = open->second.begun;
-        openBytes_ -= open->second.lines.size();
-        stored.row = std::move(open->second.row);
+        openBytes_ -= open->second.lines.size() + textsOf(open->second.row);
+        stored.row = std::exchange(open->second.row, {});
         stored.lines = std::exchange(open->second.lines, {});
         forget(feed, open);
     }
@@ -416,14 +423,16 @@ void StoreIntake::gather(std::int64_t now) {
 
 void StoreIntake::flush(std::int64_t now, bool last) {
     const bool due = last || now >= flushed_ + kFlushEvery || now < flushed_;
-    if (!due && batch_.bytes < kLargeBatch) return;
+    if (!due && batch_.bytes < stayed_ + kLargeBatch) return;
     flushed_ = now;
     if (!ages_.empty()) makeRoom(now);
     if (!queue_.hasRoom(batch_.bytes + sums_.bytes())) {
         dropTransactions();
         if (batch_.bytes > kMostPending) dropRest();
+        stayed_ = batch_.bytes;
         if (!last) return;
     }
+    stayed_ = 0;
     if (last || now >= gathered_ + kGatherEvery || now < gathered_) gather(now);
     if (!batch_.empty()) queue_.put(std::exchange(batch_, {}));
 }

@@ -8,7 +8,8 @@
 // queue has no room, transactions are dropped and counted; sums, names and what else is small waits here
 // until there is room.
 //
-// Limits    Lines of transactions in flight: kMostOpenBytes together, kMostLines of one (the rest is cut,
+// Limits    Lines and texts of transactions in flight: kMostOpenBytes together, kMostLines of one (the rest
+// is cut,
 //           marked by a line "..."), for kOpenFor. The oldest gives way and counts as incomplete. What waits
 //           here for room in the queue: kMostPending bytes.
 // Units     `now` is milliseconds since the Unix epoch.
@@ -123,6 +124,7 @@ private:
     std::size_t openBytes_ = 0;
     StoreSums sums_;
     Batch batch_;
+    std::size_t stayed_ = 0;  // bytes of the batch that found no room the last time
     std::int64_t flushed_ = 0, gathered_ = 0;
     std::atomic<std::uint64_t> dropped_{0}, lostSums_{0};
 };

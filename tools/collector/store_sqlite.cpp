@@ -274,9 +274,11 @@ bool SqliteSink::retain(std::int64_t now, std::string& fault) {
         more = number("SELECT id " + old) > 0;
         if (more) done = forgetTransactions("IN (SELECT id " + old + ")");
     }
-    if (done && full && !more) {  // no transaction is left: sums give way, the oldest tenth of the time
+    if (done && full && !more) {  // no transaction is left: the rest gives way, the oldest tenth of the time
         const std::int64_t first =
-            number("SELECT min(at) FROM sums WHERE step = " + std::to_string(kLongSumStep));
+            number("SELECT min(at) FROM (SELECT min(at) AS at FROM sums WHERE step = " +
+                   std::to_string(kLongSumStep) +
+                   " UNION ALL SELECT min(at) FROM monitors UNION ALL SELECT min(at) FROM links)");
         done = first == 0 || forgetOld(first + std::max(kLongSumStep, (now - first) / 10));
         done = done && forgetSumsBefore(kSumStep, first + std::max(kLongSumStep, (now - first) / 10));
     }

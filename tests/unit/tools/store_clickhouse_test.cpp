@@ -203,8 +203,9 @@ TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead)
         EXPECT_EQ(sink.write({&batch, 1}, error), StoreSink::Wrote::kDone) << error;
     };
     write(batchOf(1, old, first));
-    postStatement(address, "", "",
-                  "CREATE TABLE vx.bills(day Date) ENGINE = MergeTree PARTITION BY day ORDER BY day");
+    postStatement(
+        address, "", "",
+        "CREATE TABLE vx.bills(day Date) ENGINE = MergeTree PARTITION BY toYYYYMMDD(day) ORDER BY day");
     postStatement(address, "", "", "INSERT INTO vx.bills VALUES ('2019-05-01')");
     Batch young = batchOf(2, now, first + 1);
     young.instances[0].lastAt = now + 9 * 86'400'000LL;
@@ -233,6 +234,16 @@ TEST_F(ClickHouseStore, GivesDaysUpButNoIdTwiceAndLeavesWhatTheServerCannotRead)
     write(batch);
     EXPECT_NE(error, "") << "what was left is told";
     EXPECT_EQ(count("transactions") + count("exceptions"), "1\n0\n") << "and holds nothing else up";
+
+    Batch others;
+    others.names.push_back({2, 7, 2, std::int64_t{9} << kCollectorShift, "Other"});
+    write(others);
+    StoreQuery query;
+    std::vector<StoredName> names;
+    ASSERT_TRUE(query.openClickHouse(server.url(), 60'000)) << query.error();
+    ASSERT_EQ(query.names(10, first, names), Answered::kOk) << query.error();
+    EXPECT_TRUE(names.size() == 1 && names[0].name == "Pay")
+        << "what another collector was told comes behind";
 }
 
 TEST(ClickHouseAddress, IsRefusedWhereItIsNone) {
