@@ -65,6 +65,7 @@ private:
 TEST_F(Datagrams, SettingsAndMessagesOfTheCollectorReachFunctionsAndTheirAnswersReachIt) {
     startCollector();
     startService();
+    ASSERT_TRUE(eventually([&] { return occurrences(traceText(), "created socket for UDP") == 1; }));
     const RawFunction pay(proxyPort), late(proxyPort);
     pay.say(introduced(VXWrapType::kPendingRuckus, "pay"));
     const std::string named = pay.hears("AppIndex:");
