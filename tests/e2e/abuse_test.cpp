@@ -87,6 +87,12 @@ protected:
         RawAgent last(proxyPort, "last", 1);  // once it is answered, the service has read what came before it
         ASSERT_TRUE(last.start());
     }
+    // The good application, what the abuse is taken for, and the last one: each has a link to the collector
+    // that comes about in its own time.
+    bool linksStand() const {
+        return collector->outputHolds(" data connection of ", 3) &&
+               collector->outputHolds(" auto-sensor connection of ", 3);
+    }
     // Resident memory once it has not changed for a while.
     long settledKb() const {
         long now = residentKb(service->pid()), before = -1;
@@ -110,6 +116,7 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
         startLoad({"--app", "good", "--rate", "300", "--transactions", "1200", "--duration", "100"});
     ASSERT_TRUE(arrive(30)) << traceText();
     commit(1);  // what is made once is made now
+    ASSERT_TRUE(linksStand()) << collector->output();
     ASSERT_TRUE(service->running()) << "ended with " << service->wait() << "\n" << service->output();
     const long resident = settledKb();
     const int descriptors = descriptorsOf(service->pid());
