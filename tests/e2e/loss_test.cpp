@@ -113,7 +113,7 @@ TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
 TEST_F(LossOfAgents, ThousandsOfShortProcessesLeaveNothingBehind) {
     startCollector();
     startService();
-    constexpr int kRounds = 4, kPerRound = 1500;
+    constexpr int kRounds = 4, kPerRound = 600;
     std::int64_t pid = 100000, flowpath = std::int64_t{65536} << 46;
     int highest = 0, descriptors = 0;
     long resident = 0;
