@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 
 namespace vx {
@@ -12,9 +13,10 @@ namespace vx {
 namespace {
 
 constexpr std::int64_t kWatchStepUs = 1000000;
+constexpr std::chrono::microseconds kSteadyBegin = std::chrono::hours(24);
 constexpr std::size_t kRandomBatch = 256;
 
-std::atomic<std::int64_t (*)()> nowHook{nullptr};
+std::atomic<std::int64_t (*)()> nowHook{nullptr}, steadyHook{nullptr};
 std::atomic<void (*)(std::int64_t)> sleepHook{nullptr};
 std::atomic<std::uint8_t (*)()> randomHook{nullptr};
 
@@ -30,6 +32,12 @@ thread_local RandomBatch randomBatch;
 std::int64_t vxlb_now_us() noexcept {
     const auto hook = nowHook.load(std::memory_order_relaxed);
     return hook ? hook() : apr_time_now();
+}
+
+std::int64_t vxlb_steady_us() noexcept {
+    if (const auto hook = steadyHook.load(std::memory_order_relaxed)) return hook();
+    const auto sinceBoot = std::chrono::steady_clock::now().time_since_epoch();
+    return (std::chrono::duration_cast<std::chrono::microseconds>(sinceBoot) + kSteadyBegin).count();
 }
 
 void vxlb_sleep_us(std::int64_t us) noexcept {
@@ -51,6 +59,7 @@ std::uint8_t vxlb_random_byte() noexcept {
 
 void vxlb_set_clock_hooks(const VXClockHooks& hooks) noexcept {
     nowHook.store(hooks.now_us, std::memory_order_relaxed);
+    steadyHook.store(hooks.steady_us, std::memory_order_relaxed);
     sleepHook.store(hooks.sleep_us, std::memory_order_relaxed);
     randomHook.store(hooks.random_byte, std::memory_order_relaxed);
 }

@@ -56,12 +56,13 @@ struct VXControlState_t {
     std::int32_t heartBeatMissCount, heartBeatRounds;
     std::int32_t heartBeatSent;
     std::int64_t pollTimeUs;                      // of one round of the read loop; 0: kControlPollUs
-    std::atomic<std::int64_t> lastHeartBeatTime;  // Unix ms
+    std::atomic<std::int64_t> lastHeartBeatTime;  // steady ms
     std::atomic<std::uint16_t> closeCtrlConFlag;  // the order that this connection goes; any thread
     std::atomic<std::uint16_t> controlConnClosed;
     std::atomic<std::int32_t> proxyStopRequested;        // set by resetAndCleanProxy
     std::int32_t requestType;                            // 0 normal, 2 reroute, 3 retry limit
     std::int64_t lastConnectionTimeStamp, connDuration;  // Unix ms; ms
+    std::int64_t connectedAtMs;                          // lastConnectionTimeStamp in steady ms
     char connDestination[1024];                          // "%s:%d"
     std::atomic<std::int64_t> controlThreadId;           // 0: no control thread
     apr_thread_t* controlThread;                         // starter only: the last thread, until it is joined

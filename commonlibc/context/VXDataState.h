@@ -66,12 +66,12 @@ struct VXDataState_t {
     char dataConnSourceIP[16], dataConnDestIP[16];  // data thread only, for trace
     std::int32_t dataConnSourcePort, dataConnDestPort;
     std::atomic<std::int32_t> dataConnFailCount;
-    std::atomic<std::int64_t> lastDataHeartbeatTime;  // ms in the instance's base; 0 before the first
+    std::atomic<std::int64_t> lastDataHeartbeatTime;  // steady ms; 0 before the first
     std::atomic<std::int64_t> dataThreadOsId;         // system id of the data thread, 0 when none
     // Data thread only.
     std::uint8_t flushing;         // flushCommonData is running
     std::uint8_t replayedThisRun;  // metadata went out behind a 99 record since the thread's start
-    std::int64_t flushDeadlineUs;  // Unix microseconds: 5 s after the thread first saw its stop; 0 before
+    std::int64_t flushDeadlineUs;  // steady microseconds: 5 s after the thread first saw its stop; 0 before
 };
 
 struct VXAutoSensorState_t {
@@ -89,7 +89,7 @@ struct VXAutoSensorState_t {
     char sourceIP[16], destIP[16];  // auto-sensor thread only, for trace
     std::int32_t sourcePort, destPort;
     std::int32_t curBuffers;       // nodes of the chain; dumpMutex
-    std::int64_t flushDeadlineUs;  // Unix microseconds: end of the last flush (auto-sensor thread)
+    std::int64_t flushDeadlineUs;  // steady microseconds: end of the last flush (auto-sensor thread)
     char hotspotPrefix[1024], hotspotPrefixID[64];  // set by the thread at its start
 };
 

@@ -21,6 +21,7 @@ struct VXDecoderState_t {
     std::int32_t partialLength;                  // 0 to 10239
     std::atomic<std::uint64_t> messagesRefused;  // messages of no use to anybody, since process start
     std::int64_t readTimeUs;                     // time of the read being decoded, Unix microseconds
+    std::int64_t readSteadyMs;                   // the same in steady ms
 };
 
 }  // namespace vx

@@ -61,7 +61,7 @@ struct VXIdentity_t {
     std::int32_t processCapacity;               // records the table has room for (listener only)
     std::atomic<std::int32_t> udpTimeoutFlag;   // orders the control thread to close
     std::int64_t startTimeMs;                   // identity populated, Unix ms
-    std::int64_t connectStartTimeMs;            // make_connection_with_vxc, Unix ms
+    std::int64_t connectStartTimeMs;            // make_connection_with_vxc, steady ms
     VXMap* reservedMap;                         // exists, empty, from registration on
     VXMap* udpClientMap;                        // UDP client addresses by 16-bit port
     std::uint8_t isUDP;                         // 1: a UDP function

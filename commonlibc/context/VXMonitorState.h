@@ -17,7 +17,7 @@ enum class VXMonitorPhase : std::uint8_t {
 };
 
 struct VXMonitorState_t {
-    // Milliseconds in the instance's base.
+    // Steady milliseconds.
     std::int64_t curTimeStamp;           // of the present turn
     std::int64_t nextLoggingBufferTime;  // of the next report
     std::int64_t nextBTDigestTime, nextBackendDigestTime;

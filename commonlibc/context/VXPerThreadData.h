@@ -81,7 +81,8 @@ struct alignas(kSlotAlignment) VXPerThreadData_t {
     std::int64_t sessionStartTime;               // ms in the instance's base
     std::int64_t startArgument;                  // -1 after reset
     std::int64_t startTimeUs;                    // Unix microseconds
-    std::atomic<std::int64_t> lastActivityTime;  // ms in the instance's base
+    std::int64_t startSteadyMs;                  // startTimeUs in steady ms
+    std::atomic<std::int64_t> lastActivityTime;  // steady ms; 0: just taken
     // Of this stay on a busy list, 0 on the free stack. Growing along a list, and never used again: whoever
     // holds poolMutex or the decode lock of an instance and meets a serial that he saw on its list knows
     // that the slot is there still.

@@ -49,7 +49,7 @@ struct Server_t {
     char* instrProfFileData;           // heap: content of all profiles of the line; null: none
     std::int64_t instrProfBytesWritten;
     char warnings[kWarningsSize];  // second line of the start reply
-    std::int64_t lastSweepTimeMs;  // decode lock: last age sweep by a reset message
+    std::int64_t lastSweepTimeMs;  // decode lock: last age sweep by a reset message, steady ms
 };
 
 }  // namespace vx

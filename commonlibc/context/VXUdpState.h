@@ -88,7 +88,7 @@ extern VXUdpIntake_t& VXUdp;
 // A context's part: of a function, or of an instance with attached clients.
 struct VXUdpContext_t {
     std::atomic<std::int32_t> pins;            // workers and watchers that hold the context; never zeroed
-    std::atomic<std::int64_t> lastActivityMs;  // Unix ms; 0: not started yet
+    std::atomic<std::int64_t> lastActivityMs;  // steady ms; 0: not started yet
     std::atomic<std::uint8_t> attached;        // 1: a TCP instance with UDP clients
     std::uint8_t settled;                      // 1: freeUDPConnections has given everything back
     vxApplication* nextFree;                   // registration
