@@ -148,7 +148,24 @@ export function timeChart(options) {
         const paint = colour(series.colour);
         const bars = uPlot.paths.bars({size: [0.86, 40], align: 1});
         return options.stacked ? {stroke: paint, fill: paint, width: 0, points: {show: false}, paths: bars} :
-                                 {stroke: paint, width: 2, points: {show: false}, spanGaps: false};
+                                 {
+                                     stroke: paint,
+                                     width: 2,
+                                     points: {show: true, filter: alone, size: 5, fill: paint},
+                                     spanGaps: false
+                                 };
+    }
+
+    // A figure between steps without one is no line: it shows as a point.
+    function alone(u, seriesIdx) {
+        const values = u.data[seriesIdx];
+        return values.flatMap(
+            (v, i) => (v != null && values[i - 1] == null && values[i + 1] == null ? i : []));
+    }
+
+    // As wide as the longest of the axis' words.
+    function room(u, words) {
+        return Math.max(62, 14 + 6.5 * Math.max(0, ...(words ?? []).map((word) => word.length)));
     }
 
     function build(data) {
@@ -173,7 +190,7 @@ export function timeChart(options) {
                 axes: [
                     axis({space: 64, size: 24, values: (u, splits) => splits.map((t) => moment(t, u))}),
                     axis({
-                        size: 62,
+                        size: room,
                         space: 36,
                         ...(options.whole && {incrs: WHOLE}),
                         values: (u, splits) => splits.map((v) => options.format(v))

@@ -12,12 +12,13 @@ export function count(n) {
 
 function digits(n) {
     const size = Math.abs(n);
+    if (size > 0 && size < 0.01) return n.toPrecision(2);  // rare is not never
     return n.toFixed(size >= 100 || size === 0 ? 0 : size >= 10 ? 1 : 2);
 }
 
 export function rate(n, unit = "/s") {
     if (nothing(n)) return "–";
-    return `${n >= 1000 ? whole.format(n) : digits(n)} ${unit}`;
+    return `${n >= 1e6 ? short.format(n) : n >= 1000 ? whole.format(n) : digits(n)} ${unit}`;
 }
 
 export function ms(n) {
@@ -25,7 +26,10 @@ export function ms(n) {
     if (Math.abs(n) < 1000) return (Number.isInteger(n) ? n : digits(n)) + " ms";
     if (Math.abs(n) < 60000) return (n / 1000).toFixed(2) + " s";
     const seconds = Math.round(n / 1000);
-    return Math.floor(seconds / 60) + " min " + (seconds % 60) + " s";
+    const [minutes, hours] = [Math.floor(seconds / 60), Math.floor(seconds / 3600)];
+    if (minutes < 60) return `${minutes} min ${seconds % 60} s`;
+    return hours < 48 ? `${hours} h ${minutes % 60} min` :
+                        `${count(Math.floor(hours / 24))} d ${hours % 24} h`;
 }
 
 /** A part of a whole, 0 to 1. */

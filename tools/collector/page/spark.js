@@ -5,7 +5,8 @@ const WIDTH = 120;
 const HEIGHT = 24;
 
 function path(values, top) {
-    const step = values.length > 1 ? WIDTH / (values.length - 1) : 0;
+    if (values.length === 1) values = [values[0], values[0]];  // a line: nobody sees a point
+    const step = WIDTH / Math.max(1, values.length - 1);
     const y = (v) => (HEIGHT - 2 - (top > 0 ? (v / top) * (HEIGHT - 4) : 0)).toFixed(1);
     return values.map((v, i) => `${i ? "L" : "M"}${(i * step).toFixed(1)} ${y(v)}`).join("");
 }
