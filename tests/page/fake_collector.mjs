@@ -43,7 +43,7 @@ export const transaction = (id, now, items) => ({
     requestHeaders: [{ name: "X-Note", value: EVIL }], arguments: [], responseHeaders: [], records: ["2,4611686018427387904,373", "4,4611686018427387904,500,13"] });
 
 const status = (now) => ({
-    now, started: now - 600000, version: "1.0.0", testRun: 1, serial: now, records: Math.floor(now / 10) % 1e6, monitorRecords: 520, bytes: 9876543,
+    now, started: 1760000000000, version: "1.0.0", testRun: 1, serial: now, records: Math.floor(now / 10) % 1e6, monitorRecords: 520, bytes: 9876543,
     transactions: 40100, unreadable: 0, comparedRuns: 2, connections: 3, refusedConnections: 0, token: false,
     instances: [SHOP, EVIL].map((name, i) => ({
         number: i + 1, key: String(8124 + i), name, tier: "Web", server: "host1", app: "shop", agent: "nginx", connected: i === 0, started: i === 0,

@@ -1,6 +1,7 @@
 // Questions to the collector. Every answer is JSON; a fault is an ApiError with words for a reader.
 
 const PATIENCE_MS = 15000;
+const MOST_ADDRESS = 7000;  // characters; the collector reads no longer ones
 
 export class ApiError extends Error {
     /** `status` is 0 when the collector did not answer at all. */
@@ -33,11 +34,12 @@ async function ask(path, options, signal) {
 }
 
 /** GET with parameters; empty ones are left out. */
-export function get(path, params = {}, signal = undefined) {
+export async function get(path, params = {}, signal = undefined) {
     const query = new URLSearchParams();
     for (const [key, value] of Object.entries(params))
         if (value !== undefined && value !== null && value !== "") query.set(key, value);
     const text = query.toString();
+    if (text.length > MOST_ADDRESS) throw new ApiError("A filter is too long for a question.", 414);
     return ask(path + (text ? "?" + text : ""), {}, signal);
 }
 

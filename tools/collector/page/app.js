@@ -15,7 +15,9 @@ import {transaction} from "./views/transaction.js";
 import {transactions} from "./views/transactions.js";
 
 const POLL_MS = 2000;
-const SETTLED_MS = 120000;  // nothing comes for a time that is longer ago
+const BACK_MS = 15000;       // for which it is said that the collector answers again
+const MOST_TOOK_MS = 15000;  // an answer that took longer lay in a machine that slept
+const SETTLED_MS = 120000;   // nothing comes for a time that is longer ago
 
 // A view: make(context) -> { node, load(signal) } with, where needed, route() that takes a change of the
 // address without a new view, refresh: "always" (also when nothing was stored) or "never", and close().
@@ -36,9 +38,12 @@ const main = byId("main");
 const context = {
     status: null
 };
-let shown = null;     // { name, path, view, serial, busy: questions under way, asked, took, error, loading:
-                      // AbortController }
-let previous = null;  // the status before: rates are differences
+let shown = null;      // { name, path, view, serial, busy: questions under way, asked, took, error, loading:
+                       // AbortController }
+let previous = null;   // the status before: rates are differences
+let away = false;      // the collector did not answer
+let restarted = null;  // the last status of the collector before this one, until that was told
+let backTimer = 0;
 
 // What no view is called shows the overview.
 function viewName() {
@@ -95,11 +100,29 @@ function drawLive(status) {
     live.querySelector("a").href = to("link");
 }
 
+// For a while, what has become of a collector that was away, or is another one than before.
+function tellBack() {
+    const line = byId("back");
+    const texts = [
+        away && "The collector answers again.",
+        restarted && `${away ? "It" : "The collector"} was started anew at ${clock(context.status.started)}.`,
+        restarted?.version && restarted.version !== context.status.version &&
+            "This page is that of its former version: load it again."
+    ];
+    line.textContent = texts.filter(Boolean).join(" ");
+    line.hidden = false;
+    clearTimeout(backTimer);
+    backTimer = setTimeout(() => (line.hidden = true), BACK_MS);
+    restarted = null;
+}
+
 // What stands between the reader and fresh figures, or nothing.
 function tell(error) {
     // The address goes along: behind the login, the page goes on there.
     if (error?.status === 401) return location.assign("/login" + location.hash);
     const line = byId("gone");
+    if (!error && (away || restarted)) tellBack();
+    away = error?.status === 0 || (away && Boolean(error));
     const text = error?.status === 0 ?
         "The collector does not answer. What shows here is what it said last; the page goes on trying." :
         error?.message ?? "";
@@ -118,7 +141,7 @@ async function reload() {
     const {signal} = mine.loading;
     const serial = context.status?.serial;
     mine.busy++;
-    mine.asked = Date.now();
+    mine.asked = performance.now();  // no clock that somebody sets
     try {
         await mine.view.load(signal);
         mine.serial = serial;
@@ -130,25 +153,26 @@ async function reload() {
             throw error;
     } finally {
         mine.busy--;
-        mine.took = Date.now() - mine.asked;
+        mine.took = Math.min(performance.now() - mine.asked, MOST_TOOK_MS);
     }
 }
 
 // Whether the view has to ask again: never so often that the collector answers this page most of the time.
 function due() {
-    if (!shown || shown.busy || Date.now() - shown.asked < 4 * shown.took) return false;
+    if (!shown || shown.busy || performance.now() - shown.asked < 4 * shown.took) return false;
     if (shown.error) return true;
     if (shown.view.refresh === "never") return false;
     const time = span();
     if (!time.live && time.to < context.status.now - SETTLED_MS) return false;
     if (shown.view.refresh === "always" || shown.serial !== context.status.serial) return true;
-    return Date.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
+    return performance.now() - shown.asked > 5 * POLL_MS;  // the span moves on although nothing came
 }
 
 async function askStatus() {
     const status = await get("/api/status");
     setNow(status.now);
     previous = context.status;
+    if (previous && previous.started !== status.started) restarted = previous;
     context.status = status;
     byId("logout").hidden = !status.token;
     drawLive(status);

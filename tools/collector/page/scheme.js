@@ -3,7 +3,8 @@
     const root = document.documentElement;
     const stored = () => {
         try {
-            return localStorage.getItem("scheme");
+            // Forced colours are the reader's choice, too, and go before one made here.
+            return matchMedia("(forced-colors: active)").matches ? null : localStorage.getItem("scheme");
         } catch {
             return null;  // a browser that keeps nothing
         }
