@@ -69,8 +69,14 @@ test("a collector that goes away or cannot answer is told, and is taken up again
     await show("overview");
     await page.locator("text=Cart").waitFor();
     const overview = table["GET /api/overview"];
+    const status = table["GET /api/status"];
+    const restart = () => {
+        fake.away = true;
+        fake.server.closeAllConnections();
+        table["GET /api/status"] = () => ({...status(), started: 1760000009000});
+    };
     const faults = [
-        ["does not answer", () => (fake.away = true, fake.server.closeAllConnections())],
+        ["does not answer", restart],
         [
             "The store is full.",
             () => (table["GET /api/overview"] = () => ({fault: 503, error: "The store is full."}))
@@ -84,6 +90,9 @@ test("a collector that goes away or cannot answer is told, and is taken up again
         fake.away = false;
         table["GET /api/overview"] = overview;
         await page.locator("#gone").waitFor({state: "hidden"});
+        if (begin === restart)
+            assert.match(
+                await page.locator("#back").textContent(), /answers again\. It was started anew at 2025/);
     }
 });
 
@@ -167,7 +176,7 @@ test("filters stand in the address, older rows come below", async () => {
     await page.locator(".under .note", {hasText: "100 shown"}).waitFor();
     while (!late) await page.waitForTimeout(50);
     late();
-    await page.locator(".under button:enabled").waitFor();
+    await page.locator(".under button:not([aria-busy])").waitFor();
     assert.match(await page.locator(".under .note").textContent(), /^100 shown/);
     table["GET /api/transactions"] = listed;
     await page.locator(".clear").click();
@@ -222,11 +231,13 @@ test("a tree opens and closes by key, a long one bit by bit; what is not there i
     await page.keyboard.press("Enter");
     assert.equal(await rows.count(), 5, "the two below Price.all() are away");
     assert.equal(await page.evaluate(() => document.activeElement.getAttribute("aria-expanded")), "false");
-    const items = Array.from({length: 20000}, (_, i) => method(i ? 1 : 0, i - 1, `m${i}`, i, 1));
+    const items = Array.from({length: 2300}, (_, i) => method(i ? 1 : 0, i - 1, `m${i}`, i, 1));
     table["GET /api/transactions/"] = (p, body, id) => transaction(id, Date.now(), items);
     await show("transaction/813");
-    await page.locator("text=Show 2,000 more").click();
-    assert.equal(await rows.count(), 2400);
+    await page.locator("text=Show 1,900 more").click();
+    assert.equal(await rows.count(), 2300);
+    const focused = await page.evaluate(() => document.activeElement.closest("tr")?.rowIndex);
+    assert.equal(focused, 401, "the button is gone, the focus goes on in the first row that came");
     await page.locator("button.knob").first().click();
     assert.equal(await rows.count(), 1, "all are below the first");
     table["GET /api/transactions/"] = answers()["GET /api/transactions/"];

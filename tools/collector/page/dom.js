@@ -33,6 +33,42 @@ export function svg(tag, props, ...children) {
     return fill(document.createElementNS(SVG, tag), props, children);
 }
 
+const MOST_SHOWN = 300;  // characters of a text that may be of any length
+const SHOWN_FIRST = 240;
+
+/** A text that may be very long, or its beginning. */
+export function brief(text) {
+    return text.length <= MOST_SHOWN ? text :
+                                       text.slice(0, SHOWN_FIRST).replace(/[\uD800-\uDBFF]$/, "") + "…";
+}
+
+/** The same with a button for all of it. */
+export function folded(text) {
+    const begin = brief(text);
+    const shown = h("span", {class: "own"}, begin);
+    if (begin === text) return shown;
+    const button =
+        h("button", {type: "button", class: "fold", onclick: () => turn(shown.textContent === begin)});
+    function turn(open) {
+        shown.textContent = open ? text : begin;
+        button.textContent =
+            open ? "Show less" : `Show all ${text.length.toLocaleString("en-US")} characters`;
+        button.setAttribute("aria-expanded", String(open));
+    }
+    turn(false);
+    return [shown, " ", button];
+}
+
+/**
+ * Puts the focus on what can take it first in a node, or on the node: where a button was that is gone now.
+ */
+export function focusIn(node) {
+    const first = node?.querySelector("a, button, input, select, textarea") ?? node;
+    if (!first) return;
+    if (first === node) node.tabIndex = -1;
+    first.focus();
+}
+
 export function replace(node, ...children) {
     node.replaceChildren();
     append(node, children);

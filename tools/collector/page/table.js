@@ -1,7 +1,7 @@
 // Tables that are kept up to date in place: a row that has not changed is not touched, so that focus,
 // selection and scroll positions stay. On narrow screens each row becomes a card (style.css), labelled by the
 // column's title.
-import {h, patch} from "./dom.js";
+import {focusIn, h, patch} from "./dom.js";
 
 const MOST =
     100;  // rows shown before a reader asks for all: hundreds that change every two seconds hold a page up
@@ -11,7 +11,7 @@ const MOST =
  *     -> key, hint }]
  * @param options { label, key(row) -> identity, empty: text or node, sorted: index, descending, whole: shows
  *     all }
- * @returns { node, update(rows) }
+ * @returns { node, update(rows), rowAt(place) -> element }
  */
 export function table(columns, options) {
     let rows = [];
@@ -27,8 +27,10 @@ export function table(columns, options) {
     let most = options.whole ? Infinity : MOST;
 
     function showAll() {
+        const first = Math.min(most, rows.length - 1);
         most = Infinity;
         update(rows);
+        focusIn(body.children[first]);  // the button is gone
     }
 
     function head(column, i) {
@@ -107,7 +109,7 @@ export function table(columns, options) {
         empty.hidden = rows.length > 0;
         inner.hidden = rows.length === 0;
     }
-    return {node, update};
+    return {node, update, rowAt: (place) => body.children[place]};
 }
 
 /** The name of the row of all that are not listed: there is nothing to filter by. */
@@ -115,5 +117,14 @@ export const REST = "(more)";
 
 /** The link of a row: it takes clicks anywhere in the row that no other link takes. */
 export function rowLink(href, ...children) {
-    return h("a", {class: "row-link", href}, children);
+    const title = children.length === 1 && longTitle(children[0]);
+    return h("a", {class: "row-link", href, title}, children);
 }
+
+/** A name in a cell, of which a table shows a few lines at most. */
+export function nameText(name) {
+    return h("span", {class: "text", title: longTitle(name)}, name);
+}
+
+// What is cut where it is shown is told in full by its title.
+const longTitle = (text) => typeof text === "string" && text.length > 60 && text;

@@ -1,6 +1,6 @@
 // The call tree of a transaction with its time line. Items come in the order of their begin; what stands
 // behind an item with a greater depth belongs to it.
-import {h} from "./dom.js";
+import {brief, focusIn, folded, h} from "./dom.js";
 import {count, ms} from "./format.js";
 import {to} from "./router.js";
 
@@ -22,17 +22,21 @@ function title(item) {
     if (item.kind === "callout")
         return [
             h("span", {class: "kind"}, item.type), " ",
-            h("a", {href: to("transactions", {backend: item.name}), title: "Transactions that call it"},
-              item.name),
+            h("a",
+              {href: to("transactions", {backend: item.name}), title: `Transactions that call ${item.name}`},
+              brief(item.name)),
             Boolean(item.status) && h("span", {class: item.failed ? "bad" : "note"}, ` ${item.status}`),
-            item.query && item.query !== "-" && h("code", {class: "query"}, item.query)
+            item.query && item.query !== "-" && h("code", {class: "query"}, folded(item.query))
         ];
     if (item.kind === "exception")
         return [
             h("span", {class: "kind bad"}, "!"), " ",
-            h("a", {href: to("transactions", {exception: item.name}), class: "bad"}, item.name)
+            h("a", {href: to("transactions", {exception: item.name}), class: "bad", title: item.name},
+              brief(item.name))
         ];
-    return [h("span", {class: "name"}, item.name), item.url && h("span", {class: "note"}, " " + item.url)];
+    return [
+        h("span", {class: "name"}, folded(item.name)), item.url && h("span", {class: "note"}, " " + item.url)
+    ];
 }
 
 function bar(item, total) {
@@ -128,8 +132,10 @@ export function callTree(t) {
     }
 
     function showMore() {
+        const first = body.children.length;
         limit += MORE;
         draw();
+        if (rest.hidden) focusIn(body.children[first]);  // the button is gone
     }
     draw();
     return h(

@@ -45,10 +45,16 @@ const ROWS = [
 const EDGES = [
     {
         title: "From",
+        class: "name",
         cell: (e) => h("a", {href: to("transactions", {instance: e.fromKey})}, e.from),
         sort: (e) => e.from
     },
-    {title: "To", cell: (e) => rowLink(to("transactions", behind(e)), e.to), sort: (e) => e.to},
+    {
+        title: "To",
+        class: "name",
+        cell: (e) => rowLink(to("transactions", behind(e)), e.to),
+        sort: (e) => e.to
+    },
     {title: "Calls", num: true, cell: (e) => count(e.calls), sort: (e) => e.calls},
     {title: "Average", num: true, cell: (e) => ms(e.averageMs), sort: (e) => e.averageMs},
     {

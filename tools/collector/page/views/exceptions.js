@@ -19,12 +19,12 @@ function card(e) {
             h("header", {}, h("h2", {}, REST), h("span", {class: "figure"}, times)));
     return h(
         "article", {class: "panel exception"},
-        h("header", {}, h("h2", {}, e.class),
+        h("header", {}, h("h2", {class: "text", title: e.class}, e.class),
           h("a", {class: "figure", href: to("transactions", {exception: e.class})}, times),
           Number(e.lastTransaction) > 0 ?
               h("a", {class: "note", href: to(["transaction", e.lastTransaction])}, last) :
               h("span", {class: "note"}, last)),
-        e.lastText && h("p", {class: "message"}, e.lastText),
+        e.lastText && h("p", {class: "message text", title: e.lastText}, e.lastText),
         e.bts.length > 0 &&
             h("p", {class: "note"}, "In ",
               e.bts.slice(0, MOST_BTS)
@@ -32,7 +32,7 @@ function card(e) {
                       (b, i) =>
                           [i > 0 && ", ",
                            h("a", {href: to("transactions", {exception: e.class, bt: b.bt})},
-                             `${b.bt} ${count(b.count)}`)]),
+                             h("span", {class: "own short", title: b.bt}, b.bt), ` ${count(b.count)}`)]),
               e.bts.length > MOST_BTS && " and others"),
         e.lastStack.length > 0 &&
             h("details", {}, h("summary", {}, `Last stack, ${e.lastStack.length} lines`),

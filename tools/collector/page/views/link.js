@@ -10,6 +10,15 @@ function fact(title, value, bad) {
     return h("div", {}, h("dt", {}, title), h("dd", {class: bad && "bad"}, value));
 }
 
+// The zone of this machine, in which every time on the page is told.
+function zone() {
+    const ahead = -new Date().getTimezoneOffset();
+    const part = (n) => String(Math.floor(n)).padStart(2, "0");
+    const [hours, minutes] = [part(Math.abs(ahead) / 60), part(Math.abs(ahead) % 60)];
+    return `${Intl.DateTimeFormat().resolvedOptions().timeZone}, UTC${ahead < 0 ? "−" : "+"}${hours}:${
+        minutes}`;
+}
+
 function storeOf(store) {
     if (!store)
         return [h(
@@ -189,7 +198,7 @@ export function link(context) {
         list.update(s.instances);
         patch(
             totals, fact("Collector", `version ${s.version}, up since ${clock(s.started)}`),
-            fact("Connections", count(s.connections)),
+            fact("Times are those of", zone()), fact("Connections", count(s.connections)),
             fact("Records", h("a", {href: to("transactions")}, count(s.records))),
             fact("Monitor records", h("a", {href: to("monitors")}, count(s.monitorRecords))),
             fact("Transactions", h("a", {href: to("transactions")}, count(s.transactions))),

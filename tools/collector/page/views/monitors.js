@@ -5,7 +5,7 @@ import {count, ms} from "../format.js";
 import {note} from "../note.js";
 import {changed, route, span, to} from "../router.js";
 import {spark} from "../spark.js";
-import {rowLink, table} from "../table.js";
+import {nameText, rowLink, table} from "../table.js";
 
 const KINDS = {
     bt: "Business transactions",
@@ -49,7 +49,7 @@ function singles(row) {
 
 function columns() {
     return [
-        {title: "Name", cell: (r) => r.name, sort: (r) => r.name},
+        {title: "Name", cell: (r) => nameText(r.name), sort: (r) => r.name},
         {
             title: "Monitor",
             num: true,

@@ -1,6 +1,6 @@
 // The records that a row of the monitors was told by, as they came.
 import {get} from "../api.js";
-import {h} from "../dom.js";
+import {folded, h} from "../dom.js";
 import {clock, count} from "../format.js";
 import {route, span, to} from "../router.js";
 import {table} from "../table.js";
@@ -23,7 +23,7 @@ export function reports() {
         empty: h("b", {}, "No monitor of that name reported in this time.")
     });
     const node =
-        h("div", {class: "view"}, h("h1", {}, `What the monitor told of ${name}`),
+        h("div", {class: "view"}, h("h1", {}, "What the monitor told of ", folded(name)),
           h("p", {class: "lead"}, h("a", {href: to("monitors", {kind})}, "All monitors")),
           h("section", {class: "panel"}, said, list.node));
 

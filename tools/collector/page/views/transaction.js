@@ -1,7 +1,7 @@
 // One transaction: what is known of it, its call tree with a time line, exceptions, headers and records.
 import {get} from "../api.js";
 import {badge} from "../category.js";
-import {h, replace} from "../dom.js";
+import {brief, folded, h, replace} from "../dom.js";
 import {clock, count, ms} from "../format.js";
 import {route, to} from "../router.js";
 import {callTree} from "../tree.js";
@@ -16,7 +16,8 @@ function facts(t) {
     const around = {from: t.start - 60000, to: t.start + 60000};
     return h(
         "dl", {class: "facts"},
-        fact("Business transaction", h("a", {href: to("transactions", {bt: t.bt})}, t.bt)),
+        fact(
+            "Business transaction", h("a", {href: to("transactions", {bt: t.bt}), title: t.bt}, brief(t.bt))),
         fact(
             "Started",
             h("a", {href: to("transactions", around), title: "What else ran within a minute"},
@@ -47,7 +48,8 @@ function shares(t) {
         h("ul", {class: "shares"},
           top.map(
               ([name, {kind, took}]) =>
-                  h("li", {}, h("span", {class: "name"}, name), h("span", {class: "figure"}, ms(took)),
+                  h("li", {}, h("span", {class: "name", title: name}, brief(name)),
+                    h("span", {class: "figure"}, ms(took)),
                     h("i", {class: `bar ${kind}`, style: {width: `${(took / most) * 100}%`}})))));
 }
 
@@ -61,8 +63,8 @@ function exceptionPanel(e, i) {
     const where = [!named && e.throwingClass, e.throwingMethod].filter(Boolean).join(".");
     return h(
         "article", {class: "exception", id: `exception-${i}`},
-        h("h3", {}, h("a", {href: to("transactions", {exception: e.class})}, e.class)),
-        e.message && h("p", {}, e.message),
+        h("h3", {}, h("a", {href: to("transactions", {exception: e.class}), title: e.class}, brief(e.class))),
+        e.message && h("p", {}, folded(e.message)),
         h("p", {class: "note"}, where && `thrown by ${where}`, e.cause && `, caused by ${e.cause}`),
         e.stack.length > 0 &&
             h("details", {open: i === 0}, h("summary", {}, `Stack, ${e.stack.length} lines`),
@@ -73,15 +75,15 @@ function headers(title, rows) {
     if (rows.length === 0) return null;
     return h(
         "section", {class: "panel"}, h("h2", {}, title),
-        h("dl", {class: "headers"}, rows.map((r) => [h("dt", {}, r.name), h("dd", {}, r.value)])));
+        h("dl", {class: "headers"}, rows.map((r) => [h("dt", {}, r.name), h("dd", {}, folded(r.value))])));
 }
 
 function page(t) {
     const {length} = t.thrown;
     return [
         h("p", {class: "crumb"}, h("a", {href: to("transactions")}, "Transactions"), " / ",
-          h("a", {href: to("transactions", {bt: t.bt})}, t.bt)),
-        h("h1", {class: "request"}, t.url || t.bt, " ", badge(t.category)),
+          h("a", {href: to("transactions", {bt: t.bt})}, brief(t.bt))),
+        h("h1", {class: "request"}, folded(t.url || t.bt), " ", badge(t.category)),
         !t.complete &&
             h("p", {class: "bad"}, "Not all of this transaction's records came: what shows is incomplete."),
         facts(t),
@@ -95,7 +97,9 @@ function page(t) {
         headers("Arguments", t.arguments.map((a) => ({name: `${a.method}, ${a.name}`, value: a.value}))),
         t.records.length > 0 &&
             h("details", {class: "panel"},
-              h("summary", {}, `The ${t.records.length} records that this was read from`),
+              h("summary", {},
+                t.records.length === 1 ? "The record that this was read from" :
+                                         `The ${t.records.length} records that this was read from`),
               h("pre", {class: "records", tabindex: "0"}, t.records.join("\n"))),
     ];
 }

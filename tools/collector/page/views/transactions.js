@@ -1,10 +1,10 @@
 // The list of transactions, latest first, with filters that stand in the address.
 import {get} from "../api.js";
 import {badge, CATEGORIES} from "../category.js";
-import {h, patch, replace} from "../dom.js";
+import {focusIn, h, patch, replace} from "../dom.js";
 import {clock, count, ms} from "../format.js";
 import {changed, route, span, to} from "../router.js";
-import {rowLink, table} from "../table.js";
+import {nameText, rowLink, table} from "../table.js";
 
 const PAGE = 100;
 const MOST = 2000;  // rows kept on the page
@@ -35,6 +35,7 @@ function field(key, title, {rare, ...props}) {
     let pause = 0;
     const oninput = (event) => {
         clearTimeout(pause);
+        if (!event.target.reportValidity()) return;
         pause = setTimeout(() => set({[key]: event.target.value.trim()}), 300);
     };
     const input = h("input", {name: key, type: "search", autocomplete: "off", oninput, ...props});
@@ -77,6 +78,12 @@ function timeFields() {
     return {node: h("div", {class: "times rare"}, labelled("From", from), labelled("Until", till)), show};
 }
 
+const NUMBER = {
+    inputmode: "numeric",
+    pattern: "\\s*\\d{0,9}\\s*",
+    title: "A whole number"
+};
+
 function form(context) {
     // An instance stands in the address by its key: a reader knows it by its name.
     const titleOf = (key, value) => (["instance", "caller"].includes(key) &&
@@ -86,10 +93,10 @@ function form(context) {
     const fields = [
         field("bt", "Business transaction", {list: "bt-names", placeholder: "any"}),
         field("url", "URL has", {placeholder: "/cart", size: 16}),
-        field("status", "Status", {rare: true, placeholder: "500", inputmode: "numeric", size: 5}),
-        field("min", "At least, ms", {rare: true, inputmode: "numeric", size: 6}),
-        field("max", "At most, ms", {rare: true, inputmode: "numeric", size: 6}),
-        field("session", "Session", {rare: true, inputmode: "numeric", size: 12}),
+        field("status", "Status", {rare: true, placeholder: "500", size: 5, ...NUMBER}),
+        field("min", "At least, ms", {rare: true, size: 6, ...NUMBER}),
+        field("max", "At most, ms", {rare: true, size: 6, ...NUMBER}),
+        field("session", "Session", {rare: true, size: 12, inputmode: "numeric"}),
     ];
     const category =
         h("select", {name: "category", onchange: (event) => set({category: event.target.value})},
@@ -98,9 +105,7 @@ function form(context) {
     fields.push({key: "category", input: category, node: labelled("Category", category)});
     const times = timeFields();
     const chips = h("div", {class: "chips"});
-    const more =
-        h("button", {type: "button", class: "button more", onclick: () => node.classList.add("all")},
-          "More filters");
+    const more = h("button", {type: "button", class: "button more", onclick: showAll}, "More filters");
     const node =
         h("form", {class: "filters", role: "search", onsubmit: (event) => event.preventDefault()},
           fields.map((f) => f.node), times.node, more, chips, names);
@@ -123,6 +128,10 @@ function form(context) {
             Object.values(now).some(Boolean) &&
                 h("a", {class: "clear", href: changed(none)}, "Clear all filters"));
     }
+    function showAll() {
+        node.classList.add("all");
+        fields.find((f) => f.rare).input.focus();  // the button is gone
+    }
     const close = () => fields.forEach((f) => f.stop?.());
     return {node, names, show, close};
 }
@@ -135,7 +144,7 @@ function columns() {
             cell: (r) => rowLink(to(["transaction", r.id]), clock(r.start, true))
         },
         {title: "Transaction", class: "name", cell: (r) => h("a", {href: changed({bt: r.bt})}, r.bt)},
-        {title: "Request", class: "url", cell: (r) => h("span", {class: "text", title: r.url}, r.url)},
+        {title: "Request", class: "url", cell: (r) => nameText(r.url)},
         {title: "Status", num: true, cell: (r) => String(r.status)},
         {title: "Category", cell: (r) => badge(r.category)},
         {title: "Duration", num: true, cell: (r) => ms(r.durationMs)},
@@ -169,6 +178,7 @@ export function transactions(context) {
     let next = null;
     let named = false;
     let complete = true;
+    let asking = false;  // for older ones
     search.show();
 
     function ask(extra, signal) {
@@ -238,18 +248,24 @@ export function transactions(context) {
         const before = next;
         const address = location.hash;
         const outdated = () => location.hash !== address || next !== before;  // the list has begun anew
-        more.disabled = true;
+        if (asking) return;
+        asking = true;  // the button stays enabled: a disabled one loses the focus
+        more.setAttribute("aria-busy", "true");
         try {
             const answer = await ask({before});
             if (outdated()) return;
             complete &&= answer.complete !== false;
             next = answer.next;
+            const shown = rows.length;
+            const pressed = document.activeElement === more;
             rows = [...rows, ...answer.rows].slice(0, MOST);
             draw();
+            if (pressed && more.hidden) focusIn(list.rowAt(shown) ?? list.rowAt(shown - 1));
         } catch (error) {
             if (!outdated()) say(error.message);
         } finally {
-            more.disabled = false;
+            asking = false;
+            more.removeAttribute("aria-busy");
         }
     }
 
