@@ -142,9 +142,15 @@ bool takeUrl(vxTD* slot, const char* text, char* method) {
     return true;
 }
 
-std::int64_t durationOf(const vxApplication& app, const vxTD* slot, std::int64_t endTime) {
-    const std::int64_t duration = vxSinceStartMs(app, *slot, endTime);
-    return duration > 0 ? duration : vxWrapSub(vxlb_now_ms(), slot->startTimeUs / 1000);
+// Up to now. The clock may have been set back, or the agent's, on another host, may be ahead: no transaction
+// takes less than nothing, and one that did would be subtracted from the sums of its BT.
+std::int64_t durationSoFar(const vxTD* slot) {
+    return std::max<std::int64_t>(vxSinceStartMs(*slot, vxlb_now_us()), 0);
+}
+
+std::int64_t durationOf(const vxTD* slot, std::int64_t endTime) {
+    const std::int64_t duration = vxSinceStartMs(*slot, endTime);
+    return duration > 0 ? duration : durationSoFar(slot);
 }
 
 void setCategory(vxTD* slot) {
@@ -231,11 +237,9 @@ void endFP(vxTD* slot, std::int32_t status, std::int64_t endTime, std::int64_t f
     const vxApplication& app = *vxCurrent();
     if (!slot || !app.Server.testRunRunning) return;
     slot->fpCPUTime = std::max<std::int64_t>(fpCPUTime, 0);
-    if (endTime < 1)
-        endTime = vxWrapMul(
-            vxWrapAdd(app.Server.zorEpochDiff.load(std::memory_order_relaxed), slot->startTimeRel), 1000);
+    if (endTime < 1) endTime = slot->startTimeUs;
     slot->fpEnded.store(1, std::memory_order_relaxed);
-    slot->fpDuration = durationOf(app, slot, endTime);
+    slot->fpDuration = durationOf(slot, endTime);
     closeFirstItem(app, slot, status, endTime);
 
     if (!slot->tlBTObj) {
@@ -263,7 +267,7 @@ void dumpIncompleteFPAtTestStop(vxTD* slot) {
         VX_TRACE(1, kFlowpath, kError, "vxTD is NULL.");
         return;
     }
-    slot->fpDuration = vxSinceStartMs(*vxCurrent(), *slot, vxlb_now_us());
+    slot->fpDuration = durationSoFar(slot);
     slot->fpEnded.store(1, std::memory_order_relaxed);
     if (slot->tlBTObj) {
         setCategory(slot);

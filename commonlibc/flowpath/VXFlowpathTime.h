@@ -31,10 +31,10 @@ inline void vxLower(std::int32_t& depth) noexcept {
     if (depth > 0) --depth;
 }
 
-// Milliseconds since the flowpath's start, of a Unix time in microseconds; negative before it.
-inline std::int64_t vxSinceStartMs(const vxApplication& app, const vxTD& slot,
-                                   std::int64_t epochUs) noexcept {
-    return vxWrapSub(vxRelativeMs(app, epochUs), slot.startTimeRel);
+// Milliseconds since the flowpath's start, of a Unix time in microseconds; negative before it. The instance's
+// base has no part in it: the collector may move it while the flowpath is open.
+inline std::int64_t vxSinceStartMs(const vxTD& slot, std::int64_t epochUs) noexcept {
+    return vxWrapSub(epochUs / 1000, slot.startTimeUs / 1000);
 }
 
 }  // namespace vx

@@ -120,21 +120,19 @@ void leaveDepthAndCount(vxTD* slot, const VXMethodView& view, const VXMethodExit
                                            isError(slot->statusCode));
 }
 
-VXCalloutItem itemOf(const vxApplication& app, const vxTD* slot, const VXMethodExitArguments& exit,
-                     const VXCallout& callout) {
+VXCalloutItem itemOf(const vxTD* slot, const VXMethodExitArguments& exit, const VXCallout& callout) {
     const std::int64_t endTime = exit.endTime < 1 ? vxlb_now_us() : exit.endTime;
     return {.backend = callout.backend,
-            .startOffset = vxSinceStartMs(app, *slot, endTime),
+            .startOffset = vxSinceStartMs(*slot, endTime),
             .wallTime = exit.methodWallTime,
             .resourceId = callout.resourceId,
             .threadId = exit.threadId};
 }
 
-void appendItem(const vxApplication& app, vxTD* slot, const VXMethodExitArguments& exit,
-                const VXCallout& callout) {
+void appendItem(vxTD* slot, const VXMethodExitArguments& exit, const VXCallout& callout) {
     ++slot->seqNo;
     const VXGuard blob(slot->blobMutex);
-    updateFPSeqBlobWithTierCallOutRecord(slot, itemOf(app, slot, exit, callout));
+    updateFPSeqBlobWithTierCallOutRecord(slot, itemOf(slot, exit, callout));
 }
 
 // A custom method is a back-end of its own.
@@ -144,7 +142,7 @@ void leaveCustom(const vxApplication& app, vxTD* slot, const VXMethodView& view,
     mPP* second = view.method->customBackend.load(std::memory_order_acquire);
     mPP* custom = second ? second : view.method;
     markMethodUsed(custom);
-    appendItem(app, slot, exit, {metered(app, custom), kNoResourceId});
+    appendItem(slot, exit, {metered(app, custom), kNoResourceId});
     updateCounterAndDurationForBackend(slot, custom, exit.methodWallTime / 1000, failed);
 }
 
@@ -165,8 +163,8 @@ bool leavesItem(const vxApplication& app, const vxTD* slot, const VXMethodView& 
 }
 
 // What the entry raised falls here too: the agent may send no other exit.
-void throwFromBackend(const vxApplication& app, vxTD* slot, const VXMethodView& view,
-                      const VXMethodExitArguments& exit, const VXCallout& callout) {
+void throwFromBackend(vxTD* slot, const VXMethodView& view, const VXMethodExitArguments& exit,
+                      const VXCallout& callout) {
     if (view.type == kTypeDb) {
         ++slot->seqNo;
         if (!leaveNested(slot)) return;
@@ -174,7 +172,7 @@ void throwFromBackend(const vxApplication& app, vxTD* slot, const VXMethodView& 
         vxLower(view.type == kTypeMq ? slot->tlSQLObj.DBCallDepth : slot->httpCallOutDepth);
     }
     if (!callout.backend) return;
-    updateFPSeqBlobWithTierCallOutExceptionRecord(slot, itemOf(app, slot, exit, callout));
+    updateFPSeqBlobWithTierCallOutExceptionRecord(slot, itemOf(slot, exit, callout));
     updateCounterAndDurationForBackend(slot, callout.backend, exit.methodWallTime / 1000, true);
 }
 
@@ -206,14 +204,14 @@ VXCallout vxLeaveCallout(vxTD* slot, const VXMethodView& view, const VXMethodExi
 void vxAppendCallout(vxTD* slot, const VXMethodView& view, const VXMethodExitArguments& exit,
                      const VXCallout& callout) {
     const vxApplication& app = *vxCurrent();
-    if (slot->tlIsFPCaptured && leavesItem(app, slot, view, exit)) appendItem(app, slot, exit, callout);
+    if (slot->tlIsFPCaptured && leavesItem(app, slot, view, exit)) appendItem(slot, exit, callout);
 }
 
 void vxThrowFromCallout(vxTD* slot, const VXMethodView& view, const VXMethodExitArguments& exit) {
     const vxApplication& app = *vxCurrent();
     if (isCallout(slot, view)) {
         const VXCallout callout = findCallout(app, slot, view, exit.backendName);
-        if (slot->tlIsFPCaptured) throwFromBackend(app, slot, view, exit, callout);
+        if (slot->tlIsFPCaptured) throwFromBackend(slot, view, exit, callout);
     }
     leaveCustom(app, slot, view, exit, true);
 }

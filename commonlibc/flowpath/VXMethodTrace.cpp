@@ -154,7 +154,7 @@ mPP* vxMethodEntryEx(mPP* method, vxTD* slot, const VXMethodEntryArguments& entr
         return nullptr;
     }
     const std::int64_t time = entry.time < 1 ? vxlb_now_us() : entry.time;
-    const std::int64_t sinceStart = std::max<std::int64_t>(vxSinceStartMs(app, *slot, time), 0);
+    const std::int64_t sinceStart = std::max<std::int64_t>(vxSinceStartMs(*slot, time), 0);
 
     mPP* found = enteredMethod(app, slot, method, entry);
     if (!found) return nullptr;

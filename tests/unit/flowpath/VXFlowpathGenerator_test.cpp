@@ -152,15 +152,24 @@ TEST_F(Transactions, TakeTheThresholdsForAllWhileConnectedUnlessTheirBtHasItsOwn
 }
 
 TEST_F(Transactions, LastUntilTheEndThatIsGivenOrNow) {
-    const std::int64_t rows[][3] = {{5000, 8000, 3000}, {599990, 0, 10}, {599990, 500000, 10}};
+    // The last ones: of an agent whose clock is ahead. Such a one took time away from the sums of its BT.
+    const std::int64_t rows[][3] = {
+        {5000, 8000, 3000}, {599990, 0, 10}, {599990, 500000, 10}, {602000, 602000, 0}, {602000, 0, 0}};
     for (const auto& [startMs, endMs, duration] : rows) {  // end 0: none is given; it is 600,000 now
         VXStartArguments with = arguments();
         with.startTime = atMs(startMs);
         vxTD* slot = start(with);
+        app->Server.zorEpochDiff = kBaseMs + 3'600'000;  // a keyword has moved the base meanwhile
         endFP(slot, 200, endMs ? atMs(endMs) : 0, -5, 0);
+        app->Server.zorEpochDiff = kBaseMs;
         EXPECT_TRUE(slot->fpDuration == duration && slot->fpCPUTime == 0) << endMs;
         EXPECT_EQ(slot->tlCategory, duration == 3000 ? 11 : 10);
+        reset(slot);
+        if (duration) continue;
+        dumpIncompleteFPAtTestStop(slot = start(with));
+        EXPECT_EQ(slot->fpDuration, 0);
     }
+    EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, 2)->counters.duration.total, 3020);
 }
 
 }  // namespace
