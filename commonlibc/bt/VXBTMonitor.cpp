@@ -262,6 +262,7 @@ void checkAndIncrementAggrBTDataArray(BTObject* object) {
         const VXGuard guard(slot->mutex);
         slot->isDirty = slot->counters.duration.count != 0;  // what was counted is reported by any name
         slot->flag = slot->digestUpdated = slot->tagSent = 0;
+        if (slot->digest) vxDigestClear(*slot->digest);  // percentiles are of one BT
         slot->btObj.store(object, std::memory_order_release);
     }
     VX_TRACE(3, kBtMon, kInfo, "handleSizeBTArr completed ...BTID %d", btId);

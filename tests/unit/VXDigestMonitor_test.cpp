@@ -49,6 +49,14 @@ TEST_F(DigestMonitor, EachBtHasItsPercentilesAndALineOfAll) {
     EXPECT_EQ(vxAggSlot(app->bt.aggDataArr, b->btId)->counters.duration.count, 102)
         << "the report is to come";
     EXPECT_EQ(reportOf(generateAndDumpBTDigestRecord), "") << "a run leaves nothing to the next";
+
+    rulesAre("7|Former|40|0|/f|0");
+    end(find_bt_obj_declared("Former"), 5000);
+    rulesAre("7|Later|40|0|/l|0");
+    end(find_bt_obj_declared("Later"), 5);
+    EXPECT_EQ(reportOf(generateAndDumpBTDigestRecord).substr(0, (head(40, "Later") + "1 5 5 ").size()),
+              head(40, "Later") + "1 5 5 ")
+        << "what a BT took that had the id before is not among them";
 }
 
 }  // namespace
