@@ -1,6 +1,7 @@
 #include "commonlibc/vxlb_decode.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "commonlibc/context/vx_application.h"
@@ -40,7 +41,18 @@ struct Cursor {
 
 enum class Step : std::uint8_t { kGoOn, kPartial, kAccepted };
 
+constexpr int kCorruptTraced = 20;  // lines of all instances in a minute
+constexpr std::int64_t kUsPerMinute = 60000000;
+std::atomic<std::int64_t> corruptMinute{0};
+std::atomic<int> corruptLines{0};
+
+// An agent of another version may send what is corrupt here with each transaction: a line for each would hold
+// up the listener and drive everything else out of the trace. All are counted.
 void traceCorrupt(int level, const Cursor& at) {
+    if (!vxTraceOn(level, TraceModule::kControlThread)) return;
+    const std::int64_t minute = vxCurrent()->decoder.readTimeUs / kUsPerMinute;
+    if (corruptMinute.exchange(minute, std::memory_order_relaxed) != minute) corruptLines = 0;
+    if (corruptLines.fetch_add(1, std::memory_order_relaxed) >= kCorruptTraced) return;
     VX_TRACE(level, kControlThread, kInfo, "procIndex = '%d', Corrupt data received, ignoring byte",
              at.procIndex);
 }

@@ -128,12 +128,12 @@ BTObject* objectOfPatternRule(const char* url, const char* query, char* headerVa
     std::int32_t id = idOfPatternRule(url, query, headerValue, method);
     VX_TRACE(2, kBtMon, kInfo, "Pattern rule : Got id = '%d' for complete_url = '%s'", id, url);
     if (id == kBtIdExcluded) {
-        VX_TRACE(1, kBtMon, kInfo, "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
+        VX_TRACE(2, kBtMon, kInfo, "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
                  url);
         return nullptr;
     }
     if (id <= 0) {
-        VX_TRACE(1, kBtMon, kError, "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id,
+        VX_TRACE(2, kBtMon, kError, "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id,
                  url);
         id = kBtIdOthers;
     }

@@ -8,6 +8,7 @@
 
 #include "tests/support/flowpath_fixture.h"
 #include "tests/support/record_stream.h"
+#include "tests/support/trace_file.h"
 
 namespace vx {
 namespace {
@@ -120,6 +121,23 @@ TEST_F(DecodeStream, CarriesATailOf10239BytesAndDropsALongerOne) {
     readBytes(*app, "^");
     decodeMessage("^^", INT32_MIN, 0, 0, nullptr);
     EXPECT_EQ(carried(), "") << "nothing to read";
+}
+
+TEST_F(DecodeStream, TracesAFewCorruptFramesInAMinuteWhateverTheLevel) {
+    const TraceFile trace(*app, 0);
+    const auto lines = [&] {
+        const std::string text = trace.text();
+        int count = 0;
+        for (std::size_t at = 0; (at = text.find("Corrupt data received", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    };
+    clock.advanceMs(120000);
+    for (int i = 0; i < 100; ++i) readBytes(*app, rawFrame(12, 20, 8, "abcde\n"));
+    EXPECT_EQ(lines(), 20);
+    clock.advanceMs(60000);
+    readBytes(*app, rawFrame(12, 20, 8, "abcde\n"));
+    EXPECT_EQ(lines(), 21);
 }
 
 TEST_F(DecodeStream, CountsEachMessageThatCameToNothing) {

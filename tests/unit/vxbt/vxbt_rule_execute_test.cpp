@@ -3,6 +3,7 @@
 #include <string>
 
 #include "tests/support/knowledge_fixture.h"
+#include "tests/support/trace_file.h"
 
 namespace vx::test {
 namespace {
@@ -95,8 +96,12 @@ TEST_F(GlobalRule, LongNamesAndArgumentsAreCutAtTheirLimits) {
 }
 
 TEST_F(GlobalRule, APatternRuleWhoseBtIsNotThereNamesNone) {
-    rulesAre("7|A|2|0|/a|0");
-    EXPECT_EQ(nameOf({.url = "/a"}), "A");
+    rulesAre("7|A|2|0|/a|0\n7|X|3|0|/x|1");
+    {
+        const TraceFile trace(*app, 1);
+        EXPECT_EQ(nameOf({.url = "/a"}) + nameOf({.url = "/b"}) + nameOf({.url = "/x"}), "AOthersnone");
+        EXPECT_EQ(trace.text(), "") << "no line for each transaction at the level of production";
+    }
     vxAggSlot(app->bt.aggDataArr, 2)->btObj = nullptr;
     EXPECT_EQ(nameOf({.url = "/a"}), "none");
     VXBTRuleSet* rules = app->bt.ruleSet.exchange(nullptr);
