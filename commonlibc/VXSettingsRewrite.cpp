@@ -25,6 +25,7 @@ namespace {
 constexpr const char* kFileName = "vxsettings.conf";
 constexpr const char* kProtocolKey = "VXC_COMM_PROTOCOL";
 constexpr std::size_t kRewrittenSize = 1024;
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // an editor's; the first line goes behind it
 constexpr apr_off_t kMaxFile = 1048576;
 
 // The line's key is `key`: nothing that a key could go on with stands behind it.
@@ -52,6 +53,10 @@ std::string rewritten(std::string_view line, const VXSettingsChange& change) {
 
 std::string rewrittenFile(std::string_view former, const VXSettingsChange& change) {
     std::string text;
+    if (former.starts_with(kByteOrderMark)) {
+        text.append(kByteOrderMark);
+        former.remove_prefix(kByteOrderMark.size());
+    }
     while (!former.empty()) {
         const std::size_t end = former.find('\n');
         const std::string line = rewritten(former.substr(0, end), change);

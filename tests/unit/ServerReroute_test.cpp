@@ -27,6 +27,7 @@ TEST_F(HomeFixture, ARewriteOfTheSettingsReplacesWhatChanges) {
          "# tier=a\ntierX=a\nvxcHostName=b\n\n stackSize=512\r\nlast", kAll},
         {"vxc_comm_protocol = WS:1, TCP:2 ,WSS:3\nVXC_COMM_PROTOCOLX=TCP:2\n",
          "vxc_comm_protocol = WS:1, TCP:4433 ,WSS:3\nVXC_COMM_PROTOCOLX=TCP:2\n", kAll},
+        {"\xEF\xBB\xBFvxcHost=c\n", "\xEF\xBB\xBFvxcHost=new.example\n", kAll},
         // what lies behind 1024 bytes stays whole
         {"tags=" + kLong + "\nvxcHost=c\n#" + kLong + "\nvxcPort=1\n",
          "tags=" + kLong + "\nvxcHost=new.example\n#" + kLong + "\nvxcPort=1\n", kAll},
