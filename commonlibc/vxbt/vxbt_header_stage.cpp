@@ -26,9 +26,11 @@ std::size_t decodeEscapes(char* text, std::size_t length) {
     const std::string_view source(text, length);
     std::size_t to = 0;
     for (std::size_t from = 0; from < length;) {
-        const Escape* escape = std::find_if(std::begin(kEscapes), std::end(kEscapes), [&](const Escape& row) {
-            return source.substr(from, row.text.size()) == row.text;
-        });
+        const Escape* escape = std::end(kEscapes);
+        if (text[from] == '%')  // the text may be long: agents hand on what clients send
+            escape = std::find_if(std::begin(kEscapes), std::end(kEscapes), [&](const Escape& row) {
+                return source.substr(from, row.text.size()) == row.text;
+            });
         const bool found = escape != std::end(kEscapes);
         const char character = found ? escape->character : text[from];
         from += found ? escape->text.size() : 1;
