@@ -69,7 +69,7 @@ bool CollectorPage::start(std::string& error) {
             const auto now = std::chrono::steady_clock::now().time_since_epoch();
             return api_->answer(request, std::chrono::duration_cast<std::chrono::seconds>(now).count());
         },
-        PagePatience{});
+        turnOf, PagePatience{});
     return server_->start(error);
 }
 

@@ -9,6 +9,7 @@ namespace vx::collector {
 
 namespace {
 
+constexpr std::int64_t kMostOnPage = 100;  // rows that the page itself asks for at a time
 constexpr std::string_view kTransactionPath = "/api/transactions/";
 constexpr const char* kLoginPage =
     "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>vxcollector: token</title>"
@@ -76,6 +77,13 @@ constexpr Route kRoutes[] = {
 };
 
 }  // namespace
+
+PageTurn turnOf(const PageRequest& request) {
+    if (!request.path.starts_with("/api/") || request.path == "/api/status") return PageTurn::kNow;
+    PageParameters given(request);
+    const bool many = given.number("limit", 0, 0, INT64_MAX) > kMostOnPage || !given.text("count").empty();
+    return many ? PageTurn::kLate : PageTurn::kSoon;
+}
 
 PageAnswer PageApi::answer(const PageRequest& request, std::int64_t now) {
     PageGuard& guard = *parts_.guard;

@@ -19,6 +19,9 @@
 
 namespace vx::collector {
 
+// Files and the status are there; what the page asks the store for comes soon; more than that, late.
+PageTurn turnOf(const PageRequest& request);
+
 class PageApi {
 public:
     // What it is made of; all outlives it. Null: not there.

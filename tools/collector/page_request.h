@@ -31,6 +31,9 @@ struct PageAnswer {
     std::string location, setCookie;
 };
 
+// How long a question takes, as far as its words tell: whether it is answered at once or waits for its turn.
+enum class PageTurn { kNow, kSoon, kLate };
+
 // {"error": why}
 PageAnswer pageFault(int status, std::string_view why);
 // What was written; a fault when it is too large.

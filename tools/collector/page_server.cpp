@@ -95,8 +95,14 @@ private:
 
 }  // namespace
 
-PageServer::PageServer(std::string host, int port, PageHandler handler, PagePatience patience)
-    : host_(std::move(host)), port_(port), handler_(std::move(handler)), patience_(patience), protocols_{} {
+PageServer::PageServer(std::string host, int port, PageHandler handler, PageTurns turns,
+                       PagePatience patience)
+    : host_(std::move(host)),
+      port_(port),
+      handler_(std::move(handler)),
+      turns_(turns),
+      patience_(patience),
+      protocols_{} {
     protocols_[0].name = "http";
     protocols_[0].callback = onEvent;
 }
@@ -157,9 +163,54 @@ void PageServer::run() {
             next = nowSeconds() + 1;
             endLate();
         }
+        callUp();
         if (lws_service(context_, 0) < 0) break;
     }
     lws_sul_cancel(&tick.timer);
+}
+
+int PageServer::lineUp(lws* wsi, Exchange& exchange) {
+    const PageTurn turn = turns_(exchange.request);
+    if (turn == PageTurn::kNow) return answer(wsi, exchange);
+    if (!takesMore(turn)) return refuse(wsi, exchange, 503, "too many questions wait to be answered");
+    exchange.turn = turn;
+    exchange.stage = Stage::kInLine;
+    (turn == PageTurn::kSoon ? soon_ : late_).push_back(wsi);
+    return 0;
+}
+
+// Answers that nobody reads are no reason to give none to others.
+bool PageServer::takesMore(PageTurn turn) {
+    const std::int64_t stalled = nowMs() - kStalledMs;
+    const std::size_t most = turn == PageTurn::kSoon ? kMostSoon : kMostLate;
+    std::size_t held = 0;
+    lws* oldest = nullptr;
+    for (const auto& [wsi, exchange] : exchanges_) {
+        if (exchange->turn != turn) continue;
+        ++held;
+        if (mayGiveWay(wsi, stalled) && (!oldest || moved_.at(wsi) < moved_.at(oldest))) oldest = wsi;
+    }
+    if (held < most) return true;
+    if (oldest) lws_set_timeout(oldest, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_SYNC);
+    return oldest != nullptr;
+}
+
+// It is answered when the library says that it can be written to; the next turn does not wait for that.
+void PageServer::callUp() {
+    if (soon_.empty() && late_.empty()) return;
+    std::deque<lws*>& line = soon_.empty() || (lateNext_ && !late_.empty()) ? late_ : soon_;
+    lateNext_ = !lateNext_;
+    lws* wsi = line.front();
+    line.pop_front();
+    exchanges_.at(wsi)->stage = Stage::kCalled;
+    lws_callback_on_writable(wsi);
+    lws_cancel_service(context_);
+}
+
+void PageServer::drop(lws* wsi) {
+    std::erase(soon_, wsi);
+    std::erase(late_, wsi);
+    exchanges_.erase(wsi);
 }
 
 void PageServer::endLate() {
@@ -174,10 +225,17 @@ bool PageServer::hasPlace() {
     for (int step = 0; step < 2 && moved_.size() >= kMostConnections; ++step) {  // the first may only begin
         lws* oldest = nullptr;
         for (const auto& [wsi, at] : moved_)
-            if ((at < stalled || !exchanges_.contains(wsi)) && (!oldest || at < moved_[oldest])) oldest = wsi;
+            if (mayGiveWay(wsi, stalled) && (!oldest || at < moved_[oldest])) oldest = wsi;
         if (oldest) lws_set_timeout(oldest, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_SYNC);
     }
     return moved_.size() < kMostConnections;
+}
+
+bool PageServer::mayGiveWay(lws* wsi, std::int64_t stalled) const {
+    const auto at = exchanges_.find(wsi);
+    if (at == exchanges_.end()) return true;
+    const Stage stage = at->second->stage;
+    return stage != Stage::kInLine && stage != Stage::kCalled && moved_.at(wsi) < stalled;
 }
 
 int PageServer::onEvent(lws* wsi, lws_callback_reasons reason, void*, void* in, std::size_t length) {
@@ -196,7 +254,7 @@ int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std
             return 0;
         case LWS_CALLBACK_WSI_DESTROY:
             moved_.erase(wsi);
-            exchanges_.erase(wsi);
+            drop(wsi);
             return 0;
         case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
             return -1;
@@ -207,12 +265,13 @@ int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std
         case LWS_CALLBACK_HTTP_BODY_COMPLETION: {
             // Bytes behind a body would bring this again, without end.
             const auto at = exchanges_.find(wsi);
-            return at == exchanges_.end() || at->second->headed ? -1 : answer(wsi, *at->second);
+            return at == exchanges_.end() || at->second->stage != Stage::kComing ? -1
+                                                                                 : answer(wsi, *at->second);
         }
         case LWS_CALLBACK_HTTP_WRITEABLE:
             return sendSome(wsi);
         case LWS_CALLBACK_CLOSED_HTTP:
-            exchanges_.erase(wsi);
+            drop(wsi);
             return 0;
         default:
             return 0;
@@ -220,9 +279,8 @@ int PageServer::serve(lws* wsi, lws_callback_reasons reason, const char* in, std
 }
 
 int PageServer::takeRequest(lws* wsi, std::string_view path) {
-    auto& held = exchanges_[wsi];
-    held = std::make_unique<Exchange>();
-    Exchange& exchange = *held;
+    drop(wsi);
+    Exchange& exchange = *(exchanges_[wsi] = std::make_unique<Exchange>());
     PageRequest& request = exchange.request;
     exchange.deadline = nowSeconds() + patience_.request;
     request.path = path;
@@ -237,7 +295,8 @@ int PageServer::takeRequest(lws* wsi, std::string_view path) {
     exchange.closes = request.post;  // nothing is taken from behind a body
     const Refusal refusal = refusalOf(wsi, exchange);
     if (refusal.why) return refuse(wsi, exchange, refusal.status, refusal.why);
-    return exchange.expected == 0 ? answer(wsi, exchange) : 0;
+    if (exchange.expected > 0) return 0;
+    return request.post ? answer(wsi, exchange) : lineUp(wsi, exchange);
 }
 
 // Why a request is not taken, judged by its head; where its body ends has to be beyond doubt.
@@ -258,7 +317,7 @@ PageServer::Refusal PageServer::refusalOf(lws* wsi, Exchange& exchange) {
 
 int PageServer::takeBody(lws* wsi, std::string_view part) {
     const auto at = exchanges_.find(wsi);
-    if (at == exchanges_.end() || at->second->headed) return -1;
+    if (at == exchanges_.end() || at->second->stage != Stage::kComing) return -1;
     std::string& body = at->second->request.body;
     if (body.size() + part.size() > at->second->expected) return -1;
     body.append(part);
@@ -295,7 +354,7 @@ int PageServer::answer(lws* wsi, Exchange& exchange) {
 int PageServer::sendHead(lws* wsi, Exchange& exchange) {
     const PageAnswer& answer = exchange.answer;
     exchange.deadline = nowSeconds() + patience_.answer;
-    exchange.headed = true;
+    exchange.stage = Stage::kSending;
     moved_[wsi] = nowMs();
     Head head(wsi);
     bool good = head.begin(answer, exchange.bytes().size());
@@ -312,8 +371,10 @@ int PageServer::sendHead(lws* wsi, Exchange& exchange) {
 
 int PageServer::sendSome(lws* wsi) {
     const auto at = exchanges_.find(wsi);
-    if (at == exchanges_.end() || !at->second->headed) return 0;
+    if (at == exchanges_.end()) return 0;
     Exchange& exchange = *at->second;
+    if (exchange.stage == Stage::kCalled) return answer(wsi, exchange);
+    if (exchange.stage != Stage::kSending) return 0;
     if (exchange.bare) return finish(wsi);
     const std::string_view rest = exchange.bytes().substr(exchange.sent);
     const std::size_t length = std::min(rest.size(), kPart);

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <latch>
 #include <list>
+#include <vector>
 
 #include "tests/support/fake_collector.h"
 #include "tests/support/program.h"
@@ -32,7 +35,8 @@ PageAnswer echo(const PageRequest& request) {
 class PageServerTest : public testing::Test {
 protected:
     explicit PageServerTest(PagePatience patience = {.request = 60, .answer = 60, .idle = 60})
-        : server("127.0.0.1", 0, echo, patience) {
+        : server(
+              "127.0.0.1", 0, echo, [](const PageRequest&) { return PageTurn::kSoon; }, patience) {
         std::string error;
         EXPECT_TRUE(server.start(error)) << error;
     }
@@ -133,6 +137,54 @@ TEST_F(PageServerTest, SilentOnesGiveWay) {
     std::list<FakePeer> silent;
     while (silent.size() < 2 * kMostConnections) silent.push_back(send("G"));
     EXPECT_TRUE(serves());
+}
+
+// While one question is answered, others of all kinds come: what is at hand goes before those that take long,
+// and of these only so many are kept.
+TEST(PageServerTurns, LongQuestionsHoldUpNobodyElse) {
+    std::vector<std::string> order;  // of the server's thread until it has ended
+    std::latch asked(1), go(1);
+    const auto handler = [&](const PageRequest& request) {
+        if (request.path == "/first") {
+            asked.count_down();
+            go.wait();
+        }
+        order.push_back(request.path);
+        return echo(request);
+    };
+    const auto turns = [](const PageRequest& request) {
+        return request.path == "/late"   ? PageTurn::kLate
+               : request.path == "/soon" ? PageTurn::kSoon
+                                         : PageTurn::kNow;
+    };
+    PageServer server("127.0.0.1", 0, handler, turns, {.request = 60, .answer = 60, .idle = 60});
+    std::string error;
+    ASSERT_TRUE(server.start(error)) << error;
+    std::list<FakePeer> peers;
+    const auto ask = [](FakePeer& peer, const std::string& path, const std::string& headers = "") {
+        EXPECT_TRUE(peer.send("GET " + path + " HTTP/1.1\r\nHost: h:1\r\n" + headers + "\r\n"));
+    };
+    // All connections are taken before, so that what comes on them is seen at one and the same time.
+    while (peers.size() < 3 * kMostLate + 3) {
+        peers.push_back(test::connectTo(server.port()));
+        ask(peers.back(), "/hello");
+        EXPECT_TRUE(peers.back().readBytes(12).ends_with(" 200"));
+    }
+    ask(peers.front(), "/first", "Connection: close\r\n");
+    asked.wait();
+    for (auto peer = std::next(peers.begin()); peer != peers.end(); ++peer) {
+        const auto left = std::distance(peer, peers.end());
+        ask(*peer, left == 1 ? "/now" : left == 2 ? "/soon" : "/late", "Connection: close\r\n");
+    }
+    go.count_down();
+    int refused = 0;
+    for (FakePeer& peer : peers) refused += test::occurrences(peer.readToEnd(), "HTTP/1.1 503 ");
+    server.stop();
+    EXPECT_EQ(refused, 2 * kMostLate);
+    order.erase(order.begin(), std::find(order.begin(), order.end(), "/first"));
+    ASSERT_EQ(order.size(), kMostLate + 3);
+    EXPECT_EQ(order[1], "/now");
+    EXPECT_TRUE(order[2] == "/soon" || order[3] == "/soon");
 }
 
 TEST_F(PageServerTest, KeepsSoMuchForThoseWhoDoNotRead) {
