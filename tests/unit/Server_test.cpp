@@ -1,11 +1,9 @@
 #include "commonlibc/Server.h"
 
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "commonlibc/VXBCISettings.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/trace_file.h"

@@ -1,7 +1,5 @@
 #include "commonlibc/VXCServerConfig.h"
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 #include <string>
 

@@ -1,10 +1,7 @@
 #include "commonlibc/VXConnectMessages.h"
 
-#include <gtest/gtest.h>
-
 #include "commonlibc/VXCServerConfig.h"
 #include "commonlibc/VXProtocol.h"
-#include "commonlibc/VXSys.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/home_fixture.h"

@@ -1,7 +1,5 @@
 #include "commonlibc/VXMetadataReplay.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "tests/support/knowledge_fixture.h"

@@ -1,7 +1,5 @@
 #include "commonlibc/VXMethodManager.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 
 #include "commonlibc/VXMethodClasses.h"

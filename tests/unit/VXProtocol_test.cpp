@@ -1,7 +1,5 @@
 #include "commonlibc/VXProtocol.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 
 #include "tests/support/home_fixture.h"

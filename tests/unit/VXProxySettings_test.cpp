@@ -1,7 +1,5 @@
 #include "commonlibc/VXProxySettings.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/home_fixture.h"
 
 namespace vx {

@@ -1,7 +1,5 @@
 #include "commonlibc/VXSettingsFile.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <utility>
 #include <vector>

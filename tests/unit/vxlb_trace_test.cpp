@@ -1,6 +1,5 @@
 #include "commonlibc/vxlb_trace.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>

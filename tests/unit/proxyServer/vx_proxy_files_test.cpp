@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <chrono>
-#include <filesystem>
 #include <string>
 
 #include "commonlibc/proxyServer/vx_proxy_read.h"

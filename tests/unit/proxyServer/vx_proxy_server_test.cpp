@@ -4,13 +4,11 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_guard.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/listener_fixture.h"
