@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/app_fixture.h"
@@ -25,12 +26,6 @@ protected:
         return text;
     }
     void add(const std::string& record) { dumpData(record.data(), static_cast<std::int64_t>(record.size())); }
-    // What the sender does with a node that has gone.
-    void giveBackOne() {
-        VXBufferNode* node = app->data.chain.VXCollectorBB;
-        node->use_len = node->offset = 0;
-        moveToWriteList(app->data.chain);
-    }
 };
 
 // Each row adds its records to a fresh chain and looks at the last answer and at both lists ("|" ends a
@@ -95,9 +90,9 @@ TEST_F(DataDispatcher, LosesNoByteBetweenManyProducersAndASender) {
     std::size_t sentBytes = 0;
     const auto sendAll = [&] {
         movePartialToReadList();
-        while (const VXBufferNode* node = app->data.chain.VXCollectorBB) {
-            sentBytes += static_cast<std::size_t>(node->use_len);
-            giveBackOne();
+        while (VXBufferNode* node = app->data.chain.VXCollectorBB) {
+            sentBytes += static_cast<std::size_t>(std::exchange(node->use_len, 0));
+            moveToWriteList(app->data.chain);
         }
     };
     std::thread sender([&] {

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "commonlibc/VXKeywordPass.h"
-#include "commonlibc/vx_upcalls.h"
 #include "commonlibc/vxlb_word.h"
 #include "tests/support/app_fixture.h"
 
@@ -13,11 +12,6 @@ namespace {
 
 class Keywords : public AppFixture {
 protected:
-    void TearDown() override {
-        for (char*& text : app->keywords.text) VXLB_FREE(std::exchange(text, nullptr), "keyword text", -1);
-        vxUpcalls = VXUpcalls{};
-        AppFixture::TearDown();
-    }
     void apply(const std::string& keyword, std::string value) {
         const int index = NameToIndex(keyword.c_str());
         ASSERT_GE(index, 0) << keyword;

@@ -1,7 +1,5 @@
 #include "commonlibc/vxlb_mem_pool.h"
 
-#include <set>
-
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
 #include "tests/support/flowpath_fixture.h"
 
@@ -40,11 +38,9 @@ TEST_F(SlotPool, KeepsTheOrderOfTheBusyListWhereverASlotLeavesItOnce) {
 // Two instances in one process: what one gives back serves the other, and the ceiling holds for both.
 TEST_F(SlotPool, FreeSlotsBelongToNobodyAndTheCeilingIsOfAll) {
     VXProxy.ceilings.maxSlots = 70;
-    vxApplication* other = vxNewApplication();
-    apr_pool_create(&other->pool, nullptr);
-    vxMakeContextMutexes(*other);
+    vxApplication* other = makeContext();
     other->Server.testRunRunning = 1;
-
+    vxSetCurrent(app);
     const auto slots = take(70);
     vxSetCurrent(other);
     EXPECT_EQ(startFP({}), nullptr);
@@ -60,8 +56,7 @@ TEST_F(SlotPool, FreeSlotsBelongToNobodyAndTheCeilingIsOfAll) {
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 0);
     EXPECT_EQ(VXSlotPool.gFreeTLSCnt, 58);
     for (vxTD* slot : taken) free_tls_slot(slot);
-    apr_pool_destroy(other->pool);
-    vxFreeApplication(other);
+    freeContext(other);
     vxSetCurrent(app);
     VXProxy.ceilings = {};
 }

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
 
 namespace vx::test {
