@@ -50,10 +50,15 @@ TEST_F(RegistrationTest, ANewIdentityMakesAnInstanceThatIsAnsweredLater) {
     EXPECT_STREQ(instance().VXBCISetting.encodedTierName.get(), "Web&#95;1");
     EXPECT_EQ(vxCurrent(), &instance());
     const VXMap* map = instance().flowpath.fpi_tls_map;
+    const apr_thread_mutex_t* mutex = instance().data.chain.dumpMutex;
     instance().control.controlThreadId = 0;
+    instance().VXSys.bciDataBufferMaxCount = 7;
+    instance().VXSys.dataDropCount = 7;
     process(101);
     EXPECT_EQ(controlThreads, 2) << "one that ended is started again";
-    EXPECT_EQ(instance().flowpath.fpi_tls_map, map) << "what exists is kept";
+    EXPECT_TRUE(instance().flowpath.fpi_tls_map == map && instance().data.chain.dumpMutex == mutex);
+    EXPECT_EQ(instance().VXSys.dataDropCount, 7U) << "what exists is kept";
+    EXPECT_EQ(instance().VXSys.bciDataBufferMaxCount, 1000) << "a setting";
 }
 
 TEST_F(RegistrationTest, ALaterProcessGetsWhatItHasMissed) {
