@@ -302,5 +302,28 @@ TEST_P(Failover, ADayOfReconnectsLeavesNothingBehindAndLosesNothingUncounted) {
 
 INSTANTIATE_TEST_SUITE_P(Over, Failover, testing::Values("TCP", "WS", "WSS"));
 
+class WebSocketLink : public Failover {};
+
+TEST_P(WebSocketLink, IsBackAfterAConnectionThatBrokeAtAnyByteOfItsBeginning) {
+    writeSettings(master.offer(), "# no backup\n");
+    for (const Way way : {Way::kUp, Way::kDown}) {
+        for (const std::int64_t bytes : {0, 1, 100, 250, 700}) {
+            const int struck = master.relay.struck();
+            const auto kind = bytes % 4 ? Fault::Kind::kCut : Fault::Kind::kReset;
+            master.relay.add({.kind = kind, .way = way, .bytes = bytes});
+            if (struck == 0) vxStartControlThread(app);
+            const auto strikes = [&] {
+                FakePeer broken = master.accept("", 0.05);  // it may come so far
+                if (broken) master.reply(broken, master.offer() + ";" + std::string(2000, 'x'));
+                return master.relay.struck() > struck;
+            };
+            ASSERT_TRUE(eventually(strikes, kPeerSeconds)) << bytes;
+        }
+    }
+    EXPECT_TRUE(standing(master));
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, WebSocketLink, testing::Values("WS", "WSS"));
+
 }  // namespace
 }  // namespace vx::test
