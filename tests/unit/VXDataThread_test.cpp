@@ -1,8 +1,8 @@
 #include "commonlibc/VXDataThread.h"
 
-#include <algorithm>
+#include <functional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "tests/support/link_fixture.h"
 
@@ -85,14 +85,22 @@ TEST_F(DataThread, AnnouncesItselfSendsAndEndsWithOneTenRecord) {
     EXPECT_EQ(app->data.controlCommunicationBusyFlag, 0);
 }
 
-TEST_F(DataThread, ALostControlLinkStillGetsTheEndOfTheRun) {
-    startRun();
-    peer = acceptAnnounced();
-    EXPECT_EQ(peer.readLine(), kNewConnection);
-    app->Server.testRunRunning = 0;  // nobody has written a 10 record
-    EXPECT_EQ(peer.readToEnd(), "7,replayed\n3,incomplete\n10,\n");
-    EXPECT_TRUE(ended());
-    EXPECT_EQ(app->Server.draining, 0);
+TEST_F(DataThread, ALostControlLinkStillGetsTheEndOfTheRunAndOneThatIsGivenUpNothing) {
+    const std::pair<std::function<void()>, const char*> rows[] = {
+        {[&] { app->Server.testRunRunning = 0; }, "3,incomplete\n10,\n"},  // nobody has written a 10 record
+        {[&] { app->control.controlConnClosed = 1; }, ""},
+        {[&] { app->control.proxyStopRequested = 1; }, ""},
+    };
+    for (const auto& [order, rest] : rows) {
+        app->control.controlConnClosed = 0;
+        startRun();
+        peer = acceptAnnounced();
+        EXPECT_EQ(peer.readLinesUpTo("7,").back(), "7,replayed");
+        order();
+        EXPECT_EQ(peer.readToEnd(), rest);
+        EXPECT_TRUE(ended());
+        EXPECT_EQ(app->Server.draining, 0);
+    }
 }
 
 TEST_F(DataThread, WhatWasWrittenIsReceivedOrCountedThroughResetOutageStallAndStop) {
@@ -144,18 +152,6 @@ TEST_F(DataThread, AnOrderToCloseEndsTheConnectionAndAReplayIsMadeWhenAsked) {
     EXPECT_EQ(second.readLine(), kNewConnection);
     EXPECT_EQ(second.readLine(), "7,replayed");
     EXPECT_TRUE(eventually([&] { return !app->Server.doNotDumpMetaData; }));
-}
-
-TEST_F(DataThread, StopWordsEndItWithoutATenRecord) {
-    for (const bool closed : {true, false}) {
-        startRun();
-        peer = acceptAnnounced();
-        EXPECT_EQ(peer.readLinesUpTo("7,").back(), "7,replayed");
-        app->control.controlConnClosed = closed;
-        app->control.proxyStopRequested = !closed;
-        EXPECT_EQ(peer.readToEnd(), "") << closed;
-        EXPECT_TRUE(ended());
-    }
 }
 
 TEST_F(DataThread, AStalledCollectorHoldsUpNeitherProducersNorAStop) {
