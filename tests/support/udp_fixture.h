@@ -9,6 +9,7 @@
 #include "commonlibc/proxyServer/vx_udp_functions.h"
 #include "commonlibc/proxyServer/vx_udp_message.h"
 #include "commonlibc/proxyServer/vx_udp_release.h"
+#include "commonlibc/vxlb_mem_pool.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/proxy_fixture.h"
 #include "tests/support/udp_messages.h"
@@ -39,6 +40,7 @@ protected:
             vxFreeApplication(free);
         }
         vxSetCurrent(app);
+        vxFreeSlotPools();
         ProxyFixture::TearDown();
     }
 

@@ -40,17 +40,13 @@ protected:
     };
     Told told() {
         Told all;
-        movePartialToReadList(app->autoSensor.chain);
-        while (VXBufferNode* node = app->autoSensor.chain.VXCollectorBB.load()) {
-            const std::string text(node->buffer, static_cast<std::size_t>(node->use_len));
-            for (std::size_t at = 0; (at = text.find("AllTransactions|", at)) != std::string::npos; ++at) {
-                long long count = 0;
-                std::sscanf(text.c_str() + at, "AllTransactions|%*s %*s %*s %*s %lld", &count);
-                all.transactions += count;
-                ++all.lines;
-            }
-            node->use_len = 0;
-            moveToWriteList(app->autoSensor.chain);
+        const std::string text = textOf(app->autoSensor.chain);
+        vxDiscardChain(app->autoSensor.chain);
+        for (std::size_t at = 0; (at = text.find("AllTransactions|", at)) != std::string::npos; ++at) {
+            long long count = 0;
+            std::sscanf(text.c_str() + at, "AllTransactions|%*s %*s %*s %*s %lld", &count);
+            all.transactions += count;
+            ++all.lines;
         }
         return all;
     }

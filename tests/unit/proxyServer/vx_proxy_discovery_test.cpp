@@ -51,7 +51,15 @@ protected:
         from.peer.send(line + "\n");
         readMessageFromSocket(from.socket, VXProxy.discoveryBuf, &from.address);
     }
-    void giveUpAList();
+    // A list of 18 MB to a collector that does not read.
+    void giveUpAList() {
+        Agent list = discovery();
+        const FakePeer unread = collector.accept();
+        const std::string piece(60000, 'c');
+        for (int i = 0; i < 300 && !list.refused(); ++i) say(list, piece);
+        EXPECT_TRUE(list.refused()) << "the agent learns it";
+        EXPECT_FALSE(isOpen());
+    }
     bool isOpen() const { return instance().discovery.socket.get() != nullptr; }
 
     FakeCollector collector{4096};
@@ -106,16 +114,6 @@ TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinuteNorWithoutAControlConnec
     vxlb_shared_close(instance().discovery.socket);
     vxlb_shared_close(instance().control.controlSocket);
     EXPECT_FALSE(discovery().refused());
-    EXPECT_FALSE(isOpen());
-}
-
-// A list of 18 MB to a collector that does not read.
-void Discovery::giveUpAList() {
-    Agent list = discovery();
-    const FakePeer peer = collector.accept();
-    const std::string piece(60000, 'c');
-    for (int i = 0; i < 300 && !list.refused(); ++i) say(list, piece);
-    EXPECT_TRUE(list.refused()) << "the agent learns it";
     EXPECT_FALSE(isOpen());
 }
 

@@ -108,12 +108,8 @@ TEST_F(WebSocketListener, GivesFilesWholeHoweverManyAreAskedForAtOnce) {
 }
 
 TEST_F(WebSocketListener, ClosesWhatIsNoAgent) {
-    struct Row {
-        const char* name;
-        std::string bytes;
-    };
     const std::string half(70000, 'x');
-    const Row rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"a message without a newline", wsFrame("vx_ctrl_msg_req:pid=5")},
         {"binary garbage", wsFrame(std::string(1000, '\x81'), kWsBinary)},
         {"no message at all", wsFrame("")},
@@ -123,11 +119,11 @@ TEST_F(WebSocketListener, ClosesWhatIsNoAgent) {
         {"a length that lies", std::string("\x81\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 10)},
     };
     startListening();
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, bytes] : rows) {
+        SCOPED_TRACE(name);
         WsPeer peer(port);
-        peer.peer.send(row.bytes);  // not all of it may be taken
-        if (std::string(row.name) == "no message at all") {
+        peer.peer.send(bytes);  // not all of it may be taken
+        if (name == "no message at all") {
             EXPECT_FALSE(peer.peer.ended(0.05)) << "it is only nothing";
         } else {
             EXPECT_TRUE(peer.peer.ended());

@@ -30,6 +30,12 @@ protected:
         made.Server.epochDiffGiven = 1;
         return made;
     }
+    // A message of the collector of a context.
+    void collectorSays(vxApplication& context, string line) {
+        vxSetCurrent(&context);
+        HandleVexalineMessage(line.data());
+        vxSetCurrent(app);
+    }
 };
 
 TEST_F(UdpMessages, AFunctionLivesFromItsFirstDatagramToItsSilence) {
@@ -76,14 +82,11 @@ TEST_F(UdpMessages, RecordsOfAFunctionFindTheirFlowpathByTheRequest) {
     clock.advanceMs(kUdpDefaultTimeoutS * 1000 + 1);
     proxy_udp_client_handler(1);
     EXPECT_EQ(VXSlotPool.taken, 0) << "its slots are free again";
-    vxFreeSlotPools();
 }
 
 TEST_F(UdpMessages, ClientsAttachThemselvesToAnInstance) {
     Agent agent = process(4711);
-    vxSetCurrent(&instance());
-    HandleVexalineMessage(string("VexalineMessage 2.0;RKMID=7;duration=1;").data());
-    vxSetCurrent(app);
+    collectorSays(instance(), "VexalineMessage 2.0;RKMID=7;duration=1;");
     clock.advanceMs(3001);
     proxy_udp_ruckus_handler(1);
     EXPECT_EQ(vxlb_map_count(instance().ruckusMap), 0U) << "though nobody has come for it";
@@ -190,16 +193,13 @@ TEST_F(UdpMessages, RuckusMessagesWaitForNewClientsUntilTheirTimeIsOver) {
     vxSetCurrent(&pay);
     const TraceFile trace(pay, 1);
     const string line = "VexalineMessage 2.0;RKMID=7;duration=60;funcName=pay;vxAppServerHost=host7;";
-    string another = "VexalineMessage 2.0;RKMID=8;duration=60;funcName=refund;",
-           nameless = "VexalineMessage 2.0;";
-    HandleVexalineMessage(string(line).data());
-    HandleVexalineMessage(another.data());
-    HandleVexalineMessage(nameless.data());
+    collectorSays(pay, line);
+    collectorSays(pay, "VexalineMessage 2.0;RKMID=8;duration=60;funcName=refund;");
+    collectorSays(pay, "VexalineMessage 2.0;");
     EXPECT_EQ(answer(), line);
     EXPECT_EQ(answer(), "(none)");
     EXPECT_TRUE(trace.says("RKMID is missing in message VexalineMessage 2.0;"));
 
-    vxSetCurrent(app);
     datagram(wrapped(VXWrapType::kHeartbeat, 0));
     EXPECT_EQ(answer(), "Heart Beat Received" + line);
     datagram(wrapped(VXWrapType::kRuckusResponse, 0, "^RKMID=7;status=Done;"));
@@ -214,11 +214,9 @@ TEST_F(UdpMessages, RuckusMessagesWaitForNewClientsUntilTheirTimeIsOver) {
     datagram(wrapped(VXWrapType::kRuckusResponse, 0, "^RKMID=7;"));
     EXPECT_TRUE(trace.says("Ruckus message expired for RKMID 7"));
 
-    vxSetCurrent(&pay);
     for (int i = 0; i < 100; ++i)
-        HandleVexalineMessage(("VexalineMessage 2.0;RKMID=m" + std::to_string(i) + ";duration=60;").data());
+        collectorSays(pay, "VexalineMessage 2.0;RKMID=m" + std::to_string(i) + ";duration=60;");
     EXPECT_EQ(vxlb_map_count(pay.ruckusMap), 64U);
-    vxSetCurrent(app);
 }
 
 // What one function leaves behind would show after some hundreds.
@@ -229,9 +227,7 @@ TEST_F(UdpMessages, ManyShortLivesLeaveTheMemoryAsItWas) {
             running();
             datagram(
                 wrapped(VXWrapType::kRecords, 0, startFrame(11, "/pay", now) + entryFrame(11, "a.b.c", now)));
-            vxSetCurrent(function(0));
-            HandleVexalineMessage(string("VexalineMessage 2.0;RKMID=7;duration=6000;").data());
-            vxSetCurrent(app);
+            collectorSays(*function(0), "VexalineMessage 2.0;RKMID=7;duration=6000;");
             answer();
             clock.advanceMs(kUdpDefaultTimeoutS * 1000 + 1);
             proxy_udp_client_handler(1);
@@ -241,7 +237,6 @@ TEST_F(UdpMessages, ManyShortLivesLeaveTheMemoryAsItWas) {
     const std::int64_t before = live(20);
     EXPECT_NEAR(static_cast<double>(live(300)), static_cast<double>(before), 10'000);
     EXPECT_EQ(VXSlotPool.taken, 0);
-    vxFreeSlotPools();
 }
 
 // Workers hand datagrams to a function that the watcher takes away again and again.
@@ -271,7 +266,6 @@ TEST_F(UdpMessages, FunctionsEndUnderTheHandsOfSeveralWorkers) {
     vxUdpEndSilentFunctions(clock.nowMs());
     EXPECT_EQ(VXProxy.numUDPFunctions, 0);
     vxSetCurrent(app);
-    vxFreeSlotPools();
 }
 
 }  // namespace
