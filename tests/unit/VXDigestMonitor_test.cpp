@@ -1,7 +1,5 @@
 #include "commonlibc/VXDigestMonitor.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 

@@ -130,13 +130,11 @@ TEST_F(FileKeywords, AnswersAreTakenOrGivenUp) {
              kHead + "3;lmd=1;\nabc",
          "abc$", ""},
         {"failed once", kFailed + kHead + "3;lmd=1;\nabc", "abc$", ""},
-        {"failed twice", kFailed + kFailed, "", kNotCome},
         {"the late answer of another file",
          "vx_control_rep:action=file;keyword=blackListForDebugSession2;size=5000;lmd=1;\n" +
              std::string(5000, '\n') + kHead + "3;lmd=1;\nabc",
          "abc$", kOtherHead},
         {"size 0", kHead + "0;lmd=1;\n", "", kNotCome},
-        {"negative size", kHead + "-5;lmd=1;\n", "", kNotCome},
         {"above the limit", kHead + "67108865;lmd=1;\n", "", kNotCome},
         {"no number", kHead + "3x;lmd=1;\nabc\n", "", kNotCome},
         {"no date", kHead + "3;\nabc\n", "", kNotCome},

@@ -1,7 +1,5 @@
 #include "commonlibc/VXLogRetention.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <ctime>
 #include <set>

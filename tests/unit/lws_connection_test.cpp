@@ -1,6 +1,5 @@
 #include "commonlibc/lws_connection.h"
 
-#include <algorithm>
 #include <string>
 #include <thread>
 
