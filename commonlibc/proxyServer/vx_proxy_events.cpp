@@ -76,6 +76,7 @@ const ConnectionRow& rowOf(VXConnection kind) {
 
 void closeServed(Served& from) {
     if (from.kind == VXConnection::kControl) {
+        vxReadLastRecords(*from.address);  // a process that exits ends all at once, records on their way
         closeAllConnectionsOfProcess(from.address->appIndex, from.address->procIndex);
         from.app.identity.activeProcesses.fetch_sub(1, std::memory_order_relaxed);
         return;
@@ -104,6 +105,7 @@ void hangUp(Served& from) {
     else if (!isSilent(from))
         VX_TRACE(1, kControlThread, kInfo, "HANGUP received. (%s) [pid = %d] ['%s':'%d']",
                  rowOf(from.kind).name, from.tracedPid(), from.peer.ip(), from.peer.port());
+    if (from.kind == VXConnection::kData) vxReadLastRecords(*from.address);  // a reset follows its bytes
     closeServed(from);
 }
 

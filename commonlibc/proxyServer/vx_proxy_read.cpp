@@ -19,7 +19,7 @@ namespace vx {
 namespace {
 
 constexpr char kRecordStart = '^';
-constexpr int kRefusedReads = 64;  // of a connection that is closed because nobody takes its data
+constexpr int kLastReads = 64;  // of a connection that is closed, whether its data is taken or not
 
 // Of what the library has handed over, as much as there is room for.
 int takeHandedOver(VXAgentWs& wsi, VXReadBuffer& buffer, apr_size_t room) {
@@ -151,7 +151,7 @@ void refuseData(apr_socket_t* socket, VXAgentWs* wsi, VXReadBuffer& buffer, int 
         const std::int32_t torn = vxRefuseMessages(buffer.buffer, held);
         std::memmove(buffer.buffer, buffer.buffer + held - torn, static_cast<std::size_t>(torn));
         buffer.writeOffset = torn;
-        count = reads < kRefusedReads ? receive(socket, wsi, buffer, kReadBufSize) : 0;
+        count = reads < kLastReads ? receive(socket, wsi, buffer, kReadBufSize) : 0;
     }
     if (buffer.writeOffset > 0) vxCountRefusedMessage();  // its end will not come
 }
@@ -269,6 +269,16 @@ int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t 
     const std::int32_t length = buffer.writeOffset + count;
     keepCarryOver(process, buffer.buffer + length, vxDecodeRead(buffer.buffer, length, procIndex));
     return kReadDone;
+}
+
+void vxReadLastRecords(const epollPtr_t& address) {
+    vxApplication& app = *instanceAt(address.appIndex);
+    apr_socket_t* socket = processAt(app, address.procIndex)->data.get();
+    if (!socket) return;
+    vxSetCurrent(&app);
+    for (int reads = 0; reads < kLastReads; ++reads)
+        if (readDataFromSocket(socket, VXProxy.dataBuf, address.appIndex, address.procIndex) != kReadDone)
+            return;
 }
 
 }  // namespace vx

@@ -33,6 +33,9 @@ int readMessageFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t
 // Into the record decoder of the current instance.
 int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t appIndex,
                        std::int32_t procIndex, VXAgentWs* wsi = nullptr);
+// Before a process's data connection is closed for another reason than its own end: reads the records that it
+// has brought, as far as they are here, at most 8 MB. Makes the instance current.
+void vxReadLastRecords(const epollPtr_t& address);
 // Hands over the lines of the buffer; records behind a line (first byte "^") go to the decoder. What is left
 // then stands at the buffer's start.
 int processdatamsg(apr_socket_t* socket, VXReadBuffer& buffer, epollPtr_t** epollPtrSlot,

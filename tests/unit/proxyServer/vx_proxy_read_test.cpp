@@ -6,6 +6,7 @@
 
 #include "commonlibc/ServerDiagnostics.h"
 #include "commonlibc/control_outbox.h"
+#include "commonlibc/proxyServer/vx_proxy_events.h"
 #include "tests/support/dumped_records.h"
 #include "tests/support/proxy_fixture.h"
 #include "tests/support/record_stream.h"
@@ -187,6 +188,27 @@ TEST_F(ReadTest, ALongRecordMayComeInAnyPiecesAndOneThatNoReadCouldHoldIsPassedO
     }
     EXPECT_TRUE(accepts(rawFrame(12, kReadBufSize + 1, 5, "") + exceptionFrame(77, "s") + "^"));
     EXPECT_EQ(carried(), "^");
+}
+
+// A process that exits ends its connections in the order of their making: records that were still on their
+// way went with the control connection, and nothing counted them.
+TEST_F(ReadTest, RecordsThatAProcessHasSentAreReadBeforeItsConnectionsAreClosed) {
+    const std::string frame = entryFrame(7, "A.b", 1);
+    std::string records;
+    while (records.size() < 3 * kReadBufSize) records += frame;
+    Agent data = further(kConTypeData);
+    const int room = 16 * kReadBufSize;
+    ::setsockopt(data.peer.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    ASSERT_TRUE(data.peer.send(records));
+    links(false, true);  // what is read is refused, and counted
+    agent.peer.close();
+    apr_pollfd_t end{};
+    end.desc.s = agent.socket;
+    end.rtnevents = APR_POLLIN;
+    end.client_data = agent.address;
+    vxServeConnection(end, 0, 1);
+    EXPECT_TRUE(data.refused());
+    EXPECT_EQ(decoder->messagesRefused, records.size() / frame.size());
 }
 
 }  // namespace
