@@ -1,10 +1,12 @@
-// "vxcollector export": what a database file holds, as OTLP JSON or as CSV, page by page.
+// "vxcollector export": what a store holds, a database file or a server, as OTLP JSON or as CSV, page by
+// page.
 //
-// The file may be written meanwhile: each page is a reading of its own, so that the writer's journal does not
-// grow behind a long one.
+// The store may be written meanwhile: a page has been read and let go of before it is written out, so that
+// nothing waits, and no journal grows, behind an output that does.
 //
-// Errors    Exit codes: 0 all is written, 1 the file cannot be read or the output not be written, 2 a bad
-//           command line.
+// Errors    Exit codes: 0 all is written; 1 the store cannot be read or the output not be written, and what
+// was
+//           written until then is not all; 2 a bad command line.
 #pragma once
 
 namespace vx::collector {

@@ -75,6 +75,8 @@ public:
         return "CAST(total(" + std::string(column) + ") AS INTEGER)";
     }
     bool findsByTime() const override { return false; }
+    void hold() override { sqlite3_exec(database_, "BEGIN", nullptr, nullptr, nullptr); }
+    void release() override { sqlite3_exec(database_, "COMMIT", nullptr, nullptr, nullptr); }
 
 private:
     static int isOver(void* self) { return Clock::now() > static_cast<SqliteDatabase*>(self)->end_; }

@@ -19,6 +19,11 @@ inline constexpr int kQueryTimeMs = 4000;
 // kCut: a limit was met, what is there is true but not all.
 enum class Answered { kOk, kCut, kFailed };
 
+// Milliseconds since the Unix epoch; `to` is not in it.
+struct TimeSpan {
+    std::int64_t from = 0, to = INT64_MAX;
+};
+
 // A statement with a "?" for each value: no text ever becomes part of it.
 class Sql {
 public:
@@ -36,6 +41,11 @@ public:
     Sql& add(std::string_view text, const std::string& value) {
         values_.emplace_back(value);
         return add(text);
+    }
+    // A value whose mark is in the text already.
+    Sql& bind(Value value) {
+        values_.push_back(std::move(value));
+        return *this;
     }
     const std::string& text() const { return text_; }
     const std::vector<Value>& values() const { return values_; }
@@ -64,8 +74,13 @@ public:
     virtual Answered select(const Sql& sql, const Take& take, std::string& error) = 0;
     // Condition with one "?": the column's text holds the value.
     virtual std::string contains(const char* column) const = 0;
-    // The sum of a column of whole numbers: one that is out of range is no error.
-    virtual std::string sum(const char* column) const { return "sum(" + std::string(column) + ")"; }
+    // The sum of a column of whole numbers: one that is out of range is no error and not below 0, but about
+    // the greatest.
+    virtual std::string sum(const char* column) const = 0;
+    // All that is asked in between is of one moment, where the engine has that. Holds the writer's journal:
+    // for as short as can be.
+    virtual void hold() {}
+    virtual void release() {}
     // Rows are found by their time, and by nothing else without reading all.
     virtual bool findsByTime() const = 0;
 };

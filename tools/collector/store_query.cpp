@@ -22,21 +22,6 @@ std::string selectTransactions() {
     return "SELECT " + columnsOf(tableOf(kTransactions)) + " FROM transactions WHERE ";
 }
 
-// The columns in the order of the table.
-TransactionRow transactionOf(const ResultRow& row) {
-    TransactionRow out;
-    int at = 0;
-    for (std::int64_t* number : {&out.id, &out.instance, &out.flowpath, &out.at, &out.start, &out.duration,
-                                 &out.cpu, &out.status, &out.category, &out.endReason})
-        *number = row.number(at++);
-    for (std::string* text : {&out.bt, &out.url, &out.session}) *text = row.text(at++);
-    for (std::int64_t* number : {&out.page, &out.parent, &out.previous}) *number = row.number(at++);
-    for (std::string* text : {&out.correlation, &out.traceId, &out.callerSpan}) *text = row.text(at++);
-    out.callouts = row.number(at++);
-    out.exceptions = row.number(at);
-    return out;
-}
-
 void addSpan(Sql& sql, TimeSpan span) {
     sql.add(" AND at >= ?", span.from).add(" AND at < ?", span.to);
 }
@@ -80,6 +65,20 @@ void addFilters(Sql& sql, const TransactionsQuery& query, const Database& databa
 }
 
 }  // namespace
+
+TransactionRow transactionOf(const ResultRow& row) {
+    TransactionRow out;
+    int at = 0;
+    for (std::int64_t* number : {&out.id, &out.instance, &out.flowpath, &out.at, &out.start, &out.duration,
+                                 &out.cpu, &out.status, &out.category, &out.endReason})
+        *number = row.number(at++);
+    for (std::string* text : {&out.bt, &out.url, &out.session}) *text = row.text(at++);
+    for (std::int64_t* number : {&out.page, &out.parent, &out.previous}) *number = row.number(at++);
+    for (std::string* text : {&out.correlation, &out.traceId, &out.callerSpan}) *text = row.text(at++);
+    out.callouts = row.number(at++);
+    out.exceptions = row.number(at);
+    return out;
+}
 
 StoreQuery::StoreQuery() = default;
 StoreQuery::~StoreQuery() = default;
@@ -153,20 +152,6 @@ std::string StoreQuery::nameOf(std::int64_t instance, NameKind kind, std::int64_
         if (!name.empty()) break;
     }
     return name;
-}
-
-Answered StoreQuery::transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
-                                        std::vector<TransactionRow>& out) {
-    const Question question(*this);
-    out.clear();
-    Answered answer = Answered::kOk;
-    Sql sql(selectTransactions() + "id > ?");
-    sql.add("", afterId);
-    addSpan(sql, span);
-    sql.add(" ORDER BY id LIMIT ?", static_cast<std::int64_t>(std::min(limit, kMostRows)));
-    ask(
-        sql, [&](const ResultRow& row) { out.push_back(transactionOf(row)); }, answer);
-    return answer;
 }
 
 // From when on to look, one after the other until it is found: what is asked for is young as a rule.

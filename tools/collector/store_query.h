@@ -1,4 +1,4 @@
-// Questions to a store: what the page shows and the export writes.
+// Questions to a store: what the page shows.
 //
 // A StoreQuery has a connection of its own, which only reads; the writer goes on meanwhile. Every question is
 // bounded: by its own limit of rows, and by time: the database gives a statement up behind kQueryTimeMs, and
@@ -30,10 +30,6 @@ namespace vx::collector {
 inline constexpr std::size_t kMostRows = 10000;
 inline constexpr std::size_t kMostSteps = 1000;
 inline constexpr std::size_t kMostReports = 1000;
-
-struct TimeSpan {
-    std::int64_t from = 0, to = INT64_MAX;
-};
 
 // --- overview and sums ---
 
@@ -144,6 +140,9 @@ struct RequestRow {
     std::vector<NameValue> headers;  // of the request, as far as captured
 };
 
+// The columns of transactions in the order of the table.
+TransactionRow transactionOf(const ResultRow& row);
+
 class StoreQuery {
 public:
     StoreQuery();
@@ -161,9 +160,6 @@ public:
     Answered transactions(const TransactionsQuery& query, std::vector<TransactionRow>& out);
     // How many there are in all, whatever the limit and the page. kCut: not known.
     Answered count(const TransactionsQuery& query, std::uint64_t& out);
-    // Those behind `afterId`, in the order of their ids: for whoever wants all.
-    Answered transactionsBehind(std::int64_t afterId, TimeSpan span, std::size_t limit,
-                                std::vector<TransactionRow>& out);
     // kFailed with an empty error() when there is none of that id.
     Answered transactionRow(std::int64_t id, TransactionRow& out);
     Answered transaction(std::int64_t id, TransactionDetails& out);

@@ -170,7 +170,9 @@ TEST_F(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {
     ASSERT_TRUE(query.openClickHouse(server.url(), 60'000)) << query.error();
     std::vector<TransactionRow> rows;
     std::set<std::int64_t> ids;
-    ASSERT_EQ(query.transactionsBehind(0, {}, kMostRows, rows), Answered::kOk) << query.error();
+    TransactionsQuery all;
+    all.limit = kMostRows;
+    ASSERT_EQ(query.transactions(all, rows), Answered::kOk) << query.error();
     for (const TransactionRow& row : rows) ids.insert(row.id);
     EXPECT_EQ(ids.size(), 3000U);
     EXPECT_LT(*ids.rbegin(), std::int64_t{1} << 53);
