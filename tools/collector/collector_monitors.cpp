@@ -221,7 +221,11 @@ void Figures::add(const Figures& more) {
     slow += more.slow;
     verySlow += more.verySlow;
     error += more.error;
-    if (__builtin_add_overflow(totalMs, more.totalMs, &totalMs)) totalMs = INT64_MAX;
+    addUpTo(totalMs, more.totalMs);
+}
+
+void addUpTo(std::int64_t& sum, std::int64_t more) {
+    if (__builtin_add_overflow(sum, more, &sum)) sum = INT64_MAX;
 }
 
 Figures oneOf(std::int64_t durationMs, int category) {

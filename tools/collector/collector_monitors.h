@@ -49,6 +49,8 @@ struct Figures {
     void add(const Figures& more);
     bool operator==(const Figures&) const = default;
 };
+// Neither sum nor addend is below 0; a sum that would be beyond what its type holds stays at its greatest.
+void addUpTo(std::int64_t& sum, std::int64_t more);
 // One occurrence: category 10 normal, 11 slow, 12 very slow, 13 error; 0 for what has none.
 Figures oneOf(std::int64_t durationMs, int category = 0);
 

@@ -14,7 +14,7 @@ void takeCallout(const BlobItem& item, InstanceState& instance, Summary& summary
     row.target = targetText(item.target);
     ++row.count;
     if (item.failed) ++row.errors;
-    row.totalUs += item.us;
+    addUpTo(row.totalUs, item.us);
     row.maxUs = std::max(row.maxUs, item.us);
     Figures figures = oneOf(item.us / 1000);
     figures.error = item.failed;

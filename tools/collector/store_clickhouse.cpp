@@ -160,6 +160,10 @@ public:
     std::string contains(const char* column) const override {
         return "position(" + std::string(column) + ", ?) > 0";
     }
+    // Whole numbers would begin again below zero.
+    std::string sum(const char* column) const override {
+        return "toInt64(least(sum(toFloat64(" + std::string(column) + ")), 9.2e18))";
+    }
     bool findsByTime() const override { return true; }
 
 private:
@@ -190,8 +194,8 @@ std::unique_ptr<Database> openClickHouse(const HttpAddress& address, int timeMs,
     if (database->select(Sql("SELECT max(value) FROM meta WHERE name = 'version'"), take, error) !=
         Answered::kOk)
         return nullptr;
-    if (version > kSchemaVersion) error = "the tables are of a newer vxcollector";
-    if (version > kSchemaVersion) return nullptr;
+    if (version > kServerVersion) error = "the tables are of a newer vxcollector";
+    if (version > kServerVersion) return nullptr;
     return database;
 }
 
@@ -230,8 +234,8 @@ bool ClickHouseSink::open(const HttpAddress& address, int collector, double keep
     done = done && number("SELECT max(value) FROM meta WHERE name = 'version'", version, error);
     if (done && version == 0)
         done = run("INSERT INTO meta FORMAT TabSeparated", error,
-                   "version\t" + std::to_string(kSchemaVersion) + "\n");
-    if (done && version > kSchemaVersion) {
+                   "version\t" + std::to_string(kServerVersion) + "\n");
+    if (done && version > kServerVersion) {
         error = "the tables are of a newer vxcollector (version " + std::to_string(version) + ")";
         return false;
     }

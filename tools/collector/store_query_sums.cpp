@@ -16,10 +16,8 @@ constexpr std::size_t kMostNames = 500;
 constexpr std::size_t kMostBts = 20;
 constexpr const char* kMoreName = "(more)";
 constexpr const char* kAllName = "(all)";
-constexpr const char* kFigures =
-    "sum(count), sum(normal), sum(slow), sum(very_slow), sum(error), min(least), max(most)";
 
-// The columns of kFigures, from `at` on; `totalMs` stands elsewhere.
+// What figureColumns() asks for, from `at` on; `totalMs` stands elsewhere.
 Figures figuresOf(const ResultRow& row, int at, std::int64_t totalMs) {
     Figures out;
     for (std::uint64_t* count : {&out.count, &out.normal, &out.slow, &out.verySlow, &out.error})
@@ -29,6 +27,14 @@ Figures figuresOf(const ResultRow& row, int at, std::int64_t totalMs) {
     out.maxMs = row.number(at);
     out.totalMs = totalMs;
     return out;
+}
+
+// Least and most are never out of range; what monitors tell may add up to anything.
+std::string figureColumns(const Database& database) {
+    std::string out;
+    for (const char* column : {"count", "normal", "slow", "very_slow", "error"})
+        out += database.sum(column) + ", ";
+    return out + "min(least), max(most)";
 }
 
 using Places = std::unordered_map<std::string, std::size_t>;
@@ -59,8 +65,10 @@ std::size_t stepsOf(const SumsQuery& query) {
 }
 
 // Figures by name and step: its column `bin` is the begin of the step.
-Sql binsOf(const std::string& columns, const char* table, const SumsQuery& query, bool stepped) {
-    Sql sql(std::string("SELECT name, ") + kBin + ", " + columns + ", " + kFigures + " FROM " + table);
+Sql binsOf(const Database& database, const std::string& columns, const char* table, const SumsQuery& query,
+           bool stepped) {
+    Sql sql(std::string("SELECT name, ") + kBin + ", " + columns + ", " + figureColumns(database) + " FROM " +
+            table);
     sql.add("", query.span.from).add("", query.stepMs);
     addConditions(sql, query, stepped);
     return sql.add(" GROUP BY name, bin");
@@ -121,7 +129,7 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
         answer);
 
     ask(
-        binsOf("sum(discarded), " + database_->sum("total_us"), "sums", query, true),
+        binsOf(*database_, "sum(discarded), " + database_->sum("total_us"), "sums", query, true),
         [&](const ResultRow& row) {
             const std::size_t place = placeOf(places, row.text(0));
             const auto step = static_cast<std::size_t>((row.number(1) - query.span.from) / query.stepMs);
@@ -129,7 +137,7 @@ Answered StoreQuery::sums(const SumsQuery& asked, Sums& out) {
             const Figures figures = figuresOf(row, 4, row.number(3) / 1000);
             SumsRow& into = out.rows[place];
             into.discarded += static_cast<std::uint64_t>(row.number(2));
-            if (__builtin_add_overflow(into.totalUs, row.number(3), &into.totalUs)) into.totalUs = INT64_MAX;
+            addUpTo(into.totalUs, row.number(3));
             for (Figures* sum : {&into.figures, &into.steps[step], &out.steps[step], &out.all})
                 sum->add(figures);
         },
@@ -318,7 +326,7 @@ Answered StoreQuery::monitors(const SumsQuery& asked, std::vector<MonitorRow>& o
     };
     Places places;
     ask(
-        binsOf(database_->sum("total"), "monitors", query, false),
+        binsOf(*database_, database_->sum("total"), "monitors", query, false),
         [&](const ResultRow& row) {
             const std::string name = row.text(0);
             const auto step = static_cast<std::size_t>((row.number(1) - sums.span.from) / sums.stepMs);
@@ -357,7 +365,7 @@ Answered StoreQuery::reports(const SumsQuery& asked, const std::string& name, st
     Sql told("SELECT at, instance, count, line FROM monitors");
     addConditions(told, query, false);
     told.add(" AND name = ?", name);
-    told.add(" ORDER BY at DESC, instance LIMIT ?", static_cast<std::int64_t>(kMostReports));
+    told.add(" ORDER BY at DESC, instance, line LIMIT ?", static_cast<std::int64_t>(kMostReports));
     ask(
         told,
         [&](const ResultRow& row) {

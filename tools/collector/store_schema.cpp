@@ -104,7 +104,7 @@ constexpr auto kSumColumns =
 constexpr auto kBucketColumns = joined(kObject, std::to_array<Column>({key("bucket"), sum("count")}));
 constexpr auto kMonitorColumns =
     joined(std::to_array<Column>({key("at"), key("instance"), key("kind"), key("name", kText)}), kCounts,
-           std::to_array<Column>({sum("total")}), kRange, std::to_array<Column>({{"line", kText}}));
+           std::to_array<Column>({sum("total")}), kRange, std::to_array<Column>({key("line", kText)}));
 constexpr auto kLinkColumns = std::to_array<Column>({
     key("at"),
     key("instance"),
@@ -161,6 +161,17 @@ constexpr auto kIndexes = std::to_array<const char*>({
     "CREATE INDEX exceptions_class ON exceptions(class, at)",
 });
 
+// As the tables were then: what they are now is a matter of later steps.
+constexpr auto kToVersion2 = std::to_array<const char*>({
+    "ALTER TABLE monitors RENAME TO former_monitors",
+    "CREATE TABLE monitors(at INTEGER NOT NULL, instance INTEGER NOT NULL, kind INTEGER NOT NULL, name TEXT "
+    "NOT NULL, count INTEGER NOT NULL, normal INTEGER NOT NULL, slow INTEGER NOT NULL, very_slow INTEGER NOT "
+    "NULL, error INTEGER NOT NULL, total INTEGER NOT NULL, least INTEGER NOT NULL, most INTEGER NOT NULL, "
+    "line TEXT NOT NULL, PRIMARY KEY(at, instance, kind, name, line)) WITHOUT ROWID",
+    "INSERT INTO monitors SELECT * FROM former_monitors",
+    "DROP TABLE former_monitors",
+});
+
 // "a, b, c" of the columns that `wanted` picks, each as `form` makes it.
 template <class Wanted, class Form>
 std::string listOf(const Table& table, Wanted wanted, Form form, const char* separator = ", ") {
@@ -186,7 +197,8 @@ std::string folded(const Column& column) {
     const std::string name = column.name;
     switch (column.fold) {
         case Fold::kAdd:
-            return name + " = " + name + " + excluded." + name;
+            // A sum that is too great for a whole number would become another kind of number.
+            return name + " = min(" + name + " + excluded." + name + ", 9223372036854775807)";
         case Fold::kLeast:
             return name + " = min(" + name + ", excluded." + name + ")";
         case Fold::kMost:
@@ -243,6 +255,11 @@ std::string clickHouseCreate(const Table& table) {
            ") ENGINE = " + (table.folds ? "MergeTree" : "ReplacingMergeTree") +
            (time.empty() ? "" : " PARTITION BY toYYYYMMDD(toDateTime(intDiv(" + time + ", 1000), 'UTC'))") +
            " ORDER BY (" + (table.folds ? "" : "at, ") + listOf(table, isKey, nameOnly) + ")";
+}
+
+std::span<const char* const> sqliteSteps(int version) {
+    if (version == 2) return kToVersion2;
+    return {};
 }
 
 std::span<const char* const> sqliteIndexes() {

@@ -12,8 +12,11 @@
 
 namespace vx::collector {
 
-// Grows with each change of the tables. A file of a newer version is refused.
-inline constexpr int kSchemaVersion = 1;
+// Grows with each change of the tables. A file of a newer version is refused, an older one is brought up when
+// it is opened for writing (sqliteSteps()) and read as it is. 2: tagged lines of one BT have a row each.
+inline constexpr int kSchemaVersion = 2;
+// Of the tables in a server, where the order of rows and columns is all that there is to change.
+inline constexpr int kServerVersion = 1;
 inline constexpr int kApplicationId = 0x56585052;  // marks a database file as one of ours
 
 enum class ColumnType { kNumber, kText };
@@ -53,6 +56,8 @@ std::string columnsOf(const Table& table, const char* separator = ", ");
 // Statements of SQLite.
 std::string sqliteCreate(const Table& table);
 std::string sqliteInsert(const Table& table);
+// What makes a file of the version before one of `version`, without its number.
+std::span<const char* const> sqliteSteps(int version);
 // A statement of ClickHouse.
 std::string clickHouseCreate(const Table& table);
 // Further statements of a new file: indexes.

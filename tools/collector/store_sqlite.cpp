@@ -11,13 +11,19 @@
 #include <cstring>
 #include <filesystem>
 
+#include "commonlibc/vxlb_clock.h"
+
 namespace vx::collector {
 
 namespace {
 
 constexpr int kBusyMs = 2000;
 constexpr std::int64_t kAgedEvery = 60'000;
+constexpr std::int64_t kNamesEvery = 3'600'000, kAgedSlice = 3'600'000;
 constexpr int kVacuumPages = 500;
+constexpr int kUsualJournalPages = 1000;
+constexpr double kLeastJournalMb = 1024, kBytesOfMb = 1024 * 1024;
+constexpr std::int64_t kWaitEveryMs = 60'000;
 
 // Binds the values of a row in their order.
 class Binder : public RowSink {
@@ -39,6 +45,15 @@ private:
     sqlite3_stmt* statement_;
     int at_ = 0;
 };
+
+// Behind each commit: the pages of the journal are told, and what no reader needs there goes into the file.
+int committed(void* bytes, sqlite3* database, const char* name, int pages) {
+    constexpr std::int64_t kPageSize = 4096;  // of a file that is made here
+    *static_cast<std::int64_t*>(bytes) = pages * kPageSize;
+    if (pages >= kUsualJournalPages)
+        sqlite3_wal_checkpoint_v2(database, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    return SQLITE_OK;
+}
 
 // An error that goes away by itself, or when somebody makes room.
 bool isPassing(int code) {
@@ -108,9 +123,16 @@ bool SqliteSink::prepareFile(std::string& error) {
         return false;
     }
     if (tables == 0 && !create()) return false;
+    if (tables > 0 && version < kSchemaVersion && !bringUp(static_cast<int>(version))) {
+        error = "its tables of version " + std::to_string(version) + " cannot be made those of version " +
+                std::to_string(kSchemaVersion) + ", and are left as they are: " + whyNot();
+        run("ROLLBACK");
+        return false;
+    }
     if (!writesAhead(error) || !run("PRAGMA synchronous=NORMAL") ||
         !run("PRAGMA journal_size_limit=67108864") || !run("PRAGMA cache_size=-32768"))
         return false;
+    sqlite3_wal_hook(database_, committed, &journalBytes_);
     for (int id = 0; id < kTables; ++id) {
         sqlite3_stmt* statement = nullptr;
         const std::string sql = sqliteInsert(tableOf(static_cast<TableId>(id)));
@@ -148,6 +170,16 @@ bool SqliteSink::create() {
     for (int id = 0; id < kTables; ++id) made = made && run(sqliteCreate(tableOf(static_cast<TableId>(id))));
     for (const char* index : sqliteIndexes()) made = made && run(index);
     return made && run("COMMIT");
+}
+
+// All steps or none: the file is of one version at any time.
+bool SqliteSink::bringUp(int version) {
+    bool done = run("BEGIN IMMEDIATE");
+    while (done && ++version <= kSchemaVersion)
+        for (const char* step : sqliteSteps(version)) done = done && run(step);
+    const std::string now = std::to_string(kSchemaVersion);
+    return done && run("UPDATE meta SET value = " + now + " WHERE name = 'version'") &&
+           run("PRAGMA user_version=" + now) && run("COMMIT");
 }
 
 std::string SqliteSink::whyNot() const {
@@ -201,6 +233,7 @@ StoreSink::Wrote SqliteSink::write(std::span<const Batch> batches, std::string& 
         fault = path_ + " was removed, or another file is in its place; a restart makes a new one";
         return Wrote::kLater;
     }
+    if (!journalFits(fault)) return Wrote::kLater;
     std::int64_t last = nextId_ - 1;
     bool done = run("BEGIN IMMEDIATE");
     for (const Batch& batch : batches) {
@@ -230,61 +263,118 @@ bool SqliteSink::forgetTransactions(const std::string& ids) {
     return done;
 }
 
-bool SqliteSink::forgetSumsBefore(std::int64_t step, std::int64_t at) {
+// False when somebody has kept it from beginning anew for too long.
+bool SqliteSink::journalFits(std::string& fault) {
+    const double mb = static_cast<double>(journalBytes_) / kBytesOfMb;
+    const double most =
+        retention_.journalMb > 0 ? retention_.journalMb : std::max(kLeastJournalMb, retention_.keepMb / 4);
+    const std::int64_t now = vxlb_steady_ms();
+    if (mb < most / 4 || (mb < most && now < nextWaitMs_)) return true;
+    nextWaitMs_ = now + kWaitEveryMs;
+    sqlite3_busy_timeout(database_, retention_.readersMs);
+    const int answer =
+        sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
+    sqlite3_busy_timeout(database_, kBusyMs);
+    if (answer == SQLITE_OK) journalBytes_ = 0;
+    if (answer == SQLITE_OK || mb < most) return true;
+    fault = path_ + "-wal has " + std::to_string(static_cast<std::int64_t>(mb)) + " MB and cannot go on: " +
+            (answer == SQLITE_BUSY ? "somebody has been reading the file for too long" : whyNot());
+    return false;
+}
+
+// Rows of "TABLE WHERE ..." whose time lies before `at`: an hour of them, `more` when there are others.
+bool SqliteSink::forgetBefore(const std::string& rows, const std::string& time, std::int64_t at, bool& more) {
+    const std::string before = rows + " " + time + " < ";
+    const std::int64_t first = number("SELECT min(" + time + ") FROM " + before + std::to_string(at));
+    if (first == 0) return true;
+    const std::int64_t until = std::min(at, first + kAgedSlice);
+    more = more || until < at;
+    return run("DELETE FROM " + before + std::to_string(until));
+}
+
+bool SqliteSink::forgetSums(std::int64_t step, std::int64_t at, bool& more) {
     bool done = true;
     for (std::size_t kind = 0; kind < kMonitoredKinds; ++kind)
         for (const char* table : {"sums", "buckets"})
-            done = done && run("DELETE FROM " + std::string(table) + " WHERE step = " + std::to_string(step) +
-                               " AND kind = " + std::to_string(kind) + " AND at < " + std::to_string(at));
+            done = done && forgetBefore(std::string(table) + " WHERE step = " + std::to_string(step) +
+                                            " AND kind = " + std::to_string(kind) + " AND",
+                                        "at", at, more);
     return done;
 }
 
 // Tables that have a time of their own.
-bool SqliteSink::forgetOld(std::int64_t at) {
-    const std::string before = std::to_string(at);
-    bool done = forgetSumsBefore(kLongSumStep, at);
+bool SqliteSink::forgetOld(std::int64_t at, bool& more) {
+    bool done = forgetSums(kLongSumStep, at, more);
     for (int id = 0; id < kTables; ++id) {
         const Table& table = tableOf(static_cast<TableId>(id));
         if (!table.time || id == kSums || id == kBuckets) continue;
-        done =
-            done && run("DELETE FROM " + std::string(table.name) + " WHERE " + table.time + " < " + before);
+        done = done && forgetBefore(std::string(table.name) + " WHERE", table.time, at, more);
     }
-    return done && run("DELETE FROM names WHERE instance NOT IN (SELECT instance FROM instances)");
+    return done;
+}
+
+// Those of instances that are gone, and those that were replaced before the oldest transaction came.
+bool SqliteSink::forgetNames(std::int64_t now) {
+    if (now < nextNames_ && now >= nextNames_ - kNamesEvery) return true;
+    const std::int64_t first = number("SELECT min(id) FROM transactions");
+    const std::string oldest = std::to_string(first ? first : nextId_);
+    const bool done =
+        run("DELETE FROM names WHERE instance NOT IN (SELECT instance FROM instances)") &&
+        run("DELETE FROM names WHERE EXISTS (SELECT 1 FROM names AS later WHERE later.instance = "
+            "names.instance "
+            "AND later.kind = names.kind AND later.id = names.id AND later.since > names.since AND "
+            "later.since <= " +
+            oldest + ")");
+    if (done) nextNames_ = now + kNamesEvery;
+    return done;
 }
 
 std::int64_t SqliteSink::usedBytes() {
     return (number("PRAGMA page_count") - number("PRAGMA freelist_count")) * number("PRAGMA page_size");
 }
 
+bool SqliteSink::forgetFirst(bool& more) {
+    const std::int64_t last = number("SELECT max(id) FROM (SELECT id FROM transactions ORDER BY id LIMIT " +
+                                     std::to_string(kSlice) + ")");
+    more = last > 0;
+    return !more || forgetTransactions("<= " + std::to_string(last));
+}
+
+bool SqliteSink::forgetAged(std::int64_t horizon, bool& more) {
+    const std::string old = "FROM transactions WHERE at < " + std::to_string(horizon) +
+                            " ORDER BY at LIMIT " + std::to_string(kSlice);
+    more = number("SELECT id " + old) > 0;
+    return !more || forgetTransactions("IN (SELECT id " + old + ")");
+}
+
+// No transaction is left: the rest gives way, the oldest tenth of the time.
+bool SqliteSink::forgetRest(std::int64_t now, bool& more) {
+    const std::int64_t first = number(
+        "SELECT min(at) FROM (SELECT min(at) AS at FROM sums WHERE step = " + std::to_string(kLongSumStep) +
+        " UNION ALL SELECT min(at) FROM monitors UNION ALL SELECT min(at) FROM links)");
+    const std::int64_t until = first + std::max(kLongSumStep, (now - first) / 10);
+    return (first == 0 || forgetOld(until, more)) && forgetSums(kSumStep, until, more);
+}
+
 bool SqliteSink::retain(std::int64_t now, std::string& fault) {
+    if (!journalFits(fault)) return false;
     const std::int64_t horizon =
         retention_.keepDays > 0 ? now - static_cast<std::int64_t>(retention_.keepDays * 86'400'000.0) : 0;
     const bool full =
-        retention_.keepMb > 0 && static_cast<double>(usedBytes()) > retention_.keepMb * 1024 * 1024;
-    const std::string slice = std::to_string(kSlice);
+        retention_.keepMb > 0 && static_cast<double>(usedBytes()) > retention_.keepMb * kBytesOfMb;
     bool done = true, more = false;
     if (full) {
-        const std::int64_t last =
-            number("SELECT max(id) FROM (SELECT id FROM transactions ORDER BY id LIMIT " + slice + ")");
-        more = last > 0;
-        if (more) done = forgetTransactions("<= " + std::to_string(last));
+        done = forgetFirst(more);
+        if (done && !more) done = forgetRest(now, more);
     } else if (horizon > 0) {
-        const std::string old =
-            "FROM transactions WHERE at < " + std::to_string(horizon) + " ORDER BY at LIMIT " + slice;
-        more = number("SELECT id " + old) > 0;
-        if (more) done = forgetTransactions("IN (SELECT id " + old + ")");
-    }
-    if (done && full && !more) {  // no transaction is left: the rest gives way, the oldest tenth of the time
-        const std::int64_t first =
-            number("SELECT min(at) FROM (SELECT min(at) AS at FROM sums WHERE step = " +
-                   std::to_string(kLongSumStep) +
-                   " UNION ALL SELECT min(at) FROM monitors UNION ALL SELECT min(at) FROM links)");
-        done = first == 0 || forgetOld(first + std::max(kLongSumStep, (now - first) / 10));
-        done = done && forgetSumsBefore(kSumStep, first + std::max(kLongSumStep, (now - first) / 10));
+        done = forgetAged(horizon, more);
     }
     if (done && (now >= nextAged_ || now < nextAged_ - kAgedEvery)) {  // the latter: the clock was set back
-        done = forgetOld(horizon) && forgetSumsBefore(kSumStep, std::max(horizon, now - kShortSumsMs));
-        if (done) nextAged_ = now + kAgedEvery;
+        bool others = false;
+        done = forgetOld(horizon, others) &&
+               forgetSums(kSumStep, std::max(horizon, now - kShortSumsMs), others) && forgetNames(now);
+        if (done && !others) nextAged_ = now + kAgedEvery;
+        more = more || others;
     }
     if (done && number("PRAGMA freelist_count") > kVacuumPages)
         done = run("PRAGMA incremental_vacuum(" + std::to_string(kVacuumPages) + ")");

@@ -85,7 +85,7 @@ bool StoreSums::add(const Object& object, const Figures& figures, std::int64_t u
     const bool inBuckets = object.kind == Monitored::kBt || object.kind == Monitored::kBackend;
     if (inBuckets && !addToBucket(*sum, bucketOf(figures.maxMs), object.name.size())) return false;
     sum->figures.add(figures);
-    sum->totalUs += us;
+    addUpTo(sum->totalUs, us);
     return true;
 }
 
