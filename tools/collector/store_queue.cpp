@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "commonlibc/vxlb_clock.h"
+
 namespace vx::collector {
 
 bool StoreQueue::hasRoom(std::size_t bytes) const {
@@ -42,6 +44,7 @@ void StoreQueue::pause(std::chrono::milliseconds time) {
 void StoreQueue::close() {
     {
         const std::scoped_lock lock(mutex_);
+        if (!closed_) closedAt_ = vxlb_steady_ms();
         closed_ = true;
     }
     filled_.notify_all();
@@ -50,6 +53,11 @@ void StoreQueue::close() {
 bool StoreQueue::closed() const {
     const std::scoped_lock lock(mutex_);
     return closed_;
+}
+
+std::int64_t StoreQueue::closedAt() const {
+    const std::scoped_lock lock(mutex_);
+    return closed_ ? closedAt_ : vxlb_steady_ms();
 }
 
 std::size_t StoreQueue::bytes() const {

@@ -36,6 +36,8 @@ public:
     // Nothing more comes: take() no longer waits.
     void close();
     bool closed() const;
+    // Since when, in milliseconds of the steady clock; now, as long as it is not.
+    std::int64_t closedAt() const;
     std::size_t bytes() const;
 
 private:
@@ -45,6 +47,7 @@ private:
     std::deque<Batch> waiting_;
     std::size_t bytes_ = 0;
     bool closed_ = false;
+    std::int64_t closedAt_ = 0;
 };
 
 }  // namespace vx::collector

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "commonlibc/vxlb_clock.h"
+
 namespace vx::collector {
 
 namespace {
@@ -33,7 +35,6 @@ StoreWriter::Status StoreWriter::status() const {
 void StoreWriter::work() {
     for (;;) {
         const bool last = queue_.closed();
-        if (!last) stillOpen();
         const std::vector<Batch> batches = queue_.take(kPatience);
         if (!batches.empty()) writeAll(batches);
         queue_.done(batches);
@@ -43,16 +44,10 @@ void StoreWriter::work() {
     }
 }
 
-// What the end is measured from.
-void StoreWriter::stillOpen() {
-    lastTries_ = 0;
-    closedAt_ = Clock::now();
-}
-
 // After a failure: at the end a sink has so many tries, and so much time, for all that waits.
 bool StoreWriter::givesUp() {
-    if (!queue_.closed()) stillOpen();
-    return ++lastTries_ > kLastTries || Clock::now() > closedAt_ + kLastTime;
+    lastTries_ = queue_.closed() ? lastTries_ + 1 : 0;
+    return lastTries_ > kLastTries || vxlb_steady_ms() > queue_.closedAt() + kLastTime.count();
 }
 
 void StoreWriter::writeAll(const std::vector<Batch>& batches) {

@@ -5,8 +5,9 @@
 // what it has to drop; a fault is told once, and again when it is over. What can never be written is counted
 // and left.
 //
-// Lifetime  The end writes what waits. A sink that does not take it within kLastTries, or kLastTime, is given
-//           up, and the rest counts as lost.
+// Lifetime  The end writes what waits. A sink that does not take it within kLastTries, or kLastTime since the
+//           end began (however long ago the write began that goes on then), is given up, and the rest counts
+//           as lost.
 // Threads   Its own; status() by any.
 #pragma once
 
@@ -25,7 +26,7 @@ namespace vx::collector {
 inline constexpr std::chrono::milliseconds kRetryMs{1000};
 inline constexpr std::chrono::milliseconds kRetainMs{200};  // longest time at a stretch
 inline constexpr int kLastTries = 3;
-inline constexpr std::chrono::seconds kLastTime{20};
+inline constexpr std::chrono::milliseconds kLastTime{20'000};
 
 class StoreWriter {
 public:
@@ -48,7 +49,6 @@ public:
 private:
     void work();
     void writeAll(const std::vector<Batch>& batches);
-    void stillOpen();
     bool givesUp();
     void retain();
     void look();
@@ -61,10 +61,7 @@ private:
     Status status_;
     std::chrono::steady_clock::time_point looked_{};
     std::string retainFault_;
-    // Of the end: tries that failed, when it began (the last time that it had not), and whether the sink was
-    // given up.
-    int lastTries_ = 0;
-    std::chrono::steady_clock::time_point closedAt_ = std::chrono::steady_clock::now();
+    int lastTries_ = 0;  // of the end, that failed
     bool givenUp_ = false;
     std::thread thread_;  // the last member: it uses the others
 };

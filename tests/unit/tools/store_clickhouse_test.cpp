@@ -8,6 +8,7 @@
 #include <set>
 
 #include "tests/support/click_house.h"
+#include "tests/support/export_run.h"
 #include "tests/support/page_fixture.h"
 #include "tools/collector/collector_runs.h"
 #include "tools/collector/page_api.h"
@@ -34,6 +35,15 @@ protected:
         EXPECT_TRUE(readAddress(server.url(), address));
         return postStatement(address, "", "", "SELECT count() FROM vx." + table).body;
     }
+    // As they were when the line was no part of their order.
+    void makeMonitorsOfBefore() {
+        std::string create = clickHouseCreate(tableOf(kMonitors));
+        create.erase(create.find(", line)"), 6);
+        HttpAddress address;
+        EXPECT_TRUE(readAddress(server.url(), address));
+        postStatement(address, "CREATE DATABASE vx", "", "");
+        EXPECT_EQ(postStatement(address, create, "&database=vx", "").status, 200);
+    }
     test::ClickHouse server;
 };
 
@@ -55,6 +65,17 @@ struct Side {
         store.intake().opened(kind, identity, now);
     }
 };
+
+// What lies between the marks, each; in order of itself.
+std::multiset<std::string> partsOf(const std::string& text, const std::string& begin,
+                                   const std::string& end) {
+    std::multiset<std::string> out;
+    for (std::size_t at = 0; (at = text.find(begin, at)) != std::string::npos;) {
+        at += begin.size();
+        out.insert(text.substr(at, text.find(end, at) - at));
+    }
+    return out;
+}
 
 // Two tiers with everything that has a table, and texts that would end a row.
 void feedTwoTiers(Side& side, std::int64_t now) {
@@ -94,6 +115,7 @@ TEST_F(ClickHouseStore, AnswersThePageAsAFileDoes) {
     std::string error;
     Side file, engine;
     ASSERT_TRUE(file.store.openFile(dir / "db", {}, error)) << error;
+    makeMonitorsOfBefore();
     ASSERT_TRUE(engine.store.openClickHouse(server.url(), 0, 0, error)) << error;
     for (Side* side : {&file, &engine}) {
         side->begin(now);
@@ -136,7 +158,32 @@ TEST_F(ClickHouseStore, AnswersThePageAsAFileDoes) {
     alike("instances?", R"("name":"Stock/host2/app/7")");
     alike("links?step=60000&", R"("unreadable":1)");
     alike("monitors?", R"x("name":"(all)","monitor":{"count":1,)x");
+    alike("reports?name=Pay&", R"("line":"74,)");
     alike(R"({"text": "7|Cart|2|0|/item|1\n"})", R"("looked":330)");
+
+    // The export: whole tables in another order.
+    const auto both = [&](const std::vector<std::string>& words) {
+        std::vector<std::string> ofFile = words, ofServer = words;
+        ofFile.insert(ofFile.end(), {"--db", dir / "db"});
+        ofServer.insert(ofServer.end(), {"--clickhouse", server.url()});
+        return std::pair(test::exported(ofFile), test::exported(ofServer));
+    };
+    for (int id = 0; id < kTables; ++id) {
+        const char* table = tableOf(static_cast<TableId>(id)).name;
+        const auto [wanted, told] = both({"--format", "csv", "--table", table});
+        EXPECT_EQ(told.code, 0) << told.fault;
+        EXPECT_GT(partsOf(wanted.text, "\n", "\r").size(), 1U) << table;
+        EXPECT_EQ(partsOf(told.text, "\n", "\r"), partsOf(wanted.text, "\n", "\r")) << table;
+    }
+    const auto [wanted, told] = both({"--format", "otlp-json", "--from", std::to_string(now - 150'000)});
+    const auto spans = partsOf(wanted.text, "{\"traceId\":", ",\"attributes\":");
+    EXPECT_GT(spans.size(), 300U);
+    EXPECT_EQ(partsOf(told.text, "{\"traceId\":", ",\"attributes\":"), spans);
+    const test::Exported nowhere = test::exported({"--format", "csv", "--clickhouse", server.url() + "2"});
+    EXPECT_TRUE(nowhere.code == 1 && nowhere.fault.find("vx2") != std::string::npos) << nowhere.fault;
+    server.stop();
+    const test::Exported gone = both({"--format", "otlp-json"}).second;
+    EXPECT_TRUE(gone.code == 1 && gone.fault.find("refused") != std::string::npos) << gone.fault;
 }
 
 TEST_F(ClickHouseStore, TakesSeveralCollectorsAndWaitsForAServerThatIsGone) {

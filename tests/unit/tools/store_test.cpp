@@ -10,21 +10,37 @@
 #include <sstream>
 #include <utility>
 
+#include "tests/support/export_run.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_runs.h"
-#include "tools/collector/export_command.h"
 #include "tools/collector/store_query.h"
 #include "tools/collector/store_sums.h"
 
 namespace vx::collector {
 namespace {
 
+using test::exported;
 using test::TempDir;
 
 constexpr std::int64_t kEpoch = 1'388'534'400'000;
 const Identity kShop{"Web", "host1", "shop", ""};
 
+// The first column of what a statement answers.
+std::string execute(const std::string& path, const std::string& sql) {
+    sqlite3* database = nullptr;
+    std::string out;
+    sqlite3_open(path.c_str(), &database);
+    const auto take = [](void* text, int, char** values, char**) {
+        static_cast<std::string*>(text)->append(values[0] ? values[0] : "null").append("\n");
+        return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), take, &out, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+    return out;
+}
 // A store with the runs that feed it, on a clock that stands still.
 class StoreTest : public testing::Test {
 protected:
@@ -114,16 +130,18 @@ TEST(StoreIntake, GoesOnAfterAnOutageInWhichMoreAddedUpThanTheQueueTakes) {
     EXPECT_GT(queue.bytes(), 0U);
 }
 
-// Its first try fails, and meanwhile the end begins.
+// Its first try takes long and fails, and meanwhile the end begins.
 struct SinkOfTheEnd : StoreSink {
     explicit SinkOfTheEnd(StoreQueue& ending) : queue(ending) {}
     Wrote write(std::span<const Batch>, std::string&) override {
+        if (!tries) clock.advanceMs(2 * kLastTime.count());
         queue.close();
         return tries++ ? Wrote::kDone : Wrote::kLater;
     }
     bool retain(std::int64_t, std::string&) override { return false; }
     Holds holds() override { return {}; }
     StoreQueue& queue;
+    test::FakeClock clock;
     int tries = 0;
 };
 
@@ -135,6 +153,7 @@ TEST(StoreWriter, TriesAgainAtTheEndAfterAWhile) {
     queue.put(std::move(batch));
     const auto begin = std::chrono::steady_clock::now();
     StoreWriter writer(queue, std::make_unique<SinkOfTheEnd>(queue));
+    ASSERT_TRUE(test::eventually([&] { return queue.closed(); }));
     writer.finish();
     EXPECT_TRUE(writer.status().transactions == 1 && writer.status().lost == 0);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, kRetryMs);
@@ -262,12 +281,9 @@ TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
     for (int i = 0; i < 20'000; ++i)
         transaction(100 + i, i < 19'999 ? 10 : 5, 5, 10, "", "/" + std::string(300, 'x'));
     close();
-    std::string words[] = {"--db",  file,       "--format", "csv", "--from", std::to_string(now),
-                           "--out", dir / "csv"};
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    EXPECT_EQ(exportCommand(static_cast<int>(arguments.size()), arguments.data()), 0);
-    EXPECT_NE(dir.read("csv").find("/xxx"), std::string::npos) << "behind pages of what is older";
+    EXPECT_NE(exported({"--db", file, "--format", "csv", "--from", std::to_string(now)}).text.find("/xxx"),
+              std::string::npos)
+        << "behind pages of what is older";
     open({0, 4});
     ASSERT_TRUE(test::eventually([&] {
         const std::int64_t bytes = store->status().bytes;
@@ -331,16 +347,10 @@ TEST_F(StoreTest, CountsWhatFindsNoRoomOnAFullDiskAndGoesOnAfterwards) {
 }
 
 TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
-    const auto execute = [](const std::string& path, const char* sql) {
-        sqlite3* database = nullptr;
-        sqlite3_open(path.c_str(), &database);
-        sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
-        sqlite3_close(database);
-    };
     const std::string text(5000, 'x');
     dir.write("text", text);
     execute(dir / "other", "CREATE TABLE a(b)");
-    execute(dir / "later", "PRAGMA application_id = 1448628306; PRAGMA user_version = 2; CREATE TABLE a(b)");
+    execute(dir / "later", "PRAGMA application_id = 1448628306; PRAGMA user_version = 3; CREATE TABLE a(b)");
     open();
     const struct {
         std::string path;
@@ -359,6 +369,146 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwnAndLeavesThemAlone) {
         EXPECT_EQ(query.openFile(row.path), row.canBeRead) << row.path;
     }
     EXPECT_EQ(dir.read("text"), text);
+}
+
+// As the program of before made it: one row for all lines of a BT and interval.
+constexpr const char* kVersion1 =
+    "CREATE TABLE old AS SELECT * FROM monitors; DROP TABLE monitors; CREATE TABLE monitors(at INTEGER NOT "
+    "NULL, "
+    "instance INTEGER NOT NULL, kind INTEGER NOT NULL, name TEXT NOT NULL, count INTEGER NOT NULL, normal "
+    "INTEGER "
+    "NOT NULL, slow INTEGER NOT NULL, very_slow INTEGER NOT NULL, error INTEGER NOT NULL, total INTEGER NOT "
+    "NULL, "
+    "least INTEGER NOT NULL, most INTEGER NOT NULL, line TEXT NOT NULL, PRIMARY KEY(at, instance, kind, "
+    "name)) "
+    "WITHOUT ROWID; INSERT INTO monitors SELECT * FROM old LIMIT 1; DROP TABLE old; PRAGMA user_version = 1; "
+    "UPDATE meta SET value = 1 WHERE name = 'version'";
+constexpr const char* kMonitorsOf = "SELECT sql FROM sqlite_master WHERE name = 'monitors'";
+
+TEST_F(StoreTest, BringsAFileOfTheFormerVersionUpAndKeepsTaggedLinesOfOneBtApart) {
+    const auto tell = [&] {
+        for (const char* tags : {"a=1", "a=2", "a=2"})
+            runs.line(StreamKind::kAutoSensor,
+                      std::string("74,3|7|5:Web_host1_shop_Pay|") + tags +
+                          "|0.1 40.0 40 40 1 0.0 0 40.0 40 40 1 0 500000 0 0 0 500000 0 0 0 500000 0 0 0 0 "
+                          "0.5 0 1 0 "
+                          "500000 0 1 0 500000 0 1 0 500000 0 1",
+                      runs.of(kShop.text()));
+    };
+    open();
+    tell();
+    transaction(1, 1000, 5);
+    close();
+    const std::string made = execute(file, kMonitorsOf);
+    execute(file, kVersion1);
+    EXPECT_TRUE(query.openFile(file)) << "it can be read as it is: " << query.error();
+    EXPECT_NE(exported({"--db", file, "--format", "csv", "--table", "monitors"}).text.find(",Pay,"),
+              std::string::npos);
+    open();
+    EXPECT_EQ(execute(file, kMonitorsOf), made);
+    EXPECT_EQ(execute(file,
+                      "PRAGMA user_version; SELECT value FROM meta WHERE name = 'version'; "
+                      "SELECT count(*) FROM monitors; SELECT count(*) FROM transactions"),
+              "2\n2\n1\n1\n");
+    runs.turn(now + 10'000);
+    tell();
+    close();
+    std::vector<MonitorRow> told;
+    SumsQuery asked = lastMinutes();
+    asked.span.to += 10'000;
+    ASSERT_EQ(query.monitors(asked, told), Answered::kOk) << query.error();
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_TRUE(told[0].monitor.count == 4 && told[0].monitor.totalMs == 160) << told[0].monitor.count;
+    std::vector<ReportRow> lines;
+    ASSERT_EQ(query.reports(asked, "Pay", lines), Answered::kOk);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_TRUE(lines[0].line.find("a=1") < 99 && lines[0].count == 1 && lines[1].count == 2);
+}
+
+TEST_F(StoreTest, SumsBeyondAllReasonStayAtTheirGreatest) {
+    Batch batch;
+    StoreSums sums;
+    for (const Monitored kind : {Monitored::kBt, Monitored::kBackend})
+        for (int i = 0; i < 3; ++i) sums.add({kind, 1, now, "x"}, oneOf(kMostMs), INT64_MAX / 2);
+    sums.take(batch);
+    SqliteSink sink;
+    std::string error;
+    ASSERT_TRUE(sink.open(file, {}, error)) << error;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(sink.write({&batch, 1}, error), StoreSink::Wrote::kDone) << error;
+    EXPECT_EQ(execute(file, "SELECT DISTINCT typeof(total_us) || total_us FROM sums"),
+              "integer9223372036854775807\n");
+    ASSERT_TRUE(query.openFile(file)) << query.error();
+    Backends backends;
+    ASSERT_EQ(query.backends(lastMinutes().span, backends), Answered::kOk) << query.error();
+    EXPECT_GT(backends.rows.at(0).averageMs, 0);
+}
+
+TEST_F(StoreTest, StopsWritingBeforeItsJournalFillsTheDiskAndGivesReplacedNamesUp) {
+    Batch batch;
+    for (const std::int64_t since : {1, 5, 9}) batch.names.push_back({1, 7, 2, since, std::to_string(since)});
+    batch.instances.emplace_back().instance = 1;
+    batch.instances[0].lastAt = now;
+    StoredTransaction& stored = batch.transactions.emplace_back();
+    stored.row.id = 6;
+    stored.row.at = now;
+    stored.lines.assign(100'000, 'x');
+    SqliteSink sink;
+    std::string error;
+    ASSERT_TRUE(sink.open(file, {7, 0, 2, 50}, error)) << error;
+    EXPECT_EQ(sink.write({&batch, 1}, error), StoreSink::Wrote::kDone) << error;
+    sink.retain(now, error);
+    EXPECT_EQ(execute(file, "SELECT name FROM names"), "5\n9\n") << "the oldest transaction can mean these";
+
+    sqlite3* reader = nullptr;
+    sqlite3_open(file.c_str(), &reader);
+    sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM names", nullptr, nullptr, nullptr);
+    auto answer = StoreSink::Wrote::kDone;
+    for (int i = 0; i < 100 && answer == StoreSink::Wrote::kDone; ++i)
+        answer = sink.write({&batch, 1}, error);
+    EXPECT_EQ(answer, StoreSink::Wrote::kLater);
+    EXPECT_NE(error.find("somebody has been reading"), std::string::npos) << error;
+    EXPECT_LT(std::filesystem::file_size(file + "-wal"), 3U << 20);
+    sqlite3_close(reader);
+    EXPECT_EQ(sink.write({&batch, 1}, error), StoreSink::Wrote::kDone) << "as soon as that is over";
+}
+
+TEST_F(StoreTest, ExportsWholePagesAndTellsWhereItCannot) {
+    open();
+    for (const char* line : {"7,2,Pay", "5,Shop.buy,7", "5,HTTP_stock,9"}) take(line);
+    for (int i = 0; i < 450; ++i)
+        transaction(1000 + i, 200'000 - i, i % 50, 10,
+                    i == 200 ? "7:5_0_0__T1:9:2.500:1:-:0::::200_7:5_1_9____" : "");
+    take("2,2000:1200:3,1,5,x.1,2,/stock,,0,0,0,,0,-1,,,," + std::to_string(now - 1000 - kEpoch));
+    take("4,2000,200,10,7,5,2,0,,0,");
+    const std::vector<std::string> otlp = {"--db", file, "--format", "otlp-json"};
+    const auto lines = [](const std::string& text, const char* end) {
+        std::size_t count = 0;
+        for (std::size_t at = 0; (at = text.find(end, at)) != std::string::npos; ++at) ++count;
+        return count;
+    };
+    close();
+    const std::string spans = exported(otlp).text;
+    EXPECT_EQ(lines(spans, "\n"), 3U);
+    EXPECT_EQ(lines(spans, "\"kind\":2"), 451U);
+    EXPECT_EQ(lines(spans, "\"name\":\"Shop.buy\"") + lines(spans, "\"name\":\"HTTP_stock\""), 2U);
+    const std::size_t stock = spans.find("/stock"), trace = spans.rfind("\"traceId\":\"", stock);
+    EXPECT_GE(lines(spans, spans.substr(trace, 44).c_str()), 2U) << "it is in the trace of its caller";
+    for (const char* table :
+         {"records", "callouts", "sums", "buckets", "monitors", "names", "links", "instances"})
+        EXPECT_EQ(lines(exported({"--db", file, "--format", "csv", "--table", table}).text, "\r\n"),
+                  1 + std::stoul(execute(file, std::string("SELECT count(*) FROM ") + table)))
+            << table;
+    EXPECT_EQ(lines(exported({"--db", file, "--format", "csv", "--to", std::to_string(now - 100'000)}).text,
+                    "\r\n"),
+              451U);
+    execute(file, "DELETE FROM records WHERE tx % 2");
+    EXPECT_EQ(lines(exported(otlp).text, "\"kind\":2"), 225U) << "without its records it is not told";
+    const std::string before = test::fileText(file);
+    for (const char* out : {"/dev/full", file.c_str(), "/no/where"}) {
+        const test::Exported told = exported({"--db", file, "--format", "csv", "--out", out});
+        EXPECT_TRUE(told.code == 1 && told.fault.find(out) != std::string::npos) << told.fault;
+    }
+    EXPECT_EQ(test::fileText(file), before) << "the database is not written over";
 }
 
 TEST_F(StoreTest, WritesNothingIntoAFileThatSomebodyTookAway) {
