@@ -43,7 +43,7 @@ public:
         collector::HttpAddress address;
         return collector::readAddress(url(), address) &&
                eventually([&] { return collector::postStatement(address, "SELECT 1", "", "").status == 200; },
-                          60);
+                          150);
     }
     void stop() {
         program_->signal(SIGTERM);

@@ -23,7 +23,7 @@
 
 namespace vx::test {
 
-inline constexpr double kPeerSeconds = 20;
+inline constexpr double kPeerSeconds = 60;
 inline const std::string kNoLine = "(none)";
 
 // True when the descriptor can be read (or is at its end) before the deadline.

@@ -36,13 +36,13 @@
 
 namespace vx::test {
 
-inline bool eventually(const auto& condition, double seconds = 10) {
+inline bool eventually(const auto& condition, double seconds = kPeerSeconds) {
     const auto deadline = deadlineIn(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
         if (condition()) return true;
         ::usleep(1000);
     }
-    return false;
+    return condition();  // the machine may have stopped right here
 }
 
 class LinkFixture : public HomeFixture {

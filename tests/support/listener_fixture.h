@@ -47,7 +47,7 @@ protected:
     void startListening(const std::string& more = "") {
         start(0, more);
         std::future<int> found = bound.get_future();
-        ASSERT_EQ(found.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        ASSERT_EQ(found.wait_for(std::chrono::seconds(60)), std::future_status::ready);
         port = found.get();
         ASSERT_GT(port, 0);
     }

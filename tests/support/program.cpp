@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -21,6 +22,21 @@ namespace {
 
 int exitCode(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// False when this process or a test beside it has the port already. Each holds a lock on the byte of a file
+// that all of them share; the system gives it back with the process, however that ends.
+bool reserve(int port) {
+    static std::set<int> own;
+    static const int file = ::open((std::filesystem::temp_directory_path() / "vxtest.ports").c_str(),
+                                   O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    struct flock byte {};
+    byte.l_type = F_WRLCK;
+    byte.l_whence = SEEK_SET;
+    byte.l_start = port;
+    byte.l_len = 1;
+    const bool taken = file >= 0 && ::fcntl(file, F_SETLK, &byte) != 0;
+    return !taken && own.insert(port).second;
 }
 
 }  // namespace
@@ -100,6 +116,7 @@ int freePort() {
     static std::minstd_rand random(std::random_device{}());
     for (;;) {
         const int port = kFirst + static_cast<int>(random() % kCount);
+        if (!reserve(port)) continue;
         const int fd = boundTo(port);
         ::close(fd);
         if (fd >= 0) return port;

@@ -2,7 +2,8 @@
 //
 // Its output (both streams) goes to a file that the test can wait on; the destructor kills what still runs.
 // It leads a process group: signals reach the processes that it has made as well.
-// Waits poll every 10 ms and fail the test when they meet their limit.
+// Waits poll every 10 ms and fail the test when they meet their limit: that of a machine which is many times
+// too slow, since what is waited for comes at once on any other.
 #pragma once
 
 #include <sys/types.h>
@@ -13,6 +14,8 @@
 #include "tests/support/sanitizer_growth.h"
 
 namespace vx::test {
+
+inline constexpr double kPatience = 60;  // seconds
 
 class Program {
 public:
@@ -30,11 +33,11 @@ public:
     // Writes a line to the program's standard input.
     void say(const std::string& line) const;
     // Exit code, 128 + signal, or -1 when it still runs after the limit.
-    int wait(double seconds = 10);
+    int wait(double seconds = kPatience);
     bool running();
     std::string output() const;
     // True once the output holds `text` at least `count` times.
-    bool outputHolds(const std::string& text, int count = 1, double seconds = 20) const;
+    bool outputHolds(const std::string& text, int count = 1, double seconds = kPatience) const;
     pid_t pid() const { return pid_; }
 
 private:
@@ -46,11 +49,11 @@ private:
 
 // Path of a built program.
 std::string programPath(const std::string& name);
-// A TCP port on loopback that was free a moment ago.
+// A TCP port on loopback that is free, and that no other test is given while this process lives.
 int freePort();
 // Waits until condition() answers true; false when the limit passes.
 template <class Condition>
-bool eventually(Condition condition, double seconds = 20);
+bool eventually(Condition condition, double seconds = kPatience);
 void pause10ms();
 int occurrences(const std::string& text, const std::string& wanted);
 

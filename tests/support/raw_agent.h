@@ -33,7 +33,7 @@ public:
     agent::Identity& identity() { return identity_; }
 
     // Registers and waits for the start line.
-    bool start(double seconds = 20) {
+    bool start(double seconds = kPeerSeconds) {
         control_ = connectTo(identity_.port);
         if (!control_ || !control_.send(agent::controlLine(identity_, 0))) return false;
         const auto lines = control_.readLinesUpTo("vx_control_req:action=start_instrumentation", seconds);

@@ -111,7 +111,7 @@ TEST_F(Transfer, AResetCostsNothingThatTheOtherHostHadNotTaken) {
     std::thread sender([&] {
         vxSetCurrent(app);
         while (chain().VXCollectorBB.load()) send();
-        close(1000000);
+        close(60000000);
     });
     note(last.readToEnd());
     sender.join();

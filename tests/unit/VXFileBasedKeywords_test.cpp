@@ -188,7 +188,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
         app->control.proxyStopRequested = 1;
     });
     const auto before = std::chrono::steady_clock::now();
-    start("f|3|1", "tierID=9;");  // the time-out is a minute
+    start("f|3|1", "tierID=9;");
     stopper.join();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
     EXPECT_EQ(getTierID(), 0);

@@ -15,6 +15,8 @@
 namespace vx::test {
 namespace {
 
+constexpr std::int64_t kPatienceUs = 60000000;
+
 // A front for each protocol in front of the collector of the fixture.
 class Lws : public LinkFixture, public testing::WithParamInterface<int> {
 protected:
@@ -35,7 +37,7 @@ protected:
     int port() const { return front ? front->port() : collector.port(); }
     void open(bool reads = true, bool text = true) {
         connection = vxLwsConnect(
-            {"Test", "localhost", "127.0.0.1", port(), GetParam(), text, reads, 10000000, nullptr});
+            {"Test", "localhost", "127.0.0.1", port(), GetParam(), text, reads, kPatienceUs, nullptr});
         ASSERT_NE(connection, nullptr);
         peer = collector.accept();
         ASSERT_TRUE(peer);
@@ -52,8 +54,8 @@ TEST_P(Lws, CarriesTheSameBytesBothWays) {
     for (int i = 0; i < 100000; ++i) bytes += "line " + std::to_string(i) + (i % 7 ? "\n" : "\xC3\xA9\n");
     std::string got;
     std::thread reader([&] { got = peer.readBytes(bytes.size()); });
-    EXPECT_TRUE(
-        vxLwsSendAll(*connection, bytes.data(), static_cast<std::int64_t>(bytes.size()), 10000000, nullptr));
+    EXPECT_TRUE(vxLwsSendAll(*connection, bytes.data(), static_cast<std::int64_t>(bytes.size()), kPatienceUs,
+                             nullptr));
     reader.join();
     EXPECT_TRUE(got == bytes);
     EXPECT_TRUE(eventually([&] { return vxLwsUnacknowledged(*connection) == 0; }));
@@ -65,7 +67,7 @@ TEST_P(Lws, CarriesTheSameBytesBothWays) {
     got.clear();
     char part[5000];
     while (got.size() < back.size()) {
-        const std::int64_t count = vxLwsRead(*connection, part, sizeof(part), 5000000);
+        const std::int64_t count = vxLwsRead(*connection, part, sizeof(part), kPatienceUs);
         if (count <= 0) break;
         got.append(part, static_cast<std::size_t>(count));
     }
@@ -73,7 +75,7 @@ TEST_P(Lws, CarriesTheSameBytesBothWays) {
     EXPECT_TRUE(got == back) << got.size();
 
     peer.close();
-    EXPECT_EQ(vxLwsRead(*connection, part, sizeof(part), 5000000), -1);
+    EXPECT_EQ(vxLwsRead(*connection, part, sizeof(part), kPatienceUs), -1);
     EXPECT_EQ(vxLwsSend(*connection, "x", 1, 1000), -1);
 }
 

@@ -57,12 +57,12 @@ TEST_F(FileService, SendsTheBytesOfAFileBehindItsSize) {
 
 TEST_F(FileService, AgentsThatNeverReadLoseTheirConnectionsAndCostTwoSecondsTogether) {
     cached("big", std::string(6 * 1024 * 1024, 'b'));
-    constexpr int kAgents = 10;
+    constexpr int kAgents = 35;
     Agent greedy[kAgents];
     for (int i = 0; i < kAgents; ++i) greedy[i] = process(200 + i);
     const auto before = std::chrono::steady_clock::now();
     for (Agent& each : greedy) ask(each, "send_file;keyword=big;");
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60));
     for (const Agent& each : greedy) EXPECT_TRUE(each.refused());
     EXPECT_EQ(pidOf(1), kFreePid);
     EXPECT_EQ(instance().identity.activeProcesses, 1);

@@ -148,7 +148,7 @@ TEST_P(AgentSession, RegistersFollowsTheStartAndSendsRecords) {
         EXPECT_TRUE(frame.type == type && frame.flowpath == number) << type;
         EXPECT_EQ(type == 2, frame.bytes.find("/cart%7Cx?id=1|GET\n") != std::string::npos);
     }
-    EXPECT_EQ(vxagent_flush(agent, 5000), 1);
+    EXPECT_EQ(vxagent_flush(agent, 60000), 1);
     EXPECT_TRUE(statistics().sent_records == 8 && statistics().state == VXAGENT_SENDING);
 }
 
@@ -264,7 +264,7 @@ TEST_P(AgentSession, NeverWaitsForAPeerThatDoesNotRead) {
         for (int i = 0; i < 500; ++i) refused += report() == 0;
     const auto before = std::chrono::steady_clock::now();
     for (int i = 0; i < 100000; ++i) refused += report() == 0;
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60));
     const vxagent_statistics now = statistics();
     EXPECT_GT(refused, 50000);
     EXPECT_EQ(now.refused, static_cast<std::uint64_t>(refused));
@@ -280,7 +280,7 @@ TEST_P(AgentSession, ClosingSendsWhatIsQueuedDataConnectionFirst) {
         sent = data.readToEnd();
         data.close();
     });
-    vxagent_close(agent, 5000);
+    vxagent_close(agent, 60000);
     agent = nullptr;
     reader.join();
     std::size_t frames = 0;

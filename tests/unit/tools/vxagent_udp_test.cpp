@@ -28,14 +28,14 @@ public:
             sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&sender_), sizeof(sender_)),
             static_cast<ssize_t>(text.size()));
     }
-    // The next datagram of that kind, others answered by nothing; empty after 20 s.
+    // The next datagram of that kind, others answered by nothing; empty after 60 s.
     std::string next(VXWrapType type) {
         std::string datagram;
         do {
             char bytes[65536];
             pollfd ready{fd_, POLLIN, 0};
             socklen_t size = sizeof(sender_);
-            if (poll(&ready, 1, 20000) != 1) return "";
+            if (poll(&ready, 1, 60000) != 1) return "";
             const ssize_t length =
                 recvfrom(fd_, bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr*>(&sender_), &size);
             if (length < 0) return "";
@@ -102,7 +102,7 @@ TEST_F(UdpAgent, MakesItselfKnownAndSendsEachRecordBehindAHeader) {
     EXPECT_NE(number, 0);
     EXPECT_EQ(vxagent_begin(agent, &transaction), 0) << "one at a time";
     vxagent_end(agent, number, 200, 0, 0);
-    EXPECT_EQ(vxagent_flush(agent, 20000), 1);
+    EXPECT_EQ(vxagent_flush(agent, 60000), 1);
     std::string datagram = intake.next(VXWrapType::kRecords);
     for (int record = 2; record <= 3; ++record) {  // start and end
         const VXByteView view(datagram.data(), datagram.size());

@@ -16,7 +16,7 @@
 namespace vx::test {
 namespace {
 
-constexpr int kWaitMs = 20000;
+constexpr int kWaitMs = 60000;
 
 bool readable(int fd) {
     pollfd one{fd, POLLIN, 0};
