@@ -52,8 +52,11 @@ TEST_F(EndToEnd, WhatKeywordsAskForComesWithItsNamesInEveryRun) {
                     "Host=a.b&X=y&traceparent=00-0af7651916cd43dd8448eb211c80319c-b7ad6b7169203331-01") +
             thrown(flowpath, "Ignored") + thrown(flowpath, "Shop.Gone") +
             headers(flowpath, "res", "Server=n&Age=1") + endFrame(flowpath, 404, 0));
-        ASSERT_TRUE(eventually([&] { return streams("data").find("\n4," + number) != std::string::npos; }))
-            << traceText();
+        ASSERT_TRUE(eventually([&] {  // the whole of it
+            const std::string data = streams("data");
+            const std::size_t at = data.find("\n4," + number);
+            return at != std::string::npos && data.find('\n', at + 1) != std::string::npos;
+        })) << traceText();
         const std::string data = streams("data");
         const std::string here = data.substr(data.rfind("\n99,NewConnection"));
         for (const std::string& record :

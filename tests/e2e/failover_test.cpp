@@ -20,7 +20,7 @@ protected:
         std::swap(streamsDir, otherStreams_);
     }
     int otherPort() const { return otherPort_; }
-    bool deliversAgain() { return arrive(arrived() + 61, 30); }
+    bool deliversAgain() { return arrive(arrived() + 61); }
     void killCollector() {
         collector->signal(SIGKILL);
         collector->wait();
@@ -39,7 +39,7 @@ TEST_P(TwoCollectors, AKilledOneIsReplacedByTheOtherAndBack) {
     startCollector();
     swapCollectors();
     const auto agent = startLoad({"--rate", "300", "--duration", "1000"});
-    ASSERT_TRUE(deliversAgain()) << traceText();
+    ASSERT_TRUE(deliversAgain() && linksStand()) << traceText();
     const int descriptors = descriptorsOf(service->pid());
     for (int round = 0; round < 4; ++round) {
         SCOPED_TRACE(round);
@@ -52,7 +52,7 @@ TEST_P(TwoCollectors, AKilledOneIsReplacedByTheOtherAndBack) {
         swapCollectors();
     }
     EXPECT_TRUE(service->running());
-    EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) == descriptors; }))
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors; }))
         << descriptors << " before, " << descriptorsOf(service->pid());
 }
 

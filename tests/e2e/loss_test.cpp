@@ -20,24 +20,24 @@ constexpr long kMaxGrowthKb = 2048 + kSanitizerGrowthKb;
 class Loss : public EndToEnd {
 protected:
     // True once so many transactions have come that some must have been sent after the call.
-    bool deliversAgain() { return arrive(arrived() + 61, 30); }
+    bool deliversAgain() { return arrive(arrived() + 61); }
     // Whatever is lost and whenever, the collector gets whole records, and the service holds no more than
     // before.
     void survives(TcpRelay& relay, const std::vector<Fault>& faults) {
         const auto agent = startLoad({"--rate", "300", "--duration", "1000"});
-        ASSERT_TRUE(deliversAgain()) << traceText();
+        ASSERT_TRUE(deliversAgain() && linksStand()) << traceText();
         const int descriptors = descriptorsOf(service->pid());
         for (std::size_t i = 0; i < faults.size(); ++i) {
             SCOPED_TRACE("fault " + std::to_string(i));
             const int struck = relay.struck();
             relay.add(faults[i]);
             relay.endAll(i % 2 == 0);
-            ASSERT_TRUE(eventually([&] { return relay.struck() > struck; }, 30)) << traceText();
+            ASSERT_TRUE(eventually([&] { return relay.struck() > struck; })) << traceText();
             EXPECT_TRUE(deliversAgain()) << traceText();
         }
         EXPECT_TRUE(service->running());
         EXPECT_EQ(summaryOfStreams().unreadable, 0u);
-        EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) == descriptors; }))
+        EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors; }))
             << descriptors << " before, " << descriptorsOf(service->pid());
     }
 };
@@ -118,7 +118,7 @@ TEST_F(LossOfAgents, ThousandsOfShortProcessesLeaveNothingBehind) {
     int highest = 0, descriptors = 0;
     long resident = 0;
     RawAgent first(proxyPort, "shop", 1);
-    ASSERT_TRUE(first.start());
+    ASSERT_TRUE(first.start() && linksStand());
     for (int round = 0; round < kRounds; ++round) {
         for (int i = 0; i < kPerRound; ++i) {
             RawAgent agent(proxyPort, "shop", ++pid);

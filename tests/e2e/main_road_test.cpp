@@ -23,7 +23,7 @@ TEST_F(MainRoad, DeliversEveryTransactionOfSeveralProcessesOfTwoApplications) {
     const auto stock =
         startLoad({"--app", "stock_2", "--rate", "50", "--transactions", "100", "--duration", "100"});
     deliver(80, {"--processes", "3", "--rate", "100"});
-    ASSERT_EQ(stock->wait(100), 0) << stock->output();
+    ASSERT_EQ(stock->wait(150), 0) << stock->output();
     const std::uint64_t sent = delivered + reported(stock->output(), "total", "transactions");
     EXPECT_EQ(sent, 340u);
     EXPECT_TRUE(arrive(sent)) << traceText();

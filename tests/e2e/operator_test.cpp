@@ -66,7 +66,7 @@ TEST_F(Operator, AProcessThatFallsLeavesItsStackAndAFewOldOnes) {
 
     startService();
     const auto agent = startLoad({"--rate", "50", "--duration", "1000"});
-    ASSERT_TRUE(arrive(5)) << traceText();
+    ASSERT_TRUE(arrive(5) && linksStand()) << traceText();  // its threads are in functions of ours
     before = filesOf("example_");
     ASSERT_EQ(::syscall(SYS_tgkill, service->pid(), newestThread(), SIGBUS), 0);
     EXPECT_EQ(service->wait(), 1);

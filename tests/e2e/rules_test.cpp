@@ -24,7 +24,7 @@ protected:
     }
     bool counts(const std::string& bt, std::uint64_t more = 0) {
         const std::uint64_t before = counted(bt);
-        return eventually([&] { return counted(bt) > before + more; }, 40);
+        return eventually([&] { return counted(bt) > before + more; });
     }
     // Runs a program's check to its end: the exit code.
     int check(const std::string& name, std::vector<std::string> arguments) {
@@ -66,7 +66,7 @@ TEST_F(RuleFiles, AnEditRenamesWhatBeginsAfterIt) {
     EXPECT_EQ(counted("Shop"), shown);
     EXPECT_EQ(counted("Hidden"), 0u);
     load->signal(SIGTERM);
-    load->wait(40);
+    load->wait();
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
 }
 

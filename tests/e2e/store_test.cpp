@@ -169,13 +169,14 @@ protected:
         Program::Setup setup;
         setup.arguments = {programPath("vxcollector"), "export", "--db", file, "--format", format};
         setup.outputFile = dir / format;
-        EXPECT_EQ(Program(setup).wait(30), 0);
+        EXPECT_EQ(Program(setup).wait(), 0);
         return dir.read(format);
     }
     std::string textOf(const char* sql) const {
         sqlite3* database = nullptr;
         std::string answer;
         sqlite3_open(file.c_str(), &database);
+        sqlite3_busy_timeout(database, 60'000);
         sqlite3_exec(
             database, sql,
             [](void* out, int, char** values, char**) {
@@ -200,7 +201,7 @@ TEST_F(StoreRoad, HoldsWhatTheStreamsAddUpTo) {
                   "30", "--duration", "100"});
     ASSERT_TRUE(arrive(delivered)) << traceText();
     collector->signal(SIGINT);
-    ASSERT_EQ(collector->wait(30), 0);
+    ASSERT_EQ(collector->wait(), 0);
     EXPECT_NE(collector->output().find("store: " + std::to_string(delivered) + " transactions, dropped 0"),
               std::string::npos)
         << collector->output();

@@ -17,7 +17,7 @@ class Datagrams : public EndToEnd {};
 class FunctionLives : public Datagrams, public testing::WithParamInterface<const char*> {};
 
 TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
-    proxySettings = "proxyudpTimeout=4\n";
+    proxySettings = "proxyudpTimeout=10\n";
     collectorWay = GetParam();
     startCollector();
     startService();
@@ -28,10 +28,9 @@ TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
         const std::string output = deliver(20, {"--udp", "--processes", "2", "--rate", "20"});
         EXPECT_EQ(reported(output, "total", "transactions"), 40u) << output;
         for (const std::string name : {"raw-0", "raw-1"})
-            ASSERT_TRUE(eventually(
-                [&] { return occurrences(traceText(), "closing connection with vxc func=" + name) == life; },
-                60))
-                << traceText();
+            ASSERT_TRUE(eventually([&] {
+                return occurrences(traceText(), "closing connection with vxc func=" + name) >= life;
+            })) << traceText();
         EXPECT_TRUE(eventually([&] { return descriptorsOf(service->pid()) <= descriptors; }));
     }
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
@@ -90,7 +89,7 @@ TEST_F(Datagrams, SettingsAndMessagesOfTheCollectorReachFunctionsAndTheirAnswers
     late.say(wrapped(VXWrapType::kRuckusResponse, index, "^RKMID=7;status=Done;"));
     EXPECT_TRUE(collector->outputHolds("VexalineMessage 2.0;RKMID=7;status=Done;")) << traceText();
     collector->say("ruckus 7 1");  // replaces it
-    EXPECT_TRUE(collector->outputHolds("VexalineMessage 2.0;RKMID=7;status=Success;", 1, 60)) << traceText();
+    EXPECT_TRUE(collector->outputHolds("VexalineMessage 2.0;RKMID=7;status=Success;")) << traceText();
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ TEST_P(WebSockets, DeliverEverythingOnBothSidesOfTheService) {
     EXPECT_TRUE(started(4));
     const std::uint64_t before = arrived();
     const auto load = startLoad({"--transactions", "100", "--duration", "100"});
-    EXPECT_EQ(load->wait(100), 0) << load->output();
+    EXPECT_EQ(load->wait(150), 0) << load->output();
     EXPECT_TRUE(arrive(before + 100)) << traceText();
     EXPECT_EQ(summaryOfStreams().unreadable, 0u);
     collector->signal(SIGKILL);
@@ -76,7 +76,7 @@ TEST_P(WebSockets, OfAnotherMakingUnderstandOurs) {
     proxyRelayPort = port;
     const auto load =
         startLoad({"--processes", "2", "--transactions", "200", "--rate", "500", "--duration", "100"});
-    ASSERT_EQ(load->wait(100), 0) << load->output() << traceText();
+    ASSERT_EQ(load->wait(150), 0) << load->output() << traceText();
     EXPECT_TRUE(arrive(400)) << arrived() << collector->output() << traceText();
     const collector::Summary summary = summaryOfStreams();
     EXPECT_EQ(summary.transactions, 400u);
@@ -123,7 +123,9 @@ TEST_F(WebSocketsBehind, AnInstanceMovesToWhatACollectorOffersThatListensForSeve
         collector->outputHolds("control connection of Tier/host7/shop/raw (instance 1) connected", 2));
     EXPECT_EQ(summaryOfStreams().transactions, delivered);
     for (const char* kind : {"Control", "Data", "AutoSensor"})
-        EXPECT_NE(traceText().find(kind + std::string(" Protcol:WSS")), std::string::npos) << kind;
+        EXPECT_TRUE(eventually([&] {
+            return occurrences(traceText(), kind + std::string(" Protcol:WSS")) > 0;
+        })) << kind;
 }
 
 }  // namespace

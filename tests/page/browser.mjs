@@ -31,6 +31,7 @@ export async function openBrowser(modules) {
         executablePath: chromiumPath(),
         args: FLAGS,
         headless: true,
+        timeout: 2 * PATIENCE_MS,
         viewport: {width: 1280, height: 900},
     });
     context.setDefaultTimeout(PATIENCE_MS);

@@ -10,12 +10,14 @@ import {setTimeout} from "node:timers/promises";
 
 const PATIENCE_MS = 60000;
 
+// Below the ports that the system hands out by itself, and aside from those of other tests: nobody takes it
+// before the service does.
 function freePort() {
     return new Promise((done) => {
-        const server = createServer().listen(0, "127.0.0.1", () => {
-            const {port} = server.address();
-            server.close(() => done(port));
-        });
+        const port = 11000 + Math.floor(Math.random() * 1000);
+        const server = createServer();
+        server.on("error", () => done(freePort()));
+        server.listen(port, "127.0.0.1", () => server.close(() => done(port)));
     });
 }
 

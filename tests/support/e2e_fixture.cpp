@@ -94,7 +94,23 @@ void EndToEnd::makeInstance(const std::string& application) {
     if (agentWay != "TCP") return;  // vxagent, which waits for this by itself, is the only one there
     RawAgent first(proxyPort, application, 1);
     ASSERT_TRUE(first.start()) << traceText();
-    ASSERT_TRUE(collector->outputHolds("data connection of Tier/host7/" + application + "/raw"));
+    for (const char* kind : {" data", " auto-sensor"})
+        ASSERT_TRUE(collector->outputHolds(kind + (" connection of Tier/host7/" + application + "/raw")))
+            << traceText();
+}
+
+bool EndToEnd::linksStand(int instances) const {
+    const auto standing = [this](const std::string& kind) {
+        std::istringstream lines(collector->output());
+        int count = 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(" " + kind + " connection of ") == std::string::npos) continue;
+            count += (line.find(") connected (") != std::string::npos) -
+                     (line.find(") disconnected (") != std::string::npos);
+        }
+        return count;
+    };
+    return eventually([&] { return standing("data") >= instances && standing("auto-sensor") >= instances; });
 }
 
 void EndToEnd::writeEntryPoints() const {
@@ -104,7 +120,7 @@ void EndToEnd::writeEntryPoints() const {
 }
 
 bool EndToEnd::started(int times) const {
-    return collector->outputHolds("action=start_instrumentation;status=starting;result=Ok", times, 40);
+    return collector->outputHolds("action=start_instrumentation;status=starting;result=Ok", times);
 }
 
 bool EndToEnd::stopRun(int times) const {
@@ -124,7 +140,7 @@ std::string EndToEnd::deliver(int transactions, std::vector<std::string> argumen
     arguments.insert(arguments.end(), {"--app", application, "--transactions", std::to_string(transactions),
                                        "--duration", "100"});
     const auto load = startLoad(arguments);
-    EXPECT_EQ(load->wait(100), 0) << load->output();
+    EXPECT_EQ(load->wait(150), 0) << load->output();
     delivered += reported(load->output(), "total", "transactions");
     EXPECT_TRUE(arrive(delivered)) << delivered << " sent, " << arrived() << " arrived\n" << traceText();
     return load->output();

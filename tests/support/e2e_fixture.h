@@ -23,9 +23,12 @@ protected:
     // `vxagent load` with the arguments given, towards the service; an agent of application "shop" unless
     // they name another.
     std::unique_ptr<Program> startLoad(const std::vector<std::string>& arguments);
-    // Makes the instance of an application, and waits until it passes data on: what comes before that is
+    // Makes the instance of an application, and waits until its links stand: data that comes before that is
     // lost.
     void makeInstance(const std::string& application);
+    // True once data and auto-sensor connections of so many instances stand: before, what the service holds
+    // is still growing.
+    bool linksStand(int instances = 1) const;
     // The entry points of vxagent's load, as a file that a collector with --files hands out.
     void writeEntryPoints() const;
     // True once instrumentation has been started so many times.
@@ -41,7 +44,7 @@ protected:
                         const std::string& application = "shop");
     // Transactions in the collector's streams, and whether as many come in time.
     std::uint64_t arrived() const { return summaryOfStreams().transactions; }
-    bool arrive(std::uint64_t count, double seconds = 20) const;
+    bool arrive(std::uint64_t count, double seconds = kPatience) const;
 
     // Text of all streams of one kind ("data", "control").
     std::string streams(const std::string& kind) const;
