@@ -24,7 +24,6 @@ namespace {
 
 constexpr std::size_t kPathSize = 4096;
 constexpr int kMaxDays = 36500;
-constexpr const char* kTracePrefix = "vx_trace_";
 constexpr std::size_t kStampDigits = 14;      // yyyymmddhhmmss
 constexpr std::int64_t kTimeOfDay = 1000000;  // hhmmss behind the day
 constexpr std::size_t kFixedTokens = 3;       // what a name has beside the names of process and pool
@@ -57,8 +56,7 @@ bool eachFile(const char* folder, Visit visit) {
     return true;
 }
 
-// Day of the time stamp in a trace file's name, -1 when the name is none of these: what somebody keeps beside
-// them stays. `tokens` gets the count.
+// Day of the time stamp in a trace file's name, -1 when the name has none. `tokens` gets the count.
 std::int64_t dayOfName(const std::string& name, std::size_t& tokens) {
     std::vector<std::string_view> parts;
     for (std::size_t from = 0; from < name.size();) {
@@ -67,7 +65,7 @@ std::int64_t dayOfName(const std::string& name, std::size_t& tokens) {
         from = to + 1;
     }
     tokens = parts.size();
-    if (tokens <= kFixedTokens || !name.starts_with(kTracePrefix)) return -1;
+    if (tokens <= kFixedTokens) return -1;
     const std::string_view stamp = parts[tokens - kFixedTokens];
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(stamp.data(), stamp.data() + stamp.size(), number);

@@ -137,32 +137,9 @@ std::int32_t frameLength(const VXByteView& bytes) {
     return bytes.i32At(1) == kHeaderLength && total >= kHeaderSize ? total : 0;
 }
 
-// Takes one thing after the other. kPartial: the cursor stands at a frame that goes on beyond the bytes.
-Step takeAll(Cursor& at, int singleRecord, const char* fpKey) {
-    Step step = Step::kGoOn;
-    while (!at.atEnd() && step != Step::kPartial && !(singleRecord && step == Step::kAccepted))
-        step = takeNext(at, singleRecord, fpKey);
-    return step;
-}
-
-Cursor beginAt(vxApplication& app, std::int64_t nowUs, const char* buffer, std::int32_t bytesRead,
-               std::int32_t procIndex) {
-    const std::int32_t length = buffer ? std::max(bytesRead, 0) : 0;
-    VX_TRACE(2, kControlThread, kInfo, "Method Called for decoding msg:%.*s",
-             std::min(length, kShownOfBuffer), buffer ? buffer : "");
-    app.decoder.readTimeUs = nowUs;
-    return {VXByteView(buffer, static_cast<std::size_t>(length)), length, procIndex};
-}
-
 void markAccepted(const vxApplication& app, std::int32_t procIndex) {
     if (procIndex < 0 || procIndex >= app.identity.numProcess.load(std::memory_order_acquire)) return;
     processAt(app, procIndex)->firstWord = 0;
-}
-
-void endAt(const vxApplication& app, const Cursor& at, Step step) {
-    if (at.records) markAccepted(app, at.procIndex);
-    VX_TRACE(2, kControlThread, kInfo, "records processed = %d, new line count = %d, partial count = %d",
-             at.records, at.newlines, step == Step::kPartial ? 1 : 0);
 }
 
 }  // namespace
@@ -176,26 +153,19 @@ int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytes
                       int singleRecord, const char* fpKey) {
     vxApplication& app = *vxCurrent();
     const VXGuard lock(app.decoder.decodeMutex);
-    Cursor at = beginAt(app, nowUs, buffer, bytesRead, procIndex);
-    const Step step = takeAll(at, singleRecord, fpKey);
+    const std::int32_t length = buffer ? std::max(bytesRead, 0) : 0;
+    VX_TRACE(2, kControlThread, kInfo, "Method Called for decoding msg:%.*s",
+             std::min(length, kShownOfBuffer), buffer ? buffer : "");
+    app.decoder.readTimeUs = nowUs;
+    Cursor at{VXByteView(buffer, static_cast<std::size_t>(length)), length, procIndex};
+    Step step = Step::kGoOn;
+    while (!at.atEnd() && step != Step::kPartial && !(singleRecord && step == Step::kAccepted))
+        step = takeNext(at, singleRecord, fpKey);
+    if (at.records) markAccepted(app, procIndex);
     if (!singleRecord) keepPartial(app.decoder, at, step == Step::kPartial);
-    endAt(app, at, step);
+    VX_TRACE(2, kControlThread, kInfo, "records processed = %d, new line count = %d, partial count = %d",
+             at.records, at.newlines, step == Step::kPartial ? 1 : 0);
     return 0;
-}
-
-std::int32_t vxDecodeRead(const char* buffer, std::int32_t length, std::int32_t procIndex) {
-    vxApplication& app = *vxCurrent();
-    const VXGuard lock(app.decoder.decodeMutex);
-    Cursor at = beginAt(app, vxlb_now_us(), buffer, length, procIndex);
-    Step step = takeAll(at, 0, nullptr);
-    // A frame that no read can hold whole is passed over like noise.
-    while (step == Step::kPartial && frameLength(at.bytes) > kReadBufSize) {
-        vxCountRefusedMessage();
-        at.skip(1, 1);
-        step = takeAll(at, 0, nullptr);
-    }
-    endAt(app, at, step);
-    return step == Step::kPartial ? static_cast<std::int32_t>(at.bytes.size()) : 0;
 }
 
 std::int32_t vxRefuseMessages(const char* bytes, std::int32_t length) {
@@ -204,7 +174,7 @@ std::int32_t vxRefuseMessages(const char* bytes, std::int32_t length) {
         left.take(static_cast<std::size_t>(static_cast<const char*>(mark) - left.data()));
         const bool headStands = left.size() >= kHeaderSize;
         const auto frame = static_cast<std::size_t>(headStands ? frameLength(left) : kHeaderSize);
-        if (frame > left.size() && frame <= kReadBufSize) return static_cast<std::int32_t>(left.size());
+        if (frame > left.size() && left.size() < kPartialSize) return static_cast<std::int32_t>(left.size());
         vxCountRefusedMessage();
         left.take(frame == 0 || frame > left.size() ? 1 : frame);
     }

@@ -7,11 +7,10 @@
 //     | offset | 0 | 1             | 5            | 9    | 13 | 14   | total - 1 |
 //     | field  | ^ | 12, signed 32 | total length | type | |  | body | newline   |
 //
-// What a read leaves of its last frame stands in front of what is read next on the same connection: that is
-// its reader's to keep (vxDecodeRead), or that of whoever decodes a stream of his own (decodeMessage, whose
-// decoder.partialBuffer drops a tail of 10,240 bytes or more).
+// What a read leaves of its last frame stands in decoder.partialBuffer: the caller keeps it with the
+// connection that it came from and puts it in front of what it reads there next. A tail of 10,240 bytes or
+// more is dropped.
 //
-// Limits    A frame of a connection has kReadBufSize bytes at most.
 // Errors    None: a corrupt frame is skipped, and what came of it stands in the trace log. Each frame that is
 //           not accepted counts in decoder.messagesRefused, noise between frames does not.
 // Threads   The thread that serves the instance; takes the decode lock of the current context.
@@ -33,11 +32,8 @@ int decodeMessage(const char* buffer, std::int32_t bytesRead, std::int32_t procI
 // The same for bytes that came at `nowUs`: what comes together reads the clock once.
 int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
                       int singleRecord, const char* fpKey);
-// The same for a read of a connection, without the context's carry-over. How many bytes at the end are a
-// frame that goes on beyond them, fewer than kReadBufSize: they stand in front of the connection's next read.
-std::int32_t vxDecodeRead(const char* buffer, std::int32_t length, std::int32_t procIndex);
 // Counts the frames of bytes that nobody is there for as refused, without a look into them. How many bytes at
-// the end are a frame that goes on beyond them: fewer than kReadBufSize, not counted.
+// the end are a frame that goes on beyond them: fewer than kPartialSize, not counted.
 std::int32_t vxRefuseMessages(const char* bytes, std::int32_t length);
 
 }  // namespace vx

@@ -115,32 +115,13 @@ bool collectorTakesData(const vxApplication& app) {
 }
 
 // What the last read of a data connection left of a record stands in its process's data buffer, behind its
-// length: bytes of two processes must never meet. Few records are longer than kPartialSize: the block grows
-// for what is left of one and shrinks behind it.
+// length: bytes of two processes must never meet.
 constexpr std::size_t kTailHead = sizeof(std::int32_t);
-
-std::size_t tailBlock(std::int32_t length) {
-    return kTailHead + static_cast<std::size_t>(std::max(length, kPartialSize));
-}
-
-std::int32_t tailLength(const processInfo_t& process) {
-    std::int32_t length = 0;
-    std::memcpy(&length, process.dataBuffer, kTailHead);
-    return length;
-}
 
 void putCarryOverInFront(const processInfo_t& process, VXReadBuffer& buffer) {
     if (!process.dataBuffer) return;
-    buffer.writeOffset = tailLength(process);
+    std::memcpy(&buffer.writeOffset, process.dataBuffer, kTailHead);
     std::memcpy(buffer.buffer, process.dataBuffer + kTailHead, static_cast<std::size_t>(buffer.writeOffset));
-}
-
-// Gives the process's block the size for a tail. False without memory: the block is as it was.
-bool fitTailBlock(processInfo_t& process, std::int32_t length) {
-    if (process.dataBuffer && tailBlock(length) == tailBlock(tailLength(process))) return true;
-    void* block = VXLB_REALLOC(process.dataBuffer, tailBlock(length), "data buffer", -1);
-    if (block) process.dataBuffer = static_cast<char*>(block);
-    return block != nullptr;
 }
 
 // Nobody takes the data: what is there, and what waits in the system's buffer, is counted before the
@@ -156,16 +137,18 @@ void refuseData(apr_socket_t* socket, VXAgentWs* wsi, VXReadBuffer& buffer, int 
     if (buffer.writeOffset > 0) vxCountRefusedMessage();  // its end will not come
 }
 
-// Of a read, what the decoder left of a record goes with the connection. The decode lock is held.
-void keepCarryOver(processInfo_t& process, const char* readEnd, std::int32_t length) {
-    if (!process.dataBuffer && length == 0) return;
-    if (!fitTailBlock(process, length) && length > 0) {
-        vxCountRefusedMessage();
-        length = 0;
+// Behind decodeMessage: what it left goes with the connection. The decode lock is held.
+void keepCarryOver(VXDecoderState_t& decoder, processInfo_t& process) {
+    if (!process.dataBuffer && decoder.partialLength == 0) return;
+    if (!process.dataBuffer)
+        process.dataBuffer = static_cast<char*>(VXLB_MALLOC(kTailHead + kPartialSize, "data buffer", -1));
+    if (process.dataBuffer) {
+        std::memcpy(process.dataBuffer, &decoder.partialLength, kTailHead);
+        std::memcpy(process.dataBuffer + kTailHead, decoder.partialBuffer,
+                    static_cast<std::size_t>(decoder.partialLength));
     }
-    if (!process.dataBuffer) return;
-    std::memcpy(process.dataBuffer, &length, kTailHead);
-    std::memcpy(process.dataBuffer + kTailHead, readEnd - length, static_cast<std::size_t>(length));
+    decoder.partialLength = 0;
+    decoder.partialBuffer[0] = '\0';
 }
 
 void decodeRest(const apr_socket_t* socket, const VXAgentWs* wsi, VXReadBuffer& buffer,
@@ -174,10 +157,9 @@ void decodeRest(const apr_socket_t* socket, const VXAgentWs* wsi, VXReadBuffer& 
     processInfo_t& process = *processAt(app, address.procIndex);
     vxSetCurrent(&app);
     const VXGuard lock(app.decoder.decodeMutex);
-    const char* const records = buffer.buffer + buffer.readOffset;
-    const std::int32_t tail = vxDecodeRead(records, buffer.remaining, address.procIndex);
+    decodeMessage(buffer.buffer + buffer.readOffset, buffer.remaining, address.procIndex, 0, nullptr);
     if (vxConnectionOf(process, socket, wsi) == VXConnection::kData)
-        keepCarryOver(process, records + buffer.remaining, tail);  // others have no next read
+        keepCarryOver(app.decoder, process);  // others have no next read
     setResetSocketBuffer(buffer);
 }
 
@@ -266,8 +248,8 @@ int readDataFromSocket(apr_socket_t* socket, VXReadBuffer& buffer, std::int32_t 
         VX_TRACE(1, kControlThread, kInfo, "Data Connection Closed, rv = %d (appIndex = %d, procIndex = %d)",
                  count, appIndex, procIndex);
     if (count < 0) return count;
-    const std::int32_t length = buffer.writeOffset + count;
-    keepCarryOver(process, buffer.buffer + length, vxDecodeRead(buffer.buffer, length, procIndex));
+    decodeMessage(buffer.buffer, buffer.writeOffset + count, procIndex, 0, nullptr);
+    keepCarryOver(app.decoder, process);
     return kReadDone;
 }
 

@@ -1,7 +1,7 @@
 // Reading from agents: one read of what is there, never a wait.
 //
 //     text lines    readMessageFromSocket -> processdatamsg -> processReceivedMsg for each line
-//     records       readDataFromSocket -> vxDecodeRead
+//     records       readDataFromSocket -> decodeMessage
 //
 // A WebSocket (behind a null socket) is read in the same way: what the library has handed over (`in`) stands
 // for what a read finds.
@@ -10,7 +10,7 @@
 // come whole. Two reads go on from an earlier one: a discovery connection's (its process keeps the tail) and
 // a data connection's (its process keeps the tail of an incomplete record).
 //
-// Limits    A line is at most 131,071 bytes with its newline, a record 131,072.
+// Limits    A line is at most 131,071 bytes with its newline.
 // Errors    kReadDone, kReadNothing (no bytes now), kReadFailed, kReadClosed; on the last two the caller
 //           closes the connection. A connection that was closed while its lines were handled answers
 //           kReadDone (vxConnectionClosed tells).

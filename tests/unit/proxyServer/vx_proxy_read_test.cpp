@@ -167,29 +167,6 @@ TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection)
     EXPECT_EQ(carried(), "") << "it ends with its connection";
 }
 
-// Exceptions with a long stack trace were lost wherever a read ended behind their first 10 KB.
-TEST_F(ReadTest, ALongRecordMayComeInAnyPiecesAndOneThatNoReadCouldHoldIsPassedOver) {
-    Agent data = further(kConTypeData);
-    links(true, true);
-    processInfo_t& sender = *processAt(instance(), 0);
-    const auto accepts = [&](const std::string& bytes) {
-        sender.firstWord = 7;
-        EXPECT_TRUE(data.peer.send(bytes));
-        while (readRecords(data) == kReadDone) continue;
-        return sender.firstWord == 0;
-    };
-    const std::string record = exceptionFrame(77, std::string(60000, 's').c_str());
-    for (const std::size_t cut : {std::size_t{10239}, std::size_t{10240}, record.size() - 1}) {
-        EXPECT_FALSE(accepts(record.substr(0, cut)));
-        EXPECT_EQ(carried(), record.substr(0, cut));
-        EXPECT_FALSE(accepts(record.substr(cut, 1)) && cut + 1 < record.size());
-        EXPECT_TRUE(cut + 1 == record.size() || accepts(record.substr(cut + 1)));
-        EXPECT_EQ(carried(), "") << cut;
-    }
-    EXPECT_TRUE(accepts(rawFrame(12, kReadBufSize + 1, 5, "") + exceptionFrame(77, "s") + "^"));
-    EXPECT_EQ(carried(), "^");
-}
-
 // A process that exits ends its connections in the order of their making: records that were still on their
 // way went with the control connection, and nothing counted them.
 TEST_F(ReadTest, RecordsThatAProcessHasSentAreReadBeforeItsConnectionsAreClosed) {
