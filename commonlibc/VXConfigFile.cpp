@@ -10,13 +10,13 @@
 #include "commonlibc/VXSys.h"
 #include "commonlibc/platform/vx_platform.h"
 #include "commonlibc/vxlb_guard.h"
+#include "commonlibc/vxlb_utf8.h"
 
 namespace vx {
 
 namespace {
 
 constexpr const char* kConfigFolder = "config";
-constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
 constexpr std::size_t kReasonSize = 256;
 
 // Empty lines and those with "#" as the first byte that is no blank.
@@ -87,7 +87,7 @@ VXConfigAnswer vxWalkConfigLines(const char* path, std::size_t maxLength, const 
     std::string line;
     bool tooLong = false;
     for (int number = 1; readLine(file.get(), maxLength, line, tooLong); ++number) {
-        if (number == 1 && line.starts_with(kByteOrderMark)) line.erase(0, std::strlen(kByteOrderMark));
+        if (number == 1) line.erase(0, vxlb_mark_length(line));
         if (isComment(line)) continue;
         cutEnd(line);
         visit({number, line.c_str(), faultOf(line, tooLong)});

@@ -23,6 +23,7 @@
 #include "commonlibc/vxbt/vxbt_thresholds.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utf8.h"
 #include "commonlibc/vxlb_utiles.h"
 #include "commonlibc/vxlb_word.h"
 
@@ -80,7 +81,7 @@ void parseContent(const char* content, std::int64_t size, int index) {
         const VXFileText copy = vxMakeFileText(size);
         if (!copy) return;
         std::memcpy(copy.get(), content, static_cast<std::size_t>(size));
-        row.parse(copy.get());
+        row.parse(copy.get() + vxlb_mark_length(copy.get()));
         return;
     }
 }

@@ -17,6 +17,7 @@
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utf8.h"
 
 namespace vx {
 
@@ -25,7 +26,6 @@ namespace {
 constexpr const char* kFileName = "vxsettings.conf";
 constexpr const char* kProtocolKey = "VXC_COMM_PROTOCOL";
 constexpr std::size_t kRewrittenSize = 1024;
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // an editor's; the first line goes behind it
 constexpr apr_off_t kMaxFile = 1048576;
 
 // The line's key is `key`: nothing that a key could go on with stands behind it.
@@ -52,11 +52,8 @@ std::string rewritten(std::string_view line, const VXSettingsChange& change) {
 }
 
 std::string rewrittenFile(std::string_view former, const VXSettingsChange& change) {
-    std::string text;
-    if (former.starts_with(kByteOrderMark)) {
-        text.append(kByteOrderMark);
-        former.remove_prefix(kByteOrderMark.size());
-    }
+    std::string text(former.substr(0, vxlb_mark_length(former)));
+    former.remove_prefix(text.size());
     while (!former.empty()) {
         const std::size_t end = former.find('\n');
         const std::string line = rewritten(former.substr(0, end), change);

@@ -29,4 +29,9 @@ bool vxlb_is_utf8(const char* text, std::size_t textLength) {
     return true;
 }
 
+std::size_t vxlb_mark_length(std::string_view text) noexcept {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    return text.starts_with(mark) ? mark.size() : 0;
+}
+
 }  // namespace vx

@@ -7,6 +7,7 @@
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
 #include "commonlibc/vxlb_trace.h"
+#include "commonlibc/vxlb_utf8.h"
 
 namespace vx {
 
@@ -62,11 +63,11 @@ bool getNextLine(char* line, const char** cursor) {
 
 VXRuleText::VXRuleText(const char* pathOrText, VXRuleSource source) {
     if (source == VXRuleSource::kPath) {
-        if (getLineFromFile(pathOrText, &block_) == 0) text_ = block_;
+        if (getLineFromFile(pathOrText, &block_) == 0) text_ = block_ + vxlb_mark_length(block_);
         return;
     }
     if (strnlen(pathOrText, kMaxRuleText + 1) <= kMaxRuleText) {
-        text_ = pathOrText;
+        text_ = pathOrText + vxlb_mark_length(pathOrText);
         return;
     }
     text_ = nullptr;

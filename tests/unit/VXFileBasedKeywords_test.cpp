@@ -10,6 +10,7 @@
 #include "commonlibc/control_buffer.h"
 #include "commonlibc/control_lines.h"
 #include "commonlibc/control_loop.h"
+#include "commonlibc/vxlb_utf8.h"
 #include "tests/support/link_fixture.h"
 
 namespace vx::test {
@@ -86,12 +87,14 @@ TEST_F(FileKeywords, AChangedFileIsFetchedAndAnUnchangedOneOnlyParsedAgainByASta
     }
     EXPECT_EQ(asked(), Lines{});
 
-    for (const auto& [changed, text] :
-         {std::pair("f.txt|5|2", "abcde"), {"f.txt|6|2", "abcdef"}, {"g.txt|6|2", "abcdef"}}) {
+    for (const auto& [changed, text] : {std::pair("f.txt|5|2", "abcde"),
+                                        {"f.txt|6|2", "abcdef"},
+                                        {"g.txt|6|2", "abcdef"},
+                                        {"g.txt|8|2", "\xEF\xBB\xBFxabcd"}}) {
         peer.send(kHead + changed[6] + ";lmd=2;\n" + text);
         modify(changed);
         EXPECT_EQ(asked(), Lines{kRequest}) << changed;
-        EXPECT_EQ(parsed, text + std::string("$"));
+        EXPECT_EQ(parsed, text + vxlb_mark_length(text) + std::string("$"));
     }
     EXPECT_EQ(warnings(), "");
 }

@@ -212,6 +212,11 @@ TEST_F(RuleTexts, ComeFromFilesReadWhole) {
     const std::string path = folder.path() + "/rules";
     const auto write = [&](const std::string& text) { std::ofstream(path, std::ios::binary) << text; };
     const auto read = [&](const std::string& at) { vxbt_read_rule_file(at.c_str(), VXRuleSource::kPath); };
+    write(
+        "\xEF\xBB\xBF"
+        "7|M|2|0|/m|0\n7|N|3|0|/n|0");
+    read(path);
+    EXPECT_EQ(nameOf("/m"), "M") << "behind the mark of an editor";
     write(std::string(3000, '#') + "\n" + "7|" + std::string(1100, 'n') + "|2|0|/a|0\n7|B|3|0|/b|0");
     read(path);
     EXPECT_EQ(nameOf("/b"), "B");

@@ -15,7 +15,9 @@ protected:
 };
 
 TEST_F(Thresholds, OfANameCountWheneverARuleDeclaresIt) {
-    thresholdsAre("A|10|20\nUnknown|1|2\nlater|30|40");
+    thresholdsAre(
+        "\xEF\xBB\xBF"
+        "A|10|20\nUnknown|1|2\nlater|30|40");
     rulesAre("7|A|2|0|/a|0\n7|B|3|0|/b|0\n7|Zero|0|0|/z|0");
     EXPECT_EQ(of("A"), "10/20 own");
     EXPECT_EQ(of("B"), "3000/5000");
