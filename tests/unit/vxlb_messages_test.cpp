@@ -1,5 +1,7 @@
 #include "commonlibc/vxlb_messages.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 
 #include "tests/support/flowpath_fixture.h"
@@ -159,6 +161,22 @@ TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 2);
     EXPECT_EQ(app->Server.lastSweepTimeMs, kNowUs / 1000);
     EXPECT_EQ(dumpedText(*app), "");
+}
+
+// From the encoder through the engine to the records that go out.
+TEST_F(Messages, ATransactionBecomesItsRecords) {
+    const std::int64_t flowpath = 4611686018427387904;
+    readBytes(*app, startFrame(flowpath, "/shop/cart?id=1|GET", kNowUs) +
+                        entryFrame(flowpath, "Shop.Cart.show", kNowUs + 2000) +
+                        exitFrame(flowpath, "Shop.Cart.show", 30000, kNowUs + 32000) +
+                        endFrame(flowpath, 200, kNowUs + 40000));
+    EXPECT_EQ(dumpedText(*app),
+              "7,2,/shop/cart\n"
+              "2,4611686018427387904,1700000000,1,1.1,2,/shop/cart?id=1,,4611686018427387904,0,0,,0,0,,,,"
+              "1700000000000\n"
+              "4,4611686018427387904,200,10,0,40,2,0,,0,1:0_0_0__3:1_0_2__3:1_1_30_0___1:0_1_40_0___\n");
+    EXPECT_FALSE(find("4611686018427387904"));
+    EXPECT_EQ(app->flowpath.gBusyTLSCnt, 1);
 }
 
 }  // namespace
