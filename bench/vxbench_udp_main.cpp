@@ -283,8 +283,7 @@ void decode() {
 }
 
 void functions(int count) {
-    vxlb_set_clock_hooks(
-        {.now_us = [] { return nowUs; }, .sleep_us = [](std::int64_t) {}, .random_byte = nullptr});
+    vxlb_set_clock_hooks({[] { return nowUs; }, [](std::int64_t) {}, nullptr, [] { return nowUs; }});
     std::string lives;
     for (int i = 0; i <= count; ++i) {
         if (i % std::max(count / 5, 1) == 0) {

@@ -153,7 +153,7 @@ void get_as_ip_and_port() {
 
 void closeAutoSensorConnection() {
     VXAutoSensorState_t& sensor = vxCurrent()->autoSensor;
-    vxCloseLink(linkOf(sensor), sensor.chain, vxlb_now_us() + kSettleTimeUs);
+    vxCloseLink(linkOf(sensor), sensor.chain, vxlb_steady_us() + kSettleTimeUs);
 }
 
 VXCarrier vxAutoSensorCarrier(const VXAutoSensorState_t& sensor) {

@@ -109,13 +109,13 @@ void awaitEndOfRun(const vxApplication& app) {
 }
 
 int finalFlushOver() {
-    return vxlb_now_us() >= vxCurrent()->autoSensor.flushDeadlineUs;
+    return vxlb_steady_us() >= vxCurrent()->autoSensor.flushDeadlineUs;
 }
 
 // What the chain holds at the end of a run, as far as the peer takes it.
 void flushAtEnd(VXAutoSensorState_t& sensor) {
     moveCommonPartialToReadList();
-    sensor.flushDeadlineUs = vxlb_now_us() + kFinalFlushUs;
+    sensor.flushDeadlineUs = vxlb_steady_us() + kFinalFlushUs;
     while (vxSendChain(sensor.chain, vxAutoSensorCarrier(sensor), finalFlushOver) == kSendNoBytes &&
            !finalFlushOver())
         continue;

@@ -44,7 +44,7 @@ constexpr auto kLineRows = std::to_array<LineRow>({
 void handleReceivedClientMessageFromVXCollector(char* line) {
     vxApplication& app = *vxCurrent();
     app.control.heartBeatSent = 0;
-    app.control.lastHeartBeatTime = vxlb_now_ms();
+    app.control.lastHeartBeatTime = vxlb_steady_ms();
     const std::string_view text(line);
     for (const LineRow& row : kLineRows) {
         if (!text.starts_with(row.prefix)) continue;

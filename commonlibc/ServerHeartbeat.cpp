@@ -1,5 +1,6 @@
 #include "commonlibc/ServerHeartbeat.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -43,8 +44,8 @@ void takeState(VXSys_t& sys, char* field) {
 }
 
 void traceHeartbeat(const vxApplication& app) {
-    const std::int64_t now = app.control.lastHeartBeatTime;
-    const std::int64_t elapsed = now - app.identity.startTimeMs;
+    const std::int64_t now = vxlb_now_ms();
+    const std::int64_t elapsed = std::max<std::int64_t>(now - app.identity.startTimeMs, 0);
     char text[96];
     std::snprintf(text, sizeof(text), "Hour:%lld Min:%lld sec:%lld",
                   static_cast<long long>(elapsed / kMsPerHour),

@@ -124,7 +124,7 @@ void handleReroute(char* line) {
     if (!parseReRouteMessageAndUpdateClientInfo(line)) return;
     vxlb_copy_text(control.connDestination, sizeof(control.connDestination), former);
     control.requestType = kRequestReroute;
-    control.connDuration = vxlb_now_ms() - control.lastConnectionTimeStamp;
+    control.connDuration = vxlb_steady_ms() - control.connectedAtMs;
     if (app.Server.instrumentationStarted) handleStoppingCaseAtStopInstrumentCase();
     app.Server.numRunning = 0;
     closeCurrentControlConnection();

@@ -139,7 +139,7 @@ void close_data_connection() {
     VX_TRACE(1, kControlThread, kInfo, "Going to close Data connection of %s:%d with %s:%d.\n",
              data.dataConnSourceIP, data.dataConnSourcePort, data.dataConnDestIP, data.dataConnDestPort);
     data.controlCommunicationBusyFlag.store(0, std::memory_order_release);
-    vxCloseLink(linkOf(data), data.chain, std::max(vxlb_now_us() + kSettleTimeUs, data.flushDeadlineUs));
+    vxCloseLink(linkOf(data), data.chain, std::max(vxlb_steady_us() + kSettleTimeUs, data.flushDeadlineUs));
 }
 
 bool send_data_con_req_msg_to_vxc() {

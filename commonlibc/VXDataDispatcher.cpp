@@ -275,13 +275,11 @@ void movePartialToReadList() {
 void handleHeartBeat(int flushPartial) {
     vxApplication* app = vxCurrent();
     if (!app) return;
-    const std::int64_t now = vxRelativeMs(*app, vxlb_now_us());
+    const std::int64_t now = vxlb_steady_ms();
     std::atomic<std::int64_t>& last = app->data.lastDataHeartbeatTime;
     if (last.load(std::memory_order_relaxed) == 0) last.store(now, std::memory_order_relaxed);
-    // The base, and with it both times, may be any value: the difference wraps.
-    const auto passed = static_cast<std::int64_t>(
-        static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(last.load(std::memory_order_relaxed)));
-    if (passed / 1000 < vx_word_get(app->VXSys.dataHeartbeatInterval)) return;
+    if ((now - last.load(std::memory_order_relaxed)) / 1000 < vx_word_get(app->VXSys.dataHeartbeatInterval))
+        return;
     dumpData("\n", 1);
     if (flushPartial == 1) movePartialToReadList(app->data.chain);
     last.store(now, std::memory_order_relaxed);

@@ -27,7 +27,7 @@ bool vxOpenLink(VXDataLink link, const VXCollectorRecord& collector, std::int64_
 // Sends everything, as long as `stop` answers false between two sends. False when it could not.
 bool vxSendAll(apr_socket_t* socket, const char* data, std::int64_t length, bool (*stop)());
 // Closes the connection and puts what has not arrived back to the front of the chain. The time until
-// `untilUs` is used for what is on its way; a connection that is broken has nothing to wait for.
+// `untilUs` (steady) is used for what is on its way; a connection that is broken has nothing to wait for.
 void vxCloseLink(VXDataLink link, VXBufferChain& chain, std::int64_t untilUs);
 
 }  // namespace vx

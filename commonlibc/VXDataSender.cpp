@@ -35,8 +35,9 @@ void drainForServiceStop(vxApplication& app) {
     if (proxyCleaningFlag.load(std::memory_order_acquire) || app.data.flushing) return;
     app.data.flushing = 1;
     movePartialToReadList(app.data.chain);
-    const std::int64_t deadline = vxlb_now_us() + kServiceStopTimeUs;
-    while (dataConnService(0) == kSendNoBytes && vxlb_now_us() < deadline) vxlb_sleep_us(kServiceStopPauseUs);
+    const std::int64_t deadline = vxlb_steady_us() + kServiceStopTimeUs;
+    while (dataConnService(0) == kSendNoBytes && vxlb_steady_us() < deadline)
+        vxlb_sleep_us(kServiceStopPauseUs);
     app.data.flushing = 0;
 }
 
@@ -77,10 +78,11 @@ void flushCommonData() {
     if (data.flushing || (!data.dataSocket.get() && !data.dataWsi.load(std::memory_order_acquire))) return;
     data.flushing = 1;
     movePartialToReadList(data.chain);
-    const std::int64_t deadline = data.flushDeadlineUs ? data.flushDeadlineUs : vxlb_now_us() + kFlushTimeUs;
+    const std::int64_t deadline =
+        data.flushDeadlineUs ? data.flushDeadlineUs : vxlb_steady_us() + kFlushTimeUs;
     for (int round = 0; round < kFlushRounds; ++round) {
         if (dataConnService(0) != kSendNoBytes) break;
-        if (dataStopSeen(*app) && vxlb_now_us() >= deadline) break;
+        if (dataStopSeen(*app) && vxlb_steady_us() >= deadline) break;
     }
     data.flushing = 0;
 }
@@ -94,7 +96,7 @@ int checkAndStopThread() {
     if (runFlagsSet(app) && !app.control.closeCtrlConFlag.load(std::memory_order_acquire)) return 0;
     VX_TRACE(3, kControlThread, kError, "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
              app.Server.isTenRecordDump.load(std::memory_order_relaxed));
-    if (!app.data.flushDeadlineUs) app.data.flushDeadlineUs = vxlb_now_us() + kFlushTimeUs;
+    if (!app.data.flushDeadlineUs) app.data.flushDeadlineUs = vxlb_steady_us() + kFlushTimeUs;
     // Settings go back to their defaults at the next start: the listener still reads them here.
     writeEndOfRun(app);
     VX_TRACE(1, kControlThread, kInfo, "dataConnectionBreak,so going to closing data thread");

@@ -119,7 +119,7 @@ bool foundGone(const VXBufferChain& chain, const VXCarrier& carrier) {
 }
 
 std::int64_t settleLws(VXLwsConnection& connection, std::int64_t untilUs) {
-    while (vxLwsStands(connection) && vxLwsUnacknowledged(connection) > 0 && vxlb_now_us() < untilUs)
+    while (vxLwsStands(connection) && vxLwsUnacknowledged(connection) > 0 && vxlb_steady_us() < untilUs)
         vxLwsTurn(connection, kSettleStepUs);
     const std::int64_t missing = vxLwsUnacknowledged(connection);
     const bool serviceStops = proxyStopFlag.load(std::memory_order_acquire) != 0;
@@ -169,7 +169,7 @@ std::int64_t vxSettle(const VXCarrier& carrier, std::int64_t untilUs) {
     // The other host acknowledges an end at once.
     if (failed(socket) || apr_socket_shutdown(socket, APR_SHUTDOWN_WRITE) != APR_SUCCESS)
         return unacknowledged(socket);
-    while (unacknowledged(socket) > 0 && !failed(socket) && vxlb_now_us() < untilUs)
+    while (unacknowledged(socket) > 0 && !failed(socket) && vxlb_steady_us() < untilUs)
         vxlb_sleep_us(kSettleStepUs);
     const std::int64_t missing = unacknowledged(socket);
     const bool serviceStops = proxyStopFlag.load(std::memory_order_acquire) != 0;  // the system goes on

@@ -53,7 +53,7 @@ VXBufferNode* vxNodeToSend(VXBufferChain& chain);
 void vxGiveBackHead(VXBufferChain& chain);
 // Gives back what has arrived meanwhile.
 void vxReleaseArrived(VXBufferChain& chain, const VXCarrier& carrier);
-// Waits until what was handed over has arrived, or `untilUs` (Unix microseconds). What has not by then is
+// Waits until what was handed over has arrived, or `untilUs` (steady microseconds). What has not by then is
 // called back: the carrier, when closed, resets the connection. Bytes that have not arrived.
 std::int64_t vxSettle(const VXCarrier& carrier, std::int64_t untilUs);
 // The connection has ended with `unacknowledged` bytes of its end not arrived.

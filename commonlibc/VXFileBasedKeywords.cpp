@@ -111,7 +111,7 @@ void noFile(const char* keyword) {
 
 // Nothing at all has come for so long that the read loop would have left the connection.
 bool collectorIsSilent(const vxApplication& app) {
-    return vxlb_now_ms() - app.control.lastHeartBeatTime >= vx_word_get(app.VXSys.vxcHeartBeatThreshold);
+    return vxlb_steady_ms() - app.control.lastHeartBeatTime >= vx_word_get(app.VXSys.vxcHeartBeatThreshold);
 }
 
 // Asks for a file of the line's size. Null when it did not come, with what must follow.

@@ -119,7 +119,7 @@ private:
                 return 0;
             }
             if (count == 0) continue;
-            app_.control.lastHeartBeatTime = vxlb_now_ms();  // a collector that sends files is alive
+            app_.control.lastHeartBeatTime = vxlb_steady_ms();  // a collector that sends files is alive
             return count;
         }
     }

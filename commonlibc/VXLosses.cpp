@@ -41,8 +41,8 @@ VXLossTotals vxLossTotals(const vxApplication& app) {
 }
 
 void vxLossesWalk() {
-    const std::int64_t nowUs = vxlb_now_us();
-    if (lastWalkUs <= nowUs && nowUs - lastWalkUs < kWalkUs) return;  // a clock set back counts as a minute
+    const std::int64_t nowUs = vxlb_steady_us();
+    if (nowUs - lastWalkUs < kWalkUs) return;
     lastWalkUs = nowUs;
     if (!VXProxyInstance.load(std::memory_order_acquire)) return;
     const std::int32_t count = VXProxy.numInstance.load(std::memory_order_acquire);

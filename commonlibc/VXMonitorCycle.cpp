@@ -121,7 +121,7 @@ void planReport(vxApplication& app) {
 }
 
 void readTime(vxApplication& app) {
-    app.monitor.curTimeStamp = vxRelativeMs(app, vxlb_now_us());
+    app.monitor.curTimeStamp = vxlb_steady_ms();
 }
 
 void beginSession(vxApplication& app) {

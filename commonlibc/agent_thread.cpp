@@ -120,9 +120,9 @@ void vxStopService(VXStopReport report) {
     vxWakeListener();
     if (proxyCleaningFlag.load(std::memory_order_acquire)) vxlb_sleep_us(kEndUs);
     const std::uint64_t before = tellLosses().records;
-    const std::int64_t deadline = vxlb_now_us() + kDrainUs;
+    const std::int64_t deadline = vxlb_steady_us() + kDrainUs;
     bool ended = vxDataThreadsDrained();
-    for (; !ended && vxlb_now_us() < deadline; ended = vxDataThreadsDrained()) vxlb_sleep_us(kStepUs);
+    for (; !ended && vxlb_steady_us() < deadline; ended = vxDataThreadsDrained()) vxlb_sleep_us(kStepUs);
     const VXLossTotals lost = tellLosses();
     const VXStopEnd end = !ended                   ? VXStopEnd::kUncounted
                           : lost.records != before ? VXStopEnd::kLost

@@ -101,7 +101,7 @@ void send_control_conn_heartbeat_to_vxc() {
     if (++control.heartBeatSent % kHeartbeatsPerTrace == 0)
         VX_TRACE(1, kControlThread, kInfo,
                  "Sending Heart Beat (empty line) to VXC as no data received in last %lld (ms)",
-                 static_cast<long long>(vxlb_now_ms() - control.lastHeartBeatTime));
+                 static_cast<long long>(vxlb_steady_ms() - control.lastHeartBeatTime));
     if (control.lws_active) {
         if (!vxOutboxFinish(app) || send_control_data_via_lws_socket(line, length) != 0)
             control_connection_cleanup();
@@ -138,6 +138,7 @@ void noteConnection(vxApplication& app) {
     std::snprintf(app.control.connDestination, sizeof(app.control.connDestination), "%s:%d",
                   app.VXBCISetting.vxcHost.getOr(""), app.VXBCISetting.vxcPort.load());
     app.control.lastConnectionTimeStamp = vxlb_now_ms();
+    app.control.connectedAtMs = vxlb_steady_ms();
 }
 
 void setConnectionChannel() {

@@ -131,7 +131,7 @@ bool heartbeatsUnanswered(vxApplication& app) {
 
 // False after too long a silence of the collector.
 bool checkVXCAlive(const vxApplication& app) {
-    const std::int64_t silence = vxlb_now_ms() - app.control.lastHeartBeatTime;
+    const std::int64_t silence = vxlb_steady_ms() - app.control.lastHeartBeatTime;
     const std::int64_t threshold = vx_word_get(app.VXSys.vxcHeartBeatThreshold);
     if (silence < threshold) return true;
     VX_TRACE(
@@ -161,7 +161,7 @@ Round oneRound(vxApplication& app, SocketWatch& watch, ctrlBufInfo_t* info, std:
     const apr_status_t status = waitForBytes(app, watch);
     if (APR_STATUS_IS_TIMEUP(status)) return idleRound(app, idleRounds);
     if (status == APR_SUCCESS) {
-        app.control.lastHeartBeatTime = vxlb_now_ms();
+        app.control.lastHeartBeatTime = vxlb_steady_ms();
         return read_msg_from_vxc(info) == 0 ? Round::kGoOn : Round::kConnectionEnds;
     }
     if (APR_STATUS_IS_EINTR(status)) return Round::kGoOn;

@@ -60,7 +60,7 @@ bool giveUp(vxApplication& app) {
 bool heartbeatsUnanswered(vxApplication& app) {
     const VXControlState_t& control = app.control;
     if (control.heartBeatSent < control.heartBeatMissCount) return false;
-    const auto silence = static_cast<long long>(vxlb_now_ms() - control.lastHeartBeatTime);
+    const auto silence = static_cast<long long>(vxlb_steady_ms() - control.lastHeartBeatTime);
     if (silence <= kUnansweredMs) {
         VX_TRACE(1, kControlThread, kInfo, "heartbeat threshold reaches before time %lld", silence);
         return false;
@@ -71,13 +71,13 @@ bool heartbeatsUnanswered(vxApplication& app) {
 }
 
 bool silentTooLong(vxApplication& app) {
-    const std::int64_t last = app.control.lastHeartBeatTime, now = vxlb_now_ms();
-    if (now - last <= kSilentMs) return false;
+    const std::int64_t silence = vxlb_steady_ms() - app.control.lastHeartBeatTime, now = vxlb_now_ms();
+    if (silence <= kSilentMs) return false;
     VX_TRACE(1, kControlThread, kError,
              "No response received from VXC in last %d minutes. Last message  time %ld,  current time %ld, "
              "difference %d(seconds). Connection will be closed and retried.",
-             kSilentMinutes, static_cast<long>(last), static_cast<long>(now),
-             static_cast<int>((now - last) / 1000));
+             kSilentMinutes, static_cast<long>(now - silence), static_cast<long>(now),
+             static_cast<int>(silence / 1000));
     return giveUp(app);
 }
 
@@ -134,7 +134,7 @@ int start_control_connection_service(ctrlBufInfo_t* info) {
 }
 
 int process_message_from_vxc(ctrlBufInfo_t* info) {
-    vxCurrent()->control.lastHeartBeatTime = vxlb_now_ms();
+    vxCurrent()->control.lastHeartBeatTime = vxlb_steady_ms();
     return read_msg_from_vxc(info);
 }
 

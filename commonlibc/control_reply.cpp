@@ -131,7 +131,7 @@ void tellProcesses(vxApplication& app, const char* line, std::int32_t count) {
 
 // False when the heartbeat has too few fields and the connection was given up.
 bool takeFirstHeartbeat(vxApplication& app, const char* line) {
-    app.control.lastHeartBeatTime = vxlb_now_ms();
+    app.control.lastHeartBeatTime = vxlb_steady_ms();
     const OwnText copy = copyLine(line);
     if (!copy) return true;
     vxRelayToAll(copy.get());

@@ -238,7 +238,7 @@ Step loopEnded(Cycle& cycle) {
 Step running(Cycle& cycle) {
     VXControlState_t& control = cycle.app.control;
     if (cycle.answered) control.requestType = 0;  // told: a later connect is an ordinary one again
-    control.lastHeartBeatTime = vxlb_now_ms();
+    control.lastHeartBeatTime = vxlb_steady_ms();
     const int result = handle_msg_from_vxc_lws(&cycle.info);
     if (control.lateVerdict != 0) return afterVerdict(cycle, control.lateVerdict);
     cycle.atOnce = 0;

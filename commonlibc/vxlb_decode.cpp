@@ -146,17 +146,18 @@ void markAccepted(const vxApplication& app, std::int32_t procIndex) {
 
 int decodeMessage(const char* buffer, std::int32_t bytesRead, std::int32_t procIndex, int singleRecord,
                   const char* fpKey) {
-    return vxDecodeMessageAt(vxlb_now_us(), buffer, bytesRead, procIndex, singleRecord, fpKey);
+    return vxDecodeMessageAt(vxlb_moment(), buffer, bytesRead, procIndex, singleRecord, fpKey);
 }
 
-int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
+int vxDecodeMessageAt(const VXMoment& now, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
                       int singleRecord, const char* fpKey) {
     vxApplication& app = *vxCurrent();
     const VXGuard lock(app.decoder.decodeMutex);
     const std::int32_t length = buffer ? std::max(bytesRead, 0) : 0;
     VX_TRACE(2, kControlThread, kInfo, "Method Called for decoding msg:%.*s",
              std::min(length, kShownOfBuffer), buffer ? buffer : "");
-    app.decoder.readTimeUs = nowUs;
+    app.decoder.readTimeUs = now.wallUs;
+    app.decoder.readSteadyMs = now.steadyMs;
     Cursor at{VXByteView(buffer, static_cast<std::size_t>(length)), length, procIndex};
     Step step = Step::kGoOn;
     while (!at.atEnd() && step != Step::kPartial && !(singleRecord && step == Step::kAccepted))

@@ -18,6 +18,7 @@
 
 #include <cstdint>
 
+#include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_messages.h"
 
 namespace vx {
@@ -29,8 +30,8 @@ namespace vx {
 //                 the carry-over is neither read nor written
 int decodeMessage(const char* buffer, std::int32_t bytesRead, std::int32_t procIndex, int singleRecord,
                   const char* fpKey);
-// The same for bytes that came at `nowUs`: what comes together reads the clock once.
-int vxDecodeMessageAt(std::int64_t nowUs, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
+// The same for bytes that came at `now`: what comes together reads the clocks once.
+int vxDecodeMessageAt(const VXMoment& now, const char* buffer, std::int32_t bytesRead, std::int32_t procIndex,
                       int singleRecord, const char* fpKey);
 // Counts the frames of bytes that nobody is there for as refused, without a look into them. How many bytes at
 // the end are a frame that goes on beyond them: fewer than kPartialSize, not counted.

@@ -58,8 +58,7 @@ vxTD* findSlot(const Message& message) {
         vxCountRefusedMessage();
         return nullptr;
     }
-    slot->lastActivityTime.store(vxRelativeMs(message.app, message.app.decoder.readTimeUs),
-                                 std::memory_order_relaxed);
+    slot->lastActivityTime.store(message.app.decoder.readSteadyMs, std::memory_order_relaxed);
     return slot;
 }
 
@@ -164,11 +163,11 @@ void onTransactionEnd(Message& in) {
 
 // Resets bring the age sweep along, at most once in five minutes and before their own work.
 void onTransactionReset(Message& in) {
-    const std::int64_t nowUs = in.app.decoder.readTimeUs;
-    if (nowUs / 1000000 - in.app.Server.lastSweepTimeMs / 1000 > kAgeLimitSeconds) {
+    const std::int64_t nowMs = in.app.decoder.readSteadyMs;
+    if (nowMs / 1000 - in.app.Server.lastSweepTimeMs / 1000 > kAgeLimitSeconds) {
         VX_TRACE(1, kFlowpath, kInfo, "Five minutes expired now resseting");
-        in.app.Server.lastSweepTimeMs = nowUs / 1000;
-        resetFPafterThreshold(nowUs);
+        in.app.Server.lastSweepTimeMs = nowMs;
+        resetFPafterThreshold(nowMs);
     }
     vxTD* slot = findSlot(in);
     if (!slot) {
@@ -349,7 +348,7 @@ std::atomic<std::int32_t> resetsOfProcess{0};
 
 // Slots that a sweep has found too old; a full batch is emptied and the walk begins again.
 struct AgedSlots {
-    std::int64_t nowUs;
+    std::int64_t nowMs;
     std::size_t count;
     std::array<vxTD*, 64> slots;
 };
@@ -357,7 +356,7 @@ struct AgedSlots {
 bool collectAged(const char*, void* value, void* argument) {
     auto& aged = *static_cast<AgedSlots*>(argument);
     auto* slot = static_cast<vxTD*>(value);
-    if (slot->startTimeUs > 0 && (aged.nowUs - slot->startTimeUs) / 1000000 > kAgeLimitSeconds)
+    if (slot->startTimeUs > 0 && vxWrapSub(aged.nowMs, slot->startSteadyMs) / 1000 > kAgeLimitSeconds)
         aged.slots[aged.count++] = slot;
     return aged.count < aged.slots.size();
 }
@@ -407,14 +406,14 @@ char* getBtBaseOnHeader1(char* haystack, const char* needle) {
     return value + 1;
 }
 
-void resetFPafterThreshold(std::int64_t nowUs) {
+void resetFPafterThreshold(std::int64_t nowMs) {
     VXMap* map = vxCurrent()->flowpath.fpi_tls_map;
     if (vxlb_map_count(map) == 0) {
         VX_TRACE(1, kFlowpath, kInfo, "print No memory needed to be freed");
         return;
     }
     std::int32_t resets = 0;
-    AgedSlots aged{nowUs, 0, {}};
+    AgedSlots aged{nowMs, 0, {}};
     unsigned before = 0;
     do {
         before = vxlb_map_count(map);

@@ -13,7 +13,7 @@
 // start that got no slot.
 //
 // Threads   Under the decode lock, on the current context; times of activity are those of the read being
-//           decoded (decoder.readTimeUs).
+//           decoded (decoder.readTimeUs, readSteadyMs).
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ int readDataMessage(const char* body, std::int64_t bodyLength, std::int32_t mess
 // Finds `needle`, cuts the rest at the next "&" and answers what follows the first "="; null, and nothing
 // is cut, without either.
 char* getBtBaseOnHeader1(char* haystack, const char* needle);
-// Resets every flowpath that began more than 300 seconds before `nowUs`, without records.
-void resetFPafterThreshold(std::int64_t nowUs);
+// Resets every flowpath that began more than 300 seconds before `nowMs` (steady), without records.
+void resetFPafterThreshold(std::int64_t nowMs);
 
 }  // namespace vx

@@ -56,7 +56,10 @@ void setInstance(vxTD* slot, std::int64_t instance) {
 void setTimes(const vxApplication& app, vxTD* slot, std::int64_t startTime) {
     slot->startTimeUs = startTime < 1 ? vxlb_now_us() : startTime;
     slot->startTimeRel = vxRelativeMs(app, slot->startTimeUs);
-    slot->lastActivityTime.store(vxRelativeMs(app, app.decoder.readTimeUs), std::memory_order_relaxed);
+    const VXDecoderState_t& read = app.decoder;
+    const std::int64_t ageMs = vxWrapSub(read.readTimeUs / 1000, slot->startTimeUs / 1000);
+    slot->startSteadyMs = vxWrapSub(read.readSteadyMs, ageMs);
+    slot->lastActivityTime.store(read.readSteadyMs, std::memory_order_relaxed);
 }
 
 void startSession(vxTD* slot) {
@@ -142,10 +145,10 @@ bool takeUrl(vxTD* slot, const char* text, char* method) {
     return true;
 }
 
-// Up to now. The clock may have been set back, or the agent's, on another host, may be ahead: no transaction
-// takes less than nothing, and one that did would be subtracted from the sums of its BT.
+// Up to now, whatever the wall's clock was set to meanwhile. That of an agent on another host may be ahead:
+// no transaction takes less than nothing, and one that did would be subtracted from the sums of its BT.
 std::int64_t durationSoFar(const vxTD* slot) {
-    return std::max<std::int64_t>(vxSinceStartMs(*slot, vxlb_now_us()), 0);
+    return std::max<std::int64_t>(vxWrapSub(vxlb_steady_ms(), slot->startSteadyMs), 0);
 }
 
 std::int64_t durationOf(const vxTD* slot, std::int64_t endTime) {

@@ -51,7 +51,7 @@ void clearCounts(vxTD& slot) {
 void clearIdentity(vxTD& slot) {
     slot.flowpathInstance.store(0, std::memory_order_relaxed);
     slot.lastActivityTime.store(0, std::memory_order_relaxed);
-    slot.startTimeRel = slot.startTimeUs = slot.threadId = 0;
+    slot.startTimeRel = slot.startTimeUs = slot.startSteadyMs = slot.threadId = 0;
     slot.prevFlowpath = slot.prevTierTime = 0;
     slot.tlBTObj = nullptr;
     slot.tlMethodTable = nullptr;

@@ -26,12 +26,11 @@ constexpr std::size_t kOpeningSize = 2048;
 constexpr std::size_t kAddressSize = 64;
 constexpr const char* kLastPiece = "totalTimeTaken=";
 
-// When opening a connection last failed, Unix microseconds.
+// When opening a connection last failed, steady microseconds.
 std::int64_t failedUs = 0;
 
 bool failedJustNow() {
-    const std::int64_t since = vxlb_now_us() - failedUs;
-    return since >= 0 && since < kFailedPauseUs;  // a clock that was set back is no reason to wait
+    return vxlb_steady_us() - failedUs < kFailedPauseUs;
 }
 
 bool stands(const VXDiscoveryState_t& discovery) {
@@ -69,7 +68,7 @@ bool connectOverTcp(vxApplication& app) {
     apr_socket_t* socket =
         vxlb_create_client_con(address, collectorPort(app), discovery.pool, kOpenTimeUs, nullptr);
     if (!socket) {
-        failedUs = vxlb_now_us();
+        failedUs = vxlb_steady_us();
         closeDiscovery(discovery);
         return false;
     }
@@ -80,7 +79,7 @@ bool connectOverTcp(vxApplication& app) {
 bool connectOverLws(const vxApplication& app) {
     if (failedJustNow() || !app.control.controlWsi.load(std::memory_order_acquire)) return false;
     if (create_lws_discovery_connection(vxCollectorInUse().host, collectorPort(app))) return true;
-    failedUs = vxlb_now_us();
+    failedUs = vxlb_steady_us();
     return false;
 }
 

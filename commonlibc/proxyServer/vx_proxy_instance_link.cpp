@@ -74,7 +74,7 @@ int make_connection_with_vxc(vxApplication& instance, int isUDP) {
     identity.isUDP = isUDP ? 1 : 0;
     vxSetCurrent(&instance);
     if (!makePoolAndMutexes(instance)) return 0;
-    identity.connectStartTimeMs = vxlb_now_ms();
+    identity.connectStartTimeMs = vxlb_steady_ms();
     makeRuckusMap(instance);  // datagram clients may attach themselves to any instance
 
     VXSysInit("proxy");

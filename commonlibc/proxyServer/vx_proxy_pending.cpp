@@ -51,7 +51,7 @@ void watchUnknown(apr_socket_t* socket) {
         unknown.erase(unknown.begin());
         ++VXProxy.socketsRefused;
     }
-    unknown.push_back({socket, vxlb_now_us()});
+    unknown.push_back({socket, vxlb_steady_us()});
 }
 
 void closeUnread(apr_socket_t* socket, const epollPtr_t* address) {
@@ -74,7 +74,7 @@ bool peerGone(apr_socket_t* socket) {
 }  // namespace
 
 void vxPendingAccepted(apr_socket_t* socket) {
-    const std::int64_t nowUs = vxlb_now_us();
+    const std::int64_t nowUs = vxlb_steady_us();
     makeRoom(nowUs);
     if (addSocketInEpoll(socket, &vxUnidentified))
         lists().silent.push_back({socket, nowUs});
@@ -106,7 +106,7 @@ void vxPendingGone(apr_socket_t* socket) {
 void vxPendingLook() {
     PendingList& unknown = lists().unknown;
     if (unknown.empty()) return;
-    const std::int64_t nowUs = vxlb_now_us();
+    const std::int64_t nowUs = vxlb_steady_us();
     const auto ended = [&](Pending& pending) {
         if (!isOld(pending, nowUs) && !peerGone(pending.socket)) return false;
         cleanAndRemoveSocket(pending.socket, false);

@@ -58,11 +58,11 @@ void wakePoll() {
 // Out of descriptors: the listening socket leaves the pollset for a while, or it would wake every round.
 void pauseAccepting() {
     vxRemoveFromPoll(VXProxy.listenSocket);
-    acceptAgainUs = vxlb_now_us() + kAcceptPauseUs;
+    acceptAgainUs = vxlb_steady_us() + kAcceptPauseUs;
 }
 
 void resumeAccepting() {
-    if (acceptAgainUs == 0 || vxlb_now_us() < acceptAgainUs) return;
+    if (acceptAgainUs == 0 || vxlb_steady_us() < acceptAgainUs) return;
     if (addSocketInEpoll(VXProxy.listenSocket, nullptr)) acceptAgainUs = 0;
 }
 

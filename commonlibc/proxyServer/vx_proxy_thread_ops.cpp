@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "commonlibc/flowpath/VXFlowpathGenerator.h"
-#include "commonlibc/flowpath/VXFlowpathTime.h"
 #include "commonlibc/vxlb_clock.h"
 #include "commonlibc/vxlb_guard.h"
 #include "commonlibc/vxlb_mem.h"
@@ -35,11 +34,10 @@ std::int64_t idleLimitMs(const vxApplication& app) {
     return limit < 1 ? kDefaultLimitMs : limit;
 }
 
-// A slot without a time has just been taken, and is not idle. The instance's base may lie in the future:
-// times may be negative.
+// A slot without a time has just been taken, and is not idle.
 bool isIdle(const vxApplication& app, const vxTD& slot, std::int64_t nowMs) {
     const std::int64_t last = slot.lastActivityTime.load(std::memory_order_relaxed);
-    return last != 0 && vxWrapSub(nowMs, last) > idleLimitMs(app);
+    return last != 0 && nowMs - last > idleLimitMs(app);
 }
 
 VXThreadOpsQueue& ownerQueue(const vxApplication& app, const vxTD& slot) {
@@ -108,7 +106,7 @@ Outcome endIdle(const vxApplication& app, const VXThreadOp& operation) {
     slot->queuedForReset.store(0, std::memory_order_relaxed);
     if (slot->busySerial.load(std::memory_order_relaxed) != operation.busySerial) return Outcome::kGone;
     const bool inRun = app.Server.testRunRunning;  // outside, the stop ends what is busy
-    if (!inRun || !isIdle(app, *slot, vxRelativeMs(app, vxlb_now_us()))) return Outcome::kMoved;
+    if (!inRun || !isIdle(app, *slot, vxlb_steady_ms())) return Outcome::kMoved;
     if (!slot->fpEnded.load(std::memory_order_relaxed)) endFP(slot, kStatusOfForcedEnd, 0, 0, 0);
     reset(slot);
     return Outcome::kEnded;
@@ -297,7 +295,7 @@ void markLongIdleTransactions() {
         VX_TRACE(2, kFlowpath, kInfo, "gBusyTLSHead is null. Hence returning.");
         return;
     }
-    Walk walk{app, vxRelativeMs(app, vxlb_now_us()), last, kWalkTries * (busy / kWalkStep + 1)};
+    Walk walk{app, vxlb_steady_ms(), last, kWalkTries * (busy / kWalkStep + 1)};
     for (bool more = true, room = true; more && room;) {
         more = walk.step();
         for (int i = 0; i < walk.found && room; ++i) {

@@ -1,7 +1,6 @@
 #include "commonlibc/proxyServer/vx_udp_functions.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -173,7 +172,7 @@ std::int32_t createFunction(const Registration& from) {
     ++VXProxy.numUDPFunctions;
     VX_TRACE(1, kControlThread, kInfo, "UDP Info populated for funcname = %s, pos %d total %d", from.funcName,
              index, VXProxy.numUDPFunctions);
-    if (make_connection_with_vxc(*app, 1)) app->udp.lastActivityMs.store(vxlb_now_ms());
+    if (make_connection_with_vxc(*app, 1)) app->udp.lastActivityMs.store(vxlb_steady_ms());
     VXUdp.functions.load(std::memory_order_relaxed)[index].store(app);
     return index;
 }
@@ -193,8 +192,8 @@ std::int32_t findFunction(const Registration& from) {
 // A control thread that ended, for want of settings perhaps, is started again; not with every datagram.
 void linkAgain(std::int32_t index) {
     vxApplication* app = VXUdp.functions.load(std::memory_order_relaxed)[index].load();
-    const std::int64_t sinceStart = vxlb_now_ms() - app->identity.connectStartTimeMs;
-    if (threadEnded(*app) && std::llabs(sinceStart) >= kMsPerSecond) make_connection_with_vxc(*app, 1);
+    const std::int64_t sinceStart = vxlb_steady_ms() - app->identity.connectStartTimeMs;
+    if (threadEnded(*app) && sinceStart >= kMsPerSecond) make_connection_with_vxc(*app, 1);
 }
 
 bool sameInstance(const VXIdentity_t& identity, const kwLocalStruct& line) {

@@ -36,7 +36,7 @@ vxApplication* vxUdpAttached(std::int32_t index);
 std::int32_t record_process_with_ndc_conn(const VXUdpHeader& header);
 
 // Takes out the functions that have been silent for longer than proxyudpTimeout, and gives back what those
-// who were taken out earlier have left.
+// who were taken out earlier have left. `nowMs` is steady.
 void vxUdpEndSilentFunctions(std::int64_t nowMs);
 // Traces how many registrations were refused, while they grow.
 void vxUdpTellRefusals();

@@ -31,7 +31,7 @@ struct Message {
     VXByteView bytes;
     vxApplication& app;
     std::int32_t index;
-    std::int64_t nowUs;  // when its datagram was taken up
+    VXMoment now;  // when its datagram was taken up
 
     bool isAttached() const { return header.attached != 0; }
     // Header and newline taken off.
@@ -56,7 +56,7 @@ void onRecords(const Message& message) {
     const char* key = lookupKey(message);
     if (!key) return;
     const auto at = static_cast<std::size_t>(message.header.whLen);
-    vxDecodeMessageAt(message.nowUs, message.bytes.data() + at,
+    vxDecodeMessageAt(message.now, message.bytes.data() + at,
                       static_cast<std::int32_t>(message.bytes.size() - at), 0, 1, key);
 }
 
@@ -128,7 +128,7 @@ constexpr void (*kHandlers[])(const Message&) = {
 // taken or the scope ends. Its decode lock is held over records that follow one another.
 class Target {
 public:
-    explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender), nowUs_(vxlb_now_us()) {}
+    explicit Target(VXUdpAddress sender) : root_(vxCurrent()), sender_(sender), now_(vxlb_moment()) {}
     ~Target() { leave(); }
     Target(const Target&) = delete;
     Target& operator=(const Target&) = delete;
@@ -154,12 +154,12 @@ public:
         if (!decode_) decode_.emplace(app_->decoder.decodeMutex);
     }
 
-    std::int64_t nowUs() const { return nowUs_; }
+    VXMoment now() const { return now_; }
 
 private:
     void hearOf() {
         vxSetCurrent(app_);
-        app_->udp.lastActivityMs.store(nowUs_ / 1000, std::memory_order_relaxed);
+        app_->udp.lastActivityMs.store(now_.steadyMs, std::memory_order_relaxed);
         addUDPClientSocket(sender_);
     }
     void leave() {
@@ -171,7 +171,7 @@ private:
 
     vxApplication* const root_;
     const VXUdpAddress sender_;
-    const std::int64_t nowUs_;
+    const VXMoment now_;
     vxApplication* app_ = nullptr;
     bool attached_ = false;
     std::int32_t index_ = kWrapIndexUnknown;
@@ -205,7 +205,7 @@ void handle(VXByteView bytes, Target& target) {
     if (!app) return refuse();
     if (records) target.lockDecode();
     const auto type = static_cast<std::size_t>(static_cast<std::uint16_t>(header.messageType));
-    if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index, target.nowUs()});
+    if (type < std::size(kHandlers)) kHandlers[type]({header, bytes, *app, index, target.now()});
 }
 
 }  // namespace

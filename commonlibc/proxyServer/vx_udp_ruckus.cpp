@@ -109,7 +109,7 @@ void store(const char* id, std::string_view text, VXMap* map) {
     const VXGuard lock(map->mutex);
     Ruckus* ruckus = recordOf(id, map);
     if (!ruckus) return;
-    ruckus->arrivedMs = vxlb_now_ms();
+    ruckus->arrivedMs = vxlb_steady_ms();
     ruckus->durationS = durationOf(text);
     ruckus->ended = false;
     ruckus->length = text.copy(ruckus->text, kTextSize);
@@ -128,7 +128,7 @@ void eachPending(Each each) {
         const VXIdentity_t& identity;
         std::int64_t nowMs;
         Each& each;
-    } walk{app.identity, vxlb_now_ms(), each};
+    } walk{app.identity, vxlb_steady_ms(), each};
     vxlb_map_each(
         app.ruckusMap,
         [](const char*, void* value, void* argument) {
@@ -189,7 +189,7 @@ void record_ruckus_response_from_agent(std::string_view text) {
     {
         const VXGuard lock(app.ruckusMap->mutex);
         const Ruckus* ruckus = find(id, app.ruckusMap);
-        stands = ruckus && !isOver(*ruckus, vxlb_now_ms());
+        stands = ruckus && !isOver(*ruckus, vxlb_steady_ms());
     }
     if (!stands) {
         VX_TRACE(1, kControlThread, kInfo, "Ruckus message expired for RKMID %s", id);

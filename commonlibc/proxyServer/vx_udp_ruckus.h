@@ -33,7 +33,7 @@ void send_ruckus_to_new_connected_agent(std::int32_t index);
 // Answers a heartbeat, with what is stored behind it in one text.
 void send_heart_beat_to_new_connected_agent();
 
-// Drops what has outlived its duration.
+// Drops what has outlived its duration at `nowMs` (steady).
 void vxUdpExpireRuckus(std::int64_t nowMs);
 void vxUdpFreeRuckus(vxApplication& app);
 

@@ -73,7 +73,7 @@ void tellLostDatagrams() {
 
 void expireFor(vxApplication& app) {
     vxSetCurrent(&app);
-    vxUdpExpireRuckus(vxlb_now_ms());
+    vxUdpExpireRuckus(vxlb_steady_ms());
 }
 
 }  // namespace
@@ -96,7 +96,7 @@ void vxUdpTellLosses() {
 
 void proxy_udp_client_handler(std::int64_t round) {
     vxApplication* root = vxCurrent();
-    vxUdpEndSilentFunctions(vxlb_now_ms());
+    vxUdpEndSilentFunctions(vxlb_steady_ms());
     vxSetCurrent(root);
     if (round % kTellRounds == 0) vxUdpTellLosses();
 }

@@ -43,8 +43,7 @@ void makeInstance() {
 }
 
 vxApplication* makeProcess() {
-    vxlb_set_clock_hooks(
-        {.now_us = [] { return nowUs; }, .sleep_us = [](std::int64_t) {}, .random_byte = nullptr});
+    vxlb_set_clock_hooks({[] { return nowUs; }, [](std::int64_t) {}, nullptr, [] { return nowUs; }});
     setenv("VXHOME", "/nonexistent", 1);
     vxFillUpcalls();
     apr_pool_create(&VXProxy.listenerPool, nullptr);

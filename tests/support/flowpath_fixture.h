@@ -26,6 +26,7 @@ protected:
         app->flowpath.fpi_tls_map = create_hashmap(app->pool);
         app->Server.zorEpochDiff = kBaseMs;
         vx_word_set(app->VXSys.bciInstrSessionPct, 100);
+        readNow();
         clearDumped(*app);
     }
     void TearDown() override {
@@ -37,6 +38,11 @@ protected:
     // Unix microseconds of a time in the instance's base.
     static std::int64_t atMs(std::int64_t ms) { return (kBaseMs + ms) * 1000; }
 
+    // What startFP and messages are called for came now.
+    void readNow() const {
+        app->decoder.readTimeUs = vxlb_now_us();
+        app->decoder.readSteadyMs = vxlb_steady_ms();
+    }
     // A busy slot of flowpath 77 that began at 5,000 ms on thread 9.
     vxTD* takeSlot() {
         vxTD* slot = get_free_tls_slot();
@@ -45,6 +51,7 @@ protected:
         slot->threadId = 9;
         slot->startTimeRel = 5000;
         slot->startTimeUs = atMs(5000);
+        slot->startSteadyMs = clock.steadyMs() - (clock.nowMs() - kBaseMs - 5000);
         slot->tlIsFPCaptured = 1;
         return slot;
     }

@@ -50,8 +50,8 @@ protected:
     void SetUp() override {
         HomeFixture::SetUp();
         std::signal(SIGPIPE, SIG_IGN);
-        clockAheadUs = 0;
-        vxlb_set_clock_hooks({.now_us = shiftedNow, .sleep_us = shortSleep, .random_byte = nullptr});
+        clockAheadUs = wallAheadUs = 0;
+        vxlb_set_clock_hooks({shiftedNow, shortSleep, nullptr, shiftedSteady});
         vxUpcalls.setdefaultValues = setdefaultValues;
         vxUpcalls.dumpFpFromBusyList = dumpFpFromBusyList;
         vxUpcalls.dumpNdDataOverRecord = dumpNdDataOverRecord;
@@ -143,13 +143,19 @@ protected:
     FakePeer peer, agent;
     processInfo_t processes[2]{};
     processInfo_t* table[2]{&processes[0], &processes[1]};
-    inline static std::atomic<std::int64_t> clockAheadUs{0};  // of the system's clock
+    inline static std::atomic<std::int64_t> clockAheadUs{0};  // of the system's clocks
+    inline static std::atomic<std::int64_t> wallAheadUs{0};   // of the wall's alone: it was set
 
 private:
     std::vector<std::pair<std::string, FakePeer>> waiting_;
 
     static std::int64_t shiftedNow() {
         const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + clockAheadUs +
+               wallAheadUs;
+    }
+    static std::int64_t shiftedSteady() {
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
         return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + clockAheadUs;
     }
     static void shortSleep(std::int64_t us) {

@@ -30,7 +30,7 @@ protected:
     }
     void TearDown() override {
         clock.advanceMs(3600 * 1000);
-        vxUdpEndSilentFunctions(clock.nowMs());
+        vxUdpEndSilentFunctions(clock.steadyMs());
         vx_platform_udp_close(std::exchange(VXUdp.socket, -1));
         vx_platform_udp_close(client_);
         while (vxApplication* free = VXUdp.freeContexts) {

@@ -164,6 +164,7 @@ TEST_F(DataThread, AStalledCollectorHoldsUpNeitherProducersNorAStop) {
     app->control.closeCtrlConFlag = 1;
     EXPECT_TRUE(eventually([&] {  // it gives what is on its way five seconds
         clockAheadUs += 10000;
+        wallAheadUs -= 30000;  // whatever the clock is set to
         return !app->data.data_thread_running;
     }));
     EXPECT_TRUE(peer.ended());

@@ -41,7 +41,7 @@ protected:
     VXDataLink link() {
         return {app->data.dataSocket, app->data.dataWsi, app->data.connectionPool, app->pool};
     }
-    void close(std::int64_t settleUs = 0) { vxCloseLink(link(), chain(), vxlb_now_us() + settleUs); }
+    void close(std::int64_t settleUs = 0) { vxCloseLink(link(), chain(), vxlb_steady_us() + settleUs); }
     VXBufferChain& chain() { return app->data.chain; }
     int send() {
         movePartialToReadList();

@@ -36,7 +36,7 @@ protected:
         connect();
         setProxyVXHome();
         setDefaultCriticalFile();
-        app->control.lastHeartBeatTime = vxlb_now_ms();
+        app->control.lastHeartBeatTime = vxlb_steady_ms();
         parsed.clear();
         vxUpcalls.setblackListForDebugSession = [](char* text) {
             parsed += std::string(text) + "$";
@@ -199,7 +199,7 @@ TEST_F(FileKeywords, AStopEndsTheExchangeAndThePass) {
 
 TEST_F(FileKeywords, ASilentCollectorIsNotWaitedForFileByFile) {
     vx_word_set(app->VXSys.fileReadTimeout, 1000);
-    app->control.lastHeartBeatTime = vxlb_now_ms() - 500000;
+    app->control.lastHeartBeatTime = vxlb_steady_ms() - 500000;
     start("f|3|1", "vxBackendNamingRulesFile=g|3|1;tierID=9;");
     EXPECT_EQ(app->control.closeCtrlConFlag, 1);
     EXPECT_EQ(asked(), Lines{kRequest});

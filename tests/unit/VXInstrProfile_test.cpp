@@ -19,7 +19,7 @@ protected:
         LinkFixture::SetUp();
         connect();
         setProxyVXHome();
-        app->control.lastHeartBeatTime = vxlb_now_ms();
+        app->control.lastHeartBeatTime = vxlb_steady_ms();
         vx_word_set(app->VXSys.fileReadTimeout, 20000);
     }
     void start(const std::string& fields) { line(kStartPrefix, fields, 0); }

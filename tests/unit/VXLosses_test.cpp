@@ -38,6 +38,7 @@ TEST_F(AppFixture, LossesAreToldOnceAMinuteWhileTheyGrowAndAtTheEndOfARun) {
     EXPECT_EQ(lines(), expected);
     app->decoder.messagesRefused = 5;
     clock.advanceMs(59000);
+    clock.setWall(3600000);
     vxLossesWalk();  // not yet a minute
     vx_word_set(app->VXSys.ControlThreadTraceLevel, 0);
     nextMinute();  // hidden lines are not used up

@@ -200,10 +200,13 @@ TEST_P(Failover, TenMinutesOfSilenceAreEnough) {
     ASSERT_EQ(vxStartControlThread(app), 0);
     FakePeer control = master.accept();
     EXPECT_FALSE(control.ended(0.2));
-    clockAheadUs += 601000000;  // a clock that is set is no time that passes: a reply is awaited as before
+    wallAheadUs = 601000000;  // a clock that is set is no time that passes: a reply is awaited as before
     EXPECT_FALSE(control.ended(1.2));
     master.reply(control);
     ASSERT_TRUE(stands(control));
+    wallAheadUs = 3600000000;
+    EXPECT_FALSE(control.ended(1.2));
+    wallAheadUs = -3600000000;
     clockAheadUs += 601000000;
     EXPECT_TRUE(control.ended());
     // Plain sockets know the shorter vxcHeartBeatThreshold, which is no order to move.

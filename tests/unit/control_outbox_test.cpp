@@ -21,7 +21,7 @@ protected:
     void startLoop() {
         connect();
         app->control.heartBeatMissCount = 10;
-        app->control.lastHeartBeatTime = vxlb_now_ms();
+        app->control.lastHeartBeatTime = vxlb_steady_ms();
         loop = std::thread([this] {
             vxSetCurrent(app);
             handle_msg_from_vxc(&app->control.ctrlBufInfo);

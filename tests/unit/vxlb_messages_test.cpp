@@ -29,6 +29,7 @@ protected:
         resetAllThreadLocals(taken);
         taken->flowpathInstance = std::atoll(key);
         taken->startTimeUs = startTimeUs;
+        taken->startSteadyMs = clock.steadyMs() - (kNowUs - startTimeUs) / 1000;
         vxFileSlot(taken, key);
         return taken;
     }
@@ -148,18 +149,19 @@ TEST_F(Messages, RequestHeadersReplaceTheTraceFieldsAndResponsesDoNot) {
 
 // 300 seconds are not too old, 301 are; the sweep runs at most once in that time.
 TEST_F(Messages, AResetSweepsOutOldFlowpathsOnceInFiveMinutes) {
-    app->Server.lastSweepTimeMs = (kNowUs - 300 * kSecond) / 1000;
+    clock.setWall(3600000);
+    app->Server.lastSweepTimeMs = clock.steadyMs() - 300000;
     for (int i = 0; i < 200; ++i) fileSlot(std::to_string(1000 + i).c_str(), kNowUs - 301 * kSecond);
     fileSlot("50", kNowUs - 300 * kSecond);
     fileSlot("51", 0);
     readBytes(*app, resetFrame(77));
     EXPECT_EQ(filed(), 202U);
     EXPECT_FALSE(find("77"));
-    app->Server.lastSweepTimeMs = (kNowUs - 301 * kSecond) / 1000;
+    app->Server.lastSweepTimeMs = clock.steadyMs() - 301000;
     readBytes(*app, resetFrame(1000));
     EXPECT_EQ(filed(), 2U);
     EXPECT_EQ(app->flowpath.gBusyTLSCnt, 2);
-    EXPECT_EQ(app->Server.lastSweepTimeMs, kNowUs / 1000);
+    EXPECT_EQ(app->Server.lastSweepTimeMs, clock.steadyMs());
     EXPECT_EQ(dumpedText(*app), "");
 }
 

@@ -52,7 +52,7 @@ struct Worker {
 };
 
 double secondsSince(std::int64_t beforeUs) {
-    return static_cast<double>(vxlb_now_us() - beforeUs) / 1e6;
+    return static_cast<double>(vxlb_steady_us() - beforeUs) / 1e6;
 }
 
 // Keeps the rate: each transaction has its due time, and what is late is made up for. Rate 0 goes as fast as
@@ -64,7 +64,7 @@ void generate(vxagent* agent, const LoadOptions& options, int worker, Report& re
     const double most = options.transactions > 0 ? options.transactions
                         : options.shortLived     ? kShortTransactions
                                                  : 1e18;
-    const std::int64_t before = vxlb_now_us();
+    const std::int64_t before = vxlb_steady_us();
     for (std::uint64_t due = 0; !stopRequested() && static_cast<double>(due) < most; ++due) {
         const double elapsed = secondsSince(before);
         if (elapsed >= options.seconds) break;

@@ -132,13 +132,13 @@ vxagent* openAgent(const CommonOptions& common) {
 }
 
 bool waitUntilSending(const vxagent* agent, double seconds) {
-    const std::int64_t before = vxlb_now_us();
+    const std::int64_t before = vxlb_steady_us();
     vxagent_statistics now;
     for (;;) {
         vxagent_get_statistics(agent, &now);
         if (now.state == VXAGENT_SENDING) return true;
         if (stopRequested()) return false;
-        if (seconds > 0 && static_cast<double>(vxlb_now_us() - before) > seconds * 1e6) return false;
+        if (seconds > 0 && static_cast<double>(vxlb_steady_us() - before) > seconds * 1e6) return false;
         vxlb_sleep_us(kWaitStepUs);
     }
 }

@@ -20,7 +20,7 @@ struct InstanceState {
     std::array<Names, 5> exceptionParts;
     Run run;
     int connections = 0;       // of any kind, that stand now
-    std::int64_t leftAt = 0;   // when the last one went; ms since the Unix epoch
+    std::int64_t leftAt = 0;   // when the last one went; steady ms
     bool namesWanted = false;  // it refers to ids of which no name has come: asked for, once
 };
 

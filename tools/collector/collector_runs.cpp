@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "commonlibc/vxlb_clock.h"
 #include "tools/collector/collector_records.h"
 
 namespace vx::collector {
@@ -18,17 +19,19 @@ InstanceState& Runs::of(const std::string& identity) {
     makeRoom();
     InstanceState& instance = instances_[identity];
     instance.name = identity;
-    instance.leftAt = now_;
+    instance.leftAt = vxlb_steady_ms();
     if (intake_) intake_->recall(instance);
     return instance;
 }
 
 void Runs::turn(std::int64_t now) {
     now_ = now;
-    if (now >= looked_ && now < looked_ + kLookEvery) return;
-    looked_ = now;
+    const std::int64_t steady = vxlb_steady_ms();
+    if (steady < looked_ + kLookEvery) return;
+    looked_ = steady;
     for (auto at = instances_.begin(); at != instances_.end();)
-        at = at->second.connections == 0 && now >= at->second.leftAt + kKeepGone ? giveUp(at) : std::next(at);
+        at = at->second.connections == 0 && steady >= at->second.leftAt + kKeepGone ? giveUp(at)
+                                                                                    : std::next(at);
 }
 
 Runs::Instances::iterator Runs::giveUp(Instances::iterator at) {
@@ -87,7 +90,7 @@ void Runs::line(StreamKind kind, std::string_view line, InstanceState& instance)
 
 void Runs::closed(StreamKind kind, InstanceState& instance) {
     --instance.connections;
-    instance.leftAt = now_;
+    instance.leftAt = vxlb_steady_ms();
     if (kind != StreamKind::kAutoSensor) return;
     if (instance.run.sensorsOpen > 0) --instance.run.sensorsOpen;
     if (instance.run.over && instance.run.sensorsOpen == 0) judge(instance);

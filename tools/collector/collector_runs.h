@@ -10,7 +10,7 @@
 //
 // Limits    An instance without a connection is given up after kKeepGone; above kMostInstances the one that
 //           went first gives way to a new one.
-// Units     Milliseconds since the Unix epoch.
+// Units     Milliseconds since the Unix epoch; who is gone, by the steady clock.
 // Threads   One.
 #pragma once
 

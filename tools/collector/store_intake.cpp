@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "commonlibc/vxlb_clock.h"
 #include "tools/collector/collector_capture.h"
 
 namespace vx::collector {
@@ -222,7 +223,7 @@ void StoreIntake::name(int number, std::string_view rest, Feed& feed) {
 StoreIntake::Open& StoreIntake::openOf(Feed& feed, std::int64_t flowpath, std::int64_t now) {
     const auto [found, added] = feed.open.try_emplace(flowpath);
     if (!added) return found->second;
-    found->second.since = now;
+    found->second.since = vxlb_steady_ms();
     found->second.age = ages_.emplace(ages_.end(), &feed, flowpath);
     openBytes_ += sizeof(Open);
     makeRoom(now);  // never takes the youngest
@@ -255,7 +256,7 @@ void StoreIntake::makeRoom(std::int64_t now) {
     while (ages_.size() > 1) {
         auto [feed, flowpath] = ages_.front();
         const auto at = feed->open.find(flowpath);
-        if (openBytes_ <= kMostOpenBytes && now - at->second.since < kOpenFor) return;
+        if (openBytes_ <= kMostOpenBytes && vxlb_steady_ms() - at->second.since < kOpenFor) return;
         linkOf(*feed, now).incomplete += at->second.begun;
         forget(*feed, at);
     }

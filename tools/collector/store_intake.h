@@ -75,8 +75,8 @@ private:
     struct Open {
         TransactionRow row;
         std::string lines;
-        std::int64_t since = 0;
-        bool begun = false;  // its 2 record has come
+        std::int64_t since = 0;  // steady ms
+        bool begun = false;      // its 2 record has come
         bool cut = false;
         std::list<std::pair<Feed*, std::int64_t>>::iterator age;
     };

@@ -12,7 +12,6 @@ protected:
     void SetUp() override {
         FlowpathFixture::SetUp();
         setRule("1|1|Default|Complete-URL|-|0|-|-|-");
-        app->decoder.readTimeUs = atMs(kNowMs);
     }
     static VXStartArguments arguments(const char* number = "1234", const char* cookie = nullptr) {
         return {number, "/shop", nullptr, cookie, nullptr, nullptr, -1, atMs(5000), 9};
@@ -55,7 +54,7 @@ TEST_F(Transactions, StartAndEndOnlyInARunThatIsNotStopping) {
     vxTD* slot = start({nullptr, "", nullptr, nullptr, "11-0-0-22", "corr", 17, 0, 0});
     EXPECT_TRUE(slot->startTimeRel == kNowMs && slot->threadId == vxlb_get_tid())
         << "the message leaves both open";
-    EXPECT_TRUE(slot->lastActivityTime == kNowMs && slot->kwSessionId == 11);
+    EXPECT_TRUE(slot->lastActivityTime == clock.steadyMs() && slot->kwSessionId == 11);
     app->Server.stopping = 1;
     EXPECT_EQ(startFP(arguments()), nullptr);
     app->Server.stopping = app->Server.testRunRunning = 0;
@@ -159,9 +158,11 @@ TEST_F(Transactions, LastUntilTheEndThatIsGivenOrNow) {
         VXStartArguments with = arguments();
         with.startTime = atMs(startMs);
         vxTD* slot = start(with);
-        app->Server.zorEpochDiff = kBaseMs + 3'600'000;  // a keyword has moved the base meanwhile
+        app->Server.zorEpochDiff = kBaseMs + 3'600'000;  // a keyword has moved the base meanwhile,
+        clock.setWall(endMs ? -3'600'000 : 3'600'000);   // and somebody has set the clock
         endFP(slot, 200, endMs ? atMs(endMs) : 0, -5, 0);
         app->Server.zorEpochDiff = kBaseMs;
+        clock.setWall(endMs ? 3'600'000 : -3'600'000);
         EXPECT_TRUE(slot->fpDuration == duration && slot->fpCPUTime == 0) << endMs;
         EXPECT_EQ(slot->tlCategory, duration == 3000 ? 11 : 10);
         reset(slot);

@@ -106,6 +106,7 @@ TEST_F(Discovery, AfterAFailureNobodyTriesForHalfAMinuteNorWithoutAControlConnec
     setPrimaryVXC("127.0.0.1", 1);  // nobody listens there
     discovery();
     setPrimaryVXC("127.0.0.1", collector.port());
+    clock.setWall(3600000);
     discovery();
     EXPECT_FALSE(isOpen());
     clock.advanceMs(30000);

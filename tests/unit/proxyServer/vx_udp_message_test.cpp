@@ -50,16 +50,18 @@ TEST_F(UdpMessages, AFunctionLivesFromItsFirstDatagramToItsSilence) {
     EXPECT_EQ(function(1), nullptr) << "an answer makes no function";
 
     clock.advanceMs(kUdpDefaultTimeoutS * 1000);
+    clock.setWall(3600000);
     proxy_udp_client_handler(1);
     EXPECT_EQ(function(0), &pay) << "silent for just the time";
     clock.advanceMs(1);
+    clock.setWall(-7200000);
     proxy_udp_client_handler(2);
     EXPECT_TRUE(!function(0) && VXProxy.numUDPFunctions == 0 && !pay.identity.funcName);
     datagram(wrapped(VXWrapType::kHeartbeat, 0));
     EXPECT_EQ(answer(), "(none)") << "the old index names nobody";
 
     EXPECT_EQ(&running(), &pay) << "the block serves the next function";
-    EXPECT_EQ(pay.udp.lastActivityMs, clock.nowMs());
+    EXPECT_EQ(pay.udp.lastActivityMs, clock.steadyMs());
 }
 
 TEST_F(UdpMessages, RecordsOfAFunctionFindTheirFlowpathByTheRequest) {
@@ -205,6 +207,7 @@ TEST_F(UdpMessages, RuckusMessagesWaitForNewClientsUntilTheirTimeIsOver) {
     datagram(wrapped(VXWrapType::kRuckusResponse, 0, "^RKMID=7;status=Done;"));
     EXPECT_TRUE(trace.says("Got response from agent RKMID=7;status=Done;"));
     clock.advanceMs(62'000);
+    clock.setWall(3600000);
     proxy_udp_ruckus_handler(1);
     EXPECT_EQ(vxlb_map_count(pay.ruckusMap), 2U) << "just its duration and two seconds";
     clock.advanceMs(1);
@@ -257,13 +260,13 @@ TEST_F(UdpMessages, FunctionsEndUnderTheHandsOfSeveralWorkers) {
         });
     for (int i = 0; i < 100; ++i) {
         vxSetCurrent(app);
-        vxUdpEndSilentFunctions(clock.nowMs() + 3'600'000);
+        vxUdpEndSilentFunctions(clock.steadyMs() + 3'600'000);
         std::this_thread::yield();
     }
     over = true;
     for (std::thread& worker : workers) worker.join();
     clock.advanceMs(3'600'000);
-    vxUdpEndSilentFunctions(clock.nowMs());
+    vxUdpEndSilentFunctions(clock.steadyMs());
     EXPECT_EQ(VXProxy.numUDPFunctions, 0);
     vxSetCurrent(app);
 }
