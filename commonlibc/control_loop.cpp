@@ -146,7 +146,7 @@ bool checkVXCAlive(const vxApplication& app) {
 
 Round idleRound(const vxApplication& app, std::int32_t& idleRounds) {
     if (!checkVXCAlive(app)) return Round::kConnectionEnds;
-    if (app.collectors.dr_enabled && idleRounds == app.control.heartBeatRounds) {
+    if (app.collectors.dr_enabled && idleRounds >= app.control.heartBeatRounds) {
         send_control_conn_heartbeat_to_vxc();
         if (!app.control.controlSocket.get()) return Round::kConnectionEnds;
         idleRounds = 0;

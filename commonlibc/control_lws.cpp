@@ -95,7 +95,7 @@ void waitForBytes(const vxApplication& app, VXLwsConnection& connection) {
 // False when the connection is to go.
 bool idleRound(vxApplication& app, std::int32_t& idleRounds) {
     if (silentTooLong(app)) return false;
-    if (idleRounds == app.control.heartBeatRounds) {
+    if (idleRounds >= app.control.heartBeatRounds) {
         send_control_conn_heartbeat_to_vxc();
         idleRounds = 0;
     }
@@ -117,6 +117,7 @@ bool oneRound(vxApplication& app, VXLwsConnection& connection, ctrlBufInfo_t* in
 int handle_msg_from_vxc_lws(ctrlBufInfo_t* info) {
     const vxApplication& app = *vxCurrent();
     if (!app.control.lws_active) return handle_msg_from_vxc(info);
+    if (!connectionOf(app)) return 1;  // refused: what else its collector has said is not for us
     refreshBuild();
     processControlConnectionMessage(info);  // what arrived with the reply
     return app.control.lateVerdict != 0 ? 1 : start_control_connection_service(info);

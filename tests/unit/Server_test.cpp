@@ -1,9 +1,11 @@
 #include "commonlibc/Server.h"
 
+#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "commonlibc/control_lws.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/trace_file.h"
@@ -47,6 +49,27 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->control.heartBeatSent, 0) << "any line is a sign of life";
     handle("vx_control_req:action=reconnect;dataConnState=1");  // too few fields for states
     EXPECT_EQ(app->VXSys.dataConnState, 0);
+}
+
+// Record 0 stands empty when the process that registered first has ended: such orders went to nobody then.
+TEST_F(Server, AThreadDumpIsAskedOfAProcessThatIsThere) {
+    const std::string order = "vx_meta_data_req:action=get_thread_dump;";
+    std::swap(table[0], table[1]);
+    handle(order);
+    EXPECT_EQ(toAgent(), order);
+}
+
+// A start behind a refused reply, in the same bytes, once set the agents going over no connection.
+TEST_F(Server, WhatFollowsARefusedReplyIsNotActedOn) {
+    vxlb_shared_close(app->control.controlSocket);
+    app->control.lws_active = 1;
+    ctrlBufInfo_t& info = app->control.ctrlBufInfo;
+    const std::string text = "no reply\n" + kStart + "\n";
+    info.readBytes = info.writeOffset = static_cast<std::int32_t>(text.size());
+    std::memcpy(info.read_socket_buf, text.c_str(), text.size() + 1);
+    EXPECT_EQ(handle_msg_from_vxc_lws(&info), 1);
+    EXPECT_EQ(app->Server.numRunning, 0);
+    EXPECT_EQ(stored(), "(none)");
 }
 
 TEST_F(Server, AMetadataRequestRepeatsWhatItNames) {
