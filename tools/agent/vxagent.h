@@ -33,7 +33,8 @@
  * Limits    A record is at most 10,000 bytes; one that is longer counts as dropped. A stack trace is cut to
  *           what its record has room for, and headers beyond that are left out.
  * Errors    vxagent_open() answers null; no other call fails. A null agent is passed over.
- * Lifetime  A process opens its agents after fork(), not before. Texts are copied.
+ * Lifetime  A process opens its agents after fork(), not before: in a child, the agents of its parent report
+ *           nothing, and closing them there changes nothing for the parent. Texts are copied.
  * Threads   Any thread may report; vxagent_close() comes last.
  */
 #ifndef VXAGENT_H

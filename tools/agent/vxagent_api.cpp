@@ -321,6 +321,7 @@ void vxagent_get_statistics(const vxagent* agent, vxagent_statistics* out) {
 
 void vxagent_close(vxagent* agent, int linger_ms) {
     if (!agent) return;
+    if (agent->session.inherited()) return agent->session.leave();  // its threads cannot be joined here
     agent->session.stop(linger_ms);
     delete agent;
 }

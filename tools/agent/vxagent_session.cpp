@@ -46,6 +46,9 @@ Session::~Session() {
 }
 
 bool Session::start() {
+    static const int counted = pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1); });
+    static_cast<void>(counted);
+    bornAt_ = forks.load();
     wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd_ < 0 || !queue_.ready()) return false;
     if (transport_ != VXAGENT_TCP && !pipes_.open(transport_ == VXAGENT_WSS)) return false;
@@ -66,8 +69,13 @@ void Session::stop(std::int64_t lingerMs) {
     threadMade_ = false;
 }
 
+void Session::leave() {
+    for (const int fd : {control_.fd, data_.fd, wakeFd_})
+        if (fd >= 0) close(fd);
+}
+
 int Session::state() const {
-    if (!controlUp_.load(std::memory_order_relaxed)) return VXAGENT_OFFLINE;
+    if (inherited() || !controlUp_.load(std::memory_order_relaxed)) return VXAGENT_OFFLINE;
     if (!instrumenting()) return VXAGENT_CONNECTED;
     return dataState_.load(std::memory_order_relaxed) == DataState::kSending ? VXAGENT_SENDING
                                                                              : VXAGENT_CONNECTING;
@@ -78,6 +86,7 @@ void Session::wake() {
 }
 
 bool Session::flush(std::int64_t timeoutMs) {
+    if (inherited()) return true;
     const std::uint64_t target = queue_.accepted();
     flushing_.store(true);
     wake();

@@ -58,7 +58,13 @@ public:
     // Ends the thread, after at most `lingerMs` of sending what is queued.
     void stop(std::int64_t lingerMs);
 
-    bool instrumenting() const { return instrumenting_.load(std::memory_order_relaxed); }
+    // False in the child of a fork, whatever the parent's session does.
+    bool instrumenting() const { return instrumenting_.load(std::memory_order_relaxed) && !inherited(); }
+    // True in the child of a fork: the threads are the parent's, and who held a lock is not here.
+    bool inherited() const { return forks.load(std::memory_order_relaxed) != bornAt_; }
+    // There, in place of stop() and the end: gives the copies of the descriptors back, so that the proxy sees
+    // when the parent ends.
+    void leave();
     int state() const;
     std::int32_t procIndex() const { return procIndex_.load(std::memory_order_relaxed); }
     RecordQueue& queue() { return queue_; }
@@ -93,6 +99,8 @@ protected:
     std::atomic<std::uint64_t> finished_{0};  // records sent or given up, of those that were put
 
 private:
+    static inline std::atomic<unsigned> forks{0};  // that lie behind this process
+
     static void* threadBody(void* session);
     void waitForEvents();
     std::int64_t nextDeadline() const;
@@ -114,6 +122,7 @@ private:
     void finish();
 
     const int transport_;
+    unsigned bornAt_ = 0;
     ws::WsPipes pipes_;  // the connections, unless they are plain
     Link control_, data_;
     StartIds ids_;

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -270,6 +272,23 @@ TEST_P(AgentSession, NeverWaitsForAPeerThatDoesNotRead) {
     EXPECT_EQ(now.refused, static_cast<std::uint64_t>(refused));
     EXPECT_GE(now.dropped, now.refused);
     EXPECT_LE(now.queued_bytes, now.queue_bytes);
+}
+
+// Closing joined threads that were the parent's, and a server's worker never came to its end.
+TEST_P(AgentSession, IsNobodysInTheChildOfAFork) {
+    openUntilSending();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        const bool silent = report() == 0 && vxagent_flush(agent, 0) && !vxagent_instrumenting(agent);
+        vxagent_close(agent, 1000);
+        ::_exit(silent ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    const std::int64_t number = report();
+    EXPECT_EQ(frameFrom(data).flowpath, number) << "the parent's goes on";
 }
 
 TEST_P(AgentSession, ClosingSendsWhatIsQueuedDataConnectionFirst) {
