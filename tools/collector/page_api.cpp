@@ -135,7 +135,7 @@ PageAnswer PageApi::login(const PageRequest& request, std::int64_t now) {
     for (const auto& [name, value] : formFields(request.body))
         if (name == "token") token = value;
     const std::string key = parts_.guard->login(token, now);
-    if (key.empty()) return loginPage(401, "<p role=\"alert\">That is not the token.</p>");
+    if (key.empty()) return loginPage(401, "<p role=\"alert\" class=\"bad\">That is not the token.</p>");
     PageAnswer answer = seeOther("/");
     answer.setCookie = std::string(kSessionCookie) + "=" + key +
                        "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(kSessionSeconds);

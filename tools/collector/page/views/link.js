@@ -12,11 +12,11 @@ function fact(title, value, bad) {
 
 // The zone of this machine, in which every time on the page is told.
 function zone() {
+    const name = Intl.DateTimeFormat().resolvedOptions().timeZone;
     const ahead = -new Date().getTimezoneOffset();
     const part = (n) => String(Math.floor(n)).padStart(2, "0");
     const [hours, minutes] = [part(Math.abs(ahead) / 60), part(Math.abs(ahead) % 60)];
-    return `${Intl.DateTimeFormat().resolvedOptions().timeZone}, UTC${ahead < 0 ? "−" : "+"}${hours}:${
-        minutes}`;
+    return name === "UTC" ? name : `${name}, UTC${ahead < 0 ? "−" : "+"}${hours}:${minutes}`;
 }
 
 function storeOf(store) {

@@ -104,7 +104,10 @@ function page(t) {
     ];
 }
 
-export function transaction() {
+const gone = (oldest) => "What is too old, or finds no room any more, is given up" +
+    (oldest ? `; the oldest that is kept ended at ${clock(oldest)}.` : ".");
+
+export function transaction(context) {
     const node = h("div", {class: "view"}, h("p", {class: "empty"}, "Looking it up …"));
     let shown = "";
 
@@ -117,7 +120,7 @@ export function transaction() {
                 replace(
                     node, h("h1", {}, "Transaction"),
                     h("div", {class: "empty"}, h("b", {}, "This transaction is not in the store."),
-                      h("p", {}, "It may have grown too old. "),
+                      h("p", {}, gone(context.status?.store?.oldest)),
                       h("a", {href: to("transactions")}, "All transactions")));
             if (error.status !== 404) throw error;
             return;
