@@ -8,6 +8,10 @@ const HEIGHT = 190;
 const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap(
     (power) => [1, 2, 5].map((n) => n * 10 ** power));  // steps of an axis of counts
 
+// Seconds between the words of a time axis, which tell hours and minutes.
+const MOMENTS =
+    [1, 2, 5, 10, 15, 30, 60, 120, 180, 240, 360, 720, 1440, 2880, 10080].map((minutes) => minutes * 60);
+
 let charts = 0;  // made so far, for ids
 
 /**
@@ -188,7 +192,12 @@ export function timeChart(options) {
                     y: {range: (u, low, high) => [0, high > 0 ? high * 1.08 : 1]}
                 },
                 axes: [
-                    axis({space: 64, size: 24, values: (u, splits) => splits.map((t) => moment(t, u))}),
+                    axis({
+                        space: 64,
+                        size: 24,
+                        incrs: MOMENTS,
+                        values: (u, splits) => splits.map((t) => moment(t, u))
+                    }),
                     axis({
                         size: room,
                         space: 36,

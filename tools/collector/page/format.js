@@ -12,7 +12,7 @@ export function count(n) {
 
 function digits(n) {
     const size = Math.abs(n);
-    if (size > 0 && size < 0.01) return n.toPrecision(2);  // rare is not never
+    if (size > 0 && size < 0.1) return n.toPrecision(2);  // rare is not never
     return n.toFixed(size >= 100 || size === 0 ? 0 : size >= 10 ? 1 : 2);
 }
 
