@@ -55,8 +55,9 @@ void vxCloseConnection(processInfo_t& process, VXConnection kind, bool removeFro
 // Which connection of the record the socket or WebSocket is; kCount: none.
 VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* socket,
                             const VXAgentWs* wsi = nullptr);
-// Closes control, data and auto-sensor connection and frees the record. The discovery connection stays; the
-// count of active processes is the caller's.
+// Closes control, data and auto-sensor connection and frees the record. The discovery connection stays, and
+// so does for a moment a data connection over WebSocket, which may have records on their way; the count of
+// active processes is the caller's.
 void closeAllConnectionsOfProcess(std::int32_t appIndex, std::int32_t procIndex);
 
 // Process end: frees the identity strings of one instance, and of all whose threads have ended.
