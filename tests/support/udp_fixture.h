@@ -55,8 +55,8 @@ protected:
         const auto port = static_cast<std::uint16_t>(VXProxy.proxyPort);
         EXPECT_TRUE(vx_platform_udp_send(client_, bytes.data(), bytes.size(), {0x7F000001, port}));
     }
-    // The next answer; "(none)" when none is there, or comes within so many seconds.
-    std::string answer(int seconds = 0) const {
+    // The next answer; "(none)" when none comes within so many seconds. Loopback may take its time, too.
+    std::string answer(int seconds = 60) const {
         char buffer[20000];
         VXDatagramRoom room{buffer, 0, {}};
         int count = vx_platform_udp_receive(client_, &room, 1, sizeof(buffer), false);

@@ -33,10 +33,11 @@ TEST_F(AgentLine, ARelayedLineStandsBetweenTwoNewlinesAlsoWhenTheSocketTakesItIn
 
 TEST_F(AgentLine, AnAgentThatDoesNotReadIsGivenUpAfterTwoSeconds) {
     const std::string line(20000000, 'x');
-    const double seconds = secondsOf([&] { EXPECT_EQ(vxRelayLine(processes[0], line.c_str()), -1); });
-    EXPECT_GE(seconds, 1.9);
-    EXPECT_LT(seconds, 20);
-    EXPECT_LT(secondsOf([&] { EXPECT_EQ(vxRelayLine(processes[0], line.c_str()), -1); }), seconds);
+    EXPECT_GE(secondsOf([&] { EXPECT_EQ(vxRelayLine(processes[0], line.c_str()), -1); }), 1.9);
+    const double further = secondsOf([&] {
+        for (int i = 0; i < 50; ++i) EXPECT_EQ(vxRelayLine(processes[0], "further"), -1);
+    });
+    EXPECT_LT(further, 60) << "once, and not for each line";
     EXPECT_NE(processes[0].control.get(), nullptr);  // closing is the listener's
     EXPECT_TRUE(agent.ended());
 }

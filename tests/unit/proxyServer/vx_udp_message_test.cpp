@@ -58,7 +58,7 @@ TEST_F(UdpMessages, AFunctionLivesFromItsFirstDatagramToItsSilence) {
     proxy_udp_client_handler(2);
     EXPECT_TRUE(!function(0) && VXProxy.numUDPFunctions == 0 && !pay.identity.funcName);
     datagram(wrapped(VXWrapType::kHeartbeat, 0));
-    EXPECT_EQ(answer(), "(none)") << "the old index names nobody";
+    EXPECT_EQ(answer(0), "(none)") << "the old index names nobody";
 
     EXPECT_EQ(&running(), &pay) << "the block serves the next function";
     EXPECT_EQ(pay.udp.lastActivityMs, clock.steadyMs());
@@ -98,7 +98,7 @@ TEST_F(UdpMessages, ClientsAttachThemselvesToAnInstance) {
         EXPECT_EQ(VXProxy.numUDPAttached, 1);
     }
     datagram(introduced(VXWrapType::kHeartbeat, "", 1, "appName=other;tierName=Web_1;"));
-    EXPECT_EQ(answer(), "(none)");
+    EXPECT_EQ(answer(0), "(none)");
 
     instance().Server.testRunRunning = 1;
     datagram(wrapped(VXWrapType::kRecords, 1, startFrame(11, "/", 1000), 1, 4242));
@@ -111,7 +111,7 @@ TEST_F(UdpMessages, ClientsAttachThemselvesToAnInstance) {
         datagram(wrapped(VXWrapType::kHeartbeat, index, "", 1));
         datagram(wrapped(VXWrapType::kHeartbeat, index, "", 0));
     }
-    EXPECT_EQ(answer(), "(none)");
+    EXPECT_EQ(answer(0), "(none)");
     vxSetCurrent(&instance());
     vxUdpFreeClients(instance());
     vxSetCurrent(app);
@@ -199,7 +199,7 @@ TEST_F(UdpMessages, RuckusMessagesWaitForNewClientsUntilTheirTimeIsOver) {
     collectorSays(pay, "VexalineMessage 2.0;RKMID=8;duration=60;funcName=refund;");
     collectorSays(pay, "VexalineMessage 2.0;");
     EXPECT_EQ(answer(), line);
-    EXPECT_EQ(answer(), "(none)");
+    EXPECT_EQ(answer(0), "(none)");
     EXPECT_TRUE(trace.says("RKMID is missing in message VexalineMessage 2.0;"));
 
     datagram(wrapped(VXWrapType::kHeartbeat, 0));

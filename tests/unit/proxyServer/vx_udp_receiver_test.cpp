@@ -26,12 +26,14 @@ TEST_F(UdpIntake, AnswersOverItsSocketWhateverCameBeforeAndAfterANewStart) {
         SCOPED_TRACE(start);
         while (answer(1) == "(none)")
             send(introduced(VXWrapType::kPendingRuckus, "pay"));  // it opens its port
-        while (answer(1) != "(none)") {
-        }
         for (const std::size_t size : {0U, 1U, 44U}) send(std::string(size, '^'));
         send(wrapped(VXWrapType::kLogText, 0, std::string(60000 - 10000, 'x')));
         for (int i = 0; i < 50; ++i) send(wrapped(VXWrapType::kHeartbeat, 0));  // with four nodes
-        for (int i = 0; i < 50; ++i) EXPECT_EQ(answer(20), "Heart Beat Received") << i;
+        for (int heard = 0; heard < 50;) {
+            const std::string text = answer();
+            ASSERT_NE(text, "(none)") << heard;
+            heard += text == "Heart Beat Received";  // what the first ones are answered is passed over
+        }
         vxUdpStop();
         EXPECT_TRUE(!VXUdp.workers && !VXUdp.freeList.head && VXUdp.socket == -1);
         vxUdpStart();
