@@ -236,14 +236,22 @@ TEST_P(AgentSession, KeepsItsRecordsWhileTheProxyClosesDataConnections) {
     open();
     registerAgent();
     startInstrumentation();
-    const std::int64_t number = report();
-    for (int refusals = 0; refusals < 3; ++refusals) {
+    // For 100 ms the agent looks whether the proxy closes; where the machine closes later, records are lost.
+    unsigned round = 0;
+    for (bool kept = false; !kept; ++round) {
+        ASSERT_LT(round, 20U);
+        const std::int64_t number = report();
+        for (int refusals = 0; refusals < 3; ++refusals) {
+            acceptData();
+            data.close();  // at the first read behind the line, as the proxy does that has no collector
+        }
         acceptData();
-        data.close();  // at the first read behind the line, as the proxy does that has no collector
+        const std::int64_t later = report(), first = frameFrom(data).flowpath;
+        kept = first == number;
+        EXPECT_TRUE(kept || first == later);
+        data.close();
     }
-    acceptData();
-    EXPECT_EQ(frameFrom(data).flowpath, number);
-    EXPECT_EQ(statistics().reconnects, 3U);
+    EXPECT_TRUE(eventually([&] { return statistics().reconnects == 4 * round; }));
 }
 
 TEST_P(AgentSession, BeginsANewConnectionWithAWholeRecord) {
