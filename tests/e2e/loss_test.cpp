@@ -104,8 +104,8 @@ TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
             {.kind = Kind::kReset, .connection = kData, .bytes = 50},
             {.kind = Kind::kCut, .connection = kData, .behind = "\n^", .bytes = 9},
             {.kind = Kind::kReset, .connection = kData, .bytes = 100000},
-            {.kind = Kind::kSlow, .connection = kControl, .piece = 1, .pauseUs = 1},
-            {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 7, .pauseUs = 1000},
+            {.kind = Kind::kSlow, .connection = kControl, .piece = 3, .pauseUs = 1},
+            {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 50, .pauseUs = 1000},
         });
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string_view>
 
@@ -58,6 +59,8 @@ void EndToEnd::startCollector(const std::vector<std::string>& more) {
         command.insert(command.end(),
                        {"--cert", ownCertificate().certificate, "--key", ownCertificate().key});
     }
+    std::filesystem::remove_all(streamsDir);  // of a former one, which it would write over
+    read_ = {};
     collector = std::make_unique<Program>(
         Program::Setup{command, {}, dir / ("collector" + std::to_string(++collectors) + ".log")});
     ASSERT_TRUE(collector->outputHolds("listening on")) << collector->output();
@@ -154,20 +157,34 @@ std::string EndToEnd::streams(const std::string& kind) const {
     return textOf(filesOf(streamsDir, kind + "_"));
 }
 
+std::uint64_t EndToEnd::arrived() const {
+    readStreams();
+    return read_.summary.transactions;
+}
+
 collector::Summary EndToEnd::summaryOfStreams() const {
-    collector::Summary summary;
+    readStreams();
+    return read_.summary;
+}
+
+// What was read stays read: tests ask a hundred times a second, and streams only grow.
+void EndToEnd::readStreams() const {
+    if (read_.folder != streamsDir) read_ = {.folder = streamsDir};
     for (const std::string& path : filesOf(streamsDir, "data_")) {
-        collector::InstanceState instance;
-        const std::string text = fileText(path);
-        std::string_view rest = text;
-        rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1));  // the connect line
+        auto& [at, instance] = read_.files[path];
+        std::ifstream file(path, std::ios::binary);
+        std::ostringstream further;
+        file.seekg(static_cast<std::streamoff>(at));
+        further << file.rdbuf();
+        const std::string text = further.str();
         // What a lost connection leaves behind its last newline is no record.
-        for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-            collector::takeRecord(rest.substr(0, end), instance, summary);
-            rest.remove_prefix(end + 1);
+        for (std::size_t from = 0, end = 0; (end = text.find('\n', from)) != std::string::npos;
+             from = end + 1) {
+            const std::string_view line = std::string_view(text).substr(from, end - from);
+            if (at > 0) collector::takeRecord(line, instance, read_.summary);  // behind the connect line
+            at += line.size() + 1;
         }
     }
-    return summary;
 }
 
 std::string EndToEnd::traceText() const {

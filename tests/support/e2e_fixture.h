@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "tests/support/program.h"
 #include "tests/support/raw_agent.h"
 #include "tests/support/temp_dir.h"
+#include "tools/collector/collector_instance.h"
 #include "tools/collector/collector_summary.h"
 
 namespace vx::test {
@@ -43,7 +45,7 @@ protected:
     std::string deliver(int transactions, std::vector<std::string> arguments = {},
                         const std::string& application = "shop");
     // Transactions in the collector's streams, and whether as many come in time.
-    std::uint64_t arrived() const { return summaryOfStreams().transactions; }
+    std::uint64_t arrived() const;
     bool arrive(std::uint64_t count, double seconds = kPatience) const;
 
     // Text of all streams of one kind ("data", "control").
@@ -67,6 +69,19 @@ protected:
     int collectors = 0, loads = 0;  // started so far
     std::uint64_t delivered = 0;    // by deliver()
     std::unique_ptr<Program> collector, service;
+
+private:
+    struct ReadSoFar {
+        struct File {
+            std::size_t at = 0;  // read up to here
+            collector::InstanceState instance{};
+        };
+        std::string folder{};
+        std::map<std::string, File> files{};
+        collector::Summary summary{};
+    };
+    void readStreams() const;
+    mutable ReadSoFar read_;
 };
 
 // Value of `key` in the lines of key=value pairs that begin with `line`, summed.
