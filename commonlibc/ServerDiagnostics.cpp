@@ -13,16 +13,14 @@ namespace vx {
 
 namespace {
 
-// The first that is there: record 0 stands empty from its process's end until another one registers.
+// Record 0 stands empty from its process's end until another one registers.
 void relayToFirst(const vxApplication& app, const char* line) {
-    const std::int32_t count = app.identity.numProcess.load(std::memory_order_acquire);
-    for (std::int32_t i = 0; i < count; ++i) {
-        processInfo_t* process = processAt(app, i);
-        if (!process || !vxHasControl(*process)) continue;
-        vxRelayLine(*process, line);
-        return;
-    }
-    VX_TRACE(1, kControlThread, kWarning, "No agent process is there to take '%s'", line);
+    const bool any = app.identity.numProcess.load(std::memory_order_acquire) > 0;
+    processInfo_t* first = any ? processAt(app, 0) : nullptr;
+    if (first && vxHasControl(*first))
+        vxRelayLine(*first, line);
+    else
+        VX_TRACE(1, kControlThread, kWarning, "The first agent process is not there to take '%s'", line);
 }
 
 // The number behind "id=" (case ignored), else behind the first semicolon; 0 without one.

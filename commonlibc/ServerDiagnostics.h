@@ -1,8 +1,8 @@
 // What the collector wants to know of an agent process: thread dumps and the list of loaded classes.
 //
-// Both orders go to the first process of the instance that is connected. A thread dump comes back as a line
-// of the agent's control connection and goes out on the collector's control connection; a class list comes
-// over a connection of its own (proxyServer/vx_proxy_discovery).
+// Both orders go to the first process of the instance, or, when that has ended, to nobody (traced). A thread
+// dump comes back as a line of the agent's control connection and goes out on the collector's control
+// connection; a class list comes over a connection of its own (proxyServer/vx_proxy_discovery).
 //
 // Limits    At most `maxLen` - 1 bytes of a text go out; the outbox ends it with a newline.
 // Threads   The two orders: control thread of the instance. sendThreadDataToVXC: any. Current context.

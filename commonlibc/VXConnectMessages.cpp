@@ -30,15 +30,11 @@ const char* agentNameOf(const vxApplication& app) {
     return app.identity.agentName ? app.identity.agentName : "";
 }
 
-// The collector takes the first process that is there as the agent's. 0 without one.
+// The collector takes the first process as the agent's.
 std::int64_t agentPid(const vxApplication& app) {
-    const std::int32_t count = app.identity.numProcess.load(std::memory_order_acquire);
-    for (std::int32_t i = 0; i < count; ++i) {
-        const processInfo_t* process = processAt(app, i);
-        const std::int64_t pid = process ? process->pid.load(std::memory_order_relaxed) : -1;
-        if (pid >= 0) return pid;  // below: a free record
-    }
-    return 0;
+    if (app.identity.numProcess.load(std::memory_order_acquire) < 1) return 0;
+    const processInfo_t* first = processAt(app, 0);
+    return first ? first->pid.load(std::memory_order_relaxed) : 0;
 }
 
 // A connect line over its buffer: one byte stays for the terminator.

@@ -51,14 +51,6 @@ TEST_F(Server, AHeartbeatGoesOnToTheAgentsAndOrdersConnectionsClosed) {
     EXPECT_EQ(app->VXSys.dataConnState, 0);
 }
 
-// Record 0 stands empty when the process that registered first has ended: such orders went to nobody then.
-TEST_F(Server, AThreadDumpIsAskedOfAProcessThatIsThere) {
-    const std::string order = "vx_meta_data_req:action=get_thread_dump;";
-    std::swap(table[0], table[1]);
-    handle(order);
-    EXPECT_EQ(toAgent(), order);
-}
-
 // A start behind a refused reply, in the same bytes, once set the agents going over no connection.
 TEST_F(Server, WhatFollowsARefusedReplyIsNotActedOn) {
     vxlb_shared_close(app->control.controlSocket);

@@ -20,8 +20,7 @@ protected:
         setAgentType("Dotnet");
         setVXCHost("collector.example");
         app->identity.processInfo = processes_;
-        app->identity.numProcess = 2;
-        ended_.pid = -1;
+        app->identity.numProcess = 1;
         process_.pid = 4711;
         app->VXBCISetting.appID = 7;
         app->VXBCISetting.vxAppServerID = 8;
@@ -46,8 +45,8 @@ protected:
 
     test::FakeClock clock_{1700000000123};
     char serverIp_[256];
-    processInfo_t ended_{}, process_{};
-    processInfo_t* processes_[2] = {&ended_, &process_};
+    processInfo_t process_{};
+    processInfo_t* processes_[1] = {&process_};
 };
 
 TEST_F(ConnectMessages, ControlLine) {
