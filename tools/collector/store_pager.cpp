@@ -18,7 +18,7 @@ int placeOf(const Table& table, const char* name) {
 
 // How rows of one key become one, where they have not been folded yet.
 std::string foldedColumn(const Table& table, const Column& column, const Database& database) {
-    const std::string name = column.name;
+    std::string name = column.name;
     if (column.fold == Fold::kKey || name == "at") return name;
     if (column.fold == Fold::kAdd) return database.sum(column.name);
     if (column.fold == Fold::kLeast) return "min(" + name + ")";
@@ -60,6 +60,25 @@ Answered StorePager::begin(std::string& error) {
     return answer;
 }
 
+// In a file each page has to find its first row by the keys. So behind the first page nothing else says where
+// a key begins: of two such conditions the engine follows one, which may be the one that stays. And a time
+// that is no key is not looked up in an index of its own.
+void StorePager::addBounds(Sql& sql) const {
+    if (database_.findsByTime()) {
+        if (hasTime_) sql.add(" AND at >= ?", window_.from).add(" AND at < ?", window_.to);
+        return;
+    }
+    const std::string first = table_.columns.front().name;
+    if (ofTransactions_) {
+        if (last_.empty()) sql.add(" AND " + first + " >= ?", ids_.from);
+        sql.add(" AND " + first + " <= ?", ids_.to);
+    }
+    if (!hasTime_) return;
+    const std::string time = first == "at" ? "at" : "+at";
+    if (first != "at" || last_.empty()) sql.add(" AND " + time + " >= ?", span_.from);
+    sql.add(" AND " + time + " < ?", span_.to);
+}
+
 Sql StorePager::statement() const {
     std::string columns, order, marks;
     for (const Column& column : table_.columns) {
@@ -71,15 +90,7 @@ Sql StorePager::statement() const {
         marks.append(marks.empty() ? "?" : ", ?");
     }
     Sql sql("SELECT " + columns + " FROM " + table_.name + " WHERE 1 = 1");
-    const std::string first = table_.columns.front().name;
-    if (!database_.findsByTime() && ofTransactions_)
-        sql.add(" AND " + first + " >= ?", ids_.from).add(" AND " + first + " <= ?", ids_.to);
-    if (hasTime_ && database_.findsByTime()) {
-        sql.add(" AND at >= ?", window_.from).add(" AND at < ?", window_.to);
-    } else if (hasTime_) {  // not by an index of it: the order would have to be made for each page
-        const std::string at = first == "at" ? " AND at" : " AND +at";
-        sql.add(at + " >= ?", span_.from).add(at + " < ?", span_.to);
-    }
+    addBounds(sql);
     if (!last_.empty()) {
         sql.add(" AND (" + order + ") > (" + marks + ")");
         for (const Sql::Value& value : last_) sql.bind(value);

@@ -34,6 +34,7 @@ public:
 private:
     Answered begin(std::string& error);
     Answered page(const Database::Take& take, std::size_t& taken, std::string& error);
+    void addBounds(Sql& sql) const;
     Sql statement() const;
     void remember(const ResultRow& row);
     bool moveWindow(std::size_t taken);
