@@ -17,7 +17,7 @@ constexpr int kMostPort = 65535;
 
 constexpr const char* kHelp =
     "Usage: vxcollector [--listen PORT] [--ws PORT] [--wss PORT] [options]\n"
-    "       vxcollector export --db FILE --format otlp-json|csv [--help tells more]\n"
+    "       vxcollector export --db FILE|--clickhouse URL --format otlp-json|csv [--help tells more]\n"
     "       vxcollector --check-rules FILE [--url URL] [--method M] [--query Q] [--header H]\n"
     "\n"
     "A collector for one machine: accepts the control, data and auto-sensor connections of VXProxyService,\n"
