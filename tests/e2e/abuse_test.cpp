@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/by_name.h"
 #include "tests/support/e2e_fixture.h"
 #include "tests/support/raw_agent.h"
 #include "tests/support/record_stream.h"

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <string>
 
-#include "tests/support/by_name.h"
 #include "tests/support/e2e_fixture.h"
 #include "tests/support/raw_agent.h"
 #include "tests/support/record_stream.h"
@@ -104,8 +103,8 @@ TEST_F(LossOfAgents, AtEveryStageIsFollowedByConnectionsThatDeliver) {
             {.kind = Kind::kReset, .connection = kData, .bytes = 50},
             {.kind = Kind::kCut, .connection = kData, .behind = "\n^", .bytes = 9},
             {.kind = Kind::kReset, .connection = kData, .bytes = 100000},
-            {.kind = Kind::kSlow, .connection = kControl, .piece = 3, .pauseUs = 1},
-            {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 50, .pauseUs = 1000},
+            {.kind = Kind::kSlow, .connection = kControl, .piece = 3},
+            {.kind = Kind::kSlow, .way = Way::kDown, .connection = kControl, .piece = 50},
         });
 }
 

@@ -1,8 +1,10 @@
-// Fixture: a ready context of its own for each test, on this thread.
+// Fixture: a ready context of its own for each test, on this thread. Ceilings and upcalls that a test has set
+// end with it.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include "commonlibc/vx_upcalls.h"
 #include "tests/support/contexts.h"
 
 namespace vx::test {
@@ -10,7 +12,11 @@ namespace vx::test {
 class AppFixture : public testing::Test {
 protected:
     void SetUp() override { app = makeContext(); }
-    void TearDown() override { freeContext(app); }
+    void TearDown() override {
+        freeContext(app);
+        VXProxy.ceilings = {};
+        vxUpcalls = {};
+    }
 
     vxApplication* app = nullptr;
 };

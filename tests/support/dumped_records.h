@@ -4,10 +4,12 @@
 // dumpData has taken since the start or the last clearDumped().
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "commonlibc/VXDataDispatcher.h"
+#include "commonlibc/VXMonitorReport.h"
 #include "commonlibc/context/vx_application.h"
 #include "commonlibc/vxlb_word.h"
 
@@ -53,6 +55,14 @@ inline std::vector<std::string> dumpedRecords(const vxApplication& app) {
 inline void clearDumped(vxApplication& app) {
     for (VXBufferNode* head : {app.data.chain.readListHead, app.data.chain.writeListHead})
         for (VXBufferNode* node = head; node; node = node->next) node->use_len = 0;
+}
+
+// What a monitor's generator writes.
+inline std::string reportOf(bool (*generate)(char* buffer, std::int32_t* length)) {
+    const auto buffer = std::make_unique<char[]>(kReportBufferSize);
+    std::int32_t length = 0;
+    generate(buffer.get(), &length);
+    return {buffer.get(), static_cast<std::size_t>(length)};
 }
 
 }  // namespace vx::test

@@ -84,6 +84,9 @@ private:
     mutable ReadSoFar read_;
 };
 
+// Rows of parameterized tests name these by their member `name`.
+inline constexpr auto byName = [](const auto& row) { return std::string(row.param.name); };
+
 // Value of `key` in the lines of key=value pairs that begin with `line`, summed.
 std::uint64_t reported(const std::string& output, const std::string& line, const std::string& key);
 

@@ -90,8 +90,7 @@ public:
     }
     // True when the other side has closed; what it sent before can still be read.
     bool ended(double seconds = kPeerSeconds) {
-        const auto deadline = deadlineIn(seconds);
-        while (readMore(deadline)) continue;
+        pending_ = readToEnd(seconds);
         return ended_;
     }
     bool send(const std::string& text) const {

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "commonlibc/VXKeywords.h"
-#include "commonlibc/vx_upcalls.h"
 #include "tests/support/flowpath_fixture.h"
 #include "tests/support/record_stream.h"
 
@@ -19,10 +18,6 @@ protected:
         app->data.data_thread_running = 1;
         slot = takeSlotWithBt();
         vxFileSlot(slot, "77");
-    }
-    void TearDown() override {
-        vxUpcalls = {};
-        FlowpathFixture::TearDown();
     }
     void keyword(const char* name, std::string value) {
         vxApplyKeyword(NameToIndex(name), value.data(), name);

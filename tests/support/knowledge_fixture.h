@@ -82,6 +82,7 @@ protected:
     }
     void TearDown() override {
         closeDumping(*app);
+        vxFreeChain(app->autoSensor.chain);
         freeKnowledge(*app);
         AppFixture::TearDown();
     }

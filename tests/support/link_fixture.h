@@ -33,17 +33,9 @@
 #include "tests/support/fake_collector.h"
 #include "tests/support/home_fixture.h"
 #include "tests/support/knowledge_fixture.h"
+#include "tests/support/program.h"
 
 namespace vx::test {
-
-inline bool eventually(const auto& condition, double seconds = kPeerSeconds) {
-    const auto deadline = deadlineIn(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        ::usleep(1000);
-    }
-    return condition();  // the machine may have stopped right here
-}
 
 class LinkFixture : public HomeFixture {
 protected:

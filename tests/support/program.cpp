@@ -5,14 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "tests/support/loopback.h"
 
@@ -121,10 +119,6 @@ int freePort() {
         ::close(fd);
         if (fd >= 0) return port;
     }
-}
-
-void pause10ms() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 std::string fileText(const std::string& path) {

@@ -2,16 +2,16 @@
 //
 // Its output (both streams) goes to a file that the test can wait on; the destructor kills what still runs.
 // It leads a process group: signals reach the processes that it has made as well.
-// Waits poll every 10 ms and fail the test when they meet their limit: that of a machine which is many times
+// Waits poll every 5 ms and fail the test when they meet their limit: that of a machine which is many times
 // too slow, since what is waited for comes at once on any other.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
-
-#include "tests/support/sanitizer_growth.h"
 
 namespace vx::test {
 
@@ -52,19 +52,30 @@ std::string programPath(const std::string& name);
 // A TCP port on loopback that is free, and that no other test is given while this process lives.
 int freePort();
 // Waits until condition() answers true; false when the limit passes.
-template <class Condition>
-bool eventually(Condition condition, double seconds = kPatience);
-void pause10ms();
-int occurrences(const std::string& text, const std::string& wanted);
-
-template <class Condition>
-bool eventually(Condition condition, double seconds) {
-    for (int round = 0; round < static_cast<int>(seconds * 100); ++round) {
+bool eventually(const auto& condition, double seconds = kPatience) {
+    for (int round = 0; round < static_cast<int>(seconds * 200); ++round) {
         if (condition()) return true;
-        pause10ms();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return condition();
 }
+int occurrences(const std::string& text, const std::string& wanted);
 std::string fileText(const std::string& path);
+// What a program holds, as the system tells it; -1 when it is gone.
+long residentKb(pid_t pid);
+int descriptorsOf(pid_t pid);
+
+#ifdef __has_feature
+#define VX_HAS_FEATURE(name) __has_feature(name)
+#else
+#define VX_HAS_FEATURE(name) 0
+#endif
+
+// What a sanitizer keeps of freed blocks is no growth of the program.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || VX_HAS_FEATURE(address_sanitizer)
+inline constexpr long kSanitizerGrowthKb = 65536;
+#else
+inline constexpr long kSanitizerGrowthKb = 0;
+#endif
 
 }  // namespace vx::test

@@ -1,16 +1,12 @@
 #include "tests/support/tcp_relay.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <utility>
+#include <vector>
 
 #include "tests/support/loopback.h"
 
@@ -18,29 +14,22 @@ namespace vx::test {
 
 namespace {
 
-constexpr std::size_t kMostHeld = 256 * 1024;
-constexpr std::size_t kTail = 64;  // longest text that a fault may stand behind
-constexpr int kIdleMs = 1000;
+constexpr std::size_t kMostWaiting = 256 * 1024;
+constexpr int kIdleMs = 10, kBusyMs = 1;
 
-std::int64_t monotonicUs() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
-void closeEnd(int& fd, bool reset) {
-    if (fd < 0) return;
-    const linger now{1, 0};
-    if (reset) ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
-    ::close(std::exchange(fd, -1));
+// Where a fault strikes a stream; npos while its text has not come.
+std::size_t placeOf(const Fault& fault, const std::string& bytes) {
+    const std::size_t found = bytes.find(fault.behind);
+    if (found == std::string::npos) return found;
+    return found + fault.behind.size() + static_cast<std::size_t>(fault.bytes);
 }
 
 }  // namespace
 
-TcpRelay::TcpRelay(int targetPort) : targetPort_(targetPort) {
-    listener_ = boundTo(0, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC);
+TcpRelay::TcpRelay(int targetPort)
+    : targetPort_(targetPort), listener_(boundTo(0, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC)) {
     ::listen(listener_, 128);
     port_ = portOf(listener_);
-    wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     thread_ = std::thread([this] { run(); });
 }
 
@@ -49,15 +38,9 @@ TcpRelay::~TcpRelay() {
         const std::lock_guard lock(mutex_);
         stop_ = true;
     }
-    wake();
     thread_.join();
-    for (Connection& connection : connections_) end(connection, true);
+    endAll(true);
     ::close(listener_);
-    ::close(wakeFd_);
-}
-
-void TcpRelay::wake() const {
-    ::eventfd_write(wakeFd_, 1);
 }
 
 void TcpRelay::add(const Fault& fault) {
@@ -66,11 +49,8 @@ void TcpRelay::add(const Fault& fault) {
 }
 
 void TcpRelay::endAll(bool reset) {
-    {
-        const std::lock_guard lock(mutex_);
-        for (Connection& connection : connections_) end(connection, reset);
-    }
-    wake();
+    const std::lock_guard lock(mutex_);
+    for (Connection& connection : connections_) end(connection, reset);
 }
 
 void TcpRelay::refuse(bool on) {
@@ -80,50 +60,40 @@ void TcpRelay::refuse(bool on) {
 
 void TcpRelay::end(Connection& connection, bool reset) {
     if (std::exchange(connection.gone, true)) return;
-    closeEnd(connection.client, reset);
-    closeEnd(connection.target, reset);
-    for (Armed& armed : connection.armed) {  // what has not struck waits for another connection
-        if (armed.fault.times < 0) continue;
-        armed.fault.times = 1;
-        waiting_.push_back(armed.fault);
+    for (const int fd : {connection.up.from, connection.up.to}) {
+        const linger now{reset, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+        ::close(fd);
     }
+    waiting_.splice(waiting_.end(), connection.armed);  // they wait for another connection
 }
 
-// One turn: wait without the lock, then read, pass on and forget under it.
+// One turn: wait without the lock, then read and pass on under it.
 void TcpRelay::run() {
     for (;;) {
-        std::vector<pollfd> polled{{listener_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
-        std::vector<std::pair<Connection*, Stream*>> owners;
+        std::vector<pollfd> polled{{listener_, POLLIN, 0}};
         int waitMs = kIdleMs;
         {
             const std::lock_guard lock(mutex_);
             if (stop_) return;
-            connections_.remove_if([](const Connection& c) { return c.gone; });
-            const std::int64_t now = monotonicUs();
-            for (Connection& connection : connections_)
-                for (Stream* stream : {&connection.up, &connection.down}) {
-                    const bool reads = !stream->ended && stream->held.size() < kMostHeld;
-                    polled.push_back({reads ? stream->from : -1, POLLIN, 0});
-                    owners.emplace_back(&connection, stream);
-                    const bool paused = stream->goOnUs > now && !stream->held.empty();
-                    if (paused)
-                        waitMs = std::min(waitMs, static_cast<int>((stream->goOnUs - now) / 1000) + 1);
-                    const bool writes =
-                        !paused && stream->piece > 0 && !stream->held.empty() && connection.named;
-                    polled.push_back({writes ? stream->to : -1, POLLOUT, 0});
+            connections_.remove_if([](const Connection& one) { return one.gone; });
+            for (const Connection& one : connections_)
+                for (const Stream* stream : {&one.up, &one.down}) {
+                    const std::size_t waiting = stream->bytes.size() - stream->passed;
+                    if (waiting > 0) waitMs = kBusyMs;
+                    if (!stream->ended && waiting < kMostWaiting) polled.push_back({stream->from, POLLIN, 0});
                 }
         }
         ::poll(polled.data(), polled.size(), waitMs);
         const std::lock_guard lock(mutex_);
-        eventfd_t woken = 0;
-        if (polled[1].revents) ::eventfd_read(wakeFd_, &woken);
-        for (std::size_t i = 0; i < owners.size(); ++i) {
-            auto& [connection, stream] = owners[i];
-            if (!connection->gone && polled[2 * i + 2].revents) receive(*connection, *stream);
-            const Way way = stream == &connection->up ? Way::kUp : Way::kDown;
-            if (!connection->gone) passOn(*connection, *stream, way);
+        acceptOne();
+        for (Connection& one : connections_) {
+            for (Stream* stream : {&one.up, &one.down})
+                if (!one.gone) receive(one, *stream);
+            if (!one.gone && !one.named) arm(one);
+            if (!one.gone && one.named) passOn(one, one.up, Way::kUp);
+            if (!one.gone && one.named) passOn(one, one.down, Way::kDown);
         }
-        if (polled[0].revents) acceptOne();
     }
 }
 
@@ -139,96 +109,58 @@ void TcpRelay::acceptOne() {
     const int on = 1;
     for (const int end : {client, target}) ::setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     Connection& connection = connections_.emplace_back();
-    connection.client = connection.up.from = connection.down.to = client;
-    connection.target = connection.up.to = connection.down.from = target;
+    connection.up.from = connection.down.to = client;
+    connection.up.to = connection.down.from = target;
     arm(connection);
 }
 
 // Faults that name no connection are armed at once, the others when the first line has come.
 void TcpRelay::arm(Connection& connection) {
-    const std::string& line = connection.up.held;
+    const std::string& line = connection.up.bytes;
     connection.named = line.find('\n') != std::string::npos || connection.up.ended;
     for (Fault& fault : waiting_) {
-        const bool fits = fault.connection.empty() ? !connection.named && line.empty()
-                                                   : connection.named && line.starts_with(fault.connection);
-        if (!fits || fault.times == 0) continue;
-        if (fault.times > 0) --fault.times;
-        connection.armed.push_back({fault});
+        const bool fits =
+            fault.connection.empty() ? line.empty() : connection.named && line.starts_with(fault.connection);
+        if (!fits) continue;
+        --fault.times;
+        connection.armed.push_back(fault);
+        connection.armed.back().times = 1;
+        if (fault.connection.empty()) connection.named = true;  // nothing to wait for
     }
-    for (const Armed& armed : connection.armed)
-        if (armed.fault.connection.empty()) connection.named = true;  // nothing to wait for
+    waiting_.remove_if([](const Fault& fault) { return fault.times == 0; });
 }
 
 void TcpRelay::receive(Connection& connection, Stream& stream) {
+    if (stream.ended || stream.bytes.size() - stream.passed >= kMostWaiting) return;
     char bytes[65536];
     const ssize_t count = ::recv(stream.from, bytes, sizeof(bytes), MSG_DONTWAIT);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (count < 0) {
-        end(connection, true);
-        return;
-    }
-    stream.held.append(bytes, static_cast<std::size_t>(count));
+    if (count < 0 && errno != EAGAIN && errno != EINTR) end(connection, true);
+    if (count > 0) stream.bytes.append(bytes, static_cast<std::size_t>(count));
     stream.ended = count == 0;
-    if (!connection.named && &stream == &connection.up) arm(connection);
 }
 
-// Bytes that may go now: those in front of every fault's place. A text may have gone through in part.
-std::size_t TcpRelay::allowed(Connection& connection, const Stream& stream, Way way) {
-    std::size_t most = std::min(stream.held.size(), stream.piece);
-    for (Armed& armed : connection.armed) {
-        if (armed.fault.way != way) continue;
-        if (armed.at < 0) {
-            const std::string seen = stream.tail + stream.held;
-            const std::size_t found = seen.find(armed.fault.behind);
-            if (found == std::string::npos) continue;
-            const std::size_t end = found + armed.fault.behind.size();
-            armed.at = stream.passed - static_cast<std::int64_t>(stream.tail.size()) +
-                       static_cast<std::int64_t>(end) + armed.fault.bytes;
-        }
-        const std::int64_t left = std::max<std::int64_t>(0, armed.at - stream.passed);
-        most = std::min(most, static_cast<std::size_t>(left));
-    }
-    return most;
-}
-
-void TcpRelay::strike(Connection& connection, Stream& stream, const Fault& fault) {
-    ++struck_;
-    if (fault.kind != Fault::Kind::kSlow) {
-        end(connection, fault.kind == Fault::Kind::kReset);
-        return;
-    }
-    stream.piece = fault.piece;
-    stream.pauseUs = fault.pauseUs;
-}
-
+// Passes on what stands in front of every fault's place, then strikes where that was reached.
 void TcpRelay::passOn(Connection& connection, Stream& stream, Way way) {
-    if (!connection.named || stream.goOnUs > monotonicUs()) return;
-    const std::size_t most = allowed(connection, stream, way);
-    if (most > 0) {
-        const ssize_t sent = ::send(stream.to, stream.held.data(), most, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-            end(connection, true);
-            return;
-        }
-        if (sent > 0) {
-            const auto count = static_cast<std::size_t>(sent);
-            stream.tail.append(stream.held, 0, count);
-            stream.tail.erase(0, stream.tail.size() - std::min(stream.tail.size(), kTail));
-            stream.held.erase(0, count);
-            stream.passed += sent;
-            if (stream.pauseUs) stream.goOnUs = monotonicUs() + stream.pauseUs;
-        }
+    std::size_t most = std::min(stream.bytes.size() - stream.passed, stream.piece);
+    for (const Fault& fault : connection.armed)
+        if (fault.way == way) most = std::min(most, placeOf(fault, stream.bytes) - stream.passed);
+    const char* next = stream.bytes.data() + stream.passed;
+    const ssize_t sent = most > 0 ? ::send(stream.to, next, most, MSG_DONTWAIT | MSG_NOSIGNAL) : 0;
+    if (sent < 0 && errno != EAGAIN && errno != EINTR) return end(connection, true);
+    if (sent > 0) stream.passed += static_cast<std::size_t>(sent);
+
+    const auto reached = std::ranges::find_if(connection.armed, [&](const Fault& fault) {
+        return fault.way == way && placeOf(fault, stream.bytes) <= stream.passed;
+    });
+    if (reached != connection.armed.end()) {
+        const Fault fault = *reached;
+        connection.armed.erase(reached);
+        ++struck_;
+        if (fault.kind != Fault::Kind::kSlow) return end(connection, fault.kind == Fault::Kind::kReset);
+        stream.piece = fault.piece;
     }
-    for (auto at = connection.armed.begin(); at != connection.armed.end() && !connection.gone;) {
-        if (at->fault.way != way || at->at < 0 || at->at > stream.passed) {
-            ++at;
-            continue;
-        }
-        const Fault fault = at->fault;
-        at = connection.armed.erase(at);
-        strike(connection, stream, fault);
-    }
-    if (connection.gone || !stream.ended || !stream.held.empty() || stream.endTold) return;
+    if (connection.armed.empty()) stream.bytes.erase(0, std::exchange(stream.passed, 0));
+    if (!stream.ended || stream.endTold || stream.passed < stream.bytes.size()) return;
     stream.endTold = true;
     ::shutdown(stream.to, SHUT_WR);
     if (connection.up.endTold && connection.down.endTold) end(connection, false);

@@ -8,20 +8,18 @@
 // A fault waits for a connection that it fits, and strikes it at one byte of one direction: what stands
 // before that byte has gone through, what stands behind it has not.
 //
-// Limits    256 KB held in each direction of a connection; then its sender is not read. A text of `behind`
-// has
-//           at most 64 bytes.
-// Threads   One of its own passes the bytes; the calls may come from any other.
+// Limits    256 KB wait in each direction of a connection; then its sender is not read.
+// Threads   One of its own passes the bytes, in turns of 10 ms at most; the calls may come from any other.
 // Lifetime  The destructor resets what stands.
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace vx::test {
 
@@ -31,16 +29,15 @@ struct Fault {
     enum class Kind {
         kCut,    // both ends see the end of the stream
         kReset,  // both ends see a reset
-        kSlow,   // this direction goes on in pieces of `piece` bytes (0: not at all), `pauseUs` behind each
+        kSlow,   // this direction goes on in pieces of `piece` bytes, one a turn
     };
     Kind kind = Kind::kCut;
     Way way = Way::kUp;
     std::string connection = {};  // the first line of what it strikes begins with this; empty: any
     std::string behind = {};      // the place: the end of this text's first occurrence; empty: the beginning
     std::int64_t bytes = 0;       // and so many bytes further
-    int times = 1;                // connections that it strikes; -1: each
-    std::size_t piece = 1 << 20;
-    std::int64_t pauseUs = 0;
+    int times = 1;                // connections that it strikes
+    std::size_t piece = 0;
 };
 
 class TcpRelay {
@@ -51,7 +48,7 @@ public:
     TcpRelay& operator=(const TcpRelay&) = delete;
 
     int port() const { return port_; }
-    // For connections that come from now on.
+    // For connections that come from now on, or have said nothing yet.
     void add(const Fault& fault);
     // Ends what stands now, with a reset or in order.
     void endAll(bool reset);
@@ -64,24 +61,17 @@ public:
 private:
     struct Stream {  // one direction
         int from = -1, to = -1;
-        std::string held;         // read, not yet passed on
-        std::int64_t passed = 0;  // bytes
-        std::string tail;         // the last of them
-        bool ended = false;       // the sender has ended
+        std::string bytes;       // from the beginning while a fault waits, else from where it has got to
+        std::size_t passed = 0;  // of them
+        std::size_t piece = std::string::npos;
+        bool ended = false;  // the sender has ended
         bool endTold = false;
-        std::size_t piece = 1 << 20;
-        std::int64_t pauseUs = 0, goOnUs = 0;  // monotonic
-    };
-    struct Armed {
-        Fault fault;
-        std::int64_t at = -1;  // place in its stream, -1 while `behind` has not come
     };
     struct Connection {
-        int client = -1, target = -1;
         Stream up, down;
         bool named = false;  // its first line is known, and the faults that fit are armed
         bool gone = false;
-        std::vector<Armed> armed;
+        std::list<Fault> armed = {};
     };
 
     void run();
@@ -89,15 +79,12 @@ private:
     void arm(Connection& connection);
     void receive(Connection& connection, Stream& stream);
     void passOn(Connection& connection, Stream& stream, Way way);
-    std::size_t allowed(Connection& connection, const Stream& stream, Way way);
-    void strike(Connection& connection, Stream& stream, const Fault& fault);
     void end(Connection& connection, bool reset);
-    void wake() const;
 
     const int targetPort_;
-    int listener_ = -1, port_ = 0, wakeFd_ = -1;
+    int listener_ = -1, port_ = 0;
     std::mutex mutex_;  // guards what follows
-    std::vector<Fault> waiting_;
+    std::list<Fault> waiting_;
     std::list<Connection> connections_;
     bool stop_ = false, refuse_ = false;
     std::atomic<int> struck_{0}, accepted_{0};

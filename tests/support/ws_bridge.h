@@ -1,7 +1,7 @@
 // A WebSocket front of a plain listener: what comes over WS or WSS goes on over TCP, and back.
 //
 //     FakeCollector collector;
-//     WsBridge front(collector.port(), WsBridge::kWs);
+//     WsBridge front(collector.port());
 //     ... the code under test connects to 127.0.0.1:front.port() over WebSocket ...
 //     FakePeer peer = collector.accept();            // the payload, without frames
 //

@@ -6,7 +6,6 @@
 #include "commonlibc/bt/VXBTDigest.h"
 #include "commonlibc/bt/VXBTMonitor.h"
 #include "tests/support/knowledge_fixture.h"
-#include "tests/support/monitor_report.h"
 
 namespace vx::test {
 namespace {

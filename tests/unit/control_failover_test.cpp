@@ -7,7 +7,6 @@
 #include "commonlibc/VXDataDispatcher.h"
 #include "commonlibc/control_thread.h"
 #include "tests/support/link_fixture.h"
-#include "tests/support/sanitizer_growth.h"
 #include "tests/support/tcp_relay.h"
 #include "tests/support/ws_bridge.h"
 

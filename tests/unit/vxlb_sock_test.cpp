@@ -8,7 +8,7 @@
 
 #include "tests/support/app_fixture.h"
 #include "tests/support/fake_collector.h"
-#include "tests/support/sanitizer_growth.h"
+#include "tests/support/program.h"
 
 namespace vx {
 namespace {
