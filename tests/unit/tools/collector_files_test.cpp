@@ -44,20 +44,10 @@ protected:
     std::string error;
 };
 
-TEST_F(Files, AreNamedOnTheStartLineAndAnsweredInBothForms) {
+TEST_F(Files, ChangesCountOnceTwoLooksHaveSeenTheSame) {
     EXPECT_EQ(startFields(store.present()),
               "VXEntryPointsFile=VXEntryPointsFile|6|1000001000000;numInstrProfile=1;instrProfile=Shop.txt;"
               "lmd=1000002000000;size=7;");
-    EXPECT_EQ(
-        answer(FileKind::kKeyword, "VXEntryPointsFile"),
-        "vx_control_rep:action=file;keyword=VXEntryPointsFile%3Bsize%3D6%3Blmd%3D1000001000000;\nentry\n");
-    EXPECT_EQ(
-        answer(FileKind::kProfile, "Shop.txt"),
-        "vx_control_rep:action=instrumentation_profile;instrProfile=Shop.txt;size=7;lmd=1000002000000;\n"
-        "profile");
-}
-
-TEST_F(Files, ChangesCountOnceTwoLooksHaveSeenTheSame) {
     write("VXEntryPointsFile", "longer\n");
     store.look();
     EXPECT_EQ(changed(), "");

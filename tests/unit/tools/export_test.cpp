@@ -25,10 +25,7 @@ TransactionDetails someTransaction() {
     tx.row.start = 1'760'000'000'123;
     tx.row.duration = 40;
     tx.row.at = tx.row.start + 40;
-    tx.row.status = 503;
-    tx.row.category = 13;
     tx.row.bt = "Pay \"now\"\n\xFF";
-    tx.row.url = "/pay?x=1";
     tx.items.resize(3);
     tx.items[0].name = "Shop.buy";
     tx.items[0].durationMs = 30;
@@ -37,9 +34,6 @@ TransactionDetails someTransaction() {
     tx.items[1].parent = 0;
     tx.items[1].startMs = 3;
     tx.items[1].durationMs = 5.25;
-    tx.items[1].target = "HTTP";
-    tx.items[1].status = 500;
-    tx.items[1].failed = true;
     tx.items[2].kind = TransactionItem::Kind::kException;
     tx.exceptions.push_back({1'759'999'999'000, 4, "a.Timeout", "", "", "too late", "", "at a\n"});
     return tx;

@@ -159,64 +159,7 @@ TEST(StoreWriter, TriesAgainAtTheEndAfterAWhile) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, kRetryMs);
 }
 
-TEST_F(StoreTest, AnswersWithTheTreeHeadersAndExceptionsOfATransaction) {
-    open();
-    for (const char* line :
-         {"7,2,Pay", "5,Shop.buy(a,b),7", "5,Shop.load,8", "5,HTTP_pay&#46;example,9", "6,1,Via",
-          "32,1,a.Timeout", "33,1,Cart", "34,1,show", "35,1,too late", "36,1,db"})
-        take(line);
-    take("12,100,1:<a&#46;b>");
-    take("2,100:55:3,1,5,x.1,2,/pay,now?x=1,2,corr,9,700000000000000000000,3,,0,-1,abc,def,01," +
-         std::to_string(now - 1000 - kEpoch));
-    take("38,100,5,7,4,-1,-1,1,1,1,3,1,1,at%20a%7Cat%20b");
-    take("3,100,7:5_0_0__8:5:1:/u_0_2__");
-    take("7,2,Pay");  // told again: no new name
-    take(
-        "4,100F,503,13,9,40,2,0,,0,8:5_1_10_4___T3:9:9.750:1:-:12::::200_E4:9:1.000:10:6:22:500::::a_b_e4_7:"
-        "5_1_30____");
-    take("5,Shop.sell,7");  // from now on: not what the transaction meant
-    close();
-    std::vector<TransactionRow> rows;
-    ASSERT_EQ(query.transactions({}, rows), Answered::kOk);
-    ASSERT_EQ(rows.size(), 1U);
-    const TransactionRow& row = rows[0];
-    EXPECT_TRUE(row.bt == "Pay" && row.url == "/pay,now?x=1,2" && row.correlation == "corr" &&
-                row.parent == 9);
-    EXPECT_TRUE(row.session == "700000000000000000000" && row.page == 3 && row.previous == 55);
-    EXPECT_TRUE(row.traceId == "abc" && row.callerSpan == "def" && row.status == 503 && row.category == 13);
-    EXPECT_TRUE(row.at == now - 960 && row.duration == 40 && row.callouts == 2 && row.exceptions == 1);
-
-    TransactionDetails tx;
-    ASSERT_EQ(query.transaction(row.id, tx), Answered::kOk) << query.error();
-    struct {
-        const char* name;
-        int depth, parent;
-        double start, duration, self;
-    } const wanted[] = {{"Shop.buy(a,b)", 0, -1, 0, 30, 19},
-                        {"Shop.load", 1, 0, 2, 10, 0.25},
-                        {"HTTP_pay.example", 2, 1, 2.25, 9.75, 9.75},
-                        {"HTTP_pay.example", 1, 0, 21, 1, 1},
-                        {"a.Timeout", 1, 0, 22, 0, 0}};
-    ASSERT_EQ(tx.items.size(), std::size(wanted));
-    for (std::size_t i = 0; i < std::size(wanted); ++i) {
-        const TransactionItem& item = tx.items[i];
-        EXPECT_EQ(item.name, wanted[i].name);
-        EXPECT_TRUE(item.depth == wanted[i].depth && item.parent == wanted[i].parent) << i;
-        EXPECT_DOUBLE_EQ(item.startMs, wanted[i].start) << i;
-        EXPECT_DOUBLE_EQ(item.durationMs, wanted[i].duration) << i;
-        EXPECT_DOUBLE_EQ(item.selfMs, wanted[i].self) << i;
-    }
-    EXPECT_TRUE(tx.items[1].query == "/u" && tx.items[2].status == 200 && tx.items[2].target == "HTTP");
-    EXPECT_TRUE(tx.items[3].failed && tx.items[3].status == 500 && tx.items[3].target == "DB");
-    ASSERT_EQ(tx.request.size(), 1U);
-    EXPECT_TRUE(tx.request[0].name == "Via" && tx.request[0].value == "a.b");
-    ASSERT_EQ(tx.exceptions.size(), 1U);
-    EXPECT_TRUE(tx.exceptions[0].message == "too late" && tx.exceptions[0].stack == "at a\nat b\n");
-    EXPECT_EQ(tx.records.size(), 5U);
-    EXPECT_EQ(query.transaction(row.id + 1, tx), Answered::kFailed);
-}
-
-TEST_F(StoreTest, SumsAgreeWithWhatWasSentAndPagesNeitherSkipNorRepeat) {
+TEST_F(StoreTest, SumsAgreeWithWhatWasSent) {
     open();
     take("7,2,Pay");
     Figures sent;
@@ -254,18 +197,6 @@ TEST_F(StoreTest, SumsAgreeWithWhatWasSentAndPagesNeitherSkipNorRepeat) {
     longSteps.stepMs = kLongSumStep;
     ASSERT_EQ(query.sums(longSteps, sums), Answered::kOk);
     EXPECT_TRUE(sums.all == sent && sums.steps.size() <= 2) << "both steps say the same";
-
-    TransactionsQuery page;
-    page.limit = 77;
-    std::size_t seen = 0;
-    for (std::vector<TransactionRow> rows;
-         query.transactions(page, rows) == Answered::kOk && !rows.empty();) {
-        seen += rows.size();
-        EXPECT_TRUE(rows.front().at <= page.beforeAt);
-        page.beforeAt = rows.back().at;
-        page.beforeId = rows.back().id;
-    }
-    EXPECT_EQ(seen, 500U);
 }
 
 TEST_F(StoreTest, KeepsWhatIsYoungAndFits) {
