@@ -6,18 +6,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "tests/support/bare_context.h"
 #include "tools/collector/page_api.h"
 
 namespace {
 
 using namespace vx::collector;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using vx::test::require;
 
 std::string takeLine(std::string& text) {
     const std::string line = text.substr(0, text.find('\n'));

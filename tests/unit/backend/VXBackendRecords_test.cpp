@@ -8,7 +8,6 @@
 
 #include "commonlibc/VXDigestMonitor.h"
 #include "tests/support/knowledge_fixture.h"
-#include "tests/support/monitor_report.h"
 
 namespace vx::test {
 namespace {

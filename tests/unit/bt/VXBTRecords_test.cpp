@@ -32,10 +32,6 @@ protected:
         vxlb_copy_text(app->bt.vectorPrefix, sizeof(app->bt.vectorPrefix), "t|s|i|");
         vxlb_copy_text(app->bt.vectorPrefixID, sizeof(app->bt.vectorPrefixID), "7|9|");
     }
-    void TearDown() override {
-        vxFreeChain(app->autoSensor.chain);
-        KnowledgeFixture::TearDown();
-    }
     void count(std::int32_t category, std::int64_t duration, std::int64_t cpu = 0) {
         slot->tlCategory = static_cast<std::int8_t>(category);
         slot->fpDuration = duration;
@@ -51,10 +47,8 @@ protected:
     }
     // The records of a report: what has gone to the channel, then what is left in the buffer.
     std::string report() {
-        const auto buffer = std::make_unique<char[]>(kReportBufferSize);
-        std::int32_t length = 0;
-        generateAndDumpBTMonitoringRecord(buffer.get(), &length);
-        return textOf(app->autoSensor.chain).append(buffer.get(), static_cast<std::size_t>(length));
+        const std::string left = reportOf(generateAndDumpBTMonitoringRecord);
+        return textOf(app->autoSensor.chain) + left;
     }
     std::unique_ptr<vxTD> slot = std::make_unique<vxTD>();
 };

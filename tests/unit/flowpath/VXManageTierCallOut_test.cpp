@@ -14,10 +14,6 @@ protected:
         setAppName("app");
         slot = takeSlot();
     }
-    void TearDown() override {
-        VXProxy.ceilings = {};
-        FlowpathFixture::TearDown();
-    }
     int chain(std::string text) { return setTierCallOut(slot, text.data()); }
 
     vxTD* slot = nullptr;

@@ -29,9 +29,7 @@ TEST_F(HeaderCapture, SettingsSayWhatOfATextGoesIntoTheRecord) {
          "Accept$c\n",
          "13,77,404,1:<a%2Cb>|5:<c%A>"},
         {"3%201%200%200", kAgentJava, "req", "host=1&Host=2&Server=3&X=4", "12,77,6:<1>|1:<2>"},
-        {"3%201%200%200", kAgentJava, "res", "Host=1&ACCEPT=2&Server=3", "13,77,404,7:<2>|4:<3>"},
         {"3%200%201%203", kAgentJava, "req", "Host=,bcd&Accept=ab", "12,77,1:<&#44;bc>|5:<ab>"},
-        {"3%200%201%20-1", kAgentJava, "req", "Host=abcd", "12,77,1:<abcd>"},
         {"2%200%200%200", kAgentJava, "req", "Host=a", ""},
         {"4%200%200%200", kAgentJava, "req", "Host=a", ""},  // refused: 2 stays
     };
@@ -77,7 +75,6 @@ TEST_F(HeaderCapture, ATextOfAnyKindStaysWithinItsBounds) {
     VXProxy.ceilings.maxHeaderNames = 4;
     EXPECT_EQ(recordsOf("req", "C=3&D=4&A=1"), "12,77,4:<3>|1:<1>")
         << "a name beyond the ceiling is left out";
-    VXProxy.ceilings = {};
     std::string longList;
     for (int i = 0; i < 3000; ++i) longList += "Name" + std::to_string(i) + "\n";
     lines(longList + std::string(70000, 'n'));

@@ -9,13 +9,7 @@
 namespace vx::test {
 namespace {
 
-class HeaderMap : public KnowledgeFixture {
-protected:
-    void TearDown() override {
-        VXProxy.ceilings = {};
-        KnowledgeFixture::TearDown();
-    }
-};
+class HeaderMap : public KnowledgeFixture {};
 
 TEST_F(HeaderMap, NamesGetIdsInTheOrderOfFirstSightUpToTheCeiling) {
     EXPECT_EQ(searchAndUpdatehttpHashMapNode("Host", app->http.headers), nullptr) << "no map yet";

@@ -5,17 +5,12 @@
 
 #include "commonlibc/VXFileBasedKeywords.h"
 #include "tests/support/knowledge_fixture.h"
-#include "tests/support/monitor_report.h"
 
 namespace vx::test {
 namespace {
 
 class ExceptionMonitor : public KnowledgeFixture {
 protected:
-    void TearDown() override {
-        VXProxy.ceilings = VXCeilings{};
-        KnowledgeFixture::TearDown();
-    }
     static void deliver(std::string text) { parseExceptionMonFile(text.data()); }
     // How many of `times` exceptions of a class were counted.
     static int report(const char* className, int times = 1) {

@@ -4,7 +4,6 @@
 
 #include "commonlibc/VXMonitorModel.h"
 #include "tests/support/knowledge_fixture.h"
-#include "tests/support/monitor_report.h"
 
 namespace vx::test {
 namespace {

@@ -19,9 +19,6 @@ protected:
         return object;
     }
     BTObject* inManager(const char* name) { return find_bt_obj_in_manager_map(name); }
-    BTObject* inConfig(const char* name) {
-        return static_cast<BTObject*>(search_hashmap(name, app->bt.configMap));
-    }
     void connect() {
         app->Server.instrumentationStarted = 1;
         app->data.data_thread_running = 1;

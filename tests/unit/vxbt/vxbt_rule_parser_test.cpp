@@ -3,6 +3,7 @@
 #include <atomic>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -83,34 +84,14 @@ TEST_F(RuleTexts, NameTheBt) {
 
 TEST_F(RuleTexts, ABadLineIsToldAndCostsNoOther) {
     const std::string good = "7|Good|5|0|/good|0\n";
-    const std::string badLines[] = {"7|",
-                                    "7|A|2|0|/a",
-                                    "7|A|65536|0|/a|0",
-                                    "7|A|99999999999999|0|/a|0",
-                                    "7|A|2|0|/a|0|2|-",
-                                    "7|A|2|0|/a|0|3|id=1",
-                                    "7|A|2|0||0",
-                                    "7|A|2|0|/a|0|2|-|",
-                                    "7|A|2|0|/\x01|0",
-                                    "7|A|2|0|/a|0|0|-|-|Shop=\xFF|-",
-                                    "8|x",
-                                    "3|x",
-                                    "hello",
-                                    "|",
-                                    "5|0",
-                                    "5|9999999999",
-                                    "2|1|r|n|-|1|5|GET",
-                                    "2|1|r|n|-|1|5|GET|-|-",
-                                    "2|1|r|n|-|1|5||-",
-                                    "2|1|r|n|-|1|5|FETCH|-",
-                                    "2|9|r|n|-|1|5|GET|-",
-                                    "2|2|r|n|-|1|5|[input1=contains]|-",
-                                    "2|2|r|n|-|1|5|nothing|-",
-                                    "2|3|r|n|-|1|5|[input1=]|-",
-                                    "2|2|r|n|-|1|5|[input1=contains&&input2=\xC3\xA9]|-",
-                                    "1|1|n|d|x|-|-|-",
-                                    "no rule"};
-    for (const std::string& bad : badLines) {
+    std::istringstream badLines(
+        "7|\n7|A|2|0|/a\n7|A|65536|0|/a|0\n7|A|99999999999999|0|/a|0\n7|A|2|0|/a|0|2|-\n"
+        "7|A|2|0|/a|0|3|id=1\n7|A|2|0||0\n7|A|2|0|/a|0|2|-|\n7|A|2|0|/\x01|0\n"
+        "7|A|2|0|/a|0|0|-|-|Shop=\xFF|-\n8|x\n3|x\nhello\n|\n5|0\n5|9999999999\n2|1|r|n|-|1|5|GET\n"
+        "2|1|r|n|-|1|5|GET|-|-\n2|1|r|n|-|1|5||-\n2|1|r|n|-|1|5|FETCH|-\n2|9|r|n|-|1|5|GET|-\n"
+        "2|2|r|n|-|1|5|[input1=contains]|-\n2|2|r|n|-|1|5|nothing|-\n2|3|r|n|-|1|5|[input1=]|-\n"
+        "2|2|r|n|-|1|5|[input1=contains&&input2=\xC3\xA9]|-\n1|1|n|d|x|-|-|-\nno rule\n");
+    for (std::string bad; std::getline(badLines, bad);) {
         const auto faults = faultsOf(bad + "\n" + good + bad + "\n");
         ASSERT_EQ(faults.size(), 3U) << bad;
         EXPECT_NE(faults.at(1), "") << bad;
