@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -174,6 +175,8 @@ bool SqliteSink::create() {
 
 // All steps or none: the file is of one version at any time.
 bool SqliteSink::bringUp(int version) {
+    std::fprintf(stderr, "vxcollector: %s gets the tables of version %d, which may take a while\n",
+                 path_.c_str(), kSchemaVersion);
     bool done = run("BEGIN IMMEDIATE");
     while (done && ++version <= kSchemaVersion)
         for (const char* step : sqliteSteps(version)) done = done && run(step);
