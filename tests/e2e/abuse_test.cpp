@@ -105,8 +105,9 @@ TEST_P(Abused, ServiceKeepsItsPaceItsSumsAndItsSize) {
                                             "bciDataBufferMaxCount=20\n")});
     startService();
     makeInstance("good");
-    const auto good =
-        startLoad({"--app", "good", "--rate", "300", "--transactions", "1200", "--duration", "100"});
+    // All of them would fit into the agent's queue, should the machine stop the service.
+    const auto good = startLoad(
+        {"--app", "good", "--rate", "300", "--transactions", "1200", "--calls", "2", "--duration", "100"});
     ASSERT_TRUE(arrive(30)) << traceText();
     commit(1);  // what is made once is made now
     // The good application, what the abuse is taken for, and the last one.
