@@ -149,11 +149,6 @@ void vxCloseAgentWs(VXAgentWs& record) {
     if (record.wsi) lws_set_timeout(record.wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
 }
 
-void vxPartAgentWs(VXAgentWs& record) {
-    constexpr auto kFarewell = static_cast<pending_timeout>(PENDING_TIMEOUT_USER_REASON_BASE + 2);
-    if (!record.closing && record.wsi) lws_set_timeout(record.wsi, kFarewell, kAgentFarewellSeconds);
-}
-
 void vxAgentWsPeer(const VXAgentWs& record, char* ip, std::size_t size, int* port) {
     const int descriptor = record.wsi ? lws_get_socket_fd(record.wsi) : -1;
     if (descriptor >= 0) vx_platform_connection_end(descriptor, false, ip, size, port);

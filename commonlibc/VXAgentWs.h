@@ -29,7 +29,6 @@ namespace vx {
 inline constexpr std::size_t kAgentBlockFull = 1048576;
 inline constexpr std::size_t kAllAgentBlocks = 134217728;
 inline constexpr std::size_t kAllAgentParts = 16777216;
-inline constexpr int kAgentFarewellSeconds = 10;
 
 struct VXAgentMessage;
 
@@ -60,8 +59,6 @@ VXAgentWs* vxMakeAgentWs(lws* wsi);
 void vxFreeAgentWs(VXAgentWs* record);
 // Takes it from its process and has the library end it soon: also from within a callback.
 void vxCloseAgentWs(VXAgentWs& record);
-// The process has gone: ends behind what it has sent, by its own end, at most kAgentFarewellSeconds later.
-void vxPartAgentWs(VXAgentWs& record);
 // Peer's address and port; "" and 0 when they are not known.
 void vxAgentWsPeer(const VXAgentWs& record, char* ip, std::size_t size, int* port);
 

@@ -1,8 +1,7 @@
 // Events of identified connections: what is readable is read, what has gone is closed.
 //
-//     control       its end closes all connections of the process and frees the record; what the data
-//     connection
-//                   has brought until then is read before
+//     control       its end closes all connections of the process and frees the record; what a plain data
+//                   connection has brought until then is read before
 //     the others    their end frees the record when no control, data or auto-sensor connection is left
 //
 // Threads   The listener.

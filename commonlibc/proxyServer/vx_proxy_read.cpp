@@ -258,9 +258,12 @@ void vxReadLastRecords(const epollPtr_t& address) {
     apr_socket_t* socket = processAt(app, address.procIndex)->data.get();
     if (!socket) return;
     vxSetCurrent(&app);
-    for (int reads = 0; reads < kLastReads; ++reads)
+    for (int reads = 0; reads < kLastReads; ++reads) {
+        int atEnd = 0;  // which the caller traces, if anybody
+        if (apr_socket_atreadeof(socket, &atEnd) != APR_SUCCESS || atEnd) return;
         if (readDataFromSocket(socket, VXProxy.dataBuf, address.appIndex, address.procIndex) != kReadDone)
             return;
+    }
 }
 
 }  // namespace vx

@@ -306,10 +306,8 @@ VXConnection vxConnectionOf(const processInfo_t& process, const apr_socket_t* so
 
 void closeAllConnectionsOfProcess(std::int32_t appIndex, std::int32_t procIndex) {
     processInfo_t& process = *processAt(*instanceAt(appIndex), procIndex);
-    VXAgentWs* const data = process.dataWs.load(std::memory_order_relaxed);
     for (const VXConnection kind : {VXConnection::kControl, VXConnection::kData, VXConnection::kAutoSensor})
-        if (!data || kind != VXConnection::kData) vxCloseConnection(process, kind, true);
-    if (data) vxPartAgentWs(*data);  // the library reads it in its own time
+        vxCloseConnection(process, kind, true);
     process.pid.store(kFreePid, std::memory_order_release);
 }
 

@@ -34,7 +34,8 @@
  *           what its record has room for, and headers beyond that are left out.
  * Errors    vxagent_open() answers null; no other call fails. A null agent is passed over.
  * Lifetime  A process opens its agents after fork(), not before: in a child, the agents of its parent report
- *           nothing, and closing them there changes nothing for the parent. Texts are copied.
+ *           nothing, and closing them there changes nothing for the parent (a child that has closed all
+ *           descriptors by itself leaves them alone). Texts are copied.
  * Threads   Any thread may report; vxagent_close() comes last.
  */
 #ifndef VXAGENT_H

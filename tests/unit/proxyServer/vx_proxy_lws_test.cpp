@@ -14,11 +14,9 @@
 #include "commonlibc/proxyServer/vx_proxy_lws_callbacks.h"
 #include "commonlibc/proxyServer/vx_proxy_read.h"
 #include "commonlibc/proxyServer/vx_proxy_registry.h"
-#include "commonlibc/vxlb_guard.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/listener_fixture.h"
 #include "tests/support/program.h"
-#include "tests/support/record_stream.h"
 #include "tests/support/ws_bridge.h"
 #include "tests/support/ws_peer.h"
 
@@ -79,43 +77,16 @@ TEST_F(WebSocketListener, ServesAProcessFromItsRegistrationToItsEnd) {
     classes.send("are you there", kWsPing);
     EXPECT_EQ(classes.read(), "are you there") << "a list of classes comes in a message of any length";
 
-    WsPeer sensor(port), early(port), again = process(2);
+    WsPeer data(port), early(port), again = process(2);
     EXPECT_EQ(again.read(), reply(1)) << "the process has come back: its place is the same";
     EXPECT_TRUE(agent.peer.ended());
-    sensor.send(line("auto_sensor_thread_hotspot_data_req:", 2));
+    data.send(line(kData, 2));
     early.send(line(kData, 77));
     EXPECT_TRUE(early.peer.ended()) << "the control connection comes first";
-    ASSERT_TRUE(eventually([] { return record(1).asWs.load() != nullptr; }));
-    again.peer.close();
-    EXPECT_TRUE(sensor.peer.ended()) << "with the control connection all of them end";
-    EXPECT_EQ(process(3).read(), reply(1)) << "the place is free";
-}
-
-// The data connection was killed with the control connection, over the records that it still had to bring.
-TEST_F(WebSocketListener, ReadsTheRecordsOfAProcessThatExitsToTheirEnd) {
-    startListening();
-    WsPeer agent = process(2), data(port);
-    ASSERT_EQ(agent.read(), reply(1));
-    data.send(line(kData, 2));
     ASSERT_TRUE(eventually([] { return record(1).dataWs.load() != nullptr; }));
-    vxApplication& app = *instanceAt(1);  // its links seem to stand; its transaction 7 is not there
-    for (VXSharedSocket* link : {&app.control.controlSocket, &app.data.dataSocket})
-        link->socket = VXProxy.listenSocket;
-    const std::string frame = entryFrame(7, "A.b", 1);
-    std::string records;
-    while (records.size() < 2 * kReadBufSize) records += frame;
-    const int room = 4 * kReadBufSize;
-    ::setsockopt(data.peer.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
-    {
-        const VXGuard busy(app.decoder.decodeMutex);
-        ASSERT_TRUE(data.send(records, kWsBinary));
-        agent.peer.close();
-        data.peer.close();
-    }
-    const std::uint64_t count = records.size() / frame.size();
-    EXPECT_TRUE(eventually([&] { return app.decoder.messagesRefused == count; }))
-        << app.decoder.messagesRefused << " of " << count;
-    for (VXSharedSocket* link : {&app.control.controlSocket, &app.data.dataSocket}) link->socket = nullptr;
+    again.peer.close();
+    EXPECT_TRUE(data.peer.ended()) << "with the control connection all of them end";
+    EXPECT_EQ(process(3).read(), reply(1)) << "the place is free";
 }
 
 TEST_F(WebSocketListener, GivesFilesWholeHoweverManyAreAskedForAtOnce) {
