@@ -13,12 +13,14 @@ namespace vx::collector {
 
 namespace {
 
+constexpr const char* kTooMany = "too many questions wait to be answered";
 constexpr std::size_t kPart = 16 * 1024;  // of an answer, at a time
 constexpr std::size_t kMostAtOnce = 64 * 1024;
 constexpr std::size_t kHeadRoom = 4096;
 constexpr std::int64_t kTickUs = 1'000'000;
 constexpr int kNiceness = 10;
 constexpr unsigned kOwnDescriptors = 8;  // of the library itself
+constexpr int kStepsOfAnEnd = 2;         // the first may only begin it
 
 std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -172,9 +174,11 @@ void PageServer::run() {
 int PageServer::lineUp(lws* wsi, Exchange& exchange) {
     const PageTurn turn = turns_(exchange.request);
     if (turn == PageTurn::kNow) return answer(wsi, exchange);
-    if (!takesMore(turn)) return refuse(wsi, exchange, 503, "too many questions wait to be answered");
+    if (!takesMore(turn)) return refuse(wsi, exchange, 503, kTooMany);
     exchange.turn = turn;
     exchange.stage = Stage::kInLine;
+    exchange.deadline = nowSeconds() + patience_.answer;
+    lws_set_timeout(wsi, NO_PENDING_TIMEOUT, 0);  // the library's, for what is to come: all has
     (turn == PageTurn::kSoon ? soon_ : late_).push_back(wsi);
     return 0;
 }
@@ -183,26 +187,30 @@ int PageServer::lineUp(lws* wsi, Exchange& exchange) {
 bool PageServer::takesMore(PageTurn turn) {
     const std::int64_t stalled = nowMs() - kStalledMs;
     const std::size_t most = turn == PageTurn::kSoon ? kMostSoon : kMostLate;
-    std::size_t held = 0;
-    lws* oldest = nullptr;
-    for (const auto& [wsi, exchange] : exchanges_) {
-        if (exchange->turn != turn) continue;
-        ++held;
-        if (mayGiveWay(wsi, stalled) && (!oldest || moved_.at(wsi) < moved_.at(oldest))) oldest = wsi;
+    for (int step = 0;; ++step) {
+        std::size_t held = 0;
+        lws* oldest = nullptr;
+        for (const auto& [wsi, exchange] : exchanges_) {
+            if (exchange->turn != turn) continue;
+            ++held;
+            if (mayGiveWay(wsi, stalled) && (!oldest || moved_.at(wsi) < moved_.at(oldest))) oldest = wsi;
+        }
+        if (held < most || !oldest || step == kStepsOfAnEnd) return held < most;
+        lws_set_timeout(oldest, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_SYNC);
     }
-    if (held < most) return true;
-    if (oldest) lws_set_timeout(oldest, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_SYNC);
-    return oldest != nullptr;
 }
 
-// It is answered when the library says that it can be written to; the next turn does not wait for that.
+// It is answered when the library says that it can be written to; the next turn does not wait for that. Who
+// has waited for too long has given up, as browsers do: no work for nobody.
 void PageServer::callUp() {
     if (soon_.empty() && late_.empty()) return;
     std::deque<lws*>& line = soon_.empty() || (lateNext_ && !late_.empty()) ? late_ : soon_;
     lateNext_ = !lateNext_;
     lws* wsi = line.front();
     line.pop_front();
-    exchanges_.at(wsi)->stage = Stage::kCalled;
+    Exchange& exchange = *exchanges_.at(wsi);
+    exchange.stage = exchange.deadline < nowSeconds() ? Stage::kTooLate : Stage::kCalled;
+    exchange.deadline = nowSeconds() + patience_.answer;
     lws_callback_on_writable(wsi);
     lws_cancel_service(context_);
 }
@@ -216,13 +224,14 @@ void PageServer::drop(lws* wsi) {
 void PageServer::endLate() {
     const std::int64_t now = nowSeconds();
     for (const auto& [wsi, exchange] : exchanges_)
-        if (exchange->deadline < now) lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
+        if (exchange->stage != Stage::kInLine && exchange->deadline < now)
+            lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
 }
 
 // Whoever sends a request byte by byte, or does not read, keeps nobody else out.
 bool PageServer::hasPlace() {
     const std::int64_t stalled = nowMs() - kStalledMs;
-    for (int step = 0; step < 2 && moved_.size() >= kMostConnections; ++step) {  // the first may only begin
+    for (int step = 0; step < kStepsOfAnEnd && moved_.size() >= kMostConnections; ++step) {
         lws* oldest = nullptr;
         for (const auto& [wsi, at] : moved_)
             if (mayGiveWay(wsi, stalled) && (!oldest || at < moved_[oldest])) oldest = wsi;
@@ -374,6 +383,7 @@ int PageServer::sendSome(lws* wsi) {
     if (at == exchanges_.end()) return 0;
     Exchange& exchange = *at->second;
     if (exchange.stage == Stage::kCalled) return answer(wsi, exchange);
+    if (exchange.stage == Stage::kTooLate) return refuse(wsi, exchange, 503, kTooMany);
     if (exchange.stage != Stage::kSending) return 0;
     if (exchange.bare) return finish(wsi);
     const std::string_view rest = exchange.bytes().substr(exchange.sent);

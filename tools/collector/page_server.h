@@ -13,7 +13,8 @@
 //           its answer has not been taken, or nothing was asked in the time of PagePatience. When all places
 //           are taken, the one in which nothing has moved for longest gives way to a new one, unless it
 //           waits in line. Of either line kMostSoon and kMostLate wait or have not taken their answer; a
-//           question beyond is refused, unless one of them has stalled.
+//           question beyond is refused, unless one of them has stalled, and so is one that waits in line for
+//           longer than an answer may take.
 // Lifetime  stop() (or the end of the object) ends the thread; the handler must outlive it.
 // Threads   start() and stop() of one thread.
 #pragma once
@@ -62,8 +63,9 @@ public:
     std::uint64_t refused() const { return refused_.load(std::memory_order_relaxed); }
 
 private:
-    // A request comes, is in line where it may take long, is called up, and its answer is sent.
-    enum class Stage { kComing, kInLine, kCalled, kSending };
+    // A request comes, is in line where it may take long, is called up (in time or not), and its answer is
+    // sent.
+    enum class Stage { kComing, kInLine, kCalled, kTooLate, kSending };
     // One request on its way, and its answer.
     struct Exchange {
         Stage stage = Stage::kComing;

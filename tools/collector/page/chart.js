@@ -9,8 +9,9 @@ const WHOLE = [0, 1, 2, 3, 4, 5, 6].flatMap(
     (power) => [1, 2, 5].map((n) => n * 10 ** power));  // steps of an axis of counts
 
 // Seconds between the words of a time axis, which tell hours and minutes.
-const MOMENTS =
-    [1, 2, 5, 10, 15, 30, 60, 120, 180, 240, 360, 720, 1440, 2880, 10080].map((minutes) => minutes * 60);
+const MOMENTS = [
+    1, 2, 5, 10, 15, 30, 60, 120, 180, 240, 360, 720, 1440, 2880, 10080, 43200, 129600, 525600
+].map((minutes) => minutes * 60);
 
 let charts = 0;  // made so far, for ids
 
