@@ -21,6 +21,7 @@ TEST_P(FunctionLives, DeliverEveryTransactionAndGiveBackWhatTheyHeld) {
     collectorWay = GetParam();
     startCollector();
     startService();
+    ASSERT_TRUE(eventually([&] { return occurrences(traceText(), "created socket for UDP") == 1; }));
     makeInstance("shop");
     const int descriptors = descriptorsOf(service->pid());
     for (int life = 1; life <= 2; ++life) {

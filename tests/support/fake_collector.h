@@ -70,7 +70,11 @@ public:
     // Lines up to the first that begins with `prefix` (the last element), or to the end of the stream.
     std::vector<std::string> readLinesUpTo(const std::string& prefix, double seconds = kPeerSeconds) {
         std::vector<std::string> lines;
-        do lines.push_back(readLine(seconds));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        const auto left = [&] {
+            return std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
+        };
+        do lines.push_back(readLine(left()));
         while (lines.back() != kNoLine && !lines.back().starts_with(prefix));
         return lines;
     }

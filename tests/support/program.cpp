@@ -33,7 +33,8 @@ bool reserve(int port) {
     byte.l_whence = SEEK_SET;
     byte.l_start = port;
     byte.l_len = 1;
-    const bool taken = file >= 0 && ::fcntl(file, F_SETLK, &byte) != 0;
+    const bool taken =
+        file >= 0 && ::fcntl(file, F_SETLK, &byte) != 0 && (errno == EACCES || errno == EAGAIN);
     return !taken && own.insert(port).second;
 }
 

@@ -119,6 +119,18 @@ TEST_F(Transfer, AResetCostsNothingThatTheOtherHostHadNotTaken) {
     expectSums();
 }
 
+TEST_F(Transfer, AConnectionClosedAgainstAStalledPeerCallsTheRestBack) {
+    openDumping(*app, 200, 30000);
+    FakePeer peer = connect();
+    writeUntilStalled();
+    fill(peer);
+    close();  // no time for it
+    note(peer.readToEnd());
+    EXPECT_LT(seen.size(), 20u);
+    vxDiscardChain(chain());
+    expectSums();
+}
+
 // The head of the read list holds `text` and goes on with a record given back when `torn`; the connection is
 // lost with `missing` of `sent` bytes. What the next one gets, and what is counted.
 TEST_F(Transfer, ANewConnectionBeginsWithAWholeRecord) {

@@ -172,7 +172,7 @@ TEST_F(ReadTest, WhatTheDecoderLeftStandsInFrontOfTheNextReadOfItsOwnConnection)
 TEST_F(ReadTest, RecordsThatAProcessHasSentAreReadBeforeItsConnectionsAreClosed) {
     const std::string frame = entryFrame(7, "A.b", 1);
     std::string records;
-    while (records.size() < 3 * kReadBufSize) records += frame;
+    while (records.size() < 2 * kReadBufSize) records += frame;
     Agent data = further(kConTypeData);
     const int room = 16 * kReadBufSize;
     ::setsockopt(data.peer.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));

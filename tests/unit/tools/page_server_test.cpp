@@ -2,6 +2,8 @@
 #include "tools/collector/page_server.h"
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <latch>
@@ -176,6 +178,11 @@ TEST(PageServerTurns, LongQuestionsHoldUpNobodyElse) {
         const auto left = std::distance(peer, peers.end());
         ask(*peer, left == 1 ? "/now" : left == 2 ? "/soon" : "/late", "Connection: close\r\n");
     }
+    for (const FakePeer& peer : peers)  // all are there when the server looks again
+        ASSERT_TRUE(test::eventually([&] {
+            int underway = 1;
+            return ::ioctl(peer.descriptor(), SIOCOUTQ, &underway) == 0 && underway == 0;
+        }));
     go.count_down();
     int refused = 0;
     for (FakePeer& peer : peers) refused += test::occurrences(peer.readToEnd(), "HTTP/1.1 503 ");
