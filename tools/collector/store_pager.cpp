@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tools/collector/store_rows.h"
+
 namespace vx::collector {
 
 namespace {
 
-constexpr std::int64_t kFirstWindowMs = 10'000, kWidestWindowMs = 10 * 86'400'000LL;
+constexpr std::int64_t kWindowMs = 10'000;
+constexpr std::int64_t kFirstStretchMs = 3'600'000, kWidestStretchMs = 30 * 86'400'000LL;
 constexpr int kNoColumn = -1;
 
 int placeOf(const Table& table, const char* name) {
@@ -27,6 +30,18 @@ std::string foldedColumn(const Table& table, const Column& column, const Databas
     return hasLast ? "argMax(" + name + ", last)" : "any(" + name + ")";
 }
 
+// Of a table in a file, by its keys alone: where others come before the time, it is asked below each of them.
+Sql greatestTime(const Table& table) {
+    const std::string greatest = "SELECT max(at) AS at FROM " + std::string(table.name);
+    if (placeOf(table, "at") == 0) return Sql(greatest);
+    std::string all;
+    for (const std::int64_t step : {kSumStep, kLongSumStep})
+        for (std::size_t kind = 0; kind < kMonitoredKinds; ++kind)
+            all += (all.empty() ? "" : " UNION ALL ") + greatest + " WHERE step = " + std::to_string(step) +
+                   " AND kind = " + std::to_string(kind);
+    return Sql("SELECT max(at) FROM (" + all + ")");
+}
+
 }  // namespace
 
 StorePager::StorePager(Database& database, const Table& table, TimeSpan span, std::size_t rows)
@@ -43,7 +58,8 @@ StorePager::StorePager(Database& database, const Table& table, TimeSpan span, st
 // What there is now: who reads slower than others write would never come to an end.
 Answered StorePager::begin(std::string& error) {
     begun_ = true;
-    if (!hasTime_ || (!database_.findsByTime() && !ofTransactions_)) return Answered::kOk;
+    if (!hasTime_) return Answered::kOk;
+    if (!database_.findsByTime() && !ofTransactions_) return clipToNow(error);
     const bool byTime = database_.findsByTime();
     const std::string column = byTime ? "at" : "id", table = byTime ? table_.name : "transactions";
     Sql bounds("SELECT min(" + column + "), max(" + column + "), count(*) FROM " + table);
@@ -56,8 +72,16 @@ Answered StorePager::begin(std::string& error) {
     const Answered answer = database_.select(bounds, take, error);
     if (!byTime) ids_ = found;
     if (byTime) span_ = {found.from, found.to + 1};
-    window_ = {span_.from, std::min(span_.from + kFirstWindowMs, span_.to)};
+    window_ = windowAt(span_.from, kWindowMs);
     return answer;
+}
+
+// What adds up has no number of its own: later times stay out.
+Answered StorePager::clipToNow(std::string& error) {
+    const auto take = [this](const ResultRow& row) {
+        if (row.number(0) < span_.to) span_.to = row.number(0) + 1;
+    };
+    return database_.select(greatestTime(table_), take, error);
 }
 
 // In a file each page has to find its first row by the keys. So behind the first page nothing else says where
@@ -118,28 +142,55 @@ Answered StorePager::page(const Database::Take& take, std::size_t& taken, std::s
     return database_.select(statement(), takeOne, error);
 }
 
-// A full page goes on behind its last row. False at the end.
-bool StorePager::moveWindow(std::size_t taken) {
-    const bool full = taken == rows_;
-    if (!hasTime_ || !database_.findsByTime()) return full;
-    std::int64_t width = window_.to - window_.from;
+TimeSpan StorePager::windowAt(std::int64_t from, std::int64_t width) const {
+    return {from, from + std::min(width, span_.to - from)};
+}
+
+// A full page goes on behind its last row.
+Answered StorePager::moveWindow(std::size_t taken, std::string& error) {
+    const bool full = taken == rows_, few = taken < rows_ / 2;
+    over_ = !full;
+    if (!hasTime_ || !database_.findsByTime()) return Answered::kOk;
+    const std::int64_t width = std::clamp<std::int64_t>(window_.to - window_.from, 1, kWindowMs);
     if (full) {
         // The rows of the rest of a window are looked at for each of its pages.
-        const std::int64_t last = std::get<std::int64_t>(last_[0]);
-        window_ = {last, std::min(last + std::max<std::int64_t>(width / 2, 1), span_.to)};
-        return true;
+        window_ = windowAt(std::get<std::int64_t>(last_[0]), std::max<std::int64_t>(width / 2, 1));
+        return Answered::kOk;
     }
-    if (taken < rows_ / 2) width = std::min(std::max(width, std::int64_t{1}) * 2, kWidestWindowMs);
     last_.clear();
-    window_ = {window_.to, std::min(window_.to + width, span_.to)};
-    return window_.from < span_.to;
+    window_ = windowAt(window_.to, few ? std::min(width * 2, kWindowMs) : width);
+    over_ = window_.from >= span_.to;
+    return few && width == kWindowMs && !over_ ? findWindow(error) : Answered::kOk;
+}
+
+// Where few rows come: the window that holds a page of them. What ends a quiet time may be dense, so no
+// window is made wide without a look: only times are read for it, and of stretches, not of all that is left.
+Answered StorePager::findWindow(std::string& error) {
+    Answered answer = Answered::kOk;
+    std::size_t found = 0;
+    std::int64_t width = kFirstStretchMs;
+    for (TimeSpan stretch = window_; answer == Answered::kOk && !found && stretch.from < span_.to;) {
+        stretch = windowAt(stretch.from, width);
+        Sql sql("SELECT max(at), count(*) FROM (SELECT at FROM " + std::string(table_.name));
+        sql.add(" WHERE at >= ?", stretch.from).add(" AND at < ?", stretch.to);
+        sql.add(" ORDER BY at LIMIT ?)", static_cast<std::int64_t>(rows_));
+        const auto take = [&](const ResultRow& row) {
+            found = static_cast<std::size_t>(row.number(1));
+            window_ = {stretch.from, found < rows_ ? stretch.to : row.number(0) + 1};
+        };
+        answer = database_.select(sql, take, error);
+        stretch.from = stretch.to;
+        width = std::min(width * 2, kWidestStretchMs);
+    }
+    over_ = !found;
+    return answer;
 }
 
 Answered StorePager::next(const Database::Take& take, std::string& error) {
     Answered answer = begun_ ? Answered::kOk : begin(error);
     for (std::size_t taken = 0; answer == Answered::kOk && !over_ && taken == 0;) {
         answer = page(take, taken, error);
-        if (answer == Answered::kOk) over_ = !moveWindow(taken);
+        if (answer == Answered::kOk) answer = moveWindow(taken, error);
     }
     over_ = over_ || answer != Answered::kOk;
     return answer;

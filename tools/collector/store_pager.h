@@ -5,11 +5,11 @@
 // other way to find some of them; there rows of one key are added up first, so that both tell the same.
 //
 //     file      key ............ key | next page ............      what comes behind the beginning's last id
-//     server    at ... window | window, twice as wide when the last one was nearly empty ...    stays out
+//     server    at ... window | window, as wide as a page needs    or time stays out
 //
 // Units     Times are milliseconds since the Unix epoch; the span holds its `from` and not its `to`. Tables
 //           without a column `at` are told whole.
-// Limits    A page has at most the rows asked for.
+// Limits    A page has at most the rows asked for; a server adds up what lies in some seconds for it.
 // Threads   One.
 #pragma once
 
@@ -33,11 +33,14 @@ public:
 
 private:
     Answered begin(std::string& error);
+    Answered clipToNow(std::string& error);
     Answered page(const Database::Take& take, std::size_t& taken, std::string& error);
     void addBounds(Sql& sql) const;
     Sql statement() const;
     void remember(const ResultRow& row);
-    bool moveWindow(std::size_t taken);
+    TimeSpan windowAt(std::int64_t from, std::int64_t width) const;
+    Answered moveWindow(std::size_t taken, std::string& error);
+    Answered findWindow(std::string& error);
 
     Database& database_;
     const Table& table_;

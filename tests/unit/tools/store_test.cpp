@@ -15,6 +15,7 @@
 #include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
 #include "tools/collector/collector_runs.h"
+#include "tools/collector/store_pager.h"
 #include "tools/collector/store_query.h"
 #include "tools/collector/store_sums.h"
 
@@ -432,6 +433,20 @@ TEST_F(StoreTest, ExportsWholePagesAndTellsWhereItCannot) {
     EXPECT_EQ(lines(exported({"--db", file, "--format", "csv", "--to", std::to_string(now - 100'000)}).text,
                     "\r\n"),
               451U);
+    std::string error;
+    const std::size_t stored = std::stoul(execute(file, "SELECT count(*) FROM sums"));
+    const auto database = openSqlite(file, kQueryTimeMs, error);
+    StorePager pager(*database, tableOf(kSums), {}, 1);
+    std::size_t paged = 0;
+    for (bool more = true; std::exchange(more, false) && paged <= stored;) {
+        EXPECT_EQ(pager.next([&](const ResultRow&) { more = true; }, error), Answered::kOk) << error;
+        paged += more;
+        execute(
+            file,
+            "INSERT INTO sums SELECT DISTINCT step, kind, (SELECT max(at) + 1 FROM sums), 1, 'x', 1, 1, 0, "
+            "0, 0, 0, 1, 1, 1 FROM sums");
+    }
+    EXPECT_EQ(paged, stored) << "what comes behind its beginning stays out, or it would never end";
     execute(file, "DELETE FROM records WHERE tx % 2");
     EXPECT_EQ(lines(exported(otlp).text, "\"kind\":2"), 225U) << "without its records it is not told";
     const std::string before = test::fileText(file);
