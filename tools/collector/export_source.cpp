@@ -93,12 +93,12 @@ Answered ExportSource::readCallers(const std::vector<TransactionRow>& rows) {
     Answered answer = Answered::kOk;
     for (int tier = 0; tier < kMostTiers && !wanted.empty() && answer == Answered::kOk; ++tier) {
         answer = findCallers(wanted, {span.from - 10 * kMinuteMs, span.to + 10 * kMinuteMs});
-        // Where that is not all there is anyway: clocks differ by a day at most.
         std::vector<std::int64_t> missing, above;
         for (const std::int64_t flowpath : wanted)
             if (!callers_.contains(flowpath)) missing.push_back(flowpath);
+        // Where that is not all there is anyway: clocks differ by a day at most.
         if (answer == Answered::kOk && !missing.empty() && database_.findsByTime())
-            answer = findCallers(missing, {span.from - kDayMs, span.to + kDayMs});
+            answer = findFarCallers(missing, {span.from - kDayMs, span.to + kDayMs});
         for (const std::int64_t flowpath : wanted) {
             const auto found = callers_.find(flowpath);
             if (found == callers_.end() || !found->second.previous) continue;
@@ -120,6 +120,20 @@ Answered ExportSource::findCallers(const std::vector<std::int64_t>& flowpaths, T
         callers_.try_emplace(row.flowpath, std::move(row));
     };
     return database_.select(sql, take, error_);
+}
+
+// Reads two days for what mostly is stored nowhere: sampled out, or given up. All can be told without it, so
+// a look that takes too long counts as many that found nothing.
+Answered ExportSource::findFarCallers(const std::vector<std::int64_t>& flowpaths, TimeSpan around) {
+    if (vainLooks_++ >= kMostVainLooks && vainLooks_ % kMostVainLooks != 0) return Answered::kOk;
+    const std::size_t before = callers_.size();
+    const Answered answer = findCallers(flowpaths, around);
+    if (answer == Answered::kCut) {
+        vainLooks_ = std::max(vainLooks_, kMostVainLooks);
+        return Answered::kOk;
+    }
+    if (callers_.size() > before) vainLooks_ = 0;
+    return answer;
 }
 
 Answered ExportSource::readInstances(const std::vector<TransactionRow>& rows) {

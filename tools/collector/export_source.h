@@ -5,7 +5,8 @@
 //
 // Errors    kCut and kFailed with the reason in error(): what is asked for is not whole.
 // Limits    kExportPage transactions in a page; names that are remembered: kMostNameBytes, then they are
-//           asked for again.
+//           asked for again. A server is not always asked for callers by a clock more than ten minutes off:
+//           behind kMostVainLooks in a row that found none only once in so many times.
 // Threads   One.
 #pragma once
 
@@ -26,6 +27,7 @@ namespace vx::collector {
 inline constexpr std::size_t kExportPage = 200;
 inline constexpr std::size_t kMostNameBytes = std::size_t{32} * 1024 * 1024;
 inline constexpr int kMostTiers = 16;  // of a chain of callers
+inline constexpr std::uint64_t kMostVainLooks = 50;
 
 class ExportSource {
 public:
@@ -49,6 +51,7 @@ private:
     Answered readLines(const std::vector<TransactionRow>& rows);
     Answered readCallers(const std::vector<TransactionRow>& rows);
     Answered findCallers(const std::vector<std::int64_t>& flowpaths, TimeSpan around);
+    Answered findFarCallers(const std::vector<std::int64_t>& flowpaths, TimeSpan around);
     Answered readInstances(const std::vector<TransactionRow>& rows);
     const NamesInTime& namesOf(const NameId& id, Answered& worst);
     void forgetYoungNames(std::int64_t at);
@@ -60,8 +63,8 @@ private:
     std::map<std::int64_t, InstanceRow> instances_;
     std::map<NameId, NamesInTime> names_;
     std::size_t nameBytes_ = 0;
-    std::int64_t namesAt_ = 0;  // since when they are remembered
-    std::uint64_t withoutRecords_ = 0;
+    std::int64_t namesAt_ = 0;                          // since when they are remembered
+    std::uint64_t withoutRecords_ = 0, vainLooks_ = 0;  // the latter in a row
     std::string error_;
 };
 
