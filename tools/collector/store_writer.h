@@ -7,7 +7,7 @@
 //
 // Lifetime  The end writes what waits. A sink that does not take it within kLastTries, or kLastTime since the
 //           end began (however long ago the write began that goes on then), is given up, and the rest counts
-//           as lost.
+//           as lost. The time is looked at between tries: one that has begun is waited for.
 // Threads   Its own; status() by any.
 #pragma once
 
