@@ -74,6 +74,8 @@ TEST_P(WebSockets, OfAnotherMakingUnderstandOurs) {
     const auto relay = script({"ws_agent_relay.py", std::to_string(port), url}, "relaying");
     agentWay = "TCP";  // as far as the relay
     proxyRelayPort = port;
+    RawAgent first(port, "shop", 1);  // what comes before the link stands is lost
+    ASSERT_TRUE(first.start() && collector->outputHolds("data connection, path")) << collector->output();
     const auto load =
         startLoad({"--processes", "2", "--transactions", "200", "--rate", "500", "--duration", "100"});
     ASSERT_EQ(load->wait(150), 0) << load->output() << traceText();

@@ -85,18 +85,28 @@ void EndToEnd::startService(const std::string& moreSettings) {
 }
 
 std::unique_ptr<Program> EndToEnd::startLoad(const std::vector<std::string>& arguments) {
+    return startAgent("load", arguments);
+}
+
+std::unique_ptr<Program> EndToEnd::startAgent(const std::string& mode,
+                                              const std::vector<std::string>& arguments) {
     const std::string proxy = "127.0.0.1:" + std::to_string(proxyRelayPort ? proxyRelayPort : proxyPort);
     std::vector<std::string> command = commandOf(
-        "vxagent", "load --proxy " + proxy + " --app shop --tier Tier --server host7 --agent raw", arguments);
+        "vxagent", mode + " --proxy " + proxy + " --app shop --tier Tier --server host7 --agent raw",
+        arguments);
     if (agentWay != "TCP") command.push_back(agentWay == "WSS" ? "--wss" : "--ws");
     return std::make_unique<Program>(
-        Program::Setup{command, {}, dir / ("load" + std::to_string(++loads) + ".log")});
+        Program::Setup{command, {}, dir / (mode + std::to_string(++loads) + ".log")});
 }
 
 void EndToEnd::makeInstance(const std::string& application) {
-    if (agentWay != "TCP") return;  // vxagent, which waits for this by itself, is the only one there
-    RawAgent first(proxyPort, application, 1);
-    ASSERT_TRUE(first.start()) << traceText();
+    RawAgent first(proxyRelayPort ? proxyRelayPort : proxyPort, application, 1);
+    std::unique_ptr<Program> silent;
+    if (agentWay == "TCP")
+        ASSERT_TRUE(first.start()) << traceText();
+    else
+        silent =
+            startAgent("access-log", {"--app", application, "--follow", "--file", dir.write("empty", "")});
     for (const char* kind : {" data", " auto-sensor"})
         ASSERT_TRUE(collector->outputHolds(kind + (" connection of Tier/host7/" + application + "/raw")))
             << traceText();

@@ -25,6 +25,8 @@ protected:
     // `vxagent load` with the arguments given, towards the service; an agent of application "shop" unless
     // they name another.
     std::unique_ptr<Program> startLoad(const std::vector<std::string>& arguments);
+    // vxagent in another mode.
+    std::unique_ptr<Program> startAgent(const std::string& mode, const std::vector<std::string>& arguments);
     // Makes the instance of an application, and waits until its links stand: data that comes before that is
     // lost.
     void makeInstance(const std::string& application);
@@ -64,7 +66,7 @@ protected:
     // What the collector listens for and the service is told: "TCP", "WS" or "WSS".
     std::string collectorWay = "TCP";
     std::string serviceWay;         // what the service is told instead; empty: the same
-    std::string agentWay = "TCP";   // of agents to the service; over a WebSocket makeInstance() does nothing
+    std::string agentWay = "TCP";   // of agents to the service
     std::string proxySettings;      // further lines of proxysetting.conf
     int collectors = 0, loads = 0;  // started so far
     std::uint64_t delivered = 0;    // by deliver()
